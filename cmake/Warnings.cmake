@@ -1,0 +1,21 @@
+# One interface target carries what every translation unit of the project is compiled with.
+add_library(pkx509_options INTERFACE)
+target_compile_features(pkx509_options INTERFACE cxx_std_20)
+target_compile_options(pkx509_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
+  -Wnon-virtual-dtor -Wcast-qual -Wformat=2 -Wundef -Wmissing-declarations
+  # Source paths in assertion texts are relative to the project, so that builds are reproducible.
+  "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # g++ 12 takes the inlined small-string code of its own library for overlapping and overlong copies.
+  target_compile_options(pkx509_options INTERFACE
+    -Wno-array-bounds -Wno-restrict -Wno-stringop-overflow -Wno-stringop-overread)
+endif()
+if(PKX509_WARNINGS_AS_ERRORS)
+  target_compile_options(pkx509_options INTERFACE -Werror)
+endif()
+if(PKX509_SANITIZE)
+  target_compile_options(pkx509_options INTERFACE
+    "-fsanitize=${PKX509_SANITIZE}" -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(pkx509_options INTERFACE "-fsanitize=${PKX509_SANITIZE}")
+endif()

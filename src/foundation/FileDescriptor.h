@@ -1,0 +1,52 @@
+// Owner of a file descriptor, and the texts of failed system calls.
+#pragma once
+
+#include <velantrix/Exception.h>
+
+#include <string>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace Velantrix {
+
+/// Owns a file descriptor; -1 is none.
+class FileDescriptor {
+ public:
+  FileDescriptor() noexcept = default;
+  explicit FileDescriptor(int descriptor) noexcept : descriptor_(descriptor) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : descriptor_(other.release()) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    FileDescriptor old(std::exchange(descriptor_, other.release()));
+    return *this;
+  }
+  ~FileDescriptor() {
+    // Whether close() succeeds matters to nobody: what has to reach the disk was synced before.
+    if (descriptor_ >= 0) static_cast<void>(::close(descriptor_));
+  }
+
+  int get() const noexcept { return descriptor_; }
+  bool valid() const noexcept { return descriptor_ >= 0; }
+  int release() noexcept { return std::exchange(descriptor_, -1); }
+
+ private:
+  int descriptor_ = -1;
+};
+
+/// What goes into the exception for a system call that failed with @p error:
+/// "/path/of/file: Permission denied".
+inline std::string systemErrorText(const std::string& path, int error) {
+  return path + ": " + std::generic_category().message(error);
+}
+
+/// @p path for a system call, borrowed. A system call would silently stop at a NUL byte and so look
+/// at another file than the one named.
+inline const char* systemPath(const std::string& path) {
+  if (path.find('\0') != std::string::npos) {
+    throw Exception("File::Path", Exception::kFailure, "FileDescriptor", __LINE__)
+        .stringParameter(path + ": The name contains a NUL byte.");
+  }
+  return path.c_str();
+}
+
+}  // namespace Velantrix

@@ -1,0 +1,22 @@
+// Reads a whole file into memory, up to a limit.
+#pragma once
+
+#include <velantrix/File.h>
+
+#include <cstddef>
+#include <vector>
+
+namespace Velantrix {
+
+/// The largest input that is read. A CRL with a million entries is about 40 MiB in DER.
+inline constexpr std::size_t kMaxInputSize = std::size_t{128} * 1024 * 1024;
+
+/// The content of a regular file or a FIFO (a FIFO is read until its writers close it). Anything
+/// else is refused: a directory has no content and a device may have no end.
+///
+/// @throws Exception with the path and the reason when the file cannot be read, is neither of the
+/// two
+///         or is larger than @p limit
+std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit = kMaxInputSize);
+
+}  // namespace Velantrix

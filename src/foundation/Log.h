@@ -1,0 +1,28 @@
+// How the library writes its log lines.
+//
+//   log(kPriorityDebug, "Looking for CRLs of " + issuer.asString());
+#pragma once
+
+#include <string_view>
+
+namespace Velantrix {
+
+/// The category of this library's lines.
+inline constexpr unsigned int kCategory = 0x4000000;
+
+/// The two syslog priorities in use.
+inline constexpr int kPriorityInfo = 6;
+inline constexpr int kPriorityDebug = 7;
+
+/// Writes one line through `Logger::instance(false)`. Control characters (C0 and DEL) are written
+/// as \HH, so that a text from a stranger stays one line; the result is cut at 8 KiB. Whatever the
+/// logger throws is swallowed, and errno is left as it was: logging changes nothing for its caller.
+void log(int priority, std::string_view text) noexcept;
+
+/// Four lines of the library stand, by an old slip that readers of the logs know, in the place of
+/// their priority, and an empty text follows. What the log then shows is a number and an empty
+/// text; the number is always 0. The text goes nowhere: it is taken so that the caller still says
+/// what the line is about.
+void logMisplaced(std::string_view text) noexcept;
+
+}  // namespace Velantrix
