@@ -4,8 +4,8 @@
 //   verifier.isValid();
 //   EXPECT_TRUE(log.contains("is not valid")) << log.text();
 //
-// Captures nest: the inner one gets the lines, and the outer one is installed again afterwards. Lines
-// may come from several threads at once; a capture is made and destroyed by one of them.
+// Captures nest: the inner one gets the lines, and the outer one is installed again afterwards.
+// Lines may come from several threads at once; a capture is made and destroyed by one of them.
 #pragma once
 
 #include <velantrix/Logger.h>

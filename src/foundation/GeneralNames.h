@@ -1,0 +1,15 @@
+// Lists of general names out of OpenSSL's stacks.
+#pragma once
+
+#include <velantrix/GeneralName.h>
+
+#include <openssl/x509v3.h>
+
+#include <list>
+
+namespace Velantrix::Crypto::PKX509 {
+
+/// Copies of all names of @p names, in their order; none for null.
+std::list<RefGeneralName> generalNames(const GENERAL_NAMES* names);
+
+}  // namespace Velantrix::Crypto::PKX509

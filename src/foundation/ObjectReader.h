@@ -1,0 +1,32 @@
+// Finding certificates or CRLs in PEM and DER input.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace Velantrix::Crypto::PKX509 {
+
+/// What somebody looks for in an input.
+class ObjectSink {
+ public:
+  virtual ~ObjectSink();
+  /// Whether a PEM block with this label is of the kind looked for.
+  virtual bool wants(std::string_view label) const = 0;
+  /// Takes one DER encoding, borrowed.
+  /// @param label the PEM block's label, empty for an element of DER input
+  /// @return false when the octets are no object of the kind looked for, to the last one
+  virtual bool take(std::string_view label, const unsigned char* der, std::size_t length) = 0;
+};
+
+/// Hands every object of the kind that @p sink looks for to it, in the order of the input. The
+/// input is PEM, or DER objects end to end; an input of no octets holds nothing.
+///
+/// Objects of other kinds are passed over. In DER input they have to be recognised for that: an
+/// element that is nothing known is a broken object of the kind looked for rather than something
+/// else. No passphrase is ever asked for; an encrypted block of the kind looked for is malformed.
+///
+/// @throws Exception when something cannot be read, and whatever the sink throws; the sink may then
+///         have taken some of the objects
+void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink);
+
+}  // namespace Velantrix::Crypto::PKX509
