@@ -1,0 +1,71 @@
+#include "foundation/VerificationRun.h"
+
+#include "foundation/Log.h"
+
+#include <openssl/x509.h>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+thread_local VerificationRun* t_current = nullptr;
+}  // namespace
+
+VerificationRun::VerificationRun(Shelter /*shelter*/) noexcept
+    : target_(nullptr),
+      outer_(t_current),
+      level_(outer_ == nullptr ? 0 : outer_->level_),
+      totals_(outer_ == nullptr ? &own_ : outer_->totals_),
+      refusal_(nullptr) {
+  t_current = this;
+}
+
+VerificationRun::VerificationRun(const X509* target) noexcept
+    : target_(target),
+      outer_(t_current),
+      level_(outer_ == nullptr ? 1 : outer_->level_ + 1),
+      totals_(outer_ == nullptr ? &own_ : outer_->totals_),
+      refusal_(judge()) {
+  t_current = this;
+}
+
+VerificationRun::~VerificationRun() { t_current = outer_; }
+
+VerificationRun* VerificationRun::current() noexcept { return t_current; }
+
+const char* VerificationRun::judge() noexcept {
+  if (outer_ == nullptr) return nullptr;
+  if (++totals_->nested > kMaximumNested) return "too many nested verifications";
+  if (level_ > kMaximumLevel) return "verifications are nested too deep";
+  if (target_ == nullptr) return nullptr;
+  for (const VerificationRun* run = outer_; run != nullptr; run = run->outer_) {
+    if (run->target_ != nullptr && X509_cmp(run->target_, target_) == 0) {
+      return "its own verification depends on it";
+    }
+  }
+  return nullptr;
+}
+
+bool VerificationRun::admitLookup() {
+  if (t_current == nullptr) return true;
+  Totals& totals = *t_current->totals_;
+  if (totals.lookups < kMaximumLookups) {
+    ++totals.lookups;
+    return true;
+  }
+  if (totals.lookups == kMaximumLookups) {
+    ++totals.lookups;  // past the limit: the line below is written once
+    log(kPriorityDebug,
+        "Verifier: too many CRL look-ups, the rest of this verification finds no more CRLs");
+  }
+  return false;
+}
+
+void VerificationRun::park(std::exception_ptr exception) noexcept {
+  if (parked_ == nullptr) parked_ = std::move(exception);
+}
+
+void VerificationRun::rethrowParked() {
+  if (parked_ != nullptr) std::rethrow_exception(std::exchange(parked_, nullptr));
+}
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,99 @@
+// One run of a verification on this thread: what its callbacks leave behind, and what bounds it.
+//
+// OpenSSL calls back through C frames. An exception that unwinds through them leaks what libcrypto
+// holds, so a callback parks it here, answers "failed", and the verification throws it on when
+// OpenSSL has returned. Verifications nest, because the issuer of a CRL is verified while the
+// certificate that the CRL speaks about is; the runs of one thread form a stack.
+#pragma once
+
+#include <openssl/types.h>
+
+#include <exception>
+#include <utility>
+
+namespace Velantrix::Crypto::PKX509 {
+
+class VerificationRun {
+ public:
+  // The outermost run is level 1; a run on a deeper level than this one is refused.
+  static constexpr unsigned int kMaximumLevel = 8;
+  // How many nested runs one outermost run may start.
+  static constexpr unsigned int kMaximumNested = 64;
+  // How often one outermost run may ask a source for the CRLs of one name or URI.
+  static constexpr unsigned int kMaximumLookups = 256;
+
+  // Marks a frame that only parks exceptions, for OpenSSL calls of destructors. It is not counted.
+  struct Shelter {};
+
+  explicit VerificationRun(Shelter /*shelter*/) noexcept;
+  // Enters a run on this thread. The target is borrowed and outlives the run; it may be null.
+  explicit VerificationRun(const X509* target) noexcept;
+  ~VerificationRun();
+  VerificationRun(const VerificationRun&) = delete;
+  VerificationRun& operator=(const VerificationRun&) = delete;
+
+  // The innermost run of this thread, null when none is going on.
+  static VerificationRun* current() noexcept;
+
+  // Why this run must not go on; null when it may. CRL issuers that vouch for each other in a
+  // circle can be fed in from outside, since signatures are checked only after revocation.
+  const char* refusal() const noexcept { return refusal_; }
+
+  // Counts one look-up of CRLs. False when the outermost run has used up its share: the look-up is
+  // then to find nothing. The first refusal is logged. Always true outside a run.
+  static bool admitLookup();
+
+  bool hasParked() const noexcept { return parked_ != nullptr; }
+  // Keeps the first exception of the run.
+  void park(std::exception_ptr exception) noexcept;
+  // Throws what was parked, if anything.
+  void rethrowParked();
+
+ private:
+  struct Totals {
+    unsigned int nested = 0;
+    unsigned int lookups = 0;
+  };
+
+  const char* judge() noexcept;
+
+  const X509* target_;
+  VerificationRun* outer_;
+  unsigned int level_;
+  Totals own_;      // counted only on the outermost run
+  Totals* totals_;  // the outermost run's
+  const char* refusal_;
+  std::exception_ptr parked_;
+};
+
+// The one shape of every callback that OpenSSL gets from us: nothing is done once an exception is
+// parked, and none leaves while a run goes on. Outside a run it passes to the caller unchanged.
+template <class Body>
+auto guardedCallback(decltype(std::declval<Body>()()) failed, Body&& body) {
+  VerificationRun* const run = VerificationRun::current();
+  if (run == nullptr) return body();
+  if (run->hasParked()) return failed;
+  try {
+    return body();
+  } catch (...) {
+    run->park(std::current_exception());
+    return failed;
+  }
+}
+
+// For callbacks that release something: they do their work also when an exception is parked.
+template <class Body>
+void guardedCleanup(Body&& body) {
+  VerificationRun* const run = VerificationRun::current();
+  if (run == nullptr) {
+    body();
+    return;
+  }
+  try {
+    body();
+  } catch (...) {
+    run->park(std::current_exception());
+  }
+}
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,194 @@
+#include "foundation/FileReader.h"
+
+#include <pkx509/HashDirLookup.h>
+#include <velantrix/CertificateFactory.h>
+#include <velantrix/Exception.h>
+#include <velantrix/MediaOut.h>
+
+#include <openssl/evp.h>
+
+#include <array>
+#include <charconv>
+#include <system_error>
+#include <vector>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+constexpr long kDay = 86400;  // seconds a CRL without nextUpdate counts as fresh
+constexpr std::string_view kNameCharacters = " .0123456789ABCDEFabcdefrS";
+constexpr std::string_view kUriPrefix = "URI: ";
+
+// The key of a text: the first four bytes of its SHA-1, little endian.
+unsigned int keyOf(const std::string& text) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned int length = 0;
+  if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha1(), nullptr) != 1 ||
+      length < 4) {
+    throw Exception("HashDirLookupMethod", Exception::kFailure, "HashDirLookup", __LINE__)
+        .stringParameter("SHA-1 is not available.");
+  }
+  return static_cast<unsigned int>(digest[0]) | static_cast<unsigned int>(digest[1]) << 8U |
+         static_cast<unsigned int>(digest[2]) << 16U | static_cast<unsigned int>(digest[3]) << 24U;
+}
+
+std::string fileName(unsigned int key, std::string_view suffix) {
+  std::array<char, 8> text{};
+  const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), key, 16);
+  static_cast<void>(error);  // eight digits hold every 32-bit number
+  return std::string(text.data(), end).append(suffix);
+}
+
+// Reads the leading number of a file name. What is not a number, or does not fit, is 0.
+unsigned int keyIn(std::string_view text) {
+  const std::size_t start = text.find_first_not_of(' ');
+  if (start == std::string_view::npos) return 0;
+  unsigned int key = 0;
+  const auto [end, error] =
+      std::from_chars(text.data() + start, text.data() + text.size(), key, 16);
+  static_cast<void>(end);
+  return error == std::errc() ? key : 0;
+}
+
+// Whether the first line of a CRL file names another URI than `uri`. Keys have 32 bits and can be
+// made to collide, so a cached CRL says what it was fetched from.
+bool namesAnotherUri(std::string_view content, const std::string& uri) {
+  if (!content.starts_with(kUriPrefix)) return false;
+  std::string_view line = content.substr(kUriPrefix.size());
+  line = line.substr(0, line.find('\n'));
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  return line != uri;
+}
+
+void scan(const std::string& directory, DirectoryParser& parser) {
+  File::Selector(File::Path(directory), parser, [&parser](std::string_view fileName) {
+    return parser.wants(fileName);
+  }).start();
+}
+
+}  // namespace
+
+HashDirLookupMethod::HashDirLookupMethod(const std::string& directory)
+    : LookupMethod("HashDirLookupMethod"), directory_(directory) {}
+
+HashDirLookupMethod::~HashDirLookupMethod() = default;
+
+void HashDirLookupMethod::getBySubject(const DistinguishedName& subject,
+                                       std::list<RefCertificate>& out) {
+  std::list<RefCertificateRevocationList> crls;
+  DirectoryParser parser(subject.hash(), Object::TypeCertificate, out, crls);
+  scan(directory_, parser);
+}
+
+void HashDirLookupMethod::getBySubject(const DistinguishedName& issuer,
+                                       std::list<RefCertificateRevocationList>& out) {
+  std::list<RefCertificate> certificates;
+  DirectoryParser parser(issuer.hash(), Object::TypeCRL, certificates, out);
+  scan(directory_, parser);
+}
+
+void HashDirLookupMethod::getBySubject(const Uri& uri,
+                                       std::list<RefCertificateRevocationList>& out) {
+  std::list<RefCertificate> certificates;
+  const std::string& canonical = uri.canonicalized();
+  DirectoryParser parser(keyOf(canonical), Object::TypeCRL, certificates, out, canonical);
+  scan(directory_, parser);
+}
+
+void HashDirLookupMethod::getByEmailAddress(const std::string& base, const std::string& address,
+                                            std::list<RefCertificate>& out) {
+  getByEmailAddress(base, EmailAddress(address), out);
+}
+
+void HashDirLookupMethod::getByEmailAddress(const std::string& /*base*/,
+                                            const EmailAddress& address,
+                                            std::list<RefCertificate>& out) {
+  std::list<RefCertificateRevocationList> crls;
+  DirectoryParser parser(keyOf(address.address()), Object::TypeCertificate, out, crls);
+  scan(directory_, parser);
+}
+
+void HashDirLookupMethod::add(const EmailAddress& address, const RefCertificate& certificate) {
+  if (address.isNull()) return;
+  const File::Path path(directory_, fileName(keyOf(address.address()), ".0"));
+  FileMediaOut out(path.asString());
+  certificate->writePEM(out);
+}
+
+void HashDirLookupMethod::add(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) {
+  if (crls.empty()) return;
+  const std::string line = std::string(kUriPrefix) + uri.canonicalized() + "\n";
+  const File::Path path(directory_, fileName(keyOf(uri.canonicalized()), ".r0"));
+  for (const RefCertificateRevocationList& crl : crls) {
+    FileMediaOut out(path.asString());
+    out.write(line.data(), line.size());
+    crl->writePEM(out);
+  }
+}
+
+DirectoryParser::DirectoryParser(unsigned int key, Object::Type objectType,
+                                 std::list<RefCertificate>& certificateList,
+                                 std::list<RefCertificateRevocationList>& crlList)
+    : DirectoryParser(key, objectType, certificateList, crlList, std::string()) {}
+
+DirectoryParser::DirectoryParser(unsigned int key, Object::Type objectType,
+                                 std::list<RefCertificate>& certificateList,
+                                 std::list<RefCertificateRevocationList>& crlList,
+                                 const std::string& canonicalUri)
+    : now(Time::now()),
+      hash(key),
+      type(objectType),
+      certificates(certificateList),
+      crls(crlList),
+      uri(canonicalUri) {}
+
+DirectoryParser::~DirectoryParser() = default;
+
+bool DirectoryParser::wants(std::string_view fileName) const {
+  // The set takes 'S' but not 'R'. Directories in use depend on it.
+  if (fileName.find_first_not_of(kNameCharacters) != std::string_view::npos) return false;
+  const std::size_t dot = fileName.find('.');
+  if (dot == std::string_view::npos) return false;
+  if (keyIn(fileName.substr(0, dot)) != hash) return false;
+  if (type == Object::TypeCRL) return fileName.substr(dot + 1).starts_with('r');
+  return type == Object::TypeCertificate;
+}
+
+int DirectoryParser::process(const File::Path& path) {
+  if (!wants(path.name())) return 0;
+  if (type == Object::TypeCertificate) {
+    CertificateFactory().read(path, certificates);
+  } else {
+    loadCRL(path);
+  }
+  return 0;
+}
+
+void DirectoryParser::loadCRL(const File::Path& path) {
+  RefCertificateRevocationList crl;
+  if (uri.empty()) {
+    crl = CertificateRevocationListFactory().read(path);
+  } else {
+    const std::vector<unsigned char> content = readFile(path);
+    if (namesAnotherUri(
+            std::string_view(reinterpret_cast<const char*>(content.data()), content.size()), uri)) {
+      return;
+    }
+    try {
+      crl = CertificateRevocationListFactory().read(
+          Buffer(content.data(), static_cast<unsigned int>(content.size()), false));
+    } catch (Exception& failure) {
+      failure.stringParameter(path.asString() + ": " + failure.stringParameter());
+      throw;
+    }
+  }
+  if (crl.empty()) return;
+  const ASN1::RefGeneralizedTime nextUpdate = crl->nextUpdate();
+  const bool stale = nextUpdate.empty()
+                         ? Time::then(path.status(true).creationTime().seconds() + kDay, true) < now
+                         : nextUpdate->asTime() < now;
+  if (!stale) crls.push_back(crl);
+}
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,219 @@
+#include "foundation/OpenSSLOwners.h"
+#include "foundation/VerificationRun.h"
+#include "store/StoreRecord.h"
+
+#include <pkx509/LookupMethod.h>
+#include <pkx509/ObjectStore.h>
+#include <velantrix/Assert.h>
+
+#include <new>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+StoreRecord::Item* itemOf(const X509_LOOKUP* lookup) {
+  if (lookup == nullptr) return nullptr;
+  const X509_STORE* const store = X509_LOOKUP_get_store(lookup);
+  if (store == nullptr) return nullptr;
+  StoreRecord* const record = StoreRecord::of(store);
+  return record == nullptr ? nullptr : record->find(lookup);
+}
+
+// The setters release what a record held before. OpenSSL's own lookups overwrite it, because a
+// record holds a borrowed object while a lookup answers (crypto/x509/by_dir.c); so the release is
+// made good.
+bool keepHeld(const X509_OBJECT* ret) {
+  if (X509* const x509 = X509_OBJECT_get0_X509(ret)) return X509_up_ref(x509) == 1;
+  if (X509_CRL* const crl = X509_OBJECT_get0_X509_CRL(ret)) return X509_CRL_up_ref(crl) == 1;
+  return true;
+}
+
+// Puts an answer into OpenSSL's record and returns its type, which OpenSSL reads as "found". Only
+// an object of the type asked for is handed out: OpenSSL trusts its own question and would take a
+// CRL for a certificate.
+int handOut(StoreRecord::Item& item, X509_LOOKUP_TYPE type, const RefObject& object,
+            X509_OBJECT* ret) {
+  if (object.empty() || ret == nullptr ||
+      static_cast<int>(object->type) != static_cast<int>(type)) {
+    return 0;
+  }
+  if (object->data == nullptr) return 0;
+  if (!keepHeld(ret)) return 0;
+  // The setters take a reference, and OpenSSL takes another one when the lookup has answered. One
+  // of the two is given back here; item.last bridges the gap between them.
+  if (object->type == Object::TypeCertificate) {
+    auto* const x509 = static_cast<X509*>(object->data);
+    if (X509_OBJECT_set1_X509(ret, x509) != 1) return 0;
+    X509_free(x509);
+  } else if (object->type == Object::TypeCRL) {
+    auto* const crl = static_cast<X509_CRL*>(object->data);
+    if (X509_OBJECT_set1_X509_CRL(ret, crl) != 1) return 0;
+    X509_CRL_free(crl);
+  } else {
+    return 0;
+  }
+  item.last = object;
+  return object->type;
+}
+
+// `query` is called with the method and gives a RefObject.
+template <class Query>
+int answer(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, X509_OBJECT* ret, const Query& query) {
+  return guardedCallback(0, [&] {
+    StoreRecord::Item* const item = itemOf(lookup);
+    if (item == nullptr) return 0;
+    return handOut(*item, type, query(*item->method), ret);
+  });
+}
+
+Object::Type objectType(X509_LOOKUP_TYPE type) { return static_cast<Object::Type>(type); }
+
+// OpenSSL never hands over a negative length; a caller of the public functions might.
+unsigned int bufferLength(int length) {
+  return length < 0 ? 0U : static_cast<unsigned int>(length);
+}
+
+}  // namespace
+
+void LookupMethod::TableDeleter::operator()(X509_LOOKUP_METHOD* table) const noexcept {
+  X509_LOOKUP_meth_free(table);
+}
+
+LookupMethod::LookupMethod(const std::string& methodName)
+    : self(this),
+      name(methodName),
+      objectStore(nullptr),
+      table_(X509_LOOKUP_meth_new(name.c_str())) {
+  if (table_ == nullptr) throw std::bad_alloc();
+  X509_LOOKUP_METHOD* const table = table_.get();
+  const bool filled =
+      X509_LOOKUP_meth_set_new_item(table, s_new_item) == 1 &&
+      X509_LOOKUP_meth_set_free(table, s_free) == 1 &&
+      X509_LOOKUP_meth_set_init(table, s_init) == 1 &&
+      X509_LOOKUP_meth_set_shutdown(table, s_shutdown) == 1 &&
+      X509_LOOKUP_meth_set_ctrl(table, s_ctrl) == 1 &&
+      X509_LOOKUP_meth_set_get_by_subject(table, s_get_by_subject) == 1 &&
+      X509_LOOKUP_meth_set_get_by_issuer_serial(table, s_get_by_issuer_serial) == 1 &&
+      X509_LOOKUP_meth_set_get_by_fingerprint(table, s_get_by_fingerprint) == 1 &&
+      X509_LOOKUP_meth_set_get_by_alias(table, s_get_by_alias) == 1;
+  PKX509_ASSERT(filled);
+}
+
+LookupMethod::~LookupMethod() {
+  if (objectStore != nullptr) objectStore->forget(this);
+}
+
+int LookupMethod::newItem() { return 0; }
+void LookupMethod::clear() {}
+int LookupMethod::initialize() { return 0; }
+int LookupMethod::finish() { return 0; }
+int LookupMethod::control(int /*cmd*/, const char* /*argc*/, long /*argl*/, char** /*ret*/) {
+  return 0;
+}
+RefObject LookupMethod::getBySubject(Object::Type /*type*/, const DistinguishedName& /*name*/) {
+  return RefObject();
+}
+RefObject LookupMethod::getByIssuerSerial(Object::Type /*type*/,
+                                          const DistinguishedName& /*issuer*/,
+                                          const ASN1::Integer& /*serial*/) {
+  return RefObject();
+}
+RefObject LookupMethod::getByFingerPrint(Object::Type /*type*/, const Buffer& /*fingerPrint*/) {
+  return RefObject();
+}
+RefObject LookupMethod::getByAlias(Object::Type /*type*/, const Buffer& /*alias*/) {
+  return RefObject();
+}
+void LookupMethod::getBySubject(const DistinguishedName& /*subject*/,
+                                std::list<RefCertificate>& /*out*/) {}
+void LookupMethod::getBySubject(const DistinguishedName& /*issuer*/,
+                                std::list<RefCertificateRevocationList>& /*out*/) {}
+void LookupMethod::getByEmailAddress(const std::string& /*base*/, const std::string& /*address*/,
+                                     std::list<RefCertificate>& /*out*/) {}
+
+void LookupMethod::store(RefObjectStore& s) {
+  if (s.empty() || s.get() == objectStore) return;
+  if (s.get() != nullptr) s->remember(this);
+  if (objectStore != nullptr) objectStore->forget(this);
+  objectStore = s.get();
+}
+
+int LookupMethod::s_new_item(X509_LOOKUP* /*lookup*/) { return 1; }
+
+void LookupMethod::s_free(X509_LOOKUP* lookup) {
+  guardedCleanup([&] {
+    if (const StoreRecord::Item* const item = itemOf(lookup)) item->method->self->clear();
+  });
+}
+
+int LookupMethod::s_init(X509_LOOKUP* lookup) {
+  return guardedCallback(0, [&] {
+    const StoreRecord::Item* const item = itemOf(lookup);
+    return item == nullptr ? 0 : item->method->self->initialize();
+  });
+}
+
+int LookupMethod::s_shutdown(X509_LOOKUP* lookup) {
+  int result = 0;
+  guardedCleanup([&] {
+    if (const StoreRecord::Item* const item = itemOf(lookup)) result = item->method->self->finish();
+  });
+  return result;
+}
+
+int LookupMethod::s_ctrl(X509_LOOKUP* lookup, int cmd, const char* argc, long argl, char** ret) {
+  return guardedCallback(0, [&] {
+    if (lookup == nullptr) return 0;
+    auto* const method = static_cast<LookupMethod*>(X509_LOOKUP_get_method_data(lookup));
+    return method == nullptr ? 0 : method->self->control(cmd, argc, argl, ret);
+  });
+}
+
+int LookupMethod::s_get_by_subject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type,
+                                   const X509_NAME* name, X509_OBJECT* ret) {
+  return answer(lookup, type, ret, [&](LookupMethod& method) {
+    return method.self->getBySubject(objectType(type), DistinguishedName(name));
+  });
+}
+
+int LookupMethod::s_get_by_issuer_serial(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type,
+                                         const X509_NAME* name, const ASN1_INTEGER* serial,
+                                         X509_OBJECT* ret) {
+  return answer(lookup, type, ret, [&](LookupMethod& method) {
+    return method.self->getByIssuerSerial(objectType(type), DistinguishedName(name),
+                                          ASN1::Integer(serial));
+  });
+}
+
+int LookupMethod::s_get_by_fingerprint(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type,
+                                       const unsigned char* bytes, int len, X509_OBJECT* ret) {
+  return answer(lookup, type, ret, [&](LookupMethod& method) {
+    return method.self->getByFingerPrint(objectType(type), Buffer(bytes, bufferLength(len), true));
+  });
+}
+
+int LookupMethod::s_get_by_alias(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const char* str,
+                                 int len, X509_OBJECT* ret) {
+  return answer(lookup, type, ret, [&](LookupMethod& method) {
+    return method.self->getByAlias(objectType(type), Buffer(str, bufferLength(len), true));
+  });
+}
+
+RefLookupMethod::RefLookupMethod(LookupMethod* method) : method_(method) {}
+
+RefLookupMethod::~RefLookupMethod() = default;
+
+RefLookupMethod::operator x509_lookup_method_st*() const noexcept {
+  return empty() ? nullptr : static_cast<x509_lookup_method_st*>(*method_);
+}
+
+LookupMethod* RefLookupMethod::operator->() const {
+  const LookupMethod* const px = get();
+  PKX509_ASSERT(px != 0);
+  return get();
+}
+
+LookupMethod& RefLookupMethod::operator*() const { return *operator->(); }
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,231 @@
+#include "foundation/Log.h"
+#include "foundation/OpenSSLOwners.h"
+#include "foundation/VerificationRun.h"
+#include "store/StoreRecord.h"
+
+#include <pkx509/HashDirLookup.h>
+#include <pkx509/ObjectStore.h>
+#include <velantrix/Assert.h>
+#include <velantrix/Exception.h>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+// Callers know a failed construction by this line.
+constexpr unsigned int kNoStoreLine = 18;
+
+// OpenSSL's CRL score bits (crypto/x509/x509_local.h has them; no public header does).
+constexpr unsigned int kScoreIssuerName = 0x020;
+constexpr unsigned int kScoreAuthorityKeyId = 0x004;
+
+// Whether `candidate` may have issued `crl`; `score` tells how far the match went.
+bool mayHaveIssued(const RefCertificate& candidate, const RefCertificateRevocationList& crl,
+                   unsigned int& score) {
+  const CertificateRevocationListInfo& info = crl->crlInfo();
+  if (info.issuer() != candidate->subject()) return false;
+  score = kScoreIssuerName;
+  const RefAuthorityKeyIdentifier aki = info.authorityKeyIdentifier();
+  if (!aki.empty() && aki->keyId() != candidate->subjectKeyIdentifier()) return false;
+  score |= kScoreAuthorityKeyId;
+  return (candidate->keyUsage() & KU_CRL_SIGN) != 0;
+}
+
+// RFC 5280, 4.2.1.13: a relative name is completed by the name of the CRL's issuer.
+DistinguishedName completed(const std::string& relative, const DistinguishedName& issuer) {
+  return DistinguishedName(relative + "," + issuer.asString());
+}
+
+}  // namespace
+
+RefObjectStore::RefObjectStore(const std::string& name, int fileType)
+    : Ref<ObjectStore>(new ObjectStore(name, fileType)) {}
+
+RefObjectStore::operator x509_store_st*() const {
+  const ObjectStore* const px = get();
+  PKX509_ASSERT(px != 0);
+  return px->native();
+}
+
+void ObjectStore::StoreDeleter::operator()(X509_STORE* store) const noexcept {
+  X509_STORE_free(store);
+}
+
+ObjectStore::ObjectStore(const std::string& directory, int type)
+    : x509Store(X509_STORE_new()), name(directory), fileType(type) {
+  if (x509Store == nullptr || !StoreRecord::attach(x509Store.get())) {
+    throw Exception("X509::ObjectStore", Exception::kFailure, "ObjectStore", kNoStoreLine);
+  }
+  // A directory that cannot be attached leaves a store that trusts nothing of it.
+  static_cast<void>(add(name, fileType));
+}
+
+ObjectStore::~ObjectStore() {
+  for (LookupMethod* const method : pointedFrom) method->objectStore = nullptr;
+  // OpenSSL shuts its lookups down while every lookup method is still held. What a method throws
+  // then has nowhere to go.
+  VerificationRun shelter{VerificationRun::Shelter{}};
+  x509Store.reset();
+  if (shelter.hasParked()) {
+    log(kPriorityDebug, "X509::ObjectStore: a lookup method failed while its store was freed");
+  }
+  spareCertificate = RefCertificate();
+  objectList.clear();
+  methodList.clear();
+}
+
+RefObjectStore ObjectStore::clone() const {
+  RefObjectStore copy(name, fileType);
+  for (const RefLookupMethod& method : methodList) copy->add(method);
+  return copy;
+}
+
+int ObjectStore::add(const std::string& dir, int type) {
+  const ErrorScope errors;
+  X509_LOOKUP* const lookup = X509_STORE_add_lookup(x509Store.get(), X509_LOOKUP_hash_dir());
+  if (lookup == nullptr) return 0;
+  return X509_LOOKUP_ctrl(lookup, X509_L_ADD_DIR, dir.c_str(), type, nullptr);
+}
+
+void ObjectStore::add(const RefLookupMethod& method) {
+  std::list<RefLookupMethod> entry(1, method);  // made first, so that nothing can fail half-way
+  X509_LOOKUP* fresh = nullptr;
+  // An empty handle is listed too; the first query stops the process and so names the mistake.
+  if (!method.empty()) {
+    X509_LOOKUP* const lookup = X509_STORE_add_lookup(x509Store.get(), method);
+    if (lookup == nullptr) {
+      throw Exception("X509::ObjectStore", Exception::kFailure, "ObjectStore", __LINE__)
+          .stringParameter("A lookup method could not be registered.");
+    }
+    StoreRecord* const record = StoreRecord::of(x509Store.get());
+    PKX509_ASSERT(record != nullptr);
+    if (record->find(lookup) == nullptr) {
+      record->add(lookup, method.method_);
+      fresh = lookup;
+    }
+  }
+  methodList.splice(methodList.end(), entry);
+  // OpenSSL does not call a table's init by itself. A source that cannot start yet may answer
+  // later, so its result decides nothing here; one that throws stays attached, since OpenSSL has no
+  // way to take a lookup out of a store.
+  if (fresh != nullptr) static_cast<void>(X509_LOOKUP_init(fresh));
+}
+
+void ObjectStore::add(const RefObject& object) { objectList.push_back(object); }
+
+void ObjectStore::add(const std::list<RefCertificate>& certificates) {
+  for (const RefCertificate& certificate : certificates) add(RefObject(certificate));
+}
+
+void ObjectStore::find(const DistinguishedName& subject, std::list<RefCertificate>& out) const {
+  for (const RefLookupMethod& method : methodList) {
+    std::list<RefCertificate> found;
+    method->getBySubject(subject, found);
+    out.splice(out.end(), found);
+  }
+}
+
+void ObjectStore::find(const DistinguishedName& issuer,
+                       std::list<RefCertificateRevocationList>& out) const {
+  for (const RefLookupMethod& method : methodList) {
+    LookupMethod& source = *method;
+    if (!VerificationRun::admitLookup()) return;
+    std::list<RefCertificateRevocationList> found;
+    source.getBySubject(issuer, found);
+    for (const RefCertificateRevocationList& crl : found) {
+      objectList.push_back(RefObject(crl));
+      out.push_back(crl);
+    }
+  }
+}
+
+void ObjectStore::find(const Uri& uri, std::list<RefCertificateRevocationList>& out) const {
+  if (uri.isNull()) return;
+  log(kPriorityDebug, "X509::ObjectStore: CRLs are not retrieved by URI: " + uri.asString());
+  // The whole list is cached again, elements of earlier finds included: whoever asks by several
+  // URIs in a row relies on the store knowing all of them.
+  for (const RefCertificateRevocationList& crl : out) objectList.push_back(RefObject(crl));
+}
+
+void ObjectStore::find(const GeneralName& generalName,
+                       std::list<RefCertificateRevocationList>& out) const {
+  switch (generalName.type()) {
+    case GEN_DIRNAME:
+      find(generalName.dn(), out);
+      break;
+    case GEN_URI:
+      find(generalName.uri(), out);
+      break;
+    default:
+      break;
+  }
+}
+
+void ObjectStore::find(const RefCertificate& certificate, const RefCRLDistributionPoint& point,
+                       std::list<RefCertificateRevocationList>& out) const {
+  if (point.empty()) return;
+  const RefCRLDistributionPointName pointName = point->distributionPointName();
+  std::list<RefGeneralName> issuers = point->issuers();
+  if (pointName.empty()) {
+    for (RefGeneralName& issuer : issuers) find(*issuer, out);
+    return;
+  }
+  if (pointName->type() == CRLDistributionPointName::kFullName) {
+    std::list<RefGeneralName> fullName = pointName->fullName();
+    for (RefGeneralName& element : fullName) {
+      if (!element.empty()) find(*element, out);
+    }
+    return;
+  }
+  if (pointName->type() != CRLDistributionPointName::kRelativeName) return;
+  const std::string relative = pointName->relativeName();
+  if (relative.empty()) return;
+  if (issuers.empty()) {
+    const DistinguishedName full = completed(relative, certificate->issuer());
+    if (!full.empty()) find(full, out);
+    return;
+  }
+  for (const RefGeneralName& issuer : issuers) {
+    if (issuer->type() == GEN_DIRNAME) find(completed(relative, issuer->dn()), out);
+  }
+}
+
+const RefCertificate* ObjectStore::firstIssuer(const RefCertificateRevocationList& crl,
+                                               const std::list<RefCertificate>& candidates,
+                                               unsigned int& score) const {
+  for (const RefCertificate& candidate : candidates) {
+    if (mayHaveIssued(candidate, crl, score)) {
+      objectList.push_back(RefObject(candidate));
+      return &objectList.back()->certificate;
+    }
+  }
+  return nullptr;
+}
+
+const RefCertificate& ObjectStore::findIssuer(const RefCertificateRevocationList& crl,
+                                              unsigned int& score) const {
+  if (crl.empty()) return spareCertificate;
+  for (const RefObject& object : objectList) {
+    if (object->type == Object::TypeCertificate && mayHaveIssued(object->certificate, crl, score)) {
+      return object->certificate;
+    }
+  }
+  const DistinguishedName& issuer = crl->crlInfo().issuer();
+  {
+    // OpenSSL serves the same directory, but by one certificate a name; here all of them count.
+    std::list<RefCertificate> candidates;
+    HashDirLookupMethod directory(name);
+    directory.getBySubject(issuer, candidates);
+    if (const RefCertificate* const found = firstIssuer(crl, candidates, score)) return *found;
+  }
+  std::list<RefCertificate> candidates;
+  find(issuer, candidates);
+  if (const RefCertificate* const found = firstIssuer(crl, candidates, score)) return *found;
+  return spareCertificate;
+}
+
+void ObjectStore::remember(LookupMethod* method) { pointedFrom.insert(method); }
+
+void ObjectStore::forget(LookupMethod* method) noexcept { pointedFrom.erase(method); }
+
+}  // namespace Velantrix::Crypto::PKX509
