@@ -1,0 +1,205 @@
+/// @file
+/// One path validation of one certificate against one trust store.
+///
+/// @code
+///   RefObjectStore store("/opsadmin/etc/cert/server/ca", X509_FILETYPE_PEM);
+///   Verifier verifier(store, certificate, RefStackOfCertificate(intermediates), false);
+///   const int verdict = verifier.isValid();
+///   if (verdict != X509_V_OK) refuse(X509_verify_cert_error_string(verdict));
+/// @endcode
+#pragma once
+
+#include <pkx509/CRLContainer.h>
+#include <pkx509/ObjectStore.h>
+#include <velantrix/ASN1.h>
+#include <velantrix/AuthorityInformationAccess.h>
+#include <velantrix/Certificate.h>
+#include <velantrix/CertificateRevocationList.h>
+#include <velantrix/Export.h>
+#include <velantrix/NonCopyable.h>
+#include <velantrix/StackOfCertificate.h>
+
+#include <openssl/x509_vfy.h>
+
+#include <iosfwd>
+#include <list>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace Velantrix::Crypto::PKX509 {
+
+/// Decides whether a certificate is valid: 0, or an OpenSSL `X509_V_ERR_*` code.
+///
+/// OpenSSL builds the path and checks signatures, validity periods, names and policies (RFC 5280,
+/// section 6.1). The `Verifier` logs every failure, supplies CRLs, and, unless the caller asks for
+/// OpenSSL's, makes its own revocation check: OCSP before CRLs, distribution points, issuing
+/// distribution points, delta CRLs, CRL issuers that are not on the path.
+///
+/// **What the caller does.** Build a store, construct, optionally `policy()`, `isValid()`, destroy.
+/// One `Verifier` verifies one certificate. **Untrusted certificates** that came along are given as
+/// a stack, which OpenSSL builds the path from. The search for the issuer of a CRL does not see
+/// that stack: add those certificates to the store's object list as well (`ObjectStore::add(const
+/// std::list<RefCertificate>&)`), on a store made for this verification or a `clone()`. Never add
+/// them to a long-lived store, where a stranger's certificate with a CA's name would spoil every
+/// later CRL check of that CA.
+///
+/// **What it does not check.** Whose certificate it is (names against an expected peer), and what
+/// the key may be used for; use the verification parameters of the context for that.
+///
+/// **Intended leniencies.** Once a certificate of the chain has a good OCSP answer, the later ones
+/// are not checked against CRLs. The self-signed end of a chain is not checked for revocation.
+///
+/// **Bounds.** The issuer of a CRL may need a verification of its own. A nested verification fails
+/// with `X509_V_ERR_CRL_PATH_VALIDATION_ERROR` (54) when an enclosing one is about the same
+/// certificate, when it would be the ninth level, or the 65th that one outermost run starts; the
+/// 257th look-up of CRLs of one run and later ones find nothing. Each of these writes a log line.
+///
+/// **Exceptions.** A verdict is never thrown. `Velantrix::Exception` (an unreadable file, a broken
+/// extension) and whatever a lookup method throws leaves `isValid()` unchanged. Treat every
+/// exception, `std::exception` included, as "not valid".
+///
+/// **Threads.** One thread at a time. Construction writes the configured flags into the store.
+class PKX509_EXPORT Verifier : private NonCopyable {
+ public:
+  /// How strictly to verify. A plain value; edit it between construction and use.
+  class PKX509_EXPORT Config {
+   public:
+    /// Revocation for the whole chain, strict checks, policies, extended CRLs, delta CRLs:
+    /// `X509_V_FLAG_` `CRL_CHECK`, `CRL_CHECK_ALL`, `X509_STRICT`, `POLICY_CHECK`,
+    /// `EXTENDED_CRL_SUPPORT`, `USE_DELTAS`.
+    static constexpr int kDefaultFlags = 0x30AC;
+
+    Config();
+    /// The label selects nothing; everything else is as by default.
+    explicit Config(const std::string& name);
+
+    /// The caller's label, never read.
+    std::string name;
+    /// Acceptable policies as dotted identifiers; anyPolicy by default.
+    std::set<std::string> policies;
+    /// `X509_V_FLAG_*`, handed to OpenSSL sign-extended.
+    int flags;
+  };
+
+  /// @param useOpenSSLRevocation true keeps OpenSSL's own revocation check, fed with the CRLs that
+  ///                             `getCRL()` gathers
+  /// @throws Exception "X509::Verifier" when OpenSSL cannot initialise the context
+  Verifier(const RefObjectStore& store, const RefCertificate& certificate,
+           bool useOpenSSLRevocation);
+  /// @param untrusted certificates to build the path from; the stack is shared, not copied
+  Verifier(const RefObjectStore& store, const RefCertificate& certificate,
+           const RefStackOfCertificate& untrusted, bool useOpenSSLRevocation);
+  /// @param config copied; the caller's object is not changed
+  Verifier(const RefObjectStore& store, const RefCertificate& certificate,
+           const RefStackOfCertificate& untrusted, Config& config, bool useOpenSSLRevocation);
+  virtual ~Verifier();
+
+  /// The trust store; the reference lives as long as the verifier.
+  virtual const RefObjectStore& objectStore() const;
+
+  /// Verifies.
+  /// @return 0 when valid, else an `X509_V_ERR_*` code. Every call verifies again, but a failure
+  ///         sticks: after one, a call that succeeds still returns the earlier code.
+  virtual int isValid();
+
+  /// The next CRL for @p certificate. CRLs are gathered when the certificate is another one than at
+  /// the last call (by identity of the OpenSSL object); after that each call takes one from what
+  /// was gathered.
+  virtual RefCertificateRevocationList getCRL(const RefCertificate& certificate);
+  /// Gathers every CRL that may speak about @p certificate: through its distribution points when it
+  /// has some, else by its issuer's name from the machine's CRL directory and the store.
+  virtual void getCRLs(const RefCertificate& certificate, CRLContainer& container);
+  /// Checks the certificates of a chain for revocation, leaf first.
+  /// @return OpenSSL's convention: 1 to go on, 0 when one failed; the context then holds error and
+  ///         depth
+  virtual int checkRevocationStatus(const std::list<RefCertificate>& chain);
+
+  /// Asks the OCSP responders that the certificate names. This version has no OCSP client, so there
+  /// is never a usable answer.
+  /// @return 0 not revoked, 1 revoked, 2 no usable answer
+  int checkOCSP(const RefCertificate& certificate, const RefAuthorityInformationAccess& aia,
+                const std::list<RefCertificate>& chain);
+
+  /// Adds an acceptable certificate policy. The identifier gives its OpenSSL object to the context;
+  /// one that has given it away before is copied.
+  void policy(const ASN1::RefObjectIdentifier& oid);
+
+  /// @name The OpenSSL context
+  /// @{
+
+  /// The context, borrowed. It is the same object for the verifier's whole life. Parameters set on
+  /// it before `isValid()` (time, purpose, flags, ...) hold for every run.
+  operator X509_STORE_CTX*() const noexcept { return context_.get(); }
+
+  /// The outer verification's context when this one serves it, else null; borrowed.
+  X509_STORE_CTX* parent() const noexcept { return parent_; }
+  void parent(X509_STORE_CTX* outer) noexcept { parent_ = outer; }
+
+  /// What OpenSSL keeps as `current_crl_score`, `current_issuer` and `current_reasons` and lets
+  /// nobody set: the values of the CRL that `CRLContainer::getCRL()` handed out last.
+  unsigned int currentCRLScore() const noexcept { return currentCRLScore_; }
+  X509* currentIssuer() const;  ///< borrowed; null when there is none
+  unsigned int currentReasons() const noexcept { return currentReasons_; }
+  void setCurrentCRL(unsigned int score, const RefCertificate& issuer, unsigned int reasons);
+
+  /// The context's error, an `X509_V_ERR_*` code.
+  int contextError() const noexcept;
+  void contextError(int code) noexcept;
+
+  /// The verifier whose context it is; null for a context that OpenSSL made itself to validate the
+  /// issuer of a CRL.
+  static Verifier* of(const X509_STORE_CTX* context);
+  /// @}
+
+ protected:
+  RefObjectStore store;
+  RefCertificate certificate;
+  RefStackOfCertificate untrusted;
+  Config config;
+  int error = 0;                   ///< the last failure's code
+  RefCertificate lastCertificate;  ///< whose CRLs `crls` holds
+  CRLContainer crls;
+
+ private:
+  struct PKX509_EXPORT ContextDeleter {
+    void operator()(X509_STORE_CTX* context) const noexcept;
+  };
+
+  static int verifyCallback(int ok, X509_STORE_CTX* context);
+  static int getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x);
+  static int certCrlCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x);
+  static int checkRevocationCallback(X509_STORE_CTX* context);
+
+  void initialize();
+  void prepare(STACK_OF(X509) * intermediates);
+  void prepareAgain();
+  bool applyRemaining(X509* x);
+  int checkChain();
+  bool addCandidate(CRLContainer& container, const RefCertificate& certificate,
+                    const RefCertificateRevocationList& crl, const RefCRLDistributionPoint& point);
+
+  const bool useOpenSSLRevocation_;
+  bool used_ = false;  // the context has been through X509_verify_cert, which takes it only once
+  bool remainingApplied_ = false;  // every CRL that is left for `lastCertificate` has counted
+  X509_STORE_CTX_cert_crl_fn certCrl_ = nullptr;  // what certCrlCallback stands in front of
+  X509_STORE_CTX* parent_ = nullptr;
+  unsigned int currentCRLScore_ = 0;
+  unsigned int currentReasons_ = 0;
+  RefCertificate currentIssuer_;
+  std::unique_ptr<X509_STORE_CTX, ContextDeleter> context_;
+};
+
+/// @name Diagnostic printers
+/// @{
+
+/// Subject and issuer on one line, key identifiers on the next; nothing for an empty handle.
+PKX509_EXPORT std::ostream& operator<<(std::ostream& out, const RefCertificate& certificate);
+/// **Prints to standard output**, whatever stream is given, and returns that stream untouched.
+PKX509_EXPORT std::ostream& operator<<(std::ostream& out,
+                                       const std::list<RefCertificate>& certificates);
+PKX509_EXPORT std::ostream& operator<<(std::ostream& out, X509* certificate);
+PKX509_EXPORT std::ostream& operator<<(std::ostream& out, STACK_OF(X509) * certificates);
+/// @}
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,318 @@
+#include "foundation/Log.h"
+#include "foundation/OpenSSLOwners.h"
+
+#include <pkx509/CRLContainer.h>
+#include <pkx509/Verifier.h>
+#include <velantrix/Exception.h>
+#include <velantrix/GeneralName.h>
+#include <velantrix/IssuingDistributionPoint.h>
+#include <velantrix/StackOfCertificate.h>
+#include <velantrix/Time.h>
+
+#include <climits>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <set>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+// OpenSSL's CRL score bits (crypto/x509/x509_local.h has them; no public header does).
+constexpr unsigned int kScoreIssuerCert = 0x018;
+constexpr unsigned int kScoreScope = 0x080;
+
+// Beside the reasons of a CRL that is handed out while delta CRLs are about. It is no reason bit,
+// so OpenSSL's loop never takes the mask for complete and goes on asking.
+constexpr unsigned int kDeltaMark = 0x4000;
+
+constexpr int kRemoveFromCRL = 8;  // RFC 5280, 5.3.1
+
+constexpr int kFullName = 0;
+constexpr int kRelativeName = 1;
+
+const CertificateRevocationList& crlOf(const CRLContainer::Entry& entry) {
+  return *static_cast<const RefCertificateRevocationList&>(entry.crl->crl).operator->();
+}
+
+// The reason of a revoked entry as OpenSSL keeps it internally: a CRLReason, or -1 when the entry
+// has none. A reason that cannot be read, or that an int cannot hold, must not become 0
+// (unspecified).
+int reasonOf(const X509_REVOKED* revoked) {
+  const ErrorScope errors;
+  int critical = 0;
+  const Owned<ASN1_ENUMERATED> reason(static_cast<ASN1_ENUMERATED*>(
+      X509_REVOKED_get_ext_d2i(revoked, NID_crl_reason, &critical, nullptr)));
+  std::int64_t value = -1;
+  if (reason == nullptr || ASN1_ENUMERATED_get_int64(&value, reason.get()) != 1) return -1;
+  return value < INT_MIN || value > INT_MAX ? -1 : static_cast<int>(value);
+}
+
+// Looks the entry's certificate up in the entry's CRL.
+void applyEntry(const CRLContainer::Entry& entry, unsigned int& mask, int& reason) {
+  mask |= entry.reasons;
+  X509_REVOKED* revoked = nullptr;  // borrowed from the CRL
+  // 1 is a hit and so is 2, which says that the entry's reason is removeFromCRL.
+  if (X509_CRL_get0_by_cert(crlOf(entry).native(), &revoked, entry.certificate) != 0) {
+    reason = reasonOf(revoked);
+  }
+}
+
+// RFC 5280, 4.2.1.13: a relative name is completed by the name of the CRL's issuer.
+DistinguishedName completed(const CRLDistributionPointName& relative,
+                            const DistinguishedName& issuer) {
+  return DistinguishedName(relative.relativeName() + "," + issuer.asString());
+}
+
+// When the check is made for: the caller's time, or now.
+Time checkTime(X509_STORE_CTX* context) {
+  const std::time_t wanted = X509_VERIFY_PARAM_get_time(X509_STORE_CTX_get0_param(context));
+  return wanted != 0 ? Time::then(wanted, true) : Time::now();
+}
+
+// A nested verification is about the same moment as the one it serves.
+void takeOverTime(X509_STORE_CTX* outer, X509_STORE_CTX* nested) {
+  const X509_VERIFY_PARAM* const from = X509_STORE_CTX_get0_param(outer);
+  X509_VERIFY_PARAM* const to = X509_STORE_CTX_get0_param(nested);
+  // The getter does not change what it is given; it only lacks the const.
+  const unsigned long flags = X509_VERIFY_PARAM_get_flags(const_cast<X509_VERIFY_PARAM*>(from));
+  if ((flags & X509_V_FLAG_USE_CHECK_TIME) != 0) {
+    X509_VERIFY_PARAM_set_time(to, X509_VERIFY_PARAM_get_time(from));
+  }
+  X509_STORE_CTX_set_flags(nested, flags & X509_V_FLAG_NO_CHECK_TIME);
+}
+
+}  // namespace
+
+CRLContainer::Entry::Entry(const RefCertificate& target, const RefCertificateRevocationList& list,
+                           unsigned int coveredReasons)
+    : certificate(target), crl(list), reasons(coveredReasons), score(0) {}
+
+void CRLContainer::Entry::reject() const {
+  score = 0;
+  crl = RefObject();
+}
+
+unsigned int CRLContainer::Entry::tallyScore(Verifier& owner) const {
+  score |= kScoreScope;
+  if (certificate->issuedBy(issuer, true)) score |= kScoreIssuerCert;
+  if (!distributionPoint.empty()) {
+    const std::list<RefGeneralName> issuers =
+        static_cast<const RefCRLDistributionPoint&>(distributionPoint)->issuers();
+    if (!issuers.empty()) {
+      const DistinguishedName& crlIssuer = crlOf(*this).crlInfo().issuer();
+      bool acceptable = false;
+      for (const RefGeneralName& name : issuers) {
+        acceptable = name->type() == GEN_DIRNAME && name->dn() == crlIssuer;
+        if (acceptable) break;
+      }
+      if (!acceptable) {
+        owner.contextError(X509_V_ERR_UNABLE_TO_GET_CRL_ISSUER);
+        logMisplaced("The CRL was not issued by an acceptable issuer.");
+        reject();
+        return 0;
+      }
+    }
+  }
+  issuingDistributionPointIssuerCheck(owner);
+  return score;
+}
+
+void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifier*/) const {
+  // The CRL outlives its rejection here: the steps go on after one, and each writes its line.
+  const RefObject candidate = crl;
+  const CertificateRevocationList& list = crlOf(*this);
+  const DistinguishedName& crlIssuer = list.crlInfo().issuer();
+  const RefCRLDistributionPoint& point = distributionPoint;
+
+  const RefIssuingDistributionPoint idp = list.issuingDistributionPoint();
+  if (idp.empty()) {
+    // RFC 5280, 6.3.3 (b)(2) and 5.2.5: a CRL of another issuer says what it covers.
+    if (!point.empty() && !point->issuers().empty()) {
+      log(kPriorityDebug,
+          "Certificate contains CRL Issuers. The CRL must contain an Issuing Distribution Point.");
+      reject();
+    }
+    return;
+  }
+
+  if (idp->reasons() != kAllReasons) reasons &= idp->reasons();
+
+  const bool isCA = certificate->isCACert();
+  if (isCA && idp->onlyUser()) reject();
+  if (!isCA && idp->onlyCA()) reject();
+  if (idp->onlyAttr()) reject();
+
+  const RefCRLDistributionPointName idpName = idp->distributionPointName();
+  if (idpName.empty()) return;
+  if (point.empty()) {
+    if (*idpName.get() != certificate->issuer()) {
+      log(kPriorityDebug, "Certificate issuer and CRL distributionPointNames do not match");
+      reject();
+    }
+    return;
+  }
+  const RefCRLDistributionPointName pointName = point->distributionPointName();
+  if (pointName.empty()) return;
+  bool match = true;
+  if (pointName->type() == idpName->type()) {
+    match = !(*pointName.get() != *idpName.get());
+  } else if (pointName->type() == kFullName && idpName->type() == kRelativeName) {
+    match = !(*pointName.get() != completed(*idpName.get(), crlIssuer));
+  } else if (pointName->type() == kRelativeName && idpName->type() == kFullName) {
+    match = !(*idpName.get() != completed(*pointName.get(), crlIssuer));
+  }
+  if (!match) {
+    log(kPriorityDebug, "Certificate and CRL distributionPointNames do not match");
+    reject();
+  }
+}
+
+bool DeltaCrlSorter::operator()(const CRLContainer::Entry& a, const CRLContainer::Entry& b) const {
+  return crlOf(a).lastUpdate() < crlOf(b).lastUpdate();
+}
+
+CRLContainer::CRLContainer(Verifier& owner) : verifier(owner) {}
+
+CRLContainer::~CRLContainer() = default;
+
+void CRLContainer::add(const Entry& entry) {
+  // Also a delta CRL that is rejected below puts the container into its delta mode.
+  if (crlOf(entry).isDeltaCRL()) hasDeltaCRL = true;
+  entry.tallyScore(verifier);
+  if (!entry.crl.empty()) entries.push_back(entry);
+}
+
+RefObject CRLContainer::getCRL() {
+  if (entries.empty()) return RefObject();
+  if (hasDeltaCRL && !isDeltaCRLChainComplete()) return RefObject();
+  const Entry entry = entries.front();
+  entries.pop_front();
+  collectedReasons |= entry.reasons;
+  // While entries remain OpenSSL is not told the accumulated mask, so that it keeps asking.
+  unsigned int reasons = entry.reasons;
+  if (entries.empty()) {
+    reasons = collectedReasons;
+  } else if (hasDeltaCRL) {
+    reasons |= kDeltaMark;
+  }
+  verifier.setCurrentCRL(entry.score, entry.issuer, reasons);
+  return entry.crl;
+}
+
+bool CRLContainer::isDeltaCRLChainComplete() const {
+  if (entries.empty() || !hasDeltaCRL || chainState != ChainUnknown) {
+    return chainState == ChainComplete;
+  }
+  for (const Entry& delta : entries) {
+    if (!crlOf(delta).isDeltaCRL()) continue;
+    const ASN1::Integer wanted = crlOf(delta).baseCRLNumber();
+    bool found = false;
+    for (const Entry& base : entries) {
+      found = !crlOf(base).isDeltaCRL() && wanted <= crlOf(base).crlNumber();
+      if (found) break;
+    }
+    if (!found) chainState = ChainIncomplete;
+  }
+  if (chainState == ChainIncomplete) {
+    log(kPriorityDebug, "Could not find Base CRL");
+    return false;
+  }
+  chainState = ChainComplete;
+  return true;
+}
+
+int CRLContainer::isRevoked(int& reason) const {
+  if (entries.empty()) return X509_V_ERR_UNABLE_TO_GET_CRL;
+  unsigned int mask = 0;
+  if (!hasDeltaCRL) {
+    for (const Entry& entry : entries) applyEntry(entry, mask, reason);
+  } else {
+    if (!isDeltaCRLChainComplete()) return X509_V_ERR_UNABLE_TO_GET_CRL;
+    std::set<std::reference_wrapper<const Entry>, DeltaCrlSorter> deltas;
+    for (const Entry& entry : entries) {
+      if (crlOf(entry).isDeltaCRL()) {
+        deltas.insert(entry);
+      } else {
+        applyEntry(entry, mask, reason);
+      }
+    }
+    for (const Entry& delta : deltas) applyEntry(delta, mask, reason);
+    if (reason == kRemoveFromCRL) reason = 0;
+  }
+  if (mask != kAllReasons) return X509_V_ERR_UNABLE_TO_GET_CRL;
+  // Reason 0 (unspecified) does not revoke, an entry without a reason (-1) does. It is meant so.
+  return reason != 0 ? X509_V_ERR_CERT_REVOKED : X509_V_OK;
+}
+
+void CRLContainer::extendedCRLChecks(const std::list<RefCertificate>& untrusted) {
+  for (const Entry& entry : entries) {
+    if (!entry.crl.empty() && !checkEntry(entry, untrusted)) return;
+  }
+}
+
+// False ends all checking.
+bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate>& untrusted) {
+  const CertificateRevocationList& list = crlOf(entry);
+  bool issuedOnPath = false;
+  for (const RefCertificate& candidate : untrusted) {
+    issuedOnPath = list.issuedBy(candidate, false);
+    if (issuedOnPath) break;
+  }
+  if (!issuedOnPath && !validateIssuer(entry, untrusted)) return false;
+
+  const RefCertificate& issuer = entry.issuer;
+  if ((issuer->keyUsage() & KU_CRL_SIGN) == 0) {
+    verifier.contextError(X509_V_ERR_KEYUSAGE_NO_CRL_SIGN);
+    return false;
+  }
+  {
+    const ErrorScope errors;
+    const Owned<EVP_PKEY> key(X509_get_pubkey(issuer));
+    if (key == nullptr) {
+      verifier.contextError(X509_V_ERR_UNABLE_TO_DECODE_ISSUER_PUBLIC_KEY);
+      return false;
+    }
+    if (!list.isSignedBy(key.get())) {
+      verifier.contextError(X509_V_ERR_CRL_SIGNATURE_FAILURE);
+      return false;
+    }
+  }
+  if (list.hasUnhandledCriticalExtension()) {
+    verifier.contextError(X509_V_ERR_UNHANDLED_CRITICAL_CRL_EXTENSION);
+    return false;
+  }
+
+  // The two findings below are recorded and do not end the checks: a later entry whose issuer
+  // validates overwrites them.
+  const Time time = checkTime(verifier);
+  const ASN1::RefGeneralizedTime nextUpdate = list.nextUpdate();
+  if (!nextUpdate.empty() && time > nextUpdate->asTime() && !hasDeltaCRL) {
+    verifier.contextError(X509_V_ERR_CRL_HAS_EXPIRED);
+  }
+  const ASN1::RefGeneralizedTime lastUpdate = list.lastUpdate();
+  if (!lastUpdate.empty() && time < lastUpdate->asTime()) {
+    verifier.contextError(X509_V_ERR_CRL_NOT_YET_VALID);
+  }
+  return true;
+}
+
+// Verifies the issuer of a CRL that no certificate of the path issued.
+bool CRLContainer::validateIssuer(const Entry& entry, const std::list<RefCertificate>& untrusted) {
+  Verifier nested(verifier.objectStore()->clone(), entry.issuer, RefStackOfCertificate(untrusted),
+                  false);
+  takeOverTime(verifier, nested);
+  const int verdict = nested.isValid();
+  verifier.contextError(verdict);
+  return verdict == X509_V_OK;
+}
+
+void CRLContainer::clear() {
+  hasDeltaCRL = false;
+  chainState = ChainUnknown;
+  collectedReasons = 0;
+  entries.clear();
+}
+
+}  // namespace Velantrix::Crypto::PKX509

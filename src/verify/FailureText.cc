@@ -1,0 +1,26 @@
+#include "verify/FailureText.h"
+
+#include <velantrix/Exception.h>
+
+#include <openssl/x509_vfy.h>
+
+#include <sstream>
+
+namespace Velantrix::Crypto::PKX509 {
+
+std::string failureText(const RefCertificate& certificate, int error) {
+  std::ostringstream text;
+  if (!certificate.empty()) {
+    text << "Certificate, ( " << certificate->subject().asString() << " / "
+         << certificate->issuer().asString();
+    try {
+      text << " serialNumber: " << certificate->serialNumber();
+    } catch (const Exception&) {
+      text << " serialNumber: ????";
+    }
+  }
+  text << ") is not valid, " << X509_verify_cert_error_string(error);
+  return text.str();
+}
+
+}  // namespace Velantrix::Crypto::PKX509

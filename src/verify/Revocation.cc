@@ -1,0 +1,172 @@
+// The verifier's own revocation logic: which certificates of a chain are checked, OCSP before CRLs,
+// and where CRLs are looked for.
+#include "foundation/Log.h"
+#include "foundation/VerificationRun.h"
+#include "verify/FailureText.h"
+
+#include <pkx509/FixedPaths.h>
+#include <pkx509/HashDirLookup.h>
+#include <pkx509/Verifier.h>
+#include <velantrix/CertificateFactory.h>
+#include <velantrix/GeneralName.h>
+
+#include <openssl/x509v3.h>
+
+#include <string>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+enum OCSPAnswer : int { kGood = 0, kRevoked = 1, kNoAnswer = 2 };
+
+const ASN1::RefObjectIdentifier& authorityInformationAccess() {
+  static const ASN1::RefObjectIdentifier oid("1.3.6.1.5.5.7.1.1");
+  return oid;
+}
+
+std::string noIssuerText(const RefCertificateRevocationList& crl) {
+  return "Could not find issuing certificate for CRL issued by " +
+         crl->crlInfo().issuer().asString();
+}
+
+}  // namespace
+
+int Verifier::checkChain() {
+  X509_STORE_CTX* const context = context_.get();
+  const unsigned long flags = X509_VERIFY_PARAM_get_flags(X509_STORE_CTX_get0_param(context));
+  if ((flags & X509_V_FLAG_CRL_CHECK) == 0) return 1;
+  const STACK_OF(X509)* const built = X509_STORE_CTX_get0_chain(context);
+  int last = 0;
+  if ((flags & X509_V_FLAG_CRL_CHECK_ALL) != 0) {
+    last = sk_X509_num(built) - 1;
+  } else if (parent_ != nullptr || X509_STORE_CTX_get0_parent_ctx(context) != nullptr) {
+    return 1;  // on the path of a CRL issuer only the flag for all certificates asks for more
+  }
+  std::list<RefCertificate> chain;
+  for (int i = 0; i <= last; ++i) {
+    X509_STORE_CTX_set_error_depth(context, i);
+    chain.push_back(CertificateFactory()(sk_X509_value(built, i), false));
+  }
+  return checkRevocationStatus(chain);
+}
+
+int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
+  // Set once for the whole chain: after one good OCSP answer no later certificate is checked
+  // against CRLs. It is meant so.
+  bool needCrlCheck = true;
+  int depth = -1;
+  for (const RefCertificate& current : chain) {
+    ++depth;
+    const bool isLast = static_cast<std::size_t>(depth) + 1 == chain.size();
+    if (isLast && current->isSelfSigned()) continue;
+
+    int answer = kNoAnswer;
+    const RefAuthorityInformationAccess aia(current->find(authorityInformationAccess()));
+    if (!aia.empty()) {
+      answer = checkOCSP(current, aia, chain);
+      if (answer == kGood) {
+        contextError(X509_V_OK);
+        needCrlCheck = false;
+        continue;
+      }
+      if (answer == kRevoked) {
+        contextError(X509_V_ERR_CERT_REVOKED);
+      } else if (answer != kNoAnswer) {
+        log(kPriorityDebug,
+            "Verifier::checkRevocationStatus: Unhandled return value from checkOCSP: " +
+                std::to_string(answer));
+      }
+    }
+    if (answer != kRevoked && needCrlCheck) {
+      CRLContainer container(*this);
+      getCRLs(current, container);
+      container.extendedCRLChecks(chain);
+      if (contextError() == X509_V_OK) {
+        int reason = 0;
+        contextError(container.isRevoked(reason));
+      }
+    }
+    const int code = contextError();
+    if (code != X509_V_OK) {
+      log(kPriorityDebug, failureText(current, code));
+      X509_STORE_CTX_set_error_depth(context_.get(), depth);
+      return 0;
+    }
+  }
+  return 1;
+}
+
+int Verifier::checkOCSP(const RefCertificate& /*target*/, const RefAuthorityInformationAccess& aia,
+                        const std::list<RefCertificate>& /*chain*/) {
+  for (const RefGeneralName& location : aia->ocspGeneralNames()) {
+    if (location->type() != GEN_URI) continue;
+    // No OCSP client yet: an appliance that relies on OCSP has to learn that it is not asked.
+    log(kPriorityInfo,
+        "Verifier: OCSP is not available, no answer from " + location->uri().asString());
+  }
+  return kNoAnswer;
+}
+
+RefCertificateRevocationList Verifier::getCRL(const RefCertificate& target) {
+  if (target.empty()) return RefCertificateRevocationList();
+  if (lastCertificate.empty() || lastCertificate->native() != target->native()) {
+    crls.clear();
+    remainingApplied_ = false;
+    try {
+      lastCertificate = target;
+      getCRLs(lastCertificate, crls);
+    } catch (...) {
+      // Half a gathering must not pass for a whole one at the next call.
+      lastCertificate = RefCertificate();
+      crls.clear();
+      throw;
+    }
+  }
+  const RefObject next = crls.getCRL();
+  return next.empty() ? RefCertificateRevocationList() : next->crl;
+}
+
+void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
+  if (target.empty()) return;
+  const std::list<RefCRLDistributionPoint> points = target->crlDistributionPoints();
+  if (points.empty()) {
+    const DistinguishedName& issuer = target->issuer();
+    std::list<RefCertificateRevocationList> found;
+    if (VerificationRun::admitLookup())
+      HashDirLookupMethod(kCRLDirectory).getBySubject(issuer, found);
+    store->find(issuer, found);
+    for (const RefCertificateRevocationList& crl : found) {
+      if (issuer != crl->crlInfo().issuer()) {
+        log(kPriorityDebug, "Certificate and CRL issuers do not match");
+        continue;
+      }
+      // On this path the line has always gone out without its text.
+      if (!addCandidate(container, target, crl, RefCRLDistributionPoint())) {
+        logMisplaced(noIssuerText(crl));
+      }
+    }
+    return;
+  }
+  for (const RefCRLDistributionPoint& point : points) {
+    std::list<RefCertificateRevocationList> found;
+    store->find(target, point, found);
+    for (const RefCertificateRevocationList& crl : found) {
+      if (!addCandidate(container, target, crl, point)) log(kPriorityDebug, noIssuerText(crl));
+    }
+  }
+}
+
+// False when nobody is known who issued the CRL.
+bool Verifier::addCandidate(CRLContainer& container, const RefCertificate& target,
+                            const RefCertificateRevocationList& crl,
+                            const RefCRLDistributionPoint& point) {
+  CRLContainer::Entry entry(target, crl, point.empty() ? kAllReasons : point->reasons());
+  entry.distributionPoint = point;
+  entry.issuer = store->findIssuer(crl, entry.score);
+  if (entry.issuer.empty()) return false;
+  container.add(entry);
+  return true;
+}
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,295 @@
+#include "foundation/Log.h"
+#include "foundation/OpenSSLOwners.h"
+#include "foundation/VerificationRun.h"
+#include "verify/FailureText.h"
+
+#include <pkx509/Verifier.h>
+#include <velantrix/Assert.h>
+#include <velantrix/CertificateFactory.h>
+#include <velantrix/Exception.h>
+
+#include <new>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+constexpr char kAnyPolicy[] = "2.5.29.32.0";
+
+// The ex-data slot that leads from a context back to its verifier. Slot 0 is the application's.
+int contextIndex() {
+  static const int index = [] {
+    const int made = X509_STORE_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    if (made == -1) throw std::bad_alloc();  // its only way to fail; the next call tries again
+    return made;
+  }();
+  PKX509_ASSERT(index > 0);
+  return index;
+}
+
+// What OpenSSL uses where a store has no cert_crl of its own. It is not exported; a context that
+// belongs to no store has it.
+X509_STORE_CTX_cert_crl_fn defaultCertCrl() {
+  static const X509_STORE_CTX_cert_crl_fn function = [] {
+    const Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
+    if (context == nullptr || X509_STORE_CTX_init(context.get(), nullptr, nullptr, nullptr) != 1) {
+      throw std::bad_alloc();
+    }
+    return X509_STORE_CTX_get_cert_crl(context.get());
+  }();
+  return function;
+}
+
+// Installs callbacks on a store and puts the former ones back. OpenSSL has no setters for them on a
+// context; a context copies them from its store when it is initialised.
+class StoreCallbacks {
+ public:
+  explicit StoreCallbacks(X509_STORE* store) noexcept
+      : store_(store),
+        checkRevocation_(X509_STORE_get_check_revocation(store)),
+        getCrl_(X509_STORE_get_get_crl(store)),
+        certCrl_(X509_STORE_get_cert_crl(store)) {}
+  ~StoreCallbacks() {
+    X509_STORE_set_check_revocation(store_, checkRevocation_);
+    X509_STORE_set_get_crl(store_, getCrl_);
+    X509_STORE_set_cert_crl(store_, certCrl_);
+  }
+  StoreCallbacks(const StoreCallbacks&) = delete;
+  StoreCallbacks& operator=(const StoreCallbacks&) = delete;
+
+  X509_STORE_CTX_cert_crl_fn formerCertCrl() const noexcept { return certCrl_; }
+
+ private:
+  X509_STORE* store_;  // borrowed
+  X509_STORE_CTX_check_revocation_fn checkRevocation_;
+  X509_STORE_CTX_get_crl_fn getCrl_;
+  X509_STORE_CTX_cert_crl_fn certCrl_;
+};
+
+}  // namespace
+
+Verifier::Config::Config() : Config(std::string()) {}
+
+Verifier::Config::Config(const std::string& label)
+    : name(label), policies{kAnyPolicy}, flags(kDefaultFlags) {}
+
+void Verifier::ContextDeleter::operator()(X509_STORE_CTX* context) const noexcept {
+  X509_STORE_CTX_free(context);
+}
+
+Verifier::Verifier(const RefObjectStore& trustStore, const RefCertificate& target,
+                   bool useOpenSSLRevocation)
+    : store(trustStore),
+      certificate(target),
+      crls(*this),
+      useOpenSSLRevocation_(useOpenSSLRevocation) {
+  initialize();
+}
+
+Verifier::Verifier(const RefObjectStore& trustStore, const RefCertificate& target,
+                   const RefStackOfCertificate& stack, bool useOpenSSLRevocation)
+    : store(trustStore),
+      certificate(target),
+      untrusted(stack),
+      crls(*this),
+      useOpenSSLRevocation_(useOpenSSLRevocation) {
+  initialize();
+}
+
+Verifier::Verifier(const RefObjectStore& trustStore, const RefCertificate& target,
+                   const RefStackOfCertificate& stack, Config& configuration,
+                   bool useOpenSSLRevocation)
+    : store(trustStore),
+      certificate(target),
+      untrusted(stack),
+      config(configuration),
+      crls(*this),
+      useOpenSSLRevocation_(useOpenSSLRevocation) {
+  initialize();
+}
+
+// The context goes first, while the store and everything it borrows is still held: it is the last
+// member. The others follow in the reverse order of their declaration.
+Verifier::~Verifier() = default;
+
+void Verifier::initialize() {
+  // The flags go to the shared store, and every later context on it inherits them.
+  const auto flags = static_cast<unsigned long>(static_cast<long>(config.flags));
+  context_.reset(X509_STORE_CTX_new());
+  if (context_ == nullptr || X509_STORE_set_flags(store, flags) != 1) {
+    throw Exception("X509::Verifier", Exception::kFailure, "Verify", __LINE__);
+  }
+  prepare(untrusted);
+  X509_STORE_CTX_set_verify_cb(context_.get(), verifyCallback);
+  for (const std::string& oid : config.policies) policy(ASN1::RefObjectIdentifier(oid));
+}
+
+void Verifier::prepare(STACK_OF(X509) * intermediates) {
+  X509_STORE* const x509Store = store;
+  int initialized = 0;
+  {
+    const StoreCallbacks former(x509Store);
+    X509_STORE_set_get_crl(x509Store, getCrlCallback);
+    if (useOpenSSLRevocation_) {
+      certCrl_ = former.formerCertCrl() != nullptr ? former.formerCertCrl() : defaultCertCrl();
+      X509_STORE_set_cert_crl(x509Store, certCrlCallback);
+    } else {
+      X509_STORE_set_check_revocation(x509Store, checkRevocationCallback);
+    }
+    initialized = X509_STORE_CTX_init(context_.get(), x509Store, certificate, intermediates);
+  }
+  // Initialising wipes ex-data, so the way back is attached after it.
+  if (initialized != 1 || X509_STORE_CTX_set_ex_data(context_.get(), contextIndex(), this) != 1) {
+    throw Exception("X509::Verifier", Exception::kFailure, "Verify", __LINE__);
+  }
+}
+
+// OpenSSL refuses a context that has been used, so it is made new with what the caller set on it.
+void Verifier::prepareAgain() {
+  X509_STORE_CTX* const context = context_.get();
+  const X509_STORE_CTX_verify_cb callback = X509_STORE_CTX_get_verify_cb(context);
+  STACK_OF(X509)* const intermediates = X509_STORE_CTX_get0_untrusted(context);
+  void* const application = X509_STORE_CTX_get_ex_data(context, 0);
+  X509_VERIFY_PARAM* const used = X509_STORE_CTX_get0_param(context);
+  Owned<X509_VERIFY_PARAM> param(X509_VERIFY_PARAM_new());
+  // Copying sets X509_V_FLAG_POLICY_CHECK beside the other policy flags, also where the caller had
+  // cleared it.
+  if (param == nullptr || used == nullptr || X509_VERIFY_PARAM_set1(param.get(), used) != 1 ||
+      X509_VERIFY_PARAM_clear_flags(param.get(), ~X509_VERIFY_PARAM_get_flags(used)) != 1) {
+    throw Exception("X509::Verifier", Exception::kFailure, "Verify", __LINE__);
+  }
+
+  X509_STORE_CTX_cleanup(context);
+  prepare(intermediates);
+  X509_STORE_CTX_set_verify_cb(context, callback);
+  // Replaces what the store put there, so that its time and flags do not come back over the
+  // caller's.
+  X509_STORE_CTX_set0_param(context, param.release());
+  if (X509_STORE_CTX_set_ex_data(context, 0, application) != 1) {
+    throw Exception("X509::Verifier", Exception::kFailure, "Verify", __LINE__);
+  }
+  lastCertificate = RefCertificate();
+  crls.clear();
+  setCurrentCRL(0, RefCertificate(), 0);
+  used_ = false;
+}
+
+const RefObjectStore& Verifier::objectStore() const { return store; }
+
+int Verifier::isValid() {
+  ERR_clear_error();
+  // First of all, so that an override which verifies again while it is asked for CRLs is refused as
+  // a circle before it takes the context away from OpenSSL.
+  VerificationRun run(certificate);
+  if (run.refusal() != nullptr) {
+    error = X509_V_ERR_CRL_PATH_VALIDATION_ERROR;
+    contextError(error);
+    log(kPriorityDebug, failureText(certificate, error) + ": " + run.refusal());
+    return error;
+  }
+  if (used_) prepareAgain();
+  used_ = true;
+  const int result = X509_verify_cert(context_.get());
+  run.rethrowParked();
+  if (result < 1) {
+    error = contextError();
+    // A failure is a failure also where OpenSSL names none.
+    if (error == X509_V_OK) error = X509_V_ERR_UNSPECIFIED;
+  }
+  return error;
+}
+
+void Verifier::policy(const ASN1::RefObjectIdentifier& oid) {
+  // An identifier gives its object away once. After that it cannot tell whether the object still
+  // lives, so another one is made from its text.
+  ASN1::RefObjectIdentifier identifier(oid);
+  Owned<ASN1_OBJECT> object(identifier->relinquishOwnerShip());
+  if (object == nullptr) object.reset(OBJ_txt2obj(identifier->asString().c_str(), 1));
+  // Only a lack of memory makes it fail, and then the policy is not acceptable: nothing is let in.
+  if (object != nullptr &&
+      X509_VERIFY_PARAM_add0_policy(X509_STORE_CTX_get0_param(context_.get()), object.get()) == 1) {
+    static_cast<void>(object.release());
+  }
+}
+
+X509* Verifier::currentIssuer() const { return currentIssuer_; }
+
+void Verifier::setCurrentCRL(unsigned int score, const RefCertificate& issuer,
+                             unsigned int reasons) {
+  currentCRLScore_ = score;
+  currentIssuer_ = issuer;
+  currentReasons_ = reasons;
+}
+
+int Verifier::contextError() const noexcept { return X509_STORE_CTX_get_error(context_.get()); }
+
+void Verifier::contextError(int code) noexcept { X509_STORE_CTX_set_error(context_.get(), code); }
+
+Verifier* Verifier::of(const X509_STORE_CTX* context) {
+  return static_cast<Verifier*>(X509_STORE_CTX_get_ex_data(context, contextIndex()));
+}
+
+// Logs a failure and leaves OpenSSL's verdict as it is. OpenSSL copies the callback into the
+// contexts it makes to validate the issuer of a CRL, which belong to no verifier.
+int Verifier::verifyCallback(int ok, X509_STORE_CTX* context) {
+  if (ok != 0) return ok;
+  return guardedCallback(0, [&] {
+    const int code = X509_STORE_CTX_get_error(context);
+    // Such a context asks the store only and may well find no CRL; that is not worth a line.
+    if (code == X509_V_ERR_UNABLE_TO_GET_CRL && X509_STORE_CTX_get_get_crl(context) == nullptr) {
+      return ok;
+    }
+    log(kPriorityDebug,
+        failureText(CertificateFactory()(X509_STORE_CTX_get0_cert(context), false), code));
+    return ok;
+  });
+}
+
+int Verifier::getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x) {
+  return guardedCallback(0, [&] {
+    Verifier* const verifier = of(context);
+    if (verifier == nullptr) return 0;
+    const RefCertificateRevocationList found = verifier->getCRL(CertificateFactory()(x, false));
+    X509_CRL* const native = found;
+    // OpenSSL frees what it is given.
+    if (native == nullptr || X509_CRL_up_ref(native) != 1) return 0;
+    *crl = native;
+    return 1;
+  });
+}
+
+// OpenSSL stops asking for CRLs after the first one that covers all reasons. What is left in the
+// container must count too, or a revocation that stands only in a delta CRL would be missed.
+int Verifier::certCrlCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x) {
+  return guardedCallback(0, [&] {
+    Verifier* const verifier = of(context);
+    if (verifier == nullptr) return defaultCertCrl()(context, crl, x);
+    const int result = verifier->certCrl_(context, crl, x);
+    return result != 0 && verifier->applyRemaining(x) ? result : 0;
+  });
+}
+
+bool Verifier::applyRemaining(X509* x) {
+  if (remainingApplied_ || lastCertificate.empty() || lastCertificate->native() != x) return true;
+  remainingApplied_ = true;
+  const X509_STORE_CTX_check_crl_fn checkCrl = X509_STORE_CTX_get_check_crl(context_.get());
+  // A copy: when the first CRL does not cover all reasons, OpenSSL still comes for the others.
+  CRLContainer remaining(crls);
+  while (!remaining.empty()) {
+    const RefObject next = remaining.getCRL();
+    if (next.empty()) break;
+    X509_CRL* const crl = next->crl;
+    if (checkCrl(context_.get(), crl) == 0 || certCrl_(context_.get(), crl, x) == 0) return false;
+  }
+  return true;
+}
+
+int Verifier::checkRevocationCallback(X509_STORE_CTX* context) {
+  return guardedCallback(0, [&] {
+    Verifier* const verifier = of(context);
+    PKX509_ASSERT(verifier != nullptr);  // OpenSSL's own contexts do not inherit this callback
+    return verifier->checkChain();
+  });
+}
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,300 @@
+#include "support/LogCapture.h"
+#include "unit/verify/World.h"
+
+#include <gtest/gtest.h>
+
+namespace Velantrix::Test {
+namespace {
+
+using namespace std::string_literals;
+using std::chrono::hours;
+
+constexpr char kUnknownOid[] = "1.2.3.4.5";
+
+// The same certificate with a public key that cannot be decoded.
+Issued withBrokenKey(const Issued& issued) {
+  const ASN1_BIT_STRING* const bits = X509_get0_pubkey_bitstr(issued.get());
+  const std::string point(reinterpret_cast<const char*>(ASN1_STRING_get0_data(bits)),
+                          static_cast<std::size_t>(ASN1_STRING_length(bits)));
+  std::string bytes = der(issued.get());
+  const std::size_t at = bytes.find(point);
+  if (at == std::string::npos) throw std::runtime_error("no public key");
+  bytes[at] = '\x09';  // neither a compressed nor an uncompressed point
+  return Issued{certFromDer(bytes), issued.key};
+}
+
+class ExtendedChecksTest : public testing::Test {
+ protected:
+  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
+  const std::list<RefCertificate> path{handle(leaf), handle(root)};
+  World world;
+  Verifier verifier{world.store, handle(leaf), false};
+  OpenContainer container{verifier};
+  LogCapture log;
+
+  ExtendedChecksTest() { world.trust(root); }
+
+  void add(const CrlOptions& options, const Issued& issuer) {
+    container.add(makeEntry(handle(leaf), crlHandle(options), handle(issuer)));
+  }
+  void add(const CrlOptions& options) { add(options, root); }
+  int check() {
+    ERR_clear_error();
+    container.extendedCRLChecks(path);
+    return verifier.contextError();
+  }
+  void at(When when) {
+    X509_VERIFY_PARAM_set_time(X509_STORE_CTX_get0_param(verifier), when.time());
+  }
+  CrlOptions expired() const {
+    return {.issuer = &root, .lastUpdate = hours(-9), .nextUpdate = When(hours(-1))};
+  }
+  CrlOptions early() const { return {.issuer = &root, .lastUpdate = hours(1)}; }
+};
+
+TEST_F(ExtendedChecksTest, GoodCrlOfTheIssuerOnThePath_NoErrorNoLineNoLookup) {
+  add({.issuer = &root});
+  EXPECT_EQ(check(), 0);
+  EXPECT_TRUE(log.lines().empty());
+  EXPECT_EQ(world.source->objectQueries + world.source->crlQueries, 0);
+  EXPECT_EQ(container.entries.size(), 1U);
+}
+
+TEST_F(ExtendedChecksTest, EmptyContainer_TouchesNothing) {
+  verifier.contextError(33);
+  EXPECT_EQ(check(), 33);
+}
+
+TEST_F(ExtendedChecksTest, IssuerMayNotSignCrls_35) {
+  // Somebody on the path issued the CRL; the entry's issuer is another certificate of that name.
+  const Issued noSign = issue(
+      {.subject = "O=Test,CN=Root", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = root.key});
+  add({.issuer = &root}, noSign);
+  EXPECT_EQ(check(), X509_V_ERR_KEYUSAGE_NO_CRL_SIGN);
+  EXPECT_EQ(check(), 35);
+}
+
+TEST_F(ExtendedChecksTest, IssuerWithoutKeyUsage_MaySignCrls) {
+  const Issued unrestricted =
+      issue({.subject = "O=Test,CN=Root", .ca = true, .keyUsage = kAbsent, .key = root.key});
+  add({.issuer = &root}, unrestricted);
+  EXPECT_EQ(check(), 0);
+}
+
+TEST_F(ExtendedChecksTest, IssuersKeyCannotBeDecoded_6) {
+  add({.issuer = &root}, withBrokenKey(root));
+  EXPECT_EQ(check(), X509_V_ERR_UNABLE_TO_DECODE_ISSUER_PUBLIC_KEY);
+  EXPECT_EQ(check(), 6);
+  EXPECT_EQ(ERR_peek_error(), 0UL);
+}
+
+TEST_F(ExtendedChecksTest, SignedByAnotherKey_8) {
+  add({.issuer = &root}, issueCa("O=Test,CN=Root"));
+  EXPECT_EQ(check(), X509_V_ERR_CRL_SIGNATURE_FAILURE);
+  EXPECT_EQ(check(), 8);
+  EXPECT_EQ(ERR_peek_error(), 0UL);
+}
+
+TEST_F(ExtendedChecksTest, BadSignature_8ThoughTheIssuerIsValid) {
+  // The signature does not count as the path's, so the issuer is verified on its own first.
+  add({.issuer = &root, .badSignature = true});
+  EXPECT_EQ(check(), 8);
+}
+
+struct CriticalRow {
+  const char* name;
+  CrlOptions crl;
+  int error;
+};
+
+TEST_F(ExtendedChecksTest, CriticalExtensions) {
+  const CriticalRow rows[] = {
+      {"unknown", {.issuer = &root, .rawExtensions = {{kUnknownOid, true, "\x05\x00"s}}}, 36},
+      {"unknown, not critical",
+       {.issuer = &root, .rawExtensions = {{kUnknownOid, false, "\x05\x00"s}}},
+       0},
+      {"unknown in an entry",
+       {.issuer = &root,
+        .revoked = {{.serial = Serial(77), .extensions = {{kUnknownOid, true, "\x05\x00"s}}}}},
+       36},
+      {"issuing distribution point", {.issuer = &root, .idp = Scope{.onlyUser = true}}, 0},
+      {"certificate issuer in an entry",
+       {.issuer = &root,
+        .revoked = {{.serial = Serial(77), .certificateIssuer = "CN=Somebody"}},
+        .idp = Scope{.indirect = true}},
+       0},
+  };
+  for (const CriticalRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    container.clear();
+    verifier.contextError(0);
+    add(row.crl);
+    EXPECT_EQ(check(), row.error);
+  }
+}
+
+TEST_F(ExtendedChecksTest, DeltaIndicatorIsCritical_AndHandled) {
+  add({.issuer = &root});
+  add({.issuer = &root, .deltaBase = Serial(1)});
+  EXPECT_EQ(check(), 0);
+}
+
+TEST_F(ExtendedChecksTest, Expired_12) {
+  add(expired());
+  EXPECT_EQ(check(), X509_V_ERR_CRL_HAS_EXPIRED);
+  EXPECT_EQ(check(), 12);
+}
+
+TEST_F(ExtendedChecksTest, NotYetValid_11) {
+  add(early());
+  EXPECT_EQ(check(), X509_V_ERR_CRL_NOT_YET_VALID);
+  EXPECT_EQ(check(), 11);
+}
+
+TEST_F(ExtendedChecksTest, NeitherNowNorLater_11Overwrites12) {
+  add({.issuer = &root, .lastUpdate = hours(2), .nextUpdate = When(hours(-2))});
+  EXPECT_EQ(check(), 11);
+}
+
+TEST_F(ExtendedChecksTest, NoNextUpdate_NeverExpires) {
+  add({.issuer = &root, .nextUpdate = std::nullopt});
+  at(hours(24 * 3650));
+  EXPECT_EQ(check(), 0);
+}
+
+TEST_F(ExtendedChecksTest, ExpiredBaseBesideADelta_IsAccepted) {
+  add(expired());
+  add({.issuer = &root, .deltaBase = Serial(1)});
+  EXPECT_EQ(check(), 0);
+}
+
+TEST_F(ExtendedChecksTest, ExpiredDelta_IsAcceptedAndAnEarlyOneIsNot) {
+  add({.issuer = &root});
+  CrlOptions delta = expired();
+  delta.deltaBase = Serial(1);
+  add(delta);
+  EXPECT_EQ(check(), 0);
+  delta = early();
+  delta.deltaBase = Serial(1);
+  add(delta);
+  EXPECT_EQ(check(), 11);
+}
+
+TEST_F(ExtendedChecksTest, TimeOfTheContext_CountsInPlaceOfTheClock) {
+  add(expired());
+  at(hours(-5));
+  EXPECT_EQ(check(), 0);
+  verifier.contextError(0);
+  at(hours(-10));
+  EXPECT_EQ(check(), 11);
+}
+
+TEST_F(ExtendedChecksTest, LimitsOfValidity_AreInside) {
+  const When from = When::at(When(hours(-9)).time());
+  const When until = When::at(When(hours(-1)).time());
+  add({.issuer = &root, .lastUpdate = from, .nextUpdate = until});
+  const std::pair<When, int> rows[] = {
+      {from, 0}, {until, 0}, {When::at(from.time() - 1), 11}, {When::at(until.time() + 1), 12}};
+  for (const auto& [when, error] : rows) {
+    verifier.contextError(0);
+    at(when);
+    EXPECT_EQ(check(), error) << when.time();
+  }
+}
+
+TEST_F(ExtendedChecksTest, ExpiryDoesNotEndTheChecks_TheNextEntryIsLookedAt) {
+  add(expired());
+  add(early());
+  EXPECT_EQ(check(), 11);
+}
+
+TEST_F(ExtendedChecksTest, GoodEntryOnThePath_LeavesAnEarlierExpiry) {
+  add(expired());
+  add({.issuer = &root});
+  EXPECT_EQ(check(), 12);
+}
+
+TEST_F(ExtendedChecksTest, LaterEntryWhoseIssuerValidates_OverwritesAnEarlierExpiry) {
+  const Issued other = issueCa("O=Test,CN=Other");
+  world.trust(other);
+  add(expired());
+  add({.issuer = &other}, other);
+  EXPECT_EQ(check(), 0);
+}
+
+struct StopRow {
+  const char* name;
+  std::function<void()> addBad;
+  int error;
+};
+
+TEST_F(ExtendedChecksTest, OtherErrors_EndTheChecks) {
+  const Issued noSign = issue(
+      {.subject = "O=Test,CN=Root", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = root.key});
+  const Issued stranger = issueCa("O=Test,CN=Stranger");
+  const StopRow rows[] = {
+      {"issuer not valid", [&] { add({.issuer = &stranger}, stranger); },
+       X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT},
+      {"key usage", [&] { add({.issuer = &root}, noSign); }, 35},
+      {"key", [&] { add({.issuer = &root}, withBrokenKey(root)); }, 6},
+      {"signature", [&] { add({.issuer = &root, .badSignature = true}); }, 8},
+      {"extension",
+       [&] {
+         add({.issuer = &root, .rawExtensions = {{kUnknownOid, true, "\x05\x00"s}}});
+       },
+       36},
+  };
+  for (const StopRow& row : rows) {
+    SCOPED_TRACE(row.name);
+    container.clear();
+    verifier.contextError(0);
+    row.addBad();
+    add(early());
+    EXPECT_EQ(check(), row.error);
+  }
+}
+
+TEST_F(ExtendedChecksTest, OrderOfTheSteps_TheFirstFindingIsTheError) {
+  // Everything is wrong with these; each row mends what the row before found.
+  const std::vector<RawExtension> critical{{kUnknownOid, true, "\x05\x00"s}};
+  const Issued noSign = issue(
+      {.subject = "O=Test,CN=Root", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = root.key});
+  CrlOptions crl = expired();
+  crl.rawExtensions = critical;
+  struct Row {
+    const char* name;
+    Issued issuer;
+    int error;
+  };
+  const Row rows[] = {{"key usage before key", withBrokenKey(noSign), 35},
+                      {"key before signature", withBrokenKey(root), 6},
+                      {"signature before extension", issueCa("O=Test,CN=Root"), 8},
+                      {"extension before time", root, 36}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    container.clear();
+    verifier.contextError(0);
+    add(crl, row.issuer);
+    EXPECT_EQ(check(), row.error);
+  }
+}
+
+TEST_F(ExtendedChecksTest, EntryWithoutCrl_IsPassedOver) {
+  add(expired());
+  container.entries.front().crl = RefObject();
+  EXPECT_EQ(check(), 0);
+  add(early());
+  EXPECT_EQ(check(), 11);
+}
+
+TEST_F(ExtendedChecksTest, OneSignatureForAllSteps) {
+  const RefCertificateRevocationList crl = crlHandle({.issuer = &root});
+  container.add(makeEntry(handle(leaf), crl, handle(root)));
+  check();
+  check();
+  EXPECT_EQ(crl->signatureChecks(), 1U);
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
