@@ -1,0 +1,59 @@
+#include "ToolFixture.h"
+
+#include "support/PrivateView.h"
+
+#include <algorithm>
+#include <memory>
+#include <stdexcept>
+
+namespace Velantrix::Test {
+
+namespace {
+
+std::unique_ptr<TempDir> pkiDirectory;
+
+}  // namespace
+
+Arguments operator+(Arguments left, const Arguments& right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
+void ToolFixture::SetUpTestSuite() {
+  pkiDirectory = std::make_unique<TempDir>();
+  command({PKX509_DEMO_PKI, pki("")});
+}
+
+void ToolFixture::TearDownTestSuite() { pkiDirectory.reset(); }
+
+void ToolFixture::SetUp() { clearPrivateView(); }
+
+CommandResult ToolFixture::tool(const Arguments& arguments, std::string_view input) {
+  return runCommand(Arguments{PKX509_TOOL} + arguments, input);
+}
+
+CommandResult ToolFixture::shell(const std::string& script, const Arguments& arguments) {
+  return runCommand(Arguments{"bash", "-c", script, PKX509_TOOL} + arguments);
+}
+
+void ToolFixture::command(const Arguments& arguments) {
+  const CommandResult result = runCommand(arguments);
+  if (result.status != 0) throw std::runtime_error(arguments.front() + ": " + result.err);
+}
+
+std::string ToolFixture::pki(const std::string& name) {
+  return (pkiDirectory->path() / "pki" / name).string();
+}
+
+Arguments ToolFixture::verifyWith(const std::string& crls) {
+  return {"verify",    "--ca-dir",        pki("ca"), "--untrusted", pki("intermediates.pem"),
+          "--crl-dir", pki("crl/" + crls)};
+}
+
+nlohmann::json ToolFixture::parsed(const CommandResult& result) {
+  return nlohmann::json::parse(result.out);
+}
+
+long linesIn(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }
+
+}  // namespace Velantrix::Test

@@ -1,0 +1,98 @@
+#include "Input.h"
+
+#include "StandardStreams.h"
+#include "Status.h"
+
+#include <velantrix/Buffer.h>
+#include <velantrix/CertificateFactory.h>
+#include <velantrix/Exception.h>
+#include <velantrix/File.h>
+
+#include <cerrno>
+#include <dirent.h>
+#include <memory>
+#include <string_view>
+#include <system_error>
+#include <unistd.h>
+
+namespace Velantrix::Tool {
+
+using Crypto::PKX509::CertificateFactory;
+using Crypto::PKX509::RefCertificate;
+
+namespace {
+
+constexpr std::size_t kMaxInput = std::size_t{128} * 1024 * 1024;  // what the library reads at most
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const noexcept { ::closedir(directory); }
+};
+
+[[noreturn]] void refuse(const std::string& option, const std::string& directory, int error) {
+  throw ToolError(option + ": " + directory + ": " + std::generic_category().message(error));
+}
+
+// Names that `openssl rehash` and the library make: hexadecimal digits, ".", "r" for a CRL, a
+// number.
+bool isHashName(std::string_view name) {
+  const std::size_t dot = name.find('.');
+  if (dot == 0 || dot == std::string_view::npos) return false;
+  if (name.find_first_not_of("0123456789abcdefABCDEF") != dot) return false;
+  name.remove_prefix(dot + 1);
+  if (name.starts_with('r')) name.remove_prefix(1);
+  return !name.empty() && name.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+std::string textOf(const std::exception& error) {
+  const auto* const own = dynamic_cast<const Exception*>(&error);
+  // The parameter says what is wrong with what; context and place are for developers.
+  return own != nullptr && !own->stringParameter().empty() ? own->stringParameter() : error.what();
+}
+
+}  // namespace
+
+std::string describe(const std::string& subject, const std::exception& error) {
+  const std::string text = textOf(error);
+  return text.starts_with(subject + ":") ? text : subject + ": " + text;
+}
+
+std::list<RefCertificate> readCertificates(const std::string& file) {
+  const bool fromStream = file == kStandardInput;
+  const std::string name = fromStream ? "standard input" : file;
+  std::list<RefCertificate> certificates;
+  try {
+    if (fromStream) {
+      const std::string content = readStandardInput(kMaxInput);
+      CertificateFactory::read(
+          Buffer(content.data(), static_cast<unsigned int>(content.size()), false), certificates);
+    } else {
+      CertificateFactory::read(File::Path(file), certificates);
+    }
+  } catch (const ToolError&) {
+    throw;
+  } catch (const std::exception& error) {
+    throw ToolError(describe(name, error));
+  }
+  if (certificates.empty()) throw ToolError(name + ": there is no certificate in it");
+  return certificates;
+}
+
+void requireHashDirectory(const std::string& option, const std::string& directory) {
+  const std::unique_ptr<DIR, CloseDirectory> entries(::opendir(directory.c_str()));
+  if (entries == nullptr) refuse(option, directory, errno);
+  // Listing it is not enough: what it lists has to be opened.
+  if (::access(directory.c_str(), R_OK | X_OK) != 0) refuse(option, directory, errno);
+  for (;;) {
+    errno = 0;
+    const dirent* const entry = ::readdir(entries.get());
+    if (entry == nullptr) {
+      if (errno != 0) refuse(option, directory, errno);
+      break;
+    }
+    if (isHashName(entry->d_name)) return;
+  }
+  throw ToolError(option + ": " + directory +
+                  ": no file in it is named by a hash; \"openssl rehash\" makes such names");
+}
+
+}  // namespace Velantrix::Tool

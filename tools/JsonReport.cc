@@ -1,0 +1,36 @@
+#include "Report.h"
+
+#include <nlohmann/json.hpp>
+
+namespace Velantrix::Tool {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json toJson(const Report& report) {
+  Json chain = Json::array();
+  for (const Report::Link& link : report.chain) {
+    chain.push_back({{"subject", link.subject}, {"issuer", link.issuer}, {"serial", link.serial}});
+  }
+  Json log = Json::array();
+  for (const Report::LogLine& line : report.log) {
+    log.push_back({{"priority", line.priority}, {"text", line.text}});
+  }
+  return {{"file", report.file},   {"verdict", report.valid() ? "valid" : "invalid"},
+          {"code", report.code},   {"text", report.text},
+          {"depth", report.depth}, {"chain", std::move(chain)},
+          {"log", std::move(log)}};
+}
+
+}  // namespace
+
+std::string jsonReport(const std::vector<Report>& reports) {
+  Json all = Json::array();
+  for (const Report& report : reports) all.push_back(toJson(report));
+  // ASCII only: what a terminal would act on is escaped, and reads back as what it was.
+  constexpr bool kAsciiOnly = true;
+  return all.dump(2, ' ', kAsciiOnly, Json::error_handler_t::replace) + '\n';
+}
+
+}  // namespace Velantrix::Tool

@@ -1,0 +1,28 @@
+// Reads the values of options that are more than a text.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Velantrix::Tool {
+
+/// A point in time: "2026-11-21T05:00:00Z" and "2026-11-21" (the begin of that day), both UTC, or
+/// "@" and seconds since the epoch. Always positive.
+/// @throws ToolError for anything else, also for days and hours that no calendar has
+std::time_t parseTime(const std::string& text);
+
+/// A verification flag of OpenSSL by the name of its constant, with or without "X509_V_FLAG_", in
+/// any case of letters, "-" for "_": "X509_STRICT", "crl-check-all".
+/// @throws ToolError for an unknown name
+unsigned long parseFlag(const std::string& name);
+
+/// The names that `parseFlag` knows, without the prefix, in the order of the alphabet.
+std::vector<std::string_view> flagNames();
+
+/// Checks that @p text is a dotted object identifier that the library takes.
+/// @throws ToolError when it is not
+void requirePolicy(const std::string& text);
+
+}  // namespace Velantrix::Tool

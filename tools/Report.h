@@ -1,0 +1,41 @@
+// What is said about one certificate, and how it is written.
+#pragma once
+
+#include <openssl/x509_vfy.h>
+
+#include <string>
+#include <vector>
+
+namespace Velantrix::Tool {
+
+/// The outcome of one verification. Texts are as the library gives them; writers escape.
+struct Report {
+  struct Link {
+    std::string subject;
+    std::string issuer;
+    std::string serial;
+  };
+  struct LogLine {
+    int priority;
+    std::string text;
+  };
+
+  bool valid() const noexcept { return code == X509_V_OK; }
+
+  std::string file;
+  int code = X509_V_ERR_UNSPECIFIED;  ///< `X509_V_ERR_*`
+  std::string text;                   ///< OpenSSL's, for the code
+  int depth = 0;                      ///< of the certificate that failed; 0 is the one verified
+  std::vector<Link> chain;            ///< as far as it was built, the certificate verified first
+  std::vector<LogLine> log;
+};
+
+/// For people. Log lines are not part of it, see `logLine`.
+std::string textReport(const Report& report);
+/// A log line as it goes to standard error.
+std::string logLine(const std::string& file, const Report::LogLine& line);
+
+/// For programs: an array of all reports. Bytes that are not UTF-8 are replaced by U+FFFD.
+std::string jsonReport(const std::vector<Report>& reports);
+
+}  // namespace Velantrix::Tool

@@ -1,0 +1,21 @@
+// How the tool ends, and the error that leads to the worst of it.
+#pragma once
+
+#include <stdexcept>
+
+namespace Velantrix::Tool {
+
+/// Exit statuses. Of several certificates the highest one counts.
+enum Status : int {
+  kAllValid = 0,
+  kNotValid = 1,
+  kError = 2,  ///< the command line, an input or the output was no good: there is no verdict
+};
+
+/// Ends in one line on standard error and in `kError`. The text names the option or the file.
+class ToolError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+}  // namespace Velantrix::Tool

@@ -1,0 +1,24 @@
+#include "Printable.h"
+#include "Report.h"
+
+namespace Velantrix::Tool {
+
+std::string textReport(const Report& report) {
+  std::string out = printable(report.file) + (report.valid() ? ": valid" : ": invalid") +
+                    ", code " + std::to_string(report.code) + " (" + report.text + ")";
+  if (!report.valid()) out += ", depth " + std::to_string(report.depth);
+  out += '\n';
+  int depth = 0;
+  for (const Report::Link& link : report.chain) {
+    out += "  chain " + std::to_string(depth++) + ": subject " + printable(link.subject) + '\n';
+    out += "           issuer  " + printable(link.issuer) + '\n';
+    out += "           serial  " + printable(link.serial) + '\n';
+  }
+  return out;
+}
+
+std::string logLine(const std::string& file, const Report::LogLine& line) {
+  return file + ": <" + std::to_string(line.priority) + "> " + line.text;
+}
+
+}  // namespace Velantrix::Tool

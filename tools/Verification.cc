@@ -1,0 +1,69 @@
+#include "Verification.h"
+
+#include <pkx509/HashDirLookup.h>
+#include <pkx509/ObjectStore.h>
+#include <velantrix/CertificateFactory.h>
+#include <velantrix/Exception.h>
+#include <velantrix/StackOfCertificate.h>
+
+#include <openssl/x509_vfy.h>
+
+#include <iterator>
+
+namespace Velantrix::Tool {
+
+using namespace Crypto::PKX509;
+
+namespace {
+
+// The untrusted certificates are known to this store only: the search for a CRL's issuer looks
+// there, and must not meet the certificates that came with somebody else's.
+RefObjectStore makeStore(const VerificationSettings& settings,
+                         const std::list<RefCertificate>& untrusted) {
+  RefObjectStore store(settings.caDirectory, X509_FILETYPE_PEM);
+  for (const std::string& directory : settings.crlDirectories) {
+    store->add(RefLookupMethod(new HashDirLookupMethod(directory)));
+  }
+  store->add(untrusted);
+  return store;
+}
+
+void applyParameters(const VerificationSettings& settings, Verifier& verifier) {
+  X509_VERIFY_PARAM* const param = X509_STORE_CTX_get0_param(verifier);  // borrowed
+  if (settings.at) X509_VERIFY_PARAM_set_time(param, *settings.at);
+  if (X509_VERIFY_PARAM_clear_flags(param, settings.clearedFlags) != 1) {
+    throw Exception("X509_VERIFY_PARAM_clear_flags", Exception::kFailure, "Verification", __LINE__);
+  }
+}
+
+std::vector<Report::Link> chainOf(X509_STORE_CTX* context) {
+  std::vector<Report::Link> links;
+  const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context);  // borrowed, may be null
+  for (int i = 0; i < sk_X509_num(chain); ++i) {
+    const RefCertificate certificate = CertificateFactory()(sk_X509_value(chain, i), false);
+    links.push_back({certificate->subject().asString(), certificate->issuer().asString(),
+                     certificate->serialNumber().asString()});
+  }
+  return links;
+}
+
+}  // namespace
+
+Report verify(const VerificationSettings& settings, const std::list<RefCertificate>& certificates) {
+  std::list<RefCertificate> untrusted(std::next(certificates.begin()), certificates.end());
+  untrusted.insert(untrusted.end(), settings.untrusted.begin(), settings.untrusted.end());
+
+  Verifier::Config config = settings.config;
+  Verifier verifier(makeStore(settings, untrusted), certificates.front(),
+                    RefStackOfCertificate(untrusted), config, settings.openSSLRevocation);
+  applyParameters(settings, verifier);
+
+  Report report;
+  report.code = verifier.isValid();
+  report.text = X509_verify_cert_error_string(report.code);
+  if (!report.valid()) report.depth = X509_STORE_CTX_get_error_depth(verifier);
+  report.chain = chainOf(verifier);
+  return report;
+}
+
+}  // namespace Velantrix::Tool

@@ -1,0 +1,33 @@
+// One verification as the command line describes it.
+#pragma once
+
+#include "Report.h"
+
+#include <pkx509/Verifier.h>
+#include <velantrix/Certificate.h>
+
+#include <ctime>
+#include <list>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Velantrix::Tool {
+
+struct VerificationSettings {
+  std::string caDirectory;
+  std::vector<std::string> crlDirectories;
+  std::list<Crypto::PKX509::RefCertificate> untrusted;
+  Crypto::PKX509::Verifier::Config config;
+  unsigned long clearedFlags = 0;  ///< not set even where OpenSSL has them set by default
+  std::optional<std::time_t> at;
+  bool openSSLRevocation = false;
+};
+
+/// Verifies the first of @p certificates; the others join the untrusted ones, since senders put the
+/// certificates above their own behind it. File and log lines of the result are left to the caller.
+/// @throws std::exception when no verdict could be reached
+Report verify(const VerificationSettings& settings,
+              const std::list<Crypto::PKX509::RefCertificate>& certificates);
+
+}  // namespace Velantrix::Tool
