@@ -1,6 +1,7 @@
 #include "foundation/FileReader.h"
 #include "foundation/ObjectReader.h"
 #include "foundation/OpenSSLOwners.h"
+#include "foundation/VerificationRun.h"
 
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
@@ -25,6 +26,12 @@ class CertificateSink : public ObjectSink {
 
   bool take(std::string_view label, const unsigned char* der, std::size_t length) override {
     const ErrorScope errors;
+    if (label != PEM_STRING_X509_TRUSTED) {
+      if (X509* const known = VerificationRun::known(der, length)) {
+        certificates_.push_back(CertificateFactory()(known, false));
+        return true;
+      }
+    }
     const unsigned char* end = der;
     // A trusted certificate is followed by OpenSSL's trust settings, which its verification heeds.
     const auto decode = label == PEM_STRING_X509_TRUSTED ? d2i_X509_AUX : d2i_X509;

@@ -4,6 +4,8 @@
 
 #include <openssl/x509.h>
 
+#include <string_view>
+
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
@@ -58,6 +60,23 @@ bool VerificationRun::admitLookup() {
         "Verifier: too many CRL look-ups, the rest of this verification finds no more CRLs");
   }
   return false;
+}
+
+X509* VerificationRun::known(const unsigned char* der, std::size_t length) {
+  const std::string_view wanted(reinterpret_cast<const char*>(der), length);
+  for (VerificationRun* run = t_current; run != nullptr; run = run->outer_) {
+    for (Known& known : run->known_) {
+      if (known.der.empty()) {
+        const int size = i2d_X509(known.certificate, nullptr);
+        if (size <= 0) continue;
+        known.der.resize(static_cast<std::size_t>(size));
+        auto* position = reinterpret_cast<unsigned char*>(known.der.data());
+        i2d_X509(known.certificate, &position);
+      }
+      if (known.der == wanted) return known.certificate;
+    }
+  }
+  return nullptr;
 }
 
 void VerificationRun::park(std::exception_ptr exception) noexcept {

@@ -8,8 +8,11 @@
 
 #include <openssl/types.h>
 
+#include <cstddef>
 #include <exception>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -43,6 +46,14 @@ class VerificationRun {
   // then to find nothing. The first refusal is logged. Always true outside a run.
   static bool admitLookup();
 
+  // Makes certificates known to the run, so that reading one of them again costs no second
+  // decoding; decoding the key is the dearest step of making a certificate. The X509s are borrowed
+  // and outlive the run.
+  void know(X509* certificate) { known_.push_back({certificate, {}}); }
+  // A certificate that this or an enclosing run of this thread knows and whose DER is exactly these
+  // octets; borrowed, null when there is none.
+  static X509* known(const unsigned char* der, std::size_t length);
+
   bool hasParked() const noexcept { return parked_ != nullptr; }
   // Keeps the first exception of the run.
   void park(std::exception_ptr exception) noexcept;
@@ -55,6 +66,11 @@ class VerificationRun {
     unsigned int lookups = 0;
   };
 
+  struct Known {
+    X509* certificate;
+    std::string der;  // encoded when it is first compared
+  };
+
   const char* judge() noexcept;
 
   const X509* target_;
@@ -64,6 +80,7 @@ class VerificationRun {
   Totals* totals_;  // the outermost run's
   const char* refusal_;
   std::exception_ptr parked_;
+  std::vector<Known> known_;
 };
 
 // The one shape of every callback that OpenSSL gets from us: nothing is done once an exception is

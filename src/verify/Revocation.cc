@@ -43,9 +43,11 @@ int Verifier::checkChain() {
   } else if (parent_ != nullptr || X509_STORE_CTX_get0_parent_ctx(context) != nullptr) {
     return 1;  // on the path of a CRL issuer only the flag for all certificates asks for more
   }
+  VerificationRun* const run = VerificationRun::current();
   std::list<RefCertificate> chain;
   for (int i = 0; i <= last; ++i) {
     X509_STORE_CTX_set_error_depth(context, i);
+    if (run != nullptr) run->know(sk_X509_value(built, i));
     chain.push_back(CertificateFactory()(sk_X509_value(built, i), false));
   }
   return checkRevocationStatus(chain);

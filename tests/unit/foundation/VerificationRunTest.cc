@@ -2,9 +2,14 @@
 #include "support/LogCapture.h"
 #include "support/Pki.h"
 
+#include <velantrix/Buffer.h>
+#include <velantrix/CertificateFactory.h>
+
 #include <gtest/gtest.h>
+#include <list>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -115,6 +120,49 @@ TEST(VerificationRun, Shelter_IsNeitherALevelNorCounted) {
     EXPECT_EQ(VerificationRun{VerificationRun::Shelter{}}.refusal(), nullptr);
   }
   EXPECT_EQ(VerificationRun(nullptr).refusal(), nullptr);
+}
+
+X509* known(const std::string& der) {
+  return VerificationRun::known(reinterpret_cast<const unsigned char*>(der.data()), der.size());
+}
+
+TEST(VerificationRun, KnownCertificate_IsFoundByItsOctetsWhileTheRunOrOneInsideItGoesOn) {
+  const Issued one = issueCa("CN=One");
+  const Issued other = issueCa("CN=Other");
+  const std::string octets = der(one.get());
+  EXPECT_EQ(known(octets), nullptr);
+  {
+    VerificationRun outer(nullptr);
+    outer.know(one.get());
+    EXPECT_EQ(known(octets), one.get());
+    EXPECT_EQ(known(der(other.get())), nullptr);
+    EXPECT_EQ(known(octets.substr(0, octets.size() - 1)), nullptr);
+    const VerificationRun inner(nullptr);
+    EXPECT_EQ(known(octets), one.get());
+  }
+  EXPECT_EQ(known(octets), nullptr);
+}
+
+X509* readBack(const std::string& text) {
+  std::list<Crypto::PKX509::RefCertificate> certificates;
+  Crypto::PKX509::CertificateFactory::read(
+      Buffer(text.data(), static_cast<unsigned int>(text.size()), false), certificates);
+  return certificates.front();
+}
+
+TEST(VerificationRun, KnownCertificateReadAgain_IsTheSameObject) {
+  const Issued one = issueCa("CN=One");
+  EXPECT_NE(readBack(pem(one.get())), one.get());
+  VerificationRun run(nullptr);
+  run.know(one.get());
+  EXPECT_EQ(readBack(pem(one.get())), one.get());
+  EXPECT_EQ(readBack(der(one.get())), one.get());
+  // A trusted certificate brings trust settings along, which the known one may not have.
+  std::string trusted = pem(one.get());
+  for (std::size_t at = 0; (at = trusted.find(" CERTIFICATE", at)) != std::string::npos; at += 20) {
+    trusted.insert(at, " TRUSTED");
+  }
+  EXPECT_NE(readBack(trusted), one.get());
 }
 
 TEST(VerificationRun, FirstExceptionParked_IsTheOneThatIsThrown) {
