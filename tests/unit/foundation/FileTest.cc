@@ -4,6 +4,7 @@
 #include <velantrix/File.h>
 #include <velantrix/Time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
