@@ -1,13 +1,13 @@
 #include "Input.h"
 
-#include "StandardStreams.h"
+#include "Content.h"
 #include "Status.h"
 
 #include <velantrix/Buffer.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
-#include <velantrix/File.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <dirent.h>
 #include <memory>
@@ -21,8 +21,6 @@ using Crypto::PKX509::CertificateFactory;
 using Crypto::PKX509::RefCertificate;
 
 namespace {
-
-constexpr std::size_t kMaxInput = std::size_t{128} * 1024 * 1024;  // what the library reads at most
 
 struct CloseDirectory {
   void operator()(DIR* directory) const noexcept { ::closedir(directory); }
@@ -43,37 +41,29 @@ bool isHashName(std::string_view name) {
   return !name.empty() && name.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-std::string textOf(const std::exception& error) {
+}  // namespace
+
+std::string reasonOf(const std::exception& error) {
   const auto* const own = dynamic_cast<const Exception*>(&error);
   // The parameter says what is wrong with what; context and place are for developers.
   return own != nullptr && !own->stringParameter().empty() ? own->stringParameter() : error.what();
 }
 
-}  // namespace
-
 std::string describe(const std::string& subject, const std::exception& error) {
-  const std::string text = textOf(error);
+  const std::string text = reasonOf(error);
   return text.starts_with(subject + ":") ? text : subject + ": " + text;
 }
 
 std::list<RefCertificate> readCertificates(const std::string& file) {
-  const bool fromStream = file == kStandardInput;
-  const std::string name = fromStream ? "standard input" : file;
+  const std::string content = contentOf(file);
   std::list<RefCertificate> certificates;
   try {
-    if (fromStream) {
-      const std::string content = readStandardInput(kMaxInput);
-      CertificateFactory::read(
-          Buffer(content.data(), static_cast<unsigned int>(content.size()), false), certificates);
-    } else {
-      CertificateFactory::read(File::Path(file), certificates);
-    }
-  } catch (const ToolError&) {
-    throw;
+    CertificateFactory::read(
+        Buffer(content.data(), static_cast<unsigned int>(content.size()), false), certificates);
   } catch (const std::exception& error) {
-    throw ToolError(describe(name, error));
+    throw ToolError(describe(nameOf(file), error));
   }
-  if (certificates.empty()) throw ToolError(name + ": there is no certificate in it");
+  if (certificates.empty()) throw ToolError(nameOf(file) + ": there is no certificate in it");
   return certificates;
 }
 
@@ -93,6 +83,12 @@ void requireHashDirectory(const std::string& option, const std::string& director
   }
   throw ToolError(option + ": " + directory +
                   ": no file in it is named by a hash; \"openssl rehash\" makes such names");
+}
+
+void requireOneStandardInput(const std::vector<std::string>& files) {
+  if (std::count(files.begin(), files.end(), kStandardInput) > 1) {
+    throw ToolError("standard input (\"-\") can be read only once");
+  }
 }
 
 }  // namespace Velantrix::Tool

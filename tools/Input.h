@@ -2,19 +2,30 @@
 #pragma once
 
 #include <velantrix/Certificate.h>
+#include <velantrix/CertificateRevocationList.h>
 
 #include <exception>
 #include <list>
 #include <string>
+#include <vector>
 
 namespace Velantrix::Tool {
-
-/// What stands for standard input among file names.
-inline constexpr char kStandardInput[] = "-";
 
 /// The certificates of a file or of standard input, at least one.
 /// @throws ToolError, naming @p file, when it cannot be read or has none
 std::list<Crypto::PKX509::RefCertificate> readCertificates(const std::string& file);
+
+/// One of the things found in an input; exactly one of the three is set.
+struct InputObject {
+  Crypto::PKX509::RefCertificate certificate;
+  Crypto::PKX509::RefCertificateRevocationList crl;
+  std::string problem;  ///< why the library refuses a certificate or a CRL at this place
+};
+
+/// The certificates and CRLs of a file or of standard input in its order, at least one object.
+/// Whatever else is in it is passed over.
+/// @throws ToolError, naming @p file, when it cannot be read or has none
+std::vector<InputObject> readObjects(const std::string& file);
 
 /// Looks whether a directory given for certificates or CRLs can serve at all. A verification would
 /// take one that is not there, or has no file in it that a look-up opens, for an empty one, and its
@@ -22,7 +33,13 @@ std::list<Crypto::PKX509::RefCertificate> readCertificates(const std::string& fi
 /// @throws ToolError naming @p option and @p directory
 void requireHashDirectory(const std::string& option, const std::string& directory);
 
-/// What an exception says, with @p subject in front where the text does not begin with it anyway.
+/// @throws ToolError when standard input is among @p files more than once
+void requireOneStandardInput(const std::vector<std::string>& files);
+
+/// What an exception says, for people.
+std::string reasonOf(const std::exception& error);
+
+/// The same, with @p subject in front where the text does not begin with it anyway.
 std::string describe(const std::string& subject, const std::exception& error);
 
 }  // namespace Velantrix::Tool

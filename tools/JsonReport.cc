@@ -1,3 +1,4 @@
+#include "JsonText.h"
 #include "Report.h"
 
 #include <nlohmann/json.hpp>
@@ -28,9 +29,7 @@ Json toJson(const Report& report) {
 std::string jsonReport(const std::vector<Report>& reports) {
   Json all = Json::array();
   for (const Report& report : reports) all.push_back(toJson(report));
-  // ASCII only: what a terminal would act on is escaped, and reads back as what it was.
-  constexpr bool kAsciiOnly = true;
-  return all.dump(2, ' ', kAsciiOnly, Json::error_handler_t::replace) + '\n';
+  return jsonText(all);
 }
 
 }  // namespace Velantrix::Tool

@@ -1,5 +1,6 @@
 // The command-line tool: reads the command line, runs one subcommand, and turns every failure into
 // one line on standard error and an exit status.
+#include "ShowCommand.h"
 #include "StandardStreams.h"
 #include "Status.h"
 #include "VerifyCommand.h"
@@ -52,9 +53,14 @@ int run(int argc, char** argv) {
   bool version = false;
   app.add_flag("--version", version, "prints the versions of the tool, its library and OpenSSL");
   app.require_subcommand(0, 1);
-  app.footer("\n\"pkx509 SUBCOMMAND --help\" tells more.");
+  app.footer(
+      "\nExamples:\n"
+      "  pkx509 verify --untrusted chain.pem --crl-dir crls person.pem\n"
+      "  pkx509 show person.pem ca.crl\n"
+      "\n\"pkx509 SUBCOMMAND --help\" tells more.");
   Action action;
   addVerifyCommand(app, action);
+  addShowCommand(app, action);
   try {
     app.parse(arguments(argc, argv));
   } catch (const CLI::CallForHelp&) {

@@ -31,7 +31,8 @@ struct Report {
 };
 
 /// For people. Log lines are not part of it, see `logLine`.
-std::string textReport(const Report& report);
+/// @param colour whether the verdict is green or red
+std::string textReport(const Report& report, bool colour);
 /// A log line as it goes to standard error.
 std::string logLine(const std::string& file, const Report::LogLine& line);
 

@@ -43,25 +43,6 @@ void prepareStandardStreams() {
   static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 }
 
-std::string readStandardInput(std::size_t limit) {
-  constexpr std::size_t kChunk = std::size_t{64} * 1024;
-  std::string content;
-  std::size_t used = 0;
-  for (;;) {
-    if (content.size() - used < kChunk) content.resize(content.size() * 2 + kChunk);
-    const ssize_t count = ::read(STDIN_FILENO, content.data() + used, content.size() - used);
-    if (count == 0) break;
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      fail("standard input", errno);
-    }
-    used += static_cast<std::size_t>(count);
-    if (used > limit) throw ToolError("standard input: more than can be read");
-  }
-  content.resize(used);
-  return content;
-}
-
 void writeOutput(std::string_view text) {
   if (const int error = writeAll(STDOUT_FILENO, text)) fail("standard output", error);
 }
@@ -69,5 +50,7 @@ void writeOutput(std::string_view text) {
 void writeErrorLine(std::string_view text) {
   static_cast<void>(writeAll(STDERR_FILENO, printable(text) + "\n"));
 }
+
+void writeErrorRaw(std::string_view text) { static_cast<void>(writeAll(STDERR_FILENO, text)); }
 
 }  // namespace Velantrix::Tool

@@ -1,8 +1,6 @@
 // Standard input, output and error, without buffers between the tool and an error.
 #pragma once
 
-#include <cstddef>
-#include <string>
 #include <string_view>
 
 namespace Velantrix::Tool {
@@ -13,15 +11,14 @@ namespace Velantrix::Tool {
 /// caller closed is occupied, so that no other file can get its number, and reports errors.
 void prepareStandardStreams();
 
-/// Everything that standard input has.
-/// @throws ToolError when it cannot be read or holds more than @p limit bytes
-std::string readStandardInput(std::size_t limit);
-
 /// @throws ToolError when not all of it could be written
 void writeOutput(std::string_view text);
 
 /// Writes one line to standard error; controls in @p text are escaped. What cannot be written is
 /// lost: there is nobody left to tell.
 void writeErrorLine(std::string_view text);
+
+/// Writes to standard error as it is: for what drives a terminal. Losses do not matter.
+void writeErrorRaw(std::string_view text);
 
 }  // namespace Velantrix::Tool

@@ -3,9 +3,19 @@
 
 namespace Velantrix::Tool {
 
-std::string textReport(const Report& report) {
-  std::string out = printable(report.file) + (report.valid() ? ": valid" : ": invalid") +
-                    ", code " + std::to_string(report.code) + " (" + report.text + ")";
+namespace {
+
+std::string verdict(const Report& report, bool colour) {
+  const std::string word = report.valid() ? "valid" : "invalid";
+  if (!colour) return word;
+  return (report.valid() ? "\x1b[32m" : "\x1b[31m") + word + "\x1b[0m";
+}
+
+}  // namespace
+
+std::string textReport(const Report& report, bool colour) {
+  std::string out = printable(report.file) + ": " + verdict(report, colour) + ", code " +
+                    std::to_string(report.code) + " (" + report.text + ")";
   if (!report.valid()) out += ", depth " + std::to_string(report.depth);
   out += '\n';
   int depth = 0;

@@ -1,11 +1,14 @@
 #include "VerifyCommand.h"
 
+#include "Content.h"
 #include "Input.h"
 #include "LogCollector.h"
 #include "OptionValues.h"
+#include "Progress.h"
 #include "Report.h"
 #include "StandardStreams.h"
 #include "Status.h"
+#include "Terminal.h"
 #include "Verification.h"
 #include "VerifyHelp.h"
 
@@ -27,16 +30,14 @@ struct Options {
   std::vector<std::string> policies;
   VerificationSettings settings;
   bool json = false;
+  std::string colour = "auto";
 };
 
 // Finds what is wrong with the command line before anything is verified.
 void prepare(Options& options) {
-  const auto isStream = [](const std::string& file) { return file == kStandardInput; };
-  if (std::count_if(options.files.begin(), options.files.end(), isStream) +
-          std::count_if(options.untrustedFiles.begin(), options.untrustedFiles.end(), isStream) >
-      1) {
-    throw ToolError("standard input (\"-\") can be read only once");
-  }
+  std::vector<std::string> files = options.files;
+  files.insert(files.end(), options.untrustedFiles.begin(), options.untrustedFiles.end());
+  requireOneStandardInput(files);
   VerificationSettings& settings = options.settings;
   if (!options.policies.empty()) {
     settings.config.policies.clear();
@@ -59,11 +60,14 @@ void writeLog(const std::string& file, const std::vector<Report::LogLine>& lines
   for (const Report::LogLine& line : lines) writeErrorLine(logLine(file, line));
 }
 
-Report reportOn(const Options& options, const std::string& file, LogCollector& log) {
-  const std::list<Crypto::PKX509::RefCertificate> certificates = readCertificates(file);
+Report reportOn(const Options& options, const std::string& file, LogCollector& log,
+                Progress& progress) {
   Report report;
   try {
-    report = verify(options.settings, certificates);
+    const Progress::Step step(progress);
+    report = verify(options.settings, readCertificates(file));
+  } catch (const ToolError&) {
+    throw;
   } catch (const std::exception& error) {
     if (!options.json) writeLog(file, log.take());
     throw ToolError(describe(file, error));
@@ -75,13 +79,15 @@ Report reportOn(const Options& options, const std::string& file, LogCollector& l
 
 int run(Options& options) {
   LogCollector log;
+  const bool colour = wantsColour(options.colour);
   prepare(options);
+  Progress progress(options.files.size());
   int status = kAllValid;
   std::vector<Report> reports;
   for (const std::string& file : options.files) {
     Report report;
     try {
-      report = reportOn(options, file, log);
+      report = reportOn(options, file, log, progress);
     } catch (const ToolError& error) {
       writeErrorLine(std::string("pkx509: ") + error.what());
       static_cast<void>(log.take());
@@ -93,7 +99,7 @@ int run(Options& options) {
       reports.push_back(std::move(report));
     } else {
       writeLog(file, report.log);
-      writeOutput(textReport(report));
+      writeOutput(textReport(report, colour));
     }
   }
   if (options.json) writeOutput(jsonReport(reports));
@@ -153,6 +159,10 @@ void addVerifyCommand(CLI::App& app, Action& action) {
   command->add_flag("--openssl-revocation", settings.openSSLRevocation,
                     "OpenSSL's revocation check in place of the library's");
   command->add_flag("--json", options->json, "prints JSON");
+  command
+      ->add_option("--color", options->colour,
+                   "colours the verdict: auto (on a terminal), always or never")
+      ->type_name("WHEN");
   command->footer(verifyHelp());
   command->callback([options, &action] { action = [options] { return run(*options); }; });
 }

@@ -31,7 +31,8 @@ Output:
   the path that was built. Log lines that explain it go to standard error, as "FILE: <priority> text".
   With --json everything goes to standard output, as an array of an object for each certificate:
   file, verdict ("valid" or "invalid"), code, text, depth, chain (objects with subject, issuer,
-  serial), log (objects with priority, text).
+  serial), log (objects with priority, text). JSON is never coloured, and --color=auto is "never"
+  when NO_COLOR is set in the environment or TERM is "dumb".
 
 Exit status:
   0  All certificates are valid.

@@ -448,8 +448,8 @@ TEST_F(Tool, Help_NamesEverything) {
   EXPECT_EQ(verify.status, 0);
   EXPECT_EQ(verify.err, "");
   for (const char* text : {"--ca-dir", "--untrusted", "--crl-dir", "--policy", "--flag",
-                           "--no-flag", "--at", "--openssl-revocation", "--json", "--help",
-                           kCaDirectory, kCrlDirectory, "Exit status", "Examples"}) {
+                           "--no-flag", "--at", "--openssl-revocation", "--json", "--color",
+                           "--help", kCaDirectory, kCrlDirectory, "Exit status", "Examples"}) {
     EXPECT_NE(verify.out.find(text), std::string::npos) << text;
   }
 }

@@ -1,0 +1,146 @@
+// The bash completion and the man page know what the tool knows.
+#include "ToolFixture.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace Velantrix::Test {
+namespace {
+
+namespace fs = std::filesystem;
+using Words = std::set<std::string>;
+
+class ToolCompletion : public ToolFixture {
+ protected:
+  // What bash offers for the last of the words, in the test's own directory.
+  Words offered(const std::vector<std::string>& words) const {
+    const CommandResult result =
+        runCommand(Arguments{"bash", "--norc", "-c",
+                             "set -u; cd \"$1\"; source \"$2\"; shift 2; COMP_WORDS=(\"$@\"); "
+                             "COMP_CWORD=$(($# - 1)); _pkx509; "
+                             "((${#COMPREPLY[@]})) && printf '%s\\n' \"${COMPREPLY[@]}\"; true",
+                             "bash", own(""), PKX509_COMPLETION, "pkx509"} +
+                   words);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    Words replies;
+    std::istringstream lines(result.out);
+    for (std::string line; std::getline(lines, line);) replies.insert(line);
+    return replies;
+  }
+
+  // The options in a help text.
+  static Words optionsIn(const std::string& help) {
+    Words options;
+    std::istringstream lines(help);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with("  -h,")) line.replace(0, 5, "  ");
+      if (!line.starts_with("  --")) continue;
+      options.insert(line.substr(2, line.find_first_of(" ", 2) - 2));
+    }
+    return options;
+  }
+
+  static Words flagsInHelp() {
+    const std::string help = tool({"verify", "--help"}).out;
+    const std::size_t begin = help.find("ALLOW_PROXY_CERTS");
+    std::istringstream names(help.substr(begin, help.find("Set by default") - begin));
+    Words flags;
+    for (std::string name; names >> name;) flags.insert(name);
+    return flags;
+  }
+};
+
+TEST_F(ToolCompletion, IsRegisteredForTheTool) {
+  const CommandResult result =
+      runCommand({"bash", "--norc", "-c", "source \"$0\"; complete -p pkx509", PKX509_COMPLETION});
+  EXPECT_EQ(result.out, "complete -F _pkx509 pkx509\n");
+  EXPECT_EQ(result.err, "");
+}
+
+TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
+  EXPECT_EQ(offered({""}), (Words{"verify", "show", "--help", "--version"}));
+  EXPECT_EQ(offered({"v"}), (Words{"verify"}));
+  EXPECT_EQ(offered({"--v"}), (Words{"--version"}));
+  EXPECT_EQ(offered({"x"}), (Words{}));
+  const Words verify = optionsIn(tool({"verify", "--help"}).out);
+  EXPECT_EQ(verify.size(), 11U);
+  EXPECT_EQ(offered({"verify", "-"}), verify);
+  EXPECT_EQ(offered({"verify", "a.pem", "--json", "--"}), verify);
+  EXPECT_EQ(offered({"verify", "--c"}), (Words{"--ca-dir", "--crl-dir", "--color"}));
+  EXPECT_EQ(offered({"show", "--"}), optionsIn(tool({"show", "--help"}).out));
+}
+
+TEST_F(ToolCompletion, Values_AreThoseOfTheirOption) {
+  EXPECT_EQ(offered({"verify", "--flag", ""}), flagsInHelp());
+  EXPECT_EQ(offered({"verify", "--no-flag", ""}), flagsInHelp());
+  const Words crl = {"CRL_CHECK", "CRL_CHECK_ALL"};
+  for (const char* typed : {"CRL", "crl", "crl-c", "X509_V_FLAG_CRL_", "x509-v-flag-crl"}) {
+    EXPECT_EQ(offered({"verify", "--flag", typed}), crl) << typed;
+  }
+  EXPECT_EQ(offered({"verify", "--color", ""}), (Words{"auto", "always", "never"}));
+  EXPECT_EQ(offered({"verify", "--at", ""}), (Words{}));
+  EXPECT_EQ(offered({"verify", "--policy", "2"}), (Words{"2.5.29.32.0"}));
+  // As bash breaks words at "=", and as it does when "=" is taken out of COMP_WORDBREAKS.
+  EXPECT_EQ(offered({"verify", "--color", "="}), (Words{"auto", "always", "never"}));
+  EXPECT_EQ(offered({"verify", "--color", "=", "a"}), (Words{"auto", "always"}));
+  EXPECT_EQ(offered({"verify", "--color=n"}), (Words{"--color=never"}));
+  EXPECT_EQ(offered({"verify", "--flag=crl_check_"}), (Words{"--flag=CRL_CHECK_ALL"}));
+  // After a value comes anything again.
+  EXPECT_EQ(offered({"verify", "--color", "auto", "--j"}), (Words{"--json"}));
+  EXPECT_EQ(offered({"verify", "--color", "=", "auto", "--j"}), (Words{"--json"}));
+}
+
+TEST_F(ToolCompletion, FilesAndDirectories_AreOffered_AlsoWithBlanksInTheirNames) {
+  fs::create_directory(own("dir one"));
+  writeFile(own("a file.pem"), "");
+  writeFile(own("b.pem"), "");
+  writeFile(own("-c.pem"), "");
+  const Words all = {"dir one", "a file.pem", "b.pem", "-c.pem"};
+  for (const char* subcommand : {"verify", "show"}) {
+    EXPECT_EQ(offered({subcommand, ""}), all);
+    EXPECT_EQ(offered({subcommand, "b.pem", "a"}), (Words{"a file.pem"}));
+    EXPECT_EQ(offered({subcommand, "--json", "b"}), (Words{"b.pem"}));
+    EXPECT_EQ(offered({subcommand, "--", "-"}), (Words{"-c.pem"}));
+  }
+  EXPECT_EQ(offered({"verify", "--untrusted", ""}), all);
+  EXPECT_EQ(offered({"verify", "--ca-dir", ""}), (Words{"dir one"}));
+  EXPECT_EQ(offered({"verify", "--crl-dir", ""}), (Words{"dir one"}));
+  EXPECT_EQ(offered({"verify", "--crl-dir", "=", "d"}), (Words{"dir one"}));
+  EXPECT_EQ(offered({"verify", "--ca-dir=d"}), (Words{"--ca-dir=dir one"}));
+  EXPECT_EQ(offered({"verify", "--ca-dir", "x"}), (Words{}));
+}
+
+TEST_F(ToolCompletion, ManPage_HasAllOptionsAndKeys) {
+  std::string page = readFile(PKX509_MAN_PAGE);
+  page.erase(std::remove(page.begin(), page.end(), '\\'), page.end());
+  for (const char* subcommand : {"verify", "show"}) {
+    EXPECT_NE(page.find("\n.It Cm " + std::string(subcommand) + "\n"), std::string::npos);
+    for (const std::string& option : optionsIn(tool({subcommand, "--help"}).out)) {
+      // "--json" is written "Fl -json".
+      const std::string tag = option == "--help" ? "\n.It Fl h , Fl " : "\n.It Fl ";
+      EXPECT_NE(page.find(tag + option.substr(1)), std::string::npos) << option;
+    }
+  }
+  EXPECT_NE(page.find("\n.It Fl -version\n"), std::string::npos);
+  for (const std::string arguments : {"verify --ca-dir ", "verify ", "show "}) {
+    EXPECT_NE(page.find("\n$ pkx509 " + arguments), std::string::npos) << arguments;
+  }
+  const nlohmann::json shown =
+      parsed(tool({"show", "--json", person("good"), pki("work/ca-only.crl")}));
+  const nlohmann::json verified =
+      parsed(tool(verifyWith("good") + Arguments{"--json", person("good")}));
+  for (const nlohmann::json& object : {shown.at(0), shown.at(1), verified.at(0)}) {
+    for (const auto& item : object.items()) {
+      EXPECT_NE(page.find(item.key()), std::string::npos) << item.key();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Velantrix::Test

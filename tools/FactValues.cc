@@ -1,0 +1,153 @@
+#include "FactValues.h"
+
+#include <openssl/objects.h>
+#include <openssl/x509v3.h>
+
+#include <arpa/inet.h>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <span>
+#include <string_view>
+#include <sys/socket.h>
+
+namespace Velantrix::Tool {
+
+using namespace Crypto;
+using namespace Crypto::PKX509;
+
+namespace {
+
+struct Bit {
+  unsigned int mask;
+  const char* name;
+};
+
+// RFC 5280, 4.2.1.13.
+constexpr std::array kReasons = {
+    Bit{0x40, "keyCompromise"},        Bit{0x20, "cACompromise"},
+    Bit{0x10, "affiliationChanged"},   Bit{0x08, "superseded"},
+    Bit{0x04, "cessationOfOperation"}, Bit{0x02, "certificateHold"},
+    Bit{0x01, "privilegeWithdrawn"},   Bit{0x8000, "aACompromise"},
+};
+
+// RFC 5280, 4.2.1.3.
+constexpr std::array kUsages = {
+    Bit{KU_DIGITAL_SIGNATURE, "digitalSignature"},
+    Bit{KU_NON_REPUDIATION, "nonRepudiation"},
+    Bit{KU_KEY_ENCIPHERMENT, "keyEncipherment"},
+    Bit{KU_DATA_ENCIPHERMENT, "dataEncipherment"},
+    Bit{KU_KEY_AGREEMENT, "keyAgreement"},
+    Bit{KU_KEY_CERT_SIGN, "keyCertSign"},
+    Bit{KU_CRL_SIGN, "cRLSign"},
+    Bit{KU_ENCIPHER_ONLY, "encipherOnly"},
+    Bit{KU_DECIPHER_ONLY, "decipherOnly"},
+};
+
+Facts bitNames(std::span<const Bit> bits, unsigned int mask) {
+  Facts names = Facts::array();
+  for (const Bit& bit : bits) {
+    if ((mask & bit.mask) != 0) names.push_back(bit.name);
+  }
+  return names;
+}
+
+std::string bytesOf(const ASN1_STRING* string) {
+  const unsigned char* const data = ASN1_STRING_get0_data(string);
+  const int length = ASN1_STRING_length(string);
+  return length > 0 ? std::string(data, data + length) : std::string();
+}
+
+std::string dotted(const ASN1_OBJECT* object) {
+  // An identifier of a million digits is cut; nothing is looked up by what stands here.
+  std::array<char, 256> text{};
+  return OBJ_obj2txt(text.data(), static_cast<int>(text.size()), object, 1) > 0 ? text.data() : "";
+}
+
+// RFC 5280, 4.2.1.6: four octets for an IPv4 address, sixteen for an IPv6 one.
+std::string addressOf(const ASN1_OCTET_STRING* octets) {
+  const int family = ASN1_STRING_length(octets) == 4    ? AF_INET
+                     : ASN1_STRING_length(octets) == 16 ? AF_INET6
+                                                        : AF_UNSPEC;
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  if (family != AF_UNSPEC && ::inet_ntop(family, ASN1_STRING_get0_data(octets), text.data(),
+                                         static_cast<socklen_t>(text.size())) != nullptr) {
+    return text.data();
+  }
+  return ASN1::RefOctetString(octets)->asString();
+}
+
+std::string textOf(const RefGeneralName& name) {
+  const GENERAL_NAME* const native = name->native();  // borrowed
+  switch (name->type()) {
+    case GEN_EMAIL:
+      return "email:" + bytesOf(native->d.rfc822Name);
+    case GEN_DNS:
+      return "DNS:" + bytesOf(native->d.dNSName);
+    case GEN_URI:
+      return "URI:" + bytesOf(native->d.uniformResourceIdentifier);
+    case GEN_DIRNAME:
+      return "dirName:" + name->dn().asString();
+    case GEN_IPADD:
+      return "IP:" + addressOf(native->d.iPAddress);
+    case GEN_RID:
+      return "RID:" + dotted(native->d.registeredID);
+    case GEN_OTHERNAME:
+      return "otherName:" + dotted(native->d.otherName->type_id);
+    case GEN_X400:
+      return "x400Address:";
+    case GEN_EDIPARTY:
+      return "ediPartyName:";
+    default:
+      return "unknown:";
+  }
+}
+
+}  // namespace
+
+Facts timeFact(const ASN1::RefGeneralizedTime& time) {
+  if (time.empty()) return nullptr;
+  const std::chrono::sys_seconds point{std::chrono::seconds(time->seconds())};
+  const auto day = std::chrono::floor<std::chrono::days>(point);
+  const std::chrono::year_month_day date(day);
+  const std::chrono::hh_mm_ss clock(point - day);
+  std::array<char, 64> text{};
+  const int length = std::snprintf(
+      text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(date.year()),
+      static_cast<unsigned int>(date.month()), static_cast<unsigned int>(date.day()),
+      static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+      static_cast<int>(clock.seconds().count()));
+  return std::string(text.data(), static_cast<std::size_t>(length));
+}
+
+Facts numberFact(const ASN1::Integer& number) {
+  return number.isNull() ? Facts() : Facts(number.asString());
+}
+
+Facts octetsFact(const ASN1::RefOctetString& octets) {
+  return octets.empty() ? Facts() : Facts(octets->asString());
+}
+
+Facts keyIdFact(const RefAuthorityKeyIdentifier& identifier) {
+  return identifier.empty() ? Facts() : octetsFact(identifier->keyId());
+}
+
+Facts namesFact(const std::list<RefGeneralName>& names) {
+  Facts texts = Facts::array();
+  for (const RefGeneralName& name : names) texts.push_back(textOf(name));
+  return texts;
+}
+
+Facts pointNameFact(const RefCRLDistributionPointName& name) {
+  const bool relative = !name.empty() && name->type() == CRLDistributionPointName::kRelativeName;
+  Facts fact = Facts::object();
+  fact["fullName"] = name.empty() ? Facts::array() : namesFact(name->fullName());
+  fact["relativeName"] = relative ? Facts(name->relativeName()) : Facts();
+  return fact;
+}
+
+Facts reasonsFact(unsigned int reasons) { return bitNames(kReasons, reasons); }
+
+Facts keyUsageFact(unsigned int usage) { return bitNames(kUsages, usage); }
+
+}  // namespace Velantrix::Tool
