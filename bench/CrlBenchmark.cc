@@ -1,0 +1,139 @@
+// Long CRLs: reading one, the first verification with it, and later ones.
+#include "Fixture.h"
+#include "PeakMemory.h"
+
+#include <velantrix/Buffer.h>
+
+#include <benchmark/benchmark.h>
+#include <map>
+#include <memory>
+
+namespace Velantrix::Bench {
+namespace {
+
+using namespace Crypto::PKX509;
+using Crypto::Owned;
+
+struct LongCrl {
+  explicit LongCrl(int entries)
+      : chain(Test::KeyKind::P256, static_cast<std::size_t>(entries)),
+        der(Test::der(chain.intermediateCrl.get())) {}
+
+  Chain chain;
+  std::string der;
+};
+
+LongCrl& crlOf(int entries) {
+  static std::map<int, std::unique_ptr<LongCrl>> made;
+  std::unique_ptr<LongCrl>& crl = made[entries];
+  if (crl == nullptr) crl = std::make_unique<LongCrl>(entries);
+  return *crl;
+}
+
+RefCertificateRevocationList readByLibrary(const std::string& der) {
+  return CertificateRevocationListFactory::read(
+      Buffer(der.data(), static_cast<unsigned int>(der.size()), false));
+}
+
+Owned<X509_CRL> readByOpenSSL(const std::string& der) {
+  const auto* position = reinterpret_cast<const unsigned char*>(der.data());
+  return Owned<X509_CRL>(d2i_X509_CRL(nullptr, &position, static_cast<long>(der.size())));
+}
+
+void parseLibrary(benchmark::State& state, int entries) {
+  const std::string& der = crlOf(entries).der;
+  for (auto _ : state) benchmark::DoNotOptimize(readByLibrary(der));
+  state.counters["peak MiB"] = peakMemory("library", der);
+}
+
+void parseOpenSSL(benchmark::State& state, int entries) {
+  const std::string& der = crlOf(entries).der;
+  for (auto _ : state) benchmark::DoNotOptimize(readByOpenSSL(der));
+  state.counters["peak MiB"] = peakMemory("openssl", der);
+}
+
+struct LibraryRun {
+  explicit LibraryRun(LongCrl& crl) : chain(crl.chain) {
+    // A CRL object that nothing has been asked of yet, in the place of the chain's own.
+    auto* const found = static_cast<FoundCrls*>(chain.store->methods().front().get());
+    found->crls.pop_back();
+    found->crls.push_back(readByLibrary(crl.der));
+  }
+  bool verify() { return libraryVerify(chain.store, chain.leaf, chain.untrusted); }
+
+  LibraryChain chain;
+};
+
+struct OpenSSLRun {
+  explicit OpenSSLRun(LongCrl& crl) : chain(crl.chain), store(X509_STORE_new()) {
+    const Owned<X509_CRL> fresh = readByOpenSSL(crl.der);
+    X509_STORE_add_cert(store.get(), chain.root.get());
+    X509_STORE_add_crl(store.get(), chain.rootCrl.get());
+    X509_STORE_add_crl(store.get(), fresh.get());
+    X509_STORE_set_flags(store.get(), 0x30AC);
+  }
+  bool verify() { return openSSLVerify(store.get(), chain.leaf.get(), chain.untrusted()); }
+
+  const Chain& chain;
+  Owned<X509_STORE> store;
+};
+
+template <class Run>
+void first(benchmark::State& state, int entries) {
+  LongCrl& crl = crlOf(entries);
+  for (auto _ : state) {
+    state.PauseTiming();
+    {
+      Run run(crl);
+      state.ResumeTiming();
+      if (!run.verify()) state.SkipWithError("not valid");
+      state.PauseTiming();
+    }
+    state.ResumeTiming();
+  }
+}
+
+template <class Run>
+void later(benchmark::State& state, int entries) {
+  Run run(crlOf(entries));
+  if (!run.verify()) state.SkipWithError("not valid");
+  for (auto _ : state) {
+    if (!run.verify()) state.SkipWithError("not valid");
+  }
+}
+
+void registerFor(int entries) {
+  const std::string size = std::to_string(entries) + " entries";
+  const auto add = [entries](const std::string& name, void (*run)(benchmark::State&, int)) {
+    return benchmark::RegisterBenchmark(name.c_str(), run, entries)
+        ->Unit(benchmark::kMillisecond)
+        ->Repetitions(3);
+  };
+  // Reading the long ones takes seconds; a fixed number of them keeps the whole within minutes.
+  constexpr int kFew = 2;
+  add("CRL of " + size + ", read/library", parseLibrary)->Iterations(kFew);
+  add("CRL of " + size + ", read/openssl", parseOpenSSL)->Iterations(kFew);
+  add("CRL of " + size + ", first verification/library", first<LibraryRun>)->Iterations(kFew);
+  add("CRL of " + size + ", first verification/openssl", first<OpenSSLRun>)->Iterations(kFew);
+  add("CRL of " + size + ", later verification/library", later<LibraryRun>)->MinTime(0.1);
+  add("CRL of " + size + ", later verification/openssl", later<OpenSSLRun>)->Iterations(3);
+}
+
+const bool kRegistered = [] {
+  registerFor(1000);
+  registerFor(100000);
+  registerFor(1000000);
+  return true;
+}();
+
+}  // namespace
+
+void readForPeak(const std::string& who, const std::string& der) {
+  if (who == "library") {
+    benchmark::DoNotOptimize(readByLibrary(der));
+  } else {
+    benchmark::DoNotOptimize(readByOpenSSL(der));
+  }
+}
+
+}  // namespace Velantrix::Bench

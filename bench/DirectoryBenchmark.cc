@@ -1,0 +1,79 @@
+// Finding the CRL of one issuer in hash directories of different sizes.
+//
+// OpenSSL opens the files that an issuer's hash may name; the library reads the directory's names,
+// because it takes names that no one can enumerate (upper case, blanks, any suffix).
+#include "Fixture.h"
+
+#include <pkx509/HashDirLookup.h>
+
+#include <benchmark/benchmark.h>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <memory>
+
+namespace Velantrix::Bench {
+namespace {
+
+using namespace Crypto::PKX509;
+using Crypto::Owned;
+
+struct Directory {
+  explicit Directory(int files) : crl(Test::makeCrl({.issuer = &issuer})) {
+    Test::addToDirectory(directory.path(), crl.get());
+    for (int i = 1; i < files; ++i) {
+      char name[32];
+      std::snprintf(name, sizeof name, "%08x.r0", static_cast<unsigned int>(i) * 2654435761U);
+      std::ofstream(directory.path() / name);
+    }
+  }
+
+  Test::TempDir directory;
+  Test::Issued issuer = Test::issueCa("CN=Issuer,O=Bench");
+  Owned<X509_CRL> crl;
+};
+
+const Directory& directoryOf(int files) {
+  static std::map<int, std::unique_ptr<Directory>> made;
+  std::unique_ptr<Directory>& directory = made[files];
+  if (directory == nullptr) directory = std::make_unique<Directory>(files);
+  return *directory;
+}
+
+void library(benchmark::State& state, int files) {
+  const Directory& directory = directoryOf(files);
+  const DistinguishedName issuer(X509_CRL_get_issuer(directory.crl.get()));
+  HashDirLookupMethod method(directory.directory.path().string());
+  for (auto _ : state) {
+    std::list<RefCertificateRevocationList> found;
+    method.getBySubject(issuer, found);
+    if (found.size() != 1) state.SkipWithError("not found");
+  }
+}
+
+void openSSL(benchmark::State& state, int files) {
+  const Directory& directory = directoryOf(files);
+  const std::string path = directory.directory.path().string();
+  for (auto _ : state) {
+    const Owned<X509_STORE> store(X509_STORE_new());
+    X509_LOOKUP* const lookup = X509_STORE_add_lookup(store.get(), X509_LOOKUP_hash_dir());
+    X509_LOOKUP_add_dir(lookup, path.c_str(), X509_FILETYPE_PEM);
+    const Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
+    X509_STORE_CTX_init(context.get(), store.get(), nullptr, nullptr);
+    const Owned<X509_OBJECT> found(X509_OBJECT_new());
+    if (X509_STORE_CTX_get_by_subject(context.get(), X509_LU_CRL,
+                                      X509_CRL_get_issuer(directory.crl.get()), found.get()) != 1) {
+      state.SkipWithError("not found");
+    }
+  }
+}
+
+BENCHMARK_CAPTURE(library, small, 10)->Name("directory of 10 files/library");
+BENCHMARK_CAPTURE(openSSL, small, 10)->Name("directory of 10 files/openssl");
+BENCHMARK_CAPTURE(library, medium, 1000)->Name("directory of 1000 files/library");
+BENCHMARK_CAPTURE(openSSL, medium, 1000)->Name("directory of 1000 files/openssl");
+BENCHMARK_CAPTURE(library, large, 100000)->Name("directory of 100000 files/library");
+BENCHMARK_CAPTURE(openSSL, large, 100000)->Name("directory of 100000 files/openssl");
+
+}  // namespace
+}  // namespace Velantrix::Bench

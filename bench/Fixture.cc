@@ -1,0 +1,81 @@
+#include "Fixture.h"
+
+#include <pkx509/Verifier.h>
+#include <velantrix/CertificateFactory.h>
+
+namespace Velantrix::Bench {
+
+using namespace Crypto::PKX509;
+using Crypto::Owned;
+
+FoundCrls::FoundCrls() : LookupMethod("FoundCrls") {}
+
+void FoundCrls::getBySubject(const DistinguishedName& issuer,
+                             std::list<RefCertificateRevocationList>& out) {
+  for (const RefCertificateRevocationList& crl : crls) {
+    if (crl->crlInfo().issuer() == issuer) out.push_back(crl);
+  }
+}
+
+Chain::Chain(Test::KeyKind kind, std::size_t crlEntries)
+    : root(Test::issue({.subject = "CN=Root,O=Bench", .ca = true, .keyKind = kind})),
+      intermediate(Test::issue(
+          {.subject = "CN=Intermediate,O=Bench", .issuer = &root, .ca = true, .keyKind = kind})),
+      leaf(Test::issue(
+          {.subject = "CN=Leaf,O=Bench", .issuer = &intermediate, .serial = 7, .keyKind = kind})),
+      rootCrl(Test::makeCrl({.issuer = &root})),
+      untrusted_(sk_X509_new_null()) {
+  Test::CrlOptions options{.issuer = &intermediate};
+  options.revoked.reserve(crlEntries);
+  for (std::size_t i = 0; i < crlEntries; ++i) {
+    options.revoked.push_back({.serial = static_cast<int>(i) + 1000});
+  }
+  intermediateCrl = Test::makeCrl(options);
+  leafDer = Test::der(leaf.get());
+  sk_X509_push(untrusted_.get(), intermediate.reference().release());
+  Test::addToDirectory(directory.path(), root.get());
+  Test::addToDirectory(directory.path(), rootCrl.get());
+  Test::addToDirectory(directory.path(), intermediateCrl.get());
+}
+
+LibraryChain::LibraryChain(const Chain& chain)
+    : store(chain.directory.path().string(), X509_FILETYPE_PEM),
+      leaf(CertificateFactory()(chain.leaf.get(), false)) {
+  store->add(RefLookupMethod(new FoundCrls));
+  renewCrls(chain);
+  const std::list<RefCertificate> intermediates{
+      CertificateFactory()(chain.intermediate.get(), false)};
+  store->add(intermediates);
+  untrusted = RefStackOfCertificate(intermediates);
+}
+
+void LibraryChain::renewCrls(const Chain& chain) const {
+  auto& found = static_cast<FoundCrls&>(*store->methods().front());
+  found.crls = {CertificateRevocationListFactory()(chain.rootCrl.get(), false),
+                CertificateRevocationListFactory()(chain.intermediateCrl.get(), false)};
+}
+
+Owned<X509_STORE> openSSLStore(const Chain& chain) {
+  Owned<X509_STORE> store(X509_STORE_new());
+  X509_STORE_add_cert(store.get(), chain.root.get());
+  X509_STORE_add_crl(store.get(), chain.rootCrl.get());
+  X509_STORE_add_crl(store.get(), chain.intermediateCrl.get());
+  X509_STORE_set_flags(store.get(), Verifier::Config::kDefaultFlags);
+  return store;
+}
+
+bool openSSLVerify(X509_STORE* store, X509* leaf, STACK_OF(X509) * untrusted) {
+  const Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
+  X509_STORE_CTX_init(context.get(), store, leaf, untrusted);
+  X509_VERIFY_PARAM_add0_policy(X509_STORE_CTX_get0_param(context.get()),
+                                OBJ_txt2obj("2.5.29.32.0", 1));
+  return X509_verify_cert(context.get()) == 1;
+}
+
+bool libraryVerify(const RefObjectStore& store, const RefCertificate& leaf,
+                   const RefStackOfCertificate& untrusted) {
+  Verifier verifier(store, leaf, untrusted, false);
+  return verifier.isValid() == X509_V_OK;
+}
+
+}  // namespace Velantrix::Bench
