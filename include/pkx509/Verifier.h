@@ -48,7 +48,11 @@ namespace Velantrix::Crypto::PKX509 {
 /// the key may be used for; use the verification parameters of the context for that.
 ///
 /// **Intended leniencies.** Once a certificate of the chain has a good OCSP answer, the later ones
-/// are not checked against CRLs. The self-signed end of a chain is not checked for revocation.
+/// are not checked against CRLs. The self-signed end of a chain is not checked for revocation. The
+/// issuer of a CRL that was found through a distribution point is not compared with the
+/// certificate's issuer, because indirect CRLs are allowed: whoever serves the distribution point
+/// chooses the CRL, as long as its issuer can be validated. CRLs found by the issuer's name are
+/// compared.
 ///
 /// **Bounds.** The issuer of a CRL may need a verification of its own. A nested verification fails
 /// with `X509_V_ERR_CRL_PATH_VALIDATION_ERROR` (54) when an enclosing one is about the same
