@@ -51,7 +51,15 @@ void release(void* memory, const char* /*file*/, int /*line*/) { std::free(memor
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
+// The standard library's sorting asks this way; a sanitizer's own form would not call the one
+// above.
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return mayAllocate(ownAllocations) ? std::malloc(size == 0 ? 1 : size) : nullptr;
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept {
+  std::free(memory);
+}
 [[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
   std::free(memory);
 }
