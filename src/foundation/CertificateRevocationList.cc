@@ -4,11 +4,13 @@
 
 #include <velantrix/Assert.h>
 #include <velantrix/CertificateRevocationList.h>
+#include <velantrix/Exception.h>
 
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -21,6 +23,16 @@ constexpr const char* kContext = "X509::CertificateRevocationList";
 X509_CRL* notNull(X509_CRL* native) {
   PKX509_ASSERT(native != nullptr);
   return native;
+}
+
+// The name points into the X509_CRL and keeps it, rather than copy from it.
+DistinguishedName issuerOf(X509_CRL* crl) {
+  if (X509_CRL_up_ref(crl) != 1) {
+    throw Exception(kContext, Exception::kFailure, "CertificateRevocationList", __LINE__)
+        .stringParameter("no reference to be had");
+  }
+  const std::shared_ptr<X509_CRL> whole = Owned<X509_CRL>(crl);
+  return DistinguishedName(std::shared_ptr<const X509_NAME>(whole, X509_CRL_get_issuer(crl)));
 }
 
 RefAuthorityKeyIdentifier decodeAuthorityKeyIdentifier(const X509_CRL* crl) {
@@ -102,7 +114,7 @@ void CertificateRevocationList::Release::operator()(X509_CRL* native) const noex
 
 CertificateRevocationList::CertificateRevocationList(X509_CRL* native)
     : crl_(notNull(native)),
-      info_(DistinguishedName(X509_CRL_get_issuer(native)), decodeAuthorityKeyIdentifier(native)),
+      info_(issuerOf(native), decodeAuthorityKeyIdentifier(native)),
       lastUpdate_(X509_CRL_get0_lastUpdate(native), true),
       nextUpdate_(X509_CRL_get0_nextUpdate(native), true),
       crlNumber_(decodeNumber(native, NID_crl_number)),

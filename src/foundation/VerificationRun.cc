@@ -65,15 +65,16 @@ bool VerificationRun::admitLookup() {
 X509* VerificationRun::known(const unsigned char* der, std::size_t length) {
   const std::string_view wanted(reinterpret_cast<const char*>(der), length);
   for (VerificationRun* run = t_current; run != nullptr; run = run->outer_) {
-    for (Known& known : run->known_) {
-      if (known.der.empty()) {
-        const int size = i2d_X509(known.certificate, nullptr);
+    // From the root down: directories hold the upper end of a chain, and encoding costs something.
+    for (auto known = run->known_.rbegin(); known != run->known_.rend(); ++known) {
+      if (known->der.empty()) {
+        const int size = i2d_X509(known->certificate, nullptr);
         if (size <= 0) continue;
-        known.der.resize(static_cast<std::size_t>(size));
-        auto* position = reinterpret_cast<unsigned char*>(known.der.data());
-        i2d_X509(known.certificate, &position);
+        known->der.resize(static_cast<std::size_t>(size));
+        auto* position = reinterpret_cast<unsigned char*>(known->der.data());
+        i2d_X509(known->certificate, &position);
       }
-      if (known.der == wanted) return known.certificate;
+      if (known->der == wanted) return known->certificate;
     }
   }
   return nullptr;
