@@ -1,0 +1,77 @@
+/// @file
+/// The process-wide verifier over the machine's own trust directory.
+///
+/// @code
+///   CertificateVerifier* const verifier = SimpleVerifier::instance();   // during start-up
+///   ...
+///   const bool usable = verifier->isValid(certificate, KU_KEY_ENCIPHERMENT, true) == X509_V_OK;
+///   // An exception that leaves isValid() means "not valid", see below.
+/// @endcode
+#pragma once
+
+#include <pkx509/LookupMethod.h>
+#include <velantrix/Certificate.h>
+#include <velantrix/CertificateVerifier.h>
+#include <velantrix/Export.h>
+
+#include <list>
+
+namespace Velantrix::Crypto::PKX509 {
+
+/// Answers "can this certificate be used for that?" for callers that have no trust store.
+///
+/// Every verification runs in a fresh store over `kCADirectory` ("/opsadmin/etc/cert/server/ca",
+/// PEM) with a fresh `Verifier` in its default configuration and the library's own revocation
+/// check. Nothing of one verification survives into the next but what the lookup methods keep, so
+/// what is put into the directories counts from the next call on.
+///
+/// **Whose it is.** `instance()` makes one object, which `CertificateVerifier::s_instance` owns and
+/// which lives until the process ends; the library never deletes it. An object may also be made
+/// like any other and be registered there, or not at all.
+///
+/// **What the caller does.** Call `instance()` during start-up, attach lookup methods, then verify.
+/// Intermediate certificates cannot be handed over: they have to stand in the directory or come
+/// from a lookup method. What a lookup method gives to OpenSSL **is trusted**, a self-signed
+/// certificate is a trust anchor.
+///
+/// **What it does not check.** Whose certificate it is: comparing names and mail addresses stays
+/// with the caller. Of its purpose it checks the key usage, and only when told which.
+///
+/// **Exceptions.** `Velantrix::Exception` becomes -1. Every other exception leaves `isValid()`:
+/// what a lookup method throws of its own, `std::bad_alloc`, and `boost::system::system_error`, by
+/// which a TLS connection to an OCSP responder or a web server says that the machine's client
+/// certificate or key cannot be loaded. **Treat every `std::exception` as "not valid".**
+///
+/// **Threads.** `instance()` may be called by several threads at once. `isValid()` may run in
+/// several threads as long as no lookup method is attached; each of these is told the store of the
+/// verification that runs, so with one attached a single thread verifies at a time. `add()` must
+/// not run while another thread is in `isValid()`.
+class PKX509_EXPORT SimpleVerifier : public CertificateVerifier {
+ public:
+  SimpleVerifier();
+  ~SimpleVerifier() override;
+
+  /// The verifier of this process, of whatever class it is: the one that is registered already, or
+  /// else a new `SimpleVerifier`, which this call registers. Borrowed, never null.
+  ///
+  /// Calls are guarded against each other only. Whoever writes `s_instance` does so before.
+  static CertificateVerifier* instance();
+
+  /// Attaches a lookup method to every store made from now on, behind those added before. An empty
+  /// handle is a programming error that stops the process at the next verification.
+  void add(const RefLookupMethod& method);
+
+  /// @param keyUsage OpenSSL's `KU_*` bits, of which the certificate has to allow one; 0 asks for
+  ///                 none. A certificate without the extension passes, and so does one whose
+  ///                 extension grants nothing, which RFC 5280, 4.2.1.3, forbids and OpenSSL's
+  ///                 verification refuses.
+  /// @param requireKeyUsage false: one that does not fit is written to the log, nothing more
+  /// @return 0 when valid, an `X509_V_ERR_*` code, or -1 when the key usage was refused or a
+  ///         `Velantrix::Exception` was caught; the log says which
+  int isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage) override;
+
+ private:
+  std::list<RefLookupMethod> lookupMethods;
+};
+
+}  // namespace Velantrix::Crypto::PKX509

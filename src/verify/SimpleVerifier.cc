@@ -1,0 +1,58 @@
+#include "foundation/Log.h"
+
+#include <pkx509/FixedPaths.h>
+#include <pkx509/ObjectStore.h>
+#include <pkx509/SimpleVerifier.h>
+#include <pkx509/Verifier.h>
+#include <velantrix/Exception.h>
+
+#include <openssl/x509.h>
+
+#include <mutex>
+#include <string>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+constexpr int kRefused = -1;  // beside OpenSSL's codes, which are not negative
+
+// A certificate without key-usage bits does not restrict its use.
+bool allows(const RefCertificate& certificate, int keyUsage) {
+  const unsigned int granted = certificate->keyUsage();
+  return granted == 0 || (granted & static_cast<unsigned int>(keyUsage)) != 0;
+}
+
+}  // namespace
+
+SimpleVerifier::SimpleVerifier() = default;
+SimpleVerifier::~SimpleVerifier() = default;
+
+CertificateVerifier* SimpleVerifier::instance() {
+  static std::mutex guard;
+  const std::lock_guard<std::mutex> lock(guard);
+  if (s_instance == nullptr) s_instance = new SimpleVerifier;
+  return s_instance;
+}
+
+void SimpleVerifier::add(const RefLookupMethod& method) { lookupMethods.push_back(method); }
+
+int SimpleVerifier::isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage) {
+  try {
+    if (keyUsage != 0 && !allows(certificate, keyUsage)) {
+      log(kPriorityDebug, "SimpleVerifier: Requested value is not present in the Key Usage.");
+      if (requireKeyUsage) return kRefused;
+    }
+    RefObjectStore store(kCADirectory, X509_FILETYPE_PEM);
+    for (const RefLookupMethod& method : lookupMethods) {
+      method->store(store);
+      store->add(method);
+    }
+    return Verifier(store, certificate, false).isValid();
+  } catch (const Exception& failure) {
+    log(kPriorityDebug, "Cryptod::CMS::SimpleVerifier: Caught " + failure.asString());
+    return kRefused;
+  }
+}
+
+}  // namespace Velantrix::Crypto::PKX509
