@@ -1,5 +1,7 @@
 #include "FactValues.h"
 
+#include "KeyUsage.h"
+
 #include <openssl/objects.h>
 #include <openssl/x509v3.h>
 
@@ -18,35 +20,17 @@ using namespace Crypto::PKX509;
 
 namespace {
 
-struct Bit {
-  unsigned int mask;
-  const char* name;
-};
-
 // RFC 5280, 4.2.1.13.
 constexpr std::array kReasons = {
-    Bit{0x40, "keyCompromise"},        Bit{0x20, "cACompromise"},
-    Bit{0x10, "affiliationChanged"},   Bit{0x08, "superseded"},
-    Bit{0x04, "cessationOfOperation"}, Bit{0x02, "certificateHold"},
-    Bit{0x01, "privilegeWithdrawn"},   Bit{0x8000, "aACompromise"},
+    NamedBit{0x40, "keyCompromise"},        NamedBit{0x20, "cACompromise"},
+    NamedBit{0x10, "affiliationChanged"},   NamedBit{0x08, "superseded"},
+    NamedBit{0x04, "cessationOfOperation"}, NamedBit{0x02, "certificateHold"},
+    NamedBit{0x01, "privilegeWithdrawn"},   NamedBit{0x8000, "aACompromise"},
 };
 
-// RFC 5280, 4.2.1.3.
-constexpr std::array kUsages = {
-    Bit{KU_DIGITAL_SIGNATURE, "digitalSignature"},
-    Bit{KU_NON_REPUDIATION, "nonRepudiation"},
-    Bit{KU_KEY_ENCIPHERMENT, "keyEncipherment"},
-    Bit{KU_DATA_ENCIPHERMENT, "dataEncipherment"},
-    Bit{KU_KEY_AGREEMENT, "keyAgreement"},
-    Bit{KU_KEY_CERT_SIGN, "keyCertSign"},
-    Bit{KU_CRL_SIGN, "cRLSign"},
-    Bit{KU_ENCIPHER_ONLY, "encipherOnly"},
-    Bit{KU_DECIPHER_ONLY, "decipherOnly"},
-};
-
-Facts bitNames(std::span<const Bit> bits, unsigned int mask) {
+Facts bitNames(std::span<const NamedBit> bits, unsigned int mask) {
   Facts names = Facts::array();
-  for (const Bit& bit : bits) {
+  for (const NamedBit& bit : bits) {
     if ((mask & bit.mask) != 0) names.push_back(bit.name);
   }
   return names;
@@ -148,6 +132,6 @@ Facts pointNameFact(const RefCRLDistributionPointName& name) {
 
 Facts reasonsFact(unsigned int reasons) { return bitNames(kReasons, reasons); }
 
-Facts keyUsageFact(unsigned int usage) { return bitNames(kUsages, usage); }
+Facts keyUsageFact(unsigned int usage) { return bitNames(kKeyUsages, usage); }
 
 }  // namespace Velantrix::Tool

@@ -18,10 +18,16 @@ Json toJson(const Report& report) {
   for (const Report::LogLine& line : report.log) {
     log.push_back({{"priority", line.priority}, {"text", line.text}});
   }
-  return {{"file", report.file},   {"verdict", report.valid() ? "valid" : "invalid"},
-          {"code", report.code},   {"text", report.text},
-          {"depth", report.depth}, {"chain", std::move(chain)},
-          {"log", std::move(log)}};
+  Json json = {{"file", report.file},
+               {"verdict", report.valid() ? "valid" : "invalid"},
+               {"code", report.code},
+               {"text", report.text}};
+  if (report.pathKnown) {
+    json["depth"] = report.depth;
+    json["chain"] = std::move(chain);
+  }
+  json["log"] = std::move(log);
+  return json;
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 // The command-line tool: reads the command line, runs one subcommand, and turns every failure into
 // one line on standard error and an exit status.
+#include "AddCommand.h"
+#include "FindCommand.h"
 #include "ShowCommand.h"
+#include "SimpleCommand.h"
 #include "StandardStreams.h"
 #include "Status.h"
 #include "VerifyCommand.h"
@@ -56,11 +59,16 @@ int run(int argc, char** argv) {
   app.footer(
       "\nExamples:\n"
       "  pkx509 verify --untrusted chain.pem --crl-dir crls person.pem\n"
+      "  pkx509 simple --key-usage keyEncipherment --require-key-usage person.pem\n"
       "  pkx509 show person.pem ca.crl\n"
+      "  pkx509 find --email person@example.com --dir certs\n"
       "\n\"pkx509 SUBCOMMAND --help\" tells more.");
   Action action;
   addVerifyCommand(app, action);
+  addSimpleCommand(app, action);
   addShowCommand(app, action);
+  addFindCommand(app, action);
+  addAddCommand(app, action);
   try {
     app.parse(arguments(argc, argv));
   } catch (const CLI::CallForHelp&) {

@@ -1,8 +1,10 @@
 #include "OptionValues.h"
 
+#include "KeyUsage.h"
 #include "Status.h"
 
 #include <velantrix/ASN1.h>
+#include <velantrix/EmailAddress.h>
 #include <velantrix/Exception.h>
 
 #include <openssl/x509_vfy.h>
@@ -114,6 +116,22 @@ std::optional<std::int64_t> secondsOf(std::string_view text) {
   return *day + *time;
 }
 
+std::string lowerCase(std::string_view text) {
+  std::string lower;
+  for (const char c : text) {
+    lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  return lower;
+}
+
+// 0 for a name that there is not.
+unsigned int keyUsageBit(std::string_view lowerCaseName) {
+  for (const NamedBit& usage : kKeyUsages) {
+    if (lowerCase(usage.name) == lowerCaseName) return usage.mask;
+  }
+  return lowerCaseName == "contentcommitment" ? KU_NON_REPUDIATION : 0;
+}
+
 }  // namespace
 
 std::time_t parseTime(const std::string& text) {
@@ -150,12 +168,34 @@ std::vector<std::string_view> flagNames() {
   return names;
 }
 
+int parseKeyUsage(const std::string& names) {
+  unsigned int bits = 0;
+  std::size_t begin = 0;
+  for (std::size_t end = 0; end != std::string::npos; begin = end + 1) {
+    end = names.find(',', begin);
+    const std::string name = names.substr(begin, end - begin);
+    const unsigned int bit = keyUsageBit(lowerCase(name));
+    if (bit == 0) {
+      throw ToolError("--key-usage: \"" + name +
+                      "\" is no key usage; pkx509 simple --help lists them");
+    }
+    bits |= bit;
+  }
+  return static_cast<int>(bits);
+}
+
 void requirePolicy(const std::string& text) {
   try {
     static_cast<void>(Crypto::ASN1::RefObjectIdentifier(text));
   } catch (const Exception&) {
     throw ToolError("--policy: \"" + text +
                     "\" is no object identifier; give one like 2.5.29.32.0");
+  }
+}
+
+void requireEmailAddress(const std::string& text) {
+  if (EmailAddress(text).isNull()) {
+    throw ToolError("--email: \"" + text + "\" is no mail address");
   }
 }
 

@@ -21,8 +21,18 @@ unsigned long parseFlag(const std::string& name);
 /// The names that `parseFlag` knows, without the prefix, in the order of the alphabet.
 std::vector<std::string_view> flagNames();
 
+/// OpenSSL's `KU_*` bits of key usages by their names in RFC 5280, 4.2.1.3, in any case of letters
+/// and separated by commas: "digitalSignature,nonRepudiation". At least one; "contentCommitment",
+/// which is the newer name of the second, is known as well.
+/// @throws ToolError for an unknown name
+int parseKeyUsage(const std::string& names);
+
 /// Checks that @p text is a dotted object identifier that the library takes.
 /// @throws ToolError when it is not
 void requirePolicy(const std::string& text);
+
+/// Checks that the library takes @p text, the value of --email, for a mail address.
+/// @throws ToolError when it does not
+void requireEmailAddress(const std::string& text);
 
 }  // namespace Velantrix::Tool

@@ -16,7 +16,7 @@ std::string verdict(const Report& report, bool colour) {
 std::string textReport(const Report& report, bool colour) {
   std::string out = printable(report.file) + ": " + verdict(report, colour) + ", code " +
                     std::to_string(report.code) + " (" + report.text + ")";
-  if (!report.valid()) out += ", depth " + std::to_string(report.depth);
+  if (!report.valid() && report.pathKnown) out += ", depth " + std::to_string(report.depth);
   out += '\n';
   int depth = 0;
   for (const Report::Link& link : report.chain) {

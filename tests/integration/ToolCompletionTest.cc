@@ -46,13 +46,22 @@ class ToolCompletion : public ToolFixture {
     return options;
   }
 
+  // The words of a help text from `first` to the paragraph that begins with `next`.
+  static Words wordsIn(const std::string& help, const std::string& first, const std::string& next) {
+    const std::size_t begin = help.find(first);
+    std::istringstream names(help.substr(begin, help.find(next) - begin));
+    Words words;
+    for (std::string name; names >> name;) words.insert(name);
+    return words;
+  }
   static Words flagsInHelp() {
-    const std::string help = tool({"verify", "--help"}).out;
-    const std::size_t begin = help.find("ALLOW_PROXY_CERTS");
-    std::istringstream names(help.substr(begin, help.find("Set by default") - begin));
-    Words flags;
-    for (std::string name; names >> name;) flags.insert(name);
-    return flags;
+    return wordsIn(tool({"verify", "--help"}).out, "ALLOW_PROXY_CERTS", "Set by default");
+  }
+  static Words usagesInHelp() {
+    const Words words =
+        wordsIn(tool({"simple", "--help"}).out, "digitalSignature\n", "Without --require");
+    EXPECT_EQ(words.size(), 9U);
+    return words;
   }
 };
 
@@ -64,7 +73,8 @@ TEST_F(ToolCompletion, IsRegisteredForTheTool) {
 }
 
 TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
-  EXPECT_EQ(offered({""}), (Words{"verify", "show", "--help", "--version"}));
+  EXPECT_EQ(offered({""}),
+            (Words{"verify", "simple", "show", "find", "add", "--help", "--version"}));
   EXPECT_EQ(offered({"v"}), (Words{"verify"}));
   EXPECT_EQ(offered({"--v"}), (Words{"--version"}));
   EXPECT_EQ(offered({"x"}), (Words{}));
@@ -73,7 +83,9 @@ TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
   EXPECT_EQ(offered({"verify", "-"}), verify);
   EXPECT_EQ(offered({"verify", "a.pem", "--json", "--"}), verify);
   EXPECT_EQ(offered({"verify", "--c"}), (Words{"--ca-dir", "--crl-dir", "--color"}));
-  EXPECT_EQ(offered({"show", "--"}), optionsIn(tool({"show", "--help"}).out));
+  for (const char* subcommand : {"simple", "show", "find", "add"}) {
+    EXPECT_EQ(offered({subcommand, "--"}), optionsIn(tool({subcommand, "--help"}).out));
+  }
 }
 
 TEST_F(ToolCompletion, Values_AreThoseOfTheirOption) {
@@ -91,6 +103,17 @@ TEST_F(ToolCompletion, Values_AreThoseOfTheirOption) {
   EXPECT_EQ(offered({"verify", "--color", "=", "a"}), (Words{"auto", "always"}));
   EXPECT_EQ(offered({"verify", "--color=n"}), (Words{"--color=never"}));
   EXPECT_EQ(offered({"verify", "--flag=crl_check_"}), (Words{"--flag=CRL_CHECK_ALL"}));
+  const std::string list = "digitalSignature,";
+  EXPECT_EQ(offered({"simple", "--key-usage", ""}), usagesInHelp());
+  EXPECT_EQ(offered({"simple", "--key-usage", "KEYC"}), (Words{"keyCertSign"}));
+  EXPECT_EQ(offered({"simple", "--key-usage", list + "enc"}), (Words{list + "encipherOnly"}));
+  EXPECT_EQ(offered({"simple", "--key-usage=" + list + "enc"}),
+            (Words{"--key-usage=" + list + "encipherOnly"}));
+  EXPECT_EQ(offered({"simple", "--color", "a"}), (Words{"auto", "always"}));
+  for (const Arguments& texts :
+       {Arguments{"find", "--email", ""}, {"find", "--subject", ""}, {"add", "--email", ""}}) {
+    EXPECT_EQ(offered(texts), (Words{}));
+  }
   // After a value comes anything again.
   EXPECT_EQ(offered({"verify", "--color", "auto", "--j"}), (Words{"--json"}));
   EXPECT_EQ(offered({"verify", "--color", "=", "auto", "--j"}), (Words{"--json"}));
@@ -102,7 +125,7 @@ TEST_F(ToolCompletion, FilesAndDirectories_AreOffered_AlsoWithBlanksInTheirNames
   writeFile(own("b.pem"), "");
   writeFile(own("-c.pem"), "");
   const Words all = {"dir one", "a file.pem", "b.pem", "-c.pem"};
-  for (const char* subcommand : {"verify", "show"}) {
+  for (const char* subcommand : {"verify", "simple", "show", "add"}) {
     EXPECT_EQ(offered({subcommand, ""}), all);
     EXPECT_EQ(offered({subcommand, "b.pem", "a"}), (Words{"a file.pem"}));
     EXPECT_EQ(offered({subcommand, "--json", "b"}), (Words{"b.pem"}));
@@ -114,12 +137,15 @@ TEST_F(ToolCompletion, FilesAndDirectories_AreOffered_AlsoWithBlanksInTheirNames
   EXPECT_EQ(offered({"verify", "--crl-dir", "=", "d"}), (Words{"dir one"}));
   EXPECT_EQ(offered({"verify", "--ca-dir=d"}), (Words{"--ca-dir=dir one"}));
   EXPECT_EQ(offered({"verify", "--ca-dir", "x"}), (Words{}));
+  EXPECT_EQ(offered({"find", "--dir", ""}), (Words{"dir one"}));
+  EXPECT_EQ(offered({"add", "--dir", ""}), (Words{"dir one"}));
+  EXPECT_EQ(offered({"find", ""}), (Words{})) << "it takes no file";
 }
 
 TEST_F(ToolCompletion, ManPage_HasAllOptionsAndKeys) {
   std::string page = readFile(PKX509_MAN_PAGE);
   page.erase(std::remove(page.begin(), page.end(), '\\'), page.end());
-  for (const char* subcommand : {"verify", "show"}) {
+  for (const char* subcommand : {"verify", "simple", "show", "find", "add"}) {
     EXPECT_NE(page.find("\n.It Cm " + std::string(subcommand) + "\n"), std::string::npos);
     for (const std::string& option : optionsIn(tool({subcommand, "--help"}).out)) {
       // "--json" is written "Fl -json".
@@ -128,14 +154,19 @@ TEST_F(ToolCompletion, ManPage_HasAllOptionsAndKeys) {
     }
   }
   EXPECT_NE(page.find("\n.It Fl -version\n"), std::string::npos);
-  for (const std::string arguments : {"verify --ca-dir ", "verify ", "show "}) {
+  for (const std::string arguments :
+       {"verify --ca-dir ", "verify ", "simple ", "show ", "add ", "find "}) {
     EXPECT_NE(page.find("\n$ pkx509 " + arguments), std::string::npos) << arguments;
   }
   const nlohmann::json shown =
       parsed(tool({"show", "--json", person("good"), pki("work/ca-only.crl")}));
   const nlohmann::json verified =
       parsed(tool(verifyWith("good") + Arguments{"--json", person("good")}));
-  for (const nlohmann::json& object : {shown.at(0), shown.at(1), verified.at(0)}) {
+  const nlohmann::json simple = parsed(tool({"simple", "--json", person("good")}));
+  const nlohmann::json added = parsed(
+      tool({"add", "--json", "--email", "good@example.com", "--dir", own(""), person("good")}));
+  for (const nlohmann::json& object :
+       {shown.at(0), shown.at(1), verified.at(0), simple.at(0), added.at(0)}) {
     for (const auto& item : object.items()) {
       EXPECT_NE(page.find(item.key()), std::string::npos) << item.key();
     }

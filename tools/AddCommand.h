@@ -1,0 +1,16 @@
+// `pkx509 add`.
+#pragma once
+
+#include "Command.h"
+
+namespace CLI {
+class App;
+}
+
+namespace Velantrix::Tool {
+
+/// Adds the subcommand to @p app, which owns it and everything that it keeps. When the subcommand
+/// is on the command line, parsing sets @p action.
+void addAddCommand(CLI::App& app, Action& action);
+
+}  // namespace Velantrix::Tool

@@ -1,0 +1,11 @@
+// What `pkx509 find --help` says beside the list of options.
+#pragma once
+
+#include <string>
+
+namespace Velantrix::Tool {
+
+/// The text below the options: output, exit status, examples.
+std::string findHelp();
+
+}  // namespace Velantrix::Tool
