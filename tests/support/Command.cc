@@ -1,39 +1,20 @@
 #include "support/Command.h"
 
+#include "support/ChildProcess.h"
+#include "support/Descriptor.h"
+
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdexcept>
 #include <sys/mman.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace Velantrix::Test {
 
 namespace {
-
-[[noreturn]] void fail(const std::string& what, int error) {
-  throw std::system_error(error, std::generic_category(), what);
-}
-
-class Descriptor {
- public:
-  Descriptor(int number, const char* what) : number_(number) {
-    if (number < 0) fail(what, errno);
-  }
-  ~Descriptor() { close(number_); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int number() const { return number_; }
-
- private:
-  int number_;
-};
 
 /// The command's standard streams are files in memory: it never waits for a reader, and a process
 /// that it leaves behind keeps nobody waiting for an end of file.
@@ -45,10 +26,10 @@ class MemoryFile : public Descriptor {
   void fill(std::string_view content) const {
     while (!content.empty()) {
       const ssize_t count = write(number(), content.data(), content.size());
-      if (count < 0) fail("write", errno);
+      if (count < 0) failWithError("write", errno);
       content.remove_prefix(static_cast<std::size_t>(count));
     }
-    if (lseek(number(), 0, SEEK_SET) < 0) fail("lseek", errno);
+    if (lseek(number(), 0, SEEK_SET) < 0) failWithError("lseek", errno);
   }
 
   std::string content() const {
@@ -57,7 +38,7 @@ class MemoryFile : public Descriptor {
     for (;;) {
       const ssize_t count =
           pread(number(), block.data(), block.size(), static_cast<off_t>(all.size()));
-      if (count < 0) fail("pread", errno);
+      if (count < 0) failWithError("pread", errno);
       if (count == 0) return all;
       all.append(block.data(), static_cast<std::size_t>(count));
     }
@@ -67,7 +48,9 @@ class MemoryFile : public Descriptor {
 class SpawnActions {
  public:
   SpawnActions() {
-    if (const int error = posix_spawn_file_actions_init(&actions_)) fail("posix_spawn", error);
+    if (const int error = posix_spawn_file_actions_init(&actions_)) {
+      failWithError("posix_spawn", error);
+    }
   }
   ~SpawnActions() { posix_spawn_file_actions_destroy(&actions_); }
   SpawnActions(const SpawnActions&) = delete;
@@ -75,7 +58,7 @@ class SpawnActions {
 
   void duplicate(const Descriptor& from, int to) {
     if (const int error = posix_spawn_file_actions_adddup2(&actions_, from.number(), to)) {
-      fail("posix_spawn", error);
+      failWithError("posix_spawn", error);
     }
   }
   const posix_spawn_file_actions_t* get() const { return &actions_; }
@@ -83,30 +66,6 @@ class SpawnActions {
  private:
   posix_spawn_file_actions_t actions_{};
 };
-
-/// Waits for the end of a child; false when it was not reached within the limit.
-bool waitForEnd(pid_t child, std::chrono::milliseconds limit) {
-  // Not <sys/pidfd.h>: in glibc 2.36 it cannot be used from C++.
-  const Descriptor handle(static_cast<int>(syscall(SYS_pidfd_open, child, 0)), "pidfd_open");
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    pollfd ended{handle.number(), POLLIN, 0};
-    const int count = poll(&ended, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
-    if (count > 0) return true;
-    if (count == 0) return false;
-    if (errno != EINTR) fail("poll", errno);
-  }
-}
-
-int collect(pid_t child) {
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) fail("waitpid", errno);
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 }  // namespace
 
@@ -129,9 +88,9 @@ CommandResult runCommand(const std::vector<std::string>& argv, std::string_view 
   pid_t child = 0;
   if (const int error = posix_spawnp(&child, arguments.front(), actions.get(), nullptr,
                                      arguments.data(), environ)) {
-    fail(argv.front(), error);
+    failWithError(argv.front(), error);
   }
-  const bool ended = waitForEnd(child, limit);
+  const bool ended = waitForEnd(openProcess(child), limit);
   if (!ended) kill(child, SIGKILL);
   const int status = collect(child);
   if (!ended) throw std::runtime_error("not ended in time: " + argv.front());
