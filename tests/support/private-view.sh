@@ -1,10 +1,13 @@
 #!/bin/bash
-# private-view.sh [--writable DIRECTORY]... [--] COMMAND [ARGUMENT]...
+# private-view.sh [--own-network] [--writable DIRECTORY]... [--] COMMAND [ARGUMENT]...
 #
 # Runs COMMAND in a private view of the file system. It sees the machine as it is, except that
 # /opsadmin and /var/spool/crypto are its own: new, in memory, gone when it ends, and made even where
 # the machine has no such directories. All else is read-only but for /tmp, /var/tmp, /dev, /proc and
 # the DIRECTORYs. COMMAND may use /proc and ptrace, which sanitizers need.
+#
+# With --own-network it sees no network but a loopback interface of its own, where it may listen on
+# every port, and /etc without the files that say how host names are resolved; it can make them.
 #
 # Works as root and as an ordinary user with unprivileged user namespaces. In a chroot it needs root,
 # the chroot's folder bind-mounted onto itself, and /proc and /dev mounted in it.
@@ -12,15 +15,17 @@ set -euo pipefail
 shopt -s dotglob nullglob
 
 writable=(/tmp /var/tmp)
+network=
 while [[ ${1-} == --* ]]; do
   case $1 in
+    --own-network) network=own; shift ;;
     --writable) writable+=("${2:?}"); shift 2 ;;
     --) shift; break ;;
     *) echo "private-view.sh: unknown option $1" >&2; exit 2 ;;
   esac
 done
 if [[ $# -eq 0 ]]; then
-  echo "usage: private-view.sh [--writable DIRECTORY]... [--] COMMAND [ARGUMENT]..." >&2
+  echo "usage: private-view.sh [--own-network] [--writable DIRECTORY]... [--] COMMAND [ARGUMENT]..." >&2
   exit 2
 fi
 
@@ -51,10 +56,14 @@ mirror() {
 }
 
 command -v bwrap > /dev/null || hint
-mirror "" dev proc opsadmin var
+mirror "" dev proc opsadmin var ${network:+etc}
 view+=(--dev-bind /dev /dev --bind /proc /proc --dir /var --dir /var/spool)
 mirror /var spool
 mirror /var/spool crypto
+if [[ $network == own ]]; then
+  view+=(--unshare-net --cap-add CAP_NET_BIND_SERVICE --dir /etc)
+  mirror /etc hosts resolv.conf nsswitch.conf host.conf
+fi
 for directory in "${writable[@]}"; do
   [[ -d $directory ]] && view+=(--bind "$directory" "$directory")
 done
