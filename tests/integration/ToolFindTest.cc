@@ -118,11 +118,12 @@ TEST_F(ToolFind, AddJson_HasExactlyTheKeysInOrder) {
   for (const auto& item : objects.at(0).items()) keys += item.key() + " ";
   EXPECT_EQ(keys, "file email directory subject issuer serial ");
   const json shown = parsed(tool({"show", "--json", person("good")})).at(0);
-  EXPECT_EQ(objects.at(0).at("file"), person("good"));
-  EXPECT_EQ(objects.at(0).at("email"), "good@example.com");
-  EXPECT_EQ(objects.at(0).at("directory"), directory());
+  const json added = parsed(result).at(0);
+  EXPECT_EQ(added.at("file"), person("good"));
+  EXPECT_EQ(added.at("email"), "good@example.com");
+  EXPECT_EQ(added.at("directory"), directory());
   for (const char* key : {"subject", "issuer", "serial"}) {
-    EXPECT_EQ(objects.at(0).at(key), shown.at(key)) << key;
+    EXPECT_EQ(added.at(key), shown.at(key)) << key;
   }
 }
 
