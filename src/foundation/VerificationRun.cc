@@ -21,12 +21,14 @@ VerificationRun::VerificationRun(Shelter /*shelter*/) noexcept
   t_current = this;
 }
 
-VerificationRun::VerificationRun(const X509* target) noexcept
+VerificationRun::VerificationRun(const X509* target,
+                                 std::optional<NetworkTotals::Duration> networkTime) noexcept
     : target_(target),
       outer_(t_current),
       level_(outer_ == nullptr ? 1 : outer_->level_ + 1),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(judge()) {
+  own_.network.limit = networkTime;
   t_current = this;
 }
 

@@ -8,13 +8,26 @@
 
 #include <openssl/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <exception>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
+
+// What one outermost run has used of the network; see NetworkUse.h.
+struct NetworkTotals {
+  using Duration = std::chrono::steady_clock::duration;
+
+  std::optional<Duration> limit;  // none: no limit
+  Duration time{};
+  std::size_t crlBytes = 0;
+  bool timeLogged = false;
+  bool bytesLogged = false;
+};
 
 class VerificationRun {
  public:
@@ -29,8 +42,10 @@ class VerificationRun {
   struct Shelter {};
 
   explicit VerificationRun(Shelter /*shelter*/) noexcept;
-  // Enters a run on this thread. The target is borrowed and outlives the run; it may be null.
-  explicit VerificationRun(const X509* target) noexcept;
+  // Enters a run on this thread. The target is borrowed and outlives the run; it may be null. The
+  // limit of an outermost run holds for all that are nested in it, whatever theirs.
+  explicit VerificationRun(const X509* target,
+                           std::optional<NetworkTotals::Duration> networkTime = {}) noexcept;
   ~VerificationRun();
   VerificationRun(const VerificationRun&) = delete;
   VerificationRun& operator=(const VerificationRun&) = delete;
@@ -54,6 +69,9 @@ class VerificationRun {
   // octets; borrowed, null when there is none.
   static X509* known(const unsigned char* der, std::size_t length);
 
+  // What the outermost run has used of the network.
+  NetworkTotals& network() noexcept { return totals_->network; }
+
   bool hasParked() const noexcept { return parked_ != nullptr; }
   // Keeps the first exception of the run.
   void park(std::exception_ptr exception) noexcept;
@@ -64,6 +82,7 @@ class VerificationRun {
   struct Totals {
     unsigned int nested = 0;
     unsigned int lookups = 0;
+    NetworkTotals network;
   };
 
   struct Known {

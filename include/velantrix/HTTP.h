@@ -1,0 +1,39 @@
+/// @file
+/// The handle to a connection of the library's HTTP client.
+///
+/// @code
+///   LW::HTTP::RefConnection connection;   // what a class that speaks HTTP has as a member
+///   if (!connection.empty()) connection->disconnect();
+/// @endcode
+///
+/// What a connection can do is declared where it is used, inside the library: it is driven with
+/// Boost.Asio's types, which a program that verifies certificates need not compile.
+#pragma once
+
+#include <velantrix/Export.h>
+
+#include <memory>
+
+namespace Velantrix::LW::HTTP {
+
+class Connection;
+class RefStream;
+
+/// A shared handle to a connection; copies share it.
+class PKX509_EXPORT RefConnection {
+ public:
+  /// An empty handle.
+  RefConnection() noexcept = default;
+  /// A new connection over @p stream, not yet opened.
+  /// @throws Exception for an empty handle
+  explicit RefConnection(RefStream& stream);
+
+  bool empty() const noexcept { return connection_ == nullptr; }
+  /// @throws Exception with code 1 on an empty handle
+  Connection* operator->() const;
+
+ private:
+  std::shared_ptr<Connection> connection_;
+};
+
+}  // namespace Velantrix::LW::HTTP
