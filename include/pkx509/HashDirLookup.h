@@ -69,8 +69,11 @@ class PKX509_EXPORT HashDirLookupMethod : public LookupMethod {
   /// writes nothing.
   virtual void add(const EmailAddress& address, const RefCertificate& certificate);
   /// Writes each CRL under the key of the URI. All go to one name, so the last one stays; an empty
-  /// list changes nothing. The file begins with a line that names the URI.
+  /// list changes nothing. The file begins with lines that name the URI and the time at which the
+  /// CRL runs out.
   virtual void add(const Uri& uri, const std::list<RefCertificateRevocationList>& crls);
+  /// The name of the file that `add()` writes for the CRLs of @p uri.
+  static std::string fileName(const Uri& uri);
 
  private:
   std::string directory_;

@@ -1,4 +1,5 @@
 #include "foundation/FileReader.h"
+#include "store/CRLFileHeader.h"
 
 #include <pkx509/HashDirLookup.h>
 #include <velantrix/CertificateFactory.h>
@@ -18,7 +19,6 @@ namespace {
 
 constexpr long kDay = 86400;  // seconds a CRL without nextUpdate counts as fresh
 constexpr std::string_view kNameCharacters = " .0123456789ABCDEFabcdefrS";
-constexpr std::string_view kUriPrefix = "URI: ";
 
 // The key of a text: the first four bytes of its SHA-1, little endian.
 unsigned int keyOf(const std::string& text) {
@@ -33,7 +33,7 @@ unsigned int keyOf(const std::string& text) {
          static_cast<unsigned int>(digest[2]) << 16U | static_cast<unsigned int>(digest[3]) << 24U;
 }
 
-std::string fileName(unsigned int key, std::string_view suffix) {
+std::string nameOf(unsigned int key, std::string_view suffix) {
   std::array<char, 8> text{};
   const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), key, 16);
   static_cast<void>(error);  // eight digits hold every 32-bit number
@@ -51,14 +51,10 @@ unsigned int keyIn(std::string_view text) {
   return error == std::errc() ? key : 0;
 }
 
-// Whether the first line of a CRL file names another URI than `uri`. Keys have 32 bits and can be
-// made to collide, so a cached CRL says what it was fetched from.
-bool namesAnotherUri(std::string_view content, const std::string& uri) {
-  if (!content.starts_with(kUriPrefix)) return false;
-  std::string_view line = content.substr(kUriPrefix.size());
-  line = line.substr(0, line.find('\n'));
-  if (line.ends_with('\r')) line.remove_suffix(1);
-  return line != uri;
+// When a CRL runs out. One that does not say stays for a day.
+Time expiryOf(const RefCertificateRevocationList& crl, const Time& since) {
+  const ASN1::RefGeneralizedTime nextUpdate = crl->nextUpdate();
+  return nextUpdate.empty() ? Time::then(since.seconds() + kDay, true) : nextUpdate->asTime();
 }
 
 void scan(const std::string& directory, DirectoryParser& parser) {
@@ -111,20 +107,24 @@ void HashDirLookupMethod::getByEmailAddress(const std::string& /*base*/,
 
 void HashDirLookupMethod::add(const EmailAddress& address, const RefCertificate& certificate) {
   if (address.isNull()) return;
-  const File::Path path(directory_, fileName(keyOf(address.address()), ".0"));
+  const File::Path path(directory_, nameOf(keyOf(address.address()), ".0"));
   FileMediaOut out(path.asString());
   certificate->writePEM(out);
 }
 
 void HashDirLookupMethod::add(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) {
   if (crls.empty()) return;
-  const std::string line = std::string(kUriPrefix) + uri.canonicalized() + "\n";
-  const File::Path path(directory_, fileName(keyOf(uri.canonicalized()), ".r0"));
+  const File::Path path(directory_, fileName(uri));
   for (const RefCertificateRevocationList& crl : crls) {
+    const std::string header = CRLFileHeader::text(uri.canonicalized(), expiryOf(crl, Time::now()));
     FileMediaOut out(path.asString());
-    out.write(line.data(), line.size());
+    out.write(header.data(), header.size());
     crl->writePEM(out);
   }
+}
+
+std::string HashDirLookupMethod::fileName(const Uri& uri) {
+  return nameOf(keyOf(uri.canonicalized()), ".r0");
 }
 
 DirectoryParser::DirectoryParser(unsigned int key, Object::Type objectType,
@@ -171,10 +171,9 @@ void DirectoryParser::loadCRL(const File::Path& path) {
     crl = CertificateRevocationListFactory().read(path);
   } else {
     const std::vector<unsigned char> content = readFile(path);
-    if (namesAnotherUri(
-            std::string_view(reinterpret_cast<const char*>(content.data()), content.size()), uri)) {
-      return;
-    }
+    const CRLFileHeader header = CRLFileHeader::parse(
+        std::string_view(reinterpret_cast<const char*>(content.data()), content.size()));
+    if (header.uri.has_value() && *header.uri != uri) return;
     try {
       crl = CertificateRevocationListFactory().read(
           Buffer(content.data(), static_cast<unsigned int>(content.size()), false));
@@ -184,11 +183,9 @@ void DirectoryParser::loadCRL(const File::Path& path) {
     }
   }
   if (crl.empty()) return;
-  const ASN1::RefGeneralizedTime nextUpdate = crl->nextUpdate();
-  const bool stale = nextUpdate.empty()
-                         ? Time::then(path.status(true).creationTime().seconds() + kDay, true) < now
-                         : nextUpdate->asTime() < now;
-  if (!stale) crls.push_back(crl);
+  // The file is looked at only where the CRL does not say when it runs out.
+  const Time since = crl->nextUpdate().empty() ? path.status(true).creationTime() : now;
+  if (!(expiryOf(crl, since) < now)) crls.push_back(crl);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

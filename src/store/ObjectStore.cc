@@ -5,6 +5,7 @@
 
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/ObjectStore.h>
+#include <pkx509/URILookup.h>
 #include <velantrix/Assert.h>
 #include <velantrix/Exception.h>
 
@@ -140,8 +141,8 @@ void ObjectStore::find(const DistinguishedName& issuer,
 }
 
 void ObjectStore::find(const Uri& uri, std::list<RefCertificateRevocationList>& out) const {
-  if (uri.isNull()) return;
-  log(kPriorityDebug, "X509::ObjectStore: CRLs are not retrieved by URI: " + uri.asString());
+  if (uri.isNull() || !VerificationRun::admitLookup()) return;
+  URILookup().find(uri, out);
   // The whole list is cached again, elements of earlier finds included: whoever asks by several
   // URIs in a row relies on the store knowing all of them.
   for (const RefCertificateRevocationList& crl : out) objectList.push_back(RefObject(crl));

@@ -439,12 +439,12 @@ TEST_F(HashDir, CrlAddedForAUri_IsFoundByItsCanonicalForm) {
   EXPECT_EQ(crls(Uri("http://example.test/other.crl")), 0U);
 }
 
-TEST_F(HashDir, CrlFile_BeginsWithItsUri) {
-  const auto made = makeCrl({.issuer = &root});
+TEST_F(HashDir, CrlFile_BeginsWithItsUriAndExpiry) {
+  const auto made = makeCrl({.issuer = &root, .nextUpdate = When::at(4102444800)});
   const std::string block = pem(made.get());
   method.add(uri, Crls{CertificateRevocationListFactory::read(
                       Buffer(block.data(), static_cast<unsigned int>(block.size()), true))});
-  EXPECT_EQ(readFile(directory / uriFile), "URI: http://example.test/root.crl\n" + block);
+  EXPECT_EQ(readFile(directory / uriFile), "URI: http://example.test/root.crl\nExpires: 4102444800\n" + block);
   EXPECT_EQ(runCommand({"openssl", "crl", "-noout", "-in", (directory / uriFile).string()}).status,
             0);
 }

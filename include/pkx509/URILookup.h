@@ -1,0 +1,55 @@
+/// @file
+/// CRLs by the URI that a distribution point names, over http and https, with a cache on disk.
+///
+/// @code
+///   std::list<RefCertificateRevocationList> crls;
+///   URILookup().find(Uri("http://ca.example/ca.crl"), crls);
+///   if (crls.empty()) ...   // nobody had it: no answer, no CRL in the answer, no such host, ...
+/// @endcode
+#pragma once
+
+#include <velantrix/CertificateRevocationList.h>
+#include <velantrix/Export.h>
+#include <velantrix/Uri.h>
+
+#include <list>
+
+namespace Velantrix::Crypto::PKX509 {
+
+/// Fetches CRLs and keeps them in `kCRLCacheDirectory`, so that a CRL is fetched again only when
+/// the cached one has run out.
+///
+/// **What is trusted.** Nothing: a CRL is looked at only as far as it can be decoded. Whoever can
+/// answer for the host, which plain http allows to anybody on the way, chooses what is cached until
+/// the nextUpdate it names; whether it is signed by somebody who may speak is for the verification
+/// to find out.
+///
+/// **The request** is an HTTP/1.0 GET without a Host header, so a server that keeps several sites
+/// apart by it cannot serve CRLs here. Query and fragment of the URI are not sent. Without a port
+/// in the URI it goes to port 80, for https as well. An https server is shown the client
+/// certificate of `kClientCertificateFile` and is not verified itself.
+///
+/// **Bounds.** 5 s to resolve the host, 10 s to connect, 15 s for request and answer, 64 MiB for a
+/// CRL, no redirects; inside a verification its limits for the network as well (see
+/// `Verifier::maxNetworkTime`).
+///
+/// **The cache** is a hash directory, see `HashDirLookupMethod::add(const Uri&, ...)`. It holds at
+/// most 1 GiB and 1,000 files: what has expired is removed first, then the oldest. Files are
+/// replaced as a whole, and only by what could be read as a CRL. A cache that cannot be read or
+/// written costs a fetch, not the result.
+///
+/// **Threads.** There is no state; several threads and processes may fetch at once, and the last
+/// one that finishes leaves its CRL in the cache.
+class PKX509_EXPORT URILookup {
+ public:
+  URILookup() = default;
+  virtual ~URILookup();
+
+  /// Appends the CRLs that the cache or the network gives for @p uri.
+  ///
+  /// Never throws and reports nothing: nothing found is an empty list. When @p crls is not empty
+  /// already, the network is not asked, whatever the list holds.
+  void find(const Uri& uri, std::list<RefCertificateRevocationList>& crls);
+};
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,80 @@
+#include "crl/CRLCache.h"
+#include "foundation/HTTPAccess.h"
+#include "foundation/Log.h"
+#include "foundation/NetworkUse.h"
+
+#include <pkx509/FixedPaths.h>
+#include <pkx509/HashDirLookup.h>
+#include <pkx509/URILookup.h>
+
+#include <exception>
+#include <string>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace HTTP = LW::HTTP;
+
+namespace {
+
+constexpr unsigned int kQueryTime = 15;  // seconds
+constexpr std::size_t kMaximumCRL = std::size_t{64} * 1024 * 1024;
+
+// Servers of CRLs, and the filters in front of them, know the appliance by these bytes.
+std::string request(const Uri& uri) {
+  return "GET " + uri.path() +
+         " HTTP/1.0\r\n"
+         "User-Agent: Velantrix\r\n"
+         "Pragma: no-cache\r\n"
+         "Accept: */*\r\n"
+         "Connection: Keep-Alive\r\n"
+         "\r\n";
+}
+
+void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
+  if (!networkAdmitted()) return;
+  const std::size_t limit = admittedCRLBytes(kMaximumCRL);
+  if (limit == 0) return;
+  HTTP::RefStream stream = HTTP::streamFor(uri);
+  const Host host(uri.hostname());
+  if (host.address().empty()) return;
+  const HTTP::RefConnection connection(stream);
+  if (!connection->connect(HTTP::endpointFor(host.address(), uri))) return;
+  connection->maxQueryTime(kQueryTime);
+  connection->maxContent(limit);
+  connection->send(request(uri));
+  const int outcome = connection->receive();
+  countCRLBytes(connection->contentReceived());
+  if (outcome != HTTP::Connection::kComplete) return;
+  const LW::Buffer& body = connection->content();
+  // The limit keeps the length inside 32 bits. The connection outlives the reading, so the bytes
+  // are lent and not copied.
+  const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(
+      Buffer(body.data(), static_cast<unsigned int>(body.length()), false));
+  if (!crl.empty()) crls.push_back(crl);
+}
+
+}  // namespace
+
+URILookup::~URILookup() = default;
+
+void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
+  if (uri.isNull()) return;
+  try {
+    HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, crls);
+  } catch (const std::exception&) {
+    // A broken cache entry is as good as none: the fetch below replaces it.
+  }
+  if (!crls.empty()) return;
+  try {
+    if (!HTTP::isHandled(uri)) {
+      log(kPriorityDebug, "Crypto::URILookup. Scheme not handled. " + uri.asString());
+      return;
+    }
+    fetch(uri, crls);
+    CRLCache(kCRLCacheDirectory).add(uri, crls);
+  } catch (const std::exception&) {
+    // Whatever went wrong, what was found so far is the answer.
+  }
+}
+
+}  // namespace Velantrix::Crypto::PKX509

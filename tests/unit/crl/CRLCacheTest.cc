@@ -1,0 +1,343 @@
+#include "crl/CRLCache.h"
+#include "store/CRLFileHeader.h"
+#include "unit/store/Model.h"
+#include "unit/store/Unprivileged.h"
+
+#include <pkx509/HashDirLookup.h>
+#include <velantrix/Exception.h>
+#include <velantrix/File.h>
+
+#include <atomic>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <set>
+#include <sys/stat.h>
+#include <thread>
+
+namespace Velantrix::Test {
+namespace {
+
+using namespace Crypto::PKX509;
+namespace fs = std::filesystem;
+
+using Crls = std::list<RefCertificateRevocationList>;
+using Names = std::set<std::string>;
+
+class CRLCacheDirectory : public testing::Test {
+ protected:
+  /// A file of `size` bytes, made `age` seconds ago, that says that it runs out in `expires`
+  /// seconds.
+  void plant(const std::string& name, long age, long expires, std::size_t size = 500) {
+    std::string content = CRLFileHeader::text("http://other.test/", Time::then(expires, false));
+    content.resize(size, '\n');
+    plant(name, age, content);
+  }
+  void plant(const std::string& name, long age, const std::string& content) {
+    writeFile(directory / name, content);
+    setAge(name, age);
+  }
+  void setAge(const std::string& name, long age) {
+    const timespec then{std::time(nullptr) - age, 0};
+    const timespec times[2] = {then, then};
+    ASSERT_EQ(::utimensat(AT_FDCWD, (directory / name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+  }
+
+  void add(const CRLCache::Limits& limits) { add(limits, uri); }
+  void add(const CRLCache::Limits& limits, const Uri& forUri) {
+    CRLCache(directory.string(), limits).add(forUri, Crls{crl});
+  }
+
+  /// What lies in the directory beside the file for `uri`.
+  Names others() const {
+    Names names;
+    for (const auto& entry : fs::directory_iterator(directory.path())) {
+      names.insert(entry.path().filename().string());
+    }
+    names.erase(own);
+    return names;
+  }
+  bool ownIsThere() const {
+    Crls found;
+    HashDirLookupMethod(directory.string()).getBySubject(uri, found);
+    return found.size() == 1;
+  }
+
+  static constexpr long kHour = 3600;
+  static constexpr std::uint64_t kPlenty = 1 << 20;
+
+  TempDir directory;
+  Issued root = issueCa("CN=Root");
+  RefCertificateRevocationList crl = modelCrl({.issuer = &root});
+  Uri uri{"http://example.test/root.crl"};
+  std::string own = HashDirLookupMethod::fileName(uri);
+};
+
+TEST(CRLCache, Limits_AreOneThousandFilesAndOneGibibyte) {
+  EXPECT_EQ(CRLCache::Limits().files, 1000U);
+  EXPECT_EQ(CRLCache::Limits().bytes, 1073741824U);
+}
+
+TEST_F(CRLCacheDirectory, BelowTheLimits_NothingIsRemoved) {
+  plant("1.r0", 5 * kHour, -kHour);
+  plant("2.r0", 4 * kHour, kHour);
+  add({.files = 3, .bytes = kPlenty});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), (Names{"1.r0", "2.r0"}));
+  CRLCache(directory.string()).add(uri, Crls{crl});
+  EXPECT_EQ(others(), (Names{"1.r0", "2.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, TooManyFiles_AllThatExpiredGoBeforeAnyOther) {
+  plant("1.r0", 5 * kHour, kHour);  // the oldest
+  plant("2.r0", 4 * kHour, kHour);
+  plant("3.r0", 1 * kHour, -1);
+  plant("4.r0", 2 * kHour, -kHour);
+  add({.files = 4, .bytes = kPlenty});  // one of them would be enough
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), (Names{"1.r0", "2.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, TooManyFiles_TheOldestGoAsFarAsNeeded) {
+  plant("1.r0", 2 * kHour, kHour);
+  plant("2.r0", 5 * kHour, kHour);
+  plant("3.r0", 1 * kHour, kHour);
+  plant("4.r0", 4 * kHour, kHour);
+  plant("5.r0", 3 * kHour, -kHour);
+  add({.files = 3, .bytes = kPlenty});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), (Names{"1.r0", "3.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, TooManyBytes_ExpiredAndThenTheOldestGo) {
+  plant("1.r0", 5 * kHour, kHour, 100000);
+  plant("2.r0", 4 * kHour, kHour, 100000);
+  plant("3.r0", 3 * kHour, kHour, 100000);
+  plant("4.r0", 1 * kHour, -kHour, 100000);
+  add({.files = 100, .bytes = 250000});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), (Names{"2.r0", "3.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, SizeOfWhatIsWritten_CountsBeforeItIsWritten) {
+  crl =
+      modelCrl({.issuer = &root, .rawExtensions = {{"1.2.3.4", false, std::string(100000, 'x')}}});
+  plant("1.r0", 2 * kHour, kHour, 100000);
+  plant("2.r0", 1 * kHour, kHour, 100000);
+  add({.files = 100, .bytes = 260000});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), (Names{"2.r0"}));
+  EXPECT_LE(fs::file_size(directory / own) + 100000, 260000U);
+}
+
+TEST_F(CRLCacheDirectory, LengthOfTheUri_Counts) {
+  uri = Uri("http://example.test/" + std::string(60000, 'u'));
+  own = HashDirLookupMethod::fileName(uri);
+  plant("1.r0", 1 * kHour, kHour, 50000);
+  add({.files = 100, .bytes = 100000});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), Names{});
+}
+
+TEST_F(CRLCacheDirectory, FileThatIsReplaced_DoesNotCount) {
+  plant(own, 9 * kHour, -kHour, 100000);
+  plant("1.r0", 5 * kHour, kHour, 100000);
+  add({.files = 2, .bytes = 150000});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), (Names{"1.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, AllOfItExpiredOrOld_OnlyTheNewOneStays) {
+  plant("1.r0", 5 * kHour, kHour);
+  plant("2.r0", 4 * kHour, -kHour);
+  add({.files = 1, .bytes = kPlenty});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), Names{});
+}
+
+TEST_F(CRLCacheDirectory, NoLimitIsLeft_TheNewOneIsWrittenAllTheSame) {
+  plant("1.r0", 5 * kHour, kHour);
+  add({.files = 0, .bytes = 0});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), Names{});
+}
+
+TEST_F(CRLCacheDirectory, FileThatDoesNotSayWhenItRunsOut_CountsByItsAge) {
+  const std::string block = pem(crl->native());
+  plant("1.r0", 3 * kHour, block);
+  plant("2.r0", 5 * kHour, "URI: http://other.test/\nExpires: soon\n" + block);
+  plant("3.r0", 4 * kHour, "");
+  plant("4.r0", 6 * kHour, kHour);
+  add({.files = 3, .bytes = kPlenty});
+  EXPECT_EQ(others(), (Names{"1.r0", "3.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, CrlWithoutNextUpdate_ExpiresADayAfterItWasWritten) {
+  const Uri other("http://example.test/other.crl");
+  const std::string name = HashDirLookupMethod::fileName(other);
+  CRLCache(directory.string())
+      .add(other, Crls{modelCrl({.issuer = &root, .nextUpdate = std::nullopt})});
+  const CRLFileHeader header = CRLFileHeader::parse(readFile(directory / name));
+  ASSERT_TRUE(header.expires.has_value());
+  EXPECT_GE(*header.expires, Time::then(86400 - 60, false));
+  EXPECT_LE(*header.expires, Time::then(86400, false));
+}
+
+TEST_F(CRLCacheDirectory, EmptyList_ChangesNothing) {
+  plant("1.r0", 5 * kHour, -kHour);
+  CRLCache(directory.string(), {.files = 0, .bytes = 0}).add(uri, Crls());
+  EXPECT_EQ(others(), (Names{"1.r0"}));
+  EXPECT_FALSE(ownIsThere());
+}
+
+TEST_F(CRLCacheDirectory, SeveralCrls_TheLastOneStays) {
+  const RefCertificateRevocationList last = modelCrl({.issuer = &root, .number = 7});
+  CRLCache(directory.string()).add(uri, Crls{crl, last});
+  EXPECT_TRUE(readFile(directory / own).ends_with(pem(last->native())));
+}
+
+// -------------------------------------------------------------------------------- others' files
+
+TEST_F(CRLCacheDirectory, FilesThatTheLibraryDoesNotName_AreNeitherRemovedNorCounted) {
+  const char* const names[] = {
+      "README",
+      ".r0",
+      "1.0",
+      "1.r1",
+      "1.r00",
+      "1.r",
+      "1.R0",
+      "1.pem",
+      "1",
+      "A.r0",
+      "1A.r0",
+      "g.r0",
+      "1 .r0",
+      " 1.r0",
+      "-1.r0",
+      "123456789.r0",
+      "01.r0",  // no key is written with zeros in front
+      "00000001.r0",
+      "1.r0.bak",
+      "1.r0~",
+      "1.r0-tmp",
+      "1.r0-tmp-",
+      "1.r0-tmp-notes",
+      "1.r0-tmp-0123456789abcde",
+      "1.r0-tmp-0123456789abcdef0",
+      "1.r0-tmp-0123456789abcdeF",
+      "x1.r0-tmp-0123456789abcdef",
+      "1.0-tmp-0123456789abcdef",
+      "1.r0 -tmp-0123456789abcdef",
+  };
+  for (const char* const name : names) plant(name, 5 * kHour, -kHour, 100000);
+  const Names before = others();
+  ASSERT_EQ(before.size(), std::size(names));
+  plant("1.r0", kHour, kHour);
+  add({.files = 2, .bytes = 50000});
+  Names expected = before;
+  expected.insert("1.r0");  // they leave room for it
+  EXPECT_EQ(others(), expected);
+  add({.files = 0, .bytes = 0});
+  EXPECT_EQ(others(), before);
+}
+
+TEST_F(CRLCacheDirectory, AllNamesOfTheLibrary_CountAndMakeRoom) {
+  const char* const names[] = {"0.r0", "1.r0", "a.r0", "1f.r0", "4a6481c9.r0", "ffffffff.r0"};
+  for (const char* const name : names) plant(name, 5 * kHour, kHour);
+  add({.files = 0, .bytes = 0});
+  EXPECT_EQ(others(), Names{});
+}
+
+TEST_F(CRLCacheDirectory, WhatKilledWritersLeft_CountsAndMakesRoom) {
+  plant("4a6481c9.r0-tmp-0123456789abcdef", 5 * kHour, "");
+  plant("4a6481c9.r0-tmp-fedcba9876543210", 4 * kHour, -kHour, 100000);
+  plant("0.r0-tmp-0000000000000000", 3 * kHour, "URI: http://other.te");
+  plant("1.r0", 2 * kHour, kHour);
+  add({.files = 2, .bytes = kPlenty});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), (Names{"1.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, WhatIsNoRegularFile_IsNeitherRemovedNorCounted) {
+  const TempDir elsewhere;
+  writeFile(elsewhere / "target", std::string(100000, 'x'));
+  fs::create_symlink(elsewhere / "target", directory / "1.r0");
+  fs::create_symlink(directory / "nowhere", directory / "2.r0");
+  fs::create_directory(directory / "3.r0");
+  ASSERT_EQ(::mkfifo((directory / "4.r0").c_str(), 0600), 0);
+  for (const char* const name : {"1.r0", "2.r0", "3.r0", "4.r0"}) setAge(name, 5 * kHour);
+  const Names before = others();
+  plant("5.r0", kHour, kHour);
+  add({.files = 2, .bytes = 50000});
+  Names expected = before;
+  expected.insert("5.r0");
+  EXPECT_EQ(others(), expected);
+  add({.files = 0, .bytes = 0});
+  EXPECT_EQ(others(), before);
+  EXPECT_TRUE(fs::exists(elsewhere / "target"));
+}
+
+// --------------------------------------------------------------------------------------- failures
+
+TEST_F(CRLCacheDirectory, DirectoryThatIsMissing_IsAnExceptionAndIsNotMade) {
+  const fs::path missing = directory / "missing";
+  EXPECT_THROW(CRLCache(missing.string()).add(uri, Crls{crl}), Exception);
+  EXPECT_FALSE(fs::exists(missing));
+}
+
+TEST_F(CRLCacheDirectory, DirectoryThatIsAFile_IsAnException) {
+  writeFile(directory / "file", "x");
+  EXPECT_THROW(CRLCache((directory / "file").string()).add(uri, Crls{crl}), Exception);
+  EXPECT_EQ(readFile(directory / "file"), "x");
+}
+
+TEST_F(CRLCacheDirectory, DirectoryThatCannotBeRead_IsAnExceptionAndNothingChanges) {
+  plant("1.r0", 5 * kHour, -kHour);
+  const Unprivileged rights;
+  ASSERT_EQ(::chmod(directory.path().c_str(), 0300), 0);
+  EXPECT_THROW(add({.files = 1, .bytes = kPlenty}), Exception);
+  ASSERT_EQ(::chmod(directory.path().c_str(), 0700), 0);
+  EXPECT_EQ(others(), (Names{"1.r0"}));
+  EXPECT_FALSE(ownIsThere());
+}
+
+TEST_F(CRLCacheDirectory, DirectoryThatCannotBeWritten_IsAnExceptionAndNothingChanges) {
+  plant("1.r0", 5 * kHour, -kHour);
+  plant("2.r0", 5 * kHour, kHour);
+  const Unprivileged rights;
+  ASSERT_EQ(::chmod(directory.path().c_str(), 0500), 0);
+  EXPECT_THROW(add({.files = 1, .bytes = kPlenty}), Exception);
+  ASSERT_EQ(::chmod(directory.path().c_str(), 0700), 0);
+  EXPECT_EQ(others(), (Names{"1.r0", "2.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, FileThatCannotBeRead_GoesByItsAge) {
+  plant("1.r0", 5 * kHour, -kHour);
+  plant("2.r0", 6 * kHour, kHour);
+  const Unprivileged rights;
+  ASSERT_EQ(::chmod((directory / "1.r0").c_str(), 0), 0);
+  add({.files = 2, .bytes = kPlenty});
+  EXPECT_EQ(others(), (Names{"1.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, FilesThatVanishMeanwhile_DoNoHarm) {
+  constexpr int kFiles = 200;
+  const auto name = [](int i) { return std::to_string(100 + i % kFiles) + ".r0"; };
+  for (int i = 0; i < kFiles; ++i) plant(name(i), 5 * kHour, kHour);
+  std::atomic<bool> done = false;
+  std::thread remover([&] {
+    for (int i = 0; !done; ++i) {
+      writeFile(directory / name(i + kFiles / 2), "x");
+      fs::remove(directory / name(i));
+    }
+  });
+  for (int i = 0; i < 40; ++i) EXPECT_NO_THROW(add({.files = 20, .bytes = kPlenty}));
+  done = true;
+  remover.join();
+  add({.files = 20, .bytes = kPlenty});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_LE(others().size(), 19U);
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
