@@ -21,9 +21,11 @@
 
 #include <openssl/x509_vfy.h>
 
+#include <chrono>
 #include <iosfwd>
 #include <list>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -52,7 +54,13 @@ namespace Velantrix::Crypto::PKX509 {
 /// issuer of a CRL that was found through a distribution point is not compared with the
 /// certificate's issuer, because indirect CRLs are allowed: whoever serves the distribution point
 /// chooses the CRL, as long as its issuer can be validated. CRLs found by the issuer's name are
-/// compared.
+/// compared. An OCSP answer that does not mention the certificate counts as good, and the times in
+/// an answer are not compared with the clock (see `OCSP::Client`).
+///
+/// **The network.** Revocation is checked before signatures, so before a host is reached for a
+/// certificate (OCSP, a CRL by URI) its signature is verified with the key of the next one in the
+/// chain; for a forgery every host counts as unreachable. `maxNetworkTime()` bounds the time that
+/// one verification spends on the network, and 128 MiB the bytes of CRLs that it fetches.
 ///
 /// **Bounds.** The issuer of a CRL may need a verification of its own. A nested verification fails
 /// with `X509_V_ERR_CRL_PATH_VALIDATION_ERROR` (54) when an enclosing one is about the same
@@ -61,7 +69,10 @@ namespace Velantrix::Crypto::PKX509 {
 ///
 /// **Exceptions.** A verdict is never thrown. `Velantrix::Exception` (an unreadable file, a broken
 /// extension) and whatever a lookup method throws leaves `isValid()` unchanged. Treat every
-/// exception, `std::exception` included, as "not valid".
+/// exception, `std::exception` included, as "not valid". Among them is
+/// `boost::system::system_error`: it leaves when a certificate names an https OCSP responder and
+/// the machine's client certificate or key (`kClientCertificateFile`, `kClientKeyFile`) cannot be
+/// loaded.
 ///
 /// **Threads.** One thread at a time. Construction writes the configured flags into the store.
 class PKX509_EXPORT Verifier : private NonCopyable {
@@ -119,11 +130,19 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   ///         depth
   virtual int checkRevocationStatus(const std::list<RefCertificate>& chain);
 
-  /// Asks the OCSP responders that the certificate names. This version has no OCSP client, so there
-  /// is never a usable answer.
-  /// @return 0 not revoked, 1 revoked, 2 no usable answer
+  /// Asks the OCSP responders that the certificate names: the first one with an URI that can be
+  /// connected to; see `OCSP::Client`.
+  /// @return 0 not revoked, 1 revoked, 2 no usable answer; 101, 117 or 118 for an answer that is
+  /// not
+  ///         signed as it should be, which counts as none
   int checkOCSP(const RefCertificate& certificate, const RefAuthorityInformationAccess& aia,
                 const std::list<RefCertificate>& chain);
+
+  /// Bounds what one verification spends on the network, over all that it fetches and asks and all
+  /// verifications nested in it. When the time is spent, further hosts count as unreachable: the
+  /// check goes on with what is there.
+  /// @param seconds 60 by default; 0 for no such bound
+  void maxNetworkTime(unsigned int seconds) noexcept { networkSeconds_ = seconds; }
 
   /// Adds an acceptable certificate policy. The identifier gives its OpenSSL object to the context;
   /// one that has given it away before is copied.
@@ -180,11 +199,16 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   void prepareAgain();
   bool applyRemaining(X509* x);
   int checkChain();
+  std::optional<std::chrono::seconds> networkTime() const noexcept;
+  // The next certificate of the chain that OpenSSL built, borrowed; null for the chain's end, which
+  // is trusted, and `x` itself where it is not in the chain.
+  X509* signerOf(X509* x) const noexcept;
   bool addCandidate(CRLContainer& container, const RefCertificate& certificate,
                     const RefCertificateRevocationList& crl, const RefCRLDistributionPoint& point);
 
   const bool useOpenSSLRevocation_;
   bool used_ = false;  // the context has been through X509_verify_cert, which takes it only once
+  unsigned int networkSeconds_ = 60;
   bool remainingApplied_ = false;  // every CRL that is left for `lastCertificate` has counted
   X509_STORE_CTX_cert_crl_fn certCrl_ = nullptr;  // what certCrlCallback stands in front of
   X509_STORE_CTX* parent_ = nullptr;

@@ -1,17 +1,20 @@
 // The verifier's own revocation logic: which certificates of a chain are checked, OCSP before CRLs,
 // and where CRLs are looked for.
 #include "foundation/Log.h"
+#include "foundation/NetworkUse.h"
 #include "foundation/VerificationRun.h"
 #include "verify/FailureText.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
+#include <pkx509/OCSP.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/GeneralName.h>
 
 #include <openssl/x509v3.h>
 
+#include <iterator>
 #include <string>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -58,11 +61,15 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
   // against CRLs. It is meant so.
   bool needCrlCheck = true;
   int depth = -1;
-  for (const RefCertificate& current : chain) {
+  for (auto position = chain.begin(); position != chain.end(); ++position) {
     ++depth;
-    const bool isLast = static_cast<std::size_t>(depth) + 1 == chain.size();
-    if (isLast && current->isSelfSigned()) continue;
+    const RefCertificate& current = *position;
+    const auto next = std::next(position);
+    if (next == chain.end() && current->isSelfSigned()) continue;
 
+    // The list ends with the leaf where only that is checked.
+    const ConnectionSubject subject(
+        current, next == chain.end() ? signerOf(current->native()) : next->get()->native());
     int answer = kNoAnswer;
     const RefAuthorityInformationAccess aia(current->find(authorityInformationAccess()));
     if (!aia.empty()) {
@@ -99,13 +106,12 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
   return 1;
 }
 
-int Verifier::checkOCSP(const RefCertificate& /*target*/, const RefAuthorityInformationAccess& aia,
-                        const std::list<RefCertificate>& /*chain*/) {
+int Verifier::checkOCSP(const RefCertificate& target, const RefAuthorityInformationAccess& aia,
+                        const std::list<RefCertificate>& chain) {
   for (const RefGeneralName& location : aia->ocspGeneralNames()) {
     if (location->type() != GEN_URI) continue;
-    // No OCSP client yet: an appliance that relies on OCSP has to learn that it is not asked.
-    log(kPriorityInfo,
-        "Verifier: OCSP is not available, no answer from " + location->uri().asString());
+    OCSP::Client client(*this, chain);
+    if (client.connect(location->uri())) return client.isRevoked(target);
   }
   return kNoAnswer;
 }

@@ -1,4 +1,5 @@
 #include "foundation/Log.h"
+#include "foundation/NetworkUse.h"
 #include "foundation/OpenSSLOwners.h"
 #include "foundation/VerificationRun.h"
 #include "verify/FailureText.h"
@@ -180,7 +181,7 @@ int Verifier::isValid() {
   ERR_clear_error();
   // First of all, so that an override which verifies again while it is asked for CRLs is refused as
   // a circle before it takes the context away from OpenSSL.
-  VerificationRun run(certificate);
+  VerificationRun run(certificate, networkTime());
   if (run.refusal() != nullptr) {
     error = X509_V_ERR_CRL_PATH_VALIDATION_ERROR;
     contextError(error);
@@ -212,6 +213,15 @@ void Verifier::policy(const ASN1::RefObjectIdentifier& oid) {
   }
 }
 
+X509* Verifier::signerOf(X509* x) const noexcept {
+  const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context_.get());
+  const int count = chain == nullptr ? 0 : sk_X509_num(chain);
+  for (int i = 0; i < count; ++i) {
+    if (sk_X509_value(chain, i) == x) return i + 1 < count ? sk_X509_value(chain, i + 1) : nullptr;
+  }
+  return x;
+}
+
 X509* Verifier::currentIssuer() const { return currentIssuer_; }
 
 void Verifier::setCurrentCRL(unsigned int score, const RefCertificate& issuer,
@@ -219,6 +229,11 @@ void Verifier::setCurrentCRL(unsigned int score, const RefCertificate& issuer,
   currentCRLScore_ = score;
   currentIssuer_ = issuer;
   currentReasons_ = reasons;
+}
+
+std::optional<std::chrono::seconds> Verifier::networkTime() const noexcept {
+  if (networkSeconds_ == 0) return std::nullopt;
+  return std::chrono::seconds(networkSeconds_);
 }
 
 int Verifier::contextError() const noexcept { return X509_STORE_CTX_get_error(context_.get()); }
@@ -249,6 +264,7 @@ int Verifier::getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x) {
   return guardedCallback(0, [&] {
     Verifier* const verifier = of(context);
     if (verifier == nullptr) return 0;
+    const ConnectionSubject subject(x, verifier->signerOf(x));
     const RefCertificateRevocationList found = verifier->getCRL(CertificateFactory()(x, false));
     X509_CRL* const native = found;
     // OpenSSL frees what it is given.

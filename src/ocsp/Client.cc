@@ -1,0 +1,195 @@
+#include "foundation/HTTPAccess.h"
+#include "foundation/Log.h"
+#include "foundation/NetworkUse.h"
+#include "foundation/OpenSSLOwners.h"
+
+#include <pkx509/OCSP.h>
+#include <pkx509/Verifier.h>
+#include <velantrix/Exception.h>
+#include <velantrix/Host.h>
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+
+namespace Velantrix::Crypto::PKX509::OCSP {
+
+namespace HTTP = LW::HTTP;
+
+namespace {
+
+enum Answer : int {
+  kAccepted = 0,
+  kNoAnswer = 2,
+  kResponderNotValid = 101,
+  kSignatureWrong = 117,
+  kResponderUnknown = 118
+};
+
+// Lines about a certificate name it by the address of its object.
+std::string certificateText(const RefCertificate& certificate) {
+  std::ostringstream text;
+  text << "Certificate " << static_cast<const void*>(certificate->native());
+  return text.str();
+}
+
+// The length is the only header beside the type: responders get exactly these bytes. The path
+// brings a slash of its own.
+std::string header(const Uri& uri, std::size_t length) {
+  return "POST /" + uri.path() +
+         " HTTP/1.0\r\n"
+         "Content-Type: application/ocsp-request\r\n"
+         "Content-Length: " +
+         std::to_string(length) + "\r\n\r\n";
+}
+
+// Finds the responder's certificate by the identifier of the answer: a name or the hash of a key.
+template <class Identifier>
+RefCertificate findResponder(const Identifier& identifier, const BasicResponse& basic,
+                             const std::list<RefCertificate>& chain, bool& cameWithAnswer) {
+  const RefCertificate sent = s_findIssuer(identifier, basic.certificates());
+  cameWithAnswer = !sent.empty();
+  return cameWithAnswer ? sent : s_findIssuer(identifier, chain);
+}
+
+}  // namespace
+
+Client::Client(Verifier& asking, const std::list<RefCertificate>& path)
+    : verifier(asking), chain(path) {}
+
+Client::~Client() = default;
+
+bool Client::connect(const Uri& responder) {
+  if (uri.isNull() || uri != responder) {
+    uri = responder;
+    if (!connection.empty()) {
+      connection->disconnect();
+      connection = HTTP::RefConnection();
+    }
+  }
+  if (connection.empty()) {
+    if (!HTTP::isHandled(uri)) {
+      log(kPriorityDebug,
+          "OCSP::Client: unhandled uri: " + uri.asString() + " scheme = " + uri.scheme());
+      return false;
+    }
+    if (networkAdmitted()) {
+      HTTP::RefStream stream = HTTP::streamFor(uri);
+      connection = HTTP::RefConnection(stream);
+      const Host host(uri.hostname());
+      if (!host.address().empty()) {
+        connected = connection->connect(HTTP::endpointFor(host.address(), uri));
+      }
+    }
+  }
+  if (!connected) {
+    log(kPriorityInfo, "OCSP::Client: Could not connect to uri: " + uri.asString());
+  }
+  return connected;
+}
+
+int Client::isRevoked(const RefCertificate& certificate) {
+  for (const RefCertificate& candidate : chain) {
+    try {
+      if (!certificate->issuedBy(candidate, true)) continue;
+      bool settled = false;
+      const int answer = query(certificate, candidate, settled);
+      if (settled) return answer;
+    } catch (const Exception& failure) {
+      // The line has always gone out without its text.
+      logMisplaced("OCSP::Client::isRevoked: Caught " + failure.asString());
+      return kNoAnswer;
+    }
+  }
+  return kNoAnswer;
+}
+
+// Asks about the certificate as one of this issuer. Not settled: the next issuer is to be tried.
+int Client::query(const RefCertificate& certificate, const RefCertificate& issuer, bool& settled) {
+  if (!connected) {
+    throw Exception("OCSP::Client::send", Exception::kFailure, "OCSP", __LINE__)
+        .stringParameter("Not Connected");
+  }
+  if (queryTime != 0) connection->maxQueryTime(queryTime);
+  const Request request(certificate, issuer);
+  const LW::RefBuffer& pdu = request.pdu();
+  if (pdu->length() == 0) return kNoAnswer;
+  connection->send(header(uri, pdu->length()));
+  connection->send(pdu);
+  if (connection->receive() != HTTP::Connection::kComplete) {
+    log(kPriorityInfo, certificateText(certificate) + " : No data from OCSP server.");
+    return kNoAnswer;
+  }
+  const Response response(connection->content());
+  if (response.status() != OCSP_RESPONSE_STATUS_SUCCESSFUL) {
+    log(kPriorityInfo, certificateText(certificate) + " : Invalid response from OCSP server.");
+    return kNoAnswer;
+  }
+
+  settled = true;
+  const BasicResponse basic(response);
+  if (!basic.matches(request)) {
+    log(kPriorityDebug, "OCSP::Client. OCSP Response does not match the request");
+    return kNoAnswer;
+  }
+  if (const int refused = isSignatureValid(response, basic); refused != kAccepted) return refused;
+  const Response::Status status = response.find(basic, request.id());
+  if (status.status == V_OCSP_CERTSTATUS_REVOKED) {
+    logMisplaced(certificateText(certificate) +
+                 " is revoked: " + OCSP_crl_reason_str(status.reason));
+  }
+  return status.status;
+}
+
+int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& basic) {
+  OCSP_BASICRESP* const native = basic;
+  if (native == nullptr) return kNoAnswer;
+
+  const ASN1_OCTET_STRING* keyHash = nullptr;
+  const X509_NAME* name = nullptr;
+  bool cameWithAnswer = false;
+  RefCertificate responder;
+  if (OCSP_resp_get0_id(native, &keyHash, &name) == 1 && name != nullptr) {
+    responder = findResponder(DistinguishedName(name), basic, chain, cameWithAnswer);
+  } else if (keyHash != nullptr) {
+    responder = findResponder(ASN1::RefOctetString(keyHash), basic, chain, cameWithAnswer);
+  } else {
+    // OpenSSL has no name for the type of an identifier that is neither.
+    throw Exception("Client::isSignatureValid", Exception::kFailure, "OCSP", __LINE__)
+        .stringParameter("OCSP response identifier not supported: -1");
+  }
+  if (responder.empty()) return kResponderUnknown;
+
+  const bool inChain = std::find(chain.begin(), chain.end(), responder) != chain.end();
+  if (cameWithAnswer && !inChain && !validate(responder)) {
+    log(kPriorityInfo, "OCSP::Client: Could not validate Responder's certificate.");
+    return kResponderNotValid;
+  }
+
+  const RefKey key = responder->key();
+  const ErrorScope errors;
+  if (ASN1_item_verify(ASN1_ITEM_rptr(OCSP_RESPDATA), OCSP_resp_get0_tbs_sigalg(native),
+                       OCSP_resp_get0_signature(native), OCSP_resp_get0_respdata(native),
+                       key->keyData()) < 1) {
+    log(kPriorityInfo, "OCSP::Client: Response Signature check failed.");
+    return kSignatureWrong;
+  }
+  return kAccepted;
+}
+
+// Verifies a responder's certificate that is in the answer only. The store is cloned, so that
+// nothing of it stays in the outer one.
+bool Client::validate(const RefCertificate& responder) {
+  const ErrorScope errors;
+  Verifier nested(verifier.objectStore()->clone(), responder, RefStackOfCertificate(chain), false);
+  X509_STORE_CTX* const context = nested;
+  // A responder whose own revocation had to be asked for would be asked by itself.
+  if (X509_VERIFY_PARAM_clear_flags(X509_STORE_CTX_get0_param(context), X509_V_FLAG_CRL_CHECK) !=
+      1) {
+    return false;
+  }
+  nested.parent(verifier);
+  return nested.isValid() == X509_V_OK;
+}
+
+}  // namespace Velantrix::Crypto::PKX509::OCSP

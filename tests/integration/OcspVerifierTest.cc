@@ -1,0 +1,350 @@
+// What a verification makes of OCSP: when it asks, whom, and what comes after.
+#include "integration/ConnectWatch.h"
+#include "integration/OcspFixture.h"
+#include "support/Loopback.h"
+#include "unit/ocsp/VerifyWatch.h"
+
+#include <openssl/err.h>
+
+#include <chrono>
+
+namespace Velantrix::Test {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using Clock = std::chrono::steady_clock;
+
+class OcspVerification : public OcspIntegration {
+ protected:
+  OcspAnswer good() const { return {.signer = &root}; }
+  OcspAnswer revoked() const {
+    return {.signer = &root, .singles = {{.status = V_OCSP_CERTSTATUS_REVOKED}}};
+  }
+};
+
+TEST_F(OcspVerification, GoodLeaf_SparesTheRestOfTheChainItsCrls) {
+  const Issued inter = issueCa("O=Test,CN=Inter", &root);
+  world.trust(inter);
+  const FaultServer server(answering({.signer = &inter}));
+  const Issued leaf = naming({server.url()}, {.subject = "O=Test,CN=Leaf", .issuer = &inter});
+  // The intermediate is revoked, and nobody looks.
+  world.publish({.issuer = &root, .revoked = {{.serial = inter}}});
+  EXPECT_EQ(verdict(leaf), 0);
+  EXPECT_EQ(world.source->crlQueries, 0);
+  EXPECT_EQ(log.text(), "");
+  EXPECT_EQ(ERR_peek_error(), 0UL);
+}
+
+TEST_F(OcspVerification, GoodLeaf_IntermediateWithoutAnAnswerPassesToo) {
+  const ReservedPort port;
+  const std::string nobody = "http://127.0.0.1:" + port.text() + "/";
+  const Issued inter =
+      naming({nobody}, {.subject = "O=Test,CN=Inter", .issuer = &root, .ca = true});
+  world.trust(inter);
+  const FaultServer server(answering({.signer = &inter}));
+  const Issued leaf = naming({server.url()}, {.subject = "O=Test,CN=Leaf", .issuer = &inter});
+  EXPECT_EQ(verdict(leaf), 0);
+  EXPECT_EQ(world.source->crlQueries, 0);
+  EXPECT_EQ(log.text(), unreachableLine(nobody));
+}
+
+TEST_F(OcspVerification, GoodIntermediate_DoesNotSpareTheLeafItsCrls) {
+  const FaultServer server(answering(good()));
+  const Issued inter =
+      naming({server.url()}, {.subject = "O=Test,CN=Inter", .issuer = &root, .ca = true});
+  world.trust(inter);
+  const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &inter});
+  EXPECT_EQ(verdict(leaf), kNoCrl);
+  EXPECT_TRUE(server.requests().empty());
+  world.publish({.issuer = &inter});
+  EXPECT_EQ(verdict(leaf), 0);
+  EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST_F(OcspVerification, RevokedIntermediate_AfterAGoodLeaf) {
+  const FaultServer rootServer(answering(revoked()));
+  const Issued inter =
+      naming({rootServer.url()}, {.subject = "O=Test,CN=Inter", .issuer = &root, .ca = true});
+  world.trust(inter);
+  const FaultServer server(answering({.signer = &inter}));
+  const Issued leaf = naming({server.url()}, {.subject = "O=Test,CN=Leaf", .issuer = &inter});
+  Verifier verifier(world.store, handle(leaf), false);
+  EXPECT_EQ(verifier.isValid(), kRevoked);
+  EXPECT_EQ(X509_STORE_CTX_get_error_depth(verifier), 1);
+  EXPECT_EQ(log.text(), kMisplaced + verdictLine(inter, kRevoked));
+}
+
+TEST_F(OcspVerification, Revoked_IsFinalWithoutCrls) {
+  const FaultServer server(answering(revoked()));
+  const Issued leaf = person({server.url()});
+  world.publish({.issuer = &root});
+  Verifier verifier(world.store, handle(leaf), false);
+  EXPECT_EQ(verifier.isValid(), kRevoked);
+  EXPECT_EQ(X509_STORE_CTX_get_error_depth(verifier), 0);
+  EXPECT_EQ(world.source->crlQueries, 0);
+  EXPECT_EQ(log.text(), kMisplaced + verdictLine(leaf, kRevoked));
+  EXPECT_EQ(log.lines().front().raw, "0\x01");
+}
+
+TEST_F(OcspVerification, Good_ComesBeforeTheCrlThatRevokes) {
+  const FaultServer server(answering(good()));
+  const Issued leaf = person({server.url()});
+  world.publish({.issuer = &root, .revoked = {{.serial = leaf}}});
+  EXPECT_EQ(verdict(leaf), 0);
+  EXPECT_EQ(world.source->crlQueries, 0);
+}
+
+TEST_F(OcspVerification, NoUsableAnswer_TheCrlsDecide) {
+  struct Row {
+    const char* name;
+    Script script;
+    std::string (*lines)(const Issued&);
+  };
+  const Row rows[] = {
+      {"no data", Scripts::notFound(), noDataLine},
+      {"try later", answering({.status = OCSP_RESPONSE_STATUS_TRYLATER}), invalidLine},
+      {"unknown", answering({.signer = &root, .singles = {{.status = V_OCSP_CERTSTATUS_UNKNOWN}}}),
+       [](const Issued&) { return std::string(); }},
+      {"another nonce", answering({.signer = &root, .nonce = OcspNonce::Other}),
+       [](const Issued&) {
+         return "7 OCSP::BasicResponse: Request Nonce and Reply Nonce do not match.\n"
+                "7 OCSP::Client. OCSP Response does not match the request\n"s;
+       }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const FaultServer server(row.script);
+    const Issued leaf = person({server.url()});
+    world.source->crls.clear();
+    log.clear();
+    EXPECT_EQ(verdict(leaf), kNoCrl);
+    EXPECT_EQ(log.text(), row.lines(leaf) + verdictLine(leaf, kNoCrl));
+    world.publish({.issuer = &root});
+    EXPECT_EQ(verdict(leaf), 0);
+    world.source->crls.clear();
+    world.publish({.issuer = &root, .revoked = {{.serial = leaf}}});
+    EXPECT_EQ(verdict(leaf), kRevoked);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+  }
+}
+
+TEST_F(OcspVerification, AnswerThatIsNotSignedAsItShould_IsNamedAndTheCrlsDecide) {
+  const Issued stranger = issueCa("O=Test,CN=Stranger");
+  struct Row {
+    int code;
+    OcspAnswer description;
+    std::string lines;
+  };
+  const Row rows[] = {
+      {101,
+       {.signer = &stranger},
+       verdictLine(stranger, X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT) +
+           "6 OCSP::Client: Could not validate Responder's certificate.\n"},
+      {117,
+       {.signer = &root, .tampered = true},
+       "6 OCSP::Client: Response Signature check failed.\n"},
+      {118, {.signer = &stranger, .certificates = false}, ""},
+  };
+  for (const Row& row : rows) {
+    const FaultServer server(answering(row.description));
+    const Issued leaf = person({server.url()});
+    const std::string lines =
+        row.lines + "7 Verifier::checkRevocationStatus: Unhandled return value from checkOCSP: " +
+        std::to_string(row.code) + "\n";
+    world.source->crls.clear();
+    log.clear();
+    EXPECT_EQ(verdict(leaf), kNoCrl);
+    EXPECT_EQ(log.text(), lines + verdictLine(leaf, kNoCrl));
+    world.publish({.issuer = &root});
+    log.clear();
+    EXPECT_EQ(verdict(leaf), 0);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+    EXPECT_EQ(log.text(), lines);
+    world.source->crls.clear();
+    world.publish({.issuer = &root, .revoked = {{.serial = leaf}}});
+    EXPECT_EQ(verdict(leaf), kRevoked);
+  }
+}
+
+// --- Who is asked.
+
+TEST_F(OcspVerification, FlagsWithoutCrlCheck_NobodyIsConnectedTo) {
+  const FaultServer server(answering(revoked()));
+  const Issued leaf = person({server.url()});
+  const ConnectWatch watch;
+  for (const unsigned long flags : {0UL, static_cast<unsigned long>(X509_V_FLAG_CRL_CHECK_ALL)}) {
+    World other;
+    other.trust(root);
+    Verifier::Config config;
+    config.flags = static_cast<int>(flags);
+    EXPECT_EQ(Verifier(other.store, handle(leaf), RefStackOfCertificate(), config, false).isValid(),
+              0);
+    EXPECT_EQ(other.source->crlQueries, 0);
+  }
+  EXPECT_TRUE(watch.ports().empty());
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(OcspVerification, CrlCheckAlone_NoIssuerIsInTheListAndTheCrlsDecide) {
+  const FaultServer server(answering(revoked()));
+  const Issued leaf = person({server.url()});
+  world.publish({.issuer = &root});
+  EXPECT_EQ(verdict(leaf, X509_V_FLAG_CRL_CHECK), 0) << log.text();
+  ASSERT_TRUE(server.waitForEnds(1));
+  EXPECT_EQ(server.connections().size(), 1U);
+  EXPECT_EQ(server.connections().front().received, "");
+  EXPECT_GT(world.source->crlQueries, 0);
+}
+
+TEST_F(OcspVerification, OpenSSLsOwnCheck_AsksNoResponder) {
+  const FaultServer server(answering(revoked()));
+  const Issued leaf = person({server.url()});
+  world.publish({.issuer = &root});
+  const ConnectWatch watch;
+  EXPECT_EQ(Verifier(world.store, handle(leaf), true).isValid(), 0);
+  EXPECT_TRUE(watch.ports().empty());
+}
+
+TEST_F(OcspVerification, Locations_TheFirstThatConnectsIsAsked) {
+  const FaultServer silentOnce(Scripts::notFound());
+  const FaultServer server(answering(good()));
+  const ReservedPort port;
+  const std::string refused = "http://127.0.0.1:" + port.text() + "/";
+  const auto with = [&](const std::string& locations) {
+    return issue({.subject = "O=Test,CN=Person",
+                  .issuer = &root,
+                  .extensions = {{"authorityInfoAccess", locations}}});
+  };
+  const std::string url = server.url();
+  // What is no URI is not looked at.
+  EXPECT_EQ(verdict(with("caIssuers;URI:http://a.test/ca,OCSP;email:a@b.test,OCSP;DNS:a.test,"
+                         "OCSP;URI:" +
+                         url)),
+            0);
+  EXPECT_EQ(log.text(), "");
+  EXPECT_EQ(server.requests().size(), 1U);
+  // What cannot be connected to is passed over.
+  EXPECT_EQ(verdict(with("OCSP;URI:ldap://a.test/x,OCSP;URI:" + refused + ",OCSP;URI:" + url)), 0);
+  EXPECT_EQ(log.text(), "7 OCSP::Client: unhandled uri: ldap://a.test/x scheme = ldap:\n" +
+                            unreachableLine(refused));
+  EXPECT_EQ(server.requests().size(), 2U);
+  // What was connected to and gave nothing is not: the CRLs decide.
+  EXPECT_EQ(verdict(with("OCSP;URI:" + silentOnce.url() + ",OCSP;URI:" + url)), kNoCrl);
+  EXPECT_EQ(server.requests().size(), 2U);
+}
+
+// --- The certificate is a forgery.
+
+TEST_F(OcspVerification, ForgedLeaf_NobodyIsConnectedTo) {
+  const FaultServer server(answering(revoked()));
+  const Issued forged =
+      naming({server.url("/a"), server.url("/b")},
+             {.subject = "O=Test,CN=Forged", .issuer = &root, .badSignature = true});
+  world.publish({.issuer = &root});
+  const ConnectWatch watch;
+  EXPECT_EQ(verdict(forged), X509_V_ERR_CERT_SIGNATURE_FAILURE);
+  EXPECT_TRUE(watch.ports().empty());
+  EXPECT_EQ(log.count("Verifier: no connection is made for a certificate that its issuer did not "
+                      "sign: CN=Forged,O=Test"),
+            1U)
+      << log.text();
+  EXPECT_EQ(log.lines().front().priority, 6);
+  world.source->crls.clear();
+  EXPECT_EQ(verdict(forged), kNoCrl);
+  EXPECT_TRUE(watch.ports().empty());
+  // With the same names and an honest signature the responder is asked.
+  EXPECT_EQ(verdict(person({server.url()})), kRevoked);
+  EXPECT_EQ(watch.ports().size(), 1U);
+}
+
+TEST_F(OcspVerification, ForgedIntermediate_OnlyTheLeafsResponderIsConnectedTo) {
+  const ReservedPort port;
+  const std::string refused = "http://127.0.0.1:" + port.text() + "/";
+  const FaultServer server(answering(good()));
+  const Issued inter =
+      naming({server.url()},
+             {.subject = "O=Test,CN=Inter", .issuer = &root, .ca = true, .badSignature = true});
+  world.trust(inter);
+  world.publish({.issuer = &inter});
+  world.publish({.issuer = &root});
+  const Issued leaf = naming({refused}, {.subject = "O=Test,CN=Leaf", .issuer = &inter});
+  const ConnectWatch watch;
+  EXPECT_EQ(verdict(leaf), X509_V_ERR_CERT_SIGNATURE_FAILURE) << log.text();
+  EXPECT_EQ(watch.ports(), std::vector<std::uint16_t>{port.number()});
+  EXPECT_EQ(log.count("no connection is made"), 1U) << log.text();
+}
+
+// --- Bounds.
+
+TEST_F(OcspVerification, NetworkTime_IsSharedByOcspAndCrls) {
+  const FaultServer responder(Scripts::silence());
+  const FaultServer lists(Scripts::silence());
+  const Issued leaf =
+      naming({responder.url()},
+             {.subject = "O=Test,CN=Person",
+              .issuer = &root,
+              .crlDistributionPoints = {{.fullNames = {"URI:" + lists.url("/a.crl")}},
+                                        {.fullNames = {"URI:" + lists.url("/b.crl")}}}});
+  Verifier verifier(world.store, handle(leaf), false);
+  verifier.maxNetworkTime(1);
+  const Clock::time_point start = Clock::now();
+  EXPECT_EQ(verifier.isValid(), kNoCrl);
+  const Clock::duration taken = Clock::now() - start;
+  EXPECT_GE(taken, 1s);
+  EXPECT_LT(taken, 1500ms);
+  EXPECT_EQ(log.text(),
+            noDataLine(leaf) +
+                "6 Verifier: the time for the network is spent, the rest of this verification "
+                "reaches no host\n" +
+                verdictLine(leaf, kNoCrl));
+  EXPECT_EQ(responder.connections().size(), 1U);
+  EXPECT_TRUE(lists.connections().empty());
+}
+
+// --- The responder's own certificate.
+
+TEST_F(OcspVerification, ResponderInTheChain_IsNotVerified) {
+  const FaultServer server(answering(good()));
+  const VerifyWatch watch;
+  EXPECT_EQ(verdict(person({server.url()})), 0);
+  EXPECT_EQ(watch.runs().size(), 1U);  // the certificate's own
+}
+
+TEST_F(OcspVerification, DelegatedResponder_IsVerifiedInsideAndAsksNobody) {
+  // Its own certificate names a responder and a CRL, which are not asked.
+  const FaultServer second(answering(revoked()));
+  const Issued signer = naming(
+      {second.url()}, {.subject = "O=Test,CN=Responder",
+                       .issuer = &root,
+                       .crlDistributionPoints = {{.fullNames = {"URI:" + second.url("/crl")}}}});
+  const FaultServer server(answering({.signer = &signer}));
+  const Issued leaf = person({server.url()});
+  Verifier verifier(world.store, handle(leaf), false);
+  const VerifyWatch watch;
+  EXPECT_EQ(verifier.isValid(), 0) << log.text();
+  ASSERT_EQ(watch.runs().size(), 2U);
+  const VerificationSeen& outer = watch.runs().front();
+  const VerificationSeen& nested = watch.runs().back();
+  EXPECT_EQ(outer.context, static_cast<X509_STORE_CTX*>(verifier));
+  EXPECT_EQ(outer.parent, nullptr);
+  EXPECT_EQ(nested.parent, outer.context);
+  EXPECT_NE(nested.store, outer.store);
+  EXPECT_EQ(nested.flags, outer.flags & ~static_cast<unsigned long>(X509_V_FLAG_CRL_CHECK));
+  EXPECT_TRUE(second.connections().empty());
+  EXPECT_EQ(world.source->crlQueries, 0);
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(OcspVerification, AnswersSigner_DoesNotStayInTheStore) {
+  const Issued inter = issueCa("O=Test,CN=Inter", &root);
+  const Issued signer = issue({.subject = "O=Test,CN=Responder", .issuer = &inter});
+  // The responder sends the certificate of its issuer along; the nested verification does not see
+  // it, since only the chain is given to it.
+  const FaultServer server(answering({.signer = &signer, .firstCertificates = {&inter}}));
+  EXPECT_EQ(verdict(person({server.url()})), kNoCrl);
+  EXPECT_EQ(log.count("Could not validate Responder's certificate."), 1U) << log.text();
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
