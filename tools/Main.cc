@@ -1,7 +1,9 @@
 // The command-line tool: reads the command line, runs one subcommand, and turns every failure into
 // one line on standard error and an exit status.
 #include "AddCommand.h"
+#include "CRLCommand.h"
 #include "FindCommand.h"
+#include "OCSPCommand.h"
 #include "ShowCommand.h"
 #include "SimpleCommand.h"
 #include "StandardStreams.h"
@@ -69,6 +71,8 @@ int run(int argc, char** argv) {
   addShowCommand(app, action);
   addFindCommand(app, action);
   addAddCommand(app, action);
+  addCRLCommand(app, action);
+  addOCSPCommand(app, action);
   try {
     app.parse(arguments(argc, argv));
   } catch (const CLI::CallForHelp&) {

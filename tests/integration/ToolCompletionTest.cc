@@ -73,8 +73,8 @@ TEST_F(ToolCompletion, IsRegisteredForTheTool) {
 }
 
 TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
-  EXPECT_EQ(offered({""}),
-            (Words{"verify", "simple", "show", "find", "add", "--help", "--version"}));
+  EXPECT_EQ(offered({""}), (Words{"verify", "simple", "show", "find", "add", "crl", "ocsp",
+                                  "--help", "--version"}));
   EXPECT_EQ(offered({"v"}), (Words{"verify"}));
   EXPECT_EQ(offered({"--v"}), (Words{"--version"}));
   EXPECT_EQ(offered({"x"}), (Words{}));
