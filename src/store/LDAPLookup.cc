@@ -1,0 +1,174 @@
+#include "foundation/LDAPSearch.h"
+#include "foundation/OpenSSLOwners.h"
+
+#include <pkx509/LDAPLookup.h>
+#include <pkx509/ObjectStore.h>
+#include <velantrix/CertificateFactory.h>
+#include <velantrix/Exception.h>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+constexpr unsigned int kAnswerBound = 30;  // seconds
+
+// RFC 4523, 2. They are transferred in binary (RFC 4522), which servers insist on.
+std::list<LDAPAttributeType> attributeTypes(Object::Type type) {
+  switch (static_cast<int>(type)) {
+    case Object::TypeCertificate:
+      return {LDAPAttributeType("userCertificate;binary"),
+              LDAPAttributeType("cACertificate;binary")};
+    case Object::TypeCRL:
+      return {LDAPAttributeType("certificateRevocationList;binary"),
+              LDAPAttributeType("deltaRevocationList;binary")};
+    case Object::TypeCrossCertificatePair:
+      return {LDAPAttributeType("crossCertificatePair;binary")};
+    default:
+      throw Exception("s_addAttributes", Exception::kFailure, "LDAPLookup", __LINE__);
+  }
+}
+
+// Appends every value that the directory has for that kind of object under the base. An empty
+// filter takes every entry; without a base as well that would be the whole directory, which nobody
+// asks for but a certificate without a name.
+void s_addAttributes(const LDAPLookupMethod::Config& config, Object::Type type,
+                     const std::string& base, const std::string& filter, std::list<Buffer>& out) {
+  const std::list<LDAPAttributeType> types = attributeTypes(type);
+  if (base.empty() && filter.empty()) return;
+  LDAPConnection connection(config.server, false);
+  // Meant this way round: a configured name stands for searching without a bind.
+  if (config.bindDn.empty()) {
+    connection.bind(config.bindDn, config.bindPassword, LDAPConnection::BindSimple);
+  }
+  LDAPSearch::Parameter parameter(base);
+  if (!filter.empty()) parameter.filter(filter);
+  parameter.scope(LDAP_SCOPE_SUBTREE);
+  for (const LDAPAttributeType& attribute : types) parameter.add(attribute);
+
+  LDAPSearch search(connection, parameter);
+  search.send();
+  search.wait(kAnswerBound);
+  for (const LDAPSearchResultEntry& entry : search.result().searchResultEntries()) {
+    if (entry.attributes().empty()) continue;
+    for (const LDAPAttribute& attribute : entry.attributes().attributes()) {
+      const std::list<Buffer>& values = attribute.binaryValue();
+      out.insert(out.end(), values.begin(), values.end());
+    }
+  }
+}
+
+void readCertificates(const std::list<Buffer>& values, std::list<RefCertificate>& out) {
+  for (const Buffer& value : values) CertificateFactory::read(value, out);
+}
+
+// A value that holds something else than a CRL gives none.
+void readCRLs(const std::list<Buffer>& values, std::list<RefCertificateRevocationList>& out) {
+  for (const Buffer& value : values) {
+    const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(value);
+    if (!crl.empty()) out.push_back(crl);
+  }
+}
+
+std::list<RefObject> readObjects(Object::Type type, const std::list<Buffer>& values) {
+  std::list<RefObject> objects;
+  if (type == Object::TypeCertificate) {
+    std::list<RefCertificate> certificates;
+    readCertificates(values, certificates);
+    for (const RefCertificate& certificate : certificates) objects.emplace_back(certificate);
+  } else if (type == Object::TypeCRL) {
+    std::list<RefCertificateRevocationList> crls;
+    readCRLs(values, crls);
+    for (const RefCertificateRevocationList& crl : crls) objects.emplace_back(crl);
+  } else {
+    for (const Buffer& value : values) objects.emplace_back(RefCrossCertificatePair(value));
+  }
+  return objects;
+}
+
+// OpenSSL says no to what it has already, which is none of our business.
+void addTo(X509_STORE* store, const RefCertificate& certificate) {
+  if (!certificate.empty()) static_cast<void>(X509_STORE_add_cert(store, certificate));
+}
+
+void addTo(ObjectStore& store, const RefObject& object) {
+  const ErrorScope errors;
+  store.add(object);
+  addTo(store.native(), object->certificate);
+  if (!object->crl.empty()) static_cast<void>(X509_STORE_add_crl(store.native(), object->crl));
+  if (!object->crossPair.empty()) {
+    addTo(store.native(), object->crossPair->forward());
+    addTo(store.native(), object->crossPair->reverse());
+  }
+}
+
+}  // namespace
+
+LDAPLookupMethod::LDAPLookupMethod() : LookupMethod("LDAPLookupMethod") {}
+
+LDAPLookupMethod::LDAPLookupMethod(const Config& config)
+    : LookupMethod("LDAPLookupMethod"),
+      server(config.server),
+      bindDn(config.bindDn),
+      bindPassword(config.bindPassword) {}
+
+LDAPLookupMethod::~LDAPLookupMethod() = default;
+
+RefObject LDAPLookupMethod::getBySubject(Object::Type type, const DistinguishedName& subject) {
+  return getBySubject(type, subject.asString());
+}
+
+void LDAPLookupMethod::getBySubject(const DistinguishedName& subject,
+                                    std::list<RefCertificate>& out) {
+  getBySubject(subject.asString(), out);
+}
+
+void LDAPLookupMethod::getBySubject(const DistinguishedName& issuer,
+                                    std::list<RefCertificateRevocationList>& out) {
+  getBySubject(issuer.asString(), out);
+}
+
+RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& base) {
+  std::list<Buffer> values;
+  s_addAttributes({server, bindDn, bindPassword}, type, base, "", values);
+  const std::list<RefObject> objects = readObjects(type, values);
+  if (objects.empty()) return RefObject();
+  if (objectStore != nullptr) {
+    for (const RefObject& object : objects) addTo(*objectStore, object);
+  }
+  return objects.front();
+}
+
+void LDAPLookupMethod::getBySubject(const std::string& base, std::list<RefCertificate>& out) {
+  std::list<Buffer> values;
+  s_addAttributes({server, bindDn, bindPassword}, Object::TypeCertificate, base, "", values);
+  readCertificates(values, out);
+}
+
+void LDAPLookupMethod::getBySubject(const std::string& base,
+                                    std::list<RefCertificateRevocationList>& out) {
+  std::list<Buffer> values;
+  s_addAttributes({server, bindDn, bindPassword}, Object::TypeCRL, base, "", values);
+  readCRLs(values, out);
+}
+
+void LDAPLookupMethod::getByEmailAddress(const std::string& base, const std::string& address,
+                                         std::list<RefCertificate>& out) {
+  std::list<Buffer> values;
+  s_addAttributes({server, bindDn, bindPassword}, Object::TypeCertificate, base,
+                  "(mail=" + address + ")", values);
+  readCertificates(values, out);
+}
+
+RefObject LDAPLookupMethod::getByFingerPrint(Object::Type /*type*/, const Buffer& /*fingerPrint*/) {
+  throw Exception("LDAPLookupMethod::getByFingerPrint: not implemented", Exception::kFailure,
+                  "LDAPLookup", __LINE__);
+}
+
+RefObject LDAPLookupMethod::getByIssuerSerial(Object::Type /*type*/,
+                                              const DistinguishedName& /*issuer*/,
+                                              const ASN1::Integer& /*serial*/) {
+  throw Exception("LDAPLookupMethod::getByIssuerSerial: not implemented", Exception::kFailure,
+                  "LDAPLookup", __LINE__);
+}
+
+}  // namespace Velantrix::Crypto::PKX509
