@@ -1,7 +1,8 @@
 #include "model/Description.h"
 
+#include <algorithm>
 #include <cctype>
-#include <iomanip>
+#include <ios>
 #include <ostream>
 
 namespace Velantrix::Test::Random {

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <initializer_list>
 #include <random>
+#include <utility>
 
 namespace Velantrix::Test::Random {
 

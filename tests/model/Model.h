@@ -14,6 +14,7 @@
 
 #include "model/Description.h"
 
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>

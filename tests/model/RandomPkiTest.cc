@@ -11,10 +11,13 @@
 #include "model/Realisation.h"
 #include "model/Shrink.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace Velantrix::Test::Random {
 namespace {

@@ -5,13 +5,13 @@
 #include "support/PrivateView.h"
 
 #include <array>
-#include <filesystem>
+#include <ctime>
+#include <list>
+#include <utility>
 
 namespace Velantrix::Test::Random {
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // An identifier that nobody handles (of the documentation arc), with the value NULL.
 const RawExtension kUnknownCritical{"2.999.1", true, std::string("\x05\0", 2)};
@@ -58,33 +58,18 @@ std::vector<std::string> linesOf(const LogCapture& log) {
 
 }  // namespace
 
-/// Serves what is filed under a name.
-class Realisation::Source : public LookupMethod {
+/// Serves CRLs under the names that they are filed under.
+class Realisation::Source : public MemorySource {
  public:
-  Source() : LookupMethod("source") {}
-
-  using LookupMethod::getBySubject;
-  RefObject getBySubject(Object::Type type, const DistinguishedName& wanted) override {
-    if (type != Object::TypeCertificate) return RefObject();
-    for (const RefCertificate& certificate : certificates) {
-      if (certificate->subject() == wanted) return RefObject(certificate);
-    }
-    return RefObject();
-  }
-  void getBySubject(const DistinguishedName& wanted, std::list<RefCertificate>& out) override {
-    for (const RefCertificate& certificate : certificates) {
-      if (certificate->subject() == wanted) out.push_back(certificate);
-    }
-  }
+  using MemorySource::getBySubject;
   void getBySubject(const DistinguishedName& wanted,
                     std::list<RefCertificateRevocationList>& out) override {
-    for (const auto& [filed, crl] : crls) {
-      if (filed == wanted) out.push_back(crl);
+    for (const auto& [filedName, crl] : filed) {
+      if (filedName == wanted) out.push_back(crl);
     }
   }
 
-  std::vector<RefCertificate> certificates;
-  std::vector<std::pair<DistinguishedName, RefCertificateRevocationList>> crls;
+  std::vector<std::pair<DistinguishedName, RefCertificateRevocationList>> filed;
 };
 
 Realisation::Realisation(const Description& pki) : pki_(pki) {
@@ -174,9 +159,9 @@ void Realisation::makeStore() {
   for (const SourceDescription& described : pki_.sources) {
     auto source = std::make_unique<Source>();
     for (const int index : described.certificates) source->certificates.push_back(handleOf(index));
-    for (const Filed& filed : described.crls) {
-      source->crls.emplace_back(DistinguishedName(makeName(encodingOrder(filed.name)).get()),
-                                crls_[static_cast<std::size_t>(filed.crl)]);
+    for (const Filed& one : described.crls) {
+      source->filed.emplace_back(DistinguishedName(makeName(encodingOrder(one.name)).get()),
+                                 crls_[static_cast<std::size_t>(one.crl)]);
     }
     store_->add(RefLookupMethod(source.release()));
   }

@@ -1,7 +1,11 @@
 #include "model/Shrink.h"
 
 #include <algorithm>
+#include <optional>
 #include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace Velantrix::Test::Random {
 
