@@ -3,6 +3,7 @@
 #include "foundation/LDAPStream.h"
 #include "integration/LdapPeer.h"
 #include "support/LogCapture.h"
+#include "support/Slapd.h"
 #include "unit/store/Model.h"
 
 #include <pkx509/LDAPLookup.h>
@@ -26,6 +27,7 @@ using Clock = std::chrono::steady_clock;
 // libldap reads these when it is first used. All tests run with them, and none notices.
 const bool kEnvironmentIsHostile = [] {
   ::setenv("LDAPSIZELIMIT", "1", 1);
+  ::setenv("LDAPTIMELIMIT", "1", 1);
   ::setenv("LDAPREFERRALS", "on", 1);
   ::setenv("LDAPDEREF", "always", 1);
   return true;
@@ -654,6 +656,17 @@ TEST_F(LdapClient, StartTls_Refused) {
   EXPECT_TEXT("StartTLS: " + peer.uri() + ": Server is unavailable (no certificate)",
               search(connection, LDAPSearch::Parameter("o=Test")));
   EXPECT_NE(peer.requests().front().find("1.3.6.1.4.1.1466.20037"), std::string::npos);
+}
+
+TEST_F(LdapClient, TlsServerThatGoesAway_Throws) {
+  const Issued certificate = issue({.subject = "CN=directory"});
+  Slapd directory({.certificate = &certificate});
+  LDAPConnection connection(LDAPConnection::RefServer(directory.tlsUri(), {.verifyPeer = false}),
+                            true);
+  EXPECT_EQ(search(connection, LDAPSearch::Parameter("o=Test")), "0");
+  directory.stop();
+  EXPECT_TEXT(directory.tlsUri() + ": TLS: ", search(connection, LDAPSearch::Parameter("o=Test")));
+  // The goodbye is written to a connection that the other side has reset.
 }
 
 TEST_F(LdapClient, TlsHandshakeThatIsNotAnswered_EndsInTime) {
