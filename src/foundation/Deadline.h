@@ -10,14 +10,13 @@
 
 namespace Velantrix {
 
-/// What may really be spent of a bound. All waiting for the network passes here, so a budget that
-/// is wider than one operation is taken into account in this place.
-inline std::chrono::milliseconds remaining(std::chrono::milliseconds bound) { return bound; }
-
 /// A point on the monotonic clock: setting the machine's time neither shortens nor extends a wait.
 class Deadline {
  public:
-  explicit Deadline(std::chrono::milliseconds bound) : end_(Clock::now() + remaining(bound)) {}
+  using Clock = std::chrono::steady_clock;
+
+  explicit Deadline(std::chrono::milliseconds bound) : end_(Clock::now() + bound) {}
+  explicit Deadline(Clock::time_point end) noexcept : end_(end) {}
 
   bool passed() const { return Clock::now() >= end_; }
 
@@ -30,7 +29,6 @@ class Deadline {
   }
 
  private:
-  using Clock = std::chrono::steady_clock;
   Clock::time_point end_;
 };
 

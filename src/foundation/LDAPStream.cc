@@ -1,6 +1,9 @@
 #include "foundation/LDAPStream.h"
 
+#include "foundation/NetworkUse.h"
+
 #include <velantrix/Exception.h>
+#include <velantrix/Host.h>
 
 #include <cerrno>
 #include <netdb.h>
@@ -9,6 +12,9 @@
 #include <sys/socket.h>
 
 namespace Velantrix {
+
+using Crypto::PKX509::networkTimeAdmitted;
+using Crypto::PKX509::NetworkTimer;
 
 namespace {
 
@@ -23,11 +29,15 @@ struct FreeAddresses {
 };
 using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
 
-Addresses lookUp(const std::string& host, unsigned short port) {
+// The C library's resolver is given numbers only: for names it takes no deadline.
+Addresses lookUp(const std::string& name, unsigned short port) {
+  const Host resolved{HostName(name)};
+  const std::string host = resolved.address().asString(true);
+  if (host.empty()) throwStream(name + ": The host has no address.", __LINE__);
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_NUMERICSERV;
+  hints.ai_flags = AI_NUMERICSERV | AI_NUMERICHOST;
   addrinfo* found = nullptr;
   const int status = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
   Addresses addresses(found);
@@ -35,16 +45,18 @@ Addresses lookUp(const std::string& host, unsigned short port) {
   return addresses;
 }
 
-// False when the deadline has passed.
+// False when the deadline has passed, or the time that the verification has for the network.
 bool waitFor(int socket, short events, const Deadline& deadline) {
+  const NetworkTimer timer(std::chrono::milliseconds(deadline.left()));
+  const Deadline end(timer.deadline());
   pollfd entry{socket, events, 0};
   for (;;) {
-    const int ready = ::poll(&entry, 1, deadline.left());
+    const int ready = ::poll(&entry, 1, end.left());
     if (ready > 0) return true;
     if (ready < 0 && errno != EINTR) {
       throwStream(std::generic_category().message(errno), __LINE__);
     }
-    if (deadline.passed()) return false;
+    if (end.passed()) return false;
   }
 }
 
@@ -69,6 +81,9 @@ int connectTo(const addrinfo& address, const Deadline& deadline, FileDescriptor&
 }  // namespace
 
 LDAPStream::LDAPStream(const LDAPConnection::Server& server, const Deadline& deadline) {
+  if (!networkTimeAdmitted()) {
+    throwStream(server.uri() + ": The time for the network is spent.", __LINE__);
+  }
   const Addresses addresses = lookUp(server.host(), server.port());
   int left = 0;
   for (const addrinfo* at = addresses.get(); at != nullptr; at = at->ai_next) ++left;

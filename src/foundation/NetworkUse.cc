@@ -48,12 +48,16 @@ bool ConnectionSubject::isGenuine() {
 }
 
 bool networkAdmitted() {
-  NetworkTotals* const spent = totals();
   // A run that is nested in the check of a certificate is about another certificate.
   if (t_subject != nullptr && t_subject->run_ == VerificationRun::current() &&
       !t_subject->isGenuine()) {
     return false;
   }
+  return networkTimeAdmitted();
+}
+
+bool networkTimeAdmitted() {
+  NetworkTotals* const spent = totals();
   if (spent == nullptr || !spent->limit.has_value() || spent->time < *spent->limit) return true;
   if (!spent->timeLogged) {
     spent->timeLogged = true;

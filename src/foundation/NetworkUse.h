@@ -43,6 +43,9 @@ class ConnectionSubject {
 // once per certificate, and once per verification.
 bool networkAdmitted();
 
+// The second half of that alone, for hosts that the operator named and no certificate.
+bool networkTimeAdmitted();
+
 // One blocking use of the network. What it takes counts against the outermost verification.
 class NetworkTimer {
  public:

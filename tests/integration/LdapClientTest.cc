@@ -1,6 +1,7 @@
 // The LDAP client against servers that do not behave.
 #include "foundation/LDAPSearch.h"
 #include "foundation/LDAPStream.h"
+#include "foundation/VerificationRun.h"
 #include "integration/LdapPeer.h"
 #include "support/LogCapture.h"
 #include "support/Slapd.h"
@@ -223,6 +224,21 @@ TEST_F(LdapClient, LookupOfASilentServer_BindTenSecondsAndAnswerThirty) {
   first.join();
   EXPECT_NEAR(bind, 10, 2);
   EXPECT_NEAR(whole, 30, 2);
+}
+
+TEST_F(LdapClient, InsideAVerification_ItsTimeForTheNetworkCounts) {
+  using Crypto::PKX509::VerificationRun;
+  const LdapPeer peer([](Connection& connection) { connection.hold(); });
+  const VerificationRun run(nullptr, std::chrono::seconds(1));
+  EXPECT_TEXT("The server did not answer in time.", search(peer, 20));
+  EXPECT_GE(took, std::chrono::milliseconds(900));
+  EXPECT_LT(took, std::chrono::seconds(3));
+  EXPECT_EQ(log.text(), "");
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_TEXT("The time for the network is spent.", search(peer, 20));
+    EXPECT_LT(took, std::chrono::milliseconds(500));
+  }
+  EXPECT_EQ(log.count("the time for the network is spent"), 1U) << log.text();
 }
 
 TEST_F(LdapClient, EndlessNotices_EndInTime) {
