@@ -40,6 +40,18 @@ TEST(PrivateViewScript, InputOutputArgumentsAndStatus_PassThrough) {
   EXPECT_EQ(result.err, "a  b\n");
 }
 
+TEST(PrivateViewScript, OwnNetwork_IsLoopbackAloneAndHasNoFilesOfNames) {
+  const std::string before = readFile("/etc/hosts");
+  const auto result =
+      runCommand({PKX509_PRIVATE_VIEW_SCRIPT, "--own-network", "--", "sh", "-c",
+                  "ls /etc/hosts /etc/resolv.conf 2> /dev/null; "
+                  "tail -n +3 /proc/net/dev | cut -d : -f 1 | tr -d ' '; "
+                  "echo 127.0.0.9 name > /etc/hosts && cat /etc/hosts; test -e /etc/passwd"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.out, "lo\n127.0.0.9 name\n");
+  EXPECT_EQ(readFile("/etc/hosts"), before);
+}
+
 TEST(PrivateViewScript, WorkingDirectory_IsKept) {
   EXPECT_EQ(runInView({"pwd"}).out, std::filesystem::current_path().string() + "\n");
 }

@@ -1,6 +1,7 @@
 #include <velantrix/Exception.h>
 #include <velantrix/LWBuffer.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -70,7 +71,8 @@ TEST(LWBuffer, AppendOfMany_GrowsInFewStepsAndByHalf) {
     ASSERT_LE(capacity, buffer.length() + buffer.length() / 2 + 4096);
   }
   EXPECT_LE(steps, 24U);
-  for (std::size_t i = 0; i < buffer.length(); ++i) ASSERT_EQ(buffer.data()[i], 0x5a) << i;
+  EXPECT_TRUE(std::all_of(buffer.data(), buffer.data() + buffer.length(),
+                          [](unsigned char byte) { return byte == 0x5a; }));
 }
 
 TEST(LWBuffer, AppendOfOneLargePiece_MakesRoomForIt) {

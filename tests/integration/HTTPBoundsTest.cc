@@ -1,0 +1,348 @@
+// The HTTP client against peers that take time, or send without end.
+#include "foundation/VerificationRun.h"
+#include "integration/HTTPClient.h"
+#include "support/FaultScripts.h"
+#include "support/Loopback.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
+#include <future>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <vector>
+
+namespace Velantrix::Test {
+namespace {
+
+using namespace std::chrono_literals;
+using Crypto::PKX509::VerificationRun;
+using HTTP::Connection;
+
+constexpr std::size_t kMegabyte = std::size_t{1024} * 1024;
+/// Sanitizers copy what is made larger, and keep what is freed for a while.
+#ifdef PKX509_SANITIZED
+constexpr std::size_t kKept = 4;
+#else
+constexpr std::size_t kKept = 1;
+#endif
+/// What a verification has for the network here, so that tests need not wait for whole seconds.
+constexpr auto kShort = 250ms;
+
+std::string repeat(const std::string& text, std::size_t count) {
+  std::string all;
+  for (std::size_t i = 0; i < count; ++i) all += text;
+  return all;
+}
+
+/// Answers with `begin`, and then with `block` until the client is gone.
+Script endless(const std::string& begin, const std::string& block) {
+  return [begin, block](Peer& peer) {
+    if (!peer.readRequest() || !peer.write(begin)) return;
+    while (peer.write(block)) {
+    }
+  };
+}
+
+TEST(HTTPBounds, Constants) {
+  EXPECT_EQ(Connection::kConnectTime, 10s);
+  EXPECT_EQ(Connection::kDefaultQueryTime, 30U);
+  EXPECT_EQ(Connection::kDefaultContent, kMegabyte);
+  EXPECT_EQ(Connection::kMaximumHeader, 16U * 1024U);
+}
+
+TEST(HTTPBounds, Silence_EndsWithTheQueryTime) {
+  const FaultServer server(Scripts::silence());
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  client->maxQueryTime(1);
+  const Stopwatch watch;
+  EXPECT_EQ(client.get(), Connection::kTimedOut);
+  EXPECT_TRUE(watch.took(1s));
+  EXPECT_EQ(client.content(), "");
+  EXPECT_TRUE(server.waitForEnds(1)) << "the connection is still open";
+}
+
+TEST(HTTPBounds, TrickledBody_EndsWithTheQueryTimeHoweverOftenAByteComes) {
+  const FaultServer server(Scripts::trickle(Scripts::response(std::string(1000, 'x')), 10ms));
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  client->maxQueryTime(1);
+  const Stopwatch watch;
+  EXPECT_EQ(client.get(), Connection::kTimedOut);
+  EXPECT_TRUE(watch.took(1s));
+  EXPECT_EQ(client.content(), "");
+  EXPECT_TRUE(server.waitForEnds(1));
+}
+
+// One clock from the first byte sent to the last byte read: what is lost between the calls, and in
+// sending, is not given back in reading.
+TEST(HTTPBounds, TimeBetweenSendingAndReceiving_CountsToo) {
+  std::promise<void> waited;
+  const FaultServer server([&waited](Peer& peer) {
+    if (!peer.readRequest()) return;
+    peer.pause(700ms);
+    waited.set_value();
+    peer.waitForPeerToClose();
+  });
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  client->maxQueryTime(1);
+  const Stopwatch watch;
+  client->send("GET / HTTP/1.0\r\n\r\n");
+  waited.get_future().wait();
+  EXPECT_EQ(client->receive(), Connection::kTimedOut);
+  EXPECT_TRUE(watch.took(1s));
+}
+
+TEST(HTTPBounds, PeerThatDoesNotRead_EndsWithTheQueryTime) {
+  const FaultServer server([](Peer& peer) { peer.pause(1h); });
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  client->maxQueryTime(1);
+  const LW::RefBuffer body = bodyOf(std::string(32 * kMegabyte, 'x'));
+  const Stopwatch watch;
+  client->send("POST / HTTP/1.0\r\n\r\n");
+  client->send(body);
+  EXPECT_TRUE(watch.took(1s));
+  client->send(body);  // waits no second time
+  EXPECT_EQ(client->receive(), Connection::kTimedOut);
+  EXPECT_TRUE(watch.took(1s));
+}
+
+TEST(HTTPBounds, SecondRequest_HasTheWholeTimeAgain) {
+  const FaultServer server(Scripts::inTurn({Scripts::silence(), Scripts::answer("second")}));
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  client->maxQueryTime(1);
+  EXPECT_EQ(client.get(), Connection::kTimedOut);
+  EXPECT_EQ(client.get(), Connection::kComplete);
+  EXPECT_EQ(client.content(), "second");
+}
+
+TEST(HTTPBounds, QueryTimeOfZero_IsTheDefaultAndNotNone) {
+  const FaultServer server(Scripts::answer("x"));
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  client->maxQueryTime(0);
+  EXPECT_EQ(client.get(), Connection::kComplete);
+}
+
+TEST(HTTPBounds, TimeOfTheVerification_BoundsEveryStep) {
+  const std::string right = Scripts::response(std::string(1000, 'x'));
+  const struct {
+    const char* what;
+    Script script;
+  } rows[] = {
+      {"silence", Scripts::silence()},
+      {"status line and headers, trickled",
+       Scripts::trickle("HTTP/1.0 200 OK\r\nX-Long: " + std::string(1000, 'x'), 10ms)},
+      {"chunks, trickled",
+       Scripts::trickle(
+           "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + repeat("1\r\nx\r\n", 200),
+           5ms)},
+      {"silence after the headers",
+       [](Peer& peer) {
+         if (!peer.readRequest()) return;
+         peer.write("HTTP/1.0 200 OK\r\nContent-Length: 9\r\n\r\nbody");
+         peer.waitForPeerToClose();
+       }},
+      {"body without an end that is announced, and never closed",
+       [](Peer& peer) {
+         if (!peer.readRequest()) return;
+         peer.write("HTTP/1.0 200 OK\r\n\r\nbody");
+         peer.waitForPeerToClose();
+       }},
+  };
+  for (const auto& row : rows) {
+    const FaultServer server(row.script);
+    const Stopwatch watch;
+    VerificationRun run(nullptr, kShort);
+    HTTPClient client;
+    ASSERT_TRUE(client.connect(server.port())) << row.what;
+    EXPECT_EQ(client.get(), Connection::kTimedOut) << row.what;
+    EXPECT_TRUE(watch.took(kShort)) << row.what;
+    EXPECT_EQ(client.content(), "") << row.what;
+    EXPECT_GE(run.network().time, kShort) << row.what;
+    EXPECT_TRUE(server.waitForEnds(1)) << row.what;
+  }
+}
+
+TEST(HTTPBounds, VerificationWithoutTimeLeft_ConnectsNowhere) {
+  const FaultServer server(Scripts::answer("x"));
+  VerificationRun run(nullptr, 1s);
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  EXPECT_EQ(client.get(), Connection::kComplete);
+  run.network().time = 1s;
+  const Stopwatch watch;
+  EXPECT_EQ(client.get(), Connection::kClosed);
+  EXPECT_FALSE(client.connect(server.port()));
+  EXPECT_FALSE(HTTPClient().connect(server.port()));
+  EXPECT_TRUE(watch.tookNoTime());
+  EXPECT_EQ(server.connections().size(), 1U);
+}
+
+TEST(HTTPBounds, TimeUsed_IsCountedOnce) {
+  const FaultServer server([](Peer& peer) {
+    if (!peer.readRequest()) return;
+    peer.pause(100ms);
+    peer.write(Scripts::response("x"));
+  });
+  VerificationRun run(nullptr, 10s);
+  HTTPClient client;
+  const Stopwatch watch;
+  ASSERT_TRUE(client.connect(server.port()));
+  EXPECT_EQ(client.get(), Connection::kComplete);
+  EXPECT_GE(run.network().time, 100ms);
+  EXPECT_LE(run.network().time, watch.elapsed() + 1ms);
+}
+
+// A listener whose queue is full does not answer at all, as a host behind a filter does not.
+TEST(HTTPBounds, HostThatDoesNotAnswer_EndsWithTheTimeOfTheVerification) {
+  const Descriptor listener = bindTo(0);
+  ASSERT_EQ(listen(listener.number(), 0), 0);
+  std::vector<Descriptor> queue;
+  for (int i = 0; i < 4; ++i) {
+    queue.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket");
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(boundPort(listener));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    if (connect(queue.back().number(), generic, sizeof address) != 0) {
+      ASSERT_EQ(errno, EINPROGRESS);
+    }
+  }
+  VerificationRun run(nullptr, kShort);
+  HTTPClient client;
+  const Stopwatch watch;
+  EXPECT_FALSE(client.connect(boundPort(listener)));
+  EXPECT_TRUE(watch.took(kShort));
+  EXPECT_EQ(client.get(), Connection::kClosed);
+  EXPECT_TRUE(watch.took(kShort));
+}
+
+TEST(HTTPBounds, EndlessAnswers_AreTooLargeAtOnceAndTakeLittleMemory) {
+  const std::string chunks = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  const struct {
+    const char* what;
+    Script script;
+  } rows[] = {
+      {"body", Scripts::endlessBody()},
+      {"chunks", Scripts::endlessChunks()},
+      {"headers", Scripts::endlessHeaders()},
+      {"line of a header", Scripts::endlessHeaderLine()},
+      {"status line", endless("HTTP/1.0 200 ", std::string(4096, 'x'))},
+      {"chunks of one byte", endless(chunks, repeat("1\r\nx\r\n", 1000))},
+      {"extension of a chunk", endless(chunks + "4;", std::string(4096, 'x'))},
+      {"trailer", endless(chunks + "0\r\n", repeat("X-More: to come\r\n", 1000))},
+      {"line of a trailer", endless(chunks + "0\r\nX-Long: ", std::string(4096, 'x'))},
+  };
+  for (const auto& row : rows) {
+    const FaultServer server(row.script);
+    HTTPClient client;
+    ASSERT_TRUE(client.connect(server.port())) << row.what;
+    const MemoryPeak peak;
+    const Stopwatch watch;
+    EXPECT_EQ(client.get(), Connection::kTooLarge) << row.what;
+    EXPECT_LT(watch.elapsed(), 2s) << row.what;
+    EXPECT_LT(peak.resident(), 16 * kMegabyte) << row.what;
+    EXPECT_LE(client->contentReceived(), Connection::kDefaultContent) << row.what;
+    EXPECT_EQ(client.content(), "") << row.what;
+    EXPECT_EQ(client->content().capacity(), 0U) << row.what;
+    EXPECT_TRUE(server.waitForEnds(1)) << row.what;
+  }
+}
+
+TEST(HTTPBounds, PromiseOf4GiB_IsTooLargeBeforeTheBodyComes) {
+  const FaultServer server(Scripts::hugePromise());
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  client->maxContent(64 * kMegabyte);
+  const MemoryPeak peak;
+  const Stopwatch watch;
+  EXPECT_EQ(client.get(), Connection::kTooLarge);
+  EXPECT_TRUE(watch.tookNoTime());
+  EXPECT_LT(peak.addresses(), 1024 * kMegabyte);
+  EXPECT_EQ(client->contentReceived(), 0U);
+}
+
+// What would be allowed is not made room for until it is there.
+TEST(HTTPBounds, PromiseThatIsAllowed_TakesNoMemoryByItself) {
+  for (const char* promise :
+       {"Content-Length: 4294967296\r\n\r\n", "Transfer-Encoding: chunked\r\n\r\n100000000\r\n"}) {
+    const FaultServer server([promise](Peer& peer) {
+      if (!peer.readRequest()) return;
+      peer.write("HTTP/1.1 200 OK\r\n" + std::string(promise) + "a few bytes");
+    });
+    HTTPClient client;
+    ASSERT_TRUE(client.connect(server.port()));
+    client->maxContent(8192 * kMegabyte);
+    const MemoryPeak peak;
+    EXPECT_EQ(client.get(), Connection::kCutShort) << promise;
+    EXPECT_LT(peak.addresses(), 1024 * kMegabyte) << promise;
+    EXPECT_EQ(client->contentReceived(), 11U) << promise;
+    EXPECT_EQ(client.content(), "") << promise;
+  }
+}
+
+TEST(HTTPBounds, Headers_AreReadUpTo16KiBAndNotMuchFurther) {
+  const std::string status = "HTTP/1.0 200 OK\r\n";
+  const std::string end = "\r\nContent-Length: 4\r\n\r\n";
+  constexpr std::size_t kLimit = Connection::kMaximumHeader;
+  const auto headers = [&](std::size_t size) {
+    return status + "X-Long: " + std::string(size - status.size() - 8 - end.size(), 'x') + end;
+  };
+  const std::string many = repeat("X-More: to come\r\n", 3 * kLimit / 17);
+  const struct {
+    const char* what;
+    std::string header;
+    int outcome;
+  } rows[] = {
+      {"just fits", headers(kLimit), Connection::kComplete},
+      {"one line too long", headers(kLimit + status.size() + end.size()), Connection::kTooLarge},
+      {"status line too long", "HTTP/1.0 200 " + std::string(kLimit, 'x') + end,
+       Connection::kTooLarge},
+      {"many short ones", status + many + end, Connection::kTooLarge},
+  };
+  for (const auto& row : rows) {
+    const FaultServer server(Scripts::raw(row.header + "body"));
+    HTTPClient client;
+    ASSERT_TRUE(client.connect(server.port()));
+    EXPECT_EQ(client.get(), row.outcome) << row.what;
+    EXPECT_EQ(client.content(), row.outcome == Connection::kComplete ? "body" : "") << row.what;
+  }
+}
+
+TEST(HTTPBounds, BodyReceivedInPart_IsCountedForTheAllowance) {
+  const FaultServer server(Scripts::cutShort("half", 8));
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  EXPECT_EQ(client.get(), Connection::kCutShort);
+  EXPECT_EQ(client->contentReceived(), 4U);
+  EXPECT_EQ(client.content(), "");
+}
+
+TEST(HTTPBounds, LongAnswers_NeedNoSecondCopyInMemory) {
+  const std::string body(48 * kMegabyte, 'x');
+  const FaultServer server([&body](Peer& peer) {
+    if (!peer.readRequest()) return;
+    peer.write("HTTP/1.0 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n");
+    peer.write(body);
+  });
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  client->maxContent(64 * kMegabyte);
+  const MemoryPeak peak;
+  EXPECT_EQ(client.get(), Connection::kComplete);
+  EXPECT_EQ(client->content().length(), body.size());
+  // Half as much again for the room that the buffer makes, and a little for everything else.
+  EXPECT_LT(peak.resident(), kKept * (body.size() + body.size() / 2) + 16 * kMegabyte);
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
