@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <list>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -257,6 +258,9 @@ struct NameCase {
   const char* name;
   const char* subject;  // as makeName() wants it
 };
+
+// For test names.
+void PrintTo(const NameCase& row, std::ostream* out) { *out << row.name; }
 
 class LdapNames : public LdapLookup, public testing::WithParamInterface<NameCase> {};
 
