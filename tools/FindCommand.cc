@@ -33,6 +33,8 @@ struct Options {
   std::optional<std::string> email;
   std::optional<std::string> subject;
   std::optional<std::string> directory;
+  std::optional<std::string> ldap;
+  std::optional<std::string> base;
   bool json = false;
 };
 
@@ -40,6 +42,13 @@ struct Options {
 void prepare(const Options& options) {
   if (options.email.has_value() == options.subject.has_value()) {
     throw ToolError("give either --email or --subject");
+  }
+  if (options.directory.has_value() == options.ldap.has_value()) {
+    throw ToolError("give either --dir or --ldap");
+  }
+  if (options.base && !options.ldap) throw ToolError("--base goes with --ldap");
+  if (options.ldap && options.email.has_value() != options.base.has_value()) {
+    throw ToolError("with --ldap, --base goes with --email");
   }
   if (options.email) {
     requireEmailAddress(*options.email);
@@ -50,8 +59,8 @@ void prepare(const Options& options) {
 }
 
 CertificateSource sourceOf(const Options& options) {
-  if (!options.directory) throw ToolError("--dir is missing");
-  return directorySource(*options.directory);
+  if (options.directory) return directorySource(*options.directory);
+  return ldapSource(*options.ldap, options.base.value_or(""));
 }
 
 std::list<RefCertificate> ask(const CertificateSource& source, const Options& options) {
@@ -60,7 +69,7 @@ std::list<RefCertificate> ask(const CertificateSource& source, const Options& op
   std::string failure;
   try {
     if (options.email) {
-      source.method->getByEmailAddress(source.base, *options.email, found);
+      source.method->getByEmailAddress(source.base, addressFor(source, *options.email), found);
     } else {
       source.method->getBySubject(DistinguishedName(*options.subject), found);
     }
@@ -114,6 +123,8 @@ void addFindCommand(CLI::App& app, Action& action) {
   text("--email", "ADDRESS", "the mail address that they are for", options->email);
   text("--subject", "DN", "their subject", options->subject);
   text("--dir", "DIR", "hash directory to look in", options->directory);
+  text("--ldap", "URI", "LDAP directory to look in, ldap://HOST or ldaps://HOST", options->ldap);
+  text("--base", "DN", "where in it to look for a mail address", options->base);
   command->add_flag("--json", options->json, "prints JSON");
   command->footer(findHelp());
   command->callback([options, &action] { action = [options] { return run(*options); }; });

@@ -4,16 +4,18 @@ namespace Velantrix::Tool {
 
 std::string findHelp() {
   return R"(
-Either --email or --subject says what is looked for, and --dir where. Directories hold PEM files that
-are named by a hash: of the subject as "openssl rehash" names them, of the mail address as
-"pkx509 add" does. ADDRESS is taken as it is, letter case included. DN is a name as "pkx509 show"
+Either --email or --subject says what is looked for, and either --dir or --ldap where. A DIR holds PEM
+files that are named by a hash: of the subject as "openssl rehash" names them, of the mail address as
+"pkx509 add" does. An LDAP directory has certificates in the entry with their subject's name, and by mail
+address in entries below --base, which is needed then. ADDRESS is taken as it is, letter case included. DN is a name as "pkx509 show"
 prints it, its most specific part first: CN=Someone,O=Example,C=DE.
 
 Nothing is verified: whoever can write to a directory decides what is found there, and different
 addresses and names may share a hash. Look at the facts, and verify a certificate before it is used.
 
 Output:
-  For each certificate its facts, as "pkx509 show" prints them, with DIR in the place of the file.
+  For each certificate its facts, as "pkx509 show" prints them, with DIR or the LDAP directory's URI in
+  the place of the file.
   With --json an array of an object for each certificate, with the keys of "pkx509 show".
 
 Exit status:
@@ -24,6 +26,7 @@ Exit status:
 
 Examples:
   pkx509 find --email person@example.com --dir /var/lib/mail/certs
+  pkx509 find --email person@example.com --ldap ldaps://directory.example.com --base o=Example
   pkx509 find --json --subject 'CN=Root,O=Example Mail' --dir /opsadmin/etc/cert/server/ca
 )";
 }

@@ -85,6 +85,14 @@ void requireHashDirectory(const std::string& option, const std::string& director
                   ": no file in it is named by a hash; \"openssl rehash\" makes such names");
 }
 
+LDAPConnection::RefServer ldapServer(const std::string& uri) {
+  try {
+    return LDAPConnection::RefServer(uri);
+  } catch (const Exception& error) {
+    throw ToolError(describe("--ldap", error));
+  }
+}
+
 void requireOneStandardInput(const std::vector<std::string>& files) {
   if (std::count(files.begin(), files.end(), kStandardInput) > 1) {
     throw ToolError("standard input (\"-\") can be read only once");

@@ -3,6 +3,7 @@
 
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateRevocationList.h>
+#include <velantrix/LDAPConnection.h>
 
 #include <exception>
 #include <list>
@@ -32,6 +33,10 @@ std::vector<InputObject> readObjects(const std::string& file);
 /// verdict would not tell why.
 /// @throws ToolError naming @p option and @p directory
 void requireHashDirectory(const std::string& option, const std::string& directory);
+
+/// The LDAP server of an option --ldap.
+/// @throws ToolError when @p uri is none of a server
+LDAPConnection::RefServer ldapServer(const std::string& uri);
 
 /// @throws ToolError when standard input is among @p files more than once
 void requireOneStandardInput(const std::vector<std::string>& files);

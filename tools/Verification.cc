@@ -24,6 +24,12 @@ RefObjectStore makeStore(const VerificationSettings& settings,
   for (const std::string& directory : settings.crlDirectories) {
     store->add(RefLookupMethod(new HashDirLookupMethod(directory)));
   }
+  if (settings.ldap) {
+    auto* const directory = new LDAPLookupMethod(*settings.ldap);
+    const RefLookupMethod method(directory);  // owns it
+    directory->store(store);
+    store->add(method);
+  }
   store->add(untrusted);
   return store;
 }

@@ -3,6 +3,7 @@
 
 #include "Report.h"
 
+#include <pkx509/LDAPLookup.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/Certificate.h>
 
@@ -17,6 +18,7 @@ namespace Velantrix::Tool {
 struct VerificationSettings {
   std::string caDirectory;
   std::vector<std::string> crlDirectories;
+  std::optional<Crypto::PKX509::LDAPLookupMethod::Config> ldap;
   std::list<Crypto::PKX509::RefCertificate> untrusted;
   Crypto::PKX509::Verifier::Config config;
   unsigned long clearedFlags = 0;  ///< not set even where OpenSSL has them set by default

@@ -17,6 +17,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,8 @@ struct Options {
   std::vector<std::string> untrustedFiles;
   std::vector<std::string> policies;
   VerificationSettings settings;
+  std::optional<std::string> ldap;
+  std::optional<std::string> bindDn;
   bool json = false;
   std::string colour = "auto";
 };
@@ -39,6 +42,10 @@ void prepare(Options& options) {
   files.insert(files.end(), options.untrustedFiles.begin(), options.untrustedFiles.end());
   requireOneStandardInput(files);
   VerificationSettings& settings = options.settings;
+  if (options.bindDn && !options.ldap) throw ToolError("--bind-dn goes with --ldap");
+  if (options.ldap) {
+    settings.ldap = {ldapServer(*options.ldap), options.bindDn.value_or(""), ""};
+  }
   if (!options.policies.empty()) {
     settings.config.policies.clear();
     for (const std::string& policy : options.policies) {
@@ -137,6 +144,16 @@ void addVerifyCommand(CLI::App& app, Action& action) {
   each("--crl-dir", "DIR", "CRLs; repeatable", [options](const std::string& directory) {
     options->settings.crlDirectories.push_back(directory);
   });
+  command
+      ->add_option_function<std::string>(
+          "--ldap", [options](const std::string& uri) { options->ldap = uri; },
+          "LDAP directory of certificates and CRLs, ldap://HOST or ldaps://HOST")
+      ->type_name("URI");
+  command
+      ->add_option_function<std::string>(
+          "--bind-dn", [options](const std::string& name) { options->bindDn = name; },
+          "name for the LDAP directory; a name suppresses the bind, see below")
+      ->type_name("DN");
   each("--policy", "OID", "acceptable certificate policy, default any; repeatable",
        [options](const std::string& oid) { options->policies.push_back(oid); });
   each("--flag", "NAME", "sets a verification flag, see below; repeatable",

@@ -13,7 +13,13 @@ constexpr std::string_view kBeforeFlags = R"(
 The first certificate of a FILE is the one verified; others in the same file count as untrusted
 certificates, from which the path may be built. CRLs are looked for in every --crl-dir, and in
 /opsadmin/etc/cert/server/crl for certificates without CRL distribution points. Directories hold PEM
-files that are named by a hash, as "openssl rehash" names them. With the flag EXPLICIT_POLICY a path
+files that are named by a hash, as "openssl rehash" names them.
+
+With --ldap certificates and CRLs are looked for in that LDAP directory as well, in the entry with the
+name of whom they belong to. What it gives is trusted like what is in --ca-dir: a root found there is a
+trust anchor. Without --bind-dn the tool binds with an empty name and no password; with a DN, whatever
+it is, it does not bind at all and searches as nobody. ldaps servers have to show a certificate that
+OpenSSL's default directory of trusted certificates vouches for. With the flag EXPLICIT_POLICY a path
 must have one of the policies.
 
 TIME is in UTC: 2026-11-21T05:00:00Z, 2026-11-21 (the begin of that day), or @ and seconds since the

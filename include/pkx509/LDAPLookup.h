@@ -25,11 +25,11 @@ namespace Velantrix::Crypto::PKX509 {
 /// is the base: the directory holds an entry, with the certificates and CRLs in it, under the name
 /// of whom they belong to.
 ///
-/// | wanted                        | attributes                                                  |
-/// |-------------------------------|-------------------------------------------------------------|
-/// | certificates (1)              | `userCertificate;binary`, `cACertificate;binary`            |
-/// | CRLs (2)                      | `certificateRevocationList;binary`,
-/// `deltaRevocationList;binary` | | cross-certificate pairs (99)  | `crossCertificatePair;binary` |
+/// | wanted            | attributes, each with ";binary"                     |
+/// |-------------------|-----------------------------------------------------|
+/// | certificates (1)  | `userCertificate`, `cACertificate`                  |
+/// | CRLs (2)          | `certificateRevocationList`, `deltaRevocationList`  |
+/// | cross pairs (99)  | `crossCertificatePair`                              |
 ///
 /// Every value of every attribute that comes back is taken, whatever the attribute is called and
 /// whichever entry under the base it stands in.

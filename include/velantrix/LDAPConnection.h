@@ -30,8 +30,9 @@ class LDAPSession;
 ///
 /// **Bounds.** Opening (TCP, StartTLS and TLS together) may take 10 seconds and a bind 10 seconds;
 /// a search has the bound that its caller gives. Looking up the server's name comes before that and
-/// takes as long as the system's resolver lets it; give the address where that matters. The first
-/// connection of a process also has libldap look up the name of the machine that it runs on.
+/// may take 5 seconds (see `Host`). Inside a verification its limit for the network holds as well.
+/// The first connection of a process also has libldap look up the name of the machine that it runs
+/// on.
 ///
 /// **What does not count.** Neither `ldap.conf` and `.ldaprc` files nor `LDAP...` environment
 /// variables change what a connection does. libldap reads them when it is used for the first time

@@ -79,7 +79,7 @@ TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
   EXPECT_EQ(offered({"--v"}), (Words{"--version"}));
   EXPECT_EQ(offered({"x"}), (Words{}));
   const Words verify = optionsIn(tool({"verify", "--help"}).out);
-  EXPECT_EQ(verify.size(), 11U);
+  EXPECT_EQ(verify.size(), 13U);
   EXPECT_EQ(offered({"verify", "-"}), verify);
   EXPECT_EQ(offered({"verify", "a.pem", "--json", "--"}), verify);
   EXPECT_EQ(offered({"verify", "--c"}), (Words{"--ca-dir", "--crl-dir", "--color"}));

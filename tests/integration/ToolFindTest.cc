@@ -183,7 +183,7 @@ TEST_F(ToolFind, WrongUsage_IsExplained) {
   const std::vector<Row> rows = {
       {{"find", "--dir", directory()}, either},
       {{"find", "--dir", directory(), "--email", "a@b", "--subject", "CN=A"}, either},
-      {{"find", "--email", "a@b"}, "--dir is missing"},
+      {{"find", "--email", "a@b"}, "give either --dir or --ldap"},
       {{"find", "--email", "nobody", "--dir", directory()},
        "--email: \"nobody\" is no mail address"},
       {{"find", "--email", "", "--dir", directory()}, "--email: \"\" is no mail address"},
