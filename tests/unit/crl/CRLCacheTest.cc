@@ -139,7 +139,7 @@ TEST_F(CRLCacheDirectory, LengthOfTheUri_Counts) {
 }
 
 TEST_F(CRLCacheDirectory, FileThatIsReplaced_DoesNotCount) {
-  plant(own, 9 * kHour, -kHour, 100000);
+  plant(own, 1 * kHour, kHour, 100000);
   plant("1.r0", 5 * kHour, kHour, 100000);
   add({.files = 2, .bytes = 150000});
   EXPECT_TRUE(ownIsThere());

@@ -1,0 +1,350 @@
+// Verifications of certificates whose distribution points name URIs.
+#include "integration/UriFixture.h"
+#include "support/WebServer.h"
+
+namespace Velantrix::Test {
+namespace {
+
+constexpr char kTimeSpent[] =
+    "Verifier: the time for the network is spent, the rest of this verification reaches no host";
+constexpr char kBytesSpent[] =
+    "Verifier: too many bytes of CRLs, the rest of this verification fetches no more";
+constexpr char kLookupsSpent[] =
+    "Verifier: too many CRL look-ups, the rest of this verification finds no more CRLs";
+
+class URIVerification : public UriFixture {
+ protected:
+  /// A certificate with a distribution point for each URI.
+  Issued leafWith(const std::vector<std::string>& uris, CertificateOptions options = {}) const {
+    options.subject = "O=Test,CN=Leaf";
+    options.issuer = &ca;
+    for (const std::string& uri : uris) {
+      options.crlDistributionPoints.push_back({.fullNames = {"URI:" + uri}});
+    }
+    return issue(options);
+  }
+
+  struct How {
+    bool useOpenSSL = false;
+    int flags = Verifier::Config().flags;
+    unsigned int networkTime = 60;
+  };
+  /// In a store of its own in which the CA is trusted.
+  int verdict(const Issued& leaf) { return verdict(leaf, How()); }
+  int verdict(const Issued& leaf, const How& how) {
+    World world;
+    return verdict(world, leaf, how);
+  }
+  int verdict(World& world, const Issued& leaf, const How& how) {
+    world.trust(ca);
+    world.publish({.issuer = &ca});  // for the CA itself, which OpenSSL checks too
+    Verifier::Config config;
+    config.flags = how.flags;
+    Verifier verifier(world.store, handle(leaf), RefStackOfCertificate(), config, how.useOpenSSL);
+    verifier.maxNetworkTime(how.networkTime);
+    return verifier.isValid();
+  }
+
+  std::string crlListing(const Issued& revoked) const {
+    return der(makeCrl({.issuer = &ca, .revoked = {{.serial = revoked, .reason = 1}}}).get());
+  }
+
+  std::size_t linesOf(int priority, const std::string& begin) const {
+    std::size_t count = 0;
+    for (const LogCapture::Line& line : log.lines()) {
+      if (line.priority == priority && line.text.starts_with(begin)) ++count;
+    }
+    return count;
+  }
+  std::size_t forgeryLines() const {
+    return linesOf(6,
+                   "Verifier: no connection is made for a certificate that its issuer did not "
+                   "sign: ");
+  }
+};
+
+// -------------------------------------------------------------------------------- good and revoked
+
+TEST_F(URIVerification, WebServer_GoodRevokedDownAndServedFromTheCache) {
+  WebServer server;
+  const Issued good = leafWith({server.url("/ca.crl")});
+  const Issued revoked = leafWith({server.url("/ca.crl")});
+  for (const bool useOpenSSL : {false, true}) {
+    SCOPED_TRACE(useOpenSSL);
+    clearPrivateView();
+    server.start();
+    writeFile(server.root() / "ca.crl", crlListing(revoked));
+    const std::size_t before = server.requests().size();
+    EXPECT_EQ(verdict(good, {.useOpenSSL = useOpenSSL}), X509_V_OK) << log.text();
+    EXPECT_EQ(verdict(revoked, {.useOpenSSL = useOpenSSL}), X509_V_ERR_CERT_REVOKED);
+    server.stop();
+    EXPECT_EQ(server.requests().size(), before + 1);
+    EXPECT_EQ(verdict(good, {.useOpenSSL = useOpenSSL}), X509_V_OK);
+    EXPECT_EQ(verdict(revoked, {.useOpenSSL = useOpenSSL}), X509_V_ERR_CERT_REVOKED);
+    clearPrivateView();
+    EXPECT_EQ(verdict(good, {.useOpenSSL = useOpenSSL}), X509_V_ERR_UNABLE_TO_GET_CRL);
+    EXPECT_EQ(verdict(revoked, {.useOpenSSL = useOpenSSL}), X509_V_ERR_UNABLE_TO_GET_CRL);
+  }
+}
+
+TEST_F(URIVerification, WebServerOverTls_ServesTheVerification) {
+  const WebServer server({.certificate = &tls, .clientCa = &ca});
+  const Issued leaf = leafWith({server.tlsUrl("/ca.crl")});
+  writeFile(server.root() / "ca.crl", der(crl(7).get()));
+  EXPECT_EQ(verdict(leaf), X509_V_ERR_UNABLE_TO_GET_CRL);  // no client certificate, no exception
+  installClient(pem(client.get()), pem(client.key.get()));
+  EXPECT_EQ(verdict(leaf), X509_V_OK) << log.text();
+}
+
+TEST_F(URIVerification, CacheThatCannotBeUsed_DoesNotChangeTheVerdict) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const Issued leaf = leafWith({server.url("/ca.crl")});
+  fs::remove(kCRLCacheDirectory);
+  EXPECT_EQ(verdict(leaf), X509_V_OK);
+  writeFile(kCRLCacheDirectory, "a file");
+  EXPECT_EQ(verdict(leaf), X509_V_OK);
+  fs::remove(kCRLCacheDirectory);
+  fs::create_directory(kCRLCacheDirectory);
+  EXPECT_EQ(server.connections().size(), 2U);
+}
+
+TEST_F(URIVerification, CrlOfAStranger_IsCachedAndDoesNotDecide) {
+  const Issued other = issueCa("O=Test,CN=Root");  // the same name, another key
+  const FaultServer server(
+      Scripts::answer(der(makeCrl({.issuer = &other, .authorityKeyId = KeyId::Absent}).get())));
+  const Issued leaf = leafWith({server.url("/ca.crl")});
+  EXPECT_EQ(verdict(leaf), X509_V_ERR_CRL_SIGNATURE_FAILURE);
+  EXPECT_EQ(verdict(leaf, {.useOpenSSL = true}), X509_V_ERR_CRL_SIGNATURE_FAILURE);
+  EXPECT_EQ(server.connections().size(), 1U);
+}
+
+TEST_F(URIVerification, ExpiredCrl_IsJudgedAndFetchedAgainNextTime) {
+  const FaultServer server(Scripts::inTurn(
+      {Scripts::answer(der(expiredCrl(7).get())), Scripts::answer(der(crl(8).get()))}));
+  const Issued leaf = leafWith({server.url("/ca.crl")});
+  EXPECT_EQ(verdict(leaf), X509_V_ERR_CRL_HAS_EXPIRED);
+  EXPECT_EQ(verdict(leaf), X509_V_OK);
+}
+
+TEST_F(URIVerification, ServerThatMisbehaves_LeavesNoCrl) {
+  for (const Script& script : {Scripts::html(), Scripts::closeAtOnce(), Scripts::garbage(),
+                               Scripts::answer(der(ca.get()))}) {
+    const FaultServer server(script);
+    const Issued leaf = leafWith({server.url("/ca.crl")});
+    for (const bool useOpenSSL : {false, true}) {
+      EXPECT_EQ(verdict(leaf, {.useOpenSSL = useOpenSSL}), X509_V_ERR_UNABLE_TO_GET_CRL);
+    }
+  }
+}
+
+TEST_F(URIVerification, OnlyTheLeafIsChecked_ItsCrlIsFetchedToo) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  for (const bool useOpenSSL : {false, true}) {
+    clearPrivateView();
+    const How how{.useOpenSSL = useOpenSSL, .flags = X509_V_FLAG_CRL_CHECK};
+    EXPECT_EQ(verdict(leafWith({server.url("/ca.crl")}), how), X509_V_OK) << log.text();
+    EXPECT_EQ(verdict(leafWith({server.url("/other")}, {.badSignature = true}), how),
+              X509_V_ERR_UNABLE_TO_GET_CRL);
+  }
+  EXPECT_EQ(server.connections().size(), 2U);
+  EXPECT_EQ(verdict(leafWith({server.url("/third")}), {.flags = 0}), X509_V_OK);
+  EXPECT_EQ(server.connections().size(), 2U);
+}
+
+// ------------------------------------------------------------------------------------ forgeries
+
+TEST_F(URIVerification, ForgedCertificate_MakesNoConnection) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const Issued forged =
+      leafWith({server.url("/a"), server.url("/b"), server.url("/c")}, {.badSignature = true});
+  for (const bool useOpenSSL : {false, true}) {
+    SCOPED_TRACE(useOpenSSL);
+    log.clear();
+    EXPECT_EQ(verdict(forged, {.useOpenSSL = useOpenSSL}), X509_V_ERR_UNABLE_TO_GET_CRL);
+    EXPECT_EQ(forgeryLines(), 1U) << log.text();
+    EXPECT_TRUE(log.contains("did not sign: " + handle(forged)->subject().asString()));
+    EXPECT_EQ(linesOf(6, ""), 1U);
+  }
+  EXPECT_EQ(server.connections().size(), 0U);
+  EXPECT_EQ(cacheNames(), std::vector<std::string>{});
+}
+
+TEST_F(URIVerification, CertificateSignedByAnotherKey_MakesNoConnection) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const Issued other = issueCa("O=Test,CN=Root");
+  const Issued forged = leafWith({server.url("/a")}, {.signer = other.key});
+  for (const bool useOpenSSL : {false, true}) {
+    EXPECT_EQ(verdict(forged, {.useOpenSSL = useOpenSSL}), X509_V_ERR_UNABLE_TO_GET_CRL);
+  }
+  EXPECT_EQ(forgeryLines(), 2U);
+  EXPECT_EQ(server.connections().size(), 0U);
+}
+
+TEST_F(URIVerification, ForgedCertificate_IsJudgedByWhatIsCached) {
+  const FaultServer server(Scripts::inTurn({Scripts::answer(der(crl(7).get()))}));
+  const std::string uri = server.url("/ca.crl");
+  const Issued forged = leafWith({uri}, {.badSignature = true});
+  EXPECT_EQ(verdict(leafWith({uri})), X509_V_OK);
+  for (const bool useOpenSSL : {false, true}) {
+    SCOPED_TRACE(useOpenSSL);
+    log.clear();
+    EXPECT_EQ(verdict(forged, {.useOpenSSL = useOpenSSL}), X509_V_ERR_CERT_SIGNATURE_FAILURE);
+    EXPECT_EQ(forgeryLines(), 0U);
+  }
+  HashDirLookupMethod(kCRLCacheDirectory)
+      .add(Uri(uri), Crls{handle(crlFromDer(crlListing(forged)))});
+  for (const bool useOpenSSL : {false, true}) {
+    EXPECT_EQ(verdict(forged, {.useOpenSSL = useOpenSSL}), X509_V_ERR_CERT_REVOKED);
+  }
+  EXPECT_EQ(server.connections().size(), 1U);
+}
+
+TEST_F(URIVerification, ForgedIntermediate_MakesNoConnectionAndTheGenuineLeafDoes) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const Issued inter = issue({.subject = "O=Test,CN=Inter",
+                              .issuer = &ca,
+                              .ca = true,
+                              .crlDistributionPoints = {{.fullNames = {"URI:" + server.url("/i")}}},
+                              .badSignature = true});
+  const FaultServer leafServer(Scripts::answer(der(makeCrl({.issuer = &inter}).get())));
+  const Issued person =
+      issue({.subject = "O=Test,CN=Person",
+             .issuer = &inter,
+             .crlDistributionPoints = {{.fullNames = {"URI:" + leafServer.url("/p")}}}});
+  World world;
+  world.trust(ca);
+  const std::list<RefCertificate> intermediates{handle(inter)};
+  world.store->add(intermediates);
+  Verifier verifier(world.store, handle(person), RefStackOfCertificate(intermediates), false);
+  EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_EQ(leafServer.connections().size(), 1U);
+  EXPECT_EQ(server.connections().size(), 0U);
+  EXPECT_EQ(forgeryLines(), 1U);
+}
+
+// ------------------------------------------------------------------------------------- the bounds
+
+TEST_F(URIVerification, TenSilentHosts_CostTheNetworkTimeOnce) {
+  std::list<FaultServer> servers;
+  std::vector<std::string> uris;
+  for (int i = 0; i < 10; ++i) uris.push_back(servers.emplace_back(Scripts::silence()).url("/"));
+  const Issued leaf = leafWith(uris);
+  const auto time =
+      timeOf([&] { EXPECT_EQ(verdict(leaf, {.networkTime = 1}), X509_V_ERR_UNABLE_TO_GET_CRL); });
+  EXPECT_GE(time, 1s);
+  EXPECT_LE(time, 1s + kSlack);
+  EXPECT_EQ(linesOf(6, kTimeSpent), 1U) << log.text();
+  EXPECT_EQ(linesOf(6, ""), 1U);
+  std::size_t connections = 0;
+  for (const FaultServer& server : servers) connections += server.connections().size();
+  EXPECT_EQ(connections, 1U);
+  EXPECT_EQ(cacheNames(), std::vector<std::string>{});
+}
+
+TEST_F(URIVerification, ServersThatKeepOneWaiting_CostTheNetworkTime) {
+  const std::string answer = Scripts::response(der(crl(7).get()));
+  const std::size_t header = answer.find("\r\n\r\n") + 4;
+  installClient(pem(client.get()), pem(client.key.get()));
+  const FaultServer slow([&](Peer& peer) {
+    if (!peer.readRequest()) return;
+    peer.write(answer.substr(0, header));
+    peer.writeSlowly(answer.substr(header), 100ms);
+  });
+  const FaultServer silent(Scripts::silence());
+  const std::string uris[] = {
+      slow.url("/"),
+      "https://127.0.0.1:" + std::to_string(silent.port()) + "/",  // no handshake either
+  };
+  for (const std::string& uri : uris) {
+    SCOPED_TRACE(uri);
+    const Issued leaf = leafWith({uri});
+    const auto time = timeOf([&] {
+      EXPECT_EQ(verdict(leaf, {.useOpenSSL = uri == uris[0], .networkTime = 1}),
+                X509_V_ERR_UNABLE_TO_GET_CRL);
+    });
+    EXPECT_GE(time, 1s);
+    EXPECT_LE(time, 1s + kSlack);
+  }
+  EXPECT_EQ(cacheNames(), std::vector<std::string>{});
+}
+
+TEST_F(URIVerification, NetworkTimeSpent_TheCacheStillServes) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const FaultServer silent(Scripts::silence());
+  EXPECT_EQ(verdict(leafWith({server.url("/ca.crl")})), X509_V_OK);
+  const Issued leaf = leafWith({silent.url("/"), silent.url("/2"), server.url("/ca.crl")});
+  EXPECT_EQ(verdict(leaf, {.networkTime = 1}), X509_V_OK) << log.text();
+  EXPECT_EQ(linesOf(6, kTimeSpent), 1U);
+  EXPECT_EQ(silent.connections().size(), 1U);
+}
+
+TEST_F(URIVerification, NetworkTime_IsSharedWithNestedVerifications) {
+  // The leaf's CRL comes from another issuer, whose own certificate is verified in a nested run.
+  const FaultServer silent(Scripts::silence());
+  const FaultServer slow([](Peer& peer) {
+    if (peer.readRequest()) peer.pause(1300ms);
+  });
+  const Issued crlIssuer =
+      issue({.subject = "O=Test,CN=CRL Issuer",
+             .issuer = &ca,
+             .keyUsage = KU_CRL_SIGN,
+             .crlDistributionPoints = {{.fullNames = {"URI:" + silent.url("/")}}}});
+  std::string body;
+  const FaultServer server([&](Peer& peer) {
+    if (peer.readRequest()) peer.write(Scripts::response(body));
+  });
+  const std::string uri = "URI:" + server.url("/ca.crl");
+  body = der(
+      makeCrl({.issuer = &crlIssuer, .idp = Scope{.fullNames = {uri}, .indirect = true}}).get());
+  const Issued leaf =
+      issue({.subject = "O=Test,CN=Leaf",
+             .issuer = &ca,
+             .crlDistributionPoints = {
+                 {.fullNames = {uri}, .crlIssuers = {"dirName:O=Test,CN=CRL Issuer"}},
+                 {.fullNames = {"URI:" + slow.url("/")}},
+             }});
+  World world;
+  world.trust(crlIssuer);
+  const auto time = timeOf(
+      [&] { EXPECT_EQ(verdict(world, leaf, {.networkTime = 2}), X509_V_ERR_UNABLE_TO_GET_CRL); });
+  // Counted apart, it would be 1.3 s and 2 s more.
+  EXPECT_GE(time, 2s);
+  EXPECT_LE(time, 2s + kSlack);
+  EXPECT_EQ(server.connections().size(), 1U);
+  EXPECT_EQ(slow.connections().size(), 1U);
+  EXPECT_EQ(silent.connections().size(), 1U) << log.text();
+}
+
+TEST_F(URIVerification, BytesOfCrls_AreBoundedOverAllDistributionPoints) {
+  const std::string body(std::size_t{64} * 1024 * 1024, 'x');
+  const FaultServer server(Scripts::answer(body));
+  const Issued leaf =
+      leafWith({server.url("/1"), server.url("/2"), server.url("/3"), server.url("/4")});
+  EXPECT_EQ(verdict(leaf), X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_EQ(server.connections().size(), 2U);
+  EXPECT_EQ(linesOf(6, kBytesSpent), 1U) << log.text();
+}
+
+TEST_F(URIVerification, LookUps_AreBoundedOverAllDistributionPoints) {
+  const FaultServer server(Scripts::notFound());
+  std::vector<std::string> uris;
+  for (int i = 0; i < 300; ++i) uris.push_back(server.url("/" + std::to_string(i)));
+  EXPECT_EQ(verdict(leafWith(uris)), X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_EQ(server.connections().size(), 256U);
+  EXPECT_EQ(linesOf(7, kLookupsSpent), 1U);
+}
+
+TEST_F(URIVerification, NextVerification_StartsWithAllOfItsBounds) {
+  const FaultServer server(
+      Scripts::inTurn({Scripts::silence(), Scripts::answer(der(crl(7).get()))}));
+  const Issued leaf = leafWith({server.url("/ca.crl")});
+  World world;
+  world.trust(ca);
+  Verifier verifier(world.store, handle(leaf), false);
+  verifier.maxNetworkTime(1);
+  EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_EQ(verdict(leaf), X509_V_OK);
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
