@@ -12,14 +12,19 @@
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/URILookup.h>
+#include <velantrix/File.h>
 #include <velantrix/Uri.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <list>
 #include <memory>
 #include <string>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -39,7 +44,17 @@ struct Options {
 struct Found {
   std::list<RefCertificateRevocationList> crls;
   bool cached = false;
+  bool stored = false;  // by this fetch
 };
+
+// The file in the cache, whatever is in it; 0 when there is none. A file that is replaced gets
+// another number, because the new one is there before the old one goes.
+ino_t cacheFile(const Uri& uri) {
+  const std::string path =
+      File::Path(kCRLCacheDirectory, HashDirLookupMethod::fileName(uri)).asString();
+  struct stat status = {};
+  return ::stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
 
 // The look-up itself does not say where it found something, so the cache is asked first.
 Found lookUp(const std::string& text, const Uri& uri) {
@@ -51,17 +66,25 @@ Found lookUp(const std::string& text, const Uri& uri) {
     writeErrorLine("pkx509: " + text + ": the cache cannot be used: " + reasonOf(error));
   }
   found.cached = !found.crls.empty();
-  if (!found.cached) URILookup().find(uri, found.crls);
+  if (!found.cached) {
+    const ino_t before = cacheFile(uri);
+    URILookup().find(uri, found.crls);
+    const ino_t after = cacheFile(uri);
+    found.stored = after != 0 && after != before;
+  }
   return found;
 }
 
-bool isStored(const Uri& uri) {
-  try {
-    const File::Path file(kCRLCacheDirectory, HashDirLookupMethod::fileName(uri));
-    return file.status(true).isRegular();
-  } catch (const std::exception&) {
-    return false;
+// Why there is none. The look-up does not tell; what can be seen from here is said.
+std::string reasonForNone(const Uri& uri) {
+  if (uri.scheme() == "https:") {
+    for (const char* file : {kClientCertificateFile, kClientKeyFile}) {
+      if (::access(file, R_OK) != 0) {
+        return std::string(file) + ": " + std::generic_category().message(errno);
+      }
+    }
   }
+  return "the host was not reached, or it did not answer with one";
 }
 
 int report(const Options& options, const std::string& text, LogCollector& log, Facts& all) {
@@ -69,11 +92,10 @@ int report(const Options& options, const std::string& text, LogCollector& log, F
   const Found found = lookUp(text, uri);
   for (const Report::LogLine& line : log.take()) writeErrorLine(logLine(text, line));
   if (found.crls.empty()) {
-    writeErrorLine("pkx509: " + text +
-                   ": there is no CRL: the host was not reached, or it did not answer with one");
+    writeErrorLine("pkx509: " + text + ": there is no CRL: " + reasonForNone(uri));
     return kNotFound;
   }
-  if (!found.cached && !isStored(uri)) {
+  if (!found.cached && !found.stored) {
     writeErrorLine("pkx509: " + text + ": not stored in " + kCRLCacheDirectory);
   }
   int status = kAllValid;

@@ -13,8 +13,9 @@ Nothing is verified: whoever answers for the host decides what is shown.
 
 Output:
   The facts of each CRL, as "pkx509 show" prints them, with the URI in the place of the file, and where
-  it came from. Log lines go to standard error, as "URI: <priority> text". With --json an array of an
-  object for each CRL, with the keys of "pkx509 show" and source ("cache" or "network").
+  it came from. Log lines go to standard error, as "URI: <priority> text", and so does a line that says
+  that the cache cannot be read or written. With --json an array of an object for each CRL, with the keys
+  of "pkx509 show" and source ("cache" or "network").
 
 Exit status:
   0  There was a CRL for each URI.

@@ -64,6 +64,8 @@ int run(int argc, char** argv) {
       "  pkx509 simple --key-usage keyEncipherment --require-key-usage person.pem\n"
       "  pkx509 show person.pem ca.crl\n"
       "  pkx509 find --email person@example.com --dir certs\n"
+      "  pkx509 crl http://crl.example.com/ca.crl\n"
+      "  pkx509 ocsp --chain intermediates.pem person.pem\n"
       "\n\"pkx509 SUBCOMMAND --help\" tells more.");
   Action action;
   addVerifyCommand(app, action);

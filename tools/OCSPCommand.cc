@@ -81,6 +81,18 @@ const char* wordOf(int code) {
   return code == kRevoked ? "revoked" : "none";
 }
 
+// The URIs among the responders that a certificate names.
+std::vector<Uri> namedBy(const RefCertificate& certificate) {
+  std::vector<Uri> uris;
+  const RefAuthorityInformationAccess access(
+      certificate->find(ASN1::RefObjectIdentifier("1.3.6.1.5.5.7.1.1")));
+  if (access.empty()) return uris;
+  for (const RefGeneralName& name : access->ocspGeneralNames()) {
+    if (name->type() == GEN_URI) uris.push_back(name->uri());
+  }
+  return uris;
+}
+
 std::vector<Uri> respondersOf(const Options& options, const std::list<RefCertificate>& chain) {
   if (options.uri) {
     Uri uri(*options.uri);
@@ -95,12 +107,10 @@ std::vector<Uri> respondersOf(const Options& options, const std::list<RefCertifi
                     " has signed it, so the responders it names are not asked; --uri names one");
   }
   std::vector<Uri> uris;
-  const RefAuthorityInformationAccess access(
-      certificate->find(ASN1::RefObjectIdentifier("1.3.6.1.5.5.7.1.1")));
-  if (!access.empty()) {
-    for (const RefGeneralName& name : access->ocspGeneralNames()) {
-      if (name->type() == GEN_URI) uris.push_back(name->uri());
-    }
+  try {
+    uris = namedBy(certificate);
+  } catch (const std::exception& error) {
+    throw ToolError(describe(options.file, error));
   }
   if (uris.empty()) throw ToolError(options.file + ": it names no OCSP responder; --uri names one");
   return uris;
