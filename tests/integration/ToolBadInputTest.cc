@@ -3,14 +3,11 @@
 #include "support/Pki.h"
 #include "support/PrivateView.h"
 
-#include <cerrno>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <random>
 #include <string>
 #include <string_view>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <utility>
 #include <vector>
@@ -27,14 +24,6 @@ class ToolBadInput : public ToolFixture {
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "pkx509: " + text + "\n");
-  }
-
-  // From now on file permissions bind the commands that this process starts, also as root. (An
-  // ordinary user has not got the rights that are given up here, and may not give them up.)
-  static void obeyPermissions() {
-    for (const int capability : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH}) {
-      ASSERT_TRUE(::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) == 0 || errno == EPERM);
-    }
   }
 
   static bool mayRead(const std::string& path) {

@@ -1,5 +1,6 @@
 // The bash completion and the man page know what the tool knows.
 #include "ToolFixture.h"
+#include "support/Loopback.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -83,7 +84,7 @@ TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
   EXPECT_EQ(offered({"verify", "-"}), verify);
   EXPECT_EQ(offered({"verify", "a.pem", "--json", "--"}), verify);
   EXPECT_EQ(offered({"verify", "--c"}), (Words{"--ca-dir", "--crl-dir", "--color"}));
-  for (const char* subcommand : {"simple", "show", "find", "add"}) {
+  for (const char* subcommand : {"simple", "show", "find", "add", "crl", "ocsp"}) {
     EXPECT_EQ(offered({subcommand, "--"}), optionsIn(tool({subcommand, "--help"}).out));
   }
 }
@@ -110,8 +111,11 @@ TEST_F(ToolCompletion, Values_AreThoseOfTheirOption) {
   EXPECT_EQ(offered({"simple", "--key-usage=" + list + "enc"}),
             (Words{"--key-usage=" + list + "encipherOnly"}));
   EXPECT_EQ(offered({"simple", "--color", "a"}), (Words{"auto", "always"}));
-  for (const Arguments& texts :
-       {Arguments{"find", "--email", ""}, {"find", "--subject", ""}, {"add", "--email", ""}}) {
+  for (const Arguments& texts : {Arguments{"find", "--email", ""},
+                                 {"find", "--subject", ""},
+                                 {"add", "--email", ""},
+                                 {"ocsp", "--uri", ""},
+                                 {"ocsp", "--timeout", ""}}) {
     EXPECT_EQ(offered(texts), (Words{}));
   }
   // After a value comes anything again.
@@ -125,7 +129,7 @@ TEST_F(ToolCompletion, FilesAndDirectories_AreOffered_AlsoWithBlanksInTheirNames
   writeFile(own("b.pem"), "");
   writeFile(own("-c.pem"), "");
   const Words all = {"dir one", "a file.pem", "b.pem", "-c.pem"};
-  for (const char* subcommand : {"verify", "simple", "show", "add"}) {
+  for (const char* subcommand : {"verify", "simple", "show", "add", "ocsp"}) {
     EXPECT_EQ(offered({subcommand, ""}), all);
     EXPECT_EQ(offered({subcommand, "b.pem", "a"}), (Words{"a file.pem"}));
     EXPECT_EQ(offered({subcommand, "--json", "b"}), (Words{"b.pem"}));
@@ -139,13 +143,16 @@ TEST_F(ToolCompletion, FilesAndDirectories_AreOffered_AlsoWithBlanksInTheirNames
   EXPECT_EQ(offered({"verify", "--ca-dir", "x"}), (Words{}));
   EXPECT_EQ(offered({"find", "--dir", ""}), (Words{"dir one"}));
   EXPECT_EQ(offered({"add", "--dir", ""}), (Words{"dir one"}));
+  EXPECT_EQ(offered({"ocsp", "--chain", ""}), all);
+  EXPECT_EQ(offered({"ocsp", "--ca-dir", ""}), (Words{"dir one"}));
   EXPECT_EQ(offered({"find", ""}), (Words{})) << "it takes no file";
+  EXPECT_EQ(offered({"crl", ""}), (Words{})) << "it takes no file";
 }
 
 TEST_F(ToolCompletion, ManPage_HasAllOptionsAndKeys) {
   std::string page = readFile(PKX509_MAN_PAGE);
   page.erase(std::remove(page.begin(), page.end(), '\\'), page.end());
-  for (const char* subcommand : {"verify", "simple", "show", "find", "add"}) {
+  for (const char* subcommand : {"verify", "simple", "show", "find", "add", "crl", "ocsp"}) {
     EXPECT_NE(page.find("\n.It Cm " + std::string(subcommand) + "\n"), std::string::npos);
     for (const std::string& option : optionsIn(tool({subcommand, "--help"}).out)) {
       // "--json" is written "Fl -json".
@@ -155,7 +162,7 @@ TEST_F(ToolCompletion, ManPage_HasAllOptionsAndKeys) {
   }
   EXPECT_NE(page.find("\n.It Fl -version\n"), std::string::npos);
   for (const std::string arguments :
-       {"verify --ca-dir ", "verify ", "simple ", "show ", "add ", "find "}) {
+       {"verify --ca-dir ", "verify ", "simple ", "show ", "add ", "find ", "crl ", "ocsp "}) {
     EXPECT_NE(page.find("\n$ pkx509 " + arguments), std::string::npos) << arguments;
   }
   const nlohmann::json shown =
@@ -165,12 +172,17 @@ TEST_F(ToolCompletion, ManPage_HasAllOptionsAndKeys) {
   const nlohmann::json simple = parsed(tool({"simple", "--json", person("good")}));
   const nlohmann::json added = parsed(
       tool({"add", "--json", "--email", "good@example.com", "--dir", own(""), person("good")}));
+  const ReservedPort port;
+  const std::string nobody = "http://127.0.0.1:" + port.text() + "/";
+  const nlohmann::json asked = parsed(tool(
+      {"ocsp", "--json", "--uri", nobody, "--chain", pki("intermediates.pem"), person("good")}));
   for (const nlohmann::json& object :
-       {shown.at(0), shown.at(1), verified.at(0), simple.at(0), added.at(0)}) {
+       {shown.at(0), shown.at(1), verified.at(0), simple.at(0), added.at(0), asked.at(0)}) {
     for (const auto& item : object.items()) {
       EXPECT_NE(page.find(item.key()), std::string::npos) << item.key();
     }
   }
+  EXPECT_NE(page.find("\n.It Li source\n"), std::string::npos);
 }
 
 }  // namespace

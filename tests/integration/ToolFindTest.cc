@@ -3,13 +3,10 @@
 #include "support/Pki.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <set>
 #include <string>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -112,11 +109,9 @@ TEST_F(ToolFind, FirstOfAFile_IsAdded_InPemOrDer) {
 TEST_F(ToolFind, AddJson_HasExactlyTheKeysInOrder) {
   const CommandResult result = tool(add("good@example.com", person("good")) + Arguments{"--json"});
   EXPECT_EQ(result.status, 0);
-  const auto objects = nlohmann::ordered_json::parse(result.out);
+  const json objects = parsed(result);
   ASSERT_EQ(objects.size(), 1U);
-  std::string keys;
-  for (const auto& item : objects.at(0).items()) keys += item.key() + " ";
-  EXPECT_EQ(keys, "file email directory subject issuer serial ");
+  EXPECT_EQ(keysOf(result), "file email directory subject issuer serial ");
   const json shown = parsed(tool({"show", "--json", person("good")})).at(0);
   const json added = parsed(result).at(0);
   EXPECT_EQ(added.at("file"), person("good"));
@@ -246,8 +241,7 @@ TEST_F(ToolFind, DirectoryThatCannotBeWrittenTo_KeepsWhatItHas) {
 
   EXPECT_EQ(tool(add("good@example.com", person("good"))).status, 0);
   ASSERT_EQ(::chmod(directory().c_str(), 0500), 0);
-  // File permissions have to bind the tool also when the tests run as root.
-  ASSERT_TRUE(::prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0) == 0 || errno == EPERM);
+  obeyPermissions();
   const CommandResult refused = tool(add("good@example.com", person("revoked")));
   ASSERT_EQ(::chmod(directory().c_str(), 0700), 0);
   EXPECT_EQ(refused.status, 2);

@@ -3,8 +3,11 @@
 #include "support/PrivateView.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <linux/capability.h>
 #include <memory>
 #include <stdexcept>
+#include <sys/prctl.h>
 
 namespace Velantrix::Test {
 
@@ -41,6 +44,12 @@ void ToolFixture::command(const Arguments& arguments) {
   if (result.status != 0) throw std::runtime_error(arguments.front() + ": " + result.err);
 }
 
+void ToolFixture::obeyPermissions() {
+  for (const int capability : {CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH}) {
+    ASSERT_TRUE(::prctl(PR_CAPBSET_DROP, capability, 0, 0, 0) == 0 || errno == EPERM);
+  }
+}
+
 std::string ToolFixture::pki(const std::string& name) {
   return (pkiDirectory->path() / "pki" / name).string();
 }
@@ -52,6 +61,13 @@ Arguments ToolFixture::verifyWith(const std::string& crls) {
 
 nlohmann::json ToolFixture::parsed(const CommandResult& result) {
   return nlohmann::json::parse(result.out);
+}
+
+std::string ToolFixture::keysOf(const CommandResult& result) {
+  const auto objects = nlohmann::ordered_json::parse(result.out);
+  std::string keys;
+  for (const auto& item : objects.at(0).items()) keys += item.key() + " ";
+  return keys;
 }
 
 long linesIn(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }

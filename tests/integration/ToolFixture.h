@@ -33,6 +33,10 @@ class ToolFixture : public testing::Test {
   /// Runs another command, which has to succeed.
   static void command(const Arguments& arguments);
 
+  /// From now on file permissions bind the commands that this process starts, also as root. (An
+  /// ordinary user has not got the rights that are given up here, and may not give them up.)
+  static void obeyPermissions();
+
   /// A path in the PKI.
   static std::string pki(const std::string& name);
   static std::string person(const std::string& name) { return pki("people/" + name + ".pem"); }
@@ -44,6 +48,8 @@ class ToolFixture : public testing::Test {
 
   /// The objects of a JSON report, by file.
   static nlohmann::json parsed(const CommandResult& result);
+  /// The keys of the first one in their order, each with a blank after it.
+  static std::string keysOf(const CommandResult& result);
 
  private:
   TempDir directory_;

@@ -1,0 +1,344 @@
+// `pkx509 crl`: CRLs from a real web server and from the cache.
+#include "ToolFixture.h"
+#include "support/FaultScripts.h"
+#include "support/FaultServer.h"
+#include "support/Loopback.h"
+#include "support/Pki.h"
+#include "support/PrivateView.h"
+#include "support/WebServer.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace Velantrix::Test {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+constexpr char kNothing[] =
+    ": there is no CRL: the host was not reached, or it did not answer with one\n";
+
+class ToolCRL : public ToolFixture {
+ protected:
+  // No PKI of the openssl command is needed.
+  static void SetUpTestSuite() {}
+  static void TearDownTestSuite() {}
+
+  // Puts a CRL on the web server; its URI.
+  std::string publish(CrlOptions options, const std::string& name = "ca.crl") {
+    options.issuer = &ca;
+    published = der(makeCrl(options).get());
+    writeFile(server.root() / name, published);
+    return server.url("/" + name);
+  }
+
+  static Arguments crl(const std::string& uri) { return {"crl", uri}; }
+
+  // The one CRL that is told about; a status that does not fit is a failure.
+  static json gotten(const std::string& uri, const std::string& err = "") {
+    const CommandResult result = tool({"crl", "--json", uri});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, err);
+    const json objects = parsed(result);
+    EXPECT_EQ(objects.size(), 1U);
+    return objects.at(0);
+  }
+
+  static std::vector<fs::path> cached() {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(kCrlCacheDirectory)) {
+      files.push_back(entry.path());
+    }
+    return files;
+  }
+
+  static std::string notStored(const std::string& uri) {
+    return "pkx509: " + uri + ": not stored in " + kCrlCacheDirectory + "\n";
+  }
+
+  const Issued ca = issueCa("CN=CA,O=Example");
+  std::string published;
+  WebServer server;
+};
+
+TEST_F(ToolCRL, Fetched_IsShownLikeShow_AndThenComesFromTheCache_WithTheServerStopped) {
+  const std::string uri = publish({.revoked = {{.serial = 1}, {.serial = 2}}});
+  const CommandResult shown = tool({"show", "-"}, published);
+  ASSERT_EQ(shown.status, 0);
+  const std::string facts = uri + shown.out.substr(std::string("-").size());
+  ASSERT_NE(facts.find("\n  entries                       2\n"), std::string::npos) << facts;
+
+  const CommandResult first = tool(crl(uri));
+  EXPECT_EQ(first.status, 0);
+  EXPECT_EQ(first.err, "");
+  EXPECT_EQ(first.out, facts + "  source                        network\n");
+  ASSERT_TRUE(server.waitForRequests(1));
+  EXPECT_EQ(server.requests().front().line, "GET /ca.crl HTTP/1.0");
+
+  server.stop();
+  const CommandResult second = tool(crl(uri));
+  EXPECT_EQ(second.status, 0);
+  EXPECT_EQ(second.err, "");
+  EXPECT_EQ(second.out, facts + "  source                        cache\n");
+  // Another way to write the same address.
+  EXPECT_EQ(gotten("HTTP" + uri.substr(4)).at("source"), "cache");
+}
+
+TEST_F(ToolCRL, Json_HasTheKeysOfShow_AndTheSource) {
+  const std::string uri = publish({.revoked = {{.serial = 1}}});
+  const CommandResult shown = tool({"show", "--json", "-"}, published);
+  for (const char* source : {"network", "cache"}) {
+    const CommandResult result = tool({"crl", uri, "--json"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(keysOf(result), keysOf(shown) + "source ");
+    json expected = parsed(shown).at(0);
+    expected["file"] = uri;
+    expected["source"] = source;
+    EXPECT_EQ(parsed(result), json::array({expected}));
+  }
+}
+
+TEST_F(ToolCRL, RunOut_IsFetchedAgain_AndReplaced) {
+  const std::string uri = publish({.lastUpdate = -48h, .nextUpdate = -24h});
+  for (int i = 0; i < 2; ++i) {
+    const json old = gotten(uri);
+    EXPECT_EQ(old.at("source"), "network");
+    EXPECT_EQ(old.at("crlNumber"), "01");
+  }
+  publish({.number = 2});
+  EXPECT_EQ(gotten(uri).at("source"), "network");
+  publish({.number = 3});
+  const json kept = gotten(uri);
+  EXPECT_EQ(kept.at("source"), "cache");
+  EXPECT_EQ(kept.at("crlNumber"), "02");
+  EXPECT_EQ(cached().size(), 1U);
+  EXPECT_TRUE(server.waitForRequests(3));
+}
+
+TEST_F(ToolCRL, SeveralUris_AreToldInOrder_AndOneWithoutACrlIsStatusOne) {
+  const std::string one = publish({.number = 1}, "one.crl");
+  const std::string two = publish({.number = 2}, "two.crl");
+  const std::string none = server.url("/none.crl");
+  EXPECT_EQ(tool({"crl", two}).status, 0);
+
+  const CommandResult text = tool({"crl", two, none, one});
+  EXPECT_EQ(text.status, 1);
+  EXPECT_EQ(text.err, "pkx509: " + none + kNothing);
+  const std::size_t second = text.out.find("\n" + one + ": CRL\n");
+  EXPECT_TRUE(text.out.starts_with(two + ": CRL\n")) << text.out;
+  ASSERT_NE(second, std::string::npos) << text.out;
+  EXPECT_NE(text.out.substr(0, second).find("source                        cache"),
+            std::string::npos);
+  EXPECT_NE(text.out.substr(second).find("source                        network"),
+            std::string::npos);
+
+  const CommandResult asJson = tool({"crl", "--json", one, none, two});
+  EXPECT_EQ(asJson.status, 1);
+  EXPECT_EQ(asJson.err, text.err);
+  const json objects = parsed(asJson);
+  ASSERT_EQ(objects.size(), 2U);
+  EXPECT_EQ(objects.at(0).at("file"), one);
+  EXPECT_EQ(objects.at(0).at("crlNumber"), "01");
+  EXPECT_EQ(objects.at(1).at("file"), two);
+  EXPECT_EQ(objects.at(1).at("crlNumber"), "02");
+}
+
+TEST_F(ToolCRL, WhatIsNoUri_IsRefused_BeforeAnythingIsFetched) {
+  const std::string uri = publish({});
+  for (const char* text : {"", "ca.crl", "http://[::1/ca.crl", "http://host:99999/ca.crl", "a b"}) {
+    SCOPED_TRACE(text);
+    const CommandResult result = tool({"crl", uri, text});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "pkx509: \"" + std::string(text) + "\" is no URI\n");
+  }
+  const CommandResult escaped = tool({"crl", "\x1b[31m\n"});
+  EXPECT_EQ(escaped.status, 2);
+  EXPECT_EQ(escaped.err, "pkx509: \"\\1B[31m\\0A\" is no URI\n");
+  // The wording of these is the command-line parser's.
+  for (const Arguments& arguments :
+       {Arguments{"crl"}, {"crl", "--json"}, {"crl", uri, "--nonsense"}}) {
+    const CommandResult result = tool(arguments);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(linesIn(result.err), 1) << result.err;
+  }
+  EXPECT_TRUE(cached().empty());
+  EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(ToolCRL, OtherSchemes_AreNotHandled_WhichALogLineTells) {
+  for (const std::string uri : {"ldap://localhost/o=x", "ftp://localhost/ca.crl", "file:///ca.crl",
+                                "urn:crl", "ldaps://localhost/o=x?crl?base"}) {
+    SCOPED_TRACE(uri);
+    const CommandResult result = tool(crl(uri));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, uri + ": <7> Crypto::URILookup. Scheme not handled. " + uri +
+                              "\npkx509: " + uri + kNothing);
+  }
+}
+
+TEST_F(ToolCRL, WhatIsNoCRL_IsStatusOne_AndNotStored) {
+  const std::string uri = publish({});
+  const std::string cut = published.substr(0, published.size() / 2);
+  struct Row {
+    const char* name;
+    Script script;
+  };
+  const std::vector<Row> rows = {
+      {"HTML", Scripts::html()},
+      {"not found", Scripts::notFound()},
+      {"redirect", Scripts::redirect(uri)},
+      {"garbage", Scripts::garbage()},
+      {"closed", Scripts::closeAtOnce()},
+      {"reset", Scripts::resetAtOnce()},
+      {"cut short", Scripts::cutShort(published.substr(0, 10), published.size())},
+      {"half a CRL", Scripts::answer(cut)},
+      {"nothing", Scripts::answer("")},
+      {"certificate", Scripts::answer(pem(ca.get()))},
+      {"endless header", Scripts::endlessHeaders()},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const FaultServer bad(row.script);
+    const CommandResult result = tool(crl(bad.url("/ca.crl")));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "pkx509: " + bad.url("/ca.crl") + kNothing);
+    EXPECT_EQ(bad.connections().size(), 1U);
+  }
+  EXPECT_TRUE(cached().empty());
+  EXPECT_TRUE(server.requests().empty()) << "the redirect was followed";
+}
+
+TEST_F(ToolCRL, ServerThatIsDown_IsStatusOne) {
+  const ReservedPort port;
+  const std::string uri = "http://127.0.0.1:" + port.text() + "/ca.crl";
+  const CommandResult text = tool(crl(uri));
+  EXPECT_EQ(text.status, 1);
+  EXPECT_EQ(text.out, "");
+  EXPECT_EQ(text.err, "pkx509: " + uri + kNothing);
+  const CommandResult asJson = tool({"crl", "--json", uri});
+  EXPECT_EQ(asJson.status, 1);
+  EXPECT_EQ(parsed(asJson), json::array());
+  EXPECT_EQ(asJson.err, text.err);
+}
+
+TEST_F(ToolCRL, BrokenCacheEntry_IsNamed_AndReplaced) {
+  const std::string uri = publish({});
+  EXPECT_EQ(gotten(uri).at("source"), "network");
+  ASSERT_EQ(cached().size(), 1U);
+  const fs::path entry = cached().front();
+  const std::string whole = readFile(entry);
+  const std::string half = whole.substr(0, whole.size() / 2);
+  for (const std::string& broken : {half, std::string("garbage\n"), std::string("\0\xff\n", 3)}) {
+    SCOPED_TRACE(broken);
+    writeFile(entry, broken);
+    const CommandResult result = tool({"crl", "--json", uri});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(parsed(result).at(0).at("source"), "network");
+    const std::string line =
+        "pkx509: " + uri + ": the cache cannot be used: " + entry.string() + ": ";
+    EXPECT_TRUE(result.err.starts_with(line)) << result.err;
+    EXPECT_EQ(linesIn(result.err), 1) << result.err;
+    EXPECT_EQ(gotten(uri).at("source"), "cache");
+  }
+}
+
+TEST_F(ToolCRL, FileInThePlaceOfTheCache_CostsTheCacheOnly) {
+  const std::string uri = publish({});
+  fs::remove(kCrlCacheDirectory);
+  writeFile(kCrlCacheDirectory, "");
+  const CommandResult text = tool(crl(uri));
+  const CommandResult asJson = tool({"crl", "--json", uri});
+  fs::remove(kCrlCacheDirectory);
+  fs::create_directory(kCrlCacheDirectory);
+  EXPECT_EQ(text.status, 0);
+  EXPECT_NE(text.out.find("\n  source                        network\n"), std::string::npos);
+  EXPECT_EQ(text.err, "pkx509: " + uri + ": the cache cannot be used: " + kCrlCacheDirectory +
+                          ": Not a directory\n" + notStored(uri));
+  EXPECT_EQ(asJson.status, 0);
+  EXPECT_EQ(asJson.err, text.err);
+  EXPECT_EQ(parsed(asJson).at(0).at("source"), "network");
+}
+
+TEST_F(ToolCRL, CacheThatIsNotThere_IsNotMade) {
+  const std::string uri = publish({});
+  fs::remove(kCrlCacheDirectory);
+  const json fetched = gotten(uri, notStored(uri));
+  const bool made = fs::exists(kCrlCacheDirectory);
+  fs::create_directories(kCrlCacheDirectory);
+  EXPECT_EQ(fetched.at("source"), "network");
+  EXPECT_FALSE(made);
+}
+
+TEST_F(ToolCRL, CacheThatCannotBeWritten_IsTold_AlsoWhenAnOldEntryStaysInIt) {
+  const std::string uri = publish({.lastUpdate = -48h, .nextUpdate = -24h});
+  const std::string other = publish({}, "other.crl");
+  EXPECT_EQ(gotten(uri).at("source"), "network");
+  publish({.number = 2});
+  ASSERT_EQ(::chmod(kCrlCacheDirectory, 0500), 0);
+  obeyPermissions();
+  const json replaced = gotten(uri, notStored(uri));
+  const json fresh = gotten(other, notStored(other));
+  ASSERT_EQ(::chmod(kCrlCacheDirectory, 0700), 0);
+  EXPECT_EQ(replaced.at("crlNumber"), "02");
+  EXPECT_EQ(fresh.at("source"), "network");
+  EXPECT_EQ(cached().size(), 1U);
+}
+
+TEST_F(ToolCRL, Https_ShowsTheClientCertificate) {
+  const Issued name = issue({.subject = "CN=Server", .issuer = &ca});
+  const Issued client = issue({.subject = "CN=Appliance", .issuer = &ca});
+  const WebServer secure({.certificate = &name, .clientCa = &ca});
+  writeFile(secure.root() / "ca.crl", der(makeCrl({.issuer = &ca}).get()));
+  const std::string uri = secure.tlsUrl("/ca.crl");
+  const std::string apps = std::string(kAppsDirectory) + "/server.";
+
+  const auto refused = [&](const std::string& file, const std::string& reason) {
+    const CommandResult result = tool(crl(uri));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "pkx509: " + uri + ": there is no CRL: " + file + ": " + reason + "\n");
+  };
+  refused(apps + "crt", "No such file or directory");
+  writeFile(apps + "crt", pem(client.get()));
+  refused(apps + "key", "No such file or directory");
+  EXPECT_TRUE(cached().empty());
+
+  writeFile(apps + "key", pem(client.key.get()));
+  EXPECT_EQ(gotten(uri).at("source"), "network");
+  ASSERT_TRUE(secure.waitForRequests(1));
+  EXPECT_EQ(secure.requests().front().clientSubject, "CN=Appliance");
+  fs::remove(apps + "key");
+  EXPECT_EQ(gotten(uri).at("source"), "cache");
+}
+
+TEST_F(ToolCRL, NamesInTheCRL_ReachTheTerminalEscaped) {
+  const std::string uri = publish({.issuerName = "CN=a\x1b[31m\nb\xc2\x9b\xe2\x80\xae"});
+  const CommandResult result = tool(crl(uri));
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.out.find('\x1b'), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("CN=a\\1B[31m\\0Ab"), std::string::npos) << result.out;
+}
+
+TEST_F(ToolCRL, Help_NamesEverything) {
+  const CommandResult help = tool({"crl", "--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_EQ(help.err, "");
+  for (const char* text : {"URI", "--json", "--help", kCrlCacheDirectory, kAppsDirectory,
+                           "Nothing is verified", "Exit status", "Examples"}) {
+    EXPECT_NE(help.out.find(text), std::string::npos) << text;
+  }
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
