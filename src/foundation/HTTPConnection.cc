@@ -220,6 +220,7 @@ int Connection::readAnswer() {
   constexpr std::size_t kReadAhead = std::size_t{64} * 1024;
   const NetworkTimer timer(queryTimeLeft());
   boost::beast::flat_buffer buffer(kMaximumHeader + kReadAhead);
+  buffer.reserve(kReadAhead);  // Beast reads as much as there is room for: else 512 bytes at a time
   Parser parser;
   parser.header_limit(kMaximumHeader);
   parser.body_limit(maxContent_);
