@@ -12,7 +12,8 @@
 
 namespace {
 
-// Collects the processor time of every repetition while the console shows them.
+// Collects the time of every repetition while the console shows them: the processor's, or that on
+// the wall of benchmarks in which others work as well.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
@@ -24,8 +25,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
       if (slash == std::string::npos) continue;
       const std::string group = name.substr(0, slash);
       if (times_.count(group) == 0) order_.push_back(group);
-      times_[group][name.substr(slash + 1)].push_back(run.cpu_accumulated_time /
-                                                      static_cast<double>(run.iterations));
+      const double time = run.run_name.time_type == "real_time" ? run.real_accumulated_time
+                                                                : run.cpu_accumulated_time;
+      times_[group][name.substr(slash + 1)].push_back(time / static_cast<double>(run.iterations));
     }
   }
 
@@ -36,7 +38,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
       for (const auto& [name, values] : variants) {
         if (name.rfind("library", 0) != 0) continue;
         std::printf("%-44s %-24s", group.c_str(), name.c_str());
-        for (const char* other : {"openssl", "floor"}) {
+        for (const char* other : {"openssl", "curl", "floor"}) {
           const auto found = variants.find(other);
           if (found == variants.end()) continue;
           std::printf("  %.2f of %s", median(values) / median(found->second), other);
