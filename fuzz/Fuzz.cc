@@ -1,0 +1,70 @@
+#include "Fuzz.h"
+
+#include <velantrix/Logger.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <string_view>
+
+namespace Velantrix::Fuzz {
+
+namespace {
+
+using Crypto::PKX509::DistinguishedName;
+
+bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
+
+bool hasControl(std::string_view text) { return std::any_of(text.begin(), text.end(), isControl); }
+
+class CheckedLog : public Logger {
+ public:
+  void write(unsigned int /*category*/, unsigned int /*flags*/, const char* format, ...) override
+      __attribute__((format(printf, 4, 5))) {
+    std::array<char, 16384> line{};
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
+    va_end(arguments);
+    PKX509_ASSERT(length > 0);
+    const std::string_view shown(line.data(),
+                                 std::min(static_cast<std::size_t>(length), line.size() - 1));
+    const std::size_t mark = shown.find('\x01');  // the end of the priority
+    PKX509_ASSERT(mark != std::string_view::npos);
+    PKX509_ASSERT(!hasControl(shown.substr(mark + 1)));
+  }
+};
+
+}  // namespace
+
+void begin() {
+  static CheckedLog* const log = [] {
+    auto* const made = new CheckedLog;  // never destroyed, as the library's own
+    Logger::install(made);
+    return made;
+  }();
+  static_cast<void>(log);
+  ERR_clear_error();
+}
+
+void checkName(const DistinguishedName& name) {
+  std::string shown;
+  std::uint32_t hash = 0;
+  if (!accepted([&] { shown = name.asString(); })) return;
+  PKX509_ASSERT(accepted([&] { hash = name.hash(); }));
+  PKX509_ASSERT(name == name);
+  PKX509_ASSERT(shown.empty() == name.empty());
+  PKX509_ASSERT(!hasControl(shown));
+  if (name.empty()) return;
+
+  DistinguishedName again;
+  PKX509_ASSERT(accepted([&] { again = DistinguishedName(shown); }));
+  PKX509_ASSERT(!again.empty());
+  PKX509_ASSERT(again == name && name == again);
+  PKX509_ASSERT(again.hash() == hash);
+  // What was not quite DER may have had the parts of an RDN in another order.
+  PKX509_ASSERT(DistinguishedName(again.asString()).asString() == again.asString());
+}
+
+}  // namespace Velantrix::Fuzz
