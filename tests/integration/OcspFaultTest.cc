@@ -53,7 +53,9 @@ TEST_F(OcspFaults, Request_IsExactlyTheseBytes) {
     SCOPED_TRACE(row.path);
     Asking asking(world, {leaf, root});
     EXPECT_EQ(asking.ask(base + row.path), 0);
-    const std::string request = server.requests().back();
+    const std::vector<std::string> requests = server.requests();
+    ASSERT_FALSE(requests.empty());
+    const std::string& request = requests.back();
     const std::string body = httpBody(request);
     EXPECT_EQ(request, row.line +
                            "\r\nContent-Type: application/ocsp-request\r\nContent-Length: "s +
@@ -296,7 +298,7 @@ TEST_F(OcspFaults, NoIssuerInTheChain_ConnectsAndAsksNothing) {
   }
   ASSERT_TRUE(server.waitForEnds(1));
   EXPECT_EQ(server.connections().size(), 1U);
-  EXPECT_EQ(server.connections().front().received, "");
+  EXPECT_EQ(server.connections().at(0).received, "");
   EXPECT_EQ(log.text(), "");
 }
 
@@ -311,8 +313,8 @@ TEST_F(OcspFaults, ConnectFailed_IsALineAndThenNoAnswerWithALineWithoutText) {
   log.clear();
   EXPECT_EQ(asking.client.isRevoked(asking.chain.front()), 2);
   ASSERT_EQ(log.lines().size(), 1U);
-  EXPECT_EQ(log.lines().front().format, "%d\x01%s");
-  EXPECT_EQ(log.lines().front().raw, "0\x01");
+  EXPECT_EQ(log.lines().at(0).format, "%d\x01%s");
+  EXPECT_EQ(log.lines().at(0).raw, "0\x01");
 }
 
 TEST_F(OcspFaults, SameUri_KeepsTheConnectionAndItsFailureToo) {
@@ -348,7 +350,7 @@ TEST_F(OcspFaults, AnotherUri_DropsTheConnection) {
   EXPECT_TRUE(first.requests().empty());
   // The same host and another path are another URI.
   EXPECT_EQ(asking.ask(second.url("/other")), 1);
-  EXPECT_EQ(second.requests().back().substr(0, 13), "POST //other ");
+  EXPECT_EQ(second.requests().at(1).substr(0, 13), "POST //other ");
 }
 
 TEST_F(OcspFaults, AnotherUriThatIsRefused_LeavesNoConnection) {

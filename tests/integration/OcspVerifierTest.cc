@@ -84,7 +84,7 @@ TEST_F(OcspVerification, Revoked_IsFinalWithoutCrls) {
   EXPECT_EQ(X509_STORE_CTX_get_error_depth(verifier), 0);
   EXPECT_EQ(world.source->crlQueries, 0);
   EXPECT_EQ(log.text(), kMisplaced + verdictLine(leaf, kRevoked));
-  EXPECT_EQ(log.lines().front().raw, "0\x01");
+  EXPECT_EQ(log.lines().at(0).raw, "0\x01");
 }
 
 TEST_F(OcspVerification, Good_ComesBeforeTheCrlThatRevokes) {
@@ -193,7 +193,7 @@ TEST_F(OcspVerification, CrlCheckAlone_NoIssuerIsInTheListAndTheCrlsDecide) {
   EXPECT_EQ(verdict(leaf, X509_V_FLAG_CRL_CHECK), 0) << log.text();
   ASSERT_TRUE(server.waitForEnds(1));
   EXPECT_EQ(server.connections().size(), 1U);
-  EXPECT_EQ(server.connections().front().received, "");
+  EXPECT_EQ(server.connections().at(0).received, "");
   EXPECT_GT(world.source->crlQueries, 0);
 }
 
@@ -249,13 +249,27 @@ TEST_F(OcspVerification, ForgedLeaf_NobodyIsConnectedTo) {
                       "sign: CN=Forged,O=Test"),
             1U)
       << log.text();
-  EXPECT_EQ(log.lines().front().priority, 6);
+  EXPECT_EQ(log.lines().at(0).priority, 6);
   world.source->crls.clear();
   EXPECT_EQ(verdict(forged), kNoCrl);
   EXPECT_TRUE(watch.ports().empty());
   // With the same names and an honest signature the responder is asked.
   EXPECT_EQ(verdict(person({server.url()})), kRevoked);
   EXPECT_EQ(watch.ports().size(), 1U);
+}
+
+TEST_F(OcspVerification, ForgersWords_StayOneLineOfTheLog) {
+  const ReservedPort port;
+  const Issued forged =
+      naming({"http://127.0.0.1:" + port.text()},
+             {.subject = "CN=a\n6 b\x1b[2J", .issuer = &root, .badSignature = true});
+  const ConnectWatch watch;
+  EXPECT_EQ(verdict(forged), kNoCrl);
+  EXPECT_TRUE(watch.ports().empty());
+  EXPECT_EQ(log.count("CN=a\\0A6 b\\1B[2J"), 2U) << log.text();  // the refusal and the verdict
+  for (const std::string& text : log.texts()) {
+    EXPECT_EQ(text.find_first_of("\n\x1b"), std::string::npos) << text;
+  }
 }
 
 TEST_F(OcspVerification, ForgedIntermediate_OnlyTheLeafsResponderIsConnectedTo) {

@@ -236,10 +236,10 @@ TEST_F(OcspClient, NeverConnected_IsNoAnswerAndALineWithoutText) {
   OCSP::Client client(verifier, chain);
   EXPECT_EQ(client.isRevoked(handle(leaf)), 2);
   ASSERT_EQ(log.lines().size(), 1U);
-  EXPECT_EQ(log.lines().front().category, 0x4000000U);
-  EXPECT_EQ(log.lines().front().flags, 0U);
-  EXPECT_EQ(log.lines().front().format, "%d\x01%s");
-  EXPECT_EQ(log.lines().front().raw, "0\x01");
+  EXPECT_EQ(log.lines().at(0).category, 0x4000000U);
+  EXPECT_EQ(log.lines().at(0).flags, 0U);
+  EXPECT_EQ(log.lines().at(0).format, "%d\x01%s");
+  EXPECT_EQ(log.lines().at(0).raw, "0\x01");
 }
 
 TEST_F(OcspClient, EmptyHandles_AreNoAnswer) {
