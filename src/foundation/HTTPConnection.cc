@@ -15,7 +15,10 @@
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/optional.hpp>
+#include <boost/system/error_code.hpp>
 
+#include <cerrno>
+#include <fcntl.h>
 #include <variant>
 
 namespace Velantrix::LW::HTTP {
@@ -59,6 +62,17 @@ struct Content {
     Buffer*& body_;
   };
 };
+
+// A program that is started meanwhile must not inherit the connection; Asio leaves that to its
+// users.
+error_code openSocket(Tcp::socket& socket, const Tcp& protocol) {
+  error_code error;
+  socket.open(protocol, error);
+  if (!error && ::fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC) != 0) {
+    error = error_code(errno, boost::system::system_category());
+  }
+  return error;
+}
 
 using Parser = http::response_parser<Content>;
 
@@ -161,8 +175,11 @@ bool Connection::open() {
   if (timer.expired()) return false;
   transport_ = std::make_unique<Transport>(*stream_);
   Tcp::socket& socket = transport_->socket();
-  error_code error = transport_->run(
-      timer.deadline(), [&](auto done) { socket.async_connect(*endpoint_, std::move(done)); });
+  error_code error = openSocket(socket, endpoint_->protocol());
+  if (!error) {
+    error = transport_->run(timer.deadline(),
+                            [&](auto done) { socket.async_connect(*endpoint_, std::move(done)); });
+  }
   if (!error) {
     error_code ignored;  // a header and a body that leave one after the other need not wait
     socket.set_option(Tcp::no_delay(true), ignored);

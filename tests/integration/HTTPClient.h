@@ -28,7 +28,7 @@ namespace Velantrix::Test {
 namespace HTTP = LW::HTTP;
 
 /// What a bound on time may be passed by until a busy machine has noticed.
-inline constexpr std::chrono::milliseconds kSlack{500};
+inline constexpr std::chrono::milliseconds kSlack{1500};
 
 class HTTPClient {
  public:

@@ -9,6 +9,7 @@
 #include <velantrix/Uri.h>
 
 #include <cstdint>
+#include <fcntl.h>
 #include <future>
 #include <gtest/gtest.h>
 #include <string>
@@ -319,6 +320,24 @@ TEST(HTTPConnection, PeerClosesWhileTheRequestIsSent_HasClosed) {
   EXPECT_EQ(client->receive(), Connection::kClosed);
   EXPECT_TRUE(watch.tookNoTime());
   EXPECT_EQ(client.content(), "");
+}
+
+// The descriptors of this process that a program it starts would inherit.
+std::vector<int> inheritable() {
+  std::vector<int> found;
+  for (int descriptor = 3; descriptor < 1000; ++descriptor) {
+    const int flags = ::fcntl(descriptor, F_GETFD);
+    if (flags != -1 && (flags & FD_CLOEXEC) == 0) found.push_back(descriptor);
+  }
+  return found;
+}
+
+TEST(HTTPConnection, Connection_IsNotInheritedByOtherPrograms) {
+  const FaultServer server(Scripts::silence());
+  const std::vector<int> before = inheritable();
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  EXPECT_EQ(inheritable(), before);
 }
 
 TEST(HTTPConnection, NobodyListens_IsNotConnected) {

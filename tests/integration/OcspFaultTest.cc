@@ -86,7 +86,11 @@ TEST_F(OcspFaults, WrongAnswers_AreNoAnswer) {
       {"right and 1 MiB long", Scripts::answer(whole + std::string(kMost - whole.size(), 'x')), 0,
        ""},
       {"closed at once", Scripts::closeAtOnce(), 2, noData},
-      {"reset at once", Scripts::resetAtOnce(), 2, noData},
+      {"reset after the request",
+       [](Peer& peer) {
+         if (peer.readRequest()) peer.reset();
+       },
+       2, noData},
       {"closed after the request", Scripts::raw(""), 2, noData},
       {"cut short", Scripts::cutShort(whole, whole.size() + 1), 2, noData},
       {"garbage for a header", Scripts::garbage(), 2, noData},
@@ -127,6 +131,17 @@ TEST_F(OcspFaults, WrongAnswers_AreNoAnswer) {
     EXPECT_EQ(ERR_peek_error(), 0UL);
     EXPECT_EQ(server.connections().size(), 1U);
   }
+}
+
+TEST_F(OcspFaults, ResetAtOnce_IsNoConnectionOrNoData) {
+  const FaultServer server(Scripts::resetAtOnce());
+  Asking asking(world, {leaf, root});
+  // The reset can come before the client has looked at what became of its connection.
+  const bool connected = asking.client.connect(Uri(server.url()));
+  EXPECT_EQ(log.text(), connected ? "" : unreachableLine(server.url()));
+  log.clear();
+  EXPECT_EQ(asking.client.isRevoked(asking.chain.front()), 2);
+  EXPECT_EQ(log.text(), connected ? noDataLine(leaf) : kMisplaced);
 }
 
 TEST_F(OcspFaults, SlowAnswers_EndAtTheQueryTime) {

@@ -322,12 +322,18 @@ TEST_F(ToolCRL, Https_ShowsTheClientCertificate) {
 }
 
 TEST_F(ToolCRL, NamesInTheCRL_ReachTheTerminalEscaped) {
-  const std::string uri = publish({.issuerName = "CN=a\x1b[31m\nb\xc2\x9b\xe2\x80\xae"});
+  const std::string nasty = "a\x1b[31m\nb\xc2\x9b\xe2\x80\xae";
+  const std::string uri = publish({.issuerName = "CN=" + nasty,
+                                   .idp = IssuingDistributionPoint{.fullNames = {"URI:" + nasty}}});
   const CommandResult result = tool(crl(uri));
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
-  EXPECT_EQ(result.out.find('\x1b'), std::string::npos) << result.out;
-  EXPECT_NE(result.out.find("CN=a\\1B[31m\\0Ab"), std::string::npos) << result.out;
+  for (const char* raw : {"\x1b", "\xc2\x9b", "\xe2\x80\xae"}) {
+    EXPECT_EQ(result.out.find(raw), std::string::npos) << result.out;
+  }
+  for (const char* escaped : {"CN=a\\1B[31m\\0Ab", "URI:a\\1B[31m\\0Ab"}) {
+    EXPECT_NE(result.out.find(escaped), std::string::npos) << result.out;
+  }
 }
 
 TEST_F(ToolCRL, Help_NamesEverything) {
