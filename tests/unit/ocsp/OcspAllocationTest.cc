@@ -2,68 +2,37 @@
 // not better than the right one, never a crash or a leak. This program replaces OpenSSL's
 // allocator, which has to happen before OpenSSL allocates for the first time.
 #include "support/OcspBuilder.h"
+#include "support/StarvedOpenSSL.h"
 #include "unit/ocsp/Bytes.h"
 #include "unit/verify/World.h"
 
-#include <openssl/crypto.h>
 #include <openssl/err.h>
 
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <new>
 
 namespace Velantrix::Test {
 namespace {
 
-constexpr long kNever = -1;
-
-// How many allocations succeed before the first that fails, and whether those after it fail too.
-long g_left = kNever;
-bool g_forGood = false;
-bool g_refused = false;
-
-bool mayAllocate() {
-  if (g_left == kNever) return true;
-  if (g_left > 0) {
-    --g_left;
-    return true;
-  }
-  g_refused = true;
-  if (!g_forGood) g_left = kNever;
-  return false;
-}
-
-void* allocate(std::size_t size, const char*, int) {
-  return mayAllocate() ? std::malloc(size) : nullptr;
-}
-void* reallocate(void* memory, std::size_t size, const char*, int) {
-  return mayAllocate() ? std::realloc(memory, size) : nullptr;
-}
-void release(void* memory, const char*, int) { std::free(memory); }
-
-const bool g_replaced = CRYPTO_set_mem_functions(allocate, reallocate, release) == 1;
-
 /// Fails the first allocation of a scenario, then the second and so on, each time only that one or
 /// all after it too, until the scenario passes without any failing.
 template <class Scenario>
 void walk(Scenario scenario) {
-  ASSERT_TRUE(g_replaced);
+  ASSERT_TRUE(Starvation::possible());
   scenario();  // what is allocated once for all is allocated now
   for (const bool forGood : {false, true}) {
     constexpr long kMost = 20000;
     long first = 0;
     for (; first < kMost; ++first) {
-      g_refused = false;
-      g_forGood = forGood;
-      g_left = first;
+      const Starvation starvation(first, forGood);
       try {
         scenario();
       } catch (const Exception&) {
       } catch (const std::bad_alloc&) {
       }
-      g_left = kNever;
+      Starvation::end();
       ERR_clear_error();
-      if (!g_refused) break;
+      if (!Starvation::refused()) break;
     }
     EXPECT_LT(first, kMost);
     EXPECT_GT(first, 1);

@@ -1,43 +1,13 @@
 // What a verifier does when OpenSSL gets no memory. This program replaces OpenSSL's allocator,
 // which has to happen before OpenSSL allocates for the first time.
+#include "support/StarvedOpenSSL.h"
 #include "unit/verify/World.h"
 
-#include <openssl/crypto.h>
-
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <new>
 
 namespace Velantrix::Test {
 namespace {
-
-constexpr long kNever = -1;
-
-// How many allocations succeed before the first that fails, and whether those after it fail too.
-long g_left = kNever;
-bool g_forGood = false;
-bool g_refused = false;
-
-bool mayAllocate() {
-  if (g_left == kNever) return true;
-  if (g_left > 0) {
-    --g_left;
-    return true;
-  }
-  g_refused = true;
-  if (!g_forGood) g_left = kNever;
-  return false;
-}
-
-void* allocate(std::size_t size, const char*, int) {
-  return mayAllocate() ? std::malloc(size) : nullptr;
-}
-void* reallocate(void* memory, std::size_t size, const char*, int) {
-  return mayAllocate() ? std::realloc(memory, size) : nullptr;
-}
-void release(void* memory, const char*, int) { std::free(memory); }
-
-const bool g_replaced = CRYPTO_set_mem_functions(allocate, reallocate, release) == 1;
 
 struct Outcome {
   enum Kind { Verdict, OwnException, NoMemory } kind;
@@ -48,9 +18,7 @@ struct Outcome {
 // it.
 Outcome attempt(const World& world, const RefCertificate& target, bool useOpenSSL, long first,
                 bool forGood) {
-  g_refused = false;
-  g_forGood = forGood;
-  g_left = first;
+  const Starvation starvation(first, forGood);
   Outcome outcome{Outcome::NoMemory, 0};
   try {
     Verifier verifier(world.store, target, useOpenSSL);
@@ -59,7 +27,7 @@ Outcome attempt(const World& world, const RefCertificate& target, bool useOpenSS
     outcome.kind = Outcome::OwnException;
   } catch (const std::bad_alloc&) {
   }
-  g_left = kNever;
+  Starvation::end();
   ERR_clear_error();
   return outcome;
 }
@@ -68,7 +36,7 @@ int storeGetCrl(X509_STORE_CTX*, X509_CRL**, X509*) { return 0; }
 int storeCertCrl(X509_STORE_CTX*, X509_CRL*, X509*) { return 1; }
 int storeCheckRevocation(X509_STORE_CTX*) { return 1; }
 
-TEST(VerifierAllocation, Allocator_IsReplaced) { EXPECT_TRUE(g_replaced); }
+TEST(VerifierAllocation, Allocator_IsReplaced) { EXPECT_TRUE(Starvation::possible()); }
 
 TEST(VerifierAllocation, FailedConstruction_IsTheVerifiersExceptionAndTheStoreIsAsItWas) {
   const World world;
@@ -83,13 +51,11 @@ TEST(VerifierAllocation, FailedConstruction_IsTheVerifiersExceptionAndTheStoreIs
     bool refused = true;
     for (long first = 0; refused; ++first) {
       SCOPED_TRACE(first);
-      g_refused = false;
-      g_forGood = true;
-      g_left = first;
+      const Starvation starvation(first, true);
       try {
         const Verifier verifier(world.store, RefCertificate(), useOpenSSL);
       } catch (const Exception& e) {
-        g_left = kNever;
+        Starvation::end();
         ++exceptions;
         if (e.context() == "X509::Verifier") {
           EXPECT_EQ(e.code(), 4);
@@ -98,8 +64,8 @@ TEST(VerifierAllocation, FailedConstruction_IsTheVerifiersExceptionAndTheStoreIs
         }
       } catch (const std::bad_alloc&) {
       }
-      g_left = kNever;
-      refused = g_refused;
+      Starvation::end();
+      refused = Starvation::refused();
       ERR_clear_error();
       EXPECT_EQ(X509_STORE_get_get_crl(store), storeGetCrl);
       EXPECT_EQ(X509_STORE_get_cert_crl(store), storeCertCrl);
@@ -131,7 +97,7 @@ TEST(VerifierAllocation, RevokedCertificate_IsNeverValid) {
             << "allocation " << first << (useOpenSSL ? ", OpenSSL's check" : "")
             << (forGood ? ", none after it" : "");
         ++first;
-      } while (g_refused && first < 20000);
+      } while (Starvation::refused() && first < 20000);
       EXPECT_GT(first, 50);  // a run makes that many allocations at the very least
     }
   }
@@ -150,20 +116,18 @@ TEST(VerifierAllocation, OnlyPolicyThatIsNotAccepted_IsNeverForgotten) {
   for (const bool forGood : {false, true}) {
     long first = 0;
     do {
-      g_refused = false;
-      g_forGood = forGood;
-      g_left = first++;
+      const Starvation starvation(first++, forGood);
       int verdict = -1;
       try {
         Verifier verifier(world.store, handle(leaf), RefStackOfCertificate(), config, false);
-        g_left = kNever;
+        Starvation::end();
         verdict = verifier.isValid();
       } catch (const std::exception&) {
       }
-      g_left = kNever;
+      Starvation::end();
       ERR_clear_error();
       EXPECT_NE(verdict, 0) << "allocation " << first - 1;
-    } while (g_refused);
+    } while (Starvation::refused());
   }
 }
 
