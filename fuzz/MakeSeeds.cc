@@ -136,8 +136,10 @@ std::vector<std::pair<std::string, Owned<X509_CRL>>> crls() {
   add("critical", critical);
   CrlOptions forged = crlOptions();
   forged.badSignature = true;
-  forged.lastUpdate = "20980101000000Z";
   add("forged", forged);
+  CrlOptions future = crlOptions();
+  future.lastUpdate = "20980101000000Z";
+  add("future", future);
   return made;
 }
 
@@ -263,6 +265,7 @@ void nameSeeds() {
       {"text-hex", "CN=#0c03414243,1.2.3.4=#0401ff,OID.2.5.4.3=x"},
       {"text-long-names", "commonName=x,DC=example,UID=1,STREET=s,ST=t,serialNumber=7"},
       {"text-bidi", "CN=a\xe2\x80\xae\xc2\x85 \xf0\x9f\x98\x80"},
+      {"text-controls", "CN=a\\0Ab\\00c\\7F"},
       {"text-multi", "CN=a+CN=b+O=c"},
       {"text-empty-value", "CN=,O="},
       {"text-broken", "CN=a,=b"},
@@ -342,6 +345,10 @@ void httpSeeds() {
       {"old", "HTTP/0.9 200 OK\r\n\r\nbody"},
       {"folded", ok + "X: a\r\n b\r\n\r\nbody"},
       {"long-header", ok + "X: " + std::string(17000, 'x') + "\r\n\r\nbody"},
+      {"too-large", ok + "\r\n" + std::string(70, 'x')},
+      {"too-large-length", ok + "Content-Length: 70\r\n\r\n" + std::string(70, 'x')},
+      {"too-large-chunks",
+       ok + "Transfer-Encoding: chunked\r\n\r\n46\r\n" + std::string(70, 'x') + "\r\n0\r\n\r\n"},
       {"empty", ""},
   };
   for (const auto& [name, text] : answers) seed("http_answer", name, '\x08' + text);

@@ -25,7 +25,8 @@ constexpr int kOther = 1;
 constexpr int kTarget = 2;
 constexpr int kFirstSerial = 0x11;
 
-// Reads choices off the input. When it has come to its end every choice is the first one.
+// Reads choices off the input. When it has come to its end every choice is the first one, which is
+// the one in order. It has most of the chances too: what is wrong with one CRL hides the others.
 class Choices {
  public:
   Choices(const std::uint8_t* data, std::size_t size) : data_(data), end_(data + size) {}
@@ -81,7 +82,7 @@ class Reader {
     made.signer = kRoot;
     made.ca = choices_.one(3);
     made.keyUsage = made.ca ? KU_KEY_CERT_SIGN | KU_CRL_SIGN : KU_DIGITAL_SIGNATURE;
-    for (int i = choices_.below(4); i > 0; --i) {
+    for (int i = choices_.pick({0, 0, 0, 1, 2, 3}); i > 0; --i) {
       PointDescription point;
       point.name = pointName();
       if (choices_.one(3)) point.reasons = reasons();
@@ -95,17 +96,18 @@ class Reader {
   void addCrl() {
     const int index = static_cast<int>(pki_.crls.size());
     CrlDescription made{.label = "crl " + std::to_string(index)};
-    made.issuer = choices_.pick({kRoot, kRoot, kOther});
+    made.issuer = choices_.one(5) ? kOther : kRoot;
     made.signer = choices_.one(16) ? kTarget : made.issuer;
     made.brokenSignature = choices_.one(16);
-    made.authorityKeyId = choices_.pick({KeyId::Right, KeyId::Right, KeyId::Absent, KeyId::Wrong});
-    made.number = choices_.below(4);
+    made.authorityKeyId = choices_.pick({KeyId::Right, KeyId::Right, KeyId::Right, KeyId::Absent,
+                                         KeyId::Right, KeyId::Right, KeyId::Right, KeyId::Wrong});
+    made.number = 2 + choices_.below(4);
     if (choices_.one(8)) made.number.reset();
-    if (choices_.one(3)) made.base = choices_.below(4);
-    made.from = choices_.pick({-10, -9, -8, -7, 3});
-    made.until = choices_.pick({30, 30, 30, -1, 4});
+    if (choices_.one(2)) made.base = 1 + choices_.below(4);
+    made.from = choices_.pick({-10, -9, -8, -7, -10, -9, -8, 3});
+    made.until = choices_.pick({30, 30, 30, 30, 4, 30, 30, -1});
     if (choices_.one(8)) made.until.reset();
-    if (choices_.one(2)) made.scope = scope();
+    if (choices_.one(4)) made.scope = scope();
     made.unknownCritical = choices_.one(16);
     for (int i = choices_.below(4); i > 0; --i) addEntry(made);
     pki_.crls.push_back(made);
@@ -117,8 +119,8 @@ class Reader {
     EntryDescription made;
     made.serial = choices_.pick(
         {kFirstSerial + kTarget, kFirstSerial + kTarget, kFirstSerial + kOther, 0x70});
-    made.reason = choices_.pick({kAbsent, 0, 1, 6, 8, 10});
-    if (choices_.one(4)) made.certificateIssuer = name();
+    made.reason = choices_.pick({kAbsent, 1, 8, 0, 8, 6, 10});
+    if (choices_.one(8)) made.certificateIssuer = name();
     made.unknownCritical = choices_.one(16);
     // Which one of two entries for one number counts is OpenSSL's choice.
     const bool there =
@@ -181,7 +183,7 @@ class Reader {
   }
 
   // Where it is filed: mostly where it is looked for.
-  Name crlName() { return choices_.one(2) ? name() : Name{"O=Test", "CN=Root"}; }
+  Name crlName() { return choices_.one(4) ? name() : Name{"O=Test", "CN=Root"}; }
 
   Choices choices_;
   Description pki_;

@@ -54,6 +54,10 @@ void checkPointName(const CRLDistributionPointName& name) {
   // A relative name is completed as text, and that must be a name again.
   std::string relative;
   if (!accepted([&] { relative = name.relativeName(); }) || relative.empty()) return;
+  const DistinguishedName alone(relative);
+  const X509_NAME_ENTRY* const last =
+      X509_NAME_get_entry(alone.native(), X509_NAME_entry_count(alone.native()) - 1);
+  PKX509_ASSERT(last != nullptr && X509_NAME_ENTRY_set(last) == 0);  // a single RDN
   DistinguishedName completed;
   PKX509_ASSERT(accepted([&] { completed = DistinguishedName(relative + ",CN=Issuer"); }));
   PKX509_ASSERT(!completed.empty());

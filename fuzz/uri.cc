@@ -54,6 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     PKX509_ASSERT(isPrintableAscii(*part));
   }
   PKX509_ASSERT(uri.scheme().size() > 1 && uri.scheme().find(':') == uri.scheme().size() - 1);
+  PKX509_ASSERT(std::none_of(uri.scheme().begin(), uri.scheme().end(),
+                             [](char c) { return c >= 'A' && c <= 'Z'; }));
   PKX509_ASSERT(!uri.path().empty());
   PKX509_ASSERT(uri.path().find_first_of("?#") == std::string::npos);
   PKX509_ASSERT(uri.canonicalized().starts_with(uri.scheme()));
