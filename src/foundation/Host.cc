@@ -2,8 +2,7 @@
 
 #include <velantrix/Host.h>
 
-#include <boost/asio/error.hpp>
-#include <boost/asio/ip/address.hpp>
+#include <vector>
 
 namespace Velantrix {
 
@@ -14,11 +13,8 @@ std::string IPAddress::asString(bool plain) const {
 
 const IPAddress& Host::address() const {
   if (!address_.has_value()) {
-    const std::string& name = name_.asString();
-    // The parser sees C strings: it would take an address with more behind a NUL for an address.
-    boost::system::error_code notNumeric = boost::asio::error::invalid_argument;
-    if (name.find('\0') == std::string::npos) boost::asio::ip::make_address(name, notNumeric);
-    address_ = IPAddress(notNumeric ? resolveHost(name) : name);
+    const std::vector<std::string> addresses = resolveHost(name_.asString());
+    address_ = addresses.empty() ? IPAddress() : IPAddress(addresses.front());
   }
   return *address_;
 }

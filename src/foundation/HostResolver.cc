@@ -2,6 +2,8 @@
 
 #include "foundation/NetworkUse.h"
 
+#include <boost/asio/ip/address.hpp>
+
 #include <algorithm>
 #include <ares.h>
 #include <arpa/inet.h>
@@ -13,6 +15,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace Velantrix {
@@ -26,6 +29,7 @@ constexpr std::size_t kMaximumName = 254;
 // A name server gets this long before it is asked again, or the next one is.
 constexpr int kTryMilliseconds = 1500;
 constexpr int kTries = 3;
+constexpr std::size_t kMaximumAddresses = 16;
 
 struct DestroyChannel {
   void operator()(ares_channel channel) const noexcept { ares_destroy(channel); }
@@ -58,7 +62,7 @@ std::string numericForm(const sockaddr* address) {
 // One question, and the sockets that c-ares asks it on.
 class Resolution {
  public:
-  std::string run(const std::string& name) {
+  std::vector<std::string> run(const std::string& name) {
     const NetworkTimer timer(kResolveTime);
     if (timer.expired() || !open()) return {};
     ares_addrinfo_hints hints{};
@@ -67,7 +71,7 @@ class Resolution {
     while (!answered_ && !timer.expired()) step(timer.deadline());
     // Answers what is still open, so that nothing comes back here later.
     channel_.reset();
-    return address_;
+    return std::move(addresses_);
   }
 
  private:
@@ -78,12 +82,14 @@ class Resolution {
     resolution.answered_ = true;
     if (status != ARES_SUCCESS || found == nullptr) return;
     try {
-      for (const ares_addrinfo_node* node = found->nodes; node != nullptr; node = node->ai_next) {
-        resolution.address_ = numericForm(node->ai_addr);
-        if (!resolution.address_.empty()) return;
+      for (const ares_addrinfo_node* node = found->nodes;
+           node != nullptr && resolution.addresses_.size() < kMaximumAddresses;
+           node = node->ai_next) {
+        std::string address = numericForm(node->ai_addr);
+        if (!address.empty()) resolution.addresses_.push_back(std::move(address));
       }
     } catch (const std::bad_alloc&) {
-      resolution.address_.clear();
+      resolution.addresses_.clear();
     }
   }
 
@@ -145,14 +151,19 @@ class Resolution {
 
   Channel channel_;
   std::vector<pollfd> sockets_;
-  std::string address_;
+  std::vector<std::string> addresses_;
   bool answered_ = false;
 };
 
 }  // namespace
 
-std::string resolveHost(const std::string& name) {
-  if (name.empty() || name.size() > kMaximumName || name.find('\0') != std::string::npos) return {};
+std::vector<std::string> resolveHost(const std::string& name) {
+  // Parsers and c-ares see C strings: they would take what stands in front of a NUL for the whole.
+  if (name.empty() || name.find('\0') != std::string::npos) return {};
+  boost::system::error_code notNumeric;
+  boost::asio::ip::make_address(name, notNumeric);
+  if (!notNumeric) return {name};
+  if (name.size() > kMaximumName) return {};
   return Resolution().run(name);
 }
 

@@ -1,15 +1,16 @@
 #include "foundation/LDAPStream.h"
 
+#include "foundation/HostResolver.h"
 #include "foundation/NetworkUse.h"
 
 #include <velantrix/Exception.h>
-#include <velantrix/Host.h>
 
 #include <cerrno>
 #include <netdb.h>
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
+#include <vector>
 
 namespace Velantrix {
 
@@ -30,10 +31,7 @@ struct FreeAddresses {
 using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
 
 // The C library's resolver is given numbers only: for names it takes no deadline.
-Addresses lookUp(const std::string& name, unsigned short port) {
-  const Host resolved{HostName(name)};
-  const std::string host = resolved.address().asString(true);
-  if (host.empty()) throwStream(name + ": The host has no address.", __LINE__);
+Addresses numeric(const std::string& host, unsigned short port) {
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
@@ -84,13 +82,13 @@ LDAPStream::LDAPStream(const LDAPConnection::Server& server, const Deadline& dea
   if (!networkTimeAdmitted()) {
     throwStream(server.uri() + ": The time for the network is spent.", __LINE__);
   }
-  const Addresses addresses = lookUp(server.host(), server.port());
-  int left = 0;
-  for (const addrinfo* at = addresses.get(); at != nullptr; at = at->ai_next) ++left;
+  const std::vector<std::string> hosts = resolveHost(server.host());
+  if (hosts.empty()) throwStream(server.host() + ": The host has no address.", __LINE__);
+  auto left = static_cast<int>(hosts.size());
   int error = ETIMEDOUT;
-  for (const addrinfo* at = addresses.get(); at != nullptr; at = at->ai_next, --left) {
-    const Deadline share(std::chrono::milliseconds(deadline.left() / left));
-    error = connectTo(*at, share, socket_);
+  for (const std::string& host : hosts) {
+    const Deadline share(std::chrono::milliseconds(deadline.left() / left--));
+    error = connectTo(*numeric(host, server.port()), share, socket_);
     if (error == 0) return;
   }
   throwStream(systemErrorText(server.uri(), error), __LINE__);
