@@ -1,5 +1,7 @@
 #include "foundation/HTTPConnection.h"
 
+#include "foundation/OpenSSLOwners.h"
+
 #include <velantrix/Assert.h>
 #include <velantrix/Exception.h>
 
@@ -26,6 +28,7 @@ namespace Velantrix::LW::HTTP {
 namespace asio = boost::asio;
 namespace http = boost::beast::http;
 using boost::system::error_code;
+using Crypto::ErrorScope;
 using Crypto::PKX509::NetworkTimer;
 using Tcp = asio::ip::tcp;
 
@@ -171,6 +174,7 @@ void Connection::disconnect() {
 }
 
 bool Connection::open() {
+  const ErrorScope errors;  // Asio takes one error of TLS and may leave others behind it
   const NetworkTimer timer(kConnectTime);
   if (timer.expired()) return false;
   transport_ = std::make_unique<Transport>(*stream_);
@@ -201,6 +205,7 @@ Connection::Clock::duration Connection::queryTimeLeft() const { return queryEnd_
 
 template <class Buffers>
 void Connection::write(const Buffers& bytes) {
+  const ErrorScope errors;
   const NetworkTimer timer(queryTimeLeft());
   const error_code error = transport_->run(timer.deadline(), [&](auto done) {
     std::visit([&](auto& stream) { asio::async_write(stream, bytes, std::move(done)); },
@@ -234,6 +239,7 @@ int Connection::receive() {
 }
 
 int Connection::readAnswer() {
+  const ErrorScope errors;
   constexpr std::size_t kReadAhead = std::size_t{64} * 1024;
   const NetworkTimer timer(queryTimeLeft());
   boost::beast::flat_buffer buffer(kMaximumHeader + kReadAhead);

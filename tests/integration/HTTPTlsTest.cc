@@ -319,7 +319,7 @@ TEST_F(HTTPTls, PeerThatDoesNotSpeakTls_IsNotConnected) {
 
 TEST_F(HTTPTls, HandshakeThatNeverEnds_EndsWithTheTimeOfTheVerification) {
   installClient();
-  const std::string header = "\x16\x03\x03\x40\x00\x02";  // of a long handshake message
+  const std::string header = "\x16\x03\x03\x10\x00\x02";  // of a long handshake message
   for (const bool talks : {false, true}) {
     const FaultServer server([&header, talks](Peer& peer) {
       if (talks) peer.writeSlowly(header + std::string(1000, 'x'), 20ms);

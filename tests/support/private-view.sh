@@ -1,5 +1,5 @@
 #!/bin/bash
-# private-view.sh [--own-network] [--writable DIRECTORY]... [--] COMMAND [ARGUMENT]...
+# private-view.sh [--own-network] [--own-mounts] [--writable DIRECTORY]... [--] COMMAND [ARGUMENT]...
 #
 # Runs COMMAND in a private view of the file system. It sees the machine as it is, except that
 # /opsadmin and /var/spool/crypto are its own: new, in memory, gone when it ends, and made even where
@@ -9,6 +9,9 @@
 # With --own-network it sees no network but a loopback interface of its own, where it may listen on
 # every port, and /etc without the files that say how host names are resolved; it can make them.
 #
+# With --own-mounts it may make further namespaces for mounts and networks. An ordinary user always may,
+# and so may root, but for a chroot, where the kernel refuses new user namespaces.
+#
 # Works as root and as an ordinary user with unprivileged user namespaces. In a chroot it needs root,
 # the chroot's folder bind-mounted onto itself, and /proc and /dev mounted in it.
 set -euo pipefail
@@ -16,16 +19,23 @@ shopt -s dotglob nullglob
 
 writable=(/tmp /var/tmp)
 network=
+privileges=()
 while [[ ${1-} == --* ]]; do
   case $1 in
     --own-network) network=own; shift ;;
+    --own-mounts)
+      if [[ $EUID -eq 0 ]]; then
+        privileges=(--cap-add CAP_SYS_ADMIN --cap-add CAP_NET_ADMIN --cap-add CAP_NET_BIND_SERVICE)
+      fi
+      shift
+      ;;
     --writable) writable+=("${2:?}"); shift 2 ;;
     --) shift; break ;;
     *) echo "private-view.sh: unknown option $1" >&2; exit 2 ;;
   esac
 done
 if [[ $# -eq 0 ]]; then
-  echo "usage: private-view.sh [--own-network] [--writable DIRECTORY]... [--] COMMAND [ARGUMENT]..." >&2
+  echo "usage: private-view.sh [--own-network] [--own-mounts] [--writable DIRECTORY]... [--] COMMAND..." >&2
   exit 2
 fi
 
@@ -70,6 +80,7 @@ done
 for directory in /opsadmin/etc/cert/server/{ca,crl,apps} /var/spool/crypto/crl_cache; do
   view+=(--dir "$directory")
 done
+view+=("${privileges[@]}")
 view+=(--symlink . /opsadmin/.pkx509-private-view --chdir "$PWD" --die-with-parent)
 
 status=0
