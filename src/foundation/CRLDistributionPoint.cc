@@ -62,11 +62,7 @@ CRLDistributionPointName::CRLDistributionPointName(const DIST_POINT_NAME* native
 bool CRLDistributionPointName::operator==(const CRLDistributionPointName& other) const noexcept {
   if (type_ != other.type_) return false;
   if (type_ == kRelativeName) return relativeName_ == other.relativeName_;
-  return std::any_of(fullName_.begin(), fullName_.end(), [&other](const RefGeneralName& mine) {
-    return std::any_of(
-        other.fullName_.begin(), other.fullName_.end(),
-        [&mine](const RefGeneralName& theirs) { return *mine.get() == *theirs.get(); });
-  });
+  return haveOneInCommon(fullName_, other.fullName_);
 }
 
 bool CRLDistributionPointName::operator==(const DistinguishedName& name) const noexcept {

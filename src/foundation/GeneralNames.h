@@ -9,6 +9,9 @@
 
 namespace Velantrix::Crypto::PKX509 {
 
+/// Whether a name of one list equals one of the other.
+bool haveOneInCommon(const std::list<RefGeneralName>& left, const std::list<RefGeneralName>& right);
+
 /// Copies of all names of @p names, in their order; none for null.
 std::list<RefGeneralName> generalNames(const GENERAL_NAMES* names);
 

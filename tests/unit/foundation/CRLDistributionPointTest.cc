@@ -7,6 +7,7 @@
 #include <velantrix/CertificateRevocationList.h>
 #include <velantrix/IssuingDistributionPoint.h>
 
+#include <chrono>
 #include <gtest/gtest.h>
 #include <list>
 #include <string>
@@ -116,6 +117,122 @@ TEST(CRLDistributionPointName, Compared_FullNamesByOneInCommonRelativeByRdnNever
     EXPECT_EQ(*left.get() == *right.get(), row.equal);
     EXPECT_EQ(*left.get() != *right.get(), !row.equal);
   }
+}
+
+// Longer lists are compared in another way, which has to tell the same.
+TEST(CRLDistributionPointName, LongListsCompared_ByOneInCommonOfEachType) {
+  std::vector<std::string> many;
+  for (int i = 0; i < 20; ++i) many.push_back("URI:http://many/" + std::to_string(i));
+  struct Row {
+    const char* left;
+    const char* right;
+    bool equal;
+  };
+  const Row rows[] = {
+      {"URI:http://a/", "URI:http://a/", true},
+      {"URI:http://a/", "URI:http://b/", false},
+      {"URI:a.test", "DNS:a.test", false},
+      {"email:a@b.test", "email:a@b.test", true},
+      {"email:a@b.test", "email:A@b.test", false},
+      {"dirName:C=DE,CN=A", "dirName:C=de,CN=a", true},
+      {"dirName:C=DE,CN=A", "dirName:CN=A,C=DE", false},
+      {"IP:10.0.0.1", "IP:10.0.0.1", true},
+      {"IP:10.0.0.1", "IP:10.0.0.2", false},
+      {"RID:1.2.3", "RID:1.2.3", true},
+      {"RID:1.2.3", "RID:1.2.4", false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(std::string(row.left) + " / " + row.right);
+    for (const std::size_t place : {std::size_t{0}, std::size_t{10}, std::size_t{20}}) {
+      std::vector<std::string> left = many;
+      left.insert(left.begin() + static_cast<std::ptrdiff_t>(place), row.left);
+      std::vector<std::string> right(15, row.right);
+      for (std::size_t i = 0; i < right.size() - 1; ++i) right[i] = "DNS:" + std::to_string(i);
+      const RefCRLDistributionPointName one = nameOf({.fullNames = left});
+      const RefCRLDistributionPointName other = nameOf({.fullNames = right});
+      EXPECT_EQ(*one.get() == *other.get(), row.equal);
+      EXPECT_EQ(*other.get() == *one.get(), row.equal);
+    }
+  }
+}
+
+// The types for which OpenSSL's configuration has no words: otherName, ediPartyName, x400Address.
+TEST(CRLDistributionPointName, LongListsOfRareTypes_ComparedAsSingleNamesAre) {
+  using namespace std::string_literals;
+  const std::vector<std::string> encodings = {
+      "\xa0\x07\x06\x02\x2a\x03\xa0\x01\x05"s,  // cut short, which is nothing
+      "\xa0\x08\x06\x02\x2a\x03\xa0\x02\x05\0"s,
+      "\xa0\x08\x06\x02\x2a\x04\xa0\x02\x05\0"s,
+      "\xa0\x09\x06\x02\x2a\x03\xa0\x03\x01\x01\xff"s,
+      "\xa0\x09\x06\x02\x2a\x03\xa0\x03\x01\x01\0"s,
+      "\xa0\x09\x06\x02\x2a\x03\xa0\x03\x0c\x01\x61"s,
+      "\xa0\x09\x06\x02\x2a\x03\xa0\x03\x0c\x01\x62"s,
+      "\xa0\x09\x06\x02\x2a\x03\xa0\x03\x13\x01\x61"s,
+      "\xa0\x0a\x06\x02\x2a\x03\xa0\x04\x06\x02\x2a\x05"s,
+      "\xa5\x05\xa1\x03\x0c\x01\x61"s,
+      "\xa5\x05\xa1\x03\x0c\x01\x62"s,
+      "\xa5\x0a\xa0\x03\x0c\x01\x61\xa1\x03\x0c\x01\x61"s,
+      "\xa5\x0a\xa0\x03\x0c\x01\x62\xa1\x03\x0c\x01\x61"s,
+      "\xa3\x02\x30\0"s,
+      "\xa3\x03\x30\x01\0"s,
+      "\x88\x02\x2a\x03"s,
+      "\x86\x01\x61"s,
+      "\x82\x01\x61"s,
+  };
+  const auto pointName = [](const std::vector<std::string>& names) {
+    const ErrorScope errors;
+    std::string content;
+    for (const std::string& name : names) content += name;
+    const std::string der = "\xa0\x82"s + static_cast<char>(content.size() >> 8) +
+                            static_cast<char>(content.size() & 0xff) + content;
+    const auto* position = reinterpret_cast<const unsigned char*>(der.data());
+    const Owned<DIST_POINT_NAME> native(
+        d2i_DIST_POINT_NAME(nullptr, &position, static_cast<long>(der.size())));
+    return RefCRLDistributionPointName(native.get());
+  };
+  std::vector<std::string> usable;
+  for (const std::string& encoding : encodings) {
+    if (!pointName({encoding}).empty()) usable.push_back(encoding);
+  }
+  ASSERT_GE(usable.size(), 14U);
+  for (const std::string& left : usable) {
+    for (const std::string& right : usable) {
+      SCOPED_TRACE(::testing::PrintToString(left) + " / " + ::testing::PrintToString(right));
+      // Sixteen more that are the other list's in no case.
+      std::vector<std::string> one = {left};
+      std::vector<std::string> other = {right};
+      for (char c = 'A'; c <= 'P'; ++c) {
+        one.push_back("\x86\x02<"s + c);
+        other.push_back("\x86\x02>"s + c);
+      }
+      EXPECT_EQ(*pointName(one).get() == *pointName(other).get(),
+                *pointName({left}).get() == *pointName({right}).get());
+    }
+  }
+}
+
+// A stranger writes both lists: the certificate's, and those of the CRL that it leads to.
+TEST(CRLDistributionPointName, ManyNamesWithoutOneInCommon_ComparedInNoTime) {
+  constexpr int kMany = 50000;
+  const auto names = [](char first) {
+    const Owned<DIST_POINT_NAME> native(DIST_POINT_NAME_new());
+    native->type = 0;
+    native->name.fullname = GENERAL_NAMES_new();
+    for (int i = 0; i < kMany; ++i) {
+      GENERAL_NAME* const name = GENERAL_NAME_new();
+      ASN1_IA5STRING* const text = ASN1_IA5STRING_new();
+      EXPECT_EQ(ASN1_STRING_set(text, (first + std::to_string(kMany + i)).c_str(), -1), 1);
+      GENERAL_NAME_set0_value(name, GEN_URI, text);
+      EXPECT_GT(sk_GENERAL_NAME_push(native->name.fullname, name), 0);
+    }
+    return RefCRLDistributionPointName(native.get());
+  };
+  const RefCRLDistributionPointName left = names('a');
+  const RefCRLDistributionPointName right = names('b');
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(*left.get() == *right.get());
+  // Each with each takes more than a minute.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 TEST(CRLDistributionPointName, ComparedWithAName_EqualWhenItHoldsThatDirectoryName) {
