@@ -4,21 +4,11 @@
 
 #include <openssl/evp.h>
 
-#include <arpa/inet.h>
-#include <array>
-#include <cerrno>
 #include <chrono>
-#include <fcntl.h>
 #include <filesystem>
-#include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
 #include <stdexcept>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace Velantrix::Test {
 
@@ -29,50 +19,15 @@ constexpr char kServer[] = "/usr/sbin/slapd";
 constexpr char kSchema[] = "/etc/ldap/schema/";
 constexpr char kAdministrator[] = "cn=administrator";
 constexpr char kPassword[] = "secret";
-constexpr int kAttempts = 10;
 constexpr std::chrono::seconds kPatience(30);
 
-[[noreturn]] void fail(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-class Socket {
- public:
-  Socket() : number_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    if (number_ < 0) fail("socket");
+bool accepts(const ReservedPort& port) {
+  try {
+    connectTo(port.number());
+    return true;
+  } catch (const std::system_error&) {
+    return false;
   }
-  ~Socket() { ::close(number_); }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  int number() const { return number_; }
-
- private:
-  int number_;
-};
-
-sockaddr_in loopback(unsigned short port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-// A port that was free a moment ago. Who asks for two keeps the sockets until both are known.
-unsigned short bindAny(const Socket& socket) {
-  sockaddr_in address = loopback(0);
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  socklen_t size = sizeof address;
-  if (::bind(socket.number(), generic, size) != 0) fail("bind");
-  if (::getsockname(socket.number(), generic, &size) != 0) fail("getsockname");
-  return ntohs(address.sin_port);
-}
-
-bool accepts(unsigned short port) {
-  const Socket socket;
-  const sockaddr_in address = loopback(port);
-  return ::connect(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
-         0;
 }
 
 std::string base64(const std::string& octets) {
@@ -96,15 +51,23 @@ std::string ldif(const Slapd::Entry& entry) {
 
 Slapd::Slapd() : Slapd(Options()) {}
 
-Slapd::Slapd(const Options& options) : tls_(options.certificate != nullptr) {
+// Of its log only what is always written: that it starts, once it listens.
+Slapd::Slapd(const Options& options)
+    : tls_(options.certificate != nullptr),
+      process_({kServer, "-d", "32768", "-f", work_ / "slapd.conf", "-h",
+                uri() + "/" + (tls_ ? " " + tlsUri() + "/" : "")},
+               "slapd starting") {
   configure(options);
-  for (int i = 0; i < kAttempts; ++i) {
-    if (start()) return;  // else somebody else took a port in the meantime
+  process_.start();
+  // It says so a moment before it listens. Nobody else can: the ports are reserved.
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (!accepts(port_) || (tls_ && !accepts(tlsPort_))) {
+    if (!process_.running() || std::chrono::steady_clock::now() > end) {
+      throw std::runtime_error("slapd does not listen: " + process_.output());
+    }
+    ::poll(nullptr, 0, 5);  // between two looks
   }
-  throw std::runtime_error("slapd does not start, see \"" + std::string(kServer) + " -d 1\"");
 }
-
-Slapd::~Slapd() { stop(); }
 
 void Slapd::configure(const Options& options) const {
   std::string text;
@@ -127,52 +90,9 @@ void Slapd::configure(const Options& options) const {
   writeFile(work_ / "slapd.conf", text);
 }
 
-bool Slapd::start() {
-  {
-    const Socket first;
-    const Socket second;
-    port_ = bindAny(first);
-    tlsPort_ = bindAny(second);
-  }
-  const std::string config = (work_ / "slapd.conf").string();
-  const std::string urls = uri() + "/" + (tls_ ? " " + tlsUri() + "/" : "");
-  const pid_t parent = ::getpid();
-  process_ = ::fork();
-  if (process_ < 0) fail("fork");
-  if (process_ == 0) {
-    // It ends with this process, whatever becomes of that.
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != parent) ::_exit(1);
-    const int null = ::open("/dev/null", O_RDWR);
-    for (int i = 0; i < 3; ++i) ::dup2(null, i);
-    ::execl(kServer, kServer, "-d", "0", "-f", config.c_str(), "-h", urls.c_str(), nullptr);
-    ::_exit(127);
-  }
-  const auto end = std::chrono::steady_clock::now() + kPatience;
-  while (std::chrono::steady_clock::now() < end) {
-    int status = 0;
-    if (::waitpid(process_, &status, WNOHANG) == process_) {
-      process_ = -1;
-      return false;
-    }
-    if (accepts(port_) && (!tls_ || accepts(tlsPort_))) return true;
-    ::poll(nullptr, 0, 5);  // between two looks
-  }
-  stop();
-  return false;
-}
+std::string Slapd::uri() const { return "ldap://127.0.0.1:" + port_.text(); }
 
-void Slapd::stop() {
-  if (process_ < 0) return;
-  ::kill(process_, SIGKILL);  // nothing of it is needed any more
-  while (::waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
-  }
-  process_ = -1;
-}
-
-std::string Slapd::uri() const { return "ldap://127.0.0.1:" + std::to_string(port_); }
-
-std::string Slapd::tlsUri() const { return "ldaps://127.0.0.1:" + std::to_string(tlsPort_); }
+std::string Slapd::tlsUri() const { return "ldaps://127.0.0.1:" + tlsPort_.text(); }
 
 void Slapd::add(const std::vector<Entry>& entries) const {
   std::string text;

@@ -12,10 +12,11 @@
 #pragma once
 
 #include "support/Files.h"
+#include "support/Loopback.h"
 #include "support/Pki.h"
+#include "support/ServerProcess.h"
 
 #include <string>
-#include <sys/types.h>
 #include <utility>
 #include <vector>
 
@@ -38,9 +39,6 @@ class Slapd {
 
   Slapd();
   explicit Slapd(const Options& options);
-  ~Slapd();
-  Slapd(const Slapd&) = delete;
-  Slapd& operator=(const Slapd&) = delete;
 
   /// "ldap://127.0.0.1:<port>", and with "ldaps" when there is TLS.
   std::string uri() const;
@@ -51,17 +49,16 @@ class Slapd {
   void add(const Entry& entry) const { add(std::vector<Entry>{entry}); }
 
   /// Ends the process; nobody listens on its ports then.
-  void stop();
+  void stop() { process_.stop(); }
 
  private:
   void configure(const Options& options) const;
-  bool start();
 
   TempDir work_;
   bool tls_;
-  unsigned short port_ = 0;
-  unsigned short tlsPort_ = 0;
-  pid_t process_ = -1;
+  ReservedPort port_;
+  ReservedPort tlsPort_;
+  ServerProcess process_;
 };
 
 }  // namespace Velantrix::Test
