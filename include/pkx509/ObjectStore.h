@@ -105,9 +105,9 @@ class PKX509_EXPORT ObjectStore : public RefImpl, private NonCopyable {
   /// CRLs of that issuer, from the lookup methods in their order; each is cached, however often it
   /// was before.
   void find(const DistinguishedName& issuer, std::list<RefCertificateRevocationList>& out) const;
-  /// CRLs that the URI names, from the cache or the network (see `URILookup`). All of @p out is then
-  /// cached again, what it held before included. As long as @p out holds something, the network is
-  /// not asked.
+  /// CRLs that the URI names, from the cache or the network (see `URILookup`). All of @p out is
+  /// then cached again, what it held before included. As long as @p out holds something, the
+  /// network is not asked.
   void find(const Uri& uri, std::list<RefCertificateRevocationList>& out) const;
   /// CRLs by a directory name (of their issuer) or by a URI; other kinds of names find nothing.
   void find(const GeneralName& name, std::list<RefCertificateRevocationList>& out) const;

@@ -444,7 +444,8 @@ TEST_F(HashDir, CrlFile_BeginsWithItsUriAndExpiry) {
   const std::string block = pem(made.get());
   method.add(uri, Crls{CertificateRevocationListFactory::read(
                       Buffer(block.data(), static_cast<unsigned int>(block.size()), true))});
-  EXPECT_EQ(readFile(directory / uriFile), "URI: http://example.test/root.crl\nExpires: 4102444800\n" + block);
+  EXPECT_EQ(readFile(directory / uriFile),
+            "URI: http://example.test/root.crl\nExpires: 4102444800\n" + block);
   EXPECT_EQ(runCommand({"openssl", "crl", "-noout", "-in", (directory / uriFile).string()}).status,
             0);
 }
