@@ -1,9 +1,11 @@
 // Servers of other projects work in a private view as they do outside.
 #include "support/Exchange.h"
+#include "support/OcspBuilder.h"
 #include "support/OcspResponder.h"
 #include "support/WebServer.h"
 
 #include <gtest/gtest.h>
+#include <string>
 
 namespace Velantrix::Test {
 namespace {
@@ -16,13 +18,14 @@ TEST(PrivateView, WebServer_Serves) {
 }
 
 TEST(PrivateView, OcspResponder_Answers) {
-  using namespace std::string_literals;
   const Issued ca = issueCa("CN=CA");
   const OcspResponder responder({.ca = &ca});
-  const std::string response = exchangeBytes(portOf(responder.url()),
-                                             "POST / HTTP/1.0\r\n"
-                                             "Content-Type: application/ocsp-request\r\n"
-                                             "Content-Length: 2\r\n\r\n\x30\0"s);
+  // A whole request: OpenSSL 3.0.20 waits for more than two octets, 3.0.22 does not.
+  const std::string body = ocspRequest(ca, ca);
+  const std::string response = exchangeBytes(
+      portOf(responder.url()),
+      "POST / HTTP/1.0\r\nContent-Type: application/ocsp-request\r\nContent-Length: " +
+          std::to_string(body.size()) + "\r\n\r\n" + body);
   EXPECT_NE(response.find("application/ocsp-response"), std::string::npos) << response;
 }
 
