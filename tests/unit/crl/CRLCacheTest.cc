@@ -171,6 +171,21 @@ TEST_F(CRLCacheDirectory, FileThatDoesNotSayWhenItRunsOut_CountsByItsAge) {
   EXPECT_EQ(others(), (Names{"1.r0", "3.r0"}));
 }
 
+// The lines are read in blocks of 4096 bytes at first: lengths around it, where a number is cut.
+TEST_F(CRLCacheDirectory, LongUri_ItsExpiryIsFoundBehindIt) {
+  for (const std::size_t length : {4060UL, 4070UL, 4075UL, 4080UL, 4096UL, 65000UL}) {
+    const std::string longUri = "http://other.test/" + std::string(length, 'a');
+    for (const long expires : {-kHour, kHour}) {
+      plant(
+          "1.r0", 1 * kHour,
+          CRLFileHeader::text(longUri, Time::then(expires, false)) + "-----BEGIN X509 CRL-----\n");
+      plant("2.r0", 2 * kHour, kHour);
+      add({.files = 2, .bytes = kPlenty});
+      EXPECT_EQ(others(), (Names{expires < 0 ? "2.r0" : "1.r0"})) << length;
+    }
+  }
+}
+
 TEST_F(CRLCacheDirectory, CrlWithoutNextUpdate_ExpiresADayAfterItWasWritten) {
   const Uri other("http://example.test/other.crl");
   const std::string name = HashDirLookupMethod::fileName(other);
