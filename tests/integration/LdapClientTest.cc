@@ -236,7 +236,7 @@ TEST_F(LdapClient, InsideAVerification_ItsTimeForTheNetworkCounts) {
   EXPECT_EQ(log.text(), "");
   for (int i = 0; i < 2; ++i) {
     EXPECT_TEXT("The time for the network is spent.", search(peer, 20));
-    EXPECT_LT(took, std::chrono::milliseconds(500));
+    EXPECT_LT(took, std::chrono::seconds(3));
   }
   EXPECT_EQ(log.count("the time for the network is spent"), 1U) << log.text();
 }
@@ -306,8 +306,8 @@ TEST_F(LdapClient, EntriesBeyondAThousand_AreLeftOut) {
   EXPECT_EQ(search(exact), "1000");
   EXPECT_EQ(log.text(), "");
   const LdapPeer peer(answer(octets));  // the end is not waited for
-  EXPECT_EQ(search(peer), "1000");
-  EXPECT_LT(took, std::chrono::seconds(1));
+  EXPECT_EQ(search(peer, 20), "1000");
+  EXPECT_LT(took, std::chrono::seconds(3));
   EXPECT_EQ(log.count("only what came first is taken"), 1U);
 }
 
@@ -325,8 +325,8 @@ TEST_F(LdapClient, OctetsBeyondSixteenMiB_AreLeftOut) {
 TEST_F(LdapClient, LengthThatIsOnlyPromised_IsNotWaitedFor) {
   for (const std::string& head : {"\x30\x84\xff\xff\xff\xff"s, "\x30\x84\x01\x00\x00\x01"s}) {
     const LdapPeer peer(answer(message(1, entry("cn=A", {})) + head));
-    EXPECT_EQ(search(peer), "1");
-    EXPECT_LT(took, std::chrono::seconds(1));
+    EXPECT_EQ(search(peer, 20), "1");
+    EXPECT_LT(took, std::chrono::seconds(3));
   }
 }
 
@@ -429,8 +429,8 @@ TEST_F(LdapClient, WhatIsNoAnswer_Table) {
   for (const BadRow& row : rows) {
     SCOPED_TRACE(row.name);
     const LdapPeer peer(answer(row.octets));
-    EXPECT_TEXT(row.outcome, search(peer));
-    EXPECT_LT(took, std::chrono::milliseconds(900));
+    EXPECT_TEXT(row.outcome, search(peer, 20));
+    EXPECT_LT(took, std::chrono::seconds(3));
   }
 }
 

@@ -10,6 +10,7 @@
 #include "support/FaultServer.h"
 #include "support/LogCapture.h"
 #include "support/PrivateView.h"
+#include "support/Stopwatch.h"
 #include "unit/verify/World.h"
 
 #include <pkx509/FixedPaths.h>
@@ -19,7 +20,6 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <functional>
 #include <gtest/gtest.h>
 #include <list>
 #include <map>
@@ -42,16 +42,6 @@ inline Numbers numbersOf(const Crls& crls) {
     numbers.push_back(number.substr(std::min(number.find_first_not_of('0'), number.size())));
   }
   return numbers;
-}
-
-/// What a bound on time may be passed by until a busy machine has noticed.
-inline constexpr std::chrono::milliseconds kSlack = 700ms;
-
-inline std::chrono::milliseconds timeOf(const std::function<void()>& action) {
-  const auto start = std::chrono::steady_clock::now();
-  action();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                               start);
 }
 
 class UriFixture : public testing::Test {

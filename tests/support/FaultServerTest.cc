@@ -206,7 +206,7 @@ TEST(FaultServer, Ends_AtOnceWhateverAScriptWaitsFor) {
        }},
   };
   for (const Endless& endless : endlessScripts()) rows.emplace_back(endless.name, endless.script);
-  for (const auto& [name, script] : rows) EXPECT_LT(timeToEnd(script), 1s) << name;
+  for (const auto& [name, script] : rows) EXPECT_LT(timeToEnd(script), 5s) << name;
 }
 
 TEST(FaultServer, ClientGoneWhileWriting_NoSignalAndScriptEnds) {
@@ -302,7 +302,7 @@ TEST_F(TlsFaultServer, Ends_AtOnceDuringAHandshake) {
   ASSERT_TRUE(server->waitForConnections(1));
   const auto begin = std::chrono::steady_clock::now();
   server.reset();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
 }
 
 }  // namespace
