@@ -58,7 +58,7 @@ std::optional<Elements> parse(std::string_view der, int depth) {
     std::size_t length = octet(1);
     if (length >= 0x80) {
       const std::size_t octets = length & 0x7f;
-      if (octets == 0 || octets > 3 || der.size() < 2 + octets) return std::nullopt;
+      if (octets == 0 || octets > 4 || der.size() < 2 + octets) return std::nullopt;
       length = 0;
       for (std::size_t i = 0; i < octets; ++i) length = length << 8 | octet(2 + i);
       header += octets;

@@ -3,6 +3,7 @@
 //
 //   pkx509_fuzz_seeds DIRECTORY     # writes DIRECTORY/<target>/<name>
 #include "Fixture.h"
+#include "integration/LdapPeer.h"
 
 #include <velantrix/CertificateFactory.h>
 
@@ -150,6 +151,17 @@ std::string valueOf(const X509_EXTENSION* extension) {
   return {data, static_cast<std::size_t>(ASN1_STRING_length(value))};
 }
 
+// A pair's certificates have explicit tags.
+std::string pairOf(const Issued& forward, const Issued& reverse) {
+  const auto element = [](char tag, const std::string& content) {
+    const std::size_t length = content.size();
+    return ""s + tag + '\x82' + static_cast<char>(length >> 8) + static_cast<char>(length & 0xff) +
+           content;
+  };
+  return element('\x30', element('\xa0', Test::der(forward.get())) +
+                             element('\xa1', Test::der(reverse.get())));
+}
+
 void extensionSeeds() {
   for (const auto& [name, issued] : certificates()) {
     for (const int nid : {NID_crl_distribution_points, NID_info_access, NID_subject_alt_name}) {
@@ -162,17 +174,7 @@ void extensionSeeds() {
     const int index = X509_CRL_get_ext_by_NID(crl.get(), NID_issuing_distribution_point, -1);
     if (index >= 0) seed("extensions", name, valueOf(X509_CRL_get_ext(crl.get(), index)));
   }
-  // A pair's certificates have explicit tags.
-  const std::string certificate = Test::der(leaf().get());
-  const auto tagged = [&](char tag) {
-    const std::size_t length = certificate.size();
-    return ""s + tag + '\x82' + static_cast<char>(length >> 8) + static_cast<char>(length & 0xff) +
-           certificate;
-  };
-  const std::string pair = tagged('\xa0') + tagged('\xa1');
-  seed("extensions", "pair",
-       "\x30\x82"s + static_cast<char>(pair.size() >> 8) + static_cast<char>(pair.size() & 0xff) +
-           pair);
+  seed("extensions", "pair", pairOf(leaf(), leaf()));
 }
 
 template <class T>
@@ -354,6 +356,123 @@ void httpSeeds() {
   for (const auto& [name, text] : answers) seed("http_answer", name, '\x08' + text);
 }
 
+// What a directory sends, behind the choices of how it is asked.
+void ldapAnswerSeeds() {
+  using Test::done;
+  using Test::element;
+  using Test::entry;
+  using Test::message;
+  using Test::text;
+  const auto add = [](const std::string& name, const std::string& answer,
+                      const std::string& choices = "\0\0"s) {
+    seed("ldap_answer", name, text(choices) + answer);
+  };
+  const std::string end = message(1, done(0));
+  const std::string one = message(1, entry("cn=A", {{"cACertificate;binary", {"1", "\0\1"s}}}));
+  const std::string values =
+      message(1, entry("cn=A,o=Test", {{"userCertificate;binary", {Test::der(leaf().get())}},
+                                       {"cACertificate;binary", {Test::der(root().get()), ""}},
+                                       {"certificateRevocationList;binary", {}}}));
+  const std::string notice =
+      element(0x0a, "\x34") + text("") + text("bye") + element(0x8a, "1.3.6.1.4.1.1466.20036");
+  add("nothing", "");
+  add("empty", end);
+  add("entries", values + one + message(1, entry("", {})) + end);
+  add("no-end", values);
+  add("cut", values.substr(0, values.size() - 3));
+  for (const int code : {1, 3, 4, 10, 11, 32, 34, 49, 80}) {
+    add("code-" + std::to_string(code), one + message(1, done(code, "why\nnot")));
+  }
+  add("referral", message(1, element(0x65, element(0x0a, "\x0a") + text("") + text("") +
+                                               element(0xa3, text("ldap://other/o=x")))));
+  add("reference", message(1, Test::reference("ldap://other/o=x")) + one + end);
+  add("intermediate", message(1, element(0x79, element(0x80, "1.2.3"))) + one + end);
+  add("controls",
+      element(0x30, element(0x02, "\1") + done(0) +
+                        element(0xa0, element(0x30, text("1.2.840.113556.1.4.319") + text("x")))));
+  add("notice", message(0, element(0x78, notice)));
+  add("notice-without-name",
+      message(0, element(0x78, element(0x0a, "\x34") + text("") + text("") + element(0x8a, ""))));
+  add("unsolicited", message(0, entry("cn=A", {})) + end);
+  add("other-number", message(2, done(0)));
+  add("promise", one + "\x30\x84\x7f\xff\xff\xff"s);
+  add("other-operation", one + message(1, done(0, "", 0x61)));
+  add("long-number", element(0x30, element(0x02, "\0\0\0\1"s) + done(0)));
+  add("longer-number", element(0x30, element(0x02, "\0\0\0\0\1"s) + done(0)));
+  add("short-entry", message(1, element(0x64, text("cn=A"))) + end);
+  add("value-without-set",
+      message(1,
+              element(0x64, text("cn=A") + element(0x30, element(0x30, text("a") + text("v"))))) +
+          end);
+  add("searches", one + end + message(2, entry("cn=B", {{"b", {"2"}}})) + message(2, done(0)) +
+                      message(3, done(3)) + message(4, done(0)));
+  const auto addMany = [&](const std::string& name, const std::string& answer) {
+    unsigned int sum = 0;
+    for (const char c : answer) sum += static_cast<unsigned char>(c);
+    add(name, answer, "\0\x0a"s + static_cast<char>(sum & 0xff));  // 1,024 times the first message
+  };
+  addMany("many-entries", one + end);
+  addMany("many-values", message(1, entry("", {{"a", std::vector<std::string>(160)}})) + one + end);
+  add("http", "HTTP/1.1 400 Bad Request\r\n\r\n");
+  const std::string bound = message(1, done(0, "", 0x61));
+  const std::string search = message(2, entry("cn=B", {{"b", {"2"}}})) + message(2, done(0));
+  add("bind", bound + search, "\1\0"s);
+  add("bind-refused", message(1, done(49, "no", 0x61)), "\1\0"s);
+  add("bind-credentials",
+      message(1, element(0x61, element(0x0a, "\0"s) + text("") + text("") + element(0x87, "x"))) +
+          search,
+      "\1\0"s);
+  const std::string tls = element(0x0a, "\0"s) + text("") + text("");
+  add("start-tls", message(1, element(0x78, tls)), "\3\0"s);
+  add("start-tls-named", message(1, element(0x78, tls + element(0x8a, "1.3.6.1.4.1.1466.20037"))),
+      "\3\0"s);
+  add("start-tls-alert", message(1, element(0x78, tls)) + "\x15\x03\x03\0\2\2\x28"s, "\3\0"s);
+  add("start-tls-refused", message(1, done(2, "no", 0x78)), "\3\0"s);
+}
+
+void ldapValueSeeds() {
+  const auto add = [](const std::string& name, unsigned char query, unsigned char spread,
+                      const std::vector<std::string>& values) {
+    std::string input = Test::text({static_cast<char>(query), static_cast<char>(spread)});
+    for (const std::string& value : values) input += Test::text(value);
+    seed("ldap_values", name, input);
+  };
+  std::vector<std::string> certificateValues;
+  std::vector<std::string> crlValues;
+  for (const auto& [name, issued] : certificates()) {
+    certificateValues.push_back(Test::der(issued.get()));
+    if (name == "full" || name == "broken") {
+      add("certificate-" + name, 0, 0, {certificateValues.back()});
+    }
+  }
+  for (const auto& [name, crl] : crls()) {
+    crlValues.push_back(Test::der(crl.get()));
+    if (name == "listed" || name == "delta") add("crl-" + name, 1, 0, {crlValues.back()});
+  }
+  const std::string leafDer = Test::der(leaf().get());
+  const std::string pair = pairOf(leaf(), root());
+  add("certificates", 0, 0, certificateValues);
+  add("certificates-entries", 0, 3, certificateValues);
+  add("certificates-list", 3, 1, certificateValues);
+  add("certificates-mail", 5, 12, {leafDer});
+  add("certificate-bound", 0, 28, {leafDer, leafDer});
+  add("certificate-pem", 3, 0, {Test::pem(leaf().get()) + Test::pem(root().get())});
+  add("certificate-broken", 0, 0, {leafDer, "broken"});
+  add("certificate-cut", 3, 0, {leafDer.substr(0, 100)});
+  add("crls", 1, 0, crlValues);
+  add("crls-list", 4, 7, crlValues);
+  add("crls-others", 4, 0, {leafDer, crlValues.front(), "", pair});
+  add("crls-none", 1, 0, {leafDer, ""});
+  add("crls-broken", 1, 0, {crlValues.front(), "broken"});
+  add("pair", 2, 0, {pair, pairOf(root(), root())});
+  add("pair-both", 2, 0, {pairOf(root(), leaf())});
+  add("pair-forward", 2, 2, {Test::element(0x30, Test::element(0xa0, leafDer))});
+  add("pair-empty", 2, 0, {"\x30\0"s});
+  add("pair-malformed", 2, 0, {Test::element(0x30, Test::element(0xa0, "\x30\3\2\1\1"))});
+  add("pair-broken", 2, 0, {pair, leafDer});
+  add("nothing", 0, 0, {});
+}
+
 // Choices, which chance makes as well as anybody; always the same ones.
 void containerSeeds() {
   std::minstd_rand random(1);
@@ -389,6 +508,8 @@ void makeAll() {
   nameSeeds();
   textSeeds();
   httpSeeds();
+  ldapAnswerSeeds();
+  ldapValueSeeds();
 }
 
 }  // namespace
