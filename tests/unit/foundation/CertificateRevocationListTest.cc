@@ -9,9 +9,7 @@
 
 #include <chrono>
 #include <gtest/gtest.h>
-#include <latch>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -186,30 +184,6 @@ TEST(CertificateRevocationList, IsSignedBy_KeyOfAnotherKind) {
   EXPECT_FALSE(crl->isSignedBy(Pki::makeKey(Pki::KeyKind::Rsa2048).get()));
   EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
   EXPECT_EQ(ERR_peek_error(), 0U);
-}
-
-TEST(CertificateRevocationList, SharedBetweenThreads_OneSignatureIsComputed) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
-  for (int round = 0; round < 20; ++round) {
-    const RefCertificateRevocationList crl =
-        make({.issuer = &ca, .revoked = {{.serial = 3}, {.serial = 1}, {.serial = 2}}});
-    constexpr int kThreads = 4;
-    std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&] {
-        start.arrive_and_wait();
-        EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
-        EXPECT_FALSE(crl->hasUnhandledCriticalExtension());
-        X509_REVOKED* found = nullptr;
-        EXPECT_EQ(X509_CRL_get0_by_cert(crl, &found, ca.get()), 0);
-        EXPECT_EQ(crl->entryCount(), 3U);
-        EXPECT_EQ(crl->crlNumber().asString(), "01");
-      });
-    }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(crl->signatureChecks(), 1U);
-  }
 }
 
 TEST(CertificateRevocationList, HasUnhandledCriticalExtension_ByTypeAndPlace) {

@@ -14,7 +14,6 @@
 #include <list>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -270,26 +269,6 @@ TEST(RefCertificate, Conversion_TheSameX509OrNull) {
   EXPECT_EQ(native, issued.get());
   EXPECT_EQ(certificate->native(), issued.get());
   EXPECT_EQ(static_cast<x509_st*>(RefCertificate()), nullptr);
-}
-
-TEST(Certificate, SharedBetweenThreads_ReadWithoutARace) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
-  const RefCertificate issuer = wrap(ca);
-  const RefCertificate leaf = make({.issuer = &ca});
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int k = 0; k < 50; ++k) {
-        EXPECT_TRUE(leaf->issuedBy(issuer, k % 2 == 0));
-        EXPECT_TRUE(issuer->isSelfSigned());
-        EXPECT_TRUE(issuer->isCACert());
-        EXPECT_EQ(leaf->authorityKeyIdentifier()->keyId(), issuer->subjectKeyIdentifier());
-        EXPECT_EQ(leaf->issuer(), issuer->subject());
-        EXPECT_NE(leaf->key()->keyData(), nullptr);
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
 }
 
 TEST(AuthorityInformationAccess, OcspLocations_OfEveryTypeInOrder) {

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -436,24 +435,6 @@ TEST(DistinguishedName, RandomTexts_NeverCrashAndPrintWhatTheyRead) {
     if (name.empty()) continue;
     ASSERT_EQ(DistinguishedName(name.asString()), name) << text;
   }
-}
-
-TEST(DistinguishedName, OneValueOnSeveralThreads_ReadWithoutARace) {
-  const DistinguishedName name("CN=A,O=B");
-  const DistinguishedName other("CN=a,O=b");
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int k = 0; k < 200; ++k) {
-        const DistinguishedName copy = name;
-        EXPECT_EQ(copy, other);
-        EXPECT_EQ(copy.asString(), "CN=A,O=B");
-        EXPECT_EQ(copy.hash(), other.hash());
-        EXPECT_NE(copy, DistinguishedName());
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace

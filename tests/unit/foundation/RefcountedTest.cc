@@ -6,7 +6,6 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -214,25 +213,6 @@ TEST_F(Refcounted, Ref_Empty_EachDereferenceThrowsWithItsOwnLine) {
       EXPECT_STREQ(e.file(), "../../../velantrix/include2/VlxRefcounted");
       EXPECT_EQ(e.line(), row.line);
     }
-  }
-}
-
-TEST_F(Refcounted, Ref_ReleasedOnManyThreads_DeletesExactlyOnce) {
-  constexpr int kRounds = 200;
-  constexpr int kThreads = 4;
-  for (int round = 1; round <= kRounds; ++round) {
-    Ref<Counted> first(make());
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-      threads.emplace_back([handle = first]() mutable {
-        const Ref<Counted> copy(handle);
-        handle = Ref<Counted>();
-      });
-    }
-    first = Ref<Counted>();
-    for (std::thread& thread : threads) thread.join();
-    threads.clear();
-    ASSERT_EQ(deletions, round);
   }
 }
 

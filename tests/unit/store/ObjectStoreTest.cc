@@ -10,7 +10,6 @@
 
 #include <cctype>
 #include <gtest/gtest.h>
-#include <thread>
 #include <type_traits>
 
 namespace Velantrix::Test {
@@ -781,24 +780,6 @@ TEST(ObjectStore, LastHandle_DestroysTheStoreOnce) {
   EXPECT_EQ(events, (Events{"initialize"}));
   second = RefObjectStore();
   EXPECT_EQ(events, (Events{"initialize", "finish", "clear", "destroyed"}));
-}
-
-TEST(ObjectStore, HandlesReleasedOnManyThreads_DestroyTheStoreOnce) {
-  for (int round = 0; round < 20; ++round) {
-    Events events;
-    RefObjectStore store = emptyStore();
-    store->add(Source("Fake", &events).handle);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-      threads.emplace_back([handle = store]() mutable {
-        for (int j = 0; j < 100; ++j) const RefObjectStore copy(handle);
-        handle = RefObjectStore();
-      });
-    }
-    store = RefObjectStore();
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(events, (Events{"initialize", "finish", "clear", "destroyed"}));
-  }
 }
 
 TEST(ObjectStore, Destroyed_LookupsThenObjectsThenMethods) {

@@ -9,12 +9,9 @@
 #include <boost/system/system_error.hpp>
 
 #include <algorithm>
-#include <barrier>
 #include <gtest/gtest.h>
 #include <memory>
-#include <set>
 #include <stdexcept>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -280,37 +277,6 @@ TEST_F(SimpleVerifierInstance, RegisteredBySomebodyElse_IsReturnedAsItIs) {
   EXPECT_EQ(SimpleVerifier::instance(), &other);
   EXPECT_EQ(CertificateVerifier::s_instance, &other);
   EXPECT_EQ(SimpleVerifier::instance()->isValid(RefCertificate(), 0, false), 7);
-}
-
-TEST_F(SimpleVerifierInstance, ThreadsThatComeFirstAtOnce_GetTheSameOne) {
-  constexpr int kThreads = 4;
-  constexpr int kRounds = 500;
-  std::vector<CertificateVerifier*> got(kThreads);
-  std::vector<int> differing;
-  std::barrier start(kThreads + 1);
-  std::barrier end(kThreads + 1);
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&, i] {
-      for (int round = 0; round < kRounds; ++round) {
-        start.arrive_and_wait();
-        got[i] = SimpleVerifier::instance();
-        end.arrive_and_wait();
-      }
-    });
-  }
-  for (int round = 0; round < kRounds; ++round) {
-    start.arrive_and_wait();
-    end.arrive_and_wait();
-    const std::set<CertificateVerifier*> different(got.begin(), got.end());
-    if (different.size() != 1 || *different.begin() != CertificateVerifier::s_instance) {
-      differing.push_back(round);
-    }
-    for (CertificateVerifier* const one : different) delete one;
-    CertificateVerifier::s_instance = nullptr;
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(differing, std::vector<int>());
 }
 
 }  // namespace

@@ -1,0 +1,25 @@
+// Runs one action on several threads that begin at the same moment.
+//
+//   onThreads(4, [&](int thread) { handles[thread] = Ref<Counted>(); });
+#pragma once
+
+#include <latch>
+#include <thread>
+#include <vector>
+
+namespace Velantrix::Test {
+
+template <typename Action>
+void onThreads(int count, Action action) {
+  std::latch start(count);
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < count; ++thread) {
+    threads.emplace_back([&start, &action, thread] {
+      start.arrive_and_wait();
+      action(thread);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace Velantrix::Test
