@@ -74,6 +74,7 @@ void requireHashDirectory(const std::string& option, const std::string& director
   if (::access(directory.c_str(), R_OK | X_OK) != 0) refuse(option, directory, errno);
   for (;;) {
     errno = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the tool has one thread.
     const dirent* const entry = ::readdir(entries.get());
     if (entry == nullptr) {
       if (errno != 0) refuse(option, directory, errno);

@@ -11,6 +11,7 @@ namespace Velantrix::Tool {
 namespace {
 
 std::string_view environment(const char* name) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the tool has one thread.
   const char* const value = std::getenv(name);
   return value == nullptr ? std::string_view() : value;
 }

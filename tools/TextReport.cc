@@ -6,7 +6,7 @@ namespace Velantrix::Tool {
 namespace {
 
 std::string verdict(const Report& report, bool colour) {
-  const std::string word = report.valid() ? "valid" : "invalid";
+  std::string word = report.valid() ? "valid" : "invalid";
   if (!colour) return word;
   return (report.valid() ? "\x1b[32m" : "\x1b[31m") + word + "\x1b[0m";
 }

@@ -66,7 +66,7 @@ class PKX509_EXPORT CRLContainer {
     RefCertificate issuer;       ///< who issued the CRL; the caller fills it in
     RefCRLDistributionPoint distributionPoint;  ///< through which the CRL was found; may be empty
     mutable unsigned int reasons;               ///< reasons covered, as OpenSSL's bits
-    mutable unsigned int score;                 ///< OpenSSL's `CRL_SCORE_*` bits
+    mutable unsigned int score = 0;             ///< OpenSSL's `CRL_SCORE_*` bits
 
    private:
     void reject() const;

@@ -119,9 +119,9 @@ class PKX509_EXPORT LookupMethod : private NonCopyable {
   /// @}
 
  protected:
-  LookupMethod* self;        ///< this object; what the table's functions dispatch through
-  std::string name;          ///< as given to the constructor
-  ObjectStore* objectStore;  ///< not owned; null until `store()` is called
+  LookupMethod* self;                  ///< this object; what the table's functions dispatch through
+  std::string name;                    ///< as given to the constructor
+  ObjectStore* objectStore = nullptr;  ///< not owned; null until `store()` is called
 
  private:
   friend class ObjectStore;

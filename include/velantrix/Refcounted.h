@@ -41,7 +41,9 @@ class PKX509_EXPORT RefImpl {
   virtual ~RefImpl();
 
   /// How many holders own the object. A snapshot, meant for tests and diagnosis.
-  std::int32_t referenceCount() const noexcept { return references_.load(std::memory_order_acquire); }
+  std::int32_t referenceCount() const noexcept {
+    return references_.load(std::memory_order_acquire);
+  }
 
  protected:
   /// The count starts at 1: whoever allocates the object owns it.
@@ -96,8 +98,8 @@ class RefCounted {
 
 /// Makes @p target a holder of what @p source holds; the primitive under every copy of a `Ref`.
 ///
-/// Copying a holder onto itself changes no count. A null @p source empties the target; a source that
-/// holds null gives a new holder of null, never an empty target.
+/// Copying a holder onto itself changes no count. A null @p source empties the target; a source
+/// that holds null gives a new holder of null, never an empty target.
 template <class T>
 void RefCountedImplCopy(RefCounted<T>*& target, const RefCounted<T>* source) {
   if (target == source) return;
@@ -128,6 +130,7 @@ class Ref {
   explicit Ref(RefCounted<T>* holder) noexcept : counted_(holder) {}
   Ref(const Ref& other) { RefCountedImplCopy(counted_, other.counted_); }
   Ref(Ref&& other) noexcept : counted_(std::exchange(other.counted_, nullptr)) {}
+  // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): RefCountedImplCopy does.
   Ref& operator=(const Ref& other) {
     RefCountedImplCopy(counted_, static_cast<const RefCounted<T>*>(other.counted_));
     return *this;

@@ -87,7 +87,7 @@ void takeOverTime(X509_STORE_CTX* outer, X509_STORE_CTX* nested) {
 
 CRLContainer::Entry::Entry(const RefCertificate& target, const RefCertificateRevocationList& list,
                            unsigned int coveredReasons)
-    : certificate(target), crl(list), reasons(coveredReasons), score(0) {}
+    : certificate(target), crl(list), reasons(coveredReasons) {}
 
 void CRLContainer::Entry::reject() const {
   score = 0;

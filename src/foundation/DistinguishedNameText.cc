@@ -18,7 +18,7 @@ namespace Velantrix::Crypto::PKX509 {
 namespace {
 
 // OpenSSL holds names of up to 1 MiB of DER; the text of one octet takes up to six characters.
-constexpr std::size_t kMaxDer = 1024 * 1024;
+constexpr std::size_t kMaxDer = std::size_t{1024} * 1024;
 constexpr std::size_t kMaxText = 8 * kMaxDer;
 
 // --- printing ---

@@ -93,6 +93,7 @@ void Selector::start() {
   std::vector<Entry> entries;
   while (true) {
     errno = 0;  // readdir() tells the end from a failure by this alone
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread reads from this stream.
     const dirent* const entry = ::readdir(directory.get());
     if (entry == nullptr) break;
     if (!mayLeadToFile(entry->d_type)) continue;

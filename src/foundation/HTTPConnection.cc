@@ -39,7 +39,7 @@ namespace {
 struct Content {
   using value_type = Buffer*;
 
-  class reader {  // the name that Beast asks for
+  class reader {  // NOLINT(readability-identifier-naming): the name that Beast asks for
    public:
     template <bool isRequest, class Fields>
     reader(http::header<isRequest, Fields>& /*header*/, value_type& body) : body_(body) {}

@@ -18,7 +18,7 @@ namespace Velantrix {
 namespace {
 
 constexpr std::chrono::seconds kOpenBound(10);
-constexpr std::size_t kChunk = 16 * 1024;
+constexpr std::size_t kChunk = std::size_t{16} * 1024;
 
 [[noreturn]] void throwSession(const std::string& text, unsigned int line) {
   throw Exception("LDAPSession", Exception::kFailure, "LDAPSession", line).stringParameter(text);
@@ -242,6 +242,7 @@ void LDAPSession::flush(const Deadline& deadline) {
 }
 
 void LDAPSession::fill(const Deadline& deadline) {
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): what is read from it was received.
   std::array<char, kChunk> chunk;
   for (;;) {
     if (const std::size_t count = stream_.read(chunk.data(), chunk.size())) {

@@ -21,7 +21,7 @@ std::atomic<Logger*> installed{nullptr};
 
 Logger& defaultLogger() {
   // Never destroyed: objects with static lifetime may still log while the program ends.
-  static Logger* const logger = new Logger;
+  static auto* const logger = new Logger;
   return *logger;
 }
 
@@ -45,8 +45,10 @@ Logger* Logger::install(Logger* logger) noexcept {
   return installed.exchange(logger, std::memory_order_acq_rel);
 }
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): callers pass what they would pass to printf().
 void Logger::write(unsigned int, unsigned int, const char* format, ...) {
   // Room for the longest text, its priority, and enough of what follows to cut at a character.
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): vsnprintf() writes what is read.
   std::array<char, kMaxLogText + 32> buffer;
   std::va_list arguments;
   va_start(arguments, format);
@@ -67,8 +69,8 @@ void Logger::write(unsigned int, unsigned int, const char* format, ...) {
 }
 
 void Logger::line(int priority, const std::string& text) {
-  // An entry without text says nothing, whatever its number. Common set-ups show number 0 (LOG_EMERG)
-  // to everybody who is logged in, and a stranger's certificate can cause such entries.
+  // An entry without text says nothing, whatever its number. Common set-ups show number 0
+  // (LOG_EMERG) to everybody who is logged in, and a stranger's certificate can cause such entries.
   if (text.empty()) priority = LOG_DEBUG;
   ::syslog(LOG_MAIL | priority, "%s", text.c_str());
 }

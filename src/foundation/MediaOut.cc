@@ -59,6 +59,7 @@ int writeAll(int file, const void* data, std::size_t length) {
 
 // The whole content of one file to the end of another. 0, or the error.
 int copyAll(int from, int to) {
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): pread() writes what is read.
   std::array<char, std::size_t{16} * 1024> chunk;
   off_t position = 0;
   while (true) {
@@ -89,7 +90,7 @@ struct FileMediaOut::State {
 
   void openTemporary();
   void removeTemporary() noexcept;
-  void removeLeftovers() noexcept;
+  void removeLeftovers() const noexcept;
   void syncDirectory();
   void requireUsable() const;
   [[noreturn]] void fail(int error, unsigned int line);
@@ -158,7 +159,7 @@ void FileMediaOut::State::removeTemporary() noexcept {
 }
 
 // Tidying up is a courtesy: whatever fails here does not keep anybody from writing.
-void FileMediaOut::State::removeLeftovers() noexcept {
+void FileMediaOut::State::removeLeftovers() const noexcept {
   if (!directoryReadable) return;
   FileDescriptor again(::openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!again.valid()) return;
@@ -167,6 +168,7 @@ void FileMediaOut::State::removeLeftovers() noexcept {
   static_cast<void>(again.release());  // the listing closes it
 
   const Time oldest = Time::then(-kLeftoverAge, false);
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread reads from this stream.
   while (const dirent* const entry = ::readdir(listing.get())) {
     const std::string_view candidate = entry->d_name;
     if (candidate.size() != temporaryPrefix.size() + kRandomDigits) continue;

@@ -12,7 +12,7 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-thread_local ConnectionSubject* t_subject = nullptr;
+thread_local ConnectionSubject* currentSubject = nullptr;
 
 // What the run on this thread shares with the runs it is nested in; null outside a run.
 NetworkTotals* totals() noexcept {
@@ -26,11 +26,11 @@ ConnectionSubject::ConnectionSubject(X509* certificate, X509* issuer) noexcept
     : certificate_(certificate),
       issuer_(issuer),
       run_(VerificationRun::current()),
-      outer_(t_subject) {
-  t_subject = this;
+      outer_(currentSubject) {
+  currentSubject = this;
 }
 
-ConnectionSubject::~ConnectionSubject() { t_subject = outer_; }
+ConnectionSubject::~ConnectionSubject() { currentSubject = outer_; }
 
 bool ConnectionSubject::isGenuine() {
   if (!genuine_.has_value()) {
@@ -49,8 +49,8 @@ bool ConnectionSubject::isGenuine() {
 
 bool networkAdmitted() {
   // A run that is nested in the check of a certificate is about another certificate.
-  if (t_subject != nullptr && t_subject->run_ == VerificationRun::current() &&
-      !t_subject->isGenuine()) {
+  if (currentSubject != nullptr && currentSubject->run_ == VerificationRun::current() &&
+      !currentSubject->isGenuine()) {
     return false;
   }
   return networkTimeAdmitted();

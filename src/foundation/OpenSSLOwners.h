@@ -1,7 +1,7 @@
 // Owners of OpenSSL objects.
 //
-// Every pointer that the library owns is wrapped at the call that makes it and leaves its owner only
-// through release(), straight into a function that takes ownership. What OpenSSL calls get0 is
+// Every pointer that the library owns is wrapped at the call that makes it and leaves its owner
+// only through release(), straight into a function that takes ownership. What OpenSSL calls get0 is
 // borrowed and stays a plain pointer.
 #pragma once
 
@@ -21,11 +21,13 @@ namespace Velantrix::Crypto {
 template <class T>
 struct Free;
 
-#define PKX509_FREE_WITH(Type, function)                                \
-  template <>                                                           \
-  struct Free<Type> {                                                   \
+// NOLINTBEGIN(bugprone-macro-parentheses): a type in parentheses is none.
+#define PKX509_FREE_WITH(Type, function)                               \
+  template <>                                                          \
+  struct Free<Type> {                                                  \
     void operator()(Type* object) const noexcept { function(object); } \
   }
+// NOLINTEND(bugprone-macro-parentheses)
 
 PKX509_FREE_WITH(ASN1_BIT_STRING, ASN1_STRING_free);  // all ASN1_STRING types are this one type
 PKX509_FREE_WITH(ASN1_OBJECT, ASN1_OBJECT_free);

@@ -19,20 +19,20 @@ std::string escapeControls(std::string_view text, std::size_t limit) {
   static constexpr char kHex[] = "0123456789ABCDEF";
   std::string out;
   out.reserve(text.size() < limit ? text.size() : limit);
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
+  for (const char character : text) {
+    const auto byte = static_cast<unsigned char>(character);
     const std::size_t room = limit - out.size();
-    if (isControl(text[i])) {
+    if (isControl(character)) {
       if (room < 3) break;
       out += '\\';
       out += kHex[byte >> 4];
       out += kHex[byte & 0x0f];
     } else if (room == 0) {
       // One byte too many lets cutText() see whether the character before it is whole.
-      out += text[i];
+      out += character;
       return std::string(cutText(out, limit));
     } else {
-      out += text[i];
+      out += character;
     }
   }
   return out;

@@ -9,32 +9,32 @@
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
-thread_local VerificationRun* t_current = nullptr;
+thread_local VerificationRun* currentRun = nullptr;
 }  // namespace
 
 VerificationRun::VerificationRun(Shelter /*shelter*/) noexcept
     : target_(nullptr),
-      outer_(t_current),
+      outer_(currentRun),
       level_(outer_ == nullptr ? 0 : outer_->level_),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(nullptr) {
-  t_current = this;
+  currentRun = this;
 }
 
 VerificationRun::VerificationRun(const X509* target,
                                  std::optional<NetworkTotals::Duration> networkTime) noexcept
     : target_(target),
-      outer_(t_current),
+      outer_(currentRun),
       level_(outer_ == nullptr ? 1 : outer_->level_ + 1),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(judge()) {
   own_.network.limit = networkTime;
-  t_current = this;
+  currentRun = this;
 }
 
-VerificationRun::~VerificationRun() { t_current = outer_; }
+VerificationRun::~VerificationRun() { currentRun = outer_; }
 
-VerificationRun* VerificationRun::current() noexcept { return t_current; }
+VerificationRun* VerificationRun::current() noexcept { return currentRun; }
 
 const char* VerificationRun::judge() noexcept {
   if (outer_ == nullptr) return nullptr;
@@ -50,8 +50,8 @@ const char* VerificationRun::judge() noexcept {
 }
 
 bool VerificationRun::admitLookup() {
-  if (t_current == nullptr) return true;
-  Totals& totals = *t_current->totals_;
+  if (currentRun == nullptr) return true;
+  Totals& totals = *currentRun->totals_;
   if (totals.lookups < kMaximumLookups) {
     ++totals.lookups;
     return true;
@@ -66,7 +66,7 @@ bool VerificationRun::admitLookup() {
 
 X509* VerificationRun::known(const unsigned char* der, std::size_t length) {
   const std::string_view wanted(reinterpret_cast<const char*>(der), length);
-  for (VerificationRun* run = t_current; run != nullptr; run = run->outer_) {
+  for (VerificationRun* run = currentRun; run != nullptr; run = run->outer_) {
     // From the root down: directories hold the upper end of a chain, and encoding costs something.
     for (auto known = run->known_.rbegin(); known != run->known_.rend(); ++known) {
       if (known->der.empty()) {

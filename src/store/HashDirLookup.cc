@@ -158,7 +158,7 @@ bool DirectoryParser::wants(std::string_view fileName) const {
 int DirectoryParser::process(const File::Path& path) {
   if (!wants(path.name())) return 0;
   if (type == Object::TypeCertificate) {
-    CertificateFactory().read(path, certificates);
+    CertificateFactory::read(path, certificates);
   } else {
     loadCRL(path);
   }
@@ -168,14 +168,14 @@ int DirectoryParser::process(const File::Path& path) {
 void DirectoryParser::loadCRL(const File::Path& path) {
   RefCertificateRevocationList crl;
   if (uri.empty()) {
-    crl = CertificateRevocationListFactory().read(path);
+    crl = CertificateRevocationListFactory::read(path);
   } else {
     const std::vector<unsigned char> content = readFile(path);
     const CRLFileHeader header = CRLFileHeader::parse(
         std::string_view(reinterpret_cast<const char*>(content.data()), content.size()));
     if (header.uri.has_value() && *header.uri != uri) return;
     try {
-      crl = CertificateRevocationListFactory().read(
+      crl = CertificateRevocationListFactory::read(
           Buffer(content.data(), static_cast<unsigned int>(content.size()), false));
     } catch (Exception& failure) {
       failure.stringParameter(path.asString() + ": " + failure.stringParameter());

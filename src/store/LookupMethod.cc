@@ -81,10 +81,7 @@ void LookupMethod::TableDeleter::operator()(X509_LOOKUP_METHOD* table) const noe
 }
 
 LookupMethod::LookupMethod(const std::string& methodName)
-    : self(this),
-      name(methodName),
-      objectStore(nullptr),
-      table_(X509_LOOKUP_meth_new(name.c_str())) {
+    : self(this), name(methodName), table_(X509_LOOKUP_meth_new(name.c_str())) {
   if (table_ == nullptr) throw std::bad_alloc();
   X509_LOOKUP_METHOD* const table = table_.get();
   const bool filled =

@@ -134,7 +134,7 @@ void ObjectStore::find(const DistinguishedName& issuer,
     std::list<RefCertificateRevocationList> found;
     source.getBySubject(issuer, found);
     for (const RefCertificateRevocationList& crl : found) {
-      objectList.push_back(RefObject(crl));
+      objectList.emplace_back(crl);
       out.push_back(crl);
     }
   }
@@ -145,7 +145,7 @@ void ObjectStore::find(const Uri& uri, std::list<RefCertificateRevocationList>& 
   URILookup().find(uri, out);
   // The whole list is cached again, elements of earlier finds included: whoever asks by several
   // URIs in a row relies on the store knowing all of them.
-  for (const RefCertificateRevocationList& crl : out) objectList.push_back(RefObject(crl));
+  for (const RefCertificateRevocationList& crl : out) objectList.emplace_back(crl);
 }
 
 void ObjectStore::find(const GeneralName& generalName,
@@ -196,7 +196,7 @@ const RefCertificate* ObjectStore::firstIssuer(const RefCertificateRevocationLis
                                                unsigned int& score) const {
   for (const RefCertificate& candidate : candidates) {
     if (mayHaveIssued(candidate, crl, score)) {
-      objectList.push_back(RefObject(candidate));
+      objectList.emplace_back(candidate);
       return &objectList.back()->certificate;
     }
   }
