@@ -41,7 +41,7 @@ struct FaultKind {
   std::array<int, kServices> weight;  ///< how often; 0: makes no sense for the service
   /// It can use up the time that a verification has for the network, so that what is asked after it
   /// is not reached either. Not for the simple verifier, whose bounds cannot be set.
-  std::array<bool, kServices> slow;
+  bool slow;
   bool staysInCache;  ///< it can leave a wrong CRL behind that looks fresh
 };
 

@@ -18,6 +18,7 @@
 
 #include <velantrix/Logger.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -34,8 +35,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Bounds on the network add up to one or two seconds; what takes so long hangs.
-constexpr unsigned int kLongestRound = 60;
+/// Twice the longest bound of a single request: a round that takes longer hangs.
+constexpr unsigned int kRoundHangs = 60;
+/// Until everything has happened once; a slow machine takes longer for it.
+constexpr std::uint64_t kWarmUpRounds = 400;
+constexpr std::uint64_t kFewestRounds = 1200;
 /// Of which memory is reserved at the start.
 constexpr std::size_t kSamples = 200;
 
@@ -64,7 +68,7 @@ void runRound(const Round& round, const Servers& servers, const Cache& cache, Su
   if (round.fault != Fault::None) servers.disturb(round.service, round.fault, round.random);
   const std::set<int> possible = possibleVerdicts(round, cacheIsRight);
 
-  alarm(kLongestRound);
+  alarm(kRoundHangs);
   const Clock::time_point start = Clock::now();
   const std::vector<int> verdicts = subject.verify(round);
   const auto time = std::chrono::duration_cast<Latencies::Duration>(Clock::now() - start);
@@ -102,15 +106,17 @@ int run(std::chrono::milliseconds length, std::uint64_t seed) {
   samples.reserve(kSamples);
   const Resources atStart = measureResources(0);
   const Clock::time_point start = Clock::now();
-  const Clock::time_point warm = start + length / 5;
   const auto interval = (length - length / 5) / static_cast<int>(kSamples);
-  Clock::time_point next = warm;
+  Clock::time_point next = start + length / 5;
   bool cacheIsRight = true;
-  while (Clock::now() < start + length) {
+  while (Clock::now() < start + length || report.rounds() < kFewestRounds) {
     runRound(drawRound(dice, cases), servers, cache, subject, cacheIsRight, report);
-    if (Clock::now() < next || samples.size() == samples.capacity()) continue;
+    const Clock::time_point now = Clock::now();
+    if (now < next || report.rounds() < kWarmUpRounds || samples.size() == samples.capacity()) {
+      continue;
+    }
     samples.push_back(measureResources(report.rounds()));
-    next += interval;
+    next = std::max(next + interval, now);
   }
   const Servers::Counts counts = servers.counts();
   Logger::install(nullptr);

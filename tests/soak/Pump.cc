@@ -64,7 +64,8 @@ class Pump {
         return false;
       case Fault::Garbage:
         std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(right), bytes.end(), '\x85');
-        return sendAll(client_, bytes);
+        sendAll(client_, bytes);
+        return false;  // it may have announced more, and would be waited for
       case Fault::Late:
         if (!sendAll(client_, head)) return false;
         if (begin <= at_) pause(kLate);

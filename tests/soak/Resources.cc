@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kHeapAllowance = std::size_t{64} * 1024;
+constexpr std::size_t kHeapAllowance = std::size_t{32} * 1024;
 constexpr std::size_t kAnonymousAllowance = std::size_t{8} * 1024 * 1024;
 
 std::size_t entriesOf(const char* directory) {

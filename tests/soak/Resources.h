@@ -31,8 +31,8 @@ Resources measureResources(std::uint64_t round);
 ///
 /// Descriptors, threads and children: each sample has what the first one has. Heap and anonymous
 /// memory: the median of the last quarter of the samples exceeds that of the first by no more than
-/// an allowance. A leak of n bytes a round raises it by n times three quarters of the rounds; the
-/// medians know nothing of single samples, before which a cache of OpenSSL's happened to grow.
+/// an allowance. A leak of n bytes a round raises it by n times three quarters of the rounds;
+/// single samples that happen to be high, or low, change no median.
 std::vector<std::string> judge(const std::vector<Resources>& samples);
 
 /// The fewest samples that can be judged.

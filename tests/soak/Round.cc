@@ -19,8 +19,7 @@ constexpr int kPlain = X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
 
 Fault drawFault(Dice& dice, Service service, bool slowToo) {
   const auto weightOf = [&](const FaultKind& kind) {
-    const auto which = static_cast<std::size_t>(service);
-    return kind.slow.at(which) && !slowToo ? 0 : kind.weight.at(which);
+    return kind.slow && !slowToo ? 0 : kind.weight.at(static_cast<std::size_t>(service));
   };
   int all = 0;
   for (const FaultKind& kind : allFaults()) all += weightOf(kind);
@@ -118,8 +117,7 @@ bool isSettled(const Round& round, bool cacheIsRight) {
   std::vector<Source> sources = {plan.source};
   if (checksIssuers(round) && plan.level == Level::Lower) sources.push_back(Source::Machine);
   if (checksIssuers(round) && plan.level != Level::Root) sources.push_back(Source::Web);
-  const bool timeIsUp = asks && responderDisturbed &&
-                        kindOf(round.fault).slow.at(static_cast<std::size_t>(round.service));
+  const bool timeIsUp = asks && responderDisturbed && kindOf(round.fault).slow;
   return std::all_of(sources.begin(), sources.end(),
                      [&](Source source) {
                        return isWell(source, round, cacheIsRight) &&
