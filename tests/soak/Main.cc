@@ -66,7 +66,6 @@ void runRound(const Round& round, const Servers& servers, const Cache& cache, Su
   cache.trouble(round.cache);
   if (round.cache == CacheTrouble::Emptied) cacheIsRight = true;
   if (round.fault != Fault::None) servers.disturb(round.service, round.fault, round.random);
-  const std::set<int> possible = possibleVerdicts(round, cacheIsRight);
 
   alarm(kRoundHangs);
   const Clock::time_point start = Clock::now();
@@ -74,11 +73,14 @@ void runRound(const Round& round, const Servers& servers, const Cache& cache, Su
   const auto time = std::chrono::duration_cast<Latencies::Duration>(Clock::now() - start);
   alarm(0);
 
+  const bool timeIsUp = round.way != Way::Simple && time >= kNetworkTime;
+  const std::set<int> possible = possibleVerdicts(round, cacheIsRight, timeIsUp);
+  for (const int verdict : verdicts) report.add(round, verdict, possible, time);
+  report.add(round, time);
+
   if (round.fault != Fault::None) servers.settle();
   cache.settle(round.cache);
   if (round.service == Service::Web && kindOf(round.fault).staysInCache) cacheIsRight = false;
-  for (const int verdict : verdicts) report.add(round, verdict, possible);
-  report.add(round, time);
 }
 
 int run(std::chrono::milliseconds length, std::uint64_t seed) {

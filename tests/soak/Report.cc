@@ -37,14 +37,15 @@ std::string verdictText(int verdict) {
 
 }  // namespace
 
-void Report::add(const Round& round, int verdict, const std::set<int>& possible) {
+void Report::add(const Round& round, int verdict, const std::set<int>& possible,
+                 Latencies::Duration time) {
   ++verdicts_.at(static_cast<std::size_t>(round.target->plan.truth))
         .at(static_cast<std::size_t>(verdict + 1));
   if (possible.size() == 1) ++certain_;
   if (possible.count(verdict) != 0) return;
   std::ostringstream text;
   text << "round " << rounds_ << ": " << describe(round) << ": " << verdictText(verdict)
-       << "; possible:";
+       << " after " << time.count() / 1000 << " ms; possible:";
   for (const int one : possible) text << ' ' << one;
   complain(text.str());
 }
@@ -53,6 +54,7 @@ void Report::add(const Round& round, Latencies::Duration time) {
   ++rounds_;
   ++cache_.at(static_cast<std::size_t>(round.cache));
   (round.fault == Fault::None ? well_ : disturbed_).add(time);
+  if (round.fault == Fault::None && time >= kNetworkTime) ++outOfTime_;
   if (time > kLongestRound) {
     complain("round " + std::to_string(rounds_) + ": " + describe(round) + ": took " +
              std::to_string(time.count() / 1000) + " ms");
@@ -69,7 +71,8 @@ void Report::print(std::ostream& out, std::chrono::steady_clock::duration time,
   const double seconds = std::chrono::duration<double>(time).count();
   out << "seed " << seed_ << ", " << std::fixed << std::setprecision(0) << seconds << " s, "
       << rounds_ << " rounds, " << std::setprecision(1) << static_cast<double>(rounds_) / seconds
-      << " a second, " << logLines << " lines of log\n";
+      << " a second, " << logLines << " lines of log\n"
+      << outOfTime_ << " rounds took a second though all was well: the machine was busy\n";
 
   out << "\nverdicts (" << certain_ << " where only one was possible)\n";
   for (std::size_t truth = 0; truth < kTruths; ++truth) {

@@ -20,8 +20,9 @@ class Report {
  public:
   explicit Report(std::uint64_t seed) : seed_(seed) {}
 
-  /// A verdict of the round that goes on.
-  void add(const Round& round, int verdict, const std::set<int>& possible);
+  /// A verdict of the round that goes on, and how long it took.
+  void add(const Round& round, int verdict, const std::set<int>& possible,
+           Latencies::Duration time);
   /// The end of the round.
   void add(const Round& round, Latencies::Duration time);
   /// Something that must not be. The first ones are shown at once.
@@ -44,6 +45,7 @@ class Report {
   std::uint64_t certain_ = 0;  ///< verdicts where only one was possible
   std::array<std::array<std::uint64_t, kCodes>, kTruths> verdicts_{};
   std::array<std::uint64_t, 6> cache_{};
+  std::uint64_t outOfTime_ = 0;
   Latencies well_;
   Latencies disturbed_;
 };

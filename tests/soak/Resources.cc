@@ -10,7 +10,8 @@
 #include <unistd.h>
 
 #ifdef PKX509_SANITIZED
-#include <sanitizer/allocator_interface.h>
+// As in <sanitizer/allocator_interface.h>, which GCC has not everywhere.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 namespace Velantrix::Test::Soak {

@@ -166,9 +166,9 @@ Round drawRound(Dice& dice, const std::vector<Case>& cases) {
   return round;
 }
 
-std::set<int> possibleVerdicts(const Round& round, bool cacheIsRight) {
+std::set<int> possibleVerdicts(const Round& round, bool cacheIsRight, bool timeIsUp) {
   std::set<int> possible = {rightVerdict(round)};
-  if (isSettled(round, cacheIsRight)) return possible;
+  if (isSettled(round, cacheIsRight) && !timeIsUp) return possible;
   // No CRL, or none that counts.
   possible.insert(
       {X509_V_ERR_UNABLE_TO_GET_CRL, X509_V_ERR_CRL_SIGNATURE_FAILURE, X509_V_ERR_CRL_HAS_EXPIRED});

@@ -21,8 +21,6 @@ using namespace Crypto::PKX509;
 
 namespace {
 
-constexpr unsigned int kNetworkTime = 1;  // seconds, the least that can be asked for
-
 RefCertificate handleOf(const Issued& issued, bool decoded) {
   if (!decoded) return CertificateFactory()(issued.get(), false);
   const std::string text = der(issued.get());
@@ -109,7 +107,7 @@ int Subject::verifyWith(RefObjectStore store, const Round& round) const {
     Verifier verifier(store, leaf,
                       between.empty() ? RefStackOfCertificate() : RefStackOfCertificate(between),
                       config, round.openSSLRevocation);
-    verifier.maxNetworkTime(kNetworkTime);
+    verifier.maxNetworkTime(kNetworkTime.count());
     if (round.demand == Demand::RightAddress || round.demand == Demand::WrongAddress) {
       const std::string& address =
           round.demand == Demand::RightAddress ? round.target->address : "somebody@else.test";
