@@ -17,6 +17,8 @@ constexpr int kWithoutRevocation =
 constexpr int kNotStrict = kDefaultFlags & ~X509_V_FLAG_X509_STRICT;
 constexpr int kPlain = X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
 
+constexpr int kLastCode = 100;  // OpenSSL has some more than 90
+
 Fault drawFault(Dice& dice, Service service, bool slowToo) {
   const auto weightOf = [&](const FaultKind& kind) {
     return kind.slow && !slowToo ? 0 : kind.weight.at(static_cast<std::size_t>(service));
@@ -172,6 +174,12 @@ std::set<int> possibleVerdicts(const Round& round, bool cacheIsRight, bool timeI
   // No CRL, or none that counts.
   possible.insert(
       {X509_V_ERR_UNABLE_TO_GET_CRL, X509_V_ERR_CRL_SIGNATURE_FAILURE, X509_V_ERR_CRL_HAS_EXPIRED});
+  // A bit of an authority's certificate: whatever can be wrong with a path then.
+  if (round.directory && round.service == Service::Directory && round.fault == Fault::Flipped) {
+    for (int code = 1; code <= kLastCode; ++code) {
+      if (code != X509_V_ERR_CERT_REVOKED) possible.insert(code);
+    }
+  }
   if (lacksIssuers(round)) possible.insert(X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
   // What LDAP does not give is an exception.
   if (round.directory) possible.insert(kNoVerdict);
