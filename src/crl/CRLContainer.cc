@@ -30,7 +30,6 @@ constexpr unsigned int kDeltaMark = 0x4000;
 constexpr int kRemoveFromCRL = 8;  // RFC 5280, 5.3.1
 
 constexpr int kFullName = 0;
-constexpr int kRelativeName = 1;
 
 const CertificateRevocationList& crlOf(const CRLContainer::Entry& entry) {
   return *static_cast<const RefCertificateRevocationList&>(entry.crl->crl).operator->();
@@ -158,9 +157,9 @@ void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifi
   bool match = true;
   if (pointName->type() == idpName->type()) {
     match = !(*pointName.get() != *idpName.get());
-  } else if (pointName->type() == kFullName && idpName->type() == kRelativeName) {
+  } else if (pointName->type() == kFullName) {
     match = !(*pointName.get() != completed(*idpName.get(), crlIssuer));
-  } else if (pointName->type() == kRelativeName && idpName->type() == kFullName) {
+  } else {
     match = !(*idpName.get() != completed(*pointName.get(), crlIssuer));
   }
   if (!match) {

@@ -178,7 +178,6 @@ void ObjectStore::find(const RefCertificate& certificate, const RefCRLDistributi
     }
     return;
   }
-  if (pointName->type() != CRLDistributionPointName::kRelativeName) return;
   const std::string relative = pointName->relativeName();
   if (relative.empty()) return;
   if (issuers.empty()) {
