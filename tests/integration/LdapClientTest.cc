@@ -3,6 +3,7 @@
 #include "foundation/LDAPStream.h"
 #include "foundation/VerificationRun.h"
 #include "integration/LdapPeer.h"
+#include "support/FaultServer.h"
 #include "support/LogCapture.h"
 #include "support/Slapd.h"
 #include "unit/store/Model.h"
@@ -264,6 +265,19 @@ TEST_F(LdapClient, ServerThatDoesNotRead_EndsInTime) {
   parameter.add(LDAPAttributeType(std::string(32U << 20U, 'x')));
   EXPECT_TEXT("did not answer in time.", search(connection, parameter));
   EXPECT_LT(took, std::chrono::seconds(5));
+}
+
+TEST_F(LdapClient, ConnectThatTheKernelRefuses_ThrowsAtOnce) {
+  // Nobody can be connected to all at once.
+  const LDAPConnection::Server server("ldap://255.255.255.255:389", {});
+  const Clock::time_point start = Clock::now();
+  try {
+    const LDAPStream stream(server, Deadline(std::chrono::seconds(30)));
+    ADD_FAILURE() << "connected";
+  } catch (const Exception& e) {
+    EXPECT_TEXT("ldap://255.255.255.255", e.asString());
+  }
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
 }
 
 TEST_F(LdapClient, ConnectThatIsNotAnswered_EndsInTime) {
@@ -683,6 +697,20 @@ TEST_F(LdapClient, TlsServerThatGoesAway_Throws) {
   directory.stop();
   EXPECT_TEXT(directory.tlsUri() + ": TLS: ", search(connection, LDAPSearch::Parameter("o=Test")));
   // The goodbye is written to a connection that the other side has reset.
+}
+
+TEST_F(LdapClient, TlsServerThatDoesNotRead_EndsInTime) {
+  const Issued certificate = issue({.subject = "CN=directory"});
+  const FaultServer server([](Peer& peer) { peer.pause(std::chrono::hours(1)); },
+                           {.certificate = &certificate});
+  LDAPConnection connection(
+      LDAPConnection::RefServer("ldaps://127.0.0.1:" + std::to_string(server.port()),
+                                {.verifyPeer = false}),
+      false);
+  LDAPSearch::Parameter parameter("o=Test");
+  parameter.add(LDAPAttributeType(std::string(32U << 20U, 'x')));
+  EXPECT_TEXT("did not answer in time.", search(connection, parameter));
+  EXPECT_LT(took, std::chrono::seconds(10));
 }
 
 TEST_F(LdapClient, TlsHandshakeThatIsNotAnswered_EndsInTime) {

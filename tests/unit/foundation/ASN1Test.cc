@@ -52,6 +52,12 @@ TEST(Integer, Printed_UpperCaseHexPairsAsTheOpensslCommandPrints) {
   for (const Row& row : rows) EXPECT_EQ(printed(integer(row.hex)), row.text);
 }
 
+// As OpenSSL makes it new: a zero without octets, which no DER has.
+TEST(Integer, WithoutOctets_IsPrintedAsZero) {
+  const Owned<ASN1_INTEGER> made(ASN1_INTEGER_new());
+  EXPECT_EQ(printed(Integer(made.get())), "00");
+}
+
 TEST(Integer, Absent_PrintingThrowsAndWritesNothing) {
   std::ostringstream out;
   EXPECT_THROW(out << Integer(), Exception);

@@ -18,6 +18,8 @@ namespace {
 
 namespace Pki = Velantrix::Test;
 
+using namespace std::string_literals;
+
 std::list<RefCRLDistributionPoint> pointsOf(const std::vector<Pki::DistributionPoint>& points) {
   const Pki::Issued issued = Pki::issue({.crlDistributionPoints = points});
   return CertificateFactory()(issued.get(), false)->crlDistributionPoints();
@@ -87,6 +89,15 @@ TEST(CRLDistributionPoint, Reasons_CutToThoseDefinedAndAllWhenAbsent) {
     }
   }
   EXPECT_EQ(scopeOf({.onlyUser = true})->reasons(), 0x807fU);
+}
+
+// Not DER, which wants at least one bit of a list of named ones that is there; OpenSSL reads it.
+TEST(CRLDistributionPoint, ReasonsWithoutABit_AreNone) {
+  const std::string extension = "\x30\x14\x30\x12\xa0\x0d\xa0\x0b\x86\x09http://a/\x81\x01\x00"s;
+  const Pki::Issued issued = Pki::issue({.rawExtensions = {{"2.5.29.31", false, extension}}});
+  const auto points = CertificateFactory()(issued.get(), false)->crlDistributionPoints();
+  ASSERT_EQ(points.size(), 1U);
+  EXPECT_EQ(points.front()->reasons(), 0U);
 }
 
 TEST(CRLDistributionPointName, Compared_FullNamesByOneInCommonRelativeByRdnNeverMixed) {

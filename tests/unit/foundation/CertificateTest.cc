@@ -241,6 +241,21 @@ TEST(Certificate, KeyOfUnknownAlgorithm_ThrowsAndIsNotSelfSigned) {
   EXPECT_FALSE(certificate->isSelfSigned());
 }
 
+TEST(Certificate, IssuedByAKeyOfUnknownAlgorithm_NeverAndNoErrorIsLeft) {
+  const Pki::Issued root = Pki::issueCa("CN=CA");
+  const RefCertificate leaf = wrap(Pki::issue({.subject = "CN=Leaf", .issuer = &root}));
+  std::string der = Pki::der(root.get());
+  const std::string algorithm = "\x06\x07\x2a\x86\x48\xce\x3d\x02\x01"s;
+  const std::size_t at = der.find(algorithm);
+  ASSERT_NE(at, std::string::npos);
+  der[at + algorithm.size() - 1] = 0x7e;
+  const RefCertificate issuer = CertificateFactory()(Pki::certFromDer(der).release(), true);
+  ERR_clear_error();
+  EXPECT_FALSE(leaf->issuedBy(issuer, true));  // X509_check_issued() wants to know the key's kind
+  EXPECT_FALSE(leaf->issuedBy(issuer, false));
+  EXPECT_EQ(ERR_peek_error(), 0U);
+}
+
 TEST(Certificate, WritePEM_OneBlockThatOpensslReadsBack) {
   const Pki::Issued issued = Pki::issueCa("CN=CA");
   StringMediaOut out;

@@ -133,6 +133,12 @@ TEST(FileReader, ReadFile_NoFile_ThrowsWithPathAndReason) {
   }
 }
 
+TEST(FileReader, ReadFile_FileThatOpensAndCannotBeRead_ThrowsWithPathAndReason) {
+  // A regular file, and nothing is mapped at the address that its beginning stands for.
+  EXPECT_NE(failure("/proc/self/mem").find("/proc/self/mem: Input/output error"),
+            std::string::npos);
+}
+
 TEST(FileReader, ReadFile_NulInName_ThrowsInsteadOfReadingAnotherFile) {
   const TempDir dir;
   writeFile(dir / "file", "x");

@@ -127,6 +127,14 @@ TEST(FileStatus, CreationTime_ModifiedInTheFuture_IsTheTimeOfBirth) {
   EXPECT_EQ(Path((dir / "young").string()).status(true).creationTime(), expected);
 }
 
+TEST(FileStatus, CreationTime_FileSystemWithoutTimesOfBirth_IsTheTimeOfModification) {
+  const std::string file = "/proc/self/status";
+  struct statx known = {};
+  ASSERT_EQ(::statx(AT_FDCWD, file.c_str(), 0, STATX_BTIME | STATX_MTIME, &known), 0);
+  ASSERT_EQ(known.stx_mask & STATX_BTIME, 0U) << "proc has times of birth here";
+  EXPECT_EQ(Path(file).status(true).creationTime(), Time::then(known.stx_mtime.tv_sec, true));
+}
+
 TEST(FileStatus, Status_RegularFile_HasItsSize) {
   const TempDir dir;
   writeFile(dir / "five", "12345");

@@ -1,4 +1,5 @@
 #include "support/Files.h"
+#include "unit/store/Unprivileged.h"
 
 #include <velantrix/Exception.h>
 #include <velantrix/MediaOut.h>
@@ -27,6 +28,7 @@ using Velantrix::MediaOut;
 using Velantrix::StringMediaOut;
 using Velantrix::Test::readFile;
 using Velantrix::Test::TempDir;
+using Velantrix::Test::Unprivileged;
 using Velantrix::Test::writeFile;
 
 using Names = std::vector<std::string>;
@@ -274,6 +276,24 @@ TEST_F(FileMediaOutTest, Flush_NameInTheCurrentDirectory_IsWrittenThere) {
   }
   std::filesystem::current_path(former);
   EXPECT_EQ(readFile(dir / "plain"), "x");
+}
+
+TEST_F(FileMediaOutTest, Flush_DirectoryThatMayNotBeListed_IsWrittenThere) {
+  const std::string leftover = target + "-tmp-0123456789abcdef";
+  writeFile(leftover, "half");
+  setAge(leftover, 7200);
+  ASSERT_EQ(::chmod(dir.path().c_str(), 0300), 0);
+  {
+    const Unprivileged rights;
+    ASSERT_LT(::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), 0);
+    FileMediaOut out(target);
+    write(out, "new");
+    out.flush();
+  }
+  ASSERT_EQ(::chmod(dir.path().c_str(), 0700), 0);
+  EXPECT_EQ(readFile(target), "new");
+  // Who may not list a directory does not find what an earlier writer left.
+  EXPECT_EQ(namesIn(dir), (Names{"4a6481c9.0", "4a6481c9.0-tmp-0123456789abcdef"}));
 }
 
 TEST_F(FileMediaOutTest, TwoWriters_OneTarget_TheLastFlushWinsWhole) {

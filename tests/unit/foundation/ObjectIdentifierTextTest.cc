@@ -66,7 +66,10 @@ TEST(ObjectIdentifierText, LongestArc_DottedAndOneOctetMoreIsHexadecimal) {
 }
 
 TEST(ObjectIdentifierText, ArcOfAMillionDigits_RefusedAtOnce) {
-  EXPECT_FALSE(objectIdentifierContent("1.2." + std::string(1000000, '9')).has_value());
+  const std::string digits(1000000, '9');
+  EXPECT_FALSE(objectIdentifierContent("1.2." + digits).has_value());
+  EXPECT_FALSE(objectIdentifierContent("2." + digits).has_value());
+  EXPECT_FALSE(objectIdentifierContent(digits).has_value());
 }
 
 }  // namespace

@@ -12,7 +12,10 @@
 #include <openssl/err.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <list>
 #include <new>
 #include <sys/wait.h>
 
@@ -208,6 +211,22 @@ TEST(AllocationFailure, AnswersAndSearches) {
     static_cast<void>(store->findIssuer(crl, score));
     std::list<RefCertificateRevocationList> crls;
     store->find(crl->crlInfo().issuer(), crls);
+  });
+}
+
+// The name of the file is a digest: without one it would be another's.
+TEST(AllocationFailure, HashDirectory_WrittenAndSearchedByAddressUnderOneName) {
+  const EmailAddress address("person@example.org");
+  const RefCertificate certificate = model(issueCa("CN=Root"));
+  const TempDir directory;
+  HashDirLookupMethod method(directory.string());
+  walkBoth([&] { method.add(address, certificate); });
+  const auto entries = std::filesystem::directory_iterator(directory.path());
+  EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
+  walkBoth([&] {
+    std::list<RefCertificate> found;
+    method.getByEmailAddress("", address, found);
+    EXPECT_EQ(found.size(), 1U);
   });
 }
 

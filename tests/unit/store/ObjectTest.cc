@@ -51,6 +51,12 @@ TEST(Object, FromCrl_CarriesItsPointer) {
   EXPECT_TRUE(object.crossPair.empty());
 }
 
+TEST(RefObject, Dereferenced_IsTheObject) {
+  const RefObject object(model(issueCa("CN=Root")));
+  EXPECT_EQ(&*object, object.get());
+  EXPECT_EQ((*object).type, Object::TypeCertificate);
+}
+
 TEST(Object, FromEmptyHandle_IsOfNoType) {
   const Object certificate{RefCertificate()};
   EXPECT_EQ(certificate.type, Object::TypeNone);

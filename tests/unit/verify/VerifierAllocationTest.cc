@@ -103,6 +103,39 @@ TEST(VerifierAllocation, RevokedCertificate_IsNeverValid) {
   }
 }
 
+// The second run makes the context anew, with what the caller had set on it.
+TEST(VerifierAllocation, SecondRun_RevokedCertificateIsNeverValid) {
+  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
+  World world;
+  world.trust(root);
+  world.publish({.issuer = &root, .revoked = {{.serial = leaf, .reason = 1}}});
+  int exceptions = 0;
+  for (const bool useOpenSSL : {false, true}) {
+    for (const bool forGood : {false, true}) {
+      long first = 0;
+      do {
+        Verifier verifier(world.store, handle(leaf), useOpenSSL);
+        ASSERT_EQ(verifier.isValid(), X509_V_ERR_CERT_REVOKED);
+        const Starvation starvation(first++, forGood);
+        int verdict = -1;
+        try {
+          verdict = verifier.isValid();
+        } catch (const Exception& e) {
+          Starvation::end();
+          if (e.context() == "X509::Verifier") ++exceptions;
+        } catch (const std::bad_alloc&) {
+        }
+        Starvation::end();
+        ERR_clear_error();
+        EXPECT_NE(verdict, 0) << "allocation " << first - 1;
+      } while (Starvation::refused() && first < 20000);
+      EXPECT_GT(first, 50);
+    }
+  }
+  EXPECT_GT(exceptions, 2);
+}
+
 TEST(VerifierAllocation, OnlyPolicyThatIsNotAccepted_IsNeverForgotten) {
   const Issued root = issueCa("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf",
