@@ -64,7 +64,8 @@ class PKX509_EXPORT DistinguishedName {
   bool operator!=(const DistinguishedName& other) const noexcept { return !(*this == other); }
 
   /// Borrowed, never null; lives as long as a copy of this value does.
-  const X509_NAME* native() const noexcept;
+  /// @throws Exception when there is no memory for the first empty name that is asked
+  const X509_NAME* native() const;
 
  private:
   std::shared_ptr<const X509_NAME> name_;

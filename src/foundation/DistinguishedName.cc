@@ -76,11 +76,12 @@ std::uint32_t DistinguishedName::hash() const {
 
 bool DistinguishedName::operator==(const DistinguishedName& other) const noexcept {
   if (name_ == other.name_) return true;
+  if (name_ == nullptr || other.name_ == nullptr) return empty() && other.empty();
   const ErrorScope errors;
-  return X509_NAME_cmp(native(), other.native()) == 0;
+  return X509_NAME_cmp(name_.get(), other.name_.get()) == 0;
 }
 
-const X509_NAME* DistinguishedName::native() const noexcept {
+const X509_NAME* DistinguishedName::native() const {
   return name_ == nullptr ? emptyName() : name_.get();
 }
 

@@ -114,6 +114,9 @@ TEST(AllocationFailureDeathTest, FirstUse_ThrowsAndLeavesTheLibraryUsable) {
     const RefObjectStore store("/nonexistent", X509_FILETYPE_PEM);
     store.get()->add(RefLookupMethod(new LookupMethod("Method")));
     const Verifier verifier(store, certificate, true);
+    const DistinguishedName none;
+    EXPECT_NE(certificate->subject(), none);
+    EXPECT_EQ(none.asString(), "");
   };
   const auto attempt = [&](long allocations) {
     openSSLAllocations = allocations;
