@@ -74,7 +74,8 @@ void Report::print(std::ostream& out, std::chrono::steady_clock::duration time,
       << " a second, " << logLines << " lines of log\n"
       << outOfTime_ << " rounds took a second though all was well: the machine was busy\n";
 
-  out << "\nverdicts (" << certain_ << " where only one was possible)\n";
+  out << "\nverdicts (" << certain_
+      << " where only one was possible; some rounds do not ask for revocation)\n";
   for (std::size_t truth = 0; truth < kTruths; ++truth) {
     out << "  " << nameOf(static_cast<Truth>(truth)) << '\n';
     for (std::size_t code = 0; code < kCodes; ++code) {
