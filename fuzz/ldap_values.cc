@@ -120,7 +120,9 @@ template <class Handle>
 void writeAndReadAgain(const Handle& handle) {
   const std::string pem = pemOf(handle);
   if (pem.empty()) return;
-  PKX509_ASSERT(accepted([&] { PKX509_ASSERT(pemOf(readAgain(pem, handle)) == pem); }));
+  std::string again;
+  PKX509_ASSERT(accepted([&] { again = pemOf(readAgain(pem, handle)); }));
+  PKX509_ASSERT(again == pem);
 }
 
 template <class Handle>

@@ -39,8 +39,9 @@ std::string verdictText(int verdict) {
 
 void Report::add(const Round& round, int verdict, const std::set<int>& possible,
                  Latencies::Duration time) {
+  // The code that stands for no verdict is one below OpenSSL's first.
   ++verdicts_.at(static_cast<std::size_t>(round.target->plan.truth))
-        .at(static_cast<std::size_t>(verdict + 1));
+        .at(static_cast<std::size_t>(verdict) + 1);
   if (possible.size() == 1) ++certain_;
   if (possible.count(verdict) != 0) return;
   std::ostringstream text;
