@@ -164,6 +164,7 @@ unsigned long parseFlag(const std::string& name) {
 
 std::vector<std::string_view> flagNames() {
   std::vector<std::string_view> names;
+  names.reserve(kFlags.size());
   for (const Flag& flag : kFlags) names.push_back(flag.name);
   return names;
 }

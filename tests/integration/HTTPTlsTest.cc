@@ -26,6 +26,7 @@ namespace Velantrix::Test {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using Crypto::PKX509::VerificationRun;
 using HTTP::Connection;
 
@@ -304,7 +305,7 @@ TEST_F(HTTPTls, Answers_AreReadAsWithoutTls) {
 
 TEST_F(HTTPTls, PeerThatDoesNotSpeakTls_IsNotConnected) {
   installClient();
-  const std::string alert = "\x15\x03\x01\x00\x02\x02\x28";  // handshake_failure
+  const std::string alert = "\x15\x03\x01\x00\x02\x02\x28"s;  // handshake_failure
   for (const std::string& answer :
        {Scripts::response("plain"), std::string(100, 'x'), alert, std::string()}) {
     const FaultServer server([&answer](Peer& peer) { peer.write(answer); });
@@ -319,7 +320,7 @@ TEST_F(HTTPTls, PeerThatDoesNotSpeakTls_IsNotConnected) {
 
 TEST_F(HTTPTls, HandshakeThatNeverEnds_EndsWithTheTimeOfTheVerification) {
   installClient();
-  const std::string header = "\x16\x03\x03\x10\x00\x02";  // of a long handshake message
+  const std::string header = "\x16\x03\x03\x10\x00\x02"s;  // of a long handshake message
   for (const bool talks : {false, true}) {
     const FaultServer server([&header, talks](Peer& peer) {
       if (talks) peer.writeSlowly(header + std::string(1000, 'x'), 20ms);

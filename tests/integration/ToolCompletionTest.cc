@@ -20,13 +20,13 @@ class ToolCompletion : public ToolFixture {
  protected:
   // What bash offers for the last of the words, in the test's own directory.
   Words offered(const std::vector<std::string>& words) const {
-    const CommandResult result =
-        runCommand(Arguments{"bash", "--norc", "-c",
-                             "set -u; cd \"$1\"; source \"$2\"; shift 2; COMP_WORDS=(\"$@\"); "
-                             "COMP_CWORD=$(($# - 1)); _pkx509; "
-                             "((${#COMPREPLY[@]})) && printf '%s\\n' \"${COMPREPLY[@]}\"; true",
-                             "bash", own(""), PKX509_COMPLETION, "pkx509"} +
-                   words);
+    const std::string script =
+        "set -u; cd \"$1\"; source \"$2\"; shift 2; COMP_WORDS=(\"$@\"); "
+        "COMP_CWORD=$(($# - 1)); _pkx509; "
+        "((${#COMPREPLY[@]})) && printf '%s\\n' \"${COMPREPLY[@]}\"; true";
+    const CommandResult result = runCommand(
+        Arguments{"bash", "--norc", "-c", script, "bash", own(""), PKX509_COMPLETION, "pkx509"} +
+        words);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
     Words replies;

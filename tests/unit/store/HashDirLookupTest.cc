@@ -302,13 +302,15 @@ TEST_F(HashDir, TenThousandOtherFiles_AreNotEvenLookedAt) {
 
 TEST_F(HashDir, MalformedFile_IsAnExceptionThatNamesIt) {
   const std::string whole = pem(crl.get());
+  const std::string encrypted =
+      "-----BEGIN X509 CRL-----\nProc-Type: 4,ENCRYPTED\nDEK-Info: "
+      "AES-128-CBC,00000000000000000000000000000000\n\nMIIB\n-----END X509 CRL-----\n";
   const std::string broken[] = {
       "no certificate and no CRL",
       whole.substr(0, whole.size() / 2),
       "-----BEGIN X509 CRL-----\n!!!!\n-----END X509 CRL-----\n",
       "-----BEGIN X509 CRL-----\nMIIB\n-----END X509 CRL-----\n",
-      "-----BEGIN X509 CRL-----\nProc-Type: 4,ENCRYPTED\nDEK-Info: "
-      "AES-128-CBC,00000000000000000000000000000000\n\nMIIB\n-----END X509 CRL-----\n",
+      encrypted,
       der(crl.get()).substr(0, 50),
       der(crl.get()) + "x",
       std::string(1000, '\0'),
