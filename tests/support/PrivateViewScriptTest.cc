@@ -42,11 +42,12 @@ TEST(PrivateViewScript, InputOutputArgumentsAndStatus_PassThrough) {
 
 TEST(PrivateViewScript, OwnNetwork_IsLoopbackAloneAndHasNoFilesOfNames) {
   const std::string before = readFile("/etc/hosts");
+  const std::string script =
+      "ls /etc/hosts /etc/resolv.conf 2> /dev/null; "
+      "tail -n +3 /proc/net/dev | cut -d : -f 1 | tr -d ' '; "
+      "echo 127.0.0.9 name > /etc/hosts && cat /etc/hosts; test -e /etc/passwd";
   const auto result =
-      runCommand({PKX509_PRIVATE_VIEW_SCRIPT, "--own-network", "--", "sh", "-c",
-                  "ls /etc/hosts /etc/resolv.conf 2> /dev/null; "
-                  "tail -n +3 /proc/net/dev | cut -d : -f 1 | tr -d ' '; "
-                  "echo 127.0.0.9 name > /etc/hosts && cat /etc/hosts; test -e /etc/passwd"});
+      runCommand({PKX509_PRIVATE_VIEW_SCRIPT, "--own-network", "--", "sh", "-c", script});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(result.out, "lo\n127.0.0.9 name\n");
   EXPECT_EQ(readFile("/etc/hosts"), before);
