@@ -161,7 +161,7 @@ class PKX509_EXPORT ObjectIdentifier : public RefImpl {
  private:
   std::string text_;
   ASN1_OBJECT* native_;
-  bool owns_;
+  bool owns_ = true;
 };
 
 /// A handle to an `ObjectIdentifier`.

@@ -109,8 +109,8 @@ class PKX509_EXPORT LDAPConnection::Server : public RefImpl {
  private:
   std::string uri_;
   std::string host_;
-  unsigned short port_;
-  bool ldaps_;
+  unsigned short port_ = 0;
+  bool ldaps_ = false;
   Options options_;
 };
 

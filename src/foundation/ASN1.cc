@@ -140,7 +140,7 @@ bool RefGeneralizedTime::operator<(const RefGeneralizedTime& other) const noexce
 }
 
 ObjectIdentifier::ObjectIdentifier(const std::string& dotted)
-    : text_(dotted), native_(makeObject(dotted)), owns_(true) {}
+    : text_(dotted), native_(makeObject(dotted)) {}
 
 ObjectIdentifier::~ObjectIdentifier() {
   if (owns_) ASN1_OBJECT_free(native_);

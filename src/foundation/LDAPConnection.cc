@@ -65,7 +65,7 @@ void LDAPConnection::bind(const std::string& dn, const std::string& password, Bi
 }
 
 LDAPConnection::Server::Server(const std::string& text, const Options& options)
-    : uri_(text), port_(0), ldaps_(false), options_(options) {
+    : uri_(text), options_(options) {
   const Uri uri(text);
   host_ = uri.hostname();
   ldaps_ = uri.scheme() == "ldaps:";
