@@ -1,6 +1,6 @@
 // The octets as the values of the extensions that hold general names and distribution points.
 #include "Fuzz.h"
-#include "foundation/OpenSSLOwners.h"
+#include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/AuthorityInformationAccess.h>
 #include <velantrix/CRLDistributionPoint.h>

@@ -3,7 +3,7 @@
 // One thread does it all: the kernel accepts for a listening socket, and what the server sends fits
 // into the socket's buffer. So the answer, its end included, is there before the client asks.
 #include "Fuzz.h"
-#include "foundation/HTTPConnection.h"
+#include "foundation/net/http/HTTPConnection.h"
 #include "support/Descriptor.h"
 
 #include <algorithm>

@@ -6,7 +6,7 @@
 // ends too early. It has no opinion on others: libldap is not strict.
 #include "Fuzz.h"
 #include "LdapServer.h"
-#include "foundation/LDAPSearch.h"
+#include "foundation/net/ldap/LDAPSearch.h"
 #include "integration/LdapPeer.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // Names: the octets as text, and as the DER of a name.
 #include "Fuzz.h"
-#include "foundation/OpenSSLOwners.h"
+#include "foundation/openssl/OpenSSLOwners.h"
 
 namespace Velantrix::Fuzz {
 namespace {

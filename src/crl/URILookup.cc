@@ -1,7 +1,7 @@
 #include "crl/CRLCache.h"
-#include "foundation/HTTPAccess.h"
-#include "foundation/Log.h"
-#include "foundation/NetworkUse.h"
+#include "foundation/base/Log.h"
+#include "foundation/net/NetworkUse.h"
+#include "foundation/net/http/HTTPAccess.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>

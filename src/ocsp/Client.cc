@@ -1,7 +1,7 @@
-#include "foundation/HTTPAccess.h"
-#include "foundation/Log.h"
-#include "foundation/NetworkUse.h"
-#include "foundation/OpenSSLOwners.h"
+#include "foundation/base/Log.h"
+#include "foundation/net/NetworkUse.h"
+#include "foundation/net/http/HTTPAccess.h"
+#include "foundation/openssl/OpenSSLOwners.h"
 
 #include <pkx509/OCSP.h>
 #include <pkx509/Verifier.h>

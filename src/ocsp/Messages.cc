@@ -1,5 +1,5 @@
-#include "foundation/Log.h"
-#include "foundation/OpenSSLOwners.h"
+#include "foundation/base/Log.h"
+#include "foundation/openssl/OpenSSLOwners.h"
 
 #include <pkx509/OCSP.h>
 #include <velantrix/CertificateFactory.h>

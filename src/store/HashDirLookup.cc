@@ -1,4 +1,4 @@
-#include "foundation/FileReader.h"
+#include "foundation/base/FileReader.h"
 #include "store/CRLFileHeader.h"
 
 #include <pkx509/HashDirLookup.h>

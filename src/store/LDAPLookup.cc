@@ -1,5 +1,5 @@
-#include "foundation/LDAPSearch.h"
-#include "foundation/OpenSSLOwners.h"
+#include "foundation/net/ldap/LDAPSearch.h"
+#include "foundation/openssl/OpenSSLOwners.h"
 
 #include <pkx509/LDAPLookup.h>
 #include <pkx509/ObjectStore.h>

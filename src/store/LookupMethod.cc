@@ -1,5 +1,5 @@
-#include "foundation/OpenSSLOwners.h"
-#include "foundation/VerificationRun.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/VerificationRun.h"
 #include "store/StoreRecord.h"
 
 #include <pkx509/LookupMethod.h>

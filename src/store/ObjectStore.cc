@@ -1,6 +1,6 @@
-#include "foundation/Log.h"
-#include "foundation/OpenSSLOwners.h"
-#include "foundation/VerificationRun.h"
+#include "foundation/base/Log.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/VerificationRun.h"
 #include "store/StoreRecord.h"
 
 #include <pkx509/HashDirLookup.h>

@@ -1,4 +1,4 @@
-#include "foundation/Log.h"
+#include "foundation/base/Log.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/ObjectStore.h>

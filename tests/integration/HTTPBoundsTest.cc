@@ -1,5 +1,5 @@
 // The HTTP client against peers that take time, or send without end.
-#include "foundation/VerificationRun.h"
+#include "foundation/run/VerificationRun.h"
 #include "integration/HTTPClient.h"
 #include "support/FaultScripts.h"
 #include "support/Loopback.h"

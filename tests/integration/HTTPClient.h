@@ -8,7 +8,7 @@
 //
 #pragma once
 
-#include "foundation/HTTPConnection.h"
+#include "foundation/net/http/HTTPConnection.h"
 #include "support/FaultServer.h"
 #include "support/Memory.h"
 #include "support/Stopwatch.h"

@@ -1,6 +1,6 @@
 // The HTTP client over TLS, with the machine's certificate and key.
-#include "foundation/HTTPAccess.h"
-#include "foundation/VerificationRun.h"
+#include "foundation/net/http/HTTPAccess.h"
+#include "foundation/run/VerificationRun.h"
 #include "integration/HTTPClient.h"
 #include "support/FaultScripts.h"
 #include "support/PrivateView.h"

@@ -1,6 +1,6 @@
 // Names of hosts, resolved by a name server of the test and by files of its own.
-#include "foundation/HostResolver.h"
-#include "foundation/VerificationRun.h"
+#include "foundation/net/HostResolver.h"
+#include "foundation/run/VerificationRun.h"
 #include "integration/DnsServer.h"
 #include "integration/HTTPClient.h"
 #include "support/Files.h"

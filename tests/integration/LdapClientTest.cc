@@ -1,7 +1,7 @@
 // The LDAP client against servers that do not behave.
-#include "foundation/LDAPSearch.h"
-#include "foundation/LDAPStream.h"
-#include "foundation/VerificationRun.h"
+#include "foundation/net/ldap/LDAPSearch.h"
+#include "foundation/net/ldap/LDAPStream.h"
+#include "foundation/run/VerificationRun.h"
 #include "integration/LdapPeer.h"
 #include "support/FaultServer.h"
 #include "support/LogCapture.h"

@@ -12,7 +12,7 @@
 // no option is refused for being wrong. Failures throw std::runtime_error with OpenSSL's text.
 #pragma once
 
-#include "foundation/OpenSSLOwners.h"
+#include "foundation/openssl/OpenSSLOwners.h"
 #include "support/Files.h"
 
 #include <openssl/evp.h>

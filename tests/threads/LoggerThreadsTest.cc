@@ -1,5 +1,5 @@
 // The process-wide logger: it may be exchanged while other threads log.
-#include "foundation/Log.h"
+#include "foundation/base/Log.h"
 #include "threads/Threads.h"
 
 #include <velantrix/Logger.h>

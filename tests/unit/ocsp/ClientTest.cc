@@ -1,5 +1,5 @@
 // What the client does without a network: whom it believes, and when it asks nobody.
-#include "foundation/HTTPAccess.h"
+#include "foundation/net/http/HTTPAccess.h"
 #include "support/LogCapture.h"
 #include "support/OcspBuilder.h"
 #include "unit/ocsp/Bytes.h"

@@ -1,5 +1,5 @@
 // The bridge between OpenSSL's lookups and lookup methods.
-#include "foundation/VerificationRun.h"
+#include "foundation/run/VerificationRun.h"
 #include "support/LogCapture.h"
 #include "unit/store/FakeMethod.h"
 #include "unit/store/Model.h"

@@ -1,4 +1,4 @@
-#include "foundation/VerificationRun.h"
+#include "foundation/run/VerificationRun.h"
 #include "support/LogCapture.h"
 #include "unit/store/FakeMethod.h"
 #include "unit/store/Model.h"

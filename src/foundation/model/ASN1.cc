@@ -1,0 +1,158 @@
+#include "foundation/base/Hex.h"
+#include "foundation/openssl/Der.h"
+#include "foundation/openssl/ObjectIdentifierText.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+
+#include <velantrix/ASN1.h>
+#include <velantrix/Assert.h>
+#include <velantrix/Exception.h>
+
+#include <openssl/asn1.h>
+#include <openssl/objects.h>
+
+#include <chrono>
+#include <ctime>
+#include <optional>
+#include <utility>
+
+namespace Velantrix::Crypto::ASN1 {
+
+namespace {
+
+std::shared_ptr<const ASN1_INTEGER> copyInteger(const ASN1_INTEGER* native) {
+  if (native == nullptr) return nullptr;
+  const ErrorScope errors;
+  Owned<ASN1_INTEGER> copy(ASN1_INTEGER_dup(native));
+  if (copy == nullptr) {
+    throw Exception("ASN1::Integer", Exception::kFailure, "ASN1", __LINE__)
+        .stringParameter("no memory for a copy");
+  }
+  return copy;
+}
+
+std::size_t lengthOf(const ASN1_STRING* string) {
+  return static_cast<std::size_t>(ASN1_STRING_length(string));
+}
+
+long secondsOf(const ASN1_STRING* native) {
+  PKX509_ASSERT(native != nullptr);
+  const ErrorScope errors;
+  const int type = ASN1_STRING_type(native);
+  std::tm broken{};
+  if ((type != V_ASN1_UTCTIME && type != V_ASN1_GENERALIZEDTIME) ||
+      ASN1_TIME_to_tm(native, &broken) != 1) {
+    throw Exception("ASN1::GeneralizedTime", Exception::kFailure, "ASN1", __LINE__)
+        .stringParameter("not a time");
+  }
+  // tm is in UTC; mktime would read it in the local zone.
+  const std::chrono::year_month_day date(
+      std::chrono::year(broken.tm_year + 1900),
+      std::chrono::month(static_cast<unsigned int>(broken.tm_mon) + 1),
+      std::chrono::day(static_cast<unsigned int>(broken.tm_mday)));
+  const long days = std::chrono::sys_days(date).time_since_epoch().count();
+  return ((days * 24 + broken.tm_hour) * 60 + broken.tm_min) * 60 + broken.tm_sec;
+}
+
+ASN1_OBJECT* makeObject(const std::string& dotted) {
+  const std::optional<std::string> content = objectIdentifierContent(dotted);
+  if (content) {
+    const ErrorScope errors;
+    std::string der;
+    appendDer(der, V_ASN1_OBJECT, false, *content);
+    const unsigned char* position = octets(der);
+    ASN1_OBJECT* object = d2i_ASN1_OBJECT(nullptr, &position, static_cast<long>(der.size()));
+    if (object != nullptr) return object;
+  }
+  throw Exception("ASN1::ObjectIdentifier", Exception::kFailure, "ASN1", __LINE__)
+      .stringParameter("not a dotted object identifier: " + dotted);
+}
+
+}  // namespace
+
+Integer::Integer(const asn1_string_st* native) : native_(copyInteger(native)) {}
+
+Integer::Integer(std::shared_ptr<const ASN1_INTEGER> native) noexcept
+    : native_(std::move(native)) {}
+
+bool Integer::operator==(const Integer& other) const noexcept {
+  if (isNull() || other.isNull()) return isNull() == other.isNull();
+  return ASN1_INTEGER_cmp(native(), other.native()) == 0;
+}
+
+bool Integer::operator<=(const Integer& other) const noexcept {
+  if (isNull() || other.isNull()) return false;
+  return ASN1_INTEGER_cmp(native(), other.native()) <= 0;
+}
+
+std::string Integer::asString() const {
+  if (isNull()) {
+    throw Exception("ASN1::Integer", Exception::kFailure, "ASN1", __LINE__)
+        .stringParameter("absent integer");
+  }
+  const std::string sign = (ASN1_STRING_type(native()) & V_ASN1_NEG) != 0 ? "-" : "";
+  if (lengthOf(native()) == 0) return sign + "00";
+  return sign + hexText(ASN1_STRING_get0_data(native()), lengthOf(native()));
+}
+
+std::ostream& operator<<(std::ostream& out, const Integer& value) {
+  const std::string text = value.asString();
+  return out.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+OctetString::OctetString(const asn1_string_st* native) {
+  PKX509_ASSERT(native != nullptr);
+  const unsigned char* data = ASN1_STRING_get0_data(native);
+  if (data != nullptr) content_.assign(data, data + lengthOf(native));
+}
+
+std::string OctetString::asString() const { return hexText(content_.data(), content_.size(), ':'); }
+
+RefOctetString::RefOctetString(const asn1_string_st* native) {
+  if (native != nullptr) *this = RefOctetString(new OctetString(native));
+}
+
+bool RefOctetString::operator==(const RefOctetString& other) const noexcept {
+  const OctetString* mine = get();
+  const OctetString* theirs = other.get();
+  if (mine == nullptr || theirs == nullptr) return mine == theirs;
+  return mine->content() == theirs->content();
+}
+
+std::ostream& operator<<(std::ostream& out, const RefOctetString& value) {
+  if (value.get() == nullptr) return out;
+  const std::string text = value.get()->asString();
+  return out.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+GeneralizedTime::GeneralizedTime(const asn1_string_st* native) : seconds_(secondsOf(native)) {}
+
+Time GeneralizedTime::asTime() const { return Time::then(seconds_, true); }
+
+RefGeneralizedTime::RefGeneralizedTime(const asn1_string_st* native, bool /*copy*/) {
+  if (native != nullptr) *this = RefGeneralizedTime(new GeneralizedTime(native));
+}
+
+bool RefGeneralizedTime::operator<(const RefGeneralizedTime& other) const noexcept {
+  const GeneralizedTime* mine = get();
+  const GeneralizedTime* theirs = other.get();
+  if (mine == nullptr || theirs == nullptr) return mine == nullptr && theirs != nullptr;
+  return mine->seconds() < theirs->seconds();
+}
+
+ObjectIdentifier::ObjectIdentifier(const std::string& dotted)
+    : text_(dotted), native_(makeObject(dotted)) {}
+
+ObjectIdentifier::~ObjectIdentifier() {
+  if (owns_) ASN1_OBJECT_free(native_);
+}
+
+ASN1_OBJECT* ObjectIdentifier::relinquishOwnerShip() noexcept {
+  if (!owns_) return nullptr;
+  owns_ = false;
+  return native_;
+}
+
+RefObjectIdentifier::RefObjectIdentifier(const std::string& dotted)
+    : Ref<ObjectIdentifier>(new ObjectIdentifier(dotted)) {}
+
+}  // namespace Velantrix::Crypto::ASN1

@@ -1,0 +1,195 @@
+#include "foundation/model/ExtensionDecoder.h"
+#include "foundation/model/PemOut.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+
+#include <velantrix/Assert.h>
+#include <velantrix/CertificateRevocationList.h>
+#include <velantrix/Exception.h>
+
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+constexpr const char* kContext = "X509::CertificateRevocationList";
+
+X509_CRL* notNull(X509_CRL* native) {
+  PKX509_ASSERT(native != nullptr);
+  return native;
+}
+
+// The name points into the X509_CRL and keeps it, rather than copy from it.
+DistinguishedName issuerOf(X509_CRL* crl) {
+  if (X509_CRL_up_ref(crl) != 1) {
+    throw Exception(kContext, Exception::kFailure, "CertificateRevocationList", __LINE__)
+        .stringParameter("no reference to be had");
+  }
+  const std::shared_ptr<X509_CRL> whole = Owned<X509_CRL>(crl);
+  return DistinguishedName(std::shared_ptr<const X509_NAME>(whole, X509_CRL_get_issuer(crl)));
+}
+
+RefAuthorityKeyIdentifier decodeAuthorityKeyIdentifier(const X509_CRL* crl) {
+  Owned<AUTHORITY_KEYID> decoded = decodeOnlyExtension(
+      X509_CRL_get0_extensions(crl), NID_authority_key_identifier, d2i_AUTHORITY_KEYID, kContext);
+  if (decoded == nullptr) return RefAuthorityKeyIdentifier();
+  return RefAuthorityKeyIdentifier(new AuthorityKeyIdentifier(decoded.release()));
+}
+
+ASN1::Integer decodeNumber(const X509_CRL* crl, int nid) {
+  return ASN1::Integer(
+      decodeOnlyExtension(X509_CRL_get0_extensions(crl), nid, d2i_ASN1_INTEGER, kContext).get());
+}
+
+// A critical extension of a type for which @p handled is false.
+template <class Handled>
+bool hasCritical(const STACK_OF(X509_EXTENSION) * extensions, Handled handled) {
+  for (int i = 0; i < X509v3_get_ext_count(extensions); ++i) {
+    X509_EXTENSION* extension = X509v3_get_ext(extensions, i);
+    if (X509_EXTENSION_get_critical(extension) > 0 &&
+        !handled(OBJ_obj2nid(X509_EXTENSION_get_object(extension)))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool deriveUnhandledCritical(X509_CRL* crl) {
+  const ErrorScope errors;
+  if (hasCritical(X509_CRL_get0_extensions(crl), [](int nid) {
+        return nid == NID_issuing_distribution_point || nid == NID_authority_key_identifier ||
+               nid == NID_delta_crl;
+      })) {
+    return true;
+  }
+  // The first look-up in a CRL sorts its entries, under OpenSSL's lock. Do one, so that another
+  // thread's does not move them while they are walked through here. What it finds does not matter.
+  static constexpr unsigned char kZero[] = {0x02, 0x01, 0x00};
+  const unsigned char* position = kZero;
+  const Owned<ASN1_INTEGER> zero(d2i_ASN1_INTEGER(nullptr, &position, sizeof kZero));
+  X509_REVOKED* found = nullptr;
+  if (zero == nullptr) return true;
+  static_cast<void>(X509_CRL_get0_by_serial(crl, &found, zero.get()));
+
+  const STACK_OF(X509_REVOKED)* entries = X509_CRL_get_REVOKED(crl);
+  for (int i = 0; i < sk_X509_REVOKED_num(entries); ++i) {
+    if (hasCritical(X509_REVOKED_get0_extensions(sk_X509_REVOKED_value(entries, i)),
+                    [](int nid) { return nid == NID_certificate_issuer; })) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+CertificateRevocationListInfo::CertificateRevocationListInfo(
+    const DistinguishedName& issuer, const RefAuthorityKeyIdentifier& authorityKeyIdentifier)
+    : issuer_(issuer), authorityKeyIdentifier_(authorityKeyIdentifier) {}
+
+struct CertificateRevocationList::Derived {
+  struct Checked {
+    Owned<EVP_PKEY> key;
+    bool signedBy;
+  };
+
+  static constexpr std::size_t kMaxKeys = 8;
+
+  std::mutex mutex;
+  std::vector<Checked> checked;  // the key asked about last comes last
+  std::size_t signatureChecks = 0;
+  std::once_flag criticalOnce;
+  bool unhandledCritical = true;
+};
+
+void CertificateRevocationList::Release::operator()(X509_CRL* native) const noexcept {
+  X509_CRL_free(native);
+}
+
+CertificateRevocationList::CertificateRevocationList(X509_CRL* native)
+    : crl_(notNull(native)),
+      info_(issuerOf(native), decodeAuthorityKeyIdentifier(native)),
+      lastUpdate_(X509_CRL_get0_lastUpdate(native), true),
+      nextUpdate_(X509_CRL_get0_nextUpdate(native), true),
+      crlNumber_(decodeNumber(native, NID_crl_number)),
+      baseCRLNumber_(decodeNumber(native, NID_delta_crl)),
+      issuingDistributionPoint_(decodeOnlyExtension(X509_CRL_get0_extensions(native),
+                                                    NID_issuing_distribution_point,
+                                                    d2i_ISSUING_DIST_POINT, kContext)
+                                    .get()),
+      derived_(std::make_unique<Derived>()) {}
+
+CertificateRevocationList::~CertificateRevocationList() = default;
+
+bool CertificateRevocationList::issuedBy(const RefCertificate& issuer, bool namesOnly) const {
+  X509* candidate = issuer;
+  if (candidate == nullptr) return false;
+  const ErrorScope errors;
+  if (X509_NAME_cmp(X509_get_subject_name(candidate), X509_CRL_get_issuer(native())) != 0) {
+    return false;
+  }
+  // Asking for the flags makes OpenSSL decode the extensions that the next two tests look at.
+  if ((X509_get_extension_flags(candidate) & EXFLAG_INVALID) != 0) return false;
+  const RefAuthorityKeyIdentifier authority = info_.authorityKeyIdentifier();
+  if (!authority.empty() && X509_check_akid(candidate, authority->native()) != X509_V_OK) {
+    return false;
+  }
+  if ((X509_get_key_usage(candidate) & KU_CRL_SIGN) == 0) return false;
+  return namesOnly || isSignedBy(X509_get0_pubkey(candidate));
+}
+
+bool CertificateRevocationList::isSignedBy(EVP_PKEY* key) const {
+  if (key == nullptr) return false;
+  const ErrorScope errors;
+  // Held while the signature is computed: of several threads that ask one computes.
+  const std::lock_guard<std::mutex> lock(derived_->mutex);
+  std::vector<Derived::Checked>& checked = derived_->checked;
+  auto known = std::find_if(checked.begin(), checked.end(), [key](const Derived::Checked& entry) {
+    return entry.key.get() == key;
+  });
+  if (known == checked.end()) {
+    known = std::find_if(checked.begin(), checked.end(), [key](const Derived::Checked& entry) {
+      return EVP_PKEY_eq(entry.key.get(), key) == 1;
+    });
+  }
+  if (known != checked.end()) {
+    std::rotate(known, known + 1, checked.end());
+    return checked.back().signedBy;
+  }
+  ++derived_->signatureChecks;
+  const bool signedBy = X509_CRL_verify(native(), key) == 1;
+  if (EVP_PKEY_up_ref(key) == 1) {
+    Owned<EVP_PKEY> reference(key);
+    if (checked.size() == Derived::kMaxKeys) checked.erase(checked.begin());
+    checked.push_back({std::move(reference), signedBy});
+  }
+  return signedBy;
+}
+
+std::size_t CertificateRevocationList::signatureChecks() const {
+  const std::lock_guard<std::mutex> lock(derived_->mutex);
+  return derived_->signatureChecks;
+}
+
+bool CertificateRevocationList::hasUnhandledCriticalExtension() const {
+  std::call_once(derived_->criticalOnce,
+                 [this] { derived_->unhandledCritical = deriveUnhandledCritical(native()); });
+  return derived_->unhandledCritical;
+}
+
+std::size_t CertificateRevocationList::entryCount() const noexcept {
+  const int count = sk_X509_REVOKED_num(X509_CRL_get_REVOKED(native()));
+  return count < 0 ? 0 : static_cast<std::size_t>(count);
+}
+
+void CertificateRevocationList::writePEM(MediaOut& out) const {
+  writeEncoded(out, kContext, [this](BIO* bio) { return PEM_write_bio_X509_CRL(bio, native()); });
+}
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,71 @@
+#include "foundation/base/FileReader.h"
+#include "foundation/model/ObjectReader.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+
+#include <velantrix/CertificateRevocationList.h>
+#include <velantrix/Exception.h>
+
+#include <openssl/pem.h>
+
+#include <string>
+#include <vector>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+constexpr const char* kContext = "X509::CertificateRevocationListFactory";
+
+// Keeps the first CRL; the others are decoded all the same, so that a damaged input is noticed.
+class CrlSink : public ObjectSink {
+ public:
+  bool wants(std::string_view label) const override { return label == PEM_STRING_X509_CRL; }
+
+  bool take(std::string_view /*label*/, const unsigned char* der, std::size_t length) override {
+    const ErrorScope errors;
+    const unsigned char* end = der;
+    Owned<X509_CRL> decoded(d2i_X509_CRL(nullptr, &end, static_cast<long>(length)));
+    if (decoded == nullptr || end != der + length) return false;
+    RefCertificateRevocationList crl = CertificateRevocationListFactory()(decoded.release(), true);
+    if (first_.empty()) first_ = crl;
+    return true;
+  }
+
+  const RefCertificateRevocationList& first() const { return first_; }
+
+ private:
+  RefCertificateRevocationList first_;
+};
+
+}  // namespace
+
+RefCertificateRevocationList CertificateRevocationListFactory::read(const File::Path& path) {
+  const std::vector<unsigned char> content = readFile(path);
+  CrlSink sink;
+  try {
+    readObjects(content.data(), content.size(), sink);
+  } catch (const Exception& e) {
+    throw Exception(kContext, Exception::kFailure, "CertificateRevocationListFactory", __LINE__)
+        .stringParameter(path.asString() + ": " + e.stringParameter());
+  }
+  return sink.first();
+}
+
+RefCertificateRevocationList CertificateRevocationListFactory::read(const Buffer& data) {
+  CrlSink sink;
+  readObjects(data.data(), data.length(), sink);
+  return sink.first();
+}
+
+RefCertificateRevocationList CertificateRevocationListFactory::operator()(X509_crl_st* crl,
+                                                                          bool adopt) const {
+  if (crl == nullptr) return RefCertificateRevocationList();
+  if (!adopt && X509_CRL_up_ref(crl) != 1) {
+    throw Exception(kContext, Exception::kFailure, "CertificateRevocationListFactory", __LINE__)
+        .stringParameter("no reference to be had");
+  }
+  Owned<X509_CRL> owner(crl);
+  return RefCertificateRevocationList(new CertificateRevocationList(owner.release()));
+}
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,66 @@
+#include "foundation/openssl/OpenSSLOwners.h"
+
+#include <velantrix/CertificateFactory.h>
+#include <velantrix/CrossCertificatePair.h>
+#include <velantrix/Exception.h>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+[[noreturn]] void throwMalformed(unsigned int line) {
+  throw Exception("X509::CrossCertificatePair", Exception::kFailure, "CrossCertificatePair", line)
+      .stringParameter("malformed certificate pair");
+}
+
+// A piece of DER, borrowed, that is consumed from the front.
+struct Input {
+  const unsigned char* position;
+  long length;
+
+  // The content of the constructed element in front when it is the one asked for, which is then
+  // consumed; nothing is consumed otherwise. Malformed octets throw.
+  bool next(int tag, int tagClass, Input& content) {
+    if (length <= 0) return false;
+    const unsigned char* inside = position;
+    long insideLength = 0;
+    int foundTag = 0;
+    int foundClass = 0;
+    const int form = ASN1_get_object(&inside, &insideLength, &foundTag, &foundClass, length);
+    // 0x80 is an error, which includes an end beyond the input; bit 0 is the indefinite length,
+    // which DER does not have.
+    if ((form & 0x81) != 0) throwMalformed(__LINE__);
+    if (form != V_ASN1_CONSTRUCTED || foundTag != tag || foundClass != tagClass) return false;
+    content = {inside, insideLength};
+    length -= (inside - position) + insideLength;
+    position = inside + insideLength;
+    return true;
+  }
+};
+
+RefCertificate certificateIn(const Input& content) {
+  const unsigned char* end = content.position;
+  Owned<X509> decoded(d2i_X509(nullptr, &end, content.length));
+  if (decoded == nullptr || end != content.position + content.length) throwMalformed(__LINE__);
+  return CertificateFactory()(decoded.release(), true);
+}
+
+}  // namespace
+
+CrossCertificatePair::CrossCertificatePair(const Buffer& der) {
+  const ErrorScope errors;
+  Input input{der.data(), static_cast<long>(der.length())};
+  Input pair{};
+  if (!input.next(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, pair) || input.length != 0) {
+    throwMalformed(__LINE__);
+  }
+  Input element{};
+  if (pair.next(0, V_ASN1_CONTEXT_SPECIFIC, element)) forward_ = certificateIn(element);
+  if (pair.next(1, V_ASN1_CONTEXT_SPECIFIC, element)) reverse_ = certificateIn(element);
+  if (pair.length != 0) throwMalformed(__LINE__);
+}
+
+RefCrossCertificatePair::RefCrossCertificatePair(const Buffer& der)
+    : Ref<CrossCertificatePair>(new CrossCertificatePair(der)) {}
+
+}  // namespace Velantrix::Crypto::PKX509

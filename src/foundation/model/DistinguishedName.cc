@@ -1,0 +1,88 @@
+#include "foundation/model/DistinguishedNameText.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+
+#include <velantrix/DistinguishedName.h>
+#include <velantrix/Exception.h>
+
+#include <openssl/x509.h>
+
+#include <utility>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+// Never freed, so that names may be used while the process ends. It is decoded rather than made
+// new: OpenSSL encodes a new name when it is first compared, which no two threads may do at once.
+const X509_NAME* emptyName() {
+  static const X509_NAME* const name = [] {
+    static constexpr unsigned char kDer[] = {0x30, 0x00};
+    const unsigned char* position = kDer;
+    X509_NAME* decoded = d2i_X509_NAME(nullptr, &position, sizeof kDer);
+    if (decoded == nullptr) {
+      throw Exception("X509::DistinguishedName", Exception::kFailure, "DistinguishedName", __LINE__)
+          .stringParameter("no memory for a name");
+    }
+    return decoded;
+  }();
+  return name;
+}
+
+[[noreturn]] void throwUnencodable(unsigned int line) {
+  throw Exception("X509::DistinguishedName", Exception::kFailure, "DistinguishedName", line)
+      .stringParameter("name cannot be encoded");
+}
+
+std::shared_ptr<const X509_NAME> copyName(const X509_NAME* name) {
+  if (name == nullptr) return nullptr;
+  const ErrorScope errors;
+  Owned<X509_NAME> copy(X509_NAME_dup(name));
+  if (copy == nullptr) throwUnencodable(__LINE__);
+  return copy;
+}
+
+}  // namespace
+
+DistinguishedName::DistinguishedName(const X509_name_st* name) : name_(copyName(name)) {}
+
+DistinguishedName::DistinguishedName(std::shared_ptr<const X509_NAME> name)
+    : name_(std::move(name)) {
+  if (name_ == nullptr) return;
+  // OpenSSL encodes a name that was put together by hand when it is first compared, inside the
+  // object. One that was decoded has its encoding, and this is a look.
+  const ErrorScope errors;
+  if (i2d_X509_NAME(name_.get(), nullptr) < 0) throwUnencodable(__LINE__);
+}
+
+DistinguishedName::DistinguishedName(const std::string& text)
+    : name_(parseDistinguishedName(text)) {}
+
+bool DistinguishedName::empty() const noexcept {
+  return name_ == nullptr || X509_NAME_entry_count(name_.get()) <= 0;
+}
+
+std::string DistinguishedName::asString() const { return distinguishedNameText(native()); }
+
+std::uint32_t DistinguishedName::hash() const {
+  const ErrorScope errors;
+  int ok = 0;
+  const unsigned long hash = X509_NAME_hash_ex(native(), nullptr, nullptr, &ok);
+  if (ok != 1) {
+    throw Exception("X509::DistinguishedName", Exception::kFailure, "DistinguishedName", __LINE__)
+        .stringParameter("no digest for the name hash");
+  }
+  return static_cast<std::uint32_t>(hash);
+}
+
+bool DistinguishedName::operator==(const DistinguishedName& other) const noexcept {
+  if (name_ == other.name_) return true;
+  if (name_ == nullptr || other.name_ == nullptr) return empty() && other.empty();
+  const ErrorScope errors;
+  return X509_NAME_cmp(name_.get(), other.name_.get()) == 0;
+}
+
+const X509_NAME* DistinguishedName::native() const {
+  return name_ == nullptr ? emptyName() : name_.get();
+}
+
+}  // namespace Velantrix::Crypto::PKX509

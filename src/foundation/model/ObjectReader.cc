@@ -1,0 +1,134 @@
+#include "foundation/model/ObjectReader.h"
+
+#include "foundation/base/FileReader.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+
+#include <velantrix/Exception.h>
+
+#include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+#include <openssl/pkcs7.h>
+
+#include <string>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+[[noreturn]] void throwUnreadable(const std::string& reason, unsigned int line) {
+  throw Exception("X509::ObjectReader", Exception::kFailure, "ObjectReader", line)
+      .stringParameter(reason);
+}
+
+// The size of the DER SEQUENCE that @p data starts with; 0 when it starts with none that ends
+// within the input.
+std::size_t sequenceSize(const unsigned char* data, std::size_t length) {
+  const ErrorScope errors;
+  const unsigned char* content = data;
+  long contentLength = 0;
+  int tag = 0;
+  int tagClass = 0;
+  const int form =
+      ASN1_get_object(&content, &contentLength, &tag, &tagClass, static_cast<long>(length));
+  // 0x80 is an error, which includes an end beyond the input; bit 0 is the indefinite length.
+  if ((form & 0x81) != 0 || tag != V_ASN1_SEQUENCE || tagClass != V_ASN1_UNIVERSAL) return 0;
+  return static_cast<std::size_t>(content - data) + static_cast<std::size_t>(contentLength);
+}
+
+bool decodesAs(const ASN1_ITEM* item, const unsigned char* der, std::size_t length) {
+  const ErrorScope errors;
+  const unsigned char* end = der;
+  ASN1_VALUE* value = ASN1_item_d2i(nullptr, &end, static_cast<long>(length), item);
+  if (value == nullptr) return false;
+  ASN1_item_free(value, item);
+  return end == der + length;
+}
+
+// What else is kept in DER files beside certificates and CRLs. None of them has the shape of a
+// damaged certificate or CRL.
+bool isKnownObject(const unsigned char* der, std::size_t length) {
+  const ASN1_ITEM* const kinds[] = {
+      ASN1_ITEM_rptr(X509),
+      ASN1_ITEM_rptr(X509_CRL),
+      ASN1_ITEM_rptr(X509_REQ),
+      ASN1_ITEM_rptr(X509_PUBKEY),
+      ASN1_ITEM_rptr(PKCS8_PRIV_KEY_INFO),
+      ASN1_ITEM_rptr(X509_SIG),
+      ASN1_ITEM_rptr(PKCS7),
+      ASN1_ITEM_rptr(PKCS12),
+  };
+  for (const ASN1_ITEM* kind : kinds) {
+    if (decodesAs(kind, der, length)) return true;
+  }
+  return false;
+}
+
+// False when the first element is nothing known, so that the input may still be text that happens
+// to start with the octet of a SEQUENCE, which is the digit 0.
+bool readDer(const unsigned char* data, std::size_t length, ObjectSink& sink) {
+  std::size_t position = 0;
+  while (position < length) {
+    const unsigned char* der = data + position;
+    const std::size_t size = sequenceSize(der, length - position);
+    if (size == 0 || (!sink.take({}, der, size) && !isKnownObject(der, size))) {
+      if (position == 0) return false;
+      throwUnreadable("neither PEM nor DER from octet " + std::to_string(position), __LINE__);
+    }
+    position += size;
+  }
+  return true;
+}
+
+// One block as PEM_read_bio hands it out. Blocks that are passed over may be private keys: the
+// octets are wiped.
+struct Block {
+  Block() = default;
+  Block(const Block&) = delete;
+  Block& operator=(const Block&) = delete;
+  ~Block() {
+    OPENSSL_free(label);
+    OPENSSL_free(header);
+    OPENSSL_clear_free(der, static_cast<std::size_t>(length));
+  }
+
+  char* label = nullptr;
+  char* header = nullptr;
+  unsigned char* der = nullptr;
+  long length = 0;
+};
+
+// PEM_read_bio only undoes the armour. It never decrypts, so no passphrase is wanted.
+void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
+  const Owned<BIO> input(BIO_new_mem_buf(data, static_cast<int>(length)));
+  if (input == nullptr) throwUnreadable("no memory", __LINE__);
+  for (std::size_t blocks = 0;; ++blocks) {
+    const ErrorScope errors;
+    Block block;
+    if (PEM_read_bio(input.get(), &block.label, &block.header, &block.der, &block.length) != 1) {
+      const unsigned long error = ERR_peek_last_error();
+      if (ERR_GET_LIB(error) != ERR_LIB_PEM || ERR_GET_REASON(error) != PEM_R_NO_START_LINE) {
+        throwUnreadable("malformed PEM block", __LINE__);
+      }
+      if (blocks == 0) throwUnreadable("neither PEM nor DER", __LINE__);
+      return;
+    }
+    const std::string label = block.label;
+    if (!sink.wants(label)) continue;
+    if (*block.header != '\0') throwUnreadable("encrypted " + label, __LINE__);
+    if (!sink.take(label, block.der, static_cast<std::size_t>(block.length))) {
+      throwUnreadable("malformed " + label, __LINE__);
+    }
+  }
+}
+
+}  // namespace
+
+ObjectSink::~ObjectSink() = default;
+
+void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink) {
+  if (length > kMaxInputSize) throwUnreadable("larger than 128 MiB", __LINE__);
+  const ErrorScope errors;
+  if (!readDer(data, length, sink)) readPem(data, length, sink);
+}
+
+}  // namespace Velantrix::Crypto::PKX509

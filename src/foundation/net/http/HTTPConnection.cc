@@ -1,0 +1,271 @@
+#include "foundation/net/http/HTTPConnection.h"
+
+#include "foundation/openssl/OpenSSLOwners.h"
+
+#include <velantrix/Assert.h>
+#include <velantrix/Exception.h>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ssl/error.hpp>
+#include <boost/asio/ssl/stream.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/fields.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/optional.hpp>
+#include <boost/system/error_code.hpp>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <variant>
+
+namespace Velantrix::LW::HTTP {
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+using boost::system::error_code;
+using Crypto::ErrorScope;
+using Crypto::PKX509::NetworkTimer;
+using Tcp = asio::ip::tcp;
+
+namespace {
+
+// The body of an answer, which goes straight into a Buffer and makes room for what arrives, never
+// for what the header promises.
+struct Content {
+  using value_type = Buffer*;
+
+  class reader {  // NOLINT(readability-identifier-naming): the name that Beast asks for
+   public:
+    template <bool isRequest, class Fields>
+    reader(http::header<isRequest, Fields>& /*header*/, value_type& body) : body_(body) {}
+
+    void init(const boost::optional<std::uint64_t>& /*length*/, error_code& error) { error = {}; }
+
+    template <class ConstBuffers>
+    std::size_t put(const ConstBuffers& buffers, error_code& error) {
+      error = {};
+      std::size_t taken = 0;
+      for (auto part = asio::buffer_sequence_begin(buffers);
+           part != asio::buffer_sequence_end(buffers); ++part) {
+        const asio::const_buffer bytes = *part;
+        body_->append(bytes.data(), bytes.size());
+        taken += bytes.size();
+      }
+      return taken;
+    }
+
+    void finish(error_code& error) { error = {}; }
+
+   private:
+    Buffer*& body_;
+  };
+};
+
+// A program that is started meanwhile must not inherit the connection; Asio leaves that to its
+// users.
+error_code openSocket(Tcp::socket& socket, const Tcp& protocol) {
+  error_code error;
+  socket.open(protocol, error);
+  if (!error && ::fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC) != 0) {
+    error = error_code(errno, boost::system::system_category());
+  }
+  return error;
+}
+
+using Parser = http::response_parser<Content>;
+
+int outcomeOf(const error_code& error, bool answerBegun) {
+  if (error == asio::error::timed_out) return Connection::kTimedOut;
+  if (error == http::error::header_limit || error == http::error::body_limit ||
+      error == http::error::buffer_overflow) {
+    return Connection::kTooLarge;
+  }
+  if (error == http::error::end_of_stream) return Connection::kClosed;
+  if (error == http::error::partial_message) return Connection::kCutShort;
+  if (error.category() == http::make_error_code(http::error::end_of_stream).category()) {
+    return Connection::kMalformed;
+  }
+  return answerBegun ? Connection::kCutShort : Connection::kClosed;
+}
+
+}  // namespace
+
+// The TCP connection and the loop that drives it. Asio's blocking operations cannot be given a
+// deadline; asynchronous ones that are run from here can, and no thread is needed.
+struct Connection::Transport {
+  using Plain = Tcp::socket;
+  using Tls = asio::ssl::stream<Tcp::socket>;
+
+  explicit Transport(Stream& kind) : stream(make(kind, context)) {}
+
+  std::variant<Plain, Tls> make(Stream& kind, asio::io_context& loop) {
+    asio::ssl::context* const tls = kind.tls();
+    if (tls == nullptr) return std::variant<Plain, Tls>(std::in_place_type<Plain>, loop);
+    return std::variant<Plain, Tls>(std::in_place_type<Tls>, loop, *tls);
+  }
+
+  Tcp::socket& socket() {
+    if (Plain* const plain = std::get_if<Plain>(&stream)) return *plain;
+    return std::get<Tls>(stream).next_layer();
+  }
+
+  // Starts one operation and runs it to its end or to the deadline. `start` is given the completion
+  // handler.
+  template <class Start>
+  error_code run(NetworkTimer::Clock::time_point deadline, Start&& start) {
+    error_code result;
+    bool finished = false;
+    start([&](const error_code& error, auto&&...) {
+      result = error;
+      finished = true;
+    });
+    context.restart();
+    context.run_until(deadline);
+    if (finished) return result;
+    // Closing the socket completes the operation, which refers to this frame.
+    error_code ignored;
+    socket().close(ignored);
+    context.restart();
+    context.run();
+    PKX509_ASSERT(finished);
+    return asio::error::timed_out;
+  }
+
+  asio::io_context context{1};
+  std::variant<Plain, Tls> stream;
+};
+
+RefConnection::RefConnection(RefStream& stream) {
+  if (stream.empty()) {
+    throw Exception("HTTP::Connection", Exception::kFailure, "HTTPConnection", __LINE__)
+        .stringParameter("There is no stream.");
+  }
+  connection_ = std::make_shared<Connection>(stream);
+}
+
+Connection* RefConnection::operator->() const {
+  if (connection_ == nullptr) {
+    throw Exception("operator->", Exception::kEmptyHandle, "HTTPConnection", __LINE__);
+  }
+  return connection_.get();
+}
+
+Connection::Connection(const RefStream& stream) : stream_(stream) {}
+
+Connection::~Connection() = default;
+
+bool Connection::connect(const Tcp::endpoint& endpoint) {
+  disconnect();
+  endpoint_ = endpoint;
+  if (open()) return true;
+  endpoint_.reset();
+  return false;
+}
+
+void Connection::disconnect() {
+  transport_.reset();
+  endpoint_.reset();
+  failure_ = kClosed;
+}
+
+bool Connection::open() {
+  const ErrorScope errors;  // Asio takes one error of TLS and may leave others behind it
+  const NetworkTimer timer(kConnectTime);
+  if (timer.expired()) return false;
+  transport_ = std::make_unique<Transport>(*stream_);
+  Tcp::socket& socket = transport_->socket();
+  error_code error = openSocket(socket, endpoint_->protocol());
+  if (!error) {
+    error = transport_->run(timer.deadline(),
+                            [&](auto done) { socket.async_connect(*endpoint_, std::move(done)); });
+  }
+  if (!error) {
+    error_code ignored;  // a header and a body that leave one after the other need not wait
+    socket.set_option(Tcp::no_delay(true), ignored);
+    if (auto* const tls = std::get_if<Transport::Tls>(&transport_->stream)) {
+      error = transport_->run(timer.deadline(), [&](auto done) {
+        tls->async_handshake(asio::ssl::stream_base::client, std::move(done));
+      });
+    }
+  }
+  if (error) transport_.reset();
+  return !error;
+}
+
+void Connection::maxQueryTime(unsigned int seconds) noexcept {
+  queryTime_ = std::chrono::seconds(seconds == 0 ? kDefaultQueryTime : seconds);
+}
+
+Connection::Clock::duration Connection::queryTimeLeft() const { return queryEnd_ - Clock::now(); }
+
+template <class Buffers>
+void Connection::write(const Buffers& bytes) {
+  const ErrorScope errors;
+  const NetworkTimer timer(queryTimeLeft());
+  const error_code error = transport_->run(timer.deadline(), [&](auto done) {
+    std::visit([&](auto& stream) { asio::async_write(stream, bytes, std::move(done)); },
+               transport_->stream);
+  });
+  if (error) failure_ = error == asio::error::timed_out ? kTimedOut : kClosed;
+}
+
+void Connection::send(const std::string& text) {
+  content_.clear();
+  contentReceived_ = 0;
+  failure_ = kClosed;
+  if (!endpoint_.has_value() || (transport_ == nullptr && !open())) return;
+  failure_ = 0;
+  queryEnd_ = Clock::now() + queryTime_;
+  write(asio::buffer(text));
+}
+
+void Connection::send(const RefBuffer& body) {
+  if (failure_ == 0) write(asio::buffer(body->data(), body->length()));
+}
+
+int Connection::receive() {
+  content_.clear();
+  contentReceived_ = 0;
+  const int outcome = failure_ != 0 ? failure_ : readAnswer();
+  if (outcome != kComplete) content_.clear();
+  transport_.reset();
+  failure_ = kClosed;  // nothing more comes without another request
+  return outcome;
+}
+
+int Connection::readAnswer() {
+  const ErrorScope errors;
+  constexpr std::size_t kReadAhead = std::size_t{64} * 1024;
+  const NetworkTimer timer(queryTimeLeft());
+  boost::beast::flat_buffer buffer(kMaximumHeader + kReadAhead);
+  buffer.reserve(kReadAhead);  // Beast reads as much as there is room for: else 512 bytes at a time
+  Parser parser;
+  parser.header_limit(kMaximumHeader);
+  parser.body_limit(maxContent_);
+  parser.get().body() = &content_;
+  const auto read = [&](const auto& operation) {
+    return transport_->run(timer.deadline(), [&](auto done) {
+      std::visit([&](auto& stream) { operation(stream, std::move(done)); }, transport_->stream);
+    });
+  };
+
+  error_code error = read([&](auto& stream, auto done) {
+    http::async_read_header(stream, buffer, parser, std::move(done));
+  });
+  if (error) return outcomeOf(error, parser.got_some());
+  const unsigned int version = parser.get().version();
+  if (version != 10 && version != 11) return kMalformed;
+  if (parser.get().result_int() != 200) return kOtherStatus;
+
+  error = read(
+      [&](auto& stream, auto done) { http::async_read(stream, buffer, parser, std::move(done)); });
+  contentReceived_ = content_.length();
+  return error ? outcomeOf(error, true) : static_cast<int>(kComplete);
+}
+
+}  // namespace Velantrix::LW::HTTP

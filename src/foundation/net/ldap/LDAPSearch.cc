@@ -1,0 +1,70 @@
+#include "foundation/net/ldap/LDAPSearch.h"
+
+#include <velantrix/Exception.h>
+
+#include <vector>
+
+namespace Velantrix {
+
+namespace {
+
+// libldap reads a filter by recursion, a level for each parenthesis.
+constexpr std::size_t kMaximumFilter = 4096;
+// More than a directory takes for a name; certificates may hold names of a megabyte.
+constexpr std::size_t kMaximumBase = std::size_t{64} * 1024;
+
+[[noreturn]] void throwSearch(const std::string& text, unsigned int line) {
+  throw Exception("LDAPSearch", Exception::kFailure, "LDAPSearch", line).stringParameter(text);
+}
+
+// For libldap, which would take the text up to a NUL for the whole.
+const char* whole(const std::string& text) {
+  if (text.find('\0') != std::string::npos) throwSearch("A text contains a NUL byte.", __LINE__);
+  return text.c_str();
+}
+
+}  // namespace
+
+LDAPSearch::Parameter::Parameter(const std::string& base) : base_(base) {}
+
+LDAPSearch::LDAPSearch(LDAPConnection& connection, const Parameter& parameter)
+    : LDAPRequest(connection.session(), LDAP_RES_SEARCH_RESULT, "LDAPSearch"),
+      parameter_(parameter) {}
+
+LDAPSearch::~LDAPSearch() = default;
+
+int LDAPSearch::transmit(LDAP* ldap, int& id) {
+  if (parameter_.base().size() > kMaximumBase) throwSearch("The base is too long.", __LINE__);
+  if (parameter_.filter().size() > kMaximumFilter) throwSearch("The filter is too long.", __LINE__);
+  std::vector<char*> names;
+  for (const LDAPAttributeType& type : parameter_.attributes()) {
+    names.push_back(const_cast<char*>(whole(type.name())));  // libldap only reads them
+  }
+  names.push_back(nullptr);
+  return ldap_search_ext(ldap, whole(parameter_.base()), parameter_.scope(),
+                         whole(parameter_.filter()), names.data(), 0, nullptr, nullptr, nullptr,
+                         static_cast<int>(kMaximumEntries), &id);
+}
+
+void LDAPSearch::judge(int code, const std::string& text) const {
+  switch (code) {
+    case LDAP_SUCCESS:
+    case LDAP_NO_SUCH_OBJECT:
+      return;
+    case LDAP_SIZELIMIT_EXCEEDED:
+    case LDAP_TIMELIMIT_EXCEEDED:
+    case LDAP_ADMINLIMIT_EXCEEDED:
+      note("The answer is cut short: " + text);
+      return;
+    case LDAP_REFERRAL:
+      note("A referral is not followed: " + parameter_.base());
+      return;
+    case LDAP_INVALID_DN_SYNTAX:
+      note("The server cannot read the base: " + parameter_.base() + ": " + text);
+      return;
+    default:
+      fail(text, __LINE__);
+  }
+}
+
+}  // namespace Velantrix

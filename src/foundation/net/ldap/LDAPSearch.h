@@ -1,0 +1,61 @@
+// A search request (RFC 4511, 4.5).
+//
+//   LDAPSearch::Parameter parameter("O=Example,C=DE");
+//   parameter.add(LDAPAttributeType("userCertificate;binary"));
+//   LDAPSearch search(connection, parameter);
+//   search.send();
+//   search.wait(30);
+#pragma once
+
+#include "foundation/net/ldap/LDAPRequest.h"
+#include "foundation/net/ldap/LDAPResult.h"
+
+#include <velantrix/LDAPConnection.h>
+
+#include <ldap.h>
+#include <list>
+#include <string>
+
+namespace Velantrix {
+
+class LDAPSearch : public LDAPRequest {
+ public:
+  class Parameter {
+   public:
+    /// Everything under @p base, whatever it is: the filter is "(objectClass=*)" and the scope the
+    /// whole subtree. Without attribute types the server sends all attributes.
+    explicit Parameter(const std::string& base);
+
+    void filter(const std::string& text) { filter_ = text; }
+    /// @param scope 0 the base alone, 1 what is right under it, 2 the whole subtree
+    void scope(int scope) { scope_ = scope; }
+    void add(const LDAPAttributeType& type) { attributes_.push_back(type); }
+
+    const std::string& base() const noexcept { return base_; }
+    const std::string& filter() const noexcept { return filter_; }
+    int scope() const noexcept { return scope_; }
+    const std::list<LDAPAttributeType>& attributes() const noexcept { return attributes_; }
+
+   private:
+    std::string base_;
+    std::string filter_ = "(objectClass=*)";
+    int scope_ = LDAP_SCOPE_SUBTREE;
+    std::list<LDAPAttributeType> attributes_;
+  };
+
+  /// @param connection borrowed; it is opened when it is not open yet
+  LDAPSearch(LDAPConnection& connection, const Parameter& parameter);
+  ~LDAPSearch() override;
+
+ private:
+  int transmit(LDAP* ldap, int& id) override;
+  /// A base that does not exist has nothing under it, and one that the server cannot read (a name
+  /// out of a certificate may have types that its schema lacks) cannot exist. An answer that the
+  /// server has cut short counts as far as it goes, and a referral is not followed. All but the
+  /// first are logged; what else is not success throws.
+  void judge(int code, const std::string& text) const override;
+
+  Parameter parameter_;
+};
+
+}  // namespace Velantrix

@@ -1,0 +1,29 @@
+#include "foundation/openssl/Der.h"
+
+#include <velantrix/Exception.h>
+
+#include <openssl/asn1.h>
+
+#include <climits>
+#include <vector>
+
+namespace Velantrix::Crypto {
+
+void appendDer(std::string& out, int tag, bool constructed, std::string_view content) {
+  const int form = constructed ? 1 : 0;
+  // A header of a universal type takes at most six octets.
+  constexpr std::size_t kMaxContent = INT_MAX - 16;
+  const int total = content.size() > kMaxContent
+                        ? -1
+                        : ASN1_object_size(form, static_cast<int>(content.size()), tag);
+  if (total < 0) {
+    throw Exception("ASN1", Exception::kFailure, "Der", __LINE__).stringParameter("value too long");
+  }
+  std::vector<unsigned char> header(static_cast<std::size_t>(total) - content.size());
+  unsigned char* end = header.data();
+  ASN1_put_object(&end, form, static_cast<int>(content.size()), tag, V_ASN1_UNIVERSAL);
+  out.append(header.begin(), header.end());
+  out.append(content);
+}
+
+}  // namespace Velantrix::Crypto

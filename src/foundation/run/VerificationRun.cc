@@ -1,0 +1,93 @@
+#include "foundation/run/VerificationRun.h"
+
+#include "foundation/base/Log.h"
+
+#include <openssl/x509.h>
+
+#include <string_view>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+thread_local VerificationRun* currentRun = nullptr;
+}  // namespace
+
+VerificationRun::VerificationRun(Shelter /*shelter*/) noexcept
+    : target_(nullptr),
+      outer_(currentRun),
+      level_(outer_ == nullptr ? 0 : outer_->level_),
+      totals_(outer_ == nullptr ? &own_ : outer_->totals_),
+      refusal_(nullptr) {
+  currentRun = this;
+}
+
+VerificationRun::VerificationRun(const X509* target,
+                                 std::optional<NetworkTotals::Duration> networkTime) noexcept
+    : target_(target),
+      outer_(currentRun),
+      level_(outer_ == nullptr ? 1 : outer_->level_ + 1),
+      totals_(outer_ == nullptr ? &own_ : outer_->totals_),
+      refusal_(judge()) {
+  own_.network.limit = networkTime;
+  currentRun = this;
+}
+
+VerificationRun::~VerificationRun() { currentRun = outer_; }
+
+VerificationRun* VerificationRun::current() noexcept { return currentRun; }
+
+const char* VerificationRun::judge() noexcept {
+  if (outer_ == nullptr) return nullptr;
+  if (++totals_->nested > kMaximumNested) return "too many nested verifications";
+  if (level_ > kMaximumLevel) return "verifications are nested too deep";
+  if (target_ == nullptr) return nullptr;
+  for (const VerificationRun* run = outer_; run != nullptr; run = run->outer_) {
+    if (run->target_ != nullptr && X509_cmp(run->target_, target_) == 0) {
+      return "its own verification depends on it";
+    }
+  }
+  return nullptr;
+}
+
+bool VerificationRun::admitLookup() {
+  if (currentRun == nullptr) return true;
+  Totals& totals = *currentRun->totals_;
+  if (totals.lookups < kMaximumLookups) {
+    ++totals.lookups;
+    return true;
+  }
+  if (totals.lookups == kMaximumLookups) {
+    ++totals.lookups;  // past the limit: the line below is written once
+    log(kPriorityDebug,
+        "Verifier: too many CRL look-ups, the rest of this verification finds no more CRLs");
+  }
+  return false;
+}
+
+X509* VerificationRun::known(const unsigned char* der, std::size_t length) {
+  const std::string_view wanted(reinterpret_cast<const char*>(der), length);
+  for (VerificationRun* run = currentRun; run != nullptr; run = run->outer_) {
+    // From the root down: directories hold the upper end of a chain, and encoding costs something.
+    for (auto known = run->known_.rbegin(); known != run->known_.rend(); ++known) {
+      if (known->der.empty()) {
+        const int size = i2d_X509(known->certificate, nullptr);
+        if (size <= 0) continue;
+        known->der.resize(static_cast<std::size_t>(size));
+        auto* position = reinterpret_cast<unsigned char*>(known->der.data());
+        i2d_X509(known->certificate, &position);
+      }
+      if (known->der == wanted) return known->certificate;
+    }
+  }
+  return nullptr;
+}
+
+void VerificationRun::park(std::exception_ptr exception) noexcept {
+  if (parked_ == nullptr) parked_ = std::move(exception);
+}
+
+void VerificationRun::rethrowParked() {
+  if (parked_ != nullptr) std::rethrow_exception(std::exchange(parked_, nullptr));
+}
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,359 @@
+#include "foundation/openssl/OpenSSLOwners.h"
+#include "support/Files.h"
+#include "support/Pki.h"
+
+#include <velantrix/CertificateFactory.h>
+#include <velantrix/CertificateRevocationList.h>
+#include <velantrix/Exception.h>
+#include <velantrix/MediaOut.h>
+
+#include <chrono>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+namespace Velantrix::Crypto::PKX509 {
+namespace {
+
+namespace Pki = Velantrix::Test;
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+
+RefCertificate wrap(const Pki::Issued& issued) { return CertificateFactory()(issued.get(), false); }
+
+RefCertificateRevocationList make(const Pki::CrlOptions& options) {
+  return CertificateRevocationListFactory()(Pki::makeCrl(options).release(), true);
+}
+
+TEST(CertificateRevocationList, Fields_OfABaseCrl) {
+  const Pki::Issued ca = Pki::issueCa("C=DE,CN=CA");
+  const RefCertificateRevocationList crl = make({.issuer = &ca,
+                                                 .lastUpdate = "20260101000000Z",
+                                                 .nextUpdate = Pki::When("20260201000000Z"),
+                                                 .number = Pki::Serial("1234")});
+  EXPECT_EQ(crl->crlInfo().issuer().asString(), "CN=CA,C=DE");
+  EXPECT_EQ(crl->crlInfo().authorityKeyIdentifier()->keyId(), wrap(ca)->subjectKeyIdentifier());
+  EXPECT_EQ(crl->lastUpdate()->asTime(), Time::then(1767225600, true));
+  EXPECT_EQ(crl->nextUpdate()->asTime(), Time::then(1769904000, true));
+  EXPECT_EQ(crl->crlNumber().asString(), "1234");
+  EXPECT_TRUE(crl->baseCRLNumber().isNull());
+  EXPECT_FALSE(crl->isDeltaCRL());
+  EXPECT_TRUE(crl->issuingDistributionPoint().empty());
+  EXPECT_EQ(crl->entryCount(), 0U);
+}
+
+TEST(CertificateRevocationList, Fields_WhatIsAbsentIsEmpty) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const RefCertificateRevocationList crl = make({.issuer = &ca,
+                                                 .nextUpdate = std::nullopt,
+                                                 .number = std::nullopt,
+                                                 .authorityKeyId = Pki::KeyId::Absent});
+  EXPECT_TRUE(crl->crlInfo().authorityKeyIdentifier().empty());
+  EXPECT_FALSE(crl->lastUpdate().empty());
+  EXPECT_TRUE(crl->nextUpdate().empty());
+  EXPECT_TRUE(crl->crlNumber().isNull());
+}
+
+TEST(CertificateRevocationList, Fields_OfADeltaCrl) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const RefCertificateRevocationList crl = make({.issuer = &ca,
+                                                 .number = Pki::Serial(9),
+                                                 .deltaBase = Pki::Serial(7),
+                                                 .revoked = {{.serial = 1}, {.serial = 2}}});
+  EXPECT_TRUE(crl->isDeltaCRL());
+  EXPECT_EQ(crl->crlNumber().asString(), "09");
+  EXPECT_EQ(crl->baseCRLNumber().asString(), "07");
+  EXPECT_TRUE(crl->baseCRLNumber() <= crl->crlNumber());
+  EXPECT_EQ(crl->entryCount(), 2U);
+}
+
+TEST(CertificateRevocationList, DeltaFromBaseNumberZero_IsADelta) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  EXPECT_TRUE(make({.issuer = &ca, .deltaBase = Pki::Serial(0)})->isDeltaCRL());
+}
+
+TEST(CertificateRevocationList, IssuedBy_NamesOnlyOrWithTheSignature) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued sameName = Pki::issueCa("CN=CA");
+  const Pki::Issued otherName = Pki::issue({.subject = "CN=Other", .ca = true, .key = ca.key});
+  const Pki::Issued noCrlSign =
+      Pki::issue({.subject = "CN=CA", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = ca.key});
+  const Pki::Issued unrestricted =
+      Pki::issue({.subject = "CN=CA", .keyUsage = Pki::kAbsent, .key = ca.key});
+  const Pki::Issued broken = Pki::issue({.subject = "CN=CA",
+                                         .keyUsage = Pki::kAbsent,
+                                         .rawExtensions = {{"2.5.29.15", true, "\xff"s}},
+                                         .key = ca.key});
+  const Pki::Issued doubled =
+      Pki::issue({.subject = "CN=CA",
+                  .keyUsage = KU_CRL_SIGN,
+                  .rawExtensions = {{"2.5.29.15", true, "\x03\x02\x01\x02"s}},
+                  .key = ca.key});
+  const RefCertificateRevocationList crl = make({.issuer = &ca});
+  const RefCertificateRevocationList vague =
+      make({.issuer = &ca, .authorityKeyId = Pki::KeyId::Absent});
+  const RefCertificateRevocationList wrongKeyId =
+      make({.issuer = &ca, .authorityKeyId = Pki::KeyId::Wrong});
+  const RefCertificateRevocationList bySerial =
+      make({.issuer = &ca, .authorityKeyId = Pki::KeyId::SerialOnly});
+  const RefCertificateRevocationList forged = make({.issuer = &ca, .badSignature = true});
+
+  struct Row {
+    const char* name;
+    const RefCertificateRevocationList& crl;
+    RefCertificate issuer;
+    bool names;
+    bool signature;
+  };
+  const Row rows[] = {
+      {"the issuer", crl, wrap(ca), true, true},
+      {"same name, other key id", crl, wrap(sameName), false, false},
+      {"same name, no key id to compare", vague, wrap(sameName), true, false},
+      {"wrong key id", wrongKeyId, wrap(ca), false, false},
+      {"issuer and serial", bySerial, wrap(ca), true, true},
+      {"issuer and another serial", bySerial, wrap(unrestricted), false, false},
+      {"other name, same key", crl, wrap(otherName), false, false},
+      {"key usage without cRLSign", crl, wrap(noCrlSign), false, false},
+      {"no key usage", crl, wrap(unrestricted), true, true},
+      {"broken key usage", crl, wrap(broken), false, false},
+      {"key usage twice", crl, wrap(doubled), false, false},
+      {"bad signature", forged, wrap(ca), true, false},
+      {"nobody", crl, RefCertificate(), false, false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(row.crl->issuedBy(row.issuer, true), row.names);
+    EXPECT_EQ(row.crl->issuedBy(row.issuer, false), row.signature);
+  }
+}
+
+TEST(CertificateRevocationList, IsSignedBy_ComputedOncePerKey) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued other = Pki::issueCa("CN=Other");
+  const RefCertificateRevocationList crl = make({.issuer = &ca});
+  EXPECT_EQ(crl->signatureChecks(), 0U);
+  EXPECT_FALSE(crl->isSignedBy(nullptr));
+  EXPECT_EQ(crl->signatureChecks(), 0U);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
+    EXPECT_FALSE(crl->isSignedBy(other.key.get()));
+    EXPECT_TRUE(crl->issuedBy(wrap(ca), false));
+  }
+  EXPECT_EQ(crl->signatureChecks(), 2U);
+  // Another object with the same key: a certificate read again, say.
+  const RefCertificate again = CertificateFactory()(X509_dup(ca.get()), true);
+  ASSERT_NE(X509_get0_pubkey(again), X509_get0_pubkey(ca.get()));
+  EXPECT_TRUE(crl->issuedBy(again, false));
+  EXPECT_EQ(crl->signatureChecks(), 2U);
+  // Names only asks for no signature.
+  EXPECT_TRUE(make({.issuer = &ca})->issuedBy(wrap(ca), true));
+  const RefCertificateRevocationList fresh = make({.issuer = &ca});
+  fresh->issuedBy(wrap(ca), true);
+  EXPECT_EQ(fresh->signatureChecks(), 0U);
+}
+
+TEST(CertificateRevocationList, IsSignedBy_RemembersEightKeysAndHoldsThem) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const RefCertificateRevocationList crl = make({.issuer = &ca});
+  EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
+  std::vector<std::shared_ptr<EVP_PKEY>> keys;
+  for (int i = 0; i < 7; ++i) {
+    keys.push_back(Pki::makeKey());
+    EXPECT_FALSE(crl->isSignedBy(keys.back().get()));
+  }
+  EXPECT_EQ(crl->signatureChecks(), 8U);
+  EXPECT_TRUE(crl->isSignedBy(ca.key.get()));  // now the one asked about last
+  EXPECT_EQ(crl->signatureChecks(), 8U);
+  EXPECT_FALSE(crl->isSignedBy(Pki::makeKey().get()));  // pushes out the first of the seven
+  EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
+  EXPECT_FALSE(crl->isSignedBy(keys[1].get()));
+  EXPECT_EQ(crl->signatureChecks(), 9U);
+  EXPECT_FALSE(crl->isSignedBy(keys[0].get()));
+  EXPECT_EQ(crl->signatureChecks(), 10U);
+  // A key whose owner is gone must not be mistaken for a new one at the same address.
+  keys.clear();
+  for (int i = 0; i < 20; ++i) EXPECT_FALSE(crl->isSignedBy(Pki::makeKey().get()));
+  EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
+}
+
+TEST(CertificateRevocationList, IsSignedBy_KeyOfAnotherKind) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const RefCertificateRevocationList crl = make({.issuer = &ca});
+  EXPECT_FALSE(crl->isSignedBy(Pki::makeKey(Pki::KeyKind::Ed25519).get()));
+  EXPECT_FALSE(crl->isSignedBy(Pki::makeKey(Pki::KeyKind::Rsa2048).get()));
+  EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
+  EXPECT_EQ(ERR_peek_error(), 0U);
+}
+
+TEST(CertificateRevocationList, HasUnhandledCriticalExtension_ByTypeAndPlace) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::RawExtension unknown{"1.2.3.4", false, "\x05\0"s};
+  const Pki::RawExtension criticalUnknown{"1.2.3.4", true, "\x05\0"s};
+  struct Row {
+    const char* name;
+    Pki::CrlOptions options;
+    bool unhandled;
+  };
+  const Row rows[] = {
+      {"none", {.issuer = &ca}, false},
+      {"unknown", {.issuer = &ca, .rawExtensions = {unknown}}, false},
+      {"critical unknown", {.issuer = &ca, .rawExtensions = {criticalUnknown}}, true},
+      {"critical issuing distribution point and delta",
+       {.issuer = &ca,
+        .deltaBase = Pki::Serial(1),
+        .idp = Pki::IssuingDistributionPoint{.onlyUser = true}},
+       false},
+      {"critical authority key id",
+       {.issuer = &ca,
+        .authorityKeyId = Pki::KeyId::Absent,
+        .rawExtensions = {{"2.5.29.35", true, "\x30\x03\x80\x01\x07"s}}},
+       false},
+      {"critical CRL number",
+       {.issuer = &ca,
+        .number = std::nullopt,
+        .rawExtensions = {{"2.5.29.20", true, "\x02\x01\x07"s}}},
+       true},
+      {"entry: unknown",
+       {.issuer = &ca, .revoked = {{.serial = 1}, {.serial = 2, .extensions = {unknown}}}},
+       false},
+      {"entry: critical unknown",
+       {.issuer = &ca, .revoked = {{.serial = 1}, {.serial = 2, .extensions = {criticalUnknown}}}},
+       true},
+      {"entry: certificate issuer",
+       {.issuer = &ca, .revoked = {{.serial = 1, .certificateIssuer = "CN=Other"}}},
+       false},
+      {"entry: critical reason",
+       {.issuer = &ca,
+        .revoked = {{.serial = 1, .extensions = {{"2.5.29.21", true, "\x0a\x01\x01"s}}}}},
+       true},
+      {"certificate issuer outside an entry",
+       {.issuer = &ca, .rawExtensions = {{"2.5.29.29", true, "\x30\0"s}}},
+       true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const RefCertificateRevocationList crl = make(row.options);
+    EXPECT_EQ(crl->hasUnhandledCriticalExtension(), row.unhandled);
+    EXPECT_EQ(crl->hasUnhandledCriticalExtension(), row.unhandled);
+  }
+}
+
+// What would make a CRL pass for one of another scope or another place in a chain of deltas.
+TEST(CertificateRevocationListFactory, ExtensionBrokenOrTwice_RefusesTheCrlNamingTheFile) {
+  struct Kind {
+    const char* oid;
+    std::string good;
+  };
+  const Kind kinds[] = {
+      {"2.5.29.28", "\x30\x03\x81\x01\xff"s},
+      {"2.5.29.35", "\x30\x03\x80\x01\x07"s},
+      {"2.5.29.20", "\x02\x01\x07"s},
+      {"2.5.29.27", "\x02\x01\x07"s},
+  };
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::TempDir directory;
+  const auto with = [&ca](const std::vector<Pki::RawExtension>& extensions) {
+    return Pki::makeCrl({.issuer = &ca,
+                         .number = std::nullopt,
+                         .authorityKeyId = Pki::KeyId::Absent,
+                         .rawExtensions = extensions});
+  };
+  for (const Kind& kind : kinds) {
+    SCOPED_TRACE(kind.oid);
+    const Pki::RawExtension good{kind.oid, false, kind.good};
+    EXPECT_FALSE(CertificateRevocationListFactory()(with({good}).release(), true).empty());
+    std::vector<std::vector<Pki::RawExtension>> refused = {{good, good}};
+    for (const std::string& broken : {""s, "\x05\0"s, "\xff\xff"s, kind.good + "\0"s,
+                                      kind.good.substr(0, kind.good.size() - 1)}) {
+      refused.push_back({{kind.oid, false, broken}});
+      refused.push_back({good, {kind.oid, false, broken}});
+    }
+    for (const std::vector<Pki::RawExtension>& extensions : refused) {
+      const Owned<X509_CRL> crl = with(extensions);
+      const std::string file = (directory / "broken.r0").string();
+      Pki::writeFile(file, Pki::pem(crl.get()));
+      try {
+        CertificateRevocationListFactory::read(File::Path(file));
+        ADD_FAILURE() << "read";
+      } catch (const Exception& e) {
+        EXPECT_EQ(e.code(), 4);
+        EXPECT_NE(e.asString().find(file), std::string::npos) << e.asString();
+      }
+      // Neither way leaks or frees what is the caller's.
+      EXPECT_THROW(CertificateRevocationListFactory()(crl.get(), false), Exception);
+      ASSERT_EQ(X509_CRL_up_ref(crl.get()), 1);
+      EXPECT_THROW(CertificateRevocationListFactory()(crl.get(), true), Exception);
+    }
+  }
+}
+
+TEST(CertificateRevocationListFactory, TimeThatIsNone_RefusesTheCrl) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const std::string good = Pki::der(Pki::makeCrl({.issuer = &ca,
+                                                  .lastUpdate = "20260101000000Z",
+                                                  .nextUpdate = Pki::When("20260201000000Z")})
+                                        .get());
+  EXPECT_FALSE(CertificateRevocationListFactory::read(
+                   Buffer(good.data(), static_cast<unsigned int>(good.size()), false))
+                   .empty());
+  for (const char* time : {"260101000000Z", "260201000000Z"}) {
+    std::string broken = good;
+    const std::size_t at = broken.find(time);
+    ASSERT_NE(at, std::string::npos);
+    broken[at + 2] = '9';  // month 91 or 92
+    EXPECT_THROW(CertificateRevocationListFactory::read(
+                     Buffer(broken.data(), static_cast<unsigned int>(broken.size()), false)),
+                 Exception);
+  }
+}
+
+TEST(CertificateRevocationListFactory, BrokenCrlAfterAGoodOne_RefusesTheFile) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const std::string good = Pki::pem(Pki::makeCrl({.issuer = &ca}).get());
+  const std::string broken = Pki::pem(
+      Pki::makeCrl({.issuer = &ca, .rawExtensions = {{"2.5.29.28", true, "\xff"s}}}).get());
+  const std::string both = good + broken;
+  EXPECT_THROW(CertificateRevocationListFactory::read(
+                   Buffer(both.data(), static_cast<unsigned int>(both.size()), true)),
+               Exception);
+}
+
+TEST(CertificateRevocationListFactory, Wrapping_SharesOrAdoptsTheSameCrl) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  Owned<X509_CRL> native = Pki::makeCrl({.issuer = &ca});
+  X509_CRL* const pointer = native.get();
+  {
+    const RefCertificateRevocationList shared = CertificateRevocationListFactory()(pointer, false);
+    EXPECT_EQ(shared->native(), pointer);
+    EXPECT_EQ(static_cast<X509_crl_st*>(shared), pointer);
+  }
+  EXPECT_EQ(CertificateRevocationListFactory()(native.release(), true)->native(), pointer);
+  EXPECT_TRUE(CertificateRevocationListFactory()(nullptr, false).empty());
+  EXPECT_EQ(static_cast<X509_crl_st*>(RefCertificateRevocationList()), nullptr);
+}
+
+TEST(CertificateRevocationList, WritePEM_ReadsBackAndHashesLikeTheCommand) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Owned<X509_CRL> native =
+      Pki::makeCrl({.issuer = &ca, .revoked = {{.serial = 5, .reason = 1}}});
+  RefCertificateRevocationList crl = CertificateRevocationListFactory()(native.get(), false);
+  StringMediaOut out;
+  crl->writePEM(out);
+  EXPECT_EQ(out.text(), Pki::pem(native.get()));
+  const RefCertificateRevocationList read = CertificateRevocationListFactory::read(
+      Buffer(out.text().data(), static_cast<unsigned int>(out.text().size()), false));
+  EXPECT_EQ(X509_CRL_match(read, crl), 0);
+}
+
+TEST(CertificateRevocationList, WritePEM_ToAFilePublishesIt) {
+  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::TempDir directory;
+  const std::string path = (directory / "crl.r0").string();
+  FileMediaOut out(path);
+  make({.issuer = &ca})->writePEM(out);
+  EXPECT_FALSE(CertificateRevocationListFactory::read(File::Path(path)).empty());
+}
+
+}  // namespace
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,238 @@
+#include "foundation/run/VerificationRun.h"
+#include "support/LogCapture.h"
+#include "support/Pki.h"
+
+#include <velantrix/Buffer.h>
+#include <velantrix/CertificateFactory.h>
+
+#include <gtest/gtest.h>
+#include <list>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Velantrix::Test {
+namespace {
+
+using Crypto::PKX509::guardedCallback;
+using Crypto::PKX509::guardedCleanup;
+using Crypto::PKX509::VerificationRun;
+
+constexpr char kTooMany[] =
+    "Verifier: too many CRL look-ups, the rest of this verification finds no more CRLs";
+
+TEST(VerificationRun, Current_IsTheInnermost) {
+  EXPECT_EQ(VerificationRun::current(), nullptr);
+  {
+    const VerificationRun outer(nullptr);
+    EXPECT_EQ(VerificationRun::current(), &outer);
+    {
+      const VerificationRun inner(nullptr);
+      EXPECT_EQ(VerificationRun::current(), &inner);
+    }
+    EXPECT_EQ(VerificationRun::current(), &outer);
+  }
+  EXPECT_EQ(VerificationRun::current(), nullptr);
+}
+
+TEST(VerificationRun, EachThread_HasItsOwn) {
+  const VerificationRun run(nullptr);
+  VerificationRun* seen = VerificationRun::current();
+  std::thread([&seen] { seen = VerificationRun::current(); }).join();
+  EXPECT_EQ(seen, nullptr);
+}
+
+TEST(VerificationRun, NinthLevel_IsRefused) {
+  std::vector<std::unique_ptr<VerificationRun>> runs;
+  for (int level = 1; level <= 8; ++level) {
+    runs.push_back(std::make_unique<VerificationRun>(nullptr));
+    EXPECT_EQ(runs.back()->refusal(), nullptr) << level;
+  }
+  runs.push_back(std::make_unique<VerificationRun>(nullptr));
+  EXPECT_STREQ(runs.back()->refusal(), "verifications are nested too deep");
+  while (!runs.empty()) runs.pop_back();  // innermost first
+}
+
+TEST(VerificationRun, SixtyFifthNested_IsRefusedAndTheOutermostNever) {
+  for (int outermost = 0; outermost < 2; ++outermost) {
+    const VerificationRun run(nullptr);
+    EXPECT_EQ(run.refusal(), nullptr);
+    for (int nested = 1; nested <= 64; ++nested) {
+      EXPECT_EQ(VerificationRun(nullptr).refusal(), nullptr) << nested;
+    }
+    EXPECT_STREQ(VerificationRun(nullptr).refusal(), "too many nested verifications");
+  }
+}
+
+TEST(VerificationRun, NestedOfAllLevels_CountTogether) {
+  const VerificationRun outermost(nullptr);
+  for (int i = 0; i < 32; ++i) {
+    const VerificationRun second(nullptr);
+    ASSERT_EQ(second.refusal(), nullptr);
+    EXPECT_EQ(VerificationRun(nullptr).refusal(), nullptr);
+  }
+  EXPECT_STREQ(VerificationRun(nullptr).refusal(), "too many nested verifications");
+}
+
+TEST(VerificationRun, TargetOfAnEnclosingRun_IsRefused) {
+  const Issued a = issueCa("CN=A");
+  const Issued b = issueCa("CN=B");
+  const Issued copy{certFromDer(der(a.get())), a.key};
+  const VerificationRun outermost(a.get());
+  EXPECT_STREQ(VerificationRun(a.get()).refusal(), "its own verification depends on it");
+  const VerificationRun second(b.get());
+  EXPECT_EQ(second.refusal(), nullptr);
+  EXPECT_STREQ(VerificationRun(copy.get()).refusal(), "its own verification depends on it");
+  EXPECT_EQ(VerificationRun(nullptr).refusal(), nullptr);
+}
+
+TEST(VerificationRun, TargetOfARunThatHasEnded_IsNotRefused) {
+  const Issued a = issueCa("CN=A");
+  const VerificationRun outermost(nullptr);
+  EXPECT_EQ(VerificationRun(a.get()).refusal(), nullptr);
+  EXPECT_EQ(VerificationRun(a.get()).refusal(), nullptr);
+}
+
+TEST(VerificationRun, Lookups_AreCountedOverAllRunsAndRefusedWithOneLine) {
+  LogCapture log;
+  const VerificationRun outermost(nullptr);
+  for (int i = 0; i < 128; ++i) EXPECT_TRUE(VerificationRun::admitLookup());
+  {
+    const VerificationRun nested(nullptr);
+    const VerificationRun shelter{VerificationRun::Shelter{}};
+    for (int i = 0; i < 128; ++i) EXPECT_TRUE(VerificationRun::admitLookup());
+    EXPECT_EQ(log.text(), "");
+    EXPECT_FALSE(VerificationRun::admitLookup());
+  }
+  EXPECT_FALSE(VerificationRun::admitLookup());
+  EXPECT_EQ(log.text(), std::string("7 ") + kTooMany + "\n");
+}
+
+TEST(VerificationRun, LookupsOutsideARun_AreNotCounted) {
+  for (int i = 0; i < 1000; ++i) EXPECT_TRUE(VerificationRun::admitLookup());
+}
+
+TEST(VerificationRun, Shelter_IsNeitherALevelNorCounted) {
+  const VerificationRun outermost(nullptr);
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ(VerificationRun{VerificationRun::Shelter{}}.refusal(), nullptr);
+  }
+  EXPECT_EQ(VerificationRun(nullptr).refusal(), nullptr);
+}
+
+X509* known(const std::string& der) {
+  return VerificationRun::known(reinterpret_cast<const unsigned char*>(der.data()), der.size());
+}
+
+TEST(VerificationRun, KnownCertificate_IsFoundByItsOctetsWhileTheRunOrOneInsideItGoesOn) {
+  const Issued one = issueCa("CN=One");
+  const Issued other = issueCa("CN=Other");
+  const std::string octets = der(one.get());
+  EXPECT_EQ(known(octets), nullptr);
+  {
+    VerificationRun outer(nullptr);
+    outer.know(one.get());
+    EXPECT_EQ(known(octets), one.get());
+    EXPECT_EQ(known(der(other.get())), nullptr);
+    EXPECT_EQ(known(octets.substr(0, octets.size() - 1)), nullptr);
+    const VerificationRun inner(nullptr);
+    EXPECT_EQ(known(octets), one.get());
+  }
+  EXPECT_EQ(known(octets), nullptr);
+}
+
+X509* readBack(const std::string& text) {
+  std::list<Crypto::PKX509::RefCertificate> certificates;
+  Crypto::PKX509::CertificateFactory::read(
+      Buffer(text.data(), static_cast<unsigned int>(text.size()), false), certificates);
+  return certificates.front();
+}
+
+TEST(VerificationRun, KnownCertificateReadAgain_IsTheSameObject) {
+  const Issued one = issueCa("CN=One");
+  EXPECT_NE(readBack(pem(one.get())), one.get());
+  VerificationRun run(nullptr);
+  run.know(one.get());
+  EXPECT_EQ(readBack(pem(one.get())), one.get());
+  EXPECT_EQ(readBack(der(one.get())), one.get());
+  // A trusted certificate brings trust settings along, which the known one may not have.
+  std::string trusted = pem(one.get());
+  for (std::size_t at = 0; (at = trusted.find(" CERTIFICATE", at)) != std::string::npos; at += 20) {
+    trusted.insert(at, " TRUSTED");
+  }
+  EXPECT_NE(readBack(trusted), one.get());
+}
+
+TEST(VerificationRun, FirstExceptionParked_IsTheOneThatIsThrown) {
+  VerificationRun run(nullptr);
+  run.rethrowParked();
+  EXPECT_FALSE(run.hasParked());
+  run.park(std::make_exception_ptr(std::runtime_error("first")));
+  run.park(std::make_exception_ptr(std::runtime_error("second")));
+  EXPECT_TRUE(run.hasParked());
+  try {
+    run.rethrowParked();
+    FAIL() << "nothing was thrown";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "first");
+  }
+  EXPECT_FALSE(run.hasParked());
+  run.rethrowParked();
+}
+
+TEST(GuardedCallback, OutsideARun_TheExceptionPasses) {
+  EXPECT_EQ(guardedCallback(0, [] { return 7; }), 7);
+  EXPECT_THROW(guardedCallback(0, []() -> int { throw std::runtime_error("x"); }),
+               std::runtime_error);
+  EXPECT_THROW(guardedCleanup([] { throw std::runtime_error("x"); }), std::runtime_error);
+}
+
+TEST(GuardedCallback, InsideARun_TheExceptionIsParkedAndTheRestAnswersAtOnce) {
+  VerificationRun run(nullptr);
+  EXPECT_EQ(guardedCallback(-1, [] { return 7; }), 7);
+  EXPECT_EQ(guardedCallback(-1, []() -> int { throw 42; }), -1);
+  EXPECT_TRUE(run.hasParked());
+  bool called = false;
+  EXPECT_EQ(guardedCallback(-1,
+                            [&called] {
+                              called = true;
+                              return 7;
+                            }),
+            -1);
+  EXPECT_FALSE(called);
+  EXPECT_THROW(run.rethrowParked(), int);
+  EXPECT_EQ(guardedCallback(-1, [] { return 7; }), 7);
+}
+
+TEST(GuardedCallback, NestedRun_ParksItsOwn) {
+  VerificationRun outer(nullptr);
+  {
+    VerificationRun inner(nullptr);
+    guardedCallback(0, []() -> int { throw 1; });
+    EXPECT_TRUE(inner.hasParked());
+    EXPECT_FALSE(outer.hasParked());
+  }
+  EXPECT_EQ(guardedCallback(0, [] { return 7; }), 7);
+}
+
+TEST(GuardedCleanup, WorksAlsoWhenAnExceptionIsParked) {
+  VerificationRun run(nullptr);
+  guardedCleanup([] { throw 1; });
+  bool called = false;
+  guardedCleanup([&called] {
+    called = true;
+    throw 2;
+  });
+  EXPECT_TRUE(called);
+  try {
+    run.rethrowParked();
+    FAIL() << "nothing was thrown";
+  } catch (int first) {
+    EXPECT_EQ(first, 1);
+  }
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
