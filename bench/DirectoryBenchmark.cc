@@ -19,7 +19,7 @@ using namespace Crypto::PKX509;
 using Crypto::Owned;
 
 struct Directory {
-  explicit Directory(int files) : crl(Test::makeCrl({.issuer = &issuer})) {
+  explicit Directory(int files) : crl(Test::makeCRL({.issuer = &issuer})) {
     Test::addToDirectory(directory.path(), crl.get());
     for (int i = 1; i < files; ++i) {
       char name[32];
@@ -29,7 +29,7 @@ struct Directory {
   }
 
   Test::TempDir directory;
-  Test::Issued issuer = Test::issueCa("CN=Issuer,O=Bench");
+  Test::Issued issuer = Test::issueCA("CN=Issuer,O=Bench");
   Owned<X509_CRL> crl;
 };
 

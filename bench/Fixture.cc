@@ -8,9 +8,9 @@ namespace Velantrix::Bench {
 using namespace Crypto::PKX509;
 using Crypto::Owned;
 
-FoundCrls::FoundCrls() : LookupMethod("FoundCrls") {}
+FoundCRLs::FoundCRLs() : LookupMethod("FoundCRLs") {}
 
-void FoundCrls::getBySubject(const DistinguishedName& issuer,
+void FoundCRLs::getBySubject(const DistinguishedName& issuer,
                              std::list<RefCertificateRevocationList>& out) {
   for (const RefCertificateRevocationList& crl : crls) {
     if (crl->crlInfo().issuer() == issuer) out.push_back(crl);
@@ -23,43 +23,43 @@ Chain::Chain(Test::KeyKind kind, std::size_t crlEntries)
           {.subject = "CN=Intermediate,O=Bench", .issuer = &root, .ca = true, .keyKind = kind})),
       leaf(Test::issue(
           {.subject = "CN=Leaf,O=Bench", .issuer = &intermediate, .serial = 7, .keyKind = kind})),
-      rootCrl(Test::makeCrl({.issuer = &root})),
+      rootCRL(Test::makeCRL({.issuer = &root})),
       untrusted_(sk_X509_new_null()) {
-  Test::CrlOptions options{.issuer = &intermediate};
+  Test::CRLOptions options{.issuer = &intermediate};
   options.revoked.reserve(crlEntries);
   for (std::size_t i = 0; i < crlEntries; ++i) {
     options.revoked.push_back({.serial = static_cast<int>(i) + 1000});
   }
-  intermediateCrl = Test::makeCrl(options);
+  intermediateCRL = Test::makeCRL(options);
   leafDer = Test::der(leaf.get());
   sk_X509_push(untrusted_.get(), intermediate.reference().release());
   Test::addToDirectory(directory.path(), root.get());
-  Test::addToDirectory(directory.path(), rootCrl.get());
-  Test::addToDirectory(directory.path(), intermediateCrl.get());
+  Test::addToDirectory(directory.path(), rootCRL.get());
+  Test::addToDirectory(directory.path(), intermediateCRL.get());
 }
 
 LibraryChain::LibraryChain(const Chain& chain)
     : store(chain.directory.path().string(), X509_FILETYPE_PEM),
       leaf(CertificateFactory()(chain.leaf.get(), false)) {
-  store->add(RefLookupMethod(new FoundCrls));
-  renewCrls(chain);
+  store->add(RefLookupMethod(new FoundCRLs));
+  renewCRLs(chain);
   const std::list<RefCertificate> intermediates{
       CertificateFactory()(chain.intermediate.get(), false)};
   store->add(intermediates);
   untrusted = RefStackOfCertificate(intermediates);
 }
 
-void LibraryChain::renewCrls(const Chain& chain) const {
-  auto& found = static_cast<FoundCrls&>(*store->methods().front());
-  found.crls = {CertificateRevocationListFactory()(chain.rootCrl.get(), false),
-                CertificateRevocationListFactory()(chain.intermediateCrl.get(), false)};
+void LibraryChain::renewCRLs(const Chain& chain) const {
+  auto& found = static_cast<FoundCRLs&>(*store->methods().front());
+  found.crls = {CertificateRevocationListFactory()(chain.rootCRL.get(), false),
+                CertificateRevocationListFactory()(chain.intermediateCRL.get(), false)};
 }
 
 Owned<X509_STORE> openSSLStore(const Chain& chain) {
   Owned<X509_STORE> store(X509_STORE_new());
   X509_STORE_add_cert(store.get(), chain.root.get());
-  X509_STORE_add_crl(store.get(), chain.rootCrl.get());
-  X509_STORE_add_crl(store.get(), chain.intermediateCrl.get());
+  X509_STORE_add_crl(store.get(), chain.rootCRL.get());
+  X509_STORE_add_crl(store.get(), chain.intermediateCRL.get());
   X509_STORE_set_flags(store.get(), Verifier::Config::kDefaultFlags);
   return store;
 }

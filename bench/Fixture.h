@@ -17,9 +17,9 @@
 namespace Velantrix::Bench {
 
 // A source that has its CRLs at hand.
-class FoundCrls : public Crypto::PKX509::LookupMethod {
+class FoundCRLs : public Crypto::PKX509::LookupMethod {
  public:
-  FoundCrls();
+  FoundCRLs();
 
   using LookupMethod::getBySubject;
   void getBySubject(const Crypto::PKX509::DistinguishedName& issuer,
@@ -37,8 +37,8 @@ struct Chain {
   Test::Issued root;
   Test::Issued intermediate;
   Test::Issued leaf;
-  Crypto::Owned<X509_CRL> rootCrl;
-  Crypto::Owned<X509_CRL> intermediateCrl;  // with the entries asked for; the leaf is none of them
+  Crypto::Owned<X509_CRL> rootCRL;
+  Crypto::Owned<X509_CRL> intermediateCRL;  // with the entries asked for; the leaf is none of them
   std::string leafDer;
 
   // The intermediate alone, for OpenSSL; borrowed.
@@ -53,7 +53,7 @@ struct LibraryChain {
   explicit LibraryChain(const Chain& chain);
 
   // Puts objects in the place of the found CRLs that nothing has been asked of yet.
-  void renewCrls(const Chain& chain) const;
+  void renewCRLs(const Chain& chain) const;
 
   Crypto::PKX509::RefObjectStore store;
   Crypto::PKX509::RefCertificate leaf;

@@ -8,7 +8,7 @@
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/net/http/HTTPConnection.h"
 #include "support/Command.h"
-#include "support/OcspBuilder.h"
+#include "support/OCSPBuilder.h"
 #include "support/WebServer.h"
 
 #include <pkx509/OCSP.h>
@@ -220,11 +220,11 @@ constexpr std::size_t kMaximum = std::size_t{64} * 1024 * 1024;
 
 // A web server with a CRL of about that many megabytes, in entries as public CAs make them: serial
 // numbers of 16 octets, and a reason.
-struct ServedCrl {
-  explicit ServedCrl(int megabytes) : url(server.url("/ca.crl")) {
+struct ServedCRL {
+  explicit ServedCRL(int megabytes) : url(server.url("/ca.crl")) {
     constexpr int kEntry = 49;  // octets
-    const Test::Issued ca = Test::issueCa("CN=CA,O=Bench");
-    Test::CrlOptions options{.issuer = &ca};
+    const Test::Issued ca = Test::issueCA("CN=CA,O=Bench");
+    Test::CRLOptions options{.issuer = &ca};
     const int entries = megabytes * 1000000 / kEntry;
     options.revoked.reserve(static_cast<std::size_t>(entries));
     for (int i = 0; i < entries; ++i) {
@@ -232,7 +232,7 @@ struct ServedCrl {
       std::snprintf(serial, sizeof serial, "5A%022X%08X", 0xBE9C4, static_cast<unsigned int>(i));
       options.revoked.push_back({.serial = serial, .reason = CRL_REASON_SUPERSEDED});
     }
-    const std::string der = Test::der(Test::makeCrl(options).get());
+    const std::string der = Test::der(Test::makeCRL(options).get());
     size = der.size();
     Test::writeFile(server.root() / "ca.crl", der);
   }
@@ -242,10 +242,10 @@ struct ServedCrl {
   std::size_t size = 0;
 };
 
-const ServedCrl& servedCrl(int megabytes) {
-  static std::map<int, std::unique_ptr<ServedCrl>> made;
-  std::unique_ptr<ServedCrl>& crl = made[megabytes];
-  if (crl == nullptr) crl = std::make_unique<ServedCrl>(megabytes);
+const ServedCRL& servedCRL(int megabytes) {
+  static std::map<int, std::unique_ptr<ServedCRL>> made;
+  std::unique_ptr<ServedCRL>& crl = made[megabytes];
+  if (crl == nullptr) crl = std::make_unique<ServedCRL>(megabytes);
   return *crl;
 }
 
@@ -286,7 +286,7 @@ Owned<X509_CRL> readByOpenSSL(const std::string& url) {
 }
 
 void fetchLibrary(benchmark::State& state, int megabytes) {
-  const ServedCrl& crl = servedCrl(megabytes);
+  const ServedCRL& crl = servedCRL(megabytes);
   for (auto _ : state) {
     const HTTP::RefConnection connection = fetchByLibrary(crl.url);
     require(state, !connection.empty() && connection->content().length() == crl.size,
@@ -295,7 +295,7 @@ void fetchLibrary(benchmark::State& state, int megabytes) {
 }
 
 void fetchOpenSSL(benchmark::State& state, int megabytes) {
-  const ServedCrl& crl = servedCrl(megabytes);
+  const ServedCRL& crl = servedCRL(megabytes);
   for (auto _ : state) {
     const OwnedBio body = fetchByOpenSSL(crl.url);
     require(state, body != nullptr && BIO_pending(body.get()) == static_cast<int>(crl.size),
@@ -305,7 +305,7 @@ void fetchOpenSSL(benchmark::State& state, int megabytes) {
 
 // The start of a process and the writing of a file included, which is how scripts fetch CRLs.
 void fetchCurl(benchmark::State& state, int megabytes) {
-  const ServedCrl& crl = servedCrl(megabytes);
+  const ServedCRL& crl = servedCRL(megabytes);
   const Test::TempDir directory;
   const std::string file = directory / "ca.crl";
   const std::vector<std::string> command = {"curl", "-q", "-s", "--noproxy",
@@ -315,7 +315,7 @@ void fetchCurl(benchmark::State& state, int megabytes) {
 }
 
 // Measured once for each.
-double peakOf(const std::string& who, const ServedCrl& crl) {
+double peakOf(const std::string& who, const ServedCRL& crl) {
   static std::map<std::string, double> peaks;
   const std::string key = who + crl.url;
   if (peaks.count(key) == 0) peaks[key] = peakMemory(who, crl.url);
@@ -323,13 +323,13 @@ double peakOf(const std::string& who, const ServedCrl& crl) {
 }
 
 void readLibrary(benchmark::State& state, int megabytes) {
-  const ServedCrl& crl = servedCrl(megabytes);
+  const ServedCRL& crl = servedCRL(megabytes);
   for (auto _ : state) require(state, !readByLibrary(crl.url).empty(), "not read");
   state.counters["peak MiB"] = peakOf("library", crl);
 }
 
 void readOpenSSL(benchmark::State& state, int megabytes) {
-  const ServedCrl& crl = servedCrl(megabytes);
+  const ServedCRL& crl = servedCRL(megabytes);
   for (auto _ : state) require(state, readByOpenSSL(crl.url) != nullptr, "not read");
   state.counters["peak MiB"] = peakOf("openssl", crl);
 }

@@ -49,7 +49,7 @@ Signed signedCertificate(X509* cert, EVP_PKEY* key) {
   return {key, std::string(content, content + length), octets(signature)};
 }
 
-Signed signedCrl(X509_CRL* crl, EVP_PKEY* key) {
+Signed signedCRL(X509_CRL* crl, EVP_PKEY* key) {
   const ASN1_BIT_STRING* signature = nullptr;
   const X509_ALGOR* algorithm = nullptr;
   X509_CRL_get0_signature(crl, &signature, &algorithm);
@@ -76,8 +76,8 @@ void floorOf(benchmark::State& state, Test::KeyKind kind) {
   EVP_PKEY* const intermediate = X509_get0_pubkey(chain.intermediate.get());
   const std::array<Signed, 4> all{signedCertificate(chain.intermediate.get(), root),
                                   signedCertificate(chain.leaf.get(), intermediate),
-                                  signedCrl(chain.rootCrl.get(), root),
-                                  signedCrl(chain.intermediateCrl.get(), intermediate)};
+                                  signedCRL(chain.rootCRL.get(), root),
+                                  signedCRL(chain.intermediateCRL.get(), intermediate)};
   for (auto _ : state) {
     for (const Signed& object : all) require(state, verifies(object));
   }
@@ -94,7 +94,7 @@ void unseenVerifier(benchmark::State& state, Test::KeyKind kind) {
   const LibraryChain chain(chainOf(kind));
   for (auto _ : state) {
     state.PauseTiming();
-    chain.renewCrls(chainOf(kind));
+    chain.renewCRLs(chainOf(kind));
     state.ResumeTiming();
     require(state, libraryVerify(chain.store, chain.leaf, chain.untrusted));
   }

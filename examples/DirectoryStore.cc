@@ -24,11 +24,11 @@ namespace {
 // A store for one verification. Whoever can write to the LDAP directory is trusted as if he could
 // write to the directory of trusted certificates: a root that OpenSSL finds there is a trust
 // anchor.
-RefObjectStore makeStore(const std::string& ldapUri, const std::string& caDirectory,
+RefObjectStore makeStore(const std::string& ldapURI, const std::string& caDirectory,
                          const std::string& crlDirectory) {
   RefObjectStore store(caDirectory, X509_FILETYPE_PEM);
   store->add(RefLookupMethod(new HashDirLookupMethod(crlDirectory)));
-  auto* const directory = new LDAPLookupMethod({LDAPConnection::RefServer(ldapUri), "", ""});
+  auto* const directory = new LDAPLookupMethod({LDAPConnection::RefServer(ldapURI), "", ""});
   const RefLookupMethod method(directory);  // owns it
   directory->store(store);                  // what OpenSSL is given stays in this store
   store->add(method);

@@ -27,8 +27,8 @@ Test::CertificateOptions certificateOptions(const std::string& subject, int seri
   return options;
 }
 
-Test::CrlOptions crlOptions() {
-  Test::CrlOptions options;
+Test::CRLOptions crlOptions() {
+  Test::CRLOptions options;
   options.issuer = &root();
   options.lastUpdate = kFrom;
   options.nextUpdate = Test::When(kUntil);

@@ -21,7 +21,7 @@ std::shared_ptr<EVP_PKEY> key(unsigned char number);
 Test::CertificateOptions certificateOptions(const std::string& subject, int serial,
                                             unsigned char number);
 /// A CRL of the root, with the fixture's times.
-Test::CrlOptions crlOptions();
+Test::CRLOptions crlOptions();
 
 const Issued& root();  ///< "CN=Root", key 1, trusted in `World`s of targets
 const Issued& leaf();  ///< "CN=Leaf", serial number 7, key 2, of the root

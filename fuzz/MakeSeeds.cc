@@ -3,7 +3,7 @@
 //
 //   pkx509_fuzz_seeds DIRECTORY     # writes DIRECTORY/<target>/<name>
 #include "Fixture.h"
-#include "integration/LdapPeer.h"
+#include "integration/LDAPPeer.h"
 
 #include <velantrix/CertificateFactory.h>
 
@@ -20,7 +20,7 @@ namespace {
 
 using Crypto::Owned;
 using Test::CertificateOptions;
-using Test::CrlOptions;
+using Test::CRLOptions;
 using namespace std::string_literals;
 
 std::filesystem::path s_directory;
@@ -49,7 +49,7 @@ const std::vector<std::pair<std::string, Test::IssuingDistributionPoint>>& scope
       {"full", {.fullNames = {"URI:http://crl.example/ca.crl", "dirName:CN=Root"}}},
       {"relative", {.relativeName = "CN=CRL 2+O=x"}},
       {"user", {.onlyUser = true, .critical = false}},
-      {"ca", {.onlyCa = true}},
+      {"ca", {.onlyCA = true}},
       {"attributes", {.onlyAttributes = true}},
       {"reasons", {.indirect = true, .onlySomeReasons = 0x8055}},
   };
@@ -64,7 +64,7 @@ std::vector<std::pair<std::string, Issued>> certificates() {
   std::vector<std::pair<std::string, Issued>> made = {{"root", root()}, {"leaf", leaf()}};
   CertificateOptions full = options(20);
   full.crlDistributionPoints = points();
-  full.freshestCrl = {points().front()};
+  full.freshestCRL = {points().front()};
   full.extensions = {
       {"authorityInfoAccess",
        "OCSP;URI:http://ocsp.example/,caIssuers;URI:http://ca.example/ca.crt,OCSP;dirName:dir"},
@@ -99,46 +99,46 @@ std::vector<std::pair<std::string, Issued>> certificates() {
 
 std::vector<std::pair<std::string, Owned<X509_CRL>>> crls() {
   std::vector<std::pair<std::string, Owned<X509_CRL>>> made;
-  const auto add = [&](const std::string& name, const CrlOptions& crl) {
-    made.emplace_back(name, Test::makeCrl(crl));
+  const auto add = [&](const std::string& name, const CRLOptions& crl) {
+    made.emplace_back(name, Test::makeCRL(crl));
   };
   add("empty", crlOptions());
-  CrlOptions listed = crlOptions();
+  CRLOptions listed = crlOptions();
   listed.revoked = {{.serial = leaf(), .reason = CRL_REASON_KEY_COMPROMISE},
                     {.serial = 20, .reason = CRL_REASON_UNSPECIFIED},
                     {.serial = "-0A", .reason = CRL_REASON_REMOVE_FROM_CRL},
                     {.serial = 21}};
-  listed.freshestCrl = {points().front()};
+  listed.freshestCRL = {points().front()};
   add("listed", listed);
-  CrlOptions delta = crlOptions();
+  CRLOptions delta = crlOptions();
   delta.number = 3;
   delta.deltaBase = 1;
   delta.revoked = {{.serial = leaf(), .reason = CRL_REASON_REMOVE_FROM_CRL}};
   add("delta", delta);
-  CrlOptions indirect = crlOptions();
+  CRLOptions indirect = crlOptions();
   indirect.idp = Test::IssuingDistributionPoint{.indirect = true};
   indirect.revoked = {{.serial = 5, .certificateIssuer = "CN=Other"},
                       {.serial = leaf(), .reason = 1},
                       {.serial = leaf(), .reason = 4, .certificateIssuer = "CN=Root"}};
   add("indirect", indirect);
   for (const auto& [name, scope] : scopes()) {
-    CrlOptions scoped = crlOptions();
+    CRLOptions scoped = crlOptions();
     scoped.idp = scope;
     add("scope-" + name, scoped);
   }
-  CrlOptions bare = crlOptions();
+  CRLOptions bare = crlOptions();
   bare.nextUpdate.reset();
   bare.number.reset();
   bare.authorityKeyId = Test::KeyId::SerialOnly;
   add("bare", bare);
-  CrlOptions critical = crlOptions();
+  CRLOptions critical = crlOptions();
   critical.rawExtensions = {{"2.999.1", true, "\x05\0"s}};
   critical.revoked = {{.serial = leaf(), .extensions = {{"2.999.2", true, "\x05\0"s}}}};
   add("critical", critical);
-  CrlOptions forged = crlOptions();
+  CRLOptions forged = crlOptions();
   forged.badSignature = true;
   add("forged", forged);
-  CrlOptions future = crlOptions();
+  CRLOptions future = crlOptions();
   future.lastUpdate = "20980101000000Z";
   add("future", future);
   return made;

@@ -57,7 +57,7 @@ class Reader {
     Query query{.target = kTarget};
     query.flags = choices_.pick({0x30AC, 0x30AC, 0x30A4, 0x10AC, 0x20AC});
     if (choices_.one(4)) query.day = choices_.pick({-9, 2, 5, 40});
-    for (int i = choices_.below(7); i > 0; --i) addCrl();
+    for (int i = choices_.below(7); i > 0; --i) addCRL();
     pki_.queries.push_back(query);
     return std::move(pki_);
   }
@@ -93,9 +93,9 @@ class Reader {
     pki_.certificates.push_back(made);
   }
 
-  void addCrl() {
+  void addCRL() {
     const int index = static_cast<int>(pki_.crls.size());
-    CrlDescription made{.label = "crl " + std::to_string(index)};
+    CRLDescription made{.label = "crl " + std::to_string(index)};
     made.issuer = choices_.one(5) ? kOther : kRoot;
     made.signer = choices_.one(16) ? kTarget : made.issuer;
     made.brokenSignature = choices_.one(16);
@@ -115,7 +115,7 @@ class Reader {
     if (choices_.one(4)) pki_.sources.front().crls.push_back({crlName(), index});
   }
 
-  void addEntry(CrlDescription& crl) {
+  void addEntry(CRLDescription& crl) {
     EntryDescription made;
     made.serial = choices_.pick(
         {kFirstSerial + kTarget, kFirstSerial + kTarget, kFirstSerial + kOther, 0x70});
@@ -134,7 +134,7 @@ class Reader {
     made.name = pointName();
     const int only = choices_.below(8);
     made.onlyUser = only == 1;
-    made.onlyCa = only == 2;
+    made.onlyCA = only == 2;
     made.onlyAttributes = only == 3;
     made.indirect = choices_.one(4);
     if (choices_.one(3)) made.reasons = reasons();

@@ -27,7 +27,7 @@ bool isName(const std::string& name) {
   return name.find('.') != std::string::npos;
 }
 
-bool isCrlName(const std::string& name) {
+bool isCRLName(const std::string& name) {
   const std::size_t after = name.find('.') + 1;
   return after < name.size() && name[after] == 'r';
 }
@@ -40,7 +40,7 @@ void check(const std::string& name, unsigned int key) {
     return DirectoryParser(key, type, certificates, crls).wants(name);
   };
   PKX509_ASSERT(wants(Object::TypeCertificate) == expected);
-  PKX509_ASSERT(wants(Object::TypeCRL) == (expected && isCrlName(name)));
+  PKX509_ASSERT(wants(Object::TypeCRL) == (expected && isCRLName(name)));
   PKX509_ASSERT(!wants(Object::TypeNone));
 }
 

@@ -5,9 +5,9 @@
 // A plain reading of RFC 4511 says what the client has to make of an answer that is well-formed, or
 // ends too early. It has no opinion on others: libldap is not strict.
 #include "Fuzz.h"
-#include "LdapServer.h"
+#include "LDAPServer.h"
 #include "foundation/net/ldap/LDAPSearch.h"
-#include "integration/LdapPeer.h"
+#include "integration/LDAPPeer.h"
 
 #include <algorithm>
 #include <iterator>

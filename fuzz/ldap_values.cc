@@ -3,8 +3,8 @@
 // each the content of an element; what is left at the end and is no element is one more.
 #include "Fixture.h"
 #include "Fuzz.h"
-#include "LdapServer.h"
-#include "integration/LdapPeer.h"
+#include "LDAPServer.h"
+#include "integration/LDAPPeer.h"
 
 #include <pkx509/LDAPLookup.h>
 
@@ -24,7 +24,7 @@ const std::string kBase = "o=Test";
 
 using Values = std::vector<std::string>;
 using Certificates = std::list<RefCertificate>;
-using Crls = std::list<RefCertificateRevocationList>;
+using CRLs = std::list<RefCertificateRevocationList>;
 using Pairs = std::list<RefCrossCertificatePair>;
 
 Values valuesOf(std::string_view input) {
@@ -70,7 +70,7 @@ bool read(const Values& values, Certificates& out) {
   });
 }
 
-bool read(const Values& values, Crls& out) {
+bool read(const Values& values, CRLs& out) {
   return accepted([&] {
     for (const std::string& value : values) {
       const auto crl = CertificateRevocationListFactory::read(buffer(value.data(), value.size()));
@@ -254,7 +254,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       lookUpObject<Certificates>(method, values, Object::TypeCertificate, withStore);
       break;
     case 1:
-      lookUpObject<Crls>(method, values, Object::TypeCRL, withStore);
+      lookUpObject<CRLs>(method, values, Object::TypeCRL, withStore);
       break;
     case 2:
       lookUpObject<Pairs>(method, values, Object::TypeCrossCertificatePair, withStore);
@@ -263,7 +263,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       lookUpList<Certificates>(method, values, false);
       break;
     case 4:
-      lookUpList<Crls>(method, values, false);
+      lookUpList<CRLs>(method, values, false);
       break;
     default:
       lookUpList<Certificates>(method, values, true);

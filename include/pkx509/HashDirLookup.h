@@ -95,9 +95,9 @@ class PKX509_EXPORT DirectoryParser : public File::Processor, private NonCopyabl
   /// @param type `TypeCertificate` or `TypeCRL`; any other value loads nothing
   DirectoryParser(unsigned int hash, Object::Type type, std::list<RefCertificate>& certificates,
                   std::list<RefCertificateRevocationList>& crls);
-  /// As above; CRL files that name another URI than @p canonicalUri are passed over.
+  /// As above; CRL files that name another URI than @p canonicalURI are passed over.
   DirectoryParser(unsigned int hash, Object::Type type, std::list<RefCertificate>& certificates,
-                  std::list<RefCertificateRevocationList>& crls, const std::string& canonicalUri);
+                  std::list<RefCertificateRevocationList>& crls, const std::string& canonicalURI);
   ~DirectoryParser() override;
 
   /// Whether a file of that name is opened at all.

@@ -191,7 +191,7 @@ class PKX509_EXPORT Verifier : private NonCopyable {
 
   static int verifyCallback(int ok, X509_STORE_CTX* context);
   static int getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x);
-  static int certCrlCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x);
+  static int certCRLCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x);
   static int checkRevocationCallback(X509_STORE_CTX* context);
 
   void initialize();
@@ -210,7 +210,7 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   bool used_ = false;  // the context has been through X509_verify_cert, which takes it only once
   unsigned int networkSeconds_ = 60;
   bool remainingApplied_ = false;  // every CRL that is left for `lastCertificate` has counted
-  X509_STORE_CTX_cert_crl_fn certCrl_ = nullptr;  // what certCrlCallback stands in front of
+  X509_STORE_CTX_cert_crl_fn certCRL_ = nullptr;  // what certCRLCallback stands in front of
   X509_STORE_CTX* parent_ = nullptr;
   unsigned int currentCRLScore_ = 0;
   unsigned int currentReasons_ = 0;

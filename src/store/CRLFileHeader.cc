@@ -7,7 +7,7 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-constexpr std::string_view kUri = "URI: ";
+constexpr std::string_view kURI = "URI: ";
 constexpr std::string_view kExpires = "Expires: ";
 
 // Takes the first line off `rest` when it begins with `key`, and gives what follows it.
@@ -24,7 +24,7 @@ std::optional<std::string_view> takeLine(std::string_view& rest, std::string_vie
 
 CRLFileHeader CRLFileHeader::parse(std::string_view content) {
   CRLFileHeader header;
-  header.uri = takeLine(content, kUri);
+  header.uri = takeLine(content, kURI);
   if (const std::optional<std::string_view> value = takeLine(content, kExpires)) {
     std::int64_t seconds = 0;
     const auto [end, error] =
@@ -36,8 +36,8 @@ CRLFileHeader CRLFileHeader::parse(std::string_view content) {
   return header;
 }
 
-std::string CRLFileHeader::text(const std::string& canonicalUri, const Time& expires) {
-  return std::string(kUri) + canonicalUri + "\n" + std::string(kExpires) +
+std::string CRLFileHeader::text(const std::string& canonicalURI, const Time& expires) {
+  return std::string(kURI) + canonicalURI + "\n" + std::string(kExpires) +
          std::to_string(expires.seconds()) + "\n";
 }
 

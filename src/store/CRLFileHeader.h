@@ -27,7 +27,7 @@ struct CRLFileHeader {
 
   // Reads what stands at the beginning of a file; borrows from `content`.
   static CRLFileHeader parse(std::string_view content);
-  static std::string text(const std::string& canonicalUri, const Time& expires);
+  static std::string text(const std::string& canonicalURI, const Time& expires);
 };
 
 }  // namespace Velantrix::Crypto::PKX509

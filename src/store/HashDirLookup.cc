@@ -135,13 +135,13 @@ DirectoryParser::DirectoryParser(unsigned int key, Object::Type objectType,
 DirectoryParser::DirectoryParser(unsigned int key, Object::Type objectType,
                                  std::list<RefCertificate>& certificateList,
                                  std::list<RefCertificateRevocationList>& crlList,
-                                 const std::string& canonicalUri)
+                                 const std::string& canonicalURI)
     : now(Time::now()),
       hash(key),
       type(objectType),
       certificates(certificateList),
       crls(crlList),
-      uri(canonicalUri) {}
+      uri(canonicalURI) {}
 
 DirectoryParser::~DirectoryParser() = default;
 

@@ -30,7 +30,7 @@ int contextIndex() {
 
 // What OpenSSL uses where a store has no cert_crl of its own. It is not exported; a context that
 // belongs to no store has it.
-X509_STORE_CTX_cert_crl_fn defaultCertCrl() {
+X509_STORE_CTX_cert_crl_fn defaultCertCRL() {
   static const X509_STORE_CTX_cert_crl_fn function = [] {
     const Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
     if (context == nullptr || X509_STORE_CTX_init(context.get(), nullptr, nullptr, nullptr) != 1) {
@@ -48,23 +48,23 @@ class StoreCallbacks {
   explicit StoreCallbacks(X509_STORE* store) noexcept
       : store_(store),
         checkRevocation_(X509_STORE_get_check_revocation(store)),
-        getCrl_(X509_STORE_get_get_crl(store)),
-        certCrl_(X509_STORE_get_cert_crl(store)) {}
+        getCRL_(X509_STORE_get_get_crl(store)),
+        certCRL_(X509_STORE_get_cert_crl(store)) {}
   ~StoreCallbacks() {
     X509_STORE_set_check_revocation(store_, checkRevocation_);
-    X509_STORE_set_get_crl(store_, getCrl_);
-    X509_STORE_set_cert_crl(store_, certCrl_);
+    X509_STORE_set_get_crl(store_, getCRL_);
+    X509_STORE_set_cert_crl(store_, certCRL_);
   }
   StoreCallbacks(const StoreCallbacks&) = delete;
   StoreCallbacks& operator=(const StoreCallbacks&) = delete;
 
-  X509_STORE_CTX_cert_crl_fn formerCertCrl() const noexcept { return certCrl_; }
+  X509_STORE_CTX_cert_crl_fn formerCertCRL() const noexcept { return certCRL_; }
 
  private:
   X509_STORE* store_;  // borrowed
   X509_STORE_CTX_check_revocation_fn checkRevocation_;
-  X509_STORE_CTX_get_crl_fn getCrl_;
-  X509_STORE_CTX_cert_crl_fn certCrl_;
+  X509_STORE_CTX_get_crl_fn getCRL_;
+  X509_STORE_CTX_cert_crl_fn certCRL_;
 };
 
 }  // namespace
@@ -132,8 +132,8 @@ void Verifier::prepare(STACK_OF(X509) * intermediates) {
     const StoreCallbacks former(x509Store);
     X509_STORE_set_get_crl(x509Store, getCrlCallback);
     if (useOpenSSLRevocation_) {
-      certCrl_ = former.formerCertCrl() != nullptr ? former.formerCertCrl() : defaultCertCrl();
-      X509_STORE_set_cert_crl(x509Store, certCrlCallback);
+      certCRL_ = former.formerCertCRL() != nullptr ? former.formerCertCRL() : defaultCertCRL();
+      X509_STORE_set_cert_crl(x509Store, certCRLCallback);
     } else {
       X509_STORE_set_check_revocation(x509Store, checkRevocationCallback);
     }
@@ -276,11 +276,11 @@ int Verifier::getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x) {
 
 // OpenSSL stops asking for CRLs after the first one that covers all reasons. What is left in the
 // container must count too, or a revocation that stands only in a delta CRL would be missed.
-int Verifier::certCrlCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x) {
+int Verifier::certCRLCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x) {
   return guardedCallback(0, [&] {
     Verifier* const verifier = of(context);
-    if (verifier == nullptr) return defaultCertCrl()(context, crl, x);
-    const int result = verifier->certCrl_(context, crl, x);
+    if (verifier == nullptr) return defaultCertCRL()(context, crl, x);
+    const int result = verifier->certCRL_(context, crl, x);
     return result != 0 && verifier->applyRemaining(x) ? result : 0;
   });
 }
@@ -288,14 +288,14 @@ int Verifier::certCrlCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x) {
 bool Verifier::applyRemaining(X509* x) {
   if (remainingApplied_ || lastCertificate.empty() || lastCertificate->native() != x) return true;
   remainingApplied_ = true;
-  const X509_STORE_CTX_check_crl_fn checkCrl = X509_STORE_CTX_get_check_crl(context_.get());
+  const X509_STORE_CTX_check_crl_fn checkCRL = X509_STORE_CTX_get_check_crl(context_.get());
   // A copy: when the first CRL does not cover all reasons, OpenSSL still comes for the others.
   CRLContainer remaining(crls);
   while (!remaining.empty()) {
     const RefObject next = remaining.getCRL();
     if (next.empty()) break;
     X509_CRL* const crl = next->crl;
-    if (checkCrl(context_.get(), crl) == 0 || certCrl_(context_.get(), crl, x) == 0) return false;
+    if (checkCRL(context_.get(), crl) == 0 || certCRL_(context_.get(), crl, x) == 0) return false;
   }
   return true;
 }

@@ -71,7 +71,7 @@ std::vector<std::string> pkitsEntriesOf(const std::string& crl) {
 PkitsDirectory::PkitsDirectory(const std::vector<std::string>& crls)
     : LookupMethod("PkitsDirectory") {
   for (const std::string& file : crls) {
-    const RefCertificateRevocationList crl = pkitsCrl(file);
+    const RefCertificateRevocationList crl = pkitsCRL(file);
     for (const std::string& entry : pkitsEntriesOf(file)) {
       entries_.push_back({withSuperiors(entry), crl});
     }

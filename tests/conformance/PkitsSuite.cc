@@ -144,7 +144,7 @@ RefCertificate pkitsCertificate(const std::string& name) {
   return found.front();
 }
 
-RefCertificateRevocationList pkitsCrl(const std::string& name) {
+RefCertificateRevocationList pkitsCRL(const std::string& name) {
   return CertificateRevocationListFactory::read(
       File::Path((pkitsData() / "crls" / (name + ".crl")).string()));
 }

@@ -85,6 +85,6 @@ std::filesystem::path findPkitsData(const std::filesystem::path& libraries);
 const std::filesystem::path& pkitsData();
 
 Crypto::PKX509::RefCertificate pkitsCertificate(const std::string& name);
-Crypto::PKX509::RefCertificateRevocationList pkitsCrl(const std::string& name);
+Crypto::PKX509::RefCertificateRevocationList pkitsCRL(const std::string& name);
 
 }  // namespace Velantrix::Test

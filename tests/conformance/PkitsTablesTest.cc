@@ -123,7 +123,7 @@ TEST(PkitsTables, FilesAreFoundBesideOtherVersionsOfPython) {
   EXPECT_EQ(findPkitsData(libraries.path()), data);
 }
 
-TEST(PkitsDirectory, HasAPlaceForEveryCrl) {
+TEST(PkitsDirectory, HasAPlaceForEveryCRL) {
   for (const PkitsCase& test : pkits().cases) {
     for (const std::string& crl : test.crls) EXPECT_FALSE(pkitsEntriesOf(crl).empty()) << crl;
   }
@@ -151,7 +151,7 @@ TEST(PkitsDirectory, AnswersByPlaceAndNotByIssuer_UnlessToldTo) {
   EXPECT_EQ(found(directory, "CN=Somebody"), 1U);
 }
 
-TEST(PkitsDirectory, OpenSSLAsksForCrls_TheyAreInItsStore) {
+TEST(PkitsDirectory, OpenSSLAsksForCRLs_TheyAreInItsStore) {
   RefObjectStore store("/nonexistent/pkx509-test", X509_FILETYPE_PEM);
   PkitsDirectory directory({"TwoCRLsCABadCRL", "TwoCRLsCAGoodCRL", "TrustAnchorRootCRL"});
   directory.serve(store);

@@ -165,7 +165,7 @@ INSTANTIATE_TEST_SUITE_P(NIST, Pkits, testing::ValuesIn(allRuns()), nameOf);
 // On the path by distribution points the issuer of a CRL is not compared with the certificate's.
 // It is meant so, because of indirect CRLs; a source that answers a name with another issuer's CRL
 // can so hide a revocation. Here it is the anchor's CRL, which does not list the target.
-TEST(PkitsAnyName, DistributionPointAnsweredWithAnotherIssuersCrl_OwnCheckAccepts) {
+TEST(PkitsAnyName, DistributionPointAnsweredWithAnotherIssuersCRL_OwnCheckAccepts) {
   for (const char* const id : {"4.14.3", "4.14.8"}) {
     const PkitsCase& test = pkits().find(id);
     ASSERT_FALSE(test.valid);

@@ -18,14 +18,14 @@ class DirectoryStore : public testing::Test {
     addToDirectory(cas_.path(), root_.get());
     addToDirectory(
         crls_.path(),
-        makeCrl({.issuer = &middle_, .revoked = {{.serial = revoked_, .reason = 1}}}).get());
+        makeCRL({.issuer = &middle_, .revoked = {{.serial = revoked_, .reason = 1}}}).get());
     ldap_.add(Slapd::Entry{"o=Test", {"organization"}, {}});
     ldap_.add(Slapd::Entry{
         "cn=Middle,o=Test", {"device", "pkiCA"}, {{"cACertificate;binary", der(middle_.get())}}});
     ldap_.add(Slapd::Entry{
         "cn=Root,o=Test",
         {"device", "pkiCA"},
-        {{"certificateRevocationList;binary", der(makeCrl({.issuer = &root_}).get())}}});
+        {{"certificateRevocationList;binary", der(makeCRL({.issuer = &root_}).get())}}});
   }
 
   CommandResult run(const Issued& person) {
@@ -35,8 +35,8 @@ class DirectoryStore : public testing::Test {
         {PKX509_EXAMPLE, file, ldap_.uri(), cas_.path().string(), crls_.path().string()});
   }
 
-  const Issued root_ = issueCa("O=Test,CN=Root");
-  const Issued middle_ = issueCa("O=Test,CN=Middle", &root_);
+  const Issued root_ = issueCA("O=Test,CN=Root");
+  const Issued middle_ = issueCA("O=Test,CN=Middle", &root_);
   const Issued good_ = issue({.subject = "O=Test,CN=Good", .issuer = &middle_});
   const Issued revoked_ = issue({.subject = "O=Test,CN=Revoked", .issuer = &middle_});
   TempDir cas_;

@@ -363,7 +363,7 @@ TEST(HTTPConnection, NobodyListens_IsNotConnected) {
 }
 
 TEST(HTTPConnection, IPv6_IsSpoken) {
-  if (!hasIpv6Loopback()) FAIL() << "the machine has no ::1";
+  if (!hasIPv6Loopback()) FAIL() << "the machine has no ::1";
   const FaultServer server(Scripts::answer("six"), {.address = "::1"});
   HTTPClient client;
   ASSERT_TRUE(client.connect(server.port(), "::1"));

@@ -82,7 +82,7 @@ class HTTPTls : public testing::Test {
 
   FaultServerOptions withTls() const { return {.certificate = &server_}; }
 
-  const Issued root_ = issueCa("CN=Clients");
+  const Issued root_ = issueCA("CN=Clients");
   const Issued client_ = issue({.subject = "O=Mail,CN=Appliance", .issuer = &root_});
   // Signed by nobody that is known here, for another host, and long expired.
   const Issued server_ = issue({.subject = "CN=other.example.com",
@@ -97,7 +97,7 @@ HTTPClient clientFor(const FaultServer& server) {
 TEST_F(HTTPTls, ClientCertificate_IsShownAndTheServersIsNotVerified) {
   installClient();
   const FaultServer server(Scripts::answer("over TLS"),
-                           {.certificate = &server_, .clientCa = &root_});
+                           {.certificate = &server_, .clientCA = &root_});
   HTTPClient client = clientFor(server);
   ASSERT_TRUE(client.connect(server.port()));
   const std::string header = "POST /ocsp HTTP/1.0\r\nContent-Length: 4\r\n\r\n";
@@ -116,7 +116,7 @@ TEST_F(HTTPTls, ClientCertificate_IsShownAndTheServersIsNotVerified) {
 TEST_F(HTTPTls, SecondRequest_IsMadeOverANewSession) {
   installClient();
   const FaultServer server(Scripts::inTurn({Scripts::answer("first"), Scripts::answer("second")}),
-                           {.certificate = &server_, .clientCa = &root_});
+                           {.certificate = &server_, .clientCA = &root_});
   HTTPClient client = clientFor(server);
   ASSERT_TRUE(client.connect(server.port()));
   EXPECT_EQ(client.get(), Connection::kComplete);
@@ -128,7 +128,7 @@ TEST_F(HTTPTls, SecondRequest_IsMadeOverANewSession) {
 
 TEST_F(HTTPTls, RealServer_RequiresTheCertificateAndGetsIt) {
   installClient();
-  WebServer server({.certificate = &server_, .clientCa = &root_});
+  WebServer server({.certificate = &server_, .clientCA = &root_});
   const std::string large(300'000, 'x');
   writeFile(server.root() / "ca.crl", large);
   const Uri uri(server.tlsUrl("/ca.crl"));
@@ -147,10 +147,10 @@ TEST_F(HTTPTls, RealServer_RequiresTheCertificateAndGetsIt) {
 }
 
 TEST_F(HTTPTls, ServerRefusesTheCertificate_HasClosed) {
-  const Issued stranger = issueCa("CN=Stranger");
+  const Issued stranger = issueCA("CN=Stranger");
   writeFile(kCertificate, pem(stranger.get()));
   writeFile(kKey, pem(stranger.key.get()));
-  const FaultServer server(Scripts::answer("x"), {.certificate = &server_, .clientCa = &root_});
+  const FaultServer server(Scripts::answer("x"), {.certificate = &server_, .clientCA = &root_});
   HTTPClient client = clientFor(server);
   // With TLS 1.3 a client learns this only when it reads.
   const bool connected = client.connect(server.port());
@@ -162,7 +162,7 @@ TEST_F(HTTPTls, ServerRefusesTheCertificate_HasClosed) {
 }
 
 TEST_F(HTTPTls, CertificateOrKeyThatCannotBeLoaded_IsTheSystemErrorAndNobodyIsAsked) {
-  const Issued other = issueCa("CN=Other");
+  const Issued other = issueCA("CN=Other");
   const std::string certificate = pem(client_.get());
   const std::string key = pem(client_.key.get());
   const std::string none;
@@ -391,7 +391,7 @@ std::size_t s_mostThreads = 0;
 // The servers are other processes, so that all threads are this program's and the library's.
 TEST_F(HTTPTls, Fetch_StartsNoThread) {
   installClient();
-  const WebServer server({.certificate = &server_, .clientCa = &root_});
+  const WebServer server({.certificate = &server_, .clientCA = &root_});
   writeFile(server.root() / "ca.crl", std::string(100'000, 'x'));
   const Uri uri(server.tlsUrl("/ca.crl"));
   HTTP::RefStream stream = HTTP::streamFor(uri);

@@ -75,7 +75,7 @@ class RevocationIntegration : public testing::Test {
     certificate("inter", "root", "ca_cert");
     certificate("person", "inter", "person_cert");
     certificate("other", "inter", "person_cert");
-    addToDirectory(kCaDirectory, static_cast<X509*>(loaded("root")));
+    addToDirectory(kCADirectory, static_cast<X509*>(loaded("root")));
   }
 
   std::string file(const std::string& name) const { return (work / name).string(); }
@@ -128,13 +128,13 @@ class RevocationIntegration : public testing::Test {
     return file(name);
   }
 
-  static RefCertificateRevocationList loadedCrl(const std::string& path) {
+  static RefCertificateRevocationList loadedCRL(const std::string& path) {
     return CertificateRevocationListFactory::read(File::Path(path));
   }
 
   // Puts a CRL into the machine's directory and returns its name there.
   static fs::path install(const std::string& path) {
-    return addToDirectory(kCrlDirectory, static_cast<X509_CRL*>(loadedCrl(path)));
+    return addToDirectory(kCRLDirectory, static_cast<X509_CRL*>(loadedCRL(path)));
   }
 
   RefCertificate loaded(const std::string& name) const {
@@ -150,7 +150,7 @@ class RevocationIntegration : public testing::Test {
 
   // A store as the appliance has it; the intermediate comes along with the certificate.
   int verdict(const std::string& name, bool useOpenSSL = false, std::time_t at = 0) {
-    RefObjectStore store(kCaDirectory, X509_FILETYPE_PEM);
+    RefObjectStore store(kCADirectory, X509_FILETYPE_PEM);
     const std::list<RefCertificate> intermediates{loaded("inter")};
     store->add(intermediates);
     Verifier verifier(store, loaded(name), RefStackOfCertificate(intermediates), useOpenSSL);
@@ -162,14 +162,14 @@ class RevocationIntegration : public testing::Test {
   LogCapture log;
 };
 
-TEST_F(RevocationIntegration, NoCrlInTheDirectory) {
+TEST_F(RevocationIntegration, NoCRLInTheDirectory) {
   EXPECT_EQ(verdict("person"), X509_V_ERR_UNABLE_TO_GET_CRL);
-  fs::remove(kCrlDirectory);
+  fs::remove(kCRLDirectory);
   EXPECT_EQ(verdict("person"), X509_V_ERR_UNABLE_TO_GET_CRL);
-  fs::create_directory(kCrlDirectory);
+  fs::create_directory(kCRLDirectory);
 }
 
-TEST_F(RevocationIntegration, CrlsInTheDirectory_GoodAndRevoked) {
+TEST_F(RevocationIntegration, CRLsInTheDirectory_GoodAndRevoked) {
   revoke("other", "inter", "keyCompromise");
   installGood();
   for (const bool useOpenSSL : {false, true}) {
@@ -218,19 +218,19 @@ TEST_F(RevocationIntegration, DeltaThatMissesItsBase) {
   EXPECT_EQ(log.count("Could not find Base CRL"), 1U);
 }
 
-TEST_F(RevocationIntegration, ExpiredCrl_TheDirectoryDropsItAndACheckTimeDoesNot) {
+TEST_F(RevocationIntegration, ExpiredCRL_TheDirectoryDropsItAndACheckTimeDoesNot) {
   install(crl("root", "root.crl"));
   install(crl("inter", "inter.crl",
               {"-crlexts", "base", "-crl_lastupdate", "20200101000000Z", "-crl_nextupdate",
                "20200102000000Z"}));
   EXPECT_EQ(verdict("person"), X509_V_ERR_UNABLE_TO_GET_CRL);
-  fs::remove_all(fs::path(kCrlDirectory));
-  fs::create_directory(kCrlDirectory);
+  fs::remove_all(fs::path(kCRLDirectory));
+  fs::create_directory(kCRLDirectory);
   installGood();
   EXPECT_EQ(verdict("person", false, When(hours(24 * 10)).time()), X509_V_ERR_CRL_HAS_EXPIRED);
 }
 
-TEST_F(RevocationIntegration, ScopeOfTheCrl) {
+TEST_F(RevocationIntegration, ScopeOfTheCRL) {
   install(crl("root", "root.crl"));
   const fs::path authorities = install(crl("inter", "inter.crl", {"-crlexts", "authorities"}));
   EXPECT_EQ(verdict("person"), X509_V_ERR_UNABLE_TO_GET_CRL);
@@ -239,7 +239,7 @@ TEST_F(RevocationIntegration, ScopeOfTheCrl) {
   EXPECT_EQ(verdict("person"), 0);
 }
 
-TEST_F(RevocationIntegration, CrlSignedByAnotherKey) {
+TEST_F(RevocationIntegration, CRLSignedByAnotherKey) {
   install(crl("root", "root.crl"));
   fs::copy_file(file("inter.key"), file("kept.key"));
   fs::copy_file(file("inter.crt"), file("kept.crt"));
@@ -251,8 +251,8 @@ TEST_F(RevocationIntegration, CrlSignedByAnotherKey) {
 }
 
 TEST_F(RevocationIntegration, DirectoryComesBeforeTheStore) {
-  const RefCertificateRevocationList first = loadedCrl(crl("inter", "first.crl"));
-  const RefCertificateRevocationList second = loadedCrl(crl("inter", "second.crl"));
+  const RefCertificateRevocationList first = loadedCRL(crl("inter", "first.crl"));
+  const RefCertificateRevocationList second = loadedCRL(crl("inter", "second.crl"));
   install(file("second.crl"));
   World world;
   world.source->crls = {first};
@@ -267,7 +267,7 @@ TEST_F(RevocationIntegration, DirectoryComesBeforeTheStore) {
 
 TEST_F(RevocationIntegration, DirectoryIsReadAtEveryVerification) {
   installGood();
-  RefObjectStore store(kCaDirectory, X509_FILETYPE_PEM);
+  RefObjectStore store(kCADirectory, X509_FILETYPE_PEM);
   const std::list<RefCertificate> intermediates{loaded("inter")};
   store->add(intermediates);
   Verifier verifier(store, loaded("person"), RefStackOfCertificate(intermediates), false);
@@ -277,7 +277,7 @@ TEST_F(RevocationIntegration, DirectoryIsReadAtEveryVerification) {
   EXPECT_EQ(verifier.isValid(), X509_V_ERR_CERT_REVOKED);
 }
 
-TEST_F(RevocationIntegration, FileThatIsNoCrl_IsAnExceptionThatNamesIt) {
+TEST_F(RevocationIntegration, FileThatIsNoCRL_IsAnExceptionThatNamesIt) {
   installGood();
   const fs::path broken = install(file("inter.crl"));
   writeFile(broken, "-----BEGIN X509 CRL-----\nAAAA\n-----END X509 CRL-----\n");
@@ -296,7 +296,7 @@ TEST_F(RevocationIntegration, ExceptionsCrossTheLibrarysBorder) {
     int value;
   };
   World world;
-  world.trust(issueCa("CN=Root"));
+  world.trust(issueCA("CN=Root"));
   world.source->onQuery = [](Query, const DistinguishedName&) { throw Own{42}; };
   Verifier verifier(world.store, loaded("person"), false);
   try {

@@ -21,21 +21,21 @@ constexpr char kCaught[] = "Cryptod::CMS::SimpleVerifier: Caught ";
 
 class SimpleVerifierIntegration : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
-  const Issued inter = issueCa("O=Test,CN=Inter", &root);
+  const Issued root = issueCA("O=Test,CN=Root");
+  const Issued inter = issueCA("O=Test,CN=Inter", &root);
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &inter});
   LogCapture log;
 
   SimpleVerifierIntegration() {
     clearPrivateView();
-    addToDirectory(kCaDirectory, root.get());
-    addToDirectory(kCaDirectory, inter.get());
-    addToDirectory(kCrlDirectory, makeCrl({.issuer = &root}).get());
-    interCrl = addToDirectory(kCrlDirectory, makeCrl({.issuer = &inter}).get());
+    addToDirectory(kCADirectory, root.get());
+    addToDirectory(kCADirectory, inter.get());
+    addToDirectory(kCRLDirectory, makeCRL({.issuer = &root}).get());
+    interCRL = addToDirectory(kCRLDirectory, makeCRL({.issuer = &inter}).get());
   }
   ~SimpleVerifierIntegration() override {
     // A test may have put something else in their place.
-    for (const char* directory : {kCaDirectory, kCrlDirectory}) {
+    for (const char* directory : {kCADirectory, kCRLDirectory}) {
       fs::remove_all(directory);
       fs::create_directory(directory);
     }
@@ -54,34 +54,34 @@ class SimpleVerifierIntegration : public testing::Test {
     log.clear();
   }
 
-  fs::path interCrl;
+  fs::path interCRL;
 };
 
 TEST_F(SimpleVerifierIntegration, FixedDirectories_AreTheOnesThatTheLibraryNames) {
   EXPECT_STREQ(kCADirectory, "/opsadmin/etc/cert/server/ca");
-  EXPECT_STREQ(kCADirectory, kCaDirectory);
-  EXPECT_STREQ(kCRLDirectory, kCrlDirectory);
+  EXPECT_STREQ(kCADirectory, kCADirectory);
+  EXPECT_STREQ(kCRLDirectory, kCRLDirectory);
 }
 
-TEST_F(SimpleVerifierIntegration, TrustAndCrls_ComeFromTheFixedDirectories_AnewEachTime) {
+TEST_F(SimpleVerifierIntegration, TrustAndCRLs_ComeFromTheFixedDirectories_AnewEachTime) {
   EXPECT_EQ(isValid(leaf), 0);
   EXPECT_EQ(isValid(leaf, KU_DIGITAL_SIGNATURE | KU_KEY_ENCIPHERMENT, true), 0);
   EXPECT_EQ(log.text(), "");
-  writeFile(interCrl, pem(makeCrl({.issuer = &inter, .revoked = {{.serial = leaf}}}).get()));
+  writeFile(interCRL, pem(makeCRL({.issuer = &inter, .revoked = {{.serial = leaf}}}).get()));
   EXPECT_EQ(isValid(leaf), X509_V_ERR_CERT_REVOKED);
   EXPECT_EQ(log.texts(), std::vector<std::string>{failureLine(leaf, X509_V_ERR_CERT_REVOKED)});
-  fs::remove(interCrl);
+  fs::remove(interCRL);
   EXPECT_EQ(isValid(leaf), X509_V_ERR_UNABLE_TO_GET_CRL);
-  writeFile(interCrl, pem(makeCrl({.issuer = &inter}).get()));
+  writeFile(interCRL, pem(makeCRL({.issuer = &inter}).get()));
   EXPECT_EQ(isValid(leaf), 0);
-  fs::remove(fs::path(kCaDirectory) / hashName(root.get()));
+  fs::remove(fs::path(kCADirectory) / hashName(root.get()));
   EXPECT_EQ(isValid(leaf), X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT);
-  fs::remove(fs::path(kCaDirectory) / hashName(inter.get()));
+  fs::remove(fs::path(kCADirectory) / hashName(inter.get()));
   EXPECT_EQ(isValid(leaf), X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
 }
 
 TEST_F(SimpleVerifierIntegration, TrustDirectory_IsReadAsPem) {
-  writeFile(fs::path(kCaDirectory) / hashName(root.get()), der(root.get()));
+  writeFile(fs::path(kCADirectory) / hashName(root.get()), der(root.get()));
   EXPECT_EQ(isValid(leaf), X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT);
 }
 
@@ -96,13 +96,13 @@ TEST_F(SimpleVerifierIntegration, KeyUsageThatDoesNotFit) {
 }
 
 TEST_F(SimpleVerifierIntegration, MissingTrustDirectory_IsAnEmptyOne) {
-  fs::remove_all(kCaDirectory);
+  fs::remove_all(kCADirectory);
   EXPECT_EQ(isValid(leaf), X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
   EXPECT_FALSE(log.contains(kCaught)) << log.text();
 }
 
 TEST_F(SimpleVerifierIntegration, UnreadableTrustDirectory_IsMinusOneWhenTheStoreHasToReadIt) {
-  ASSERT_EQ(::chmod(kCaDirectory, 0), 0);
+  ASSERT_EQ(::chmod(kCADirectory, 0), 0);
   const Unprivileged bound;
   // OpenSSL's own lookup finds nothing there, and the store is not asked anything.
   EXPECT_EQ(isValid(leaf), X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
@@ -112,21 +112,21 @@ TEST_F(SimpleVerifierIntegration, UnreadableTrustDirectory_IsMinusOneWhenTheStor
   source->certificates = {handle(root), handle(inter)};
   SimpleVerifier verifier;
   verifier.add(RefLookupMethod(source));
-  expectCaught(verifier.isValid(handle(leaf), 0, false), kCaDirectory);
-  ASSERT_EQ(::chmod(kCaDirectory, 0755), 0);
+  expectCaught(verifier.isValid(handle(leaf), 0, false), kCADirectory);
+  ASSERT_EQ(::chmod(kCADirectory, 0755), 0);
   EXPECT_EQ(verifier.isValid(handle(leaf), 0, false), 0) << log.text();
 }
 
-TEST_F(SimpleVerifierIntegration, WhatIsBrokenInTheCrlDirectory_IsMinusOne) {
-  writeFile(interCrl, "-----BEGIN X509 CRL-----\nAAAA\n-----END X509 CRL-----\n");
-  expectCaught(isValid(leaf), interCrl.string());
-  fs::remove_all(kCrlDirectory);
-  writeFile(kCrlDirectory, "no directory");
-  expectCaught(isValid(leaf), kCrlDirectory);
-  fs::remove(kCrlDirectory);
-  fs::create_directory(kCrlDirectory);
-  addToDirectory(kCrlDirectory, makeCrl({.issuer = &root}).get());
-  addToDirectory(kCrlDirectory, makeCrl({.issuer = &inter}).get());
+TEST_F(SimpleVerifierIntegration, WhatIsBrokenInTheCRLDirectory_IsMinusOne) {
+  writeFile(interCRL, "-----BEGIN X509 CRL-----\nAAAA\n-----END X509 CRL-----\n");
+  expectCaught(isValid(leaf), interCRL.string());
+  fs::remove_all(kCRLDirectory);
+  writeFile(kCRLDirectory, "no directory");
+  expectCaught(isValid(leaf), kCRLDirectory);
+  fs::remove(kCRLDirectory);
+  fs::create_directory(kCRLDirectory);
+  addToDirectory(kCRLDirectory, makeCRL({.issuer = &root}).get());
+  addToDirectory(kCRLDirectory, makeCRL({.issuer = &inter}).get());
   EXPECT_EQ(isValid(leaf), 0);
 }
 

@@ -135,7 +135,7 @@ TEST_F(ToolBadInput, DirectoriesThatCannotServe_AreNamed) {
     expectRefused(tool(verifyWith("good") + Arguments{"--crl-dir", directory, person("good")}),
                   "--crl-dir: " + directory + reason);
   }
-  expectRefused(tool({"verify", person("good")}), "--ca-dir: " + std::string(kCaDirectory) + none);
+  expectRefused(tool({"verify", person("good")}), "--ca-dir: " + std::string(kCADirectory) + none);
   ASSERT_EQ(::chmod(secret.c_str(), 0700), 0);
   ASSERT_EQ(::chmod(names.c_str(), 0700), 0);
 }
@@ -253,7 +253,7 @@ TEST_F(ToolBadInput, OneOfSeveralFiles_LeavesTheOthersTheirReports) {
             nlohmann::json::array());
 }
 
-TEST_F(ToolBadInput, MalformedCrl_IsAnErrorForTheCertificatesThatNeedIt) {
+TEST_F(ToolBadInput, MalformedCRL_IsAnErrorForTheCertificatesThatNeedIt) {
   const std::string directory = own("crls");
   fs::copy(pki("crl/good"), directory,
            fs::copy_options::recursive | fs::copy_options::copy_symlinks);
@@ -284,8 +284,8 @@ TEST_F(ToolBadInput, LogLinesBeforeAnError_AreShownAsText_AndBelongToNobodyElseI
   for (const char* name : {"root.crl", "base.crl"}) fs::copy(pki("work/") + name, directory);
   // Its issuer is not to be found, which logs a line without a text, and the one after it is
   // broken.
-  const Issued other = issueCa("O=Example Mail,CN=Intermediate 2");
-  writeFile(directory + "/other.crl", pem(makeCrl({.issuer = &other}).get()));
+  const Issued other = issueCA("O=Example Mail,CN=Intermediate 2");
+  writeFile(directory + "/other.crl", pem(makeCRL({.issuer = &other}).get()));
   fs::copy(pki("work/one.crl"), directory);
   command({"openssl", "rehash", directory});
   writeFile(directory + "/one.crl", "garbage");
@@ -304,13 +304,13 @@ TEST_F(ToolBadInput, LogLinesBeforeAnError_AreShownAsText_AndBelongToNobodyElseI
   EXPECT_EQ(parsed(json).at(0).at("log").size(), 1U) << json.out;
 }
 
-TEST_F(ToolBadInput, UnreadableFixedCrlDirectory_IsAnError) {
-  ASSERT_EQ(::chmod(kCrlDirectory, 0), 0);
+TEST_F(ToolBadInput, UnreadableFixedCRLDirectory_IsAnError) {
+  ASSERT_EQ(::chmod(kCRLDirectory, 0), 0);
   obeyPermissions();
-  ASSERT_FALSE(mayRead(kCrlDirectory)) << "the test needs a user whom permissions bind";
+  ASSERT_FALSE(mayRead(kCRLDirectory)) << "the test needs a user whom permissions bind";
   const CommandResult result = tool(verifyWith("good") + Arguments{person("good")});
-  ASSERT_EQ(::chmod(kCrlDirectory, 0755), 0);
-  expectRefused(result, person("good") + ": " + kCrlDirectory + ": Permission denied");
+  ASSERT_EQ(::chmod(kCRLDirectory, 0755), 0);
+  expectRefused(result, person("good") + ": " + kCRLDirectory + ": Permission denied");
 }
 
 TEST_F(ToolBadInput, OutputThatCannotBeWritten_IsAnError) {
@@ -347,14 +347,14 @@ TEST_F(ToolBadInput, ClosedStandardStreams_GetNoOtherFile) {
   EXPECT_EQ(result.out, "/dev/null\n/dev/null\n/dev/null\n");
 }
 
-TEST_F(ToolBadInput, DamagedCertificatesAndCrls_GiveAVerdictOrAnError) {
-  const Issued root = issueCa("CN=Root");
+TEST_F(ToolBadInput, DamagedCertificatesAndCRLs_GiveAVerdictOrAnError) {
+  const Issued root = issueCA("CN=Root");
   const Issued leaf = issue({.subject = "CN=Leaf",
                              .issuer = &root,
                              .crlDistributionPoints = {{.fullNames = {"dirName:CN=Root"}}},
                              .extensions = {{"certificatePolicies", "1.2.3.4"},
                                             {"authorityInfoAccess", "OCSP;URI:http://a.test/"}}});
-  const auto crl = makeCrl({.issuer = &root,
+  const auto crl = makeCRL({.issuer = &root,
                             .revoked = {{.serial = 7, .reason = 1}},
                             .idp = IssuingDistributionPoint{.fullNames = {"dirName:CN=Root"}}});
   fs::create_directory(own("ca"));
@@ -364,7 +364,7 @@ TEST_F(ToolBadInput, DamagedCertificatesAndCrls_GiveAVerdictOrAnError) {
   const std::string leafFile = own("leaf.der");
   const Arguments verify = {"verify", "--ca-dir", own("ca"), "--crl-dir", own("crls"), leafFile};
   const std::string goodLeaf = der(leaf.get());
-  const std::string goodCrl = der(crl.get());
+  const std::string goodCRL = der(crl.get());
   writeFile(leafFile, goodLeaf);
   ASSERT_EQ(tool(verify).status, 0);
 
@@ -388,7 +388,7 @@ TEST_F(ToolBadInput, DamagedCertificatesAndCrls_GiveAVerdictOrAnError) {
     SCOPED_TRACE(i);
     const bool leafIsDamaged = i % 2 == 0;
     writeFile(leafFile, leafIsDamaged ? damaged(goodLeaf) : goodLeaf);
-    writeFile(crlFile, leafIsDamaged ? goodCrl : damaged(goodCrl));
+    writeFile(crlFile, leafIsDamaged ? goodCRL : damaged(goodCRL));
     const CommandResult result = tool(verify);
     ASSERT_LE(result.status, 2) << result.err;
     if (result.status != 2) continue;

@@ -31,9 +31,9 @@ class ToolCRL : public ToolFixture {
   static void TearDownTestSuite() {}
 
   // Puts a CRL on the web server; its URI.
-  std::string publish(CrlOptions options, const std::string& name = "ca.crl") {
+  std::string publish(CRLOptions options, const std::string& name = "ca.crl") {
     options.issuer = &ca;
-    published = der(makeCrl(options).get());
+    published = der(makeCRL(options).get());
     writeFile(server.root() / name, published);
     return server.url("/" + name);
   }
@@ -52,17 +52,17 @@ class ToolCRL : public ToolFixture {
 
   static std::vector<fs::path> cached() {
     std::vector<fs::path> files;
-    for (const auto& entry : fs::directory_iterator(kCrlCacheDirectory)) {
+    for (const auto& entry : fs::directory_iterator(kCRLCacheDirectory)) {
       files.push_back(entry.path());
     }
     return files;
   }
 
   static std::string notStored(const std::string& uri) {
-    return "pkx509: " + uri + ": not stored in " + kCrlCacheDirectory + "\n";
+    return "pkx509: " + uri + ": not stored in " + kCRLCacheDirectory + "\n";
   }
 
-  const Issued ca = issueCa("CN=CA,O=Example");
+  const Issued ca = issueCA("CN=CA,O=Example");
   std::string published;
   WebServer server;
 };
@@ -121,7 +121,7 @@ TEST_F(ToolCRL, RunOut_IsFetchedAgain_AndReplaced) {
   EXPECT_TRUE(server.waitForRequests(3));
 }
 
-TEST_F(ToolCRL, SeveralUris_AreToldInOrder_AndOneWithoutACrlIsStatusOne) {
+TEST_F(ToolCRL, SeveralURIs_AreToldInOrder_AndOneWithoutACRLIsStatusOne) {
   const std::string one = publish({.number = 1}, "one.crl");
   const std::string two = publish({.number = 2}, "two.crl");
   const std::string none = server.url("/none.crl");
@@ -149,7 +149,7 @@ TEST_F(ToolCRL, SeveralUris_AreToldInOrder_AndOneWithoutACrlIsStatusOne) {
   EXPECT_EQ(objects.at(1).at("crlNumber"), "02");
 }
 
-TEST_F(ToolCRL, WhatIsNoUri_IsRefused_BeforeAnythingIsFetched) {
+TEST_F(ToolCRL, WhatIsNoURI_IsRefused_BeforeAnythingIsFetched) {
   const std::string uri = publish({});
   for (const char* text : {"", "ca.crl", "http://[::1/ca.crl", "http://host:99999/ca.crl", "a b"}) {
     SCOPED_TRACE(text);
@@ -254,15 +254,15 @@ TEST_F(ToolCRL, BrokenCacheEntry_IsNamed_AndReplaced) {
 
 TEST_F(ToolCRL, FileInThePlaceOfTheCache_CostsTheCacheOnly) {
   const std::string uri = publish({});
-  fs::remove(kCrlCacheDirectory);
-  writeFile(kCrlCacheDirectory, "");
+  fs::remove(kCRLCacheDirectory);
+  writeFile(kCRLCacheDirectory, "");
   const CommandResult text = tool(crl(uri));
   const CommandResult asJson = tool({"crl", "--json", uri});
-  fs::remove(kCrlCacheDirectory);
-  fs::create_directory(kCrlCacheDirectory);
+  fs::remove(kCRLCacheDirectory);
+  fs::create_directory(kCRLCacheDirectory);
   EXPECT_EQ(text.status, 0);
   EXPECT_NE(text.out.find("\n  source                        network\n"), std::string::npos);
-  EXPECT_EQ(text.err, "pkx509: " + uri + ": the cache cannot be used: " + kCrlCacheDirectory +
+  EXPECT_EQ(text.err, "pkx509: " + uri + ": the cache cannot be used: " + kCRLCacheDirectory +
                           ": Not a directory\n" + notStored(uri));
   EXPECT_EQ(asJson.status, 0);
   EXPECT_EQ(asJson.err, text.err);
@@ -271,10 +271,10 @@ TEST_F(ToolCRL, FileInThePlaceOfTheCache_CostsTheCacheOnly) {
 
 TEST_F(ToolCRL, CacheThatIsNotThere_IsNotMade) {
   const std::string uri = publish({});
-  fs::remove(kCrlCacheDirectory);
+  fs::remove(kCRLCacheDirectory);
   const json fetched = gotten(uri, notStored(uri));
-  const bool made = fs::exists(kCrlCacheDirectory);
-  fs::create_directories(kCrlCacheDirectory);
+  const bool made = fs::exists(kCRLCacheDirectory);
+  fs::create_directories(kCRLCacheDirectory);
   EXPECT_EQ(fetched.at("source"), "network");
   EXPECT_FALSE(made);
 }
@@ -284,21 +284,21 @@ TEST_F(ToolCRL, CacheThatCannotBeWritten_IsTold_AlsoWhenAnOldEntryStaysInIt) {
   const std::string other = publish({}, "other.crl");
   EXPECT_EQ(gotten(uri).at("source"), "network");
   publish({.number = 2});
-  ASSERT_EQ(::chmod(kCrlCacheDirectory, 0500), 0);
+  ASSERT_EQ(::chmod(kCRLCacheDirectory, 0500), 0);
   obeyPermissions();
   const json replaced = gotten(uri, notStored(uri));
   const json fresh = gotten(other, notStored(other));
-  ASSERT_EQ(::chmod(kCrlCacheDirectory, 0700), 0);
+  ASSERT_EQ(::chmod(kCRLCacheDirectory, 0700), 0);
   EXPECT_EQ(replaced.at("crlNumber"), "02");
   EXPECT_EQ(fresh.at("source"), "network");
   EXPECT_EQ(cached().size(), 1U);
 }
 
-TEST_F(ToolCRL, Https_ShowsTheClientCertificate) {
+TEST_F(ToolCRL, HTTPS_ShowsTheClientCertificate) {
   const Issued name = issue({.subject = "CN=Server", .issuer = &ca});
   const Issued client = issue({.subject = "CN=Appliance", .issuer = &ca});
-  const WebServer secure({.certificate = &name, .clientCa = &ca});
-  writeFile(secure.root() / "ca.crl", der(makeCrl({.issuer = &ca}).get()));
+  const WebServer secure({.certificate = &name, .clientCA = &ca});
+  writeFile(secure.root() / "ca.crl", der(makeCRL({.issuer = &ca}).get()));
   const std::string uri = secure.tlsUrl("/ca.crl");
   const std::string apps = std::string(kAppsDirectory) + "/server.";
 
@@ -340,7 +340,7 @@ TEST_F(ToolCRL, Help_NamesEverything) {
   const CommandResult help = tool({"crl", "--help"});
   EXPECT_EQ(help.status, 0);
   EXPECT_EQ(help.err, "");
-  for (const char* text : {"URI", "--json", "--help", kCrlCacheDirectory, kAppsDirectory,
+  for (const char* text : {"URI", "--json", "--help", kCRLCacheDirectory, kAppsDirectory,
                            "Nothing is verified", "Exit status", "Examples"}) {
     EXPECT_NE(help.out.find(text), std::string::npos) << text;
   }

@@ -122,7 +122,7 @@ TEST_F(ToolFind, AddJson_HasExactlyTheKeysInOrder) {
   }
 }
 
-TEST_F(ToolFind, BySubject_DirectoriesOfOpensslRehash_AreSearched) {
+TEST_F(ToolFind, BySubject_DirectoriesOfOpenSSLRehash_AreSearched) {
   for (const char* name : {"good", "revoked"}) {
     fs::copy(person(name), directory() + "/" + name + ".pem");
   }

@@ -4,7 +4,7 @@
 #include "support/FaultScripts.h"
 #include "support/FaultServer.h"
 #include "support/Loopback.h"
-#include "support/OcspResponder.h"
+#include "support/OCSPResponder.h"
 #include "support/Pki.h"
 #include "support/PrivateView.h"
 
@@ -121,12 +121,12 @@ class ToolOCSP : public ToolFixture {
   static constexpr char kUnusable[] = "the responder gave no usable answer";
   static constexpr char kNotReached[] = "no responder was reached";
 
-  const Issued root = issueCa("CN=Root");
-  const Issued ca = issueCa("CN=CA", &root);
+  const Issued root = issueCA("CN=Root");
+  const Issued ca = issueCA("CN=CA", &root);
 };
 
 TEST_F(ToolOCSP, RealResponder_GoodRevokedAndUnknown) {
-  OcspResponder responder({.ca = &ca});
+  OCSPResponder responder({.ca = &ca});
   const Issued leaf = leafFor({responder.url()});
   expectAnswer(ask(leaf), 2, 2, kUnusable, responder.url());
   responder.setIndex({{.serial = leaf}});
@@ -147,7 +147,7 @@ TEST_F(ToolOCSP, RespondersOfTheCertificate_AreTriedUntilOneIsConnectedTo) {
   const ReservedPort port;
   const std::string down = "http://127.0.0.1:" + port.text() + "/";
   const FaultServer unused(Scripts::garbage());
-  OcspResponder responder({.ca = &ca});
+  OCSPResponder responder({.ca = &ca});
   const std::string ldap = "ldap://127.0.0.1/";
   const Issued leaf = leafFor({down, ldap, responder.url(), unused.url()});
   responder.setIndex({{.serial = leaf}});
@@ -157,9 +157,9 @@ TEST_F(ToolOCSP, RespondersOfTheCertificate_AreTriedUntilOneIsConnectedTo) {
   EXPECT_TRUE(unused.connections().empty());
 }
 
-TEST_F(ToolOCSP, Uri_OverridesWhatTheCertificateNames) {
+TEST_F(ToolOCSP, URI_OverridesWhatTheCertificateNames) {
   const FaultServer named(Scripts::garbage());
-  OcspResponder responder({.ca = &ca});
+  OCSPResponder responder({.ca = &ca});
   const Issued leaf = leafFor({named.url()});
   responder.setIndex({{.serial = leaf}});
   expectAnswer(ask(leaf, responder.url("/path?query#x")), 0, 0, kGood,
@@ -187,12 +187,12 @@ TEST_F(ToolOCSP, ForgedCertificate_RespondersItNamesAreNotConnectedTo) {
   EXPECT_TRUE(named.connections().empty());
 
   // Who names the responder is connected to it, whatever the certificate is.
-  OcspResponder responder({.ca = &ca, .index = {{.serial = damaged}}});
+  OCSPResponder responder({.ca = &ca, .index = {{.serial = damaged}}});
   expectAnswer(ask(damaged, responder.url()), 0, 0, kGood, responder.url());
 }
 
 TEST_F(ToolOCSP, ChainWithoutTheIssuer_IsExplained) {
-  OcspResponder responder({.ca = &ca});
+  OCSPResponder responder({.ca = &ca});
   const Issued leaf = leafFor({responder.url()});
   responder.setIndex({{.serial = leaf}});
   write("chain.pem", pem(root.get()));
@@ -205,7 +205,7 @@ TEST_F(ToolOCSP, ChainWithoutTheIssuer_IsExplained) {
 }
 
 TEST_F(ToolOCSP, CertificatesBesideTheFirst_CountAsItsChain) {
-  OcspResponder responder({.ca = &ca});
+  OCSPResponder responder({.ca = &ca});
   const Issued leaf = leafFor({responder.url()});
   responder.setIndex({{.serial = leaf}});
   write("chain.pem", pem(root.get()));
@@ -299,15 +299,15 @@ TEST_F(ToolOCSP, DelegatedResponder_HasToBeValidAgainstTheTrustedCertificates) {
   const Issued leaf = leafFor({});
   const Issued signer = issue(
       {.subject = "CN=Signer", .issuer = &ca, .extensions = {{"extendedKeyUsage", "OCSPSigning"}}});
-  const Issued stranger = issueCa("CN=Stranger");
-  OcspResponder delegated({.ca = &ca, .signer = &signer, .index = {{.serial = leaf}}});
-  OcspResponder strange({.ca = &ca, .signer = &stranger, .index = {{.serial = leaf}}});
+  const Issued stranger = issueCA("CN=Stranger");
+  OCSPResponder delegated({.ca = &ca, .signer = &signer, .index = {{.serial = leaf}}});
+  OCSPResponder strange({.ca = &ca, .signer = &stranger, .index = {{.serial = leaf}}});
   const Arguments trusted = {"--ca-dir", own("trusted")};
   const std::string text = "the responder's certificate is not valid";
 
   expectAnswer(ask(leaf, delegated.url()) + trusted, 0, 0, kGood, delegated.url());
   for (const bool fixed : {false, true}) {
-    const OcspResponder& responder = fixed ? strange : delegated;
+    const OCSPResponder& responder = fixed ? strange : delegated;
     const CommandResult refused =
         tool(ask(leaf, responder.url()) + (fixed ? trusted : Arguments{}));
     EXPECT_EQ(refused.status, 2);
@@ -318,7 +318,7 @@ TEST_F(ToolOCSP, DelegatedResponder_HasToBeValidAgainstTheTrustedCertificates) {
         << refused.err;
   }
   // Without --ca-dir the fixed directory serves.
-  addToDirectory(kCaDirectory, root.get());
+  addToDirectory(kCADirectory, root.get());
   expectAnswer(ask(leaf, delegated.url()), 0, 0, kGood, delegated.url());
 }
 
@@ -326,10 +326,10 @@ TEST_F(ToolOCSP, AnswerOfNobodyKnownOrWithAWrongSignature_IsNone) {
   const Issued leaf = leafFor({});
   const Issued signer = issue(
       {.subject = "CN=Signer", .issuer = &ca, .extensions = {{"extendedKeyUsage", "OCSPSigning"}}});
-  OcspResponder tampered({.ca = &ca, .index = {{.serial = leaf}}, .badSignature = true});
+  OCSPResponder tampered({.ca = &ca, .index = {{.serial = leaf}}, .badSignature = true});
   expectAnswer(ask(leaf, tampered.url()), 2, 117, "the signature of the answer is wrong",
                tampered.url(), {logged(6, "OCSP::Client: Response Signature check failed.")});
-  OcspResponder anonymous(
+  OCSPResponder anonymous(
       {.ca = &ca, .signer = &signer, .index = {{.serial = leaf}}, .certificates = false});
   expectAnswer(ask(leaf, anonymous.url()), 2, 118, "the responder's certificate is not known",
                anonymous.url());
@@ -338,18 +338,18 @@ TEST_F(ToolOCSP, AnswerOfNobodyKnownOrWithAWrongSignature_IsNone) {
   expectAnswer(ask(leaf, anonymous.url()), 0, 0, kGood, anonymous.url());
 }
 
-TEST_F(ToolOCSP, Https_NeedsTheClientCertificate_AndShowsIt) {
+TEST_F(ToolOCSP, HTTPS_NeedsTheClientCertificate_AndShowsIt) {
   const Issued name = issue({.subject = "CN=Server", .issuer = &root});
   const Issued client = issue({.subject = "CN=Appliance", .issuer = &root});
   const Issued leaf = leafFor({});
-  OcspResponder responder({.ca = &ca, .index = {{.serial = leaf}}});
+  OCSPResponder responder({.ca = &ca, .index = {{.serial = leaf}}});
   const FaultServer secure(
       [&](Peer& peer) {
         if (const auto request = peer.readRequest()) {
           peer.write(exchangeBytes(portOf(responder.url()), *request));
         }
       },
-      {.certificate = &name, .clientCa = &root});
+      {.certificate = &name, .clientCA = &root});
   const std::string apps = std::string(kAppsDirectory) + "/server.";
   const auto refused = [&](const std::string& file) {
     const CommandResult result = tool(ask(leaf, secure.url()));
@@ -370,7 +370,7 @@ TEST_F(ToolOCSP, Https_NeedsTheClientCertificate_AndShowsIt) {
 }
 
 TEST_F(ToolOCSP, StandardInput_ServesForOneOfTheTwoFiles) {
-  OcspResponder responder({.ca = &ca});
+  OCSPResponder responder({.ca = &ca});
   const Issued leaf = leafFor({responder.url()});
   responder.setIndex({{.serial = leaf}});
   write("leaf.pem", pem(leaf.get()));
@@ -439,7 +439,7 @@ TEST_F(ToolOCSP, Help_NamesEverything) {
   EXPECT_EQ(help.status, 0);
   EXPECT_EQ(help.err, "");
   for (const char* text : {"CERT", "--chain", "--uri", "--ca-dir", "--timeout", "--json", "--help",
-                           kCaDirectory, "file, uri", "answer", "code", "text", "log", "101", "117",
+                           kCADirectory, "file, uri", "answer", "code", "text", "log", "101", "117",
                            "118", "Exit status", "Examples"}) {
     EXPECT_NE(help.out.find(text), std::string::npos) << text;
   }

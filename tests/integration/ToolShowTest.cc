@@ -119,7 +119,7 @@ class ToolShow : public ToolFixture {
   }
 };
 
-TEST_F(ToolShow, FactsOfCertificates_AreWhatOpensslSays) {
+TEST_F(ToolShow, FactsOfCertificates_AreWhatOpenSSLSays) {
   const std::vector<std::pair<std::string, bool>> files = {
       {everything(), false},
       {person("good"), false},
@@ -158,7 +158,7 @@ TEST_F(ToolShow, FactsOfCertificates_AreWhatOpensslSays) {
   }
 }
 
-TEST_F(ToolShow, ExtensionsOfACertificate_AreWhatOpensslSays) {
+TEST_F(ToolShow, ExtensionsOfACertificate_AreWhatOpenSSLSays) {
   const std::string path = everything();
   const json facts = shown({path}).at(0);
   const std::string text = outputOf({"openssl", "x509", "-noout", "-text", "-in", path});
@@ -254,7 +254,7 @@ TEST_F(ToolShow, WhatIsAbsent_IsNull_AndAnUnrestrictedKeyUsageSaysSo) {
   EXPECT_EQ(granted.at("problems"), json({{"selfSigned", "malformed extensions"}}));
 }
 
-TEST_F(ToolShow, FactsOfCrls_AreWhatOpensslSays) {
+TEST_F(ToolShow, FactsOfCRLs_AreWhatOpenSSLSays) {
   struct Row {
     const char* name;
     std::size_t entries;
@@ -284,7 +284,7 @@ TEST_F(ToolShow, FactsOfCrls_AreWhatOpensslSays) {
 }
 
 TEST_F(ToolShow, IssuingDistributionPoints_AreShownWhole) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   struct Row {
     IssuingDistributionPoint point;
     json expected;
@@ -313,7 +313,7 @@ TEST_F(ToolShow, IssuingDistributionPoints_AreShownWhole) {
         .onlySomeReasons = 0x40},
        user,
        {"URI:http://a.test/", "DirName:CN = Place", "Only User Certificates", "Key Compromise"}},
-      {{.relativeName = "CN=Relative", .onlyCa = true},
+      {{.relativeName = "CN=Relative", .onlyCA = true},
        ca,
        {"Relative Name:", "CN = Relative", "Only CA Certificates"}},
       {{.onlyAttributes = true}, attribute, {"Only Attribute Certificates"}},
@@ -322,7 +322,7 @@ TEST_F(ToolShow, IssuingDistributionPoints_AreShownWhole) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.expected.dump());
     const std::string path =
-        file("idp.crl", pem(makeCrl({.issuer = &root, .idp = row.point}).get()));
+        file("idp.crl", pem(makeCRL({.issuer = &root, .idp = row.point}).get()));
     EXPECT_EQ(shown({path}).at(0).at("issuingDistributionPoint"), row.expected);
     const std::string text = outputOf({"openssl", "crl", "-noout", "-text", "-in", path});
     for (const std::string& part : row.openssl) {
@@ -331,7 +331,7 @@ TEST_F(ToolShow, IssuingDistributionPoints_AreShownWhole) {
   }
   const std::string unknown =
       file("critical.crl",
-           pem(makeCrl({.issuer = &root,
+           pem(makeCRL({.issuer = &root,
                         .nextUpdate = std::nullopt,
                         .number = std::nullopt,
                         .authorityKeyId = KeyId::SerialOnly,
@@ -499,7 +499,7 @@ TEST_F(ToolShow, BrokenExtensions_AreNamedOnTheirLine_AndTheOthersAreShown) {
        "email address",
        "extension stands twice: X509v3 Subject Alternative Name"},
   };
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string(row.key) + ": " + row.problem);
     const Issued leaf = issue({.subject = "CN=Broken",
@@ -541,9 +541,9 @@ TEST_F(ToolShow, UnreadableKey_IsOneProblemOfItsCertificate) {
 }
 
 TEST_F(ToolShow, WhatCannotBeRead_IsOneLine_AndTheRestIsShown) {
-  const Issued root = issueCa("CN=Root");
-  const std::string brokenCrl =
-      pem(makeCrl({.issuer = &root, .rawExtensions = {{.oid = "2.5.29.28", .der = "\x04\x01"s}}})
+  const Issued root = issueCA("CN=Root");
+  const std::string brokenCRL =
+      pem(makeCRL({.issuer = &root, .rawExtensions = {{.oid = "2.5.29.28", .der = "\x04\x01"s}}})
               .get());
   const std::string certificate = readFile(person("good"));
   std::string encrypted = certificate;
@@ -572,9 +572,9 @@ TEST_F(ToolShow, WhatCannotBeRead_IsOneLine_AndTheRestIsShown) {
       {file("cut.der", bytes.substr(0, 100)), "neither PEM nor DER", 0},
       {file("trailing.der", bytes + "x"),
        "neither PEM nor DER from octet " + std::to_string(bytes.size()), 1},
-      {file("broken.crl", brokenCrl),
+      {file("broken.crl", brokenCRL),
        "extension cannot be decoded: X509v3 Issuing Distribution Point", 0},
-      {file("mixed.pem", certificate + brokenCrl + certificate),
+      {file("mixed.pem", certificate + brokenCRL + certificate),
        "extension cannot be decoded: X509v3 Issuing Distribution Point", 2},
       {file("encrypted.pem", certificate + encrypted + certificate), "encrypted CERTIFICATE", 2},
       {file("malformed.pem", malformed + certificate), "malformed CERTIFICATE", 1},
@@ -629,8 +629,8 @@ TEST_F(ToolShow, DamagedFiles_AreShownOrRefused) {
     command({"openssl", "x509", "-in", everything(), "-outform", "DER", "-out", own("c.der")});
     return readFile(own("c.der"));
   }();
-  const Issued root = issueCa("CN=Root");
-  const std::string crl = der(makeCrl({.issuer = &root,
+  const Issued root = issueCA("CN=Root");
+  const std::string crl = der(makeCRL({.issuer = &root,
                                        .revoked = {{.serial = 7, .reason = 1}},
                                        .idp = IssuingDistributionPoint{.fullNames = {"DNS:a"}}})
                                   .get());

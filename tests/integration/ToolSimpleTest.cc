@@ -22,11 +22,11 @@ class ToolSimple : public ToolFixture {
   // The fixed directories of a machine that knows the PKI.
   void SetUp() override {
     ToolFixture::SetUp();
-    fs::copy(pki("ca"), kCaDirectory);
-    fs::copy(pki("work/one/cert.pem"), fs::path(kCaDirectory) / "one.pem");
-    fs::copy(pki("work/two/cert.pem"), fs::path(kCaDirectory) / "two.pem");
-    command({"openssl", "rehash", kCaDirectory});
-    fs::copy(pki("crl/good"), kCrlDirectory);
+    fs::copy(pki("ca"), kCADirectory);
+    fs::copy(pki("work/one/cert.pem"), fs::path(kCADirectory) / "one.pem");
+    fs::copy(pki("work/two/cert.pem"), fs::path(kCADirectory) / "two.pem");
+    command({"openssl", "rehash", kCADirectory});
+    fs::copy(pki("crl/good"), kCRLDirectory);
   }
 
   static nlohmann::json reportOn(const Arguments& arguments, int status) {
@@ -46,9 +46,9 @@ class ToolSimple : public ToolFixture {
   }
   // A certificate with that key usage, and its root among the trusted ones.
   std::string certificateWith(int keyUsage) const {
-    const Issued root = issueCa("CN=Own Root");
-    addToDirectory(kCaDirectory, root.get());
-    addToDirectory(kCrlDirectory, makeCrl({.issuer = &root}).get());
+    const Issued root = issueCA("CN=Own Root");
+    addToDirectory(kCADirectory, root.get());
+    addToDirectory(kCRLDirectory, makeCRL({.issuer = &root}).get());
     const std::string file = own("own.pem");
     writeFile(file, pem(issue({.issuer = &root, .keyUsage = keyUsage}).get()));
     return file;
@@ -133,8 +133,8 @@ TEST_F(ToolSimple, KeyUsages_AreKnownByAllNames) {
 }
 
 TEST_F(ToolSimple, WhatCannotBeCarriedOut_IsNotValid) {
-  writeFile(fs::path(kCrlDirectory) / "broken", "");
-  for (const auto& entry : fs::directory_iterator(kCrlDirectory)) {
+  writeFile(fs::path(kCRLDirectory) / "broken", "");
+  for (const auto& entry : fs::directory_iterator(kCRLDirectory)) {
     writeFile(entry.path(), "-----BEGIN X509 CRL-----\nAAAA\n-----END X509 CRL-----\n");
   }
   const nlohmann::json report = reportOn({person("good")}, 1);
@@ -148,8 +148,8 @@ TEST_F(ToolSimple, FirstOfAFile_IsVerified_OthersPlayNoPart) {
   const std::string chain = own("chain.pem");
   writeFile(chain, readFile(person("good")) + readFile(pki("intermediates.pem")));
   EXPECT_EQ(codeOf({chain}), 0);
-  for (const char* name : {"one.pem", "two.pem"}) fs::remove(fs::path(kCaDirectory) / name);
-  command({"openssl", "rehash", kCaDirectory});
+  for (const char* name : {"one.pem", "two.pem"}) fs::remove(fs::path(kCADirectory) / name);
+  command({"openssl", "rehash", kCADirectory});
   EXPECT_EQ(codeOf({chain}), 20);
   const CommandResult piped = tool({"simple", "-"}, readFile(person("stranger")));
   EXPECT_EQ(piped.status, 1);
@@ -192,8 +192,8 @@ TEST_F(ToolSimple, Help_NamesKeysStatusAndExamples) {
   const CommandResult help = tool({"simple", "--help"});
   EXPECT_EQ(help.status, 0);
   EXPECT_EQ(help.err, "");
-  for (const char* text : {"--json", "--key-usage", "--require-key-usage", "--color", kCaDirectory,
-                           kCrlDirectory, "Exit status", "Examples", "pkx509 simple "}) {
+  for (const char* text : {"--json", "--key-usage", "--require-key-usage", "--color", kCADirectory,
+                           kCRLDirectory, "Exit status", "Examples", "pkx509 simple "}) {
     EXPECT_NE(help.out.find(text), std::string::npos) << text;
   }
   const nlohmann::json report = reportOn({person("good")}, 0);

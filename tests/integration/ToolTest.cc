@@ -58,7 +58,7 @@ class Tool : public ToolFixture {
   }
 };
 
-TEST_F(Tool, EachPersonWithEachDirectoryOfCrls_HasItsVerdict) {
+TEST_F(Tool, EachPersonWithEachDirectoryOfCRLs_HasItsVerdict) {
   struct Row {
     const char* crls;
     const char* person;
@@ -208,7 +208,7 @@ TEST_F(Tool, FirstOfAFile_IsVerified_OthersAreUntrustedForThatFileOnly) {
   EXPECT_EQ(reports.at(2).at("code"), 20);
 }
 
-TEST_F(Tool, UntrustedAndCrlDir_AreRepeatable) {
+TEST_F(Tool, UntrustedAndCRLDir_AreRepeatable) {
   std::vector<std::string> directories;
   for (const char* name : {"root", "one", "base"}) {
     const std::string directory = own(name);
@@ -238,14 +238,14 @@ TEST_F(Tool, UntrustedAndCrlDir_AreRepeatable) {
             0);
 }
 
-TEST_F(Tool, WithoutCaDirAndCrlDir_TheFixedDirectoriesServe) {
-  fs::copy(pki("ca"), kCaDirectory);
+TEST_F(Tool, WithoutCADirAndCRLDir_TheFixedDirectoriesServe) {
+  fs::copy(pki("ca"), kCADirectory);
   const Arguments verify = {"verify",       "--untrusted", pki("intermediates.pem"),
-                            person("good"), "--ca-dir",    kCaDirectory};
+                            person("good"), "--ca-dir",    kCADirectory};
   const Arguments defaults(verify.begin(), verify.end() - 2);
   EXPECT_EQ(codeOf(verify), 3);
   EXPECT_EQ(codeOf(defaults), 3);
-  fs::copy(pki("crl/good"), kCrlDirectory);
+  fs::copy(pki("crl/good"), kCRLDirectory);
   EXPECT_EQ(codeOf(verify), 0);
   EXPECT_EQ(codeOf(defaults), 0);
 }
@@ -297,10 +297,10 @@ TEST_F(Tool, Flags_DoWhatTheirConstantsDo) {
   EXPECT_EQ(codeOf(own + Arguments{"--no-flag", "x509_strict"}), 0);
 }
 
-TEST_F(Tool, NoFlag_AlsoClearsWhatOpenSslSetsItself) {
+TEST_F(Tool, NoFlag_AlsoClearsWhatOpenSSLSetsItself) {
   // Two roots with one name and one key; only the older one is trusted, and the sender sent a newer
   // one that has expired. OpenSSL looks into the store first unless TRUSTED_FIRST is cleared.
-  const Issued root = issueCa("CN=Twice");
+  const Issued root = issueCA("CN=Twice");
   const Issued expired = issue(
       {.subject = "CN=Twice", .notBefore = -48h, .notAfter = -1h, .ca = true, .key = root.key});
   fs::create_directory(own("ca"));
@@ -358,13 +358,13 @@ TEST_F(Tool, At_TakesThreeForms_AndMovesTheVerification) {
   }
 }
 
-TEST_F(Tool, At_AfterNextUpdateOfACrlThatIsStillFresh_IsAnExpiredCrl) {
+TEST_F(Tool, At_AfterNextUpdateOfACRLThatIsStillFresh_IsAnExpiredCRL) {
   const std::string at = "@" + std::to_string(std::time(nullptr) + 30 * 86400);
   EXPECT_EQ(codeOf(verifyWith("good") + Arguments{"--at", at, person("good")}),
             X509_V_ERR_CRL_HAS_EXPIRED);
 }
 
-TEST_F(Tool, OpensslRevocation_LeavesTheCheckToOpenSsl) {
+TEST_F(Tool, OpenSSLRevocation_LeavesTheCheckToOpenSSL) {
   const Arguments openssl = {"--openssl-revocation"};
   EXPECT_EQ(codeOf(verifyWith("good") + openssl + Arguments{person("good")}), 0);
   EXPECT_EQ(codeOf(verifyWith("good") + openssl + Arguments{person("revoked")}), 23);
@@ -449,12 +449,12 @@ TEST_F(Tool, Help_NamesEverything) {
   EXPECT_EQ(verify.err, "");
   for (const char* text : {"--ca-dir", "--untrusted", "--crl-dir", "--policy", "--flag",
                            "--no-flag", "--at", "--openssl-revocation", "--json", "--color",
-                           "--help", kCaDirectory, kCrlDirectory, "Exit status", "Examples"}) {
+                           "--help", kCADirectory, kCRLDirectory, "Exit status", "Examples"}) {
     EXPECT_NE(verify.out.find(text), std::string::npos) << text;
   }
 }
 
-TEST_F(Tool, Version_NamesLibraryAndOpenSsl) {
+TEST_F(Tool, Version_NamesLibraryAndOpenSSL) {
   const CommandResult result = tool({"--version"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");

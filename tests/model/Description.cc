@@ -76,7 +76,7 @@ void print(std::ostream& out, std::size_t index, const CertificateDescription& c
   }
   out << ", SKI " << word(cert.subjectKeyId) << ", AKI " << word(cert.authorityKeyId) << ", days "
       << cert.from << " to " << cert.until;
-  if (cert.freshestCrl) out << ", freshest CRL";
+  if (cert.freshestCRL) out << ", freshest CRL";
   if (cert.unknownCritical) out << ", UNKNOWN CRITICAL";
   out << '\n';
   for (const PointDescription& point : cert.points) {
@@ -87,7 +87,7 @@ void print(std::ostream& out, std::size_t index, const CertificateDescription& c
   }
 }
 
-void print(std::ostream& out, std::size_t index, const CrlDescription& crl) {
+void print(std::ostream& out, std::size_t index, const CRLDescription& crl) {
   out << "  crl " << index << " " << crl.label << ": issuer cert " << crl.issuer
       << ", signed by key " << crl.signer;
   if (crl.brokenSignature) out << " BROKEN";
@@ -104,12 +104,12 @@ void print(std::ostream& out, std::size_t index, const CrlDescription& crl) {
   } else {
     out << "-";
   }
-  if (crl.freshestCrl) out << ", freshest CRL";
+  if (crl.freshestCRL) out << ", freshest CRL";
   if (crl.unknownCritical) out << ", UNKNOWN CRITICAL";
   out << '\n';
   if (crl.scope) {
     out << "      scope" << text(crl.scope->name) << (crl.scope->onlyUser ? " onlyUser" : "")
-        << (crl.scope->onlyCa ? " onlyCA" : "") << (crl.scope->onlyAttributes ? " onlyAttr" : "")
+        << (crl.scope->onlyCA ? " onlyCA" : "") << (crl.scope->onlyAttributes ? " onlyAttr" : "")
         << (crl.scope->indirect ? " indirect" : "");
     if (crl.scope->reasons) hex(out << " reasons ", static_cast<int>(*crl.scope->reasons));
     out << '\n';

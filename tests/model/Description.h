@@ -62,7 +62,7 @@ struct CertificateDescription {
   int from = -1000;
   int until = 1000;
   std::vector<PointDescription> points = {};
-  bool freshestCrl = false;  ///< the extension is there; nothing follows it
+  bool freshestCRL = false;  ///< the extension is there; nothing follows it
   bool unknownCritical = false;
 };
 
@@ -76,13 +76,13 @@ struct EntryDescription {
 struct ScopeDescription {
   PointName name = {};
   bool onlyUser = false;
-  bool onlyCa = false;
+  bool onlyCA = false;
   bool onlyAttributes = false;
   bool indirect = false;
   std::optional<unsigned> reasons = {};
 };
 
-struct CrlDescription {
+struct CRLDescription {
   std::string label;
   int issuer = 0;  ///< the certificate that gives name and key identifier
   int signer = 0;
@@ -94,7 +94,7 @@ struct CrlDescription {
   std::optional<int> until = 30;
   std::vector<EntryDescription> entries = {};
   std::optional<ScopeDescription> scope = {};
-  bool freshestCrl = false;
+  bool freshestCRL = false;
   bool unknownCritical = false;
 };
 
@@ -118,7 +118,7 @@ struct Query {
 
 struct Description {
   std::vector<CertificateDescription> certificates = {};
-  std::vector<CrlDescription> crls = {};
+  std::vector<CRLDescription> crls = {};
   std::vector<int> untrusted = {};     ///< the stack that comes with the target
   std::vector<int> objects = {};       ///< in the store's own list
   std::vector<int> directory = {};     ///< in the store's directory; one per name

@@ -68,7 +68,7 @@ class Generator {
   CertificateDescription& cert(int index) {
     return pki_.certificates[static_cast<std::size_t>(index)];
   }
-  CrlDescription& crl(int index) { return pki_.crls[static_cast<std::size_t>(index)]; }
+  CRLDescription& crl(int index) { return pki_.crls[static_cast<std::size_t>(index)]; }
   const Name& issuerName(int index) {
     return cert(cert(index).issuer < 0 ? index : cert(index).issuer).subject;
   }
@@ -111,12 +111,12 @@ class Generator {
     return addCertificate(described);
   }
 
-  int addCrl(const std::string& label, int issuer, int from) {
-    CrlDescription described{.label = label, .issuer = issuer, .signer = cert(issuer).key};
+  int addCRL(const std::string& label, int issuer, int from) {
+    CRLDescription described{.label = label, .issuer = issuer, .signer = cert(issuer).key};
     described.number = between(3, 7);
     described.from = from;
     if (one(12)) described.until.reset();
-    described.freshestCrl = one(12);
+    described.freshestCRL = one(12);
     // Then every certificate of that name may be its issuer.
     if (one(10)) described.authorityKeyId = KeyId::Absent;
     pki_.crls.push_back(described);
@@ -237,7 +237,7 @@ class Generator {
   // CRLs that have nothing to do with it, or hardly.
   void makeNoise() {
     const int issuer = below(static_cast<int>(pki_.certificates.size()));
-    const int index = addCrl("noise", issuer, -between(1, 20));
+    const int index = addCRL("noise", issuer, -between(1, 20));
     if (one(3)) crl(index).scope = randomScope();
     if (one(3)) crl(index).base = between(1, 8);
     file(index, cert(one(3) ? any(path_) : issuer).subject);
@@ -266,7 +266,7 @@ class Generator {
     if (!one(3)) return;
     for (int i = between(1, 3); i > 0; --i) {
       const int issuer = crl(base).issuer;
-      const int delta = addCrl("delta", issuer, -between(1, 5));
+      const int delta = addCRL("delta", issuer, -between(1, 5));
       crl(delta).number = *crl(base).number + i;
       crl(delta).base = between(1, *crl(base).number);
       crl(delta).scope = crl(base).scope;
@@ -301,7 +301,7 @@ class Generator {
     } else {
       tellByOther(certificate);
     }
-    cert(certificate).freshestCrl = one(12);
+    cert(certificate).freshestCRL = one(12);
   }
 
   // Who signs the CRLs of a certificate's issuer: it, or another certificate of that name.
@@ -328,7 +328,7 @@ class Generator {
   void tellByIssuer(int certificate) {
     const int issuer = cert(certificate).label.starts_with("CRL key") ? cert(certificate).issuer
                                                                       : crlSigner(certificate);
-    const int index = addCrl("by issuer", issuer, -between(6, 12));
+    const int index = addCRL("by issuer", issuer, -between(6, 12));
     if (one(6)) {
       crl(index).scope =
           ScopeDescription{.name = {.full = {directoryName(issuerName(certificate))}}};
@@ -343,13 +343,13 @@ class Generator {
   // Several CRLs of the issuer that share the work: by kind of certificate, by reasons.
   void tellByParts(int certificate) {
     const int issuer = crlSigner(certificate);
-    const int first = addCrl("part", issuer, -between(6, 12));
-    const int second = addCrl("part", issuer, -between(6, 12));
+    const int first = addCRL("part", issuer, -between(6, 12));
+    const int second = addCRL("part", issuer, -between(6, 12));
     crl(first).scope = ScopeDescription{};
     crl(second).scope = ScopeDescription{};
     if (one(2)) {
       crl(first).scope->onlyUser = true;
-      crl(second).scope->onlyCa = true;
+      crl(second).scope->onlyCA = true;
     } else {
       const Parts parts = somePart();
       crl(first).scope->reasons = parts.first;
@@ -398,7 +398,7 @@ class Generator {
 
   void tellByPoint(int certificate) {
     const int issuer = crlSigner(certificate);
-    const int index = addCrl("by point", issuer, -between(6, 12));
+    const int index = addCRL("by point", issuer, -between(6, 12));
     PointDescription point;
     Name asked;
     if (one(4)) {
@@ -414,7 +414,7 @@ class Generator {
       }
     }
     if (crl(index).scope && one(5)) {
-      (cert(certificate).ca ? crl(index).scope->onlyCa : crl(index).scope->onlyUser) = true;
+      (cert(certificate).ca ? crl(index).scope->onlyCA : crl(index).scope->onlyUser) = true;
     }
     cert(certificate).points.push_back(point);
     file(index, asked);
@@ -429,7 +429,7 @@ class Generator {
     const Parts parts = somePart();
     for (const unsigned part : {parts.first, parts.second}) {
       const Place place = makePlace(issuerName(certificate));
-      const int index = addCrl("by partition", issuer, -between(6, 12));
+      const int index = addCRL("by partition", issuer, -between(6, 12));
       if (percent(80)) crl(index).scope = ScopeDescription{.name = place.scope, .reasons = part};
       PointDescription point{.name = place.point};
       if (percent(80) || !crl(index).scope) point.reasons = part;
@@ -460,14 +460,14 @@ class Generator {
       if (percent(60)) scope.name = place.scope;
     }
     cert(certificate).points.push_back(point);
-    const int index = addCrl("indirect", issuer, -between(6, 12));
+    const int index = addCRL("indirect", issuer, -between(6, 12));
     crl(index).scope = scope;
     file(index, asked);
     maybeRevoke({index}, certificate, 25, true);
     maybeDeltas(index, certificate, {asked});
     if (one(8)) {
       // The certificate's own issuer besides; its CRL does not come through that point.
-      const int own = addCrl("own", cert(certificate).issuer, -9);
+      const int own = addCRL("own", cert(certificate).issuer, -9);
       file(own, one(2) ? asked : issuerName(certificate));
     }
   }
@@ -504,14 +504,14 @@ class Generator {
     const int target = path_.back();
     // About those who tell.
     pki_.sources.front().crls.push_back(
-        {cert(path_.front()).subject, addCrl("for extremes", path_.front(), -9)});
+        {cert(path_.front()).subject, addCRL("for extremes", path_.front(), -9)});
     const auto name = [](int number) {
       return Name{"O=Lists", "CN=Extreme " + std::to_string(number)};
     };
     const auto addTeller = [&](int number) {
       const int teller = addAuthority("teller", name(number), path_.front());
       pki_.sources.front().certificates.push_back(teller);
-      const int index = addCrl("of a teller", teller, -9);
+      const int index = addCRL("of a teller", teller, -9);
       crl(index).scope = ScopeDescription{.indirect = true};
       pki_.sources.front().crls.push_back({name(number), index});
       return teller;
@@ -574,7 +574,7 @@ class Generator {
         scope.onlyUser = true;
         break;
       case 1:
-        scope.onlyCa = true;
+        scope.onlyCA = true;
         break;
       case 2:
         scope.onlyAttributes = true;
@@ -598,7 +598,7 @@ class Generator {
   void change() {
     if (!pki_.crls.empty() && percent(65)) {
       const int index = below(static_cast<int>(pki_.crls.size()));
-      note("crl " + std::to_string(index) + " changed: " + changeCrl(index));
+      note("crl " + std::to_string(index) + " changed: " + changeCRL(index));
     } else {
       const int index = below(static_cast<int>(pki_.certificates.size()));
       note("cert " + std::to_string(index) + " changed: " + changeCertificate(index));
@@ -691,8 +691,8 @@ class Generator {
     }
   }
 
-  const char* changeCrl(int index) {
-    CrlDescription& changed = crl(index);
+  const char* changeCRL(int index) {
+    CRLDescription& changed = crl(index);
     switch (below(24)) {
       case 0:
         changed.until = -between(1, 5);
@@ -740,7 +740,7 @@ class Generator {
         const ScopeDescription other = randomScope();
         if (changed.scope) {
           changed.scope->onlyUser |= other.onlyUser;
-          changed.scope->onlyCa |= other.onlyCa;
+          changed.scope->onlyCA |= other.onlyCA;
           changed.scope->onlyAttributes |= other.onlyAttributes;
           if (other.reasons) changed.scope->reasons = other.reasons;
         }

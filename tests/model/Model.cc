@@ -55,7 +55,7 @@ const CertificateDescription& Model::cert(int index) const {
   return pki_.certificates.at(static_cast<std::size_t>(index));
 }
 
-const CrlDescription& Model::crl(int index) const {
+const CRLDescription& Model::crl(int index) const {
   return pki_.crls.at(static_cast<std::size_t>(index));
 }
 
@@ -314,7 +314,7 @@ bool Model::checkRevocationStatus(Context& context, const std::vector<int>& chai
     if (isSelfSigned(certificate) && i + 1 == chain.size()) continue;
     note("revocation of cert " + std::to_string(certificate));
     Container container;
-    getCrls(context, certificate, container);
+    getCRLs(context, certificate, container);
     extendedChecks(context, container, chain);
     if (context.error == X509_V_OK) context.error = isRevoked(container);
     if (context.error == X509_V_OK) continue;
@@ -340,7 +340,7 @@ bool Model::mayLookUp(Run& run) {
 }
 
 /// CRLs that have run out by the clock are passed over, whatever the time of the verification.
-std::vector<int> Model::fromCrlDirectory(Run& run, const Name& issuer) {
+std::vector<int> Model::fromCRLDirectory(Run& run, const Name& issuer) {
   std::vector<int> found;
   if (!mayLookUp(run)) return found;
   for (const int index : pki_.crlDirectory) {
@@ -413,11 +413,11 @@ int Model::findIssuer(Store& store, int index, unsigned& score) {
   return kNothing;
 }
 
-void Model::getCrls(Context& context, int certificate, Container& container) {
+void Model::getCRLs(Context& context, int certificate, Container& container) {
   const std::vector<PointDescription>& points = cert(certificate).points;
   if (points.empty()) {
     const Name& issuer = issuerName(certificate);
-    std::vector<int> found = fromCrlDirectory(context.run, issuer);
+    std::vector<int> found = fromCRLDirectory(context.run, issuer);
     find(context.run, issuer, found);
     for (const int index : found) {
       if (!sameName(issuer, crlIssuerName(index))) {
@@ -509,7 +509,7 @@ void Model::checkScope(Candidate& entry) {
 
   const bool ca = cert(entry.certificate).ca;
   if (ca && scope->onlyUser) reject("onlyUser", "");
-  if (!ca && scope->onlyCa) reject("onlyCA", "");
+  if (!ca && scope->onlyCA) reject("onlyCA", "");
   if (scope->onlyAttributes) reject("onlyAttr", "");
 
   const PointName& theirs = scope->name;
@@ -547,7 +547,7 @@ bool Model::isDeltaChainComplete(Container& container) {
     if (!crl(delta.crl).base) continue;
     const bool found = std::any_of(
         container.entries.begin(), container.entries.end(), [&](const Candidate& other) {
-          const CrlDescription& base = crl(other.crl);
+          const CRLDescription& base = crl(other.crl);
           return !base.base && base.number && *crl(delta.crl).base <= *base.number;
         });
     if (!found) container.chain = Container::Incomplete;
@@ -571,7 +571,7 @@ void Model::extendedChecks(Context& context, Container& container, const std::ve
 /// Whether checking goes on.
 bool Model::checkEntry(Context& context, const Container& container, const Candidate& entry,
                        const std::vector<int>& chain) {
-  const CrlDescription& described = crl(entry.crl);
+  const CRLDescription& described = crl(entry.crl);
   const auto signedBy = [&](int issuer) {
     return !described.brokenSignature && described.signer == cert(issuer).key;
   };
@@ -696,7 +696,7 @@ HandOuts Model::handOuts(int certificate) {
   run.bounded = false;
   Context context{store_, run, certificate, pki_.untrusted, 0};
   Container container;
-  getCrls(context, certificate, container);
+  getCRLs(context, certificate, container);
   HandOuts result;
   unsigned collected = 0;
   while (!container.entries.empty()) {

@@ -112,7 +112,7 @@ class Model {
   };
 
   const CertificateDescription& cert(int index) const;
-  const CrlDescription& crl(int index) const;
+  const CRLDescription& crl(int index) const;
   const Name& subject(int certificate) const { return cert(certificate).subject; }
   const Name& issuerName(int certificate) const;
   const Name& crlIssuerName(int index) const { return subject(crl(index).issuer); }
@@ -139,11 +139,11 @@ class Model {
   bool checkRevocationStatus(Context& context, const std::vector<int>& chain);
 
   // Which CRLs there are.
-  void getCrls(Context& context, int certificate, Container& container);
+  void getCRLs(Context& context, int certificate, Container& container);
   void addCandidate(Context& context, int certificate, int crl, const PointDescription* point,
                     Container& container);
   bool mayLookUp(Run& run);
-  std::vector<int> fromCrlDirectory(Run& run, const Name& issuer);
+  std::vector<int> fromCRLDirectory(Run& run, const Name& issuer);
   void find(Run& run, const Name& issuer, std::vector<int>& out);
   void find(Run& run, const General& name, std::vector<int>& out);
   std::vector<int> find(Run& run, int certificate, const PointDescription& point);

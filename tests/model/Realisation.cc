@@ -74,7 +74,7 @@ class Realisation::Source : public MemorySource {
 
 Realisation::Realisation(const Description& pki) : pki_(pki) {
   for (const CertificateDescription& described : pki.certificates) makeCertificate(described);
-  for (const CrlDescription& described : pki.crls) makeCrl(described);
+  for (const CRLDescription& described : pki.crls) makeCRL(described);
   makeStore();
 }
 
@@ -96,7 +96,7 @@ void Realisation::makeCertificate(const CertificateDescription& described) {
          .reasons = point.reasons ? static_cast<int>(*point.reasons) : kAbsent,
          .crlIssuers = generals(point.crlIssuers)});
   }
-  options.freshestCrl = freshest(described.freshestCrl);
+  options.freshestCRL = freshest(described.freshestCRL);
   if (described.unknownCritical) options.rawExtensions.push_back(kUnknownCritical);
   options.key = keyOf(described.key);
   options.signer = keyOf(described.signer);
@@ -105,8 +105,8 @@ void Realisation::makeCertificate(const CertificateDescription& described) {
   certificates_.push_back(handle(issued_.back()));
 }
 
-void Realisation::makeCrl(const CrlDescription& described) {
-  CrlOptions options;
+void Realisation::makeCRL(const CRLDescription& described) {
+  CRLOptions options;
   options.issuer = &issued_[static_cast<std::size_t>(described.issuer)];
   options.lastUpdate = day(described.from);
   options.nextUpdate.reset();
@@ -126,12 +126,12 @@ void Realisation::makeCrl(const CrlDescription& described) {
         Scope{.fullNames = generals(scope.name.full),
               .relativeName = scope.name.relative,
               .onlyUser = scope.onlyUser,
-              .onlyCa = scope.onlyCa,
+              .onlyCA = scope.onlyCA,
               .onlyAttributes = scope.onlyAttributes,
               .indirect = scope.indirect,
               .onlySomeReasons = scope.reasons ? static_cast<int>(*scope.reasons) : kAbsent};
   }
-  options.freshestCrl = freshest(described.freshestCrl);
+  options.freshestCRL = freshest(described.freshestCRL);
   options.authorityKeyId = described.authorityKeyId;
   if (described.unknownCritical) options.rawExtensions.push_back(kUnknownCritical);
   options.signer = keyOf(described.signer);
@@ -145,7 +145,7 @@ void Realisation::makeStore() {
   if (dirty) clearPrivateView();
   dirty = !pki_.crlDirectory.empty();
   for (const int index : pki_.crlDirectory) {
-    addToDirectory(kCrlDirectory, static_cast<X509_CRL*>(crls_[static_cast<std::size_t>(index)]));
+    addToDirectory(kCRLDirectory, static_cast<X509_CRL*>(crls_[static_cast<std::size_t>(index)]));
   }
   std::string path = "/nonexistent/pkx509-test";
   if (!pki_.directory.empty()) {

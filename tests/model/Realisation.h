@@ -29,7 +29,7 @@ class Realisation {
   class Source;
 
   void makeCertificate(const CertificateDescription& described);
-  void makeCrl(const CrlDescription& described);
+  void makeCRL(const CRLDescription& described);
   void makeStore();
   RefCertificate handleOf(int certificate) const;
   RefStackOfCertificate untrusted() const;

@@ -33,7 +33,7 @@ void forget(std::vector<int>& list, int gone) {
   for (int& index : list) index -= index > gone ? 1 : 0;
 }
 
-Description withoutCrl(Description pki, int gone) {
+Description withoutCRL(Description pki, int gone) {
   pki.crls.erase(pki.crls.begin() + gone);
   forget(pki.crlDirectory, gone);
   for (SourceDescription& source : pki.sources) {
@@ -55,7 +55,7 @@ Description withoutCertificate(Description pki, int gone) {
   pki.certificates.erase(pki.certificates.begin() + gone);
   const auto down = [gone](int& index) { index -= index > gone ? 1 : 0; };
   for (CertificateDescription& other : pki.certificates) down(other.issuer);
-  for (CrlDescription& crl : pki.crls) down(crl.issuer);
+  for (CRLDescription& crl : pki.crls) down(crl.issuer);
   for (Query& query : pki.queries) down(query.target);
   forget(pki.untrusted, gone);
   forget(pki.objects, gone);
@@ -86,7 +86,7 @@ Smaller smallerOnes(const Description& pki) {
         pki, [](Description& d) { return &d.queries; }, out);
   }
   for (std::size_t i = 0; i < pki.crls.size(); ++i) {
-    out.push_back(withoutCrl(pki, static_cast<int>(i)));
+    out.push_back(withoutCRL(pki, static_cast<int>(i)));
   }
   for (std::size_t i = pki.certificates.size(); i-- > 0;) {
     const int index = static_cast<int>(i);
@@ -114,7 +114,7 @@ Smaller smallerOnes(const Description& pki) {
     const auto set = [&](auto member, const auto& value) {
       usual(pki, &Description::certificates, i, member, value, out);
     };
-    set(&C::freshestCrl, false);
+    set(&C::freshestCRL, false);
     set(&C::unknownCritical, false);
     set(&C::brokenSignature, false);
     set(&C::from, plain.from);
@@ -133,14 +133,14 @@ Smaller smallerOnes(const Description& pki) {
       }
     }
   }
-  using L = CrlDescription;
+  using L = CRLDescription;
   for (std::size_t i = 0; i < pki.crls.size(); ++i) {
     eachWithout(
         pki, [i](Description& d) { return &d.crls[i].entries; }, out);
     const auto set = [&](auto member, const auto& value) {
       usual(pki, &Description::crls, i, member, value, out);
     };
-    set(&L::freshestCrl, false);
+    set(&L::freshestCRL, false);
     set(&L::unknownCritical, false);
     set(&L::brokenSignature, false);
     set(&L::authorityKeyId, KeyId::Right);

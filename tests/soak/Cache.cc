@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 constexpr char kSize[] = "size=4m";
 
 /// Not a name that the library would remove.
-fs::path filler() { return fs::path(kCrlCacheDirectory) / "filler"; }
+fs::path filler() { return fs::path(kCRLCacheDirectory) / "filler"; }
 
 }  // namespace
 
@@ -29,11 +29,11 @@ const char* nameOf(CacheTrouble trouble) {
   return kNames.at(static_cast<std::size_t>(trouble));
 }
 
-Cache::Cache() { mountMemory(kCrlCacheDirectory, kSize); }
+Cache::Cache() { mountMemory(kCRLCacheDirectory, kSize); }
 
 void Cache::trouble(CacheTrouble what) const {
   if (what == CacheTrouble::ReadOnly) {
-    mountMemory(kCrlCacheDirectory, kSize, MS_REMOUNT | MS_RDONLY);
+    mountMemory(kCRLCacheDirectory, kSize, MS_REMOUNT | MS_RDONLY);
   }
   if (what == CacheTrouble::Full) {
     std::ofstream file(filler(), std::ios::binary);
@@ -41,7 +41,7 @@ void Cache::trouble(CacheTrouble what) const {
     while (file.write(block.data(), static_cast<std::streamsize>(block.size())).flush()) {
     }
   }
-  for (const auto& entry : fs::directory_iterator(kCrlCacheDirectory)) {
+  for (const auto& entry : fs::directory_iterator(kCRLCacheDirectory)) {
     if (what == CacheTrouble::Emptied) fs::remove(entry.path());
     if (what == CacheTrouble::CutShort) fs::resize_file(entry.path(), entry.file_size() / 2);
     if (what == CacheTrouble::Garbled) {
@@ -51,13 +51,13 @@ void Cache::trouble(CacheTrouble what) const {
 }
 
 void Cache::settle(CacheTrouble what) const {
-  if (what == CacheTrouble::ReadOnly) mountMemory(kCrlCacheDirectory, kSize, MS_REMOUNT);
+  if (what == CacheTrouble::ReadOnly) mountMemory(kCRLCacheDirectory, kSize, MS_REMOUNT);
   if (what == CacheTrouble::Full) fs::remove(filler());
 }
 
 std::size_t Cache::files() {
   std::size_t count = 0;
-  for (const auto& entry : fs::directory_iterator(kCrlCacheDirectory)) {
+  for (const auto& entry : fs::directory_iterator(kCRLCacheDirectory)) {
     count += entry.is_regular_file() ? 1U : 0U;
   }
   return count;

@@ -65,14 +65,14 @@ bool hasNumber(const Plan& plan, Level level) {
 }  // namespace
 
 Authorities::Authorities(const Ports& ports)
-    : root(issueCa(kNames[0])),
+    : root(issueCA(kNames[0])),
       middle(
           issue({.subject = kNames[1],
                  .issuer = &root,
                  .ca = true,
                  .crlDistributionPoints = {{.fullNames = {"URI:" + url(ports.web,
                                                                        crlPath(Level::Root))}}}})),
-      lower(issueCa(kNames[2], &middle)),
+      lower(issueCA(kNames[2], &middle)),
       revoked(issue({.subject = "O=Soak,CN=Withdrawn",
                      .issuer = &root,
                      .serial = kRevokedAuthority,
@@ -80,8 +80,8 @@ Authorities::Authorities(const Ports& ports)
       signer(issue({.subject = "O=Soak,CN=Signer",
                     .issuer = &lower,
                     .extensions = {{"extendedKeyUsage", "OCSPSigning"}}})),
-      stranger(issueCa("O=Stranger,CN=Root")) {
-  for (const char* name : kNames) impostors.push_back(issueCa(name));
+      stranger(issueCA("O=Stranger,CN=Root")) {
+  for (const char* name : kNames) impostors.push_back(issueCA(name));
 }
 
 const char* nameOf(Truth truth) {
@@ -151,7 +151,7 @@ std::vector<Case> makeCases(const std::vector<Plan>& plans, const Authorities& a
 }
 
 Owned<X509_CRL> crlOf(Level level, const Authorities& authorities, const std::vector<Plan>& plans) {
-  CrlOptions options{.issuer = &authorities.at(level)};
+  CRLOptions options{.issuer = &authorities.at(level)};
   if (level == Level::Root) options.revoked.push_back({.serial = kRevokedAuthority});
   for (const Plan& plan : plans) {
     if (hasNumber(plan, level) && plan.truth == Truth::Revoked) {
@@ -161,11 +161,11 @@ Owned<X509_CRL> crlOf(Level level, const Authorities& authorities, const std::ve
   for (int i = 0; i < kOthersRevoked.at(index(level)); ++i) {
     options.revoked.push_back({.serial = 100000 + i});
   }
-  return makeCrl(options);
+  return makeCRL(options);
 }
 
-std::vector<OcspEntry> indexOf(Level level, const std::vector<Plan>& plans) {
-  std::vector<OcspEntry> entries;
+std::vector<OCSPEntry> indexOf(Level level, const std::vector<Plan>& plans) {
+  std::vector<OCSPEntry> entries;
   for (const Plan& plan : plans) {
     if (!hasNumber(plan, level)) continue;
     entries.push_back(

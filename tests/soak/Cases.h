@@ -7,7 +7,7 @@
 //
 #pragma once
 
-#include "support/OcspResponder.h"
+#include "support/OCSPResponder.h"
 #include "support/Pki.h"
 #include "support/Slapd.h"
 
@@ -88,7 +88,7 @@ std::vector<Case> makeCases(const std::vector<Plan>& plans, const Authorities& a
 
 /// What the servers serve.
 Owned<X509_CRL> crlOf(Level level, const Authorities& authorities, const std::vector<Plan>& plans);
-std::vector<OcspEntry> indexOf(Level level, const std::vector<Plan>& plans);
+std::vector<OCSPEntry> indexOf(Level level, const std::vector<Plan>& plans);
 std::vector<Slapd::Entry> directoryOf(const Authorities& authorities,
                                       const std::vector<Plan>& plans);
 

@@ -5,8 +5,8 @@
 #include "support/ChildProcess.h"
 #include "support/Exchange.h"
 #include "support/FaultScripts.h"
-#include "support/OcspBuilder.h"
-#include "support/OcspResponder.h"
+#include "support/OCSPBuilder.h"
+#include "support/OCSPResponder.h"
 #include "support/Peer.h"
 #include "support/Slapd.h"
 #include "support/WebServer.h"
@@ -69,8 +69,8 @@ class Servers::Keeper {
       : authorities_(authorities),
         entries_(directoryOf(authorities, plans)),
         responders_{
-            OcspResponder({.ca = &authorities.middle, .index = indexOf(Level::Middle, plans)}),
-            OcspResponder({.ca = &authorities.lower,
+            OCSPResponder({.ca = &authorities.middle, .index = indexOf(Level::Middle, plans)}),
+            OCSPResponder({.ca = &authorities.lower,
                            .signer = &authorities.signer,
                            .index = indexOf(Level::Lower, plans)})},
         webFront_(ports.web, [this](Descriptor connection,
@@ -95,9 +95,9 @@ class Servers::Keeper {
       const Issued& issuer = authorities.at(level);
       const Issued& impostor = authorities.impostors.at(static_cast<std::size_t>(level));
       wrong_.push_back(
-          {der(makeCrl({.issuer = &issuer, .badSignature = true}).get()),
-           der(makeCrl({.issuer = &issuer, .signer = impostor.key}).get()),
-           der(makeCrl({.issuer = &issuer, .lastUpdate = -48h, .nextUpdate = -24h}).get())});
+          {der(makeCRL({.issuer = &issuer, .badSignature = true}).get()),
+           der(makeCRL({.issuer = &issuer, .signer = impostor.key}).get()),
+           der(makeCRL({.issuer = &issuer, .lastUpdate = -48h, .nextUpdate = -24h}).get())});
     }
     startDirectory();
   }
@@ -138,7 +138,7 @@ class Servers::Keeper {
   }
 
  private:
-  struct WrongCrls {
+  struct WrongCRLs {
     std::string badSignature;
     std::string stranger;
     std::string expired;
@@ -155,14 +155,14 @@ class Servers::Keeper {
     if (service == Service::Web) web_.stop();
     if (service == Service::Directory) directory_.reset();
     if (service != Service::Responders) return;
-    for (OcspResponder& one : responders_) one.stop();
+    for (OCSPResponder& one : responders_) one.stop();
   }
 
   void start(Service service) {
     if (service == Service::Web) web_.start();
     if (service == Service::Directory) startDirectory();
     if (service != Service::Responders) return;
-    for (OcspResponder& one : responders_) one.start();
+    for (OCSPResponder& one : responders_) one.start();
   }
 
   void startDirectory() {
@@ -186,7 +186,7 @@ class Servers::Keeper {
       if (!request) return;
       for (const Level level : kAllLevels) {
         if (request->find(crlPath(level)) == std::string::npos) continue;
-        const WrongCrls& crls = wrong_.at(static_cast<std::size_t>(level));
+        const WrongCRLs& crls = wrong_.at(static_cast<std::size_t>(level));
         peer.write(Scripts::response(fault == Fault::BadSignature ? crls.badSignature
                                      : fault == Fault::Stranger   ? crls.stranger
                                                                   : crls.expired));
@@ -208,7 +208,7 @@ class Servers::Keeper {
   void responder(std::size_t number, Descriptor connection, const Descriptor& stop) {
     const auto [fault, random] = state_.faultOf(Service::Responders);
     if (hangUp(fault, connection)) return;
-    OcspAnswer answer{.signer = number == 0 ? &authorities_.middle : &authorities_.signer};
+    OCSPAnswer answer{.signer = number == 0 ? &authorities_.middle : &authorities_.signer};
     // The opposite of what is true, as often as not.
     if (random % 2 == 0) answer.singles.front().status = V_OCSP_CERTSTATUS_REVOKED;
     switch (fault) {
@@ -222,7 +222,7 @@ class Servers::Keeper {
             random % 4 < 2 ? &authorities_.stranger : &authorities_.impostors.at(number + 1);
         break;
       case Fault::OtherNonce:
-        answer.nonce = OcspNonce::Other;
+        answer.nonce = OCSPNonce::Other;
         break;
       case Fault::TryLater:
         answer.status = OCSP_RESPONSE_STATUS_TRYLATER;
@@ -267,10 +267,10 @@ class Servers::Keeper {
 
   const Authorities& authorities_;
   const std::vector<Slapd::Entry> entries_;
-  std::vector<WrongCrls> wrong_;
+  std::vector<WrongCRLs> wrong_;
   State state_;
   WebServer web_;
-  std::array<OcspResponder, 2> responders_;
+  std::array<OCSPResponder, 2> responders_;
   std::unique_ptr<Slapd> directory_;
   std::atomic<std::uint16_t> directoryPort_ = 0;
   // Last: their threads use all the others.

@@ -41,14 +41,14 @@ Subject::Subject(const Authorities& authorities, const std::vector<Plan>& plans,
   addToDirectory(rootOnly_.path(), authorities.root.get());
   for (const Issued* issued :
        {&authorities.root, &authorities.middle, &authorities.lower, &authorities.revoked}) {
-    addToDirectory(kCaDirectory, issued->get());
+    addToDirectory(kCADirectory, issued->get());
   }
   for (const Level level : {Level::Root, Level::Middle, Level::Lower}) {
-    addToDirectory(kCrlDirectory, crlOf(level, authorities, plans).get());
+    addToDirectory(kCRLDirectory, crlOf(level, authorities, plans).get());
   }
-  addToDirectory(kCrlDirectory, makeCrl({.issuer = &authorities.revoked}).get());
+  addToDirectory(kCRLDirectory, makeCRL({.issuer = &authorities.revoked}).get());
   for (const bool withDirectory : {false, true}) {
-    for (const std::string& trusted : {std::string(kCaDirectory), rootOnly_.string()}) {
+    for (const std::string& trusted : {std::string(kCADirectory), rootOnly_.string()}) {
       prepared_.emplace_back(trusted, X509_FILETYPE_PEM);
       if (withDirectory) attach(prepared_.back(), directory_);
     }
@@ -83,7 +83,7 @@ RefObjectStore Subject::storeFor(const Round& round) {
   if (round.way == Way::Clone) {
     store = prepared_.at((round.untrusted ? 1U : 0U) + (round.directory ? 2U : 0U))->clone();
   } else {
-    store = RefObjectStore(round.untrusted ? rootOnly_.string() : std::string(kCaDirectory),
+    store = RefObjectStore(round.untrusted ? rootOnly_.string() : std::string(kCADirectory),
                            X509_FILETYPE_PEM);
     if (round.directory) attach(store, directory_);
   }

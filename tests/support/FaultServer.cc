@@ -56,9 +56,9 @@ FaultServer::Context FaultServer::makeContext(const FaultServerOptions& options)
   require(SSL_CTX_use_PrivateKey(context.get(), options.certificate->key.get()) == 1,
           "SSL_CTX_use_PrivateKey");
   SSL_CTX_set_mode(context.get(), SSL_MODE_ENABLE_PARTIAL_WRITE);
-  if (options.clientCa != nullptr) {
+  if (options.clientCA != nullptr) {
     require(
-        X509_STORE_add_cert(SSL_CTX_get_cert_store(context.get()), options.clientCa->get()) == 1,
+        X509_STORE_add_cert(SSL_CTX_get_cert_store(context.get()), options.clientCA->get()) == 1,
         "X509_STORE_add_cert");
     SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
   }

@@ -30,7 +30,7 @@ namespace Velantrix::Test {
 
 struct FaultServerOptions {
   const Issued* certificate = nullptr;  ///< speaks TLS; borrowed, as the other, for the call
-  const Issued* clientCa = nullptr;  ///< and only with clients that have a certificate of this CA
+  const Issued* clientCA = nullptr;  ///< and only with clients that have a certificate of this CA
   const char* address = "127.0.0.1";
 };
 

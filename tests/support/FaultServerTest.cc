@@ -240,7 +240,7 @@ class TlsFaultServer : public testing::Test {
   }
 
   TempDir directory;
-  Issued root = issueCa("CN=Root");
+  Issued root = issueCA("CN=Root");
   Issued tls = issue({.subject = "CN=127.0.0.1", .issuer = &root});
   Issued client = issue({.subject = "C=DE,CN=Client", .issuer = &root});
 };
@@ -255,13 +255,13 @@ TEST_F(TlsFaultServer, Request_IsReadAndAnswered) {
 }
 
 TEST_F(TlsFaultServer, ClientsCertificate_IsAskedForAndNamed) {
-  const FaultServer server(Scripts::answer("x"), {.certificate = &tls, .clientCa = &root});
+  const FaultServer server(Scripts::answer("x"), {.certificate = &tls, .clientCA = &root});
   EXPECT_EQ(runCommand(clientCommand(server, &client), kGet).out, Scripts::response("x"));
   EXPECT_EQ(server.connections().at(0).clientSubject, "CN=Client,C=DE");
 }
 
-TEST_F(TlsFaultServer, ClientWithoutOneOfTheCa_IsRefused) {
-  const FaultServer server(Scripts::answer("x"), {.certificate = &tls, .clientCa = &root});
+TEST_F(TlsFaultServer, ClientWithoutOneOfTheCA_IsRefused) {
+  const FaultServer server(Scripts::answer("x"), {.certificate = &tls, .clientCA = &root});
   EXPECT_EQ(runCommand(clientCommand(server), kGet).out, "");
   const Issued stranger = issue({.subject = "CN=Client"});
   EXPECT_EQ(runCommand(clientCommand(server, &stranger), kGet).out, "");

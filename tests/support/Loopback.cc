@@ -86,7 +86,7 @@ Descriptor connectTo(std::uint16_t port, const char* address) {
 ReservedPort::ReservedPort(const char* address)
     : socket_(bindTo(0, address)), number_(boundPort(socket_)) {}
 
-bool hasIpv6Loopback() {
+bool hasIPv6Loopback() {
   try {
     bindTo(0, "::1");
     return true;

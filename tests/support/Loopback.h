@@ -3,7 +3,7 @@
 //   const ReservedPort port;                              // on 127.0.0.1
 //   client.connect("127.0.0.1", port.number());           // refused
 //   BackgroundProcess server({"...", "--port", port.text()});
-//   if (hasIpv6Loopback()) const ReservedPort other("::1");
+//   if (hasIPv6Loopback()) const ReservedPort other("::1");
 //
 #pragma once
 
@@ -40,6 +40,6 @@ std::uint16_t boundPort(const Descriptor& socket);
 /// Throws std::system_error with ECONNREFUSED when nobody listens there.
 Descriptor connectTo(std::uint16_t port, const char* address = "127.0.0.1");
 
-bool hasIpv6Loopback();
+bool hasIPv6Loopback();
 
 }  // namespace Velantrix::Test

@@ -42,8 +42,8 @@ TEST(ReservedPort, TwoAtOnce_AreDifferent) {
   EXPECT_NE(one.number(), two.number());
 }
 
-TEST(ReservedPort, Ipv6WhereThereIsSome_IsRefusedToo) {
-  if (!hasIpv6Loopback()) {
+TEST(ReservedPort, IPv6WhereThereIsSome_IsRefusedToo) {
+  if (!hasIPv6Loopback()) {
     EXPECT_THROW(ReservedPort("::1"), std::runtime_error);
     return;
   }

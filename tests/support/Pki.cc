@@ -172,7 +172,7 @@ Owned<ISSUING_DIST_POINT> makeIssuingPoint(const IssuingDistributionPoint& descr
   const auto boolean = [](bool value) { return value ? 0xff : 0; };
   point->distpoint = makePointName(description.fullNames, description.relativeName).release();
   point->onlyuser = boolean(description.onlyUser);
-  point->onlyCA = boolean(description.onlyCa);
+  point->onlyCA = boolean(description.onlyCA);
   point->onlyattr = boolean(description.onlyAttributes);
   point->indirectCRL = boolean(description.indirect);
   if (description.onlySomeReasons != kAbsent) {
@@ -393,7 +393,7 @@ Issued issue(const CertificateOptions& options) {
   }
   appendAuthorityKeyId(extensions, options.authorityKeyId, issuer);
   appendPoints(extensions, NID_crl_distribution_points, options.crlDistributionPoints);
-  appendPoints(extensions, NID_freshest_crl, options.freshestCrl);
+  appendPoints(extensions, NID_freshest_crl, options.freshestCRL);
   append(extensions, options.extensions, options.config, issuer == nullptr ? cert.get() : issuer,
          cert.get(), nullptr);
   append(extensions, options.rawExtensions);
@@ -411,12 +411,12 @@ Issued issue(const CertificateOptions& options) {
   return result;
 }
 
-Issued issueCa(const std::string& subject, const Issued* issuer) {
+Issued issueCA(const std::string& subject, const Issued* issuer) {
   return issue({.subject = subject, .issuer = issuer, .ca = true});
 }
 
-Owned<X509_CRL> makeCrl(const CrlOptions& options) {
-  if (options.issuer == nullptr) fail("makeCrl: no issuer");
+Owned<X509_CRL> makeCRL(const CRLOptions& options) {
+  if (options.issuer == nullptr) fail("makeCRL: no issuer");
   X509* const issuer = options.issuer->get();
   const auto crl = made(X509_CRL_new(), "X509_CRL_new");
 
@@ -449,7 +449,7 @@ Owned<X509_CRL> makeCrl(const CrlOptions& options) {
     extensions.push_back(makeExtension(NID_issuing_distribution_point, options.idp->critical,
                                        makeIssuingPoint(*options.idp).get()));
   }
-  appendPoints(extensions, NID_freshest_crl, options.freshestCrl);
+  appendPoints(extensions, NID_freshest_crl, options.freshestCRL);
   append(extensions, options.extensions, "", issuer, nullptr, crl.get());
   append(extensions, options.rawExtensions);
   for (const auto& extension : extensions) {

@@ -2,7 +2,7 @@
 //
 //   const Issued root = issue({.subject = "CN=Root", .ca = true});
 //   const Issued leaf = issue({.subject = "C=DE,O=Mail,CN=Leaf", .issuer = &root});
-//   const auto crl = makeCrl({.issuer = &root, .revoked = {{.serial = leaf, .reason = 1}}});
+//   const auto crl = makeCRL({.issuer = &root, .revoked = {{.serial = leaf, .reason = 1}}});
 //   writeFile(directory / crlHashName(crl.get()), pem(crl.get()));
 //   writeFile(directory / hashName(root.cert.get()), pem(root.cert.get()));
 //
@@ -124,7 +124,7 @@ struct IssuingDistributionPoint {
   std::vector<std::string> fullNames = {};
   std::string relativeName = {};  ///< one RDN, used when there are no full names
   bool onlyUser = false;
-  bool onlyCa = false;
+  bool onlyCA = false;
   bool onlyAttributes = false;
   bool indirect = false;
   int onlySomeReasons = kAbsent;
@@ -145,7 +145,7 @@ struct CertificateOptions {
   KeyId subjectKeyId = KeyId::Right;
   KeyId authorityKeyId = KeyId::Right;  ///< usually absent in a self-signed certificate
   std::vector<DistributionPoint> crlDistributionPoints = {};
-  std::vector<DistributionPoint> freshestCrl = {};
+  std::vector<DistributionPoint> freshestCRL = {};
   std::vector<ConfigExtension> extensions = {};
   std::string config = {};  ///< sections that `extensions` refer to with "@name"
   std::vector<RawExtension> rawExtensions = {};  ///< added last, also when such a one is there
@@ -163,7 +163,7 @@ struct Revoked {
   std::vector<RawExtension> extensions = {};
 };
 
-struct CrlOptions {
+struct CRLOptions {
   const Issued* issuer = nullptr;  ///< borrowed for the call; needed
   std::string issuerName = {};     ///< in place of the issuer's subject
   When lastUpdate = std::chrono::hours(-1);
@@ -172,7 +172,7 @@ struct CrlOptions {
   std::optional<Serial> deltaBase = std::nullopt;  ///< delta CRL indicator with this base number
   std::vector<Revoked> revoked = {};               ///< in this order, which indirect CRLs rely on
   std::optional<IssuingDistributionPoint> idp = std::nullopt;
-  std::vector<DistributionPoint> freshestCrl = {};
+  std::vector<DistributionPoint> freshestCRL = {};
   KeyId authorityKeyId = KeyId::Right;
   std::vector<ConfigExtension> extensions = {};
   std::vector<RawExtension> rawExtensions = {};
@@ -183,9 +183,9 @@ struct CrlOptions {
 Issued issue(const CertificateOptions& options);
 
 /// A certification authority with the given name; self-signed when there is no issuer.
-Issued issueCa(const std::string& subject, const Issued* issuer = nullptr);
+Issued issueCA(const std::string& subject, const Issued* issuer = nullptr);
 
-Owned<X509_CRL> makeCrl(const CrlOptions& options);
+Owned<X509_CRL> makeCRL(const CRLOptions& options);
 
 /// The name whose RDNs are encoded in the order of the text: "C=DE,O=Mail,CN=A+serialNumber=7". A
 /// backslash takes the next character as it is. Values are UTF-8, types OpenSSL's names or dotted.

@@ -48,8 +48,8 @@ class Chain : public testing::Test {
     return runCommand(argv, pem(leaf.get()));
   }
 
-  Issued root = issueCa("CN=Root");
-  Issued ca = issueCa("CN=CA", &root);
+  Issued root = issueCA("CN=Root");
+  Issued ca = issueCA("CN=CA", &root);
   Issued leaf = issue({.subject = "CN=Leaf", .issuer = &ca});
   std::vector<Owned<X509_CRL>> crls;
 };
@@ -59,44 +59,44 @@ TEST_F(Chain, Defaults_AreValidStrictly) {
   EXPECT_EQ(result.status, 0) << result.err;
 }
 
-TEST_F(Chain, CrlsThatListNothing_AllCertificatesAreGood) {
-  crls.push_back(makeCrl({.issuer = &root}));
-  crls.push_back(makeCrl({.issuer = &ca}));
+TEST_F(Chain, CRLsThatListNothing_AllCertificatesAreGood) {
+  crls.push_back(makeCRL({.issuer = &root}));
+  crls.push_back(makeCRL({.issuer = &ca}));
   const auto result = verify({"-x509_strict"});
   EXPECT_EQ(result.status, 0) << result.err;
 }
 
-TEST_F(Chain, CrlListsTheLeaf_Revoked) {
-  crls.push_back(makeCrl({.issuer = &root}));
-  crls.push_back(makeCrl({.issuer = &ca, .revoked = {{.serial = 99}, {.serial = leaf}}}));
+TEST_F(Chain, CRLListsTheLeaf_Revoked) {
+  crls.push_back(makeCRL({.issuer = &root}));
+  crls.push_back(makeCRL({.issuer = &ca, .revoked = {{.serial = 99}, {.serial = leaf}}}));
   EXPECT_CONTAINS(verify().err, "error 23 at 0 depth");
 }
 
-TEST_F(Chain, CrlListsTheCa_Revoked) {
-  crls.push_back(makeCrl({.issuer = &root, .revoked = {{.serial = ca}}}));
-  crls.push_back(makeCrl({.issuer = &ca}));
+TEST_F(Chain, CRLListsTheCA_Revoked) {
+  crls.push_back(makeCRL({.issuer = &root, .revoked = {{.serial = ca}}}));
+  crls.push_back(makeCRL({.issuer = &ca}));
   EXPECT_CONTAINS(verify().err, "error 23 at 1 depth");
 }
 
-TEST_F(Chain, DeltaCrlListsTheLeaf_RevokedOnlyWithDeltas) {
-  crls.push_back(makeCrl({.issuer = &root}));
-  crls.push_back(makeCrl(
-      {.issuer = &ca, .number = 5, .freshestCrl = {{.fullNames = {"URI:http://crl.test/delta"}}}}));
+TEST_F(Chain, DeltaCRLListsTheLeaf_RevokedOnlyWithDeltas) {
+  crls.push_back(makeCRL({.issuer = &root}));
+  crls.push_back(makeCRL(
+      {.issuer = &ca, .number = 5, .freshestCRL = {{.fullNames = {"URI:http://crl.test/delta"}}}}));
   crls.push_back(
-      makeCrl({.issuer = &ca, .number = 6, .deltaBase = 5, .revoked = {{.serial = leaf}}}));
+      makeCRL({.issuer = &ca, .number = 6, .deltaBase = 5, .revoked = {{.serial = leaf}}}));
   EXPECT_EQ(verify().status, 0);
   EXPECT_CONTAINS(verify({"-extended_crl", "-use_deltas"}).err, "error 23 at 0 depth");
 }
 
-struct CrlFault {
+struct CRLFault {
   const char* name;
-  CrlOptions options;
+  CRLOptions options;
   const char* error;
 };
 
-TEST_F(Chain, CrlWithOneFault_OpenSSLSaysWhich) {
-  const Issued other = issueCa("CN=CA", &root);
-  const CrlFault faults[] = {
+TEST_F(Chain, CRLWithOneFault_OpenSSLSaysWhich) {
+  const Issued other = issueCA("CN=CA", &root);
+  const CRLFault faults[] = {
       {"expired", {.lastUpdate = -3h, .nextUpdate = -2h}, "error 12 at 0 depth"},
       {"not yet valid", {.lastUpdate = 2h, .nextUpdate = 3h}, "error 11 at 0 depth"},
       {"never expires", {.nextUpdate = std::nullopt}, ""},
@@ -107,18 +107,18 @@ TEST_F(Chain, CrlWithOneFault_OpenSSLSaysWhich) {
       {"no authority key id", {.authorityKeyId = KeyId::Absent}, ""},
       {"authority by serial number", {.authorityKeyId = KeyId::SerialOnly}, ""},
       {"wrong authority key id", {.authorityKeyId = KeyId::Wrong}, "error 3 at 0 depth"},
-      {"only CA certificates", {.idp = IssuingDistributionPoint{.onlyCa = true}}, "error 44"},
+      {"only CA certificates", {.idp = IssuingDistributionPoint{.onlyCA = true}}, "error 44"},
       {"only user certificates", {.idp = IssuingDistributionPoint{.onlyUser = true}}, ""},
       {"unknown critical extension",
        {.rawExtensions = {{.oid = "1.2.3.4", .critical = true, .der = "\x05\0"s}}},
        "error 36 at 0 depth"},
   };
-  for (const CrlFault& fault : faults) {
-    CrlOptions options = fault.options;
+  for (const CRLFault& fault : faults) {
+    CRLOptions options = fault.options;
     options.issuer = &ca;
     crls.clear();
-    crls.push_back(makeCrl({.issuer = &root}));
-    crls.push_back(makeCrl(options));
+    crls.push_back(makeCRL({.issuer = &root}));
+    crls.push_back(makeCRL(options));
     const auto result = verify();
     if (*fault.error == '\0') {
       EXPECT_EQ(result.status, 0) << fault.name << '\n' << result.err;
@@ -164,7 +164,7 @@ TEST_F(Chain, LeafWithOneFault_OpenSSLSaysWhich) {
   }
 }
 
-TEST_F(Chain, CaWithOneFault_OpenSSLSaysWhich) {
+TEST_F(Chain, CAWithOneFault_OpenSSLSaysWhich) {
   const CertificateFault faults[] = {
       {"path length 0", {.ca = true, .pathLength = 0}, ""},
       {"no CA", {.ca = false}, "error 79 at 1 depth"},
@@ -187,7 +187,7 @@ TEST_F(Chain, CaWithOneFault_OpenSSLSaysWhich) {
   }
 }
 
-TEST_F(Chain, IndirectCrl_RevokesForTheNamedIssuer) {
+TEST_F(Chain, IndirectCRL_RevokesForTheNamedIssuer) {
   const Issued crlIssuer =
       issue({.subject = "CN=CRL Issuer", .issuer = &root, .keyUsage = KU_CRL_SIGN});
   leaf = issue({.subject = "CN=Leaf",
@@ -197,8 +197,8 @@ TEST_F(Chain, IndirectCrl_RevokesForTheNamedIssuer) {
   const IssuingDistributionPoint indirect{.fullNames = {"URI:http://crl.test/all"},
                                           .indirect = true};
   const TempDir directory;
-  crls.push_back(makeCrl({.issuer = &root}));
-  crls.push_back(makeCrl({.issuer = &crlIssuer,
+  crls.push_back(makeCRL({.issuer = &root}));
+  crls.push_back(makeCRL({.issuer = &crlIssuer,
                           .revoked = {{.serial = 1, .certificateIssuer = "CN=CA"},
                                       {.serial = leaf}},  // of CN=CA too, by RFC 5280, 5.3.3
                           .idp = indirect}));
@@ -206,17 +206,17 @@ TEST_F(Chain, IndirectCrl_RevokesForTheNamedIssuer) {
   EXPECT_CONTAINS(verify({"-extended_crl", "-untrusted", directory / "issuer.pem"}).err,
                   "error 23 at 0 depth");
   crls.back() =
-      makeCrl({.issuer = &crlIssuer,
+      makeCRL({.issuer = &crlIssuer,
                .revoked = {{.serial = 1, .certificateIssuer = "CN=Else"}, {.serial = leaf}},
                .idp = indirect});
   const auto result = verify({"-extended_crl", "-untrusted", directory / "issuer.pem"});
   EXPECT_EQ(result.status, 0) << result.err;
 }
 
-TEST(makeCrl, IssuingDistributionPoint_IsEncodedAsAsked) {
-  const Issued ca = issueCa("CN=CA");
+TEST(makeCRL, IssuingDistributionPoint_IsEncodedAsAsked) {
+  const Issued ca = issueCA("CN=CA");
   const auto full = textOf(
-      makeCrl({.issuer = &ca,
+      makeCRL({.issuer = &ca,
                .idp = IssuingDistributionPoint{.fullNames = {"URI:http://crl.test/a",
                                                              "dirName:C=DE,O=Crl"},
                                                .onlyUser = true,
@@ -234,7 +234,7 @@ TEST(makeCrl, IssuingDistributionPoint_IsEncodedAsAsked) {
   EXPECT_LACKS(full, "Only CA Certificates");
 
   const auto relative =
-      textOf(makeCrl({.issuer = &ca,
+      textOf(makeCRL({.issuer = &ca,
                       .idp = IssuingDistributionPoint{.relativeName = "CN=Part+OU=Seven",
                                                       .onlyAttributes = true,
                                                       .critical = false}})
@@ -246,17 +246,17 @@ TEST(makeCrl, IssuingDistributionPoint_IsEncodedAsAsked) {
   EXPECT_CONTAINS(relative, "Only Attribute Certificates");
 }
 
-TEST(makeCrl, LongNumber_IsEncodedWhole) {
-  const Issued ca = issueCa("CN=CA");
-  const auto crl = makeCrl({.issuer = &ca, .number = "0123456789ABCDEF0123"});
+TEST(makeCRL, LongNumber_IsEncodedWhole) {
+  const Issued ca = issueCA("CN=CA");
+  const auto crl = makeCRL({.issuer = &ca, .number = "0123456789ABCDEF0123"});
   EXPECT_CONTAINS(runCommand({"openssl", "crl", "-noout", "-crlnumber"}, pem(crl.get())).out,
                   "123456789ABCDEF0123");
 }
 
-TEST(makeCrl, EntriesAndNumbers_AreEncodedInTheirOrder) {
-  const Issued ca = issueCa("CN=CA");
+TEST(makeCRL, EntriesAndNumbers_AreEncodedInTheirOrder) {
+  const Issued ca = issueCA("CN=CA");
   const auto text = textOf(
-      makeCrl(
+      makeCRL(
           {.issuer = &ca,
            .lastUpdate = "20260102030405Z",
            .nextUpdate = "20500102030405Z",
@@ -267,7 +267,7 @@ TEST(makeCrl, EntriesAndNumbers_AreEncodedInTheirOrder) {
                        {.serial = 8, .certificateIssuer = "C=DE,O=Else"},
                        {.serial = 9,
                         .extensions = {{.oid = "1.2.3.4", .critical = true, .der = "\x05\0"s}}}},
-           .freshestCrl = {{.fullNames = {"URI:http://crl.test/fresh"}}}})
+           .freshestCRL = {{.fullNames = {"URI:http://crl.test/fresh"}}}})
           .get());
   EXPECT_CONTAINS(text, "Last Update: Jan  2 03:04:05 2026 GMT");
   EXPECT_CONTAINS(text, "Next Update: Jan  2 03:04:05 2050 GMT");
@@ -282,14 +282,14 @@ TEST(makeCrl, EntriesAndNumbers_AreEncodedInTheirOrder) {
   EXPECT_LT(text.find("Serial Number: FF00"), text.find("Serial Number: 07"));
 }
 
-TEST(makeCrl, NextUpdateAndNumberAbsent_AreNotEncoded) {
-  const Issued ca = issueCa("CN=CA");
-  const auto crl = makeCrl({.issuer = &ca, .nextUpdate = std::nullopt, .number = std::nullopt});
+TEST(makeCRL, NextUpdateAndNumberAbsent_AreNotEncoded) {
+  const Issued ca = issueCA("CN=CA");
+  const auto crl = makeCRL({.issuer = &ca, .nextUpdate = std::nullopt, .number = std::nullopt});
   EXPECT_EQ(X509_CRL_get0_nextUpdate(crl.get()), nullptr);
   EXPECT_EQ(X509_CRL_get_ext_by_NID(crl.get(), NID_crl_number, -1), -1);
 }
 
-TEST(makeCrl, NoIssuer_Throws) { EXPECT_THROW(makeCrl({}), std::runtime_error); }
+TEST(makeCRL, NoIssuer_Throws) { EXPECT_THROW(makeCRL({}), std::runtime_error); }
 
 TEST(issue, ExtensionsFromConfiguration_AreEncoded) {
   const auto text =
@@ -312,7 +312,7 @@ TEST(issue, DistributionPoints_AreEncodedAsAsked) {
       issue({.crlDistributionPoints = {{.fullNames = {"URI:http://crl.test/a"}, .reasons = 0x40},
                                        {.relativeName = "CN=Part"},
                                        {.crlIssuers = {"dirName:CN=Issuer"}}},
-             .freshestCrl = {{.fullNames = {"URI:http://crl.test/b"}}}})
+             .freshestCRL = {{.fullNames = {"URI:http://crl.test/b"}}}})
           .get());
   EXPECT_CONTAINS(text, "URI:http://crl.test/a");
   EXPECT_CONTAINS(text, "Key Compromise");
@@ -387,20 +387,20 @@ TEST(Pem, KeyAndCertificate_BelongTogether) {
 }
 
 TEST(Der, ReadBack_IsTheSame) {
-  const Issued ca = issueCa("CN=CA");
-  const auto crl = makeCrl({.issuer = &ca});
+  const Issued ca = issueCA("CN=CA");
+  const auto crl = makeCRL({.issuer = &ca});
   EXPECT_EQ(der(certFromDer(der(ca.get())).get()), der(ca.get()));
   EXPECT_EQ(der(crlFromDer(der(crl.get())).get()), der(crl.get()));
   EXPECT_THROW(certFromDer(der(ca.get()) + "x"), std::runtime_error);
   EXPECT_THROW(crlFromDer("x"), std::runtime_error);
 }
 
-TEST(HashDirectory, Names_AreThoseOfOpensslRehash) {
+TEST(HashDirectory, Names_AreThoseOfOpenSSLRehash) {
   const TempDir directory;
   const TempDir links;
-  const Issued one = issueCa("CN=Same");
-  const Issued two = issueCa("CN=Same");
-  const Issued other = issueCa("CN=Other");
+  const Issued one = issueCA("CN=Same");
+  const Issued two = issueCA("CN=Same");
+  const Issued other = issueCA("CN=Other");
   std::vector<std::string> names;
   const auto add = [&](const auto* object) {
     const auto path = addToDirectory(directory.path(), object);
@@ -410,8 +410,8 @@ TEST(HashDirectory, Names_AreThoseOfOpensslRehash) {
   add(one.get());
   add(two.get());
   add(other.get());
-  add(makeCrl({.issuer = &one, .number = 1}).get());
-  add(makeCrl({.issuer = &one, .number = 2}).get());
+  add(makeCRL({.issuer = &one, .number = 1}).get());
+  add(makeCRL({.issuer = &one, .number = 2}).get());
 
   const auto rehash = runCommand({"openssl", "rehash", links.string()});
   ASSERT_EQ(rehash.status, 0) << rehash.err;

@@ -12,7 +12,7 @@ bool inPrivateView() {
 
 void clearPrivateView() {
   if (!inPrivateView()) throw std::runtime_error("not in a private view of the file system");
-  for (const char* directory : {kCaDirectory, kCrlDirectory, kAppsDirectory, kCrlCacheDirectory}) {
+  for (const char* directory : {kCADirectory, kCRLDirectory, kAppsDirectory, kCRLCacheDirectory}) {
     for (const auto& entry : std::filesystem::directory_iterator(directory)) {
       std::filesystem::remove_all(entry);
     }

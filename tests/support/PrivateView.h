@@ -6,10 +6,10 @@
 
 namespace Velantrix::Test {
 
-inline constexpr char kCaDirectory[] = "/opsadmin/etc/cert/server/ca";
-inline constexpr char kCrlDirectory[] = "/opsadmin/etc/cert/server/crl";
+inline constexpr char kCADirectory[] = "/opsadmin/etc/cert/server/ca";
+inline constexpr char kCRLDirectory[] = "/opsadmin/etc/cert/server/crl";
 inline constexpr char kAppsDirectory[] = "/opsadmin/etc/cert/server/apps";
-inline constexpr char kCrlCacheDirectory[] = "/var/spool/crypto/crl_cache";
+inline constexpr char kCRLCacheDirectory[] = "/var/spool/crypto/crl_cache";
 
 /// Does this process run in a private view?
 bool inPrivateView();

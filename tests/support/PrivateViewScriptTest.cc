@@ -22,7 +22,7 @@ TEST(PrivateViewScript, WrittenInTheView_DoesNotAppearOnTheMachine) {
   const bool there = std::filesystem::exists("/opsadmin");
   const bool spoolThere = std::filesystem::exists("/var/spool/crypto");
   for (const char* directory :
-       {kCaDirectory, kCrlDirectory, kAppsDirectory, kCrlCacheDirectory, "/opsadmin"}) {
+       {kCADirectory, kCRLDirectory, kAppsDirectory, kCRLCacheDirectory, "/opsadmin"}) {
     const auto result = runInView({"sh", "-c", "echo x > \"$0\" && cat \"$0\"", directory + name});
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out, "x\n");

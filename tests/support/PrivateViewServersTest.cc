@@ -1,7 +1,7 @@
 // Servers of other projects work in a private view as they do outside.
 #include "support/Exchange.h"
-#include "support/OcspBuilder.h"
-#include "support/OcspResponder.h"
+#include "support/OCSPBuilder.h"
+#include "support/OCSPResponder.h"
 #include "support/WebServer.h"
 
 #include <gtest/gtest.h>
@@ -17,9 +17,9 @@ TEST(PrivateView, WebServer_Serves) {
   EXPECT_NE(response.find("found"), std::string::npos) << response;
 }
 
-TEST(PrivateView, OcspResponder_Answers) {
-  const Issued ca = issueCa("CN=CA");
-  const OcspResponder responder({.ca = &ca});
+TEST(PrivateView, OCSPResponder_Answers) {
+  const Issued ca = issueCA("CN=CA");
+  const OCSPResponder responder({.ca = &ca});
   // A whole request: OpenSSL 3.0.20 waits for more than two octets, 3.0.22 does not.
   const std::string body = ocspRequest(ca, ca);
   const std::string response = exchangeBytes(

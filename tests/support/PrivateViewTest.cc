@@ -11,8 +11,8 @@
 namespace Velantrix::Test {
 namespace {
 
-constexpr const char* kDirectories[] = {kCaDirectory, kCrlDirectory, kAppsDirectory,
-                                        kCrlCacheDirectory};
+constexpr const char* kDirectories[] = {kCADirectory, kCRLDirectory, kAppsDirectory,
+                                        kCRLCacheDirectory};
 constexpr char kLeft[] = "left-by-private-view-test";
 
 TEST(PrivateView, FixedDirectories_AreThereAndEmpty) {
@@ -59,8 +59,8 @@ TEST(PrivateView, WorkingDirectoryInTheBuildTree_IsWritable) {
 }
 
 TEST(PrivateView, ClearPrivateView_EmptiesTheDirectories) {
-  writeFile(std::filesystem::path(kCaDirectory) / "a.0", "x");
-  std::filesystem::create_directories(std::filesystem::path(kCrlCacheDirectory) / "a/b");
+  writeFile(std::filesystem::path(kCADirectory) / "a.0", "x");
+  std::filesystem::create_directories(std::filesystem::path(kCRLCacheDirectory) / "a/b");
   clearPrivateView();
   for (const char* directory : kDirectories) {
     EXPECT_TRUE(std::filesystem::is_empty(directory)) << directory;
@@ -68,8 +68,8 @@ TEST(PrivateView, ClearPrivateView_EmptiesTheDirectories) {
 }
 
 TEST(PrivateView, CommandRunInTheView_SeesTheSameDirectories) {
-  writeFile(std::filesystem::path(kCrlDirectory) / "seen", "text");
-  EXPECT_EQ(runCommand({"cat", std::string(kCrlDirectory) + "/seen"}).out, "text");
+  writeFile(std::filesystem::path(kCRLDirectory) / "seen", "text");
+  EXPECT_EQ(runCommand({"cat", std::string(kCRLDirectory) + "/seen"}).out, "text");
 }
 
 }  // namespace

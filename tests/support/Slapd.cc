@@ -55,7 +55,7 @@ Slapd::Slapd() : Slapd(Options()) {}
 Slapd::Slapd(const Options& options)
     : tls_(options.certificate != nullptr),
       process_({kServer, "-d", "32768", "-f", work_ / "slapd.conf", "-h",
-                uri() + "/" + (tls_ ? " " + tlsUri() + "/" : "")},
+                uri() + "/" + (tls_ ? " " + tlsURI() + "/" : "")},
                "slapd starting") {
   configure(options);
   process_.start();
@@ -92,7 +92,7 @@ void Slapd::configure(const Options& options) const {
 
 std::string Slapd::uri() const { return "ldap://127.0.0.1:" + port_.text(); }
 
-std::string Slapd::tlsUri() const { return "ldaps://127.0.0.1:" + tlsPort_.text(); }
+std::string Slapd::tlsURI() const { return "ldaps://127.0.0.1:" + tlsPort_.text(); }
 
 void Slapd::add(const std::vector<Entry>& entries) const {
   std::string text;

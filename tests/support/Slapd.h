@@ -42,7 +42,7 @@ class Slapd {
 
   /// "ldap://127.0.0.1:<port>", and with "ldaps" when there is TLS.
   std::string uri() const;
-  std::string tlsUri() const;
+  std::string tlsURI() const;
 
   /// Adds the entries in their order.
   void add(const std::vector<Entry>& entries) const;

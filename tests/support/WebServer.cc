@@ -45,14 +45,14 @@ WebServer::WebServer(const WebServerOptions& options)
     : process_({kNginx, "-e", "stderr", "-p", directory_.string() + "/", "-c",
                 (directory_ / "nginx.conf").string()},
                "event method") {
-  if (hasIpv6Loopback()) ipv6Port_.emplace("::1");
+  if (hasIPv6Loopback()) ipv6Port_.emplace("::1");
   if (options.certificate != nullptr) {
     tlsPort_.emplace();
     writeFile(directory_ / "server.crt", pem(options.certificate->cert.get()));
     writeFile(directory_ / "server.key", pem(options.certificate->key.get()));
   }
-  if (options.clientCa != nullptr) {
-    writeFile(directory_ / "client-ca.crt", pem(options.clientCa->cert.get()));
+  if (options.clientCA != nullptr) {
+    writeFile(directory_ / "client-ca.crt", pem(options.clientCA->cert.get()));
   }
   std::filesystem::create_directory(root());
   writeFile(directory_ / "nginx.conf", configuration(options));
@@ -110,7 +110,7 @@ std::string WebServer::configuration(const WebServerOptions& options) const {
     conf << "  server {\n    listen 127.0.0.1:" << tlsPort_->number() << " ssl;\n"
          << "    ssl_certificate " << directory << "/server.crt;\n"
          << "    ssl_certificate_key " << directory << "/server.key;\n";
-    if (options.clientCa != nullptr) {
+    if (options.clientCA != nullptr) {
       conf << "    ssl_client_certificate " << directory << "/client-ca.crt;\n"
            << "    ssl_verify_client on;\n";
     }

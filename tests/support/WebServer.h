@@ -1,6 +1,6 @@
 // A real web server (nginx) that serves a directory on loopback.
 //
-//   WebServer server({.certificate = &tls, .clientCa = &root});
+//   WebServer server({.certificate = &tls, .clientCA = &root});
 //   writeFile(server.root() / "ca.crl", der(crl.get()));
 //   ... fetch(server.url("/ca.crl")), fetch(server.tlsUrl("/ca.crl")) ...
 //   ASSERT_TRUE(server.waitForRequests(2));
@@ -27,7 +27,7 @@ namespace Velantrix::Test {
 
 struct WebServerOptions {
   const Issued* certificate = nullptr;  ///< serves https too; borrowed, as the others, for the call
-  const Issued* clientCa = nullptr;  ///< https answers only clients with a certificate of this CA
+  const Issued* clientCA = nullptr;  ///< https answers only clients with a certificate of this CA
 };
 
 /// A request as nginx logged it when it had answered. A header that was absent is "-"; control

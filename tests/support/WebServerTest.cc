@@ -73,10 +73,10 @@ TEST(WebServer, StoppedAndStarted_HasItsUrlsAndItsLogStill) {
   }
 }
 
-TEST(WebServer, Ipv6WhereThereIsSome_IsServedToo) {
+TEST(WebServer, IPv6WhereThereIsSome_IsServedToo) {
   const WebServer server;
   writeFile(server.root() / "a", "x");
-  if (!hasIpv6Loopback()) {
+  if (!hasIPv6Loopback()) {
     EXPECT_THROW(server.ipv6Url("/a"), std::runtime_error);
     return;
   }
@@ -119,13 +119,13 @@ class TlsWebServer : public testing::Test {
     return runCommand(argv, Velantrix::Test::get("/a")).out;
   }
 
-  Issued root = issueCa("CN=Root");
+  Issued root = issueCA("CN=Root");
   Issued tls = issue({.subject = "CN=127.0.0.1", .issuer = &root});
   Issued client = issue({.subject = "C=DE,CN=Client", .issuer = &root});
-  WebServer server{{.certificate = &tls, .clientCa = &root}};
+  WebServer server{{.certificate = &tls, .clientCA = &root}};
 };
 
-TEST_F(TlsWebServer, ClientWithACertificateOfTheCa_IsServedAndNamed) {
+TEST_F(TlsWebServer, ClientWithACertificateOfTheCA_IsServedAndNamed) {
   writeFile(server.root() / "a", "secret");
   EXPECT_EQ(server.tlsUrl("/a").substr(0, 18), "https://127.0.0.1:");
   EXPECT_EQ(bodyOf(get(&client)), "secret");

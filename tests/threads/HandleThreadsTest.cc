@@ -63,7 +63,7 @@ TEST(HandleThreads, Store_ReleasedOnManyThreads_IsDestroyedOnce) {
 }
 
 TEST(HandleThreads, Certificate_ReleasedOnManyThreads) {
-  const Issued ca = issueCa("CN=CA");
+  const Issued ca = issueCA("CN=CA");
   for (int round = 0; round < 50; ++round) {
     RefCertificate certificate = CertificateFactory()(ca.reference().release(), true);
     std::vector<RefCertificate> handles(kThreads, certificate);
@@ -92,7 +92,7 @@ TEST(HandleThreads, Name_IsReadWithoutARace) {
 }
 
 TEST(HandleThreads, Certificate_IsReadWithoutARace) {
-  const Issued ca = issueCa("CN=CA");
+  const Issued ca = issueCA("CN=CA");
   const RefCertificate issuer = handle(ca);
   const RefCertificate leaf = handle(issue({.subject = "CN=Leaf", .issuer = &ca}));
   onThreads(kThreads, [&](int) {
@@ -107,8 +107,8 @@ TEST(HandleThreads, Certificate_IsReadWithoutARace) {
   });
 }
 
-TEST(HandleThreads, Crl_OneSignatureIsComputed) {
-  const Issued ca = issueCa("CN=CA");
+TEST(HandleThreads, CRL_OneSignatureIsComputed) {
+  const Issued ca = issueCA("CN=CA");
   for (int round = 0; round < 20; ++round) {
     const RefCertificateRevocationList crl =
         crlHandle({.issuer = &ca, .revoked = {{.serial = 3}, {.serial = 1}, {.serial = 2}}});

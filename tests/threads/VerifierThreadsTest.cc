@@ -31,8 +31,8 @@ class VerifierThreads : public testing::Test {
  protected:
   VerifierThreads() { clearPrivateView(); }
 
-  const Issued root = issueCa("O=Test,CN=Root");
-  const Issued inter = issueCa("O=Test,CN=Inter", &root);
+  const Issued root = issueCA("O=Test,CN=Root");
+  const Issued inter = issueCA("O=Test,CN=Inter", &root);
   const Issued good = issue({.subject = "O=Test,CN=Good", .issuer = &inter});
   const Issued bad = issue({.subject = "O=Test,CN=Bad", .issuer = &inter, .serial = 77});
   const RefCertificate goodHandle = handle(good);
@@ -41,25 +41,25 @@ class VerifierThreads : public testing::Test {
 
   /// Returns the file of the CRL that revokes one of the two.
   std::filesystem::path fillDirectories() const {
-    addToDirectory(kCaDirectory, root.get());
-    addToDirectory(kCaDirectory, inter.get());
-    addToDirectory(kCrlDirectory, makeCrl({.issuer = &root}).get());
-    return addToDirectory(kCrlDirectory,
-                          makeCrl({.issuer = &inter, .revoked = {{.serial = 77}}}).get());
+    addToDirectory(kCADirectory, root.get());
+    addToDirectory(kCADirectory, inter.get());
+    addToDirectory(kCRLDirectory, makeCRL({.issuer = &root}).get());
+    return addToDirectory(kCRLDirectory,
+                          makeCRL({.issuer = &inter, .revoked = {{.serial = 77}}}).get());
   }
 };
 
 TEST_F(VerifierThreads, StoresOfTheirOwn_SharedObjects) {
   const RefCertificate rootHandle = handle(root);
   const RefCertificate interHandle = handle(inter);
-  const RefCertificateRevocationList rootCrl = crlHandle({.issuer = &root});
-  const RefCertificateRevocationList interCrl =
+  const RefCertificateRevocationList rootCRL = crlHandle({.issuer = &root});
+  const RefCertificateRevocationList interCRL =
       crlHandle({.issuer = &inter, .revoked = {{.serial = 77}}});
   for (const bool openssl : {false, true}) {
     onThreads(kThreads, [&](int) {
       World world;
       world.source->certificates = {rootHandle, interHandle};
-      world.source->crls = {rootCrl, interCrl};
+      world.source->crls = {rootCRL, interCRL};
       for (int i = 0; i < 10; ++i) {
         Verifier one(world.store, goodHandle, openssl);
         EXPECT_EQ(one.isValid(), X509_V_OK);
@@ -101,7 +101,7 @@ TEST_F(VerifierThreads, DirectoryIsWrittenMeanwhile) {
     for (int i = 0; i < 10; ++i) {
       if (thread == 0) {
         const Owned<X509_CRL> crl =
-            makeCrl({.issuer = &inter, .number = 10 + i, .revoked = {{.serial = 77}}});
+            makeCRL({.issuer = &inter, .number = 10 + i, .revoked = {{.serial = 77}}});
         writeFile(file.string() + ".new", pem(crl.get()));
         std::filesystem::rename(file.string() + ".new", file);
       } else {
@@ -112,8 +112,8 @@ TEST_F(VerifierThreads, DirectoryIsWrittenMeanwhile) {
   });
 }
 
-TEST_F(VerifierThreads, CrlByUri_OneCacheForAll) {
-  const std::string octets = der(makeCrl({.issuer = &inter, .number = 7}).get());
+TEST_F(VerifierThreads, CRLByURI_OneCacheForAll) {
+  const std::string octets = der(makeCRL({.issuer = &inter, .number = 7}).get());
   const FaultServer server(Scripts::answer(octets));
   onThreads(kThreads, [&](int thread) {
     for (int i = 0; i < 5; ++i) {

@@ -17,7 +17,7 @@ namespace {
 constexpr const char* kContext = "X509::CertificateRevocationListFactory";
 
 // Keeps the first CRL; the others are decoded all the same, so that a damaged input is noticed.
-class CrlSink : public ObjectSink {
+class CRLSink : public ObjectSink {
  public:
   bool wants(std::string_view label) const override { return label == PEM_STRING_X509_CRL; }
 
@@ -41,7 +41,7 @@ class CrlSink : public ObjectSink {
 
 RefCertificateRevocationList CertificateRevocationListFactory::read(const File::Path& path) {
   const std::vector<unsigned char> content = readFile(path);
-  CrlSink sink;
+  CRLSink sink;
   try {
     readObjects(content.data(), content.size(), sink);
   } catch (const Exception& e) {
@@ -52,7 +52,7 @@ RefCertificateRevocationList CertificateRevocationListFactory::read(const File::
 }
 
 RefCertificateRevocationList CertificateRevocationListFactory::read(const Buffer& data) {
-  CrlSink sink;
+  CRLSink sink;
   readObjects(data.data(), data.length(), sink);
   return sink.first();
 }

@@ -20,7 +20,7 @@ namespace {
 using namespace Crypto::PKX509;
 namespace fs = std::filesystem;
 
-using Crls = std::list<RefCertificateRevocationList>;
+using CRLs = std::list<RefCertificateRevocationList>;
 using Names = std::set<std::string>;
 
 class CRLCacheDirectory : public testing::Test {
@@ -43,8 +43,8 @@ class CRLCacheDirectory : public testing::Test {
   }
 
   void add(const CRLCache::Limits& limits) { add(limits, uri); }
-  void add(const CRLCache::Limits& limits, const Uri& forUri) {
-    CRLCache(directory.string(), limits).add(forUri, Crls{crl});
+  void add(const CRLCache::Limits& limits, const Uri& forURI) {
+    CRLCache(directory.string(), limits).add(forURI, CRLs{crl});
   }
 
   /// What lies in the directory beside the file for `uri`.
@@ -57,7 +57,7 @@ class CRLCacheDirectory : public testing::Test {
     return names;
   }
   bool ownIsThere() const {
-    Crls found;
+    CRLs found;
     HashDirLookupMethod(directory.string()).getBySubject(uri, found);
     return found.size() == 1;
   }
@@ -66,8 +66,8 @@ class CRLCacheDirectory : public testing::Test {
   static constexpr std::uint64_t kPlenty = 1 << 20;
 
   TempDir directory;
-  Issued root = issueCa("CN=Root");
-  RefCertificateRevocationList crl = modelCrl({.issuer = &root});
+  Issued root = issueCA("CN=Root");
+  RefCertificateRevocationList crl = modelCRL({.issuer = &root});
   Uri uri{"http://example.test/root.crl"};
   std::string own = HashDirLookupMethod::fileName(uri);
 };
@@ -83,7 +83,7 @@ TEST_F(CRLCacheDirectory, BelowTheLimits_NothingIsRemoved) {
   add({.files = 3, .bytes = kPlenty});
   EXPECT_TRUE(ownIsThere());
   EXPECT_EQ(others(), (Names{"1.r0", "2.r0"}));
-  CRLCache(directory.string()).add(uri, Crls{crl});
+  CRLCache(directory.string()).add(uri, CRLs{crl});
   EXPECT_EQ(others(), (Names{"1.r0", "2.r0"}));
 }
 
@@ -120,7 +120,7 @@ TEST_F(CRLCacheDirectory, TooManyBytes_ExpiredAndThenTheOldestGo) {
 
 TEST_F(CRLCacheDirectory, SizeOfWhatIsWritten_CountsBeforeItIsWritten) {
   crl =
-      modelCrl({.issuer = &root, .rawExtensions = {{"1.2.3.4", false, std::string(100000, 'x')}}});
+      modelCRL({.issuer = &root, .rawExtensions = {{"1.2.3.4", false, std::string(100000, 'x')}}});
   plant("1.r0", 2 * kHour, kHour, 100000);
   plant("2.r0", 1 * kHour, kHour, 100000);
   add({.files = 100, .bytes = 260000});
@@ -129,7 +129,7 @@ TEST_F(CRLCacheDirectory, SizeOfWhatIsWritten_CountsBeforeItIsWritten) {
   EXPECT_LE(fs::file_size(directory / own) + 100000, 260000U);
 }
 
-TEST_F(CRLCacheDirectory, LengthOfTheUri_Counts) {
+TEST_F(CRLCacheDirectory, LengthOfTheURI_Counts) {
   uri = Uri("http://example.test/" + std::string(60000, 'u'));
   own = HashDirLookupMethod::fileName(uri);
   plant("1.r0", 1 * kHour, kHour, 50000);
@@ -172,13 +172,13 @@ TEST_F(CRLCacheDirectory, FileThatDoesNotSayWhenItRunsOut_CountsByItsAge) {
 }
 
 // The lines are read in blocks of 4096 bytes at first: lengths around it, where a number is cut.
-TEST_F(CRLCacheDirectory, LongUri_ItsExpiryIsFoundBehindIt) {
+TEST_F(CRLCacheDirectory, LongURI_ItsExpiryIsFoundBehindIt) {
   for (const std::size_t length : {4060UL, 4070UL, 4075UL, 4080UL, 4096UL, 65000UL}) {
-    const std::string longUri = "http://other.test/" + std::string(length, 'a');
+    const std::string longURI = "http://other.test/" + std::string(length, 'a');
     for (const long expires : {-kHour, kHour}) {
       plant(
           "1.r0", 1 * kHour,
-          CRLFileHeader::text(longUri, Time::then(expires, false)) + "-----BEGIN X509 CRL-----\n");
+          CRLFileHeader::text(longURI, Time::then(expires, false)) + "-----BEGIN X509 CRL-----\n");
       plant("2.r0", 2 * kHour, kHour);
       add({.files = 2, .bytes = kPlenty});
       EXPECT_EQ(others(), (Names{expires < 0 ? "2.r0" : "1.r0"})) << length;
@@ -186,11 +186,11 @@ TEST_F(CRLCacheDirectory, LongUri_ItsExpiryIsFoundBehindIt) {
   }
 }
 
-TEST_F(CRLCacheDirectory, CrlWithoutNextUpdate_ExpiresADayAfterItWasWritten) {
+TEST_F(CRLCacheDirectory, CRLWithoutNextUpdate_ExpiresADayAfterItWasWritten) {
   const Uri other("http://example.test/other.crl");
   const std::string name = HashDirLookupMethod::fileName(other);
   CRLCache(directory.string())
-      .add(other, Crls{modelCrl({.issuer = &root, .nextUpdate = std::nullopt})});
+      .add(other, CRLs{modelCRL({.issuer = &root, .nextUpdate = std::nullopt})});
   const CRLFileHeader header = CRLFileHeader::parse(readFile(directory / name));
   ASSERT_TRUE(header.expires.has_value());
   EXPECT_GE(*header.expires, Time::then(86400 - 60, false));
@@ -199,14 +199,14 @@ TEST_F(CRLCacheDirectory, CrlWithoutNextUpdate_ExpiresADayAfterItWasWritten) {
 
 TEST_F(CRLCacheDirectory, EmptyList_ChangesNothing) {
   plant("1.r0", 5 * kHour, -kHour);
-  CRLCache(directory.string(), {.files = 0, .bytes = 0}).add(uri, Crls());
+  CRLCache(directory.string(), {.files = 0, .bytes = 0}).add(uri, CRLs());
   EXPECT_EQ(others(), (Names{"1.r0"}));
   EXPECT_FALSE(ownIsThere());
 }
 
-TEST_F(CRLCacheDirectory, SeveralCrls_TheLastOneStays) {
-  const RefCertificateRevocationList last = modelCrl({.issuer = &root, .number = 7});
-  CRLCache(directory.string()).add(uri, Crls{crl, last});
+TEST_F(CRLCacheDirectory, SeveralCRLs_TheLastOneStays) {
+  const RefCertificateRevocationList last = modelCRL({.issuer = &root, .number = 7});
+  CRLCache(directory.string()).add(uri, CRLs{crl, last});
   EXPECT_TRUE(readFile(directory / own).ends_with(pem(last->native())));
 }
 
@@ -296,13 +296,13 @@ TEST_F(CRLCacheDirectory, WhatIsNoRegularFile_IsNeitherRemovedNorCounted) {
 
 TEST_F(CRLCacheDirectory, DirectoryThatIsMissing_IsAnExceptionAndIsNotMade) {
   const fs::path missing = directory / "missing";
-  EXPECT_THROW(CRLCache(missing.string()).add(uri, Crls{crl}), Exception);
+  EXPECT_THROW(CRLCache(missing.string()).add(uri, CRLs{crl}), Exception);
   EXPECT_FALSE(fs::exists(missing));
 }
 
 TEST_F(CRLCacheDirectory, DirectoryThatIsAFile_IsAnException) {
   writeFile(directory / "file", "x");
-  EXPECT_THROW(CRLCache((directory / "file").string()).add(uri, Crls{crl}), Exception);
+  EXPECT_THROW(CRLCache((directory / "file").string()).add(uri, CRLs{crl}), Exception);
   EXPECT_EQ(readFile(directory / "file"), "x");
 }
 

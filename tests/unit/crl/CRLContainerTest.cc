@@ -8,20 +8,20 @@ namespace {
 
 using namespace std::string_literals;
 
-constexpr int kGetCrl = X509_V_ERR_UNABLE_TO_GET_CRL;
+constexpr int kGetCRL = X509_V_ERR_UNABLE_TO_GET_CRL;
 constexpr int kRevoked = X509_V_ERR_CERT_REVOKED;
 constexpr char kReasonOid[] = "2.5.29.21";
 
 class CRLContainerTest : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
   World world;
   Verifier verifier{world.store, handle(leaf), false};
   OpenContainer container{verifier};
   LogCapture log;
 
-  CRLContainer::Entry entryOf(const CrlOptions& options, unsigned int reasons = kAllReasons) {
+  CRLContainer::Entry entryOf(const CRLOptions& options, unsigned int reasons = kAllReasons) {
     return makeEntry(handle(leaf), crlHandle(options), handle(root), reasons);
   }
   CRLContainer::Entry listing(int reason, unsigned int reasons = kAllReasons) {
@@ -42,10 +42,10 @@ TEST_F(CRLContainerTest, Constructed_EverythingIsZero) {
   EXPECT_EQ(OpenContainer::ChainComplete, 2);
 }
 
-TEST_F(CRLContainerTest, Empty_GivesNoCrlAndNoVerdict) {
+TEST_F(CRLContainerTest, Empty_GivesNoCRLAndNoVerdict) {
   int reason = 77;
   EXPECT_TRUE(container.getCRL().empty());
-  EXPECT_EQ(container.isRevoked(reason), kGetCrl);
+  EXPECT_EQ(container.isRevoked(reason), kGetCRL);
   EXPECT_EQ(reason, 77);
   EXPECT_FALSE(container.isDeltaCRLChainComplete());
   EXPECT_EQ(container.chainState, OpenContainer::ChainUnknown);
@@ -199,7 +199,7 @@ TEST_F(CRLContainerTest, ReasonsNotCovered_NoVerdictEvenWhenListed) {
   container.add(listing(1, 0x0006));
   container.add(clean(0x0018));
   int reason = 0;
-  EXPECT_EQ(container.isRevoked(reason), kGetCrl);
+  EXPECT_EQ(container.isRevoked(reason), kGetCRL);
   EXPECT_EQ(reason, 1);
 }
 
@@ -213,11 +213,11 @@ TEST_F(CRLContainerTest, ReasonsTogetherCovered_Verdict) {
 TEST_F(CRLContainerTest, MoreBitsThanAllReasons_IsNotAllReasons) {
   container.add(clean(0x80ff));
   int reason = 0;
-  EXPECT_EQ(container.isRevoked(reason), kGetCrl);
+  EXPECT_EQ(container.isRevoked(reason), kGetCRL);
 }
 
-TEST_F(CRLContainerTest, EntryOfAnotherIssuerInAnIndirectCrl_CountsForThatIssuer) {
-  const Issued other = issueCa("O=Test,CN=Other");
+TEST_F(CRLContainerTest, EntryOfAnotherIssuerInAnIndirectCRL_CountsForThatIssuer) {
+  const Issued other = issueCA("O=Test,CN=Other");
   const auto indirect = [&](const std::string& issuer) {
     return entryOf({.issuer = &other,
                     .revoked = {{.serial = leaf, .reason = 1, .certificateIssuer = issuer}},
@@ -239,7 +239,7 @@ TEST_F(CRLContainerTest, IsRevoked_LeavesTheListAndGetCRLConsumesIt) {
   EXPECT_EQ(container.isRevoked(reason), kRevoked);
   EXPECT_FALSE(container.empty());
   EXPECT_FALSE(container.getCRL().empty());
-  EXPECT_EQ(container.isRevoked(reason), kGetCrl);
+  EXPECT_EQ(container.isRevoked(reason), kGetCRL);
 }
 
 TEST_F(CRLContainerTest, Clear_IsTheConstructedStateAgain) {
@@ -256,7 +256,7 @@ TEST_F(CRLContainerTest, Clear_IsTheConstructedStateAgain) {
   EXPECT_EQ(container.collectedReasons, 0U);
 }
 
-TEST_F(CRLContainerTest, EmptyCrlHandle_StopsTheProcess) {
+TEST_F(CRLContainerTest, EmptyCRLHandle_StopsTheProcess) {
   CRLContainer::Entry entry = clean();
   entry.crl = RefObject();
   EXPECT_DEATH(container.add(entry), "px != 0");

@@ -8,13 +8,13 @@ namespace {
 
 using std::chrono::hours;
 
-constexpr int kGetCrl = X509_V_ERR_UNABLE_TO_GET_CRL;
+constexpr int kGetCRL = X509_V_ERR_UNABLE_TO_GET_CRL;
 constexpr int kRevoked = X509_V_ERR_CERT_REVOKED;
 constexpr char kNoBase[] = "Could not find Base CRL";
 
 class DeltaTest : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
   World world;
   Verifier verifier{world.store, handle(leaf), false};
@@ -22,7 +22,7 @@ class DeltaTest : public testing::Test {
   LogCapture log;
   int reason = 0;
 
-  void add(const CrlOptions& options, unsigned int reasons = kAllReasons) {
+  void add(const CRLOptions& options, unsigned int reasons = kAllReasons) {
     container.add(makeEntry(handle(leaf), crlHandle(options), handle(root), reasons));
   }
   // A reason of -2 leaves the leaf out of the list.
@@ -110,11 +110,11 @@ TEST_F(DeltaTest, SameLastUpdate_OnlyTheFirstAddedIsConsulted) {
 
 TEST_F(DeltaTest, SameLastUpdate_ReasonsOfTheSecondDoNotCount) {
   const When same = When::at(When(hours(-2)).time());
-  const CrlOptions delta{.issuer = &root, .lastUpdate = same, .deltaBase = Serial(1)};
+  const CRLOptions delta{.issuer = &root, .lastUpdate = same, .deltaBase = Serial(1)};
   add({.issuer = &root}, 0x0006);
   add(delta, 0x0018);
   add(delta, 0x8061);
-  EXPECT_EQ(container.isRevoked(reason), kGetCrl);
+  EXPECT_EQ(container.isRevoked(reason), kGetCRL);
   container.clear();
   add({.issuer = &root}, 0x0006);
   add(delta, 0x8079);
@@ -137,7 +137,7 @@ TEST_F(DeltaTest, BaseTooOld_OneLineAndNothingIsHandedOut) {
   addDelta(-2);
   EXPECT_TRUE(container.getCRL().empty());
   EXPECT_EQ(container.entries.size(), 2U);
-  EXPECT_EQ(container.isRevoked(reason), kGetCrl);
+  EXPECT_EQ(container.isRevoked(reason), kGetCRL);
   EXPECT_EQ(reason, 0);
   EXPECT_FALSE(container.isDeltaCRLChainComplete());
   EXPECT_EQ(container.chainState, OpenContainer::ChainIncomplete);
@@ -146,7 +146,7 @@ TEST_F(DeltaTest, BaseTooOld_OneLineAndNothingIsHandedOut) {
 
 TEST_F(DeltaTest, DeltaAlone_HasNoBase) {
   addDelta(1);
-  EXPECT_EQ(container.isRevoked(reason), kGetCrl);
+  EXPECT_EQ(container.isRevoked(reason), kGetCRL);
   EXPECT_EQ(log.count(kNoBase), 1U);
 }
 
@@ -198,7 +198,7 @@ TEST_F(DeltaTest, ChainState_IsKeptUntilClear) {
   EXPECT_FALSE(container.isDeltaCRLChainComplete());
   addBase(-2);
   EXPECT_FALSE(container.isDeltaCRLChainComplete());
-  EXPECT_EQ(container.isRevoked(reason), kGetCrl);
+  EXPECT_EQ(container.isRevoked(reason), kGetCRL);
   container.clear();
   addBase(-2);
   addDelta(-2);
@@ -228,7 +228,7 @@ TEST_F(DeltaTest, CompleteChain_HandsOutBaseAndDelta) {
 
 TEST_F(DeltaTest, RejectedDelta_StillPutsTheContainerIntoDeltaMode) {
   addBase(8);
-  add({.issuer = &root, .deltaBase = Serial(1), .idp = Scope{.onlyCa = true}});
+  add({.issuer = &root, .deltaBase = Serial(1), .idp = Scope{.onlyCA = true}});
   EXPECT_EQ(container.entries.size(), 1U);
   EXPECT_TRUE(container.hasDeltaCRL);
   // In delta mode removeFromCRL takes the certificate off the list, without it revokes.

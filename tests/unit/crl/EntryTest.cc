@@ -11,15 +11,15 @@ constexpr unsigned int kIssuerCert = 0x18;
 
 class EntryTest : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
-  const Issued other = issueCa("O=Test,CN=Other");
+  const Issued root = issueCA("O=Test,CN=Root");
+  const Issued other = issueCA("O=Test,CN=Other");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
   World world;
   Verifier verifier{world.store, handle(leaf), false};
   LogCapture log;
 
   // A certificate with that distribution point, and an entry for it that came through it.
-  CRLContainer::Entry through(const Point& point, const CrlOptions& crl, const Issued& issuer) {
+  CRLContainer::Entry through(const Point& point, const CRLOptions& crl, const Issued& issuer) {
     const RefCertificate target = handle(
         issue({.subject = "O=Test,CN=Leaf", .issuer = &root, .crlDistributionPoints = {point}}));
     CRLContainer::Entry entry = makeEntry(target, crlHandle(crl), handle(issuer));
@@ -84,7 +84,7 @@ TEST_F(EntryTest, Score_ByWhoIssuedTheCertificate) {
 }
 
 TEST_F(EntryTest, IssuerByNameOnly_TheSignatureDoesNotCount) {
-  const Issued forged = issueCa("O=Test,CN=Root");
+  const Issued forged = issueCA("O=Test,CN=Root");
   const Issued target =
       issue({.subject = "CN=X", .issuer = &root, .authorityKeyId = KeyId::Absent});
   const CRLContainer::Entry entry =
@@ -92,7 +92,7 @@ TEST_F(EntryTest, IssuerByNameOnly_TheSignatureDoesNotCount) {
   EXPECT_EQ(entry.tallyScore(verifier), kScope | kIssuerCert);
 }
 
-TEST_F(EntryTest, CrlIssuerNamedByThePoint_IsAcceptable) {
+TEST_F(EntryTest, CRLIssuerNamedByThePoint_IsAcceptable) {
   const Point point{
       .crlIssuers = {"URI:http://a.test/", "dirName:O=Test,CN=Nobody", "dirName:O=Test,CN=Other"}};
   const CRLContainer::Entry entry =
@@ -103,7 +103,7 @@ TEST_F(EntryTest, CrlIssuerNamedByThePoint_IsAcceptable) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(EntryTest, CrlIssuerNotNamedByThePoint_Error33AndTheMisplacedLine) {
+TEST_F(EntryTest, CRLIssuerNotNamedByThePoint_Error33AndTheMisplacedLine) {
   // The issuing distribution point would narrow the reasons, were it looked at.
   const CRLContainer::Entry entry =
       through({.crlIssuers = {"URI:http://a.test/", "dirName:O=Test,CN=Nobody"}},
@@ -120,7 +120,7 @@ TEST_F(EntryTest, CrlIssuerNotNamedByThePoint_Error33AndTheMisplacedLine) {
   EXPECT_EQ(log.lines().front().raw, "0\x01");
 }
 
-TEST_F(EntryTest, CrlIssuerNotNamedByThePoint_IsNotStored) {
+TEST_F(EntryTest, CRLIssuerNotNamedByThePoint_IsNotStored) {
   OpenContainer container(verifier);
   container.add(makeEntry(handle(leaf), crlHandle({.issuer = &root}), handle(root)));
   container.add(through({.crlIssuers = {"dirName:O=Test,CN=Nobody"}}, {.issuer = &other}, other));
@@ -128,12 +128,12 @@ TEST_F(EntryTest, CrlIssuerNotNamedByThePoint_IsNotStored) {
   EXPECT_EQ(verifier.contextError(), X509_V_ERR_UNABLE_TO_GET_CRL_ISSUER);
 }
 
-TEST_F(EntryTest, PointWithoutCrlIssuers_GoesStraightToTheScope) {
+TEST_F(EntryTest, PointWithoutCRLIssuers_GoesStraightToTheScope) {
   const Point point{.fullNames = {"URI:http://a.test/"}};
   const CRLContainer::Entry good = through(point, {.issuer = &root}, root);
   EXPECT_EQ(good.tallyScore(verifier), kScope | kIssuerCert);
   const CRLContainer::Entry bad =
-      through(point, {.issuer = &root, .idp = Scope{.onlyCa = true}}, root);
+      through(point, {.issuer = &root, .idp = Scope{.onlyCA = true}}, root);
   EXPECT_EQ(bad.tallyScore(verifier), 0U);
   EXPECT_TRUE(bad.crl.empty());
   EXPECT_EQ(verifier.contextError(), 0);

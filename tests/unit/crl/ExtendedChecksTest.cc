@@ -25,7 +25,7 @@ Issued withBrokenKey(const Issued& issued) {
 
 class ExtendedChecksTest : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
   const std::list<RefCertificate> path{handle(leaf), handle(root)};
   World world;
@@ -35,10 +35,10 @@ class ExtendedChecksTest : public testing::Test {
 
   ExtendedChecksTest() { world.trust(root); }
 
-  void add(const CrlOptions& options, const Issued& issuer) {
+  void add(const CRLOptions& options, const Issued& issuer) {
     container.add(makeEntry(handle(leaf), crlHandle(options), handle(issuer)));
   }
-  void add(const CrlOptions& options) { add(options, root); }
+  void add(const CRLOptions& options) { add(options, root); }
   int check() {
     ERR_clear_error();
     container.extendedCRLChecks(path);
@@ -47,13 +47,13 @@ class ExtendedChecksTest : public testing::Test {
   void at(When when) {
     X509_VERIFY_PARAM_set_time(X509_STORE_CTX_get0_param(verifier), when.time());
   }
-  CrlOptions expired() const {
+  CRLOptions expired() const {
     return {.issuer = &root, .lastUpdate = hours(-9), .nextUpdate = When(hours(-1))};
   }
-  CrlOptions early() const { return {.issuer = &root, .lastUpdate = hours(1)}; }
+  CRLOptions early() const { return {.issuer = &root, .lastUpdate = hours(1)}; }
 };
 
-TEST_F(ExtendedChecksTest, GoodCrlOfTheIssuerOnThePath_NoErrorNoLineNoLookup) {
+TEST_F(ExtendedChecksTest, GoodCRLOfTheIssuerOnThePath_NoErrorNoLineNoLookup) {
   add({.issuer = &root});
   EXPECT_EQ(check(), 0);
   EXPECT_TRUE(log.lines().empty());
@@ -66,7 +66,7 @@ TEST_F(ExtendedChecksTest, EmptyContainer_TouchesNothing) {
   EXPECT_EQ(check(), 33);
 }
 
-TEST_F(ExtendedChecksTest, IssuerMayNotSignCrls_35) {
+TEST_F(ExtendedChecksTest, IssuerMayNotSignCRLs_35) {
   // Somebody on the path issued the CRL; the entry's issuer is another certificate of that name.
   const Issued noSign = issue(
       {.subject = "O=Test,CN=Root", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = root.key});
@@ -75,7 +75,7 @@ TEST_F(ExtendedChecksTest, IssuerMayNotSignCrls_35) {
   EXPECT_EQ(check(), 35);
 }
 
-TEST_F(ExtendedChecksTest, IssuerWithoutKeyUsage_MaySignCrls) {
+TEST_F(ExtendedChecksTest, IssuerWithoutKeyUsage_MaySignCRLs) {
   const Issued unrestricted =
       issue({.subject = "O=Test,CN=Root", .ca = true, .keyUsage = kAbsent, .key = root.key});
   add({.issuer = &root}, unrestricted);
@@ -90,7 +90,7 @@ TEST_F(ExtendedChecksTest, IssuersKeyCannotBeDecoded_6) {
 }
 
 TEST_F(ExtendedChecksTest, SignedByAnotherKey_8) {
-  add({.issuer = &root}, issueCa("O=Test,CN=Root"));
+  add({.issuer = &root}, issueCA("O=Test,CN=Root"));
   EXPECT_EQ(check(), X509_V_ERR_CRL_SIGNATURE_FAILURE);
   EXPECT_EQ(check(), 8);
   EXPECT_EQ(ERR_peek_error(), 0UL);
@@ -104,7 +104,7 @@ TEST_F(ExtendedChecksTest, BadSignature_8ThoughTheIssuerIsValid) {
 
 struct CriticalRow {
   const char* name;
-  CrlOptions crl;
+  CRLOptions crl;
   int error;
 };
 
@@ -171,7 +171,7 @@ TEST_F(ExtendedChecksTest, ExpiredBaseBesideADelta_IsAccepted) {
 
 TEST_F(ExtendedChecksTest, ExpiredDelta_IsAcceptedAndAnEarlyOneIsNot) {
   add({.issuer = &root});
-  CrlOptions delta = expired();
+  CRLOptions delta = expired();
   delta.deltaBase = Serial(1);
   add(delta);
   EXPECT_EQ(check(), 0);
@@ -216,7 +216,7 @@ TEST_F(ExtendedChecksTest, GoodEntryOnThePath_LeavesAnEarlierExpiry) {
 }
 
 TEST_F(ExtendedChecksTest, LaterEntryWhoseIssuerValidates_OverwritesAnEarlierExpiry) {
-  const Issued other = issueCa("O=Test,CN=Other");
+  const Issued other = issueCA("O=Test,CN=Other");
   world.trust(other);
   add(expired());
   add({.issuer = &other}, other);
@@ -232,7 +232,7 @@ struct StopRow {
 TEST_F(ExtendedChecksTest, OtherErrors_EndTheChecks) {
   const Issued noSign = issue(
       {.subject = "O=Test,CN=Root", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = root.key});
-  const Issued stranger = issueCa("O=Test,CN=Stranger");
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
   const StopRow rows[] = {
       {"issuer not valid", [&] { add({.issuer = &stranger}, stranger); },
        X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT},
@@ -260,7 +260,7 @@ TEST_F(ExtendedChecksTest, OrderOfTheSteps_TheFirstFindingIsTheError) {
   const std::vector<RawExtension> critical{{kUnknownOid, true, "\x05\x00"s}};
   const Issued noSign = issue(
       {.subject = "O=Test,CN=Root", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = root.key});
-  CrlOptions crl = expired();
+  CRLOptions crl = expired();
   crl.rawExtensions = critical;
   struct Row {
     const char* name;
@@ -269,7 +269,7 @@ TEST_F(ExtendedChecksTest, OrderOfTheSteps_TheFirstFindingIsTheError) {
   };
   const Row rows[] = {{"key usage before key", withBrokenKey(noSign), 35},
                       {"key before signature", withBrokenKey(root), 6},
-                      {"signature before extension", issueCa("O=Test,CN=Root"), 8},
+                      {"signature before extension", issueCA("O=Test,CN=Root"), 8},
                       {"extension before time", root, 36}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -280,7 +280,7 @@ TEST_F(ExtendedChecksTest, OrderOfTheSteps_TheFirstFindingIsTheError) {
   }
 }
 
-TEST_F(ExtendedChecksTest, EntryWithoutCrl_IsPassedOver) {
+TEST_F(ExtendedChecksTest, EntryWithoutCRL_IsPassedOver) {
   add(expired());
   container.entries.front().crl = RefObject();
   EXPECT_EQ(check(), 0);

@@ -25,14 +25,14 @@ struct Row {
 
 const std::vector<Row>& rows() {
   static const Point kUnnamed{.crlIssuers = {"dirName:C=DE,CN=Lists"}};
-  static const Point kUri{.fullNames = {"URI:http://a.test/crl"}};
+  static const Point kURI{.fullNames = {"URI:http://a.test/crl"}};
   static const Point kRelative{.relativeName = "CN=Part"};
   // Relative names are completed by the CRL's issuer: CN=Part,CN=Lists,C=DE in text.
   static const Point kFullOfRelative{.fullNames = {"dirName:C=DE,CN=Lists,CN=Part"}};
   static const Point kFullOfCertificateIssuer{.fullNames = {"dirName:O=Test,CN=Root,CN=Part"}};
   static const std::vector<Row> table = {
       {"no scope, no point", {}, {}, false, true},
-      {"no scope, point without CRL issuers", kUri, {}, false, true},
+      {"no scope, point without CRL issuers", kURI, {}, false, true},
       {"no scope, point with CRL issuers", kUnnamed, {}, false, false, {kMustContain}},
 
       {"reasons narrowed", {}, Scope{.onlySomeReasons = 0x06}, false, true, {}, 0x06},
@@ -56,8 +56,8 @@ const std::vector<Row>& rows() {
 
       {"only users, a user", {}, Scope{.onlyUser = true}, false, true},
       {"only users, a CA", {}, Scope{.onlyUser = true}, true, false},
-      {"only CAs, a CA", {}, Scope{.onlyCa = true}, true, true},
-      {"only CAs, a user", {}, Scope{.onlyCa = true}, false, false},
+      {"only CAs, a CA", {}, Scope{.onlyCA = true}, true, true},
+      {"only CAs, a user", {}, Scope{.onlyCA = true}, false, false},
       {"only attributes, a user", {}, Scope{.onlyAttributes = true}, false, false},
       {"only attributes, a CA", {}, Scope{.onlyAttributes = true}, true, false},
       {"indirect", {}, Scope{.indirect = true}, false, true},
@@ -87,13 +87,13 @@ const std::vector<Row>& rows() {
        {kNoIssuerMatch}},
       {"point without a name, any name", kUnnamed, Scope{.fullNames = {"URI:http://a.test/crl"}},
        false, true},
-      {"point with a name, scope without one", kUri, Scope{.onlyUser = true}, false, true},
+      {"point with a name, scope without one", kURI, Scope{.onlyUser = true}, false, true},
 
-      {"full names, the same", kUri, Scope{.fullNames = {"URI:http://a.test/crl"}}, false, true},
-      {"full names, one shared", kUri,
+      {"full names, the same", kURI, Scope{.fullNames = {"URI:http://a.test/crl"}}, false, true},
+      {"full names, one shared", kURI,
        Scope{.fullNames = {"URI:http://b.test/crl", "URI:http://a.test/crl"}}, false, true},
       {"full names, none shared",
-       kUri,
+       kURI,
        Scope{.fullNames = {"URI:http://b.test/crl"}},
        false,
        false,
@@ -120,7 +120,7 @@ const std::vector<Row>& rows() {
        false,
        {kNoMatch}},
       {"a URI in the certificate, relative in the CRL",
-       kUri,
+       kURI,
        Scope{.relativeName = "CN=Part"},
        false,
        false,
@@ -143,36 +143,36 @@ const std::vector<Row>& rows() {
       // A rejection does not end the steps.
       {"wrong scope, reasons are narrowed",
        {},
-       Scope{.onlyCa = true, .onlySomeReasons = 0x06},
+       Scope{.onlyCA = true, .onlySomeReasons = 0x06},
        false,
        false,
        {},
        0x06},
       {"wrong scope, then no point",
        {},
-       Scope{.fullNames = {"URI:http://a.test/"}, .onlyCa = true},
+       Scope{.fullNames = {"URI:http://a.test/"}, .onlyCA = true},
        false,
        false,
        {kNoIssuerMatch}},
       {"wrong scope, then names of one type",
-       kUri,
+       kURI,
        Scope{.fullNames = {"URI:http://b.test/crl"}, .onlyAttributes = true},
        false,
        false,
        {kNoMatch}},
       {"wrong scope, then full and relative that match", kFullOfRelative,
-       Scope{.relativeName = "CN=Part", .onlyCa = true}, false, false},
+       Scope{.relativeName = "CN=Part", .onlyCA = true}, false, false},
       {"wrong scope, then full and relative that do not",
        kFullOfRelative,
-       Scope{.relativeName = "CN=Other", .onlyCa = true},
+       Scope{.relativeName = "CN=Other", .onlyCA = true},
        false,
        false,
        {kNoMatch}},
       {"wrong scope, then relative and full that match", kRelative,
-       Scope{.fullNames = {"dirName:C=DE,CN=Lists,CN=Part"}, .onlyCa = true}, false, false},
+       Scope{.fullNames = {"dirName:C=DE,CN=Lists,CN=Part"}, .onlyCA = true}, false, false},
       {"wrong scope, then relative and full that do not",
        kRelative,
-       Scope{.fullNames = {"dirName:C=DE,CN=Other"}, .onlyCa = true},
+       Scope{.fullNames = {"dirName:C=DE,CN=Other"}, .onlyCA = true},
        false,
        false,
        {kNoMatch}},
@@ -182,8 +182,8 @@ const std::vector<Row>& rows() {
 
 class IssuingDistributionPointTest : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
-  const Issued lists = issueCa("C=DE,CN=Lists");
+  const Issued root = issueCA("O=Test,CN=Root");
+  const Issued lists = issueCA("C=DE,CN=Lists");
   World world;
   Verifier verifier{world.store, handle(root), false};
   LogCapture log;
@@ -228,7 +228,7 @@ TEST_F(IssuingDistributionPointTest, Container_KeepsWhatIsAcceptedOnly) {
   }
 }
 
-TEST_F(IssuingDistributionPointTest, CaCertificateAndACrlForUsers_IsNotStored) {
+TEST_F(IssuingDistributionPointTest, CACertificateAndACRLForUsers_IsNotStored) {
   OpenContainer container(verifier);
   container.add(makeEntry(
       handle(root), crlHandle({.issuer = &lists, .idp = Scope{.onlyUser = true}}), handle(lists)));

@@ -1,7 +1,7 @@
 // What the client does without a network: whom it believes, and when it asks nobody.
 #include "foundation/net/http/HTTPAccess.h"
 #include "support/LogCapture.h"
-#include "support/OcspBuilder.h"
+#include "support/OCSPBuilder.h"
 #include "unit/ocsp/Bytes.h"
 #include "unit/ocsp/VerifyWatch.h"
 #include "unit/verify/World.h"
@@ -25,9 +25,9 @@ constexpr int kUnknown = 118;
 constexpr char kNotValidLine[] = "6 OCSP::Client: Could not validate Responder's certificate.\n";
 constexpr char kSignatureLine[] = "6 OCSP::Client: Response Signature check failed.\n";
 
-class OcspClient : public testing::Test {
+class OCSPClient : public testing::Test {
  protected:
-  OcspClient() { world.trust(root); }
+  OCSPClient() { world.trust(root); }
 
   /// A responder's certificate; authorised by RFC 6960, 4.2.2.2, unless something is changed.
   Issued responder(const CertificateOptions& changed = {}) const {
@@ -36,7 +36,7 @@ class OcspClient : public testing::Test {
     if (options.issuer == nullptr) options.issuer = &root;
     return issue(options);
   }
-  std::string answer(const OcspAnswer& description) const {
+  std::string answer(const OCSPAnswer& description) const {
     return ocspAnswer(description, ocspRequest(leaf, root));
   }
   int judge(const std::string& der) {
@@ -45,7 +45,7 @@ class OcspClient : public testing::Test {
     return client.isSignatureValid(read.response, read.basic);
   }
 
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
   World world;
   std::list<RefCertificate> chain{handle(leaf), handle(root)};
@@ -53,7 +53,7 @@ class OcspClient : public testing::Test {
   LogCapture log;
 };
 
-TEST_F(OcspClient, NoBasicResponse_IsNoAnswer) {
+TEST_F(OCSPClient, NoBasicResponse_IsNoAnswer) {
   for (const std::string& der :
        {""s, answer({.status = OCSP_RESPONSE_STATUS_TRYLATER}), ocspResponseOf("garbage")}) {
     EXPECT_EQ(judge(der), 2);
@@ -63,22 +63,22 @@ TEST_F(OcspClient, NoBasicResponse_IsNoAnswer) {
 
 struct Row {
   const char* name;
-  OcspAnswer description;
+  OCSPAnswer description;
   int verdict;
   std::string lines = {};
   std::size_t nested = 0;  ///< verifications of the responder's certificate
 };
 
-TEST_F(OcspClient, WhoMayAnswer) {
+TEST_F(OCSPClient, WhoMayAnswer) {
   const Issued authorised = responder({.extensions = {{"extendedKeyUsage", "OCSPSigning"}}});
   const Issued plain = responder();
   const Issued mail = responder({.extensions = {{"extendedKeyUsage", "emailProtection"}}});
   const Issued expired = responder({.notBefore = hours(-48), .notAfter = hours(-24)});
   const Issued early = responder({.notBefore = hours(24)});
   const Issued forged = responder({.badSignature = true});
-  const Issued stranger = issueCa("O=Test,CN=Stranger");
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
   const Issued strangers = responder({.issuer = &stranger});
-  const Issued rootTwin = issueCa("O=Test,CN=Root");  // the name of the root, and another key
+  const Issued rootTwin = issueCA("O=Test,CN=Root");  // the name of the root, and another key
   const Issued nameless = responder({.subjectKeyId = KeyId::Absent});
   const Issued wrongId = responder({.subjectKeyId = KeyId::Wrong});
 
@@ -147,7 +147,7 @@ TEST_F(OcspClient, WhoMayAnswer) {
   }
 }
 
-TEST_F(OcspClient, TamperedAnswer_IsAWrongSignature) {
+TEST_F(OCSPClient, TamperedAnswer_IsAWrongSignature) {
   const Issued delegated = responder();
   for (const Issued* const signer : {&root, &delegated}) {
     for (const bool byKey : {false, true}) {
@@ -166,7 +166,7 @@ TEST_F(OcspClient, TamperedAnswer_IsAWrongSignature) {
 
 // Byte for byte: none of them can be changed so that the answer is still accepted and says
 // something else.
-TEST_F(OcspClient, EveryByteChanged_TheAnswerIsNotTurned) {
+TEST_F(OCSPClient, EveryByteChanged_TheAnswerIsNotTurned) {
   const OCSP::Request asked(handle(leaf), handle(root));
   const std::string whole = ocspAnswer(
       {.signer = &root, .singles = {{.status = V_OCSP_CERTSTATUS_REVOKED}}, .certificates = false},
@@ -187,8 +187,8 @@ TEST_F(OcspClient, EveryByteChanged_TheAnswerIsNotTurned) {
   EXPECT_LT(accepted, 10);  // the status of the response is not signed
 }
 
-TEST_F(OcspClient, NestedVerification_HasItsParentAndItsOwnStoreAndChecksNoRevocation) {
-  const Issued inter = issueCa("O=Test,CN=Inter", &root);
+TEST_F(OCSPClient, NestedVerification_HasItsParentAndItsOwnStoreAndChecksNoRevocation) {
+  const Issued inter = issueCA("O=Test,CN=Inter", &root);
   const Issued delegated = responder({.issuer = &inter});
   const Issued below = issue({.subject = "O=Test,CN=Below", .issuer = &inter});
   const std::list<RefCertificate> path{handle(below), handle(inter), handle(root)};
@@ -221,8 +221,8 @@ TEST_F(OcspClient, NestedVerification_HasItsParentAndItsOwnStoreAndChecksNoRevoc
 
 // --- Asking nobody.
 
-TEST_F(OcspClient, NoIssuerInTheChain_IsNoAnswerWithoutAWord) {
-  const Issued stranger = issueCa("O=Test,CN=Stranger");
+TEST_F(OCSPClient, NoIssuerInTheChain_IsNoAnswerWithoutAWord) {
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
   for (const std::list<RefCertificate>& path :
        {std::list<RefCertificate>(), std::list<RefCertificate>{handle(leaf)},
         std::list<RefCertificate>{handle(leaf), handle(stranger)}}) {
@@ -232,7 +232,7 @@ TEST_F(OcspClient, NoIssuerInTheChain_IsNoAnswerWithoutAWord) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(OcspClient, NeverConnected_IsNoAnswerAndALineWithoutText) {
+TEST_F(OCSPClient, NeverConnected_IsNoAnswerAndALineWithoutText) {
   OCSP::Client client(verifier, chain);
   EXPECT_EQ(client.isRevoked(handle(leaf)), 2);
   ASSERT_EQ(log.lines().size(), 1U);
@@ -242,7 +242,7 @@ TEST_F(OcspClient, NeverConnected_IsNoAnswerAndALineWithoutText) {
   EXPECT_EQ(log.lines().at(0).raw, "0\x01");
 }
 
-TEST_F(OcspClient, EmptyHandles_AreNoAnswer) {
+TEST_F(OCSPClient, EmptyHandles_AreNoAnswer) {
   OCSP::Client client(verifier, chain);
   EXPECT_EQ(client.isRevoked(RefCertificate()), 2);
   const std::list<RefCertificate> hole{RefCertificate(), handle(root)};
@@ -250,7 +250,7 @@ TEST_F(OcspClient, EmptyHandles_AreNoAnswer) {
   EXPECT_EQ(other.isRevoked(handle(leaf)), 2);
 }
 
-TEST_F(OcspClient, OtherSchemes_AreRefusedByName) {
+TEST_F(OCSPClient, OtherSchemes_AreRefusedByName) {
   OCSP::Client client(verifier, chain);
   struct Scheme {
     const char* uri;
@@ -274,7 +274,7 @@ TEST_F(OcspClient, OtherSchemes_AreRefusedByName) {
   EXPECT_EQ(client.isRevoked(handle(leaf)), 2);
 }
 
-TEST_F(OcspClient, HostThatIsNone_IsNoConnection) {
+TEST_F(OCSPClient, HostThatIsNone_IsNoConnection) {
   OCSP::Client client(verifier, chain);
   for (const std::string& uri : {"http:///ocsp"s, "http:ocsp"s, "http://256.256.256.256/"s}) {
     log.clear();
@@ -283,7 +283,7 @@ TEST_F(OcspClient, HostThatIsNone_IsNoConnection) {
   }
 }
 
-TEST(OcspAddress, Port_Is80WhereTheUriNamesNoneForHttpsToo) {
+TEST(OCSPAddress, Port_Is80WhereTheURINamesNoneForHTTPSToo) {
   struct Endpoint {
     const char* uri;
     unsigned short port;

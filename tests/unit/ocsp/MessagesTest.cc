@@ -1,6 +1,6 @@
 #include "support/Command.h"
 #include "support/LogCapture.h"
-#include "support/OcspBuilder.h"
+#include "support/OCSPBuilder.h"
 #include "unit/ocsp/Bytes.h"
 #include "unit/verify/World.h"
 
@@ -47,11 +47,11 @@ void removeNonce(OCSP_REQUEST* request) {
   X509_EXTENSION_free(OCSP_REQUEST_delete_ext(request, at));
 }
 
-class OcspMessages : public testing::Test {
+class OCSPMessages : public testing::Test {
  protected:
   /// A request as the library makes it.
   OCSP::Request request() const { return OCSP::Request(handle(leaf), handle(ca)); }
-  std::string answerTo(const OCSP::Request& asked, const OcspAnswer& description) const {
+  std::string answerTo(const OCSP::Request& asked, const OCSPAnswer& description) const {
     return ocspAnswer(description, textOf(asked.pdu()));
   }
   static std::string openssl(std::vector<std::string> arguments) {
@@ -61,7 +61,7 @@ class OcspMessages : public testing::Test {
     return result.out;
   }
 
-  const Issued ca = issueCa("O=Test,CN=CA");
+  const Issued ca = issueCA("O=Test,CN=CA");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &ca});
   const Issued other = issue({.subject = "O=Test,CN=Other", .issuer = &ca});
   TempDir work;
@@ -70,7 +70,7 @@ class OcspMessages : public testing::Test {
 
 // --- Identifiers.
 
-TEST_F(OcspMessages, Identifier_IsThatOfTheCertificateUnderItsIssuer) {
+TEST_F(OCSPMessages, Identifier_IsThatOfTheCertificateUnderItsIssuer) {
   const OCSP::ID id(handle(leaf), handle(ca), true);
   const OCSP::ID same(handle(leaf), handle(ca), true);
   const OCSP::ID another(handle(other), handle(ca), true);
@@ -84,7 +84,7 @@ TEST_F(OcspMessages, Identifier_IsThatOfTheCertificateUnderItsIssuer) {
 }
 
 // What is not freed here, or twice, is the sanitizer's to find.
-TEST_F(OcspMessages, Identifier_IsFreedByWhoeverOwnsIt) {
+TEST_F(OCSPMessages, Identifier_IsFreedByWhoeverOwnsIt) {
   OCSP_CERTID* given = nullptr;
   {
     OCSP::ID id(handle(leaf), handle(ca), true);
@@ -102,7 +102,7 @@ TEST_F(OcspMessages, Identifier_IsFreedByWhoeverOwnsIt) {
   OCSP_CERTID_free(given);
 }
 
-TEST_F(OcspMessages, EmptyHandles_AreAnException) {
+TEST_F(OCSPMessages, EmptyHandles_AreAnException) {
   for (const auto& [certificate, issuer] :
        {std::pair(RefCertificate(), handle(ca)), std::pair(handle(leaf), RefCertificate())}) {
     const auto identifier =
@@ -115,7 +115,7 @@ TEST_F(OcspMessages, EmptyHandles_AreAnException) {
 
 // --- Requests.
 
-TEST_F(OcspMessages, Request_IsReadByOpenSSL) {
+TEST_F(OCSPMessages, Request_IsReadByOpenSSL) {
   const OCSP::Request asked = request();
   writeFile(work / "req.der", textOf(asked.pdu()));
   writeFile(work / "ca.crt", pem(ca.get()));
@@ -134,14 +134,14 @@ TEST_F(OcspMessages, Request_IsReadByOpenSSL) {
   EXPECT_NE(textOf(asked.pdu()).find(ocspRequest(leaf, ca, false).substr(4)), std::string::npos);
 }
 
-TEST_F(OcspMessages, Identifier_IsTheOneInTheRequest) {
+TEST_F(OCSPMessages, Identifier_IsTheOneInTheRequest) {
   const OCSP::Request asked = request();
   OCSP_ONEREQ* const one = OCSP_request_onereq_get0(asked, 0);
   EXPECT_EQ(OCSP_onereq_get0_id(one), static_cast<OCSP_CERTID*>(asked.id()));
   EXPECT_EQ(OCSP_request_onereq_count(asked), 1);
 }
 
-TEST_F(OcspMessages, Nonces_Differ) {
+TEST_F(OCSPMessages, Nonces_Differ) {
   const OCSP::Request first = request();
   const OCSP::Request second = request();
   EXPECT_NE(textOf(first.pdu()), textOf(second.pdu()));
@@ -150,7 +150,7 @@ TEST_F(OcspMessages, Nonces_Differ) {
   EXPECT_EQ(OCSP_REQUEST_get_ext_count(first), 0);
 }
 
-TEST_F(OcspMessages, PduTwice_IsEncodedOnce) {
+TEST_F(OCSPMessages, PduTwice_IsEncodedOnce) {
   const OCSP::Request asked = request();
   const LW::RefBuffer& first = asked.pdu();
   EXPECT_EQ(first->capacity(), 4096U);
@@ -162,7 +162,7 @@ TEST_F(OcspMessages, PduTwice_IsEncodedOnce) {
   EXPECT_EQ(textOf(second), bytes);
 }
 
-TEST_F(OcspMessages, Pdu_OutlivesItsRequest) {
+TEST_F(OCSPMessages, Pdu_OutlivesItsRequest) {
   LW::RefBuffer kept;
   {
     const OCSP::Request asked = request();
@@ -171,7 +171,7 @@ TEST_F(OcspMessages, Pdu_OutlivesItsRequest) {
   EXPECT_NE(textOf(kept), "");
 }
 
-TEST_F(OcspMessages, LongSerialNumber_FitsOrIsABufferOverflow) {
+TEST_F(OCSPMessages, LongSerialNumber_FitsOrIsABufferOverflow) {
   const auto requestAbout = [&](std::size_t octets) {
     std::string hex(octets * 2, '1');
     const Issued issued = issue({.issuer = &ca, .serial = Serial(hex.c_str())});
@@ -193,7 +193,7 @@ TEST_F(OcspMessages, LongSerialNumber_FitsOrIsABufferOverflow) {
 
 // --- Responses.
 
-TEST_F(OcspMessages, NoBytes_AreAnEmptyResponse) {
+TEST_F(OCSPMessages, NoBytes_AreAnEmptyResponse) {
   const OCSP::Request asked = request();
   const Answer answer((std::string()));
   EXPECT_NE(static_cast<OCSP_RESPONSE*>(answer.response), nullptr);
@@ -206,7 +206,7 @@ TEST_F(OcspMessages, NoBytes_AreAnEmptyResponse) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(OcspMessages, NoResponse_IsDecodeFailed) {
+TEST_F(OCSPMessages, NoResponse_IsDecodeFailed) {
   const std::string whole = ocspAnswer({.signer = &ca}, ocspRequest(leaf, ca));
   std::vector<std::string> rows = {
       "x",
@@ -232,14 +232,14 @@ TEST_F(OcspMessages, NoResponse_IsDecodeFailed) {
   }
 }
 
-TEST_F(OcspMessages, BytesAfterTheResponse_AreNobodysStatement) {
+TEST_F(OCSPMessages, BytesAfterTheResponse_AreNobodysStatement) {
   const OCSP::Request asked = request();
   const Answer answer(answerTo(asked, {.signer = &ca}) + "and more");
   EXPECT_EQ(answer.response.status(), 0);
   EXPECT_NE(static_cast<OCSP_BASICRESP*>(answer.basic), nullptr);
 }
 
-TEST_F(OcspMessages, Statuses_AreThoseOfTheResponder) {
+TEST_F(OCSPMessages, Statuses_AreThoseOfTheResponder) {
   for (const int status :
        {OCSP_RESPONSE_STATUS_MALFORMEDREQUEST, OCSP_RESPONSE_STATUS_INTERNALERROR,
         OCSP_RESPONSE_STATUS_TRYLATER, OCSP_RESPONSE_STATUS_SIGREQUIRED,
@@ -251,7 +251,7 @@ TEST_F(OcspMessages, Statuses_AreThoseOfTheResponder) {
   EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
-TEST_F(OcspMessages, SuccessWithoutABasicResponse_HasNone) {
+TEST_F(OCSPMessages, SuccessWithoutABasicResponse_HasNone) {
   const OCSP::Request asked = request();
   const std::string success = derElement(0x0a, "\0"s);
   std::string basicDer;
@@ -281,7 +281,7 @@ TEST_F(OcspMessages, SuccessWithoutABasicResponse_HasNone) {
 }
 
 // RFC 6960, 4.2.1: a ResponderID is [1] or [2].
-TEST_F(OcspMessages, UnknownResponderIdentifier_IsNoBasicResponse) {
+TEST_F(OCSPMessages, UnknownResponderIdentifier_IsNoBasicResponse) {
   const std::string name = der(X509_get_subject_name(ca.get()));
   const std::string known = derElement(0xa1, name);
   const auto withTag = [&](unsigned int tag) {
@@ -300,7 +300,7 @@ TEST_F(OcspMessages, UnknownResponderIdentifier_IsNoBasicResponse) {
   }
 }
 
-TEST_F(OcspMessages, ResponseAndBasicResponse_MayEndInAnyOrder) {
+TEST_F(OCSPMessages, ResponseAndBasicResponse_MayEndInAnyOrder) {
   const std::string der = ocspAnswer({.signer = &ca}, ocspRequest(leaf, ca));
   auto response = std::make_unique<OCSP::Response>(Bytes(der));
   auto basic = std::make_unique<OCSP::BasicResponse>(*response);
@@ -313,7 +313,7 @@ TEST_F(OcspMessages, ResponseAndBasicResponse_MayEndInAnyOrder) {
 
 // Whatever was changed on the way: an exception or values, and the same as without the change
 // unless something reads it. What is wrong with the signature is for the client to see.
-TEST_F(OcspMessages, EveryByteChanged_IsAnExceptionOrAValue) {
+TEST_F(OCSPMessages, EveryByteChanged_IsAnExceptionOrAValue) {
   const OCSP::Request asked = request();
   const std::string whole = answerTo(
       asked, {.signer = &ca, .singles = {{.status = V_OCSP_CERTSTATUS_REVOKED, .reason = 1}}});
@@ -342,19 +342,19 @@ TEST_F(OcspMessages, EveryByteChanged_IsAnExceptionOrAValue) {
 
 // --- The nonce.
 
-TEST_F(OcspMessages, Nonce_OnlyTwoDifferentOnesDoNotMatch) {
+TEST_F(OCSPMessages, Nonce_OnlyTwoDifferentOnesDoNotMatch) {
   struct Row {
     const char* name;
     bool inRequest;
-    OcspNonce inAnswer;
+    OCSPNonce inAnswer;
     bool matches;
   };
   const Row rows[] = {
-      {"both, the same", true, OcspNonce::Same, true},
-      {"both, different", true, OcspNonce::Other, false},
-      {"neither", false, OcspNonce::Absent, true},
-      {"only in the answer", false, OcspNonce::Other, true},
-      {"only in the request", true, OcspNonce::Absent, true},
+      {"both, the same", true, OCSPNonce::Same, true},
+      {"both, different", true, OCSPNonce::Other, false},
+      {"neither", false, OCSPNonce::Absent, true},
+      {"only in the answer", false, OCSPNonce::Other, true},
+      {"only in the request", true, OCSPNonce::Absent, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -369,7 +369,7 @@ TEST_F(OcspMessages, Nonce_OnlyTwoDifferentOnesDoNotMatch) {
 
 // --- The certificates in an answer.
 
-TEST_F(OcspMessages, Certificates_AreThoseOfTheAnswerInItsOrder) {
+TEST_F(OCSPMessages, Certificates_AreThoseOfTheAnswerInItsOrder) {
   const Answer answer(
       ocspAnswer({.signer = &ca, .firstCertificates = {&other, &leaf}}, ocspRequest(leaf, ca)));
   const std::list<RefCertificate>& certificates = answer.basic.certificates();
@@ -388,7 +388,7 @@ TEST_F(OcspMessages, Certificates_AreThoseOfTheAnswerInItsOrder) {
   EXPECT_TRUE(kept == handle(ca));
 }
 
-TEST_F(OcspMessages, NoCertificates_IsAnEmptyList) {
+TEST_F(OCSPMessages, NoCertificates_IsAnEmptyList) {
   const Answer answer(ocspAnswer({.signer = &ca, .certificates = false}, ocspRequest(leaf, ca)));
   EXPECT_TRUE(answer.basic.certificates().empty());
   EXPECT_TRUE(answer.basic.certificates().empty());
@@ -396,7 +396,7 @@ TEST_F(OcspMessages, NoCertificates_IsAnEmptyList) {
 
 // --- The status of a certificate.
 
-TEST_F(OcspMessages, FindGood_HasTheTimesOfTheAnswer) {
+TEST_F(OCSPMessages, FindGood_HasTheTimesOfTheAnswer) {
   const When thisUpdate = "20200101120000Z";
   const When nextUpdate = "20200102120000Z";
   const OCSP::Request asked = request();
@@ -415,7 +415,7 @@ TEST_F(OcspMessages, FindGood_HasTheTimesOfTheAnswer) {
   EXPECT_EQ(status.nextUpdate->seconds(), nextUpdate.time());
 }
 
-TEST_F(OcspMessages, FindWithoutNextUpdate_ItIsEmpty) {
+TEST_F(OCSPMessages, FindWithoutNextUpdate_ItIsEmpty) {
   const OCSP::Request asked = request();
   const Answer answer(answerTo(asked, {.signer = &ca, .singles = {{.nextUpdate = {}}}}));
   const OCSP::Response::Status status = answer.response.find(answer.basic, asked.id());
@@ -423,7 +423,7 @@ TEST_F(OcspMessages, FindWithoutNextUpdate_ItIsEmpty) {
   EXPECT_TRUE(status.nextUpdate.empty());
 }
 
-TEST_F(OcspMessages, FindRevoked_HasReasonAndTime) {
+TEST_F(OCSPMessages, FindRevoked_HasReasonAndTime) {
   const OCSP::Request asked = request();
   const When when = "20210203040506Z";
   for (const int reason : {kAbsent, 0, 1, 2, 3, 4, 5, 6, 8, 9, 10, 99}) {
@@ -439,20 +439,20 @@ TEST_F(OcspMessages, FindRevoked_HasReasonAndTime) {
   }
 }
 
-TEST_F(OcspMessages, FindUnknown) {
+TEST_F(OCSPMessages, FindUnknown) {
   const OCSP::Request asked = request();
   const Answer answer(
       answerTo(asked, {.signer = &ca, .singles = {{.status = V_OCSP_CERTSTATUS_UNKNOWN}}}));
   EXPECT_EQ(answer.response.find(answer.basic, asked.id()).status, 2);
 }
 
-TEST_F(OcspMessages, FindWhatIsNotListed_IsTheDefaultWhichIsGood) {
+TEST_F(OCSPMessages, FindWhatIsNotListed_IsTheDefaultWhichIsGood) {
   const OCSP::Request asked = request();
   struct Row {
     const char* name;
-    std::vector<OcspSingle> singles;
+    std::vector<OCSPSingle> singles;
   };
-  const Issued twin = issueCa("O=Test,CN=CA");  // the same name with another key
+  const Issued twin = issueCA("O=Test,CN=CA");  // the same name with another key
   const Row rows[] = {
       {"nothing", {}},
       {"another certificate",
@@ -477,9 +477,9 @@ TEST_F(OcspMessages, FindWhatIsNotListed_IsTheDefaultWhichIsGood) {
   }
 }
 
-TEST_F(OcspMessages, FindAmongSeveral_TheFirstOfTheCertificateCounts) {
+TEST_F(OCSPMessages, FindAmongSeveral_TheFirstOfTheCertificateCounts) {
   const OCSP::Request asked = request();
-  const OcspSingle about{.status = V_OCSP_CERTSTATUS_REVOKED, .reason = 4};
+  const OCSPSingle about{.status = V_OCSP_CERTSTATUS_REVOKED, .reason = 4};
   const Answer answer(answerTo(
       asked, {.signer = &ca, .singles = {{.certificate = &other, .issuer = &ca}, about, {}}}));
   EXPECT_EQ(answer.response.find(answer.basic, asked.id()).status, 1);
@@ -488,7 +488,7 @@ TEST_F(OcspMessages, FindAmongSeveral_TheFirstOfTheCertificateCounts) {
   EXPECT_FALSE(answer.response.find(answer.basic, id).thisUpdate.empty());
 }
 
-TEST_F(OcspMessages, FindWithATimeThatIsNone_IsAnException) {
+TEST_F(OCSPMessages, FindWithATimeThatIsNone_IsAnException) {
   const OCSP::Request asked = request();
   const Answer answer(answerTo(asked, {.signer = &ca,
                                        .singles = {{.thisUpdate = "20200101120000Z"}},
@@ -502,7 +502,7 @@ TEST_F(OcspMessages, FindWithATimeThatIsNone_IsAnException) {
 
 // --- Who answers.
 
-class OcspIssuerSearch : public testing::Test {
+class OCSPIssuerSearch : public testing::Test {
  protected:
   static ASN1::RefOctetString keyId(const Issued& issued) {
     return ASN1::RefOctetString(X509_get0_subject_key_id(issued.get()));
@@ -516,12 +516,12 @@ class OcspIssuerSearch : public testing::Test {
     return handles;
   }
 
-  const Issued first = issueCa("O=Test,CN=Twin");
+  const Issued first = issueCA("O=Test,CN=Twin");
   const Issued second = issue({.subject = "O=Test,CN=Twin", .ca = true, .key = first.key});
-  const Issued stranger = issueCa("O=Test,CN=Stranger");
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
 };
 
-TEST_F(OcspIssuerSearch, TwoFit_TheFirstOfTheList) {
+TEST_F(OCSPIssuerSearch, TwoFit_TheFirstOfTheList) {
   for (const auto& [list, wanted] :
        {std::pair(listOf({&stranger, &first, &second}), handle(first)),
         std::pair(listOf({&stranger, &second, &first}), handle(second))}) {
@@ -530,7 +530,7 @@ TEST_F(OcspIssuerSearch, TwoFit_TheFirstOfTheList) {
   }
 }
 
-TEST_F(OcspIssuerSearch, NothingFits_IsAnEmptyHandle) {
+TEST_F(OCSPIssuerSearch, NothingFits_IsAnEmptyHandle) {
   const std::list<RefCertificate> list = listOf({&first, &second});
   EXPECT_TRUE(OCSP::s_findIssuer(subject(stranger), list).empty());
   EXPECT_TRUE(OCSP::s_findIssuer(keyId(stranger), list).empty());
@@ -538,12 +538,12 @@ TEST_F(OcspIssuerSearch, NothingFits_IsAnEmptyHandle) {
   EXPECT_TRUE(OCSP::s_findIssuer(keyId(first), {}).empty());
 }
 
-TEST_F(OcspIssuerSearch, Names_AreComparedAsNames) {
-  const Issued shout = issueCa("O=TEST,CN=twin");
+TEST_F(OCSPIssuerSearch, Names_AreComparedAsNames) {
+  const Issued shout = issueCA("O=TEST,CN=twin");
   EXPECT_FALSE(OCSP::s_findIssuer(subject(shout), listOf({&first})).empty());
 }
 
-TEST_F(OcspIssuerSearch, KeyHash_IsHeldAgainstTheExtensionAndNotTheKey) {
+TEST_F(OCSPIssuerSearch, KeyHash_IsHeldAgainstTheExtensionAndNotTheKey) {
   const Issued bare = issue({.subject = "CN=Bare", .subjectKeyId = KeyId::Absent});
   const Issued wrong = issue({.subject = "CN=Wrong", .subjectKeyId = KeyId::Wrong});
   const auto hashOfKey = [](const Issued& issued) {
@@ -564,7 +564,7 @@ TEST_F(OcspIssuerSearch, KeyHash_IsHeldAgainstTheExtensionAndNotTheKey) {
 
 // --- Answers that the openssl command made.
 
-TEST_F(OcspMessages, AnswersOfTheCommand_AreRead) {
+TEST_F(OCSPMessages, AnswersOfTheCommand_AreRead) {
   writeFile(work / "ca.crt", pem(ca.get()));
   writeFile(work / "ca.key", pem(ca.key.get()));
   const Issued unlisted = issue({.issuer = &ca});

@@ -108,7 +108,7 @@ void walkBoth(Scenario scenario) {
 // process of its own, and this test comes first so that none of them inherits what later tests
 // leave.
 TEST(AllocationFailureDeathTest, FirstUse_ThrowsAndLeavesTheLibraryUsable) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const auto use = [&] {
     const RefCertificate certificate = model(root);
     const RefObjectStore store("/nonexistent", X509_FILETYPE_PEM);
@@ -177,7 +177,7 @@ TEST(AllocationFailure, LookupMethod_Constructed) {
 }
 
 TEST(AllocationFailure, Method_Attached) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   walkBoth([&] {
     RefObjectStore store("/nonexistent", X509_FILETYPE_PEM);
     const RefLookupMethod method(new LookupMethod("Method"));
@@ -192,9 +192,9 @@ TEST(AllocationFailure, Method_Attached) {
 }
 
 TEST(AllocationFailure, AnswersAndSearches) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const RefCertificate certificate = model(root);
-  const RefCertificateRevocationList crl = modelCrl({.issuer = &root});
+  const RefCertificateRevocationList crl = modelCRL({.issuer = &root});
   const TempDir directory;
   addToDirectory(directory.path(), root.get());
   walkBoth([&] {
@@ -220,7 +220,7 @@ TEST(AllocationFailure, AnswersAndSearches) {
 // The name of the file is a digest: without one it would be another's.
 TEST(AllocationFailure, HashDirectory_WrittenAndSearchedByAddressUnderOneName) {
   const EmailAddress address("person@example.org");
-  const RefCertificate certificate = model(issueCa("CN=Root"));
+  const RefCertificate certificate = model(issueCA("CN=Root"));
   const TempDir directory;
   HashDirLookupMethod method(directory.string());
   walkBoth([&] { method.add(address, certificate); });
@@ -234,7 +234,7 @@ TEST(AllocationFailure, HashDirectory_WrittenAndSearchedByAddressUnderOneName) {
 }
 
 TEST(AllocationFailure, Verifier_Constructed) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const RefCertificate certificate = model(root);
   walkBoth([&] {
     const RefObjectStore store("/nonexistent", X509_FILETYPE_PEM);
@@ -257,7 +257,7 @@ TEST(AllocationFailure, OwnerOfAMethodOrAnObject_DeletesWhatItWasGiven) {
   EXPECT_TRUE(thrown);
   EXPECT_EQ(events, (Events{"destroyed"}));
 
-  const RefCertificate certificate = model(issueCa("CN=Root"));
+  const RefCertificate certificate = model(issueCA("CN=Root"));
   walk(ownAllocations, [&] { const RefObject object(certificate); });
   EXPECT_EQ(certificate->referenceCount(), 1);
 }

@@ -75,7 +75,7 @@ TEST(CRLFileHeader, OnlyLeadingLinesOfThisShape_Count) {
   }
 }
 
-TEST(CRLFileHeader, LongestUri_FitsIntoTheMaximumSize) {
+TEST(CRLFileHeader, LongestURI_FitsIntoTheMaximumSize) {
   const std::string uri(std::size_t{64} * 1024 + 16, 'u');
   const std::string text =
       CRLFileHeader::text(uri, Time::then(std::numeric_limits<long>::min(), true));

@@ -2,8 +2,8 @@
 #include "unit/store/Model.h"
 
 #include <pkx509/HashDirLookup.h>
-#include <velantrix/Time.h>
 #include <velantrix/Exception.h>
+#include <velantrix/Time.h>
 
 #include <ctime>
 #include <fcntl.h>
@@ -175,9 +175,9 @@ TEST(DirectoryParser, Process_GoesOnAndOpensOnlyWhatItWants) {
 }
 
 TEST(DirectoryParser, OtherTypes_LoadNothing) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const TempDir directory;
-  writeFile(directory / "a1b2c3d.r0", pem(root.get()) + pem(makeCrl({.issuer = &root}).get()));
+  writeFile(directory / "a1b2c3d.r0", pem(root.get()) + pem(makeCRL({.issuer = &root}).get()));
   for (const Object::Type type : {Object::TypeNone, Object::TypeCrossCertificatePair}) {
     Scan scan;
     DirectoryParser parser = scan.parser(kKey, type);
@@ -190,8 +190,8 @@ TEST(DirectoryParser, OtherTypes_LoadNothing) {
 // ---------------------------------------------------------------------------------------- contents
 
 TEST(DirectoryParser, CertificateFile_GivesAllItsCertificatesInOrder) {
-  const Issued a = issueCa("CN=A");
-  const Issued b = issueCa("CN=B");
+  const Issued a = issueCA("CN=A");
+  const Issued b = issueCA("CN=B");
   const TempDir directory;
   writeFile(directory / "a1b2c3d.0", pem(b.get()) + pem(a.get()));
   Scan scan;
@@ -205,11 +205,11 @@ TEST(DirectoryParser, CertificateFile_GivesAllItsCertificatesInOrder) {
   EXPECT_EQ(X509_cmp(*++found, a.get()), 0);
 }
 
-TEST(DirectoryParser, CrlFileInACertificateScan_GivesNothingAndIsNoError) {
-  const Issued root = issueCa("CN=Root");
+TEST(DirectoryParser, CRLFileInACertificateScan_GivesNothingAndIsNoError) {
+  const Issued root = issueCA("CN=Root");
   const TempDir directory;
   for (const std::string& content :
-       {pem(makeCrl({.issuer = &root}).get()), der(makeCrl({.issuer = &root}).get())}) {
+       {pem(makeCRL({.issuer = &root}).get()), der(makeCRL({.issuer = &root}).get())}) {
     writeFile(directory / "a1b2c3d.r0", content);
     Scan scan;
     DirectoryParser parser = scan.parser(kKey, Object::TypeCertificate);
@@ -219,8 +219,8 @@ TEST(DirectoryParser, CrlFileInACertificateScan_GivesNothingAndIsNoError) {
   }
 }
 
-TEST(DirectoryParser, CertificateUnderACrlName_IsReadByACertificateScanOnly) {
-  const Issued root = issueCa("CN=Root");
+TEST(DirectoryParser, CertificateUnderACRLName_IsReadByACertificateScanOnly) {
+  const Issued root = issueCA("CN=Root");
   const TempDir directory;
   writeFile(directory / "a1b2c3d.r0", pem(root.get()));
   Scan scan;
@@ -244,10 +244,10 @@ TEST(DirectoryParser, EmptyFile_GivesNothing) {
   }
 }
 
-TEST(DirectoryParser, SeveralCrlsInAFile_GiveTheFirst) {
-  const Issued root = issueCa("CN=Root");
-  const auto first = makeCrl({.issuer = &root, .number = Serial(1)});
-  const auto second = makeCrl({.issuer = &root, .number = Serial(2)});
+TEST(DirectoryParser, SeveralCRLsInAFile_GiveTheFirst) {
+  const Issued root = issueCA("CN=Root");
+  const auto first = makeCRL({.issuer = &root, .number = Serial(1)});
+  const auto second = makeCRL({.issuer = &root, .number = Serial(2)});
   const TempDir directory;
   writeFile(directory / "a1b2c3d.r0", pem(first.get()) + pem(second.get()));
   Scan scan;
@@ -278,7 +278,7 @@ class Freshness : public testing::Test {
   }
   bool loadedWithAge(long seconds, std::optional<When> nextUpdate = std::nullopt) {
     return loaded([&](std::time_t now) {
-      writeFile(file, pem(makeCrl({.issuer = &root, .nextUpdate = nextUpdate}).get()));
+      writeFile(file, pem(makeCRL({.issuer = &root, .nextUpdate = nextUpdate}).get()));
       setModified(file, now - seconds);
     });
   }
@@ -286,12 +286,12 @@ class Freshness : public testing::Test {
     return loaded([&](std::time_t now) {
       writeFile(
           file,
-          pem(makeCrl({.issuer = &root, .lastUpdate = -48h, .nextUpdate = When::at(now + seconds)})
+          pem(makeCRL({.issuer = &root, .lastUpdate = -48h, .nextUpdate = When::at(now + seconds)})
                   .get()));
     });
   }
 
-  Issued root = issueCa("CN=Root");
+  Issued root = issueCA("CN=Root");
   TempDir directory;
   std::filesystem::path file = directory / "a1b2c3d.r0";
 };
@@ -318,7 +318,7 @@ TEST_F(Freshness, ThroughALink_TheFileItLeadsToCounts) {
   const std::filesystem::path target = directory / "target.pem";
   const auto linked = [&](long age) {
     return loaded([&](std::time_t now) {
-      writeFile(target, pem(makeCrl({.issuer = &root, .nextUpdate = std::nullopt}).get()));
+      writeFile(target, pem(makeCRL({.issuer = &root, .nextUpdate = std::nullopt}).get()));
       setModified(target, now - age);
       std::filesystem::remove(file);
       std::filesystem::create_symlink(target, file);

@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 static_assert(std::is_base_of_v<LookupMethod, HashDirLookupMethod>);
 
 using Certificates = std::list<RefCertificate>;
-using Crls = std::list<RefCertificateRevocationList>;
+using CRLs = std::list<RefCertificateRevocationList>;
 
 /// The key of a text as the table in the header has it, computed another way.
 std::string keyOf(const std::string& text) {
@@ -54,13 +54,13 @@ class HashDir : public testing::Test {
     return out.size();
   }
   std::size_t crls(const DistinguishedName& name) {
-    Crls out;
+    CRLs out;
     method.getBySubject(name, out);
     return out.size();
   }
-  std::size_t crls(const Uri& forUri) {
-    Crls out;
-    method.getBySubject(forUri, out);
+  std::size_t crls(const Uri& forURI) {
+    CRLs out;
+    method.getBySubject(forURI, out);
     return out.size();
   }
   std::string certificateKey() const { return hashName(root.get()).substr(0, 8); }
@@ -79,9 +79,9 @@ class HashDir : public testing::Test {
 
   TempDir directory;
   HashDirLookupMethod method{directory.string()};
-  Issued root = issueCa("C=DE,O=Example,CN=Root");
+  Issued root = issueCA("C=DE,O=Example,CN=Root");
   RefCertificate certificate = model(root);
-  Owned<X509_CRL> crl = makeCrl({.issuer = &root});
+  Owned<X509_CRL> crl = makeCRL({.issuer = &root});
   Uri uri{"http://example.test/root.crl"};
   std::string uriFile = keyOf("http://example.test/root.crl") + ".r0";
 };
@@ -99,16 +99,16 @@ TEST_F(HashDir, CertificateBySubject_IsFound) {
   EXPECT_EQ(crls(certificate->subject()), 0U);
 }
 
-TEST_F(HashDir, CrlByIssuer_IsFound) {
+TEST_F(HashDir, CRLByIssuer_IsFound) {
   addToDirectory(directory.path(), crl.get());
-  Crls out{model(makeCrl({.issuer = &root}))};
+  CRLs out{model(makeCRL({.issuer = &root}))};
   method.getBySubject(certificate->subject(), out);
   ASSERT_EQ(out.size(), 2U) << "what was in the list stays";
   EXPECT_EQ(der(out.back()), der(crl.get()));
   EXPECT_EQ(crls(modelName("CN=Other")), 0U);
 }
 
-TEST_F(HashDir, CrlFileOfTheKey_GivesACertificateQueryNothing) {
+TEST_F(HashDir, CRLFileOfTheKey_GivesACertificateQueryNothing) {
   addToDirectory(directory.path(), crl.get());
   EXPECT_EQ(certificates(certificate->subject()), 0U);
   addToDirectory(directory.path(), root.get());
@@ -116,7 +116,7 @@ TEST_F(HashDir, CrlFileOfTheKey_GivesACertificateQueryNothing) {
   EXPECT_EQ(crls(certificate->subject()), 1U);
 }
 
-TEST_F(HashDir, CertificateFileOfTheKey_IsNotOpenedByACrlQuery) {
+TEST_F(HashDir, CertificateFileOfTheKey_IsNotOpenedByACRLQuery) {
   writeFile(directory / hashName(root.get()), "neither of the two");
   EXPECT_EQ(crls(certificate->subject()), 0U);
   expectNamed(directory / hashName(root.get()), [&] { certificates(certificate->subject()); });
@@ -126,12 +126,12 @@ TEST_F(HashDir, SeveralFilesOfAKey_ComeInTheOrderOfTheirNames) {
   std::vector<std::string> expected;
   std::map<std::string, std::string> files;
   for (const char* const suffix : {"2", "10", "0", "1"}) {
-    const auto one = makeCrl({.issuer = &root, .number = Serial()});
+    const auto one = makeCRL({.issuer = &root, .number = Serial()});
     files[certificateKey() + ".r" + suffix] = der(one.get());
     writeFile(directory / (certificateKey() + ".r" + suffix), pem(one.get()));
   }
   for (const auto& [name, content] : files) expected.push_back(content);
-  Crls out;
+  CRLs out;
   method.getBySubject(certificate->subject(), out);
   std::vector<std::string> found;
   for (const RefCertificateRevocationList& one : out) found.push_back(der(one));
@@ -143,7 +143,7 @@ TEST_F(HashDir, UpperCaseAndShortKeys_AreFound) {
   Issued low;
   do {
     static int number = 0;
-    low = issueCa("CN=Root " + std::to_string(number++));
+    low = issueCA("CN=Root " + std::to_string(number++));
   } while (nameHash(X509_get_subject_name(low.get())) >= 0x10000000U);
   const std::string full = hashName(low.get()).substr(0, 8);
   const std::string cut = full.substr(full.find_first_not_of('0'));
@@ -159,7 +159,7 @@ TEST_F(HashDir, UpperCaseAndShortKeys_AreFound) {
 }
 
 TEST_F(HashDir, RehashedDirectory_IsRead) {
-  const Issued other = issueCa("CN=Other");
+  const Issued other = issueCA("CN=Other");
   writeFile(directory / "root.pem", pem(root.get()));
   writeFile(directory / "other.pem", pem(other.get()));
   writeFile(directory / "root-crl.pem", pem(crl.get()));
@@ -181,7 +181,7 @@ TEST_F(HashDir, RehashedDirectory_IsRead) {
   }
 }
 
-TEST_F(HashDir, KeyOfTheOpensslCommand_IsRead) {
+TEST_F(HashDir, KeyOfTheOpenSSLCommand_IsRead) {
   const std::string key =
       runCommand({"openssl", "x509", "-hash", "-noout"}, pem(root.get())).out.substr(0, 8);
   const std::string crlKey =
@@ -198,7 +198,7 @@ TEST_F(HashDir, KeyOfTheOpensslCommand_IsRead) {
 TEST_F(HashDir, DirectoryThatDoesNotExist_IsEmpty) {
   HashDirLookupMethod nowhere((directory / "none").string());
   Certificates found;
-  Crls lists;
+  CRLs lists;
   nowhere.getBySubject(certificate->subject(), found);
   nowhere.getBySubject(certificate->subject(), lists);
   nowhere.getBySubject(uri, lists);
@@ -318,13 +318,13 @@ TEST_F(HashDir, MalformedFile_IsAnExceptionThatNamesIt) {
       "URI: http://example.test/root.crl\n-----BEGIN X509 CRL-----\nMIIB\n-----END X509 CRL-----\n",
   };
   const std::filesystem::path byName = directory / crlHashName(crl.get());
-  const std::filesystem::path byUri = directory / uriFile;
+  const std::filesystem::path byURI = directory / uriFile;
   for (const std::string& content : broken) {
     SCOPED_TRACE(content.substr(0, 60));
     writeFile(byName, content);
-    writeFile(byUri, content);
+    writeFile(byURI, content);
     expectNamed(byName, [&] { crls(certificate->subject()); });
-    expectNamed(byUri, [&] { crls(uri); });
+    expectNamed(byURI, [&] { crls(uri); });
   }
 }
 
@@ -389,7 +389,7 @@ TEST_F(HashDir, NullAddress_WritesNothing) {
 }
 
 TEST_F(HashDir, CertificateAddedAgain_ReplacesTheOldOneWhole) {
-  const Issued other = issueCa("CN=Other");
+  const Issued other = issueCA("CN=Other");
   const EmailAddress address("someone@example.test");
   const std::filesystem::path file = directory / (keyOf("someone@example.test") + ".0");
   method.add(address, certificate);
@@ -422,7 +422,7 @@ TEST_F(HashDir, EmptyCertificateAdded_ThrowsAndKeepsTheOldFile) {
 TEST_F(HashDir, DirectoryThatCannotBeWritten_IsAnException) {
   HashDirLookupMethod nowhere((directory / "none").string());
   EXPECT_THROW(nowhere.add(EmailAddress("someone@example.test"), certificate), Exception);
-  EXPECT_THROW(nowhere.add(uri, Crls{model(makeCrl({.issuer = &root}))}), Exception);
+  EXPECT_THROW(nowhere.add(uri, CRLs{model(makeCRL({.issuer = &root}))}), Exception);
   const Unprivileged rights;
   ASSERT_EQ(::chmod(directory.path().c_str(), 0500), 0);
   EXPECT_THROW(method.add(EmailAddress("someone@example.test"), certificate), Exception);
@@ -433,18 +433,18 @@ TEST_F(HashDir, DirectoryThatCannotBeWritten_IsAnException) {
 // --------------------------------------------------------------------------------------------- by
 // URI
 
-TEST_F(HashDir, CrlAddedForAUri_IsFoundByItsCanonicalForm) {
-  method.add(Uri("HTTP://Example.TEST:80/a/../root.crl"), Crls{model(makeCrl({.issuer = &root}))});
+TEST_F(HashDir, CRLAddedForAURI_IsFoundByItsCanonicalForm) {
+  method.add(Uri("HTTP://Example.TEST:80/a/../root.crl"), CRLs{model(makeCRL({.issuer = &root}))});
   EXPECT_EQ(filesIn(directory), (std::vector<std::string>{uriFile}));
   EXPECT_EQ(crls(uri), 1U);
   EXPECT_EQ(crls(Uri("http://EXAMPLE.test/b/../root.crl")), 1U);
   EXPECT_EQ(crls(Uri("http://example.test/other.crl")), 0U);
 }
 
-TEST_F(HashDir, CrlFile_BeginsWithItsUriAndExpiry) {
-  const auto made = makeCrl({.issuer = &root, .nextUpdate = When::at(4102444800)});
+TEST_F(HashDir, CRLFile_BeginsWithItsURIAndExpiry) {
+  const auto made = makeCRL({.issuer = &root, .nextUpdate = When::at(4102444800)});
   const std::string block = pem(made.get());
-  method.add(uri, Crls{CertificateRevocationListFactory::read(
+  method.add(uri, CRLs{CertificateRevocationListFactory::read(
                       Buffer(block.data(), static_cast<unsigned int>(block.size()), true))});
   EXPECT_EQ(readFile(directory / uriFile),
             "URI: http://example.test/root.crl\nExpires: 4102444800\n" + block);
@@ -452,31 +452,31 @@ TEST_F(HashDir, CrlFile_BeginsWithItsUriAndExpiry) {
             0);
 }
 
-TEST_F(HashDir, SeveralCrlsForOneUri_TheLastOneStays) {
-  Crls added;
+TEST_F(HashDir, SeveralCRLsForOneURI_TheLastOneStays) {
+  CRLs added;
   std::string last;
   for (int i = 0; i < 3; ++i) {
-    auto one = makeCrl({.issuer = &root, .number = Serial(i + 1)});
+    auto one = makeCRL({.issuer = &root, .number = Serial(i + 1)});
     last = der(one.get());
     added.push_back(model(std::move(one)));
   }
   method.add(uri, added);
   EXPECT_EQ(filesIn(directory), (std::vector<std::string>{uriFile}));
-  Crls out;
+  CRLs out;
   method.getBySubject(uri, out);
   ASSERT_EQ(out.size(), 1U);
   EXPECT_EQ(der(out.front()), last);
 }
 
-TEST_F(HashDir, NoCrlsForAUri_ChangeNothing) {
-  method.add(uri, Crls());
+TEST_F(HashDir, NoCRLsForAURI_ChangeNothing) {
+  method.add(uri, CRLs());
   EXPECT_TRUE(filesIn(directory).empty());
-  method.add(uri, Crls{model(makeCrl({.issuer = &root}))});
-  method.add(uri, Crls());
+  method.add(uri, CRLs{model(makeCRL({.issuer = &root}))});
+  method.add(uri, CRLs());
   EXPECT_EQ(crls(uri), 1U);
 }
 
-TEST_F(HashDir, FileThatNamesAnotherUri_IsPassedOver) {
+TEST_F(HashDir, FileThatNamesAnotherURI_IsPassedOver) {
   const struct {
     const char* head;
     std::size_t found;
@@ -500,22 +500,22 @@ TEST_F(HashDir, FileThatNamesAnotherUri_IsPassedOver) {
   }
 }
 
-TEST_F(HashDir, FileThatNamesAnotherUri_IsPassedOverBeforeItIsParsed) {
+TEST_F(HashDir, FileThatNamesAnotherURI_IsPassedOverBeforeItIsParsed) {
   writeFile(directory / uriFile, "URI: http://example.test/other.crl\ngarbage");
   EXPECT_EQ(crls(uri), 0U);
 }
 
-TEST_F(HashDir, FileThatNamesAUri_CountsForAQueryByIssuer) {
+TEST_F(HashDir, FileThatNamesAURI_CountsForAQueryByIssuer) {
   writeFile(directory / crlHashName(crl.get()),
             "URI: http://example.test/other.crl\n" + pem(crl.get()));
   EXPECT_EQ(crls(certificate->subject()), 1U);
 }
 
-TEST_F(HashDir, CrlOfAUriThatIsNotFresh_IsPassedOver) {
-  method.add(uri, Crls{model(makeCrl({.issuer = &root, .lastUpdate = -48h, .nextUpdate = -1h}))});
+TEST_F(HashDir, CRLOfAURIThatIsNotFresh_IsPassedOver) {
+  method.add(uri, CRLs{model(makeCRL({.issuer = &root, .lastUpdate = -48h, .nextUpdate = -1h}))});
   EXPECT_EQ(crls(uri), 0U);
 
-  method.add(uri, Crls{model(makeCrl({.issuer = &root, .nextUpdate = std::nullopt}))});
+  method.add(uri, CRLs{model(makeCRL({.issuer = &root, .nextUpdate = std::nullopt}))});
   EXPECT_EQ(crls(uri), 1U);
   const timespec old{std::time(nullptr) - 25L * 3600, 0};
   const timespec times[2] = {old, old};

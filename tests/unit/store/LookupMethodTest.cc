@@ -111,9 +111,9 @@ TEST(LookupMethod, Defaults_DoNothing) {
   EXPECT_TRUE(method.getByFingerPrint(Object::TypeCertificate, Buffer()).empty());
   EXPECT_TRUE(method.getByAlias(Object::TypeCertificate, Buffer()).empty());
 
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   std::list<RefCertificate> certificates{model(root)};
-  std::list<RefCertificateRevocationList> crls{modelCrl({.issuer = &root})};
+  std::list<RefCertificateRevocationList> crls{modelCRL({.issuer = &root})};
   method.getBySubject(model(root)->subject(), certificates);
   method.getBySubject(model(root)->subject(), crls);
   method.getByEmailAddress("", "someone@example.test", certificates);
@@ -161,7 +161,7 @@ TEST(LookupMethod, BaseRegistered_EveryQueryIsNotFoundAndLeavesTheRecord) {
   RefObjectStore store = emptyStore();
   store->add(base);
   X509_LOOKUP* const lookup = lookupIn(store, base);
-  const Issued other = issueCa("CN=Other");
+  const Issued other = issueCA("CN=Other");
   for (const Query& query : kQueries) {
     SCOPED_TRACE(query.name);
     for (const X509_LOOKUP_TYPE type : {X509_LU_X509, X509_LU_CRL}) {
@@ -212,7 +212,7 @@ TEST(LookupMethod, NegativeLength_IsNoBytes) {
 }
 
 TEST(LookupMethod, CertificateFound_IsHandedOutWithItsTypeAsTheResult) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Source source;
   source->answer = RefObject(model(root));
   RefObjectStore store = emptyStore();
@@ -227,9 +227,9 @@ TEST(LookupMethod, CertificateFound_IsHandedOutWithItsTypeAsTheResult) {
   }
 }
 
-TEST(LookupMethod, CrlFound_IsHandedOutWithItsTypeAsTheResult) {
-  const Issued root = issueCa("CN=Root");
-  const RefCertificateRevocationList crl = modelCrl({.issuer = &root});
+TEST(LookupMethod, CRLFound_IsHandedOutWithItsTypeAsTheResult) {
+  const Issued root = issueCA("CN=Root");
+  const RefCertificateRevocationList crl = modelCRL({.issuer = &root});
   const Source source;
   source->answer = RefObject(crl);
   RefObjectStore store = emptyStore();
@@ -245,9 +245,9 @@ TEST(LookupMethod, CrlFound_IsHandedOutWithItsTypeAsTheResult) {
 }
 
 TEST(LookupMethod, AnswersOfAnotherType_AreNotFoundAndLeaveTheRecord) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const RefObject certificate(model(root));
-  const RefObject crl(modelCrl({.issuer = &root}));
+  const RefObject crl(modelCRL({.issuer = &root}));
   const RefObject pair(modelPair(root));
   const RefObject nothing{RefCertificate()};
   const struct {
@@ -281,9 +281,9 @@ TEST(LookupMethod, AnswersOfAnotherType_AreNotFoundAndLeaveTheRecord) {
 }
 
 TEST(LookupMethod, WrongTypeAnswered_OpenSSLFindsNothing) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Source source;
-  source->answer = RefObject(modelCrl({.issuer = &root}));
+  source->answer = RefObject(modelCRL({.issuer = &root}));
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   const Owned<X509_STORE_CTX> context = contextOf(store);
@@ -295,7 +295,7 @@ TEST(LookupMethod, WrongTypeAnswered_OpenSSLFindsNothing) {
 
 TEST(LookupMethod, NoRecordToFill_IsNotFound) {
   const Source source;
-  source->answer = RefObject(model(issueCa("CN=Root")));
+  source->answer = RefObject(model(issueCA("CN=Root")));
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   EXPECT_EQ(LookupMethod::s_get_by_subject(lookupIn(store, source.handle), X509_LU_X509, someName(),
@@ -304,8 +304,8 @@ TEST(LookupMethod, NoRecordToFill_IsNotFound) {
 }
 
 TEST(LookupMethod, RecordUsedAgain_IsOverwrittenLikeOpenSSLsOwnLookupsDo) {
-  const Issued root = issueCa("CN=Root");
-  const Issued other = issueCa("CN=Other");
+  const Issued root = issueCA("CN=Root");
+  const Issued other = issueCA("CN=Other");
   const Source source;
   RefObjectStore store = emptyStore();
   store->add(source.handle);
@@ -318,7 +318,7 @@ TEST(LookupMethod, RecordUsedAgain_IsOverwrittenLikeOpenSSLsOwnLookupsDo) {
     source->answer = RefObject(model(other));
     ASSERT_EQ(X509_LOOKUP_by_subject(lookup, X509_LU_X509, someName(), record), 1);
     EXPECT_EQ(record.certificate(), other.get());
-    source->answer = RefObject(modelCrl({.issuer = &root}));
+    source->answer = RefObject(modelCRL({.issuer = &root}));
     ASSERT_EQ(X509_LOOKUP_by_subject(lookup, X509_LU_CRL, someName(), record), 2);
   }
 }
@@ -327,7 +327,7 @@ TEST(LookupMethod, RecordUsedAgain_IsOverwrittenLikeOpenSSLsOwnLookupsDo) {
 
 TEST(LookupMethod, CertificateFoundThroughAContext_IsFreedWithItsLastOwner) {
   Events events;
-  Owned<X509> x509 = issueCa("C=DE,CN=Some CA").reference();
+  Owned<X509> x509 = issueCA("C=DE,CN=Some CA").reference();
   X509* const pointer = x509.get();
   const CertificateWatch watch(pointer, events, "freed");
   Source source;
@@ -353,12 +353,12 @@ TEST(LookupMethod, CertificateFoundThroughAContext_IsFreedWithItsLastOwner) {
   EXPECT_TRUE(watch.freed()) << "a reference was left over";
 }
 
-TEST(LookupMethod, CrlFoundThroughAContext_IsFreedWithItsLastOwner) {
-  const CrlWatch watch;
-  const Issued root = issueCa("C=DE,CN=Some CA");
-  Owned<X509_CRL> made = makeCrl({.issuer = &root});
+TEST(LookupMethod, CRLFoundThroughAContext_IsFreedWithItsLastOwner) {
+  const CRLWatch watch;
+  const Issued root = issueCA("C=DE,CN=Some CA");
+  Owned<X509_CRL> made = makeCRL({.issuer = &root});
   X509_CRL* const pointer = made.get();
-  CrlWatch::freed() = 0;
+  CRLWatch::freed() = 0;
   Source source;
   source->answer = RefObject(model(std::move(made)));
   RefObjectStore store = emptyStore();
@@ -373,29 +373,29 @@ TEST(LookupMethod, CrlFoundThroughAContext_IsFreedWithItsLastOwner) {
     }
   }
   source->answer = RefObject();
-  EXPECT_EQ(CrlWatch::freed(), 0);
+  EXPECT_EQ(CRLWatch::freed(), 0);
   store = RefObjectStore();
-  EXPECT_EQ(CrlWatch::freed(), 1);
+  EXPECT_EQ(CRLWatch::freed(), 1);
 }
 
 TEST(LookupMethod, DirectQueries_HandOutBorrowedObjects) {
   for (const Query& query : kQueries) {
     SCOPED_TRACE(query.name);
     Events events;
-    Owned<X509> x509 = issueCa("CN=Root").reference();
+    Owned<X509> x509 = issueCA("CN=Root").reference();
     const CertificateWatch watch(x509.get(), events, "freed");
-    const CrlWatch crlWatch;
-    const Issued root = issueCa("CN=Root");
+    const CRLWatch crlWatch;
+    const Issued root = issueCA("CN=Root");
     const RefObject certificate(CertificateFactory()(x509.release(), true));
-    const RefObject crl(modelCrl({.issuer = &root}));
-    CrlWatch::freed() = 0;
+    const RefObject crl(modelCRL({.issuer = &root}));
+    CRLWatch::freed() = 0;
 
     Source source;
     RefObjectStore store = emptyStore();
     store->add(source.handle);
     {
       const RefObject keptCertificate(certificate);
-      const RefObject keptCrl(crl);
+      const RefObject keptCRL(crl);
       for (int round = 0; round < 3; ++round) {
         const Record record;
         source->answer = certificate;
@@ -414,12 +414,12 @@ TEST(LookupMethod, DirectQueries_HandOutBorrowedObjects) {
     const_cast<RefObject&>(certificate) = RefObject();
     const_cast<RefObject&>(crl) = RefObject();
     EXPECT_TRUE(watch.freed()) << "a reference was left over";
-    EXPECT_EQ(CrlWatch::freed(), 1) << "a reference was left over";
+    EXPECT_EQ(CRLWatch::freed(), 1) << "a reference was left over";
   }
 }
 
 TEST(LookupMethod, MethodThatKeepsNothing_ItsAnswersOutliveTheCall) {
-  const std::string bytes = der(issueCa("C=DE,CN=Some CA").get());
+  const std::string bytes = der(issueCA("C=DE,CN=Some CA").get());
   Source source;
   source->makeAnswer = [&] {
     return RefObject(CertificateFactory()(certFromDer(bytes).release(), true));
@@ -436,8 +436,8 @@ TEST(LookupMethod, MethodThatKeepsNothing_ItsAnswersOutliveTheCall) {
 }
 
 TEST(LookupMethod, MethodAsksItsOwnLookupWhileItAnswers_BothAnswersHold) {
-  const Issued outer = issueCa("CN=Outer");
-  const Issued inner = issueCa("CN=Inner");
+  const Issued outer = issueCA("CN=Outer");
+  const Issued inner = issueCA("CN=Inner");
   Source source;
   RefObjectStore store = emptyStore();
   store->add(source.handle);
@@ -476,7 +476,7 @@ TEST(LookupMethod, NullLookup_IsAnsweredWithNothing) {
 TEST(LookupMethod, TableRegisteredByHand_AnswersNotFound) {
   Events events;
   const Source source("Fake", &events);
-  source->answer = RefObject(model(issueCa("CN=Root")));
+  source->answer = RefObject(model(issueCA("CN=Root")));
   source->result = 1;
   {
     const Owned<X509_STORE> plain(X509_STORE_new());
@@ -494,7 +494,7 @@ TEST(LookupMethod, TableRegisteredByHand_AnswersNotFound) {
 }
 
 TEST(LookupMethod, TableRegisteredByHandInAStore_AnswersOnceTheStoreKnowsTheMethod) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Source source;
   source->answer = RefObject(model(root));
   RefObjectStore store = emptyStore();
@@ -512,7 +512,7 @@ TEST(LookupMethod, TableRegisteredByHandInAStore_AnswersOnceTheStoreKnowsTheMeth
 
 TEST(LookupMethod, OneMethodInSeveralStores_AnswersInEach) {
   Events events;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Source source("Fake", &events);
   source->answer = RefObject(model(root));
   RefObjectStore first = emptyStore();
@@ -537,8 +537,8 @@ TEST(LookupMethod, OneMethodInSeveralStores_AnswersInEach) {
 }
 
 TEST(LookupMethod, SeveralMethodsInOneStore_EachLookupLeadsToItsOwn) {
-  const Issued a = issueCa("CN=A");
-  const Issued b = issueCa("CN=B");
+  const Issued a = issueCA("CN=A");
+  const Issued b = issueCA("CN=B");
   const Source first("Same name");
   const Source second("Same name");
   first->answer = RefObject(model(a));
@@ -603,7 +603,7 @@ TEST(LookupMethod, Attached_IsInitializedOncePerLookup) {
 }
 
 TEST(LookupMethod, InitializeFails_TheMethodIsAttachedAllTheSame) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   for (const int result : {-1, 0, 1}) {
     const Source source;
     source->result = result;
@@ -620,7 +620,7 @@ TEST(LookupMethod, InitializeFails_TheMethodIsAttachedAllTheSame) {
 
 TEST(LookupMethod, InitializeThrows_TheCallerSeesItAndTheMethodStaysAttached) {
   Events events;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Source source("Fake", &events);
   source->throwOn = "initialize";
   source->answer = RefObject(model(root));
@@ -748,7 +748,7 @@ TEST(LookupMethod, MethodDiesBeforeTheStoreItPointsTo_NothingIsLeft) {
 // --------------------------------------------------------------------------------------- lifetimes
 
 TEST(LookupMethod, CallersHandleIsGone_TheStoreStillAsks) {
-  const Issued root = issueCa("C=DE,CN=Some CA");
+  const Issued root = issueCA("C=DE,CN=Some CA");
   RefObjectStore store = emptyStore();
   {
     Source source;
@@ -764,7 +764,7 @@ TEST(LookupMethod, CallersHandleIsGone_TheStoreStillAsks) {
 
 TEST(LookupMethod, OpenSSLStoreOutlivesTheObjectStore_TheMethodStillAnswers) {
   Events events;
-  const Issued root = issueCa("C=DE,CN=Some CA");
+  const Issued root = issueCA("C=DE,CN=Some CA");
   Owned<X509_STORE> kept;
   {
     RefObjectStore store = emptyStore();
@@ -792,7 +792,7 @@ TEST(LookupMethod, OpenSSLStoreOutlivesTheObjectStore_TheMethodStillAnswers) {
 
 TEST(LookupMethod, QueryThrowsOutsideAVerification_PassesUnchanged) {
   const Source source;
-  source->answer = RefObject(model(issueCa("CN=Root")));
+  source->answer = RefObject(model(issueCA("CN=Root")));
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   X509_LOOKUP* const lookup = lookupIn(store, source.handle);
@@ -821,7 +821,7 @@ TEST(LookupMethod, QueryThrowsOutsideAVerification_PassesUnchanged) {
 TEST(LookupMethod, QueryThrowsInAVerification_IsParkedAndNothingMoreIsAsked) {
   Events events;
   const Source source("Fake", &events);
-  source->answer = RefObject(model(issueCa("CN=Root")));
+  source->answer = RefObject(model(issueCA("CN=Root")));
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   X509_LOOKUP* const lookup = lookupIn(store, source.handle);

@@ -22,8 +22,8 @@ inline Crypto::PKX509::RefCertificateRevocationList model(Owned<X509_CRL> crl) {
   return Crypto::PKX509::CertificateRevocationListFactory()(crl.release(), true);
 }
 
-inline Crypto::PKX509::RefCertificateRevocationList modelCrl(const CrlOptions& options) {
-  return model(makeCrl(options));
+inline Crypto::PKX509::RefCertificateRevocationList modelCRL(const CRLOptions& options) {
+  return model(makeCRL(options));
 }
 
 inline Crypto::PKX509::DistinguishedName modelName(const std::string& text) {

@@ -17,8 +17,8 @@ static_assert(!std::is_copy_constructible_v<ObjectKeyStorePlugin>);
 
 class ObjectKeyStorePluginTest : public testing::Test {
  protected:
-  const Issued root = issueCa("CN=Root");
-  const Issued other = issueCa("CN=Other Root");
+  const Issued root = issueCA("CN=Root");
+  const Issued other = issueCA("CN=Other Root");
   const EmailAddress address{"alice@example.com"};
   RefObjectStore store{"/nonexistent", X509_FILETYPE_PEM};
 
@@ -75,9 +75,9 @@ TEST_F(ObjectKeyStorePluginTest, TwoOfTheSameIssuerAndSerialNumber_FirstAddedIsF
   }
 }
 
-TEST_F(ObjectKeyStorePluginTest, CrlsAndCrossCertificatePairs_ArePassedOver) {
+TEST_F(ObjectKeyStorePluginTest, CRLsAndCrossCertificatePairs_ArePassedOver) {
   const RefCertificate wanted = issued("CN=A", root, 1);
-  store->add(RefObject(modelCrl({.issuer = &root})));
+  store->add(RefObject(modelCRL({.issuer = &root})));
   store->add(RefObject(modelPair(root)));
   store->add(RefObject(RefCertificate()));
   ObjectKeyStorePlugin keys(store);
@@ -133,7 +133,7 @@ TEST_F(ObjectKeyStorePluginTest, StoreLives_AsLongAsThePlugIn) {
 }
 
 TEST(ObjectKeyStorePluginDeathTest, EmptyObjectInTheList_StopsTheProcessWhenTheSearchMeetsIt) {
-  const RefCertificate root = model(issueCa("CN=Root"));
+  const RefCertificate root = model(issueCA("CN=Root"));
   RefObjectStore store("/nonexistent", X509_FILETYPE_PEM);
   store->add(RefObject(root));
   store->add(RefObject());

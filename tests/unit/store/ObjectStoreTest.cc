@@ -24,7 +24,7 @@ constexpr unsigned int kNameOnly = 32;
 constexpr unsigned int kNameAndKey = 36;
 
 using Certificates = std::list<RefCertificate>;
-using Crls = std::list<RefCertificateRevocationList>;
+using CRLs = std::list<RefCertificateRevocationList>;
 
 RefObjectStore emptyStore() { return RefObjectStore("/nonexistent", X509_FILETYPE_PEM); }
 
@@ -61,7 +61,7 @@ TEST(ObjectStore, DirectoryDoesNotExist_IsAnEmptyOne) {
   EXPECT_EQ(store->native(), static_cast<x509_store_st*>(store));
   EXPECT_TRUE(store->methods().empty());
   EXPECT_TRUE(store->objects().empty());
-  EXPECT_EQ(foundByOpenSSL(store, issueCa("CN=Root").get()), nullptr);
+  EXPECT_EQ(foundByOpenSSL(store, issueCA("CN=Root").get()), nullptr);
   EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
@@ -74,7 +74,7 @@ TEST(ObjectStore, DirectoryCannotBeAttached_TheStoreIsMadeAllTheSame) {
 }
 
 TEST(ObjectStore, Directory_IsOpenSSLsHashDirectory) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const TempDir directory;
   addToDirectory(directory.path(), root.get());
   RefObjectStore store(directory.string(), X509_FILETYPE_PEM);
@@ -85,7 +85,7 @@ TEST(ObjectStore, Directory_IsOpenSSLsHashDirectory) {
 }
 
 TEST(ObjectStore, FileType_IsHandedToOpenSSL) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const TempDir directory;
   writeFile(directory / hashName(root.get()), der(root.get()));
   EXPECT_EQ(foundByOpenSSL(RefObjectStore(directory.string(), X509_FILETYPE_PEM), root.get()),
@@ -96,7 +96,7 @@ TEST(ObjectStore, FileType_IsHandedToOpenSSL) {
 }
 
 TEST(ObjectStore, MoreDirectories_AreAttachedWithOpenSSLsResult) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const TempDir directory;
   addToDirectory(directory.path(), root.get());
   RefObjectStore store = emptyStore();
@@ -106,8 +106,8 @@ TEST(ObjectStore, MoreDirectories_AreAttachedWithOpenSSLsResult) {
 }
 
 TEST(ObjectStore, Objects_AreListedInOrderAndUnknownToOpenSSL) {
-  const Issued a = issueCa("CN=A");
-  const Issued b = issueCa("CN=B");
+  const Issued a = issueCA("CN=A");
+  const Issued b = issueCA("CN=B");
   const RefObject first(model(a));
   RefObjectStore store = emptyStore();
   store->add(first);
@@ -130,24 +130,24 @@ TEST(ObjectStore, MethodAddedTwice_IsOneLookupAndTwoEntries) {
   ASSERT_EQ(store->methods().size(), 2U);
   EXPECT_EQ(store->methods().front(), source.handle);
   EXPECT_EQ(store->methods().back(), source.handle);
-  EXPECT_EQ(foundByOpenSSL(store, issueCa("CN=Root").get()), nullptr);
+  EXPECT_EQ(foundByOpenSSL(store, issueCA("CN=Root").get()), nullptr);
   EXPECT_EQ(events, (Events{"initialize", "subject 1 CN=Root"}));
 }
 
 // ------------------------------------------------------------------------------------------- clone
 
 TEST(ObjectStore, Clone_SharesMethodsAndDirectoryButNoObjects) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const TempDir directory;
   addToDirectory(directory.path(), root.get());
   const Source first("First");
   const Source second("Second");
-  first->crls = {modelCrl({.issuer = &root})};
+  first->crls = {modelCRL({.issuer = &root})};
   RefObjectStore store(directory.string(), X509_FILETYPE_PEM);
   store->add(first.handle);
   store->add(second.handle);
   store->add(first.handle);
-  Crls crls;
+  CRLs crls;
   store->find(model(root)->subject(), crls);
   ASSERT_EQ(store->objects().size(), 2U);
 
@@ -160,12 +160,12 @@ TEST(ObjectStore, Clone_SharesMethodsAndDirectoryButNoObjects) {
 
   EXPECT_NE(foundByOpenSSL(clone, root.get()), nullptr);
   unsigned int score = 0;
-  const Crls one{modelCrl({.issuer = &root})};
+  const CRLs one{modelCRL({.issuer = &root})};
   EXPECT_FALSE(clone->findIssuer(one.front(), score).empty()) << "the directory's name was lost";
 }
 
 TEST(ObjectStore, Clone_KeepsTheFileType) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const TempDir directory;
   writeFile(directory / hashName(root.get()), der(root.get()));
   const RefObjectStore store(directory.string(), X509_FILETYPE_ASN1);
@@ -188,8 +188,8 @@ TEST(ObjectStore, Clone_InitializesItsOwnLookups) {
 
 TEST(ObjectStore, FindCertificates_AsksTheMethodsInOrderAndKeepsDuplicates) {
   Events events;
-  const Issued a = issueCa("CN=A");
-  const Issued b = issueCa("CN=B");
+  const Issued a = issueCA("CN=A");
+  const Issued b = issueCA("CN=B");
   const Source first("First", &events);
   const Source second("Second", &events);
   first->certificates = {model(b), model(a)};
@@ -212,19 +212,19 @@ TEST(ObjectStore, FindCertificates_AsksTheMethodsInOrderAndKeepsDuplicates) {
   EXPECT_EQ(store->objects().size(), 1U);
 }
 
-TEST(ObjectStore, FindCrls_CachesEveryOneEveryTime) {
+TEST(ObjectStore, FindCRLs_CachesEveryOneEveryTime) {
   Events events;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Source first("First", &events);
   const Source second("Second", &events);
-  first->crls = {modelCrl({.issuer = &root}), modelCrl({.issuer = &root})};
+  first->crls = {modelCRL({.issuer = &root}), modelCRL({.issuer = &root})};
   second->crls = {first->crls.front()};
   RefObjectStore store = emptyStore();
   store->add(first.handle);
   store->add(second.handle);
   events.clear();
 
-  Crls out{modelCrl({.issuer = &root})};
+  CRLs out{modelCRL({.issuer = &root})};
   store->find(modelName("CN=Root"), out);
   EXPECT_EQ(events, (Events{"First: crls CN=Root", "Second: crls CN=Root"}));
   EXPECT_EQ(second->handed, 0U) << "a method gets a list of its own";
@@ -244,17 +244,17 @@ TEST(ObjectStore, FindCrls_CachesEveryOneEveryTime) {
 }
 
 TEST(ObjectStore, FindThrows_WhatWasFoundBeforeStays) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Source first("First");
   const Source second("Second");
-  first->crls = {modelCrl({.issuer = &root})};
+  first->crls = {modelCRL({.issuer = &root})};
   first->certificates = {model(root)};
   RefObjectStore store = emptyStore();
   store->add(first.handle);
   store->add(second.handle);
 
   second->throwOn = "crls";
-  Crls crls;
+  CRLs crls;
   EXPECT_THROW(store->find(modelName("CN=Root"), crls), FakeMethod::Failure);
   EXPECT_EQ(crls.size(), 1U);
   EXPECT_EQ(store->objects().size(), 1U);
@@ -265,26 +265,26 @@ TEST(ObjectStore, FindThrows_WhatWasFoundBeforeStays) {
   EXPECT_EQ(certificates.size(), 1U);
 
   unsigned int score = kUntouched;
-  const Issued other = issueCa("CN=Other");
-  EXPECT_THROW(store->findIssuer(modelCrl({.issuer = &other}), score), FakeMethod::Failure);
+  const Issued other = issueCA("CN=Other");
+  EXPECT_THROW(store->findIssuer(modelCRL({.issuer = &other}), score), FakeMethod::Failure);
 }
 
-TEST(ObjectStore, FindByNullUri_DoesNothing) {
-  const Issued root = issueCa("CN=Root");
+TEST(ObjectStore, FindByNullURI_DoesNothing) {
+  const Issued root = issueCA("CN=Root");
   const LogCapture log;
   RefObjectStore store = emptyStore();
-  Crls out{modelCrl({.issuer = &root})};
+  CRLs out{modelCRL({.issuer = &root})};
   store->find(Uri(), out);
   EXPECT_EQ(out.size(), 1U);
   EXPECT_TRUE(store->objects().empty());
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST(ObjectStore, FindByUri_CachesWhatTheListHeldBefore) {
-  const Issued root = issueCa("CN=Root");
+TEST(ObjectStore, FindByURI_CachesWhatTheListHeldBefore) {
+  const Issued root = issueCA("CN=Root");
   const LogCapture log;
   RefObjectStore store = emptyStore();
-  Crls out{modelCrl({.issuer = &root}), modelCrl({.issuer = &root})};
+  CRLs out{modelCRL({.issuer = &root}), modelCRL({.issuer = &root})};
   const std::vector<CertificateRevocationList*> before = pointers(out);
   store->find(Uri("ldap://example.test/ca.crl"), out);
   EXPECT_EQ(pointers(out), before);
@@ -294,7 +294,7 @@ TEST(ObjectStore, FindByUri_CachesWhatTheListHeldBefore) {
   EXPECT_EQ(log.text(), "");  // a list that holds something ends the look-up
 }
 
-TEST(ObjectStore, FindByGeneralName_TakesDirectoryNamesAndUris) {
+TEST(ObjectStore, FindByGeneralName_TakesDirectoryNamesAndURIs) {
   const struct {
     const char* name;
     std::vector<std::string> names;
@@ -313,7 +313,7 @@ TEST(ObjectStore, FindByGeneralName_TakesDirectoryNamesAndUris) {
     const Source source;
     RefObjectStore store = emptyStore();
     store->add(source.handle);
-    Crls out;
+    CRLs out;
     store->find(GeneralName(makeGeneralName(row.name).get()), out);
     EXPECT_EQ(texts(source->names), row.names);
     EXPECT_EQ(log.contains("ldap://example.test/ca.crl"), row.uri);
@@ -336,7 +336,7 @@ class FindByDistributionPoint : public testing::TestWithParam<PointRow> {};
 TEST_P(FindByDistributionPoint, AsksFor) {
   const PointRow& row = GetParam();
   const LogCapture log;
-  const Issued ca = issueCa("CN=CA");
+  const Issued ca = issueCA("CN=CA");
   const RefCertificate certificate = model(issue({.subject = "CN=Leaf",
                                                   .issuer = &ca,
                                                   .issuerName = row.issuer,
@@ -348,14 +348,14 @@ TEST_P(FindByDistributionPoint, AsksFor) {
   store->add(source.handle);
 
   // A scheme that is not fetched leaves a line, as long as nothing has been found.
-  Crls out;
+  CRLs out;
   store->find(certificate, points.front(), out);
   EXPECT_EQ(texts(source->names), row.names);
   EXPECT_TRUE(out.empty());
   EXPECT_EQ(log.lines().size(), row.uris.size()) << log.text();
   for (const std::string& uri : row.uris) EXPECT_TRUE(log.contains(uri)) << log.text();
 
-  source->crls = {modelCrl({.issuer = &ca})};
+  source->crls = {modelCRL({.issuer = &ca})};
   out = source->crls;
   store->find(certificate, points.front(), out);
   EXPECT_EQ(out.size(), 1 + row.names.size());
@@ -416,19 +416,19 @@ TEST(ObjectStore, FindByEmptyDistributionPoint_DoesNothing) {
   const Source source;
   RefObjectStore store = emptyStore();
   store->add(source.handle);
-  Crls out;
+  CRLs out;
   store->find(RefCertificate(), RefCRLDistributionPoint(), out);
   EXPECT_TRUE(source->names.empty());
 }
 
 TEST(ObjectStore, RelativeName_IsAskedForByItsParsedForm) {
-  const Issued ca = issueCa("C=US,O=Example");
+  const Issued ca = issueCA("C=US,O=Example");
   const RefCertificate certificate = certificateWith({.relativeName = "CN=CRL1"}, ca);
   ASSERT_EQ(certificate->issuer().asString(), "O=Example,C=US");
   const Source source;
   RefObjectStore store = emptyStore();
   store->add(source.handle);
-  Crls out;
+  CRLs out;
   store->find(certificate, certificate->crlDistributionPoints().front(), out);
   ASSERT_EQ(source->names.size(), 1U);
   EXPECT_EQ(source->names.front(), DistinguishedName("CN=CRL1,O=Example,C=US"));
@@ -437,7 +437,7 @@ TEST(ObjectStore, RelativeName_IsAskedForByItsParsedForm) {
 
 TEST(ObjectStore, RelativeNameThatMakesNoName_IsNotAskedForUnderTheCertificatesIssuer) {
   // An issuer without any RDN leaves "CN=CRL1," behind, which is no name.
-  const Issued ca = issueCa("CN=CA");
+  const Issued ca = issueCA("CN=CA");
   Owned<X509> nameless(X509_dup(issue({.subject = "CN=Leaf",
                                        .issuer = &ca,
                                        .crlDistributionPoints = {{.relativeName = "CN=CRL1"}}})
@@ -448,13 +448,13 @@ TEST(ObjectStore, RelativeNameThatMakesNoName_IsNotAskedForUnderTheCertificatesI
   const Source source;
   RefObjectStore store = emptyStore();
   store->add(source.handle);
-  Crls out;
+  CRLs out;
   store->find(certificate, certificate->crlDistributionPoints().front(), out);
   EXPECT_TRUE(source->names.empty());
 }
 
-TEST(ObjectStore, RelativeNameThatMakesNoName_IsAskedForUnderACrlIssuer) {
-  const Issued ca = issueCa("CN=CA");
+TEST(ObjectStore, RelativeNameThatMakesNoName_IsAskedForUnderACRLIssuer) {
+  const Issued ca = issueCA("CN=CA");
   const Owned<DIST_POINT> native(DIST_POINT_new());
   native->distpoint = DIST_POINT_NAME_new();
   native->distpoint->type = 1;
@@ -471,7 +471,7 @@ TEST(ObjectStore, RelativeNameThatMakesNoName_IsAskedForUnderACrlIssuer) {
   const Source source;
   RefObjectStore store = emptyStore();
   store->add(source.handle);
-  Crls out;
+  CRLs out;
   store->find(model(ca), RefCRLDistributionPoint(native.get()), out);
   ASSERT_EQ(source->names.size(), 1U);
   EXPECT_TRUE(source->names.front().empty());
@@ -492,10 +492,10 @@ struct CandidateRow {
 class FindIssuer : public testing::TestWithParam<CandidateRow> {
  protected:
   /// A CRL of CN=CA by the candidate's key, so that the right key identifier is the candidate's.
-  static Crls crlFor(const CandidateRow& row, Issued& candidate) {
+  static CRLs crlFor(const CandidateRow& row, Issued& candidate) {
     candidate = issue(row.candidate);
     const Issued signer = issue({.subject = "CN=CA", .ca = true, .key = candidate.key});
-    return {modelCrl({.issuer = &signer, .authorityKeyId = row.crlKeyId})};
+    return {modelCRL({.issuer = &signer, .authorityKeyId = row.crlKeyId})};
   }
 };
 
@@ -549,7 +549,7 @@ const CandidateRow kCandidateRows[] = {
 
 TEST_P(FindIssuer, AmongTheObjects) {
   Issued candidate;
-  const Crls crl = crlFor(GetParam(), candidate);
+  const CRLs crl = crlFor(GetParam(), candidate);
   RefObjectStore store = emptyStore();
   store->add(Certificates{model(candidate)});
   unsigned int score = kUntouched;
@@ -561,7 +561,7 @@ TEST_P(FindIssuer, AmongTheObjects) {
 
 TEST_P(FindIssuer, InTheDirectory) {
   Issued candidate;
-  const Crls crl = crlFor(GetParam(), candidate);
+  const CRLs crl = crlFor(GetParam(), candidate);
   const TempDir directory;
   addToDirectory(directory.path(), candidate.get());
   RefObjectStore store(directory.string(), X509_FILETYPE_PEM);
@@ -574,7 +574,7 @@ TEST_P(FindIssuer, InTheDirectory) {
 
 TEST_P(FindIssuer, FromAMethod) {
   Issued candidate;
-  const Crls crl = crlFor(GetParam(), candidate);
+  const CRLs crl = crlFor(GetParam(), candidate);
   const Source source;
   source->certificates = {model(candidate)};
   RefObjectStore store = emptyStore();
@@ -589,7 +589,7 @@ TEST_P(FindIssuer, FromAMethod) {
 INSTANTIATE_TEST_SUITE_P(ObjectStore, FindIssuer, testing::ValuesIn(kCandidateRows),
                          [](const auto& row) { return testName(row.param.name); });
 
-TEST(ObjectStore, FindIssuerOfNoCrl_IsEmptyAndLeavesTheScore) {
+TEST(ObjectStore, FindIssuerOfNoCRL_IsEmptyAndLeavesTheScore) {
   Events events;
   const Source source("Fake", &events);
   RefObjectStore store = emptyStore();
@@ -605,9 +605,9 @@ TEST(ObjectStore, FindIssuerOfNoCrl_IsEmptyAndLeavesTheScore) {
 class FindIssuerOrder : public testing::Test {
  protected:
   Issued make() const { return issue({.subject = "CN=CA", .ca = true, .key = key}); }
-  Crls crl() const {
+  CRLs crl() const {
     const Issued signer = make();
-    return {modelCrl({.issuer = &signer})};
+    return {modelCRL({.issuer = &signer})};
   }
 
   std::shared_ptr<EVP_PKEY> key = makeKey();
@@ -624,7 +624,7 @@ TEST_F(FindIssuerOrder, Object_BeatsDirectoryAndMethods) {
   source->certificates = {model(make())};
   store->add(source.handle);
   events.clear();
-  store->add(RefObject(model(issueCa("CN=Other"))));
+  store->add(RefObject(model(issueCA("CN=Other"))));
   store->add(RefObject(modelPair(object)));
   store->add(RefObject(crl().front()));
   store->add(RefObject(model(object)));
@@ -649,7 +649,7 @@ TEST_F(FindIssuerOrder, Directory_BeatsMethods) {
 
 TEST_F(FindIssuerOrder, Methods_ComeLast) {
   const Issued fromMethod = make();
-  source->certificates = {model(issueCa("CN=Other")), model(fromMethod), model(make())};
+  source->certificates = {model(issueCA("CN=Other")), model(fromMethod), model(make())};
   store->add(source.handle);
   events.clear();
   EXPECT_EQ(static_cast<X509*>(store->findIssuer(crl().front(), score)), fromMethod.get());
@@ -657,7 +657,7 @@ TEST_F(FindIssuerOrder, Methods_ComeLast) {
 }
 
 TEST_F(FindIssuerOrder, Directory_AllCertificatesOfTheNameAreCandidates) {
-  const Issued wrong = issueCa("CN=CA");
+  const Issued wrong = issueCA("CN=CA");
   const Issued right = make();
   addToDirectory(directory.path(), wrong.get());
   addToDirectory(directory.path(), right.get());
@@ -695,7 +695,7 @@ TEST_F(FindIssuerOrder, Reference_StaysValidWhileTheStoreGrows) {
   const RefCertificate& issuer = store->findIssuer(crl().front(), score);
   X509* const before = issuer;
   for (int i = 0; i < 100; ++i) {
-    Crls out;
+    CRLs out;
     store->find(modelName("CN=CA"), out);
   }
   EXPECT_EQ(static_cast<X509*>(issuer), before);
@@ -705,8 +705,8 @@ TEST_F(FindIssuerOrder, Reference_StaysValidWhileTheStoreGrows) {
 TEST_F(FindIssuerOrder, NothingFound_TheScoreIsTheLastNamesakes) {
   const Issued mayNotSign =
       issue({.subject = "CN=CA", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = key});
-  const Issued wrongKey = issueCa("CN=CA");
-  const Issued other = issueCa("CN=Other");
+  const Issued wrongKey = issueCA("CN=CA");
+  const Issued other = issueCA("CN=Other");
   {
     RefObjectStore one = emptyStore();
     one->add(Certificates{model(wrongKey), model(mayNotSign), model(other)});
@@ -739,20 +739,20 @@ TEST_F(FindIssuerOrder, BrokenFileInTheDirectory_IsAnExceptionThatNamesIt) {
 // --------------------------------------------------------------------------- bounds of a
 // verification
 
-TEST(ObjectStore, CrlLookupsOfOneVerification_EndWithTheLimit) {
+TEST(ObjectStore, CRLLookupsOfOneVerification_EndWithTheLimit) {
   const LogCapture log;
   Events events;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Source first("First", &events);
   const Source second("Second", &events);
-  first->crls = {modelCrl({.issuer = &root})};
+  first->crls = {modelCRL({.issuer = &root})};
   RefObjectStore store = emptyStore();
   store->add(first.handle);
   store->add(second.handle);
   events.clear();
   {
     const VerificationRun run(static_cast<const X509*>(nullptr));
-    Crls out;
+    CRLs out;
     for (int i = 0; i < 200; ++i) store->find(modelName("CN=Root"), out);
     EXPECT_EQ(events.size(), 256U) << "one for each name and source";
     EXPECT_EQ(out.size(), 128U);
@@ -762,7 +762,7 @@ TEST(ObjectStore, CrlLookupsOfOneVerification_EndWithTheLimit) {
     EXPECT_EQ(events.size(), 258U) << "certificates are not limited";
   }
   events.clear();
-  Crls out;
+  CRLs out;
   store->find(modelName("CN=Root"), out);
   EXPECT_EQ(events.size(), 2U) << "outside a verification nothing is counted";
 }
@@ -784,7 +784,7 @@ TEST(ObjectStore, LastHandle_DestroysTheStoreOnce) {
 
 TEST(ObjectStore, Destroyed_LookupsThenObjectsThenMethods) {
   Events events;
-  Owned<X509> x509 = issueCa("CN=Root").reference();
+  Owned<X509> x509 = issueCA("CN=Root").reference();
   const CertificateWatch watch(x509.get(), events, "object freed");
   RefObjectStore store = emptyStore();
   store->add(Source("Fake", &events).handle);
@@ -805,13 +805,13 @@ TEST(ObjectStoreDeathTest, EmptyHandleAsOpenSSLStore_StopsTheProcess) {
 }
 
 TEST(ObjectStoreDeathTest, EmptyMethodInTheList_StopsTheProcessAtTheNextQuery) {
-  const Issued root = issueCa("CN=Root");
-  const Crls crl{modelCrl({.issuer = &root})};
+  const Issued root = issueCA("CN=Root");
+  const CRLs crl{modelCRL({.issuer = &root})};
   RefObjectStore store = emptyStore();
   store->add(RefLookupMethod());
   ASSERT_EQ(store->methods().size(), 1U);
   Certificates certificates;
-  Crls crls;
+  CRLs crls;
   unsigned int score = 0;
   EXPECT_DEATH(store->find(modelName("CN=Root"), certificates), "Assertion `px != 0' failed");
   EXPECT_DEATH(store->find(modelName("CN=Root"), crls), "Assertion `px != 0' failed");
@@ -819,8 +819,8 @@ TEST(ObjectStoreDeathTest, EmptyMethodInTheList_StopsTheProcessAtTheNextQuery) {
 }
 
 TEST(ObjectStoreDeathTest, EmptyObjectInTheList_StopsTheProcessWhenASearchMeetsIt) {
-  const Issued root = issueCa("CN=Root");
-  const Crls crl{modelCrl({.issuer = &root})};
+  const Issued root = issueCA("CN=Root");
+  const CRLs crl{modelCRL({.issuer = &root})};
   RefObjectStore store = emptyStore();
   store->add(RefObject());
   unsigned int score = 0;

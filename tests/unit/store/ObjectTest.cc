@@ -30,7 +30,7 @@ TEST(Object, Default_IsNothing) {
 }
 
 TEST(Object, FromCertificate_CarriesItsPointer) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const RefCertificate certificate = model(root);
   const Object object(certificate);
   EXPECT_EQ(object.type, Object::TypeCertificate);
@@ -40,9 +40,9 @@ TEST(Object, FromCertificate_CarriesItsPointer) {
   EXPECT_TRUE(object.crossPair.empty());
 }
 
-TEST(Object, FromCrl_CarriesItsPointer) {
-  const Issued root = issueCa("CN=Root");
-  const RefCertificateRevocationList crl = modelCrl({.issuer = &root});
+TEST(Object, FromCRL_CarriesItsPointer) {
+  const Issued root = issueCA("CN=Root");
+  const RefCertificateRevocationList crl = modelCRL({.issuer = &root});
   const Object object(crl);
   EXPECT_EQ(object.type, Object::TypeCRL);
   EXPECT_EQ(object.data, crl->native());
@@ -52,7 +52,7 @@ TEST(Object, FromCrl_CarriesItsPointer) {
 }
 
 TEST(RefObject, Dereferenced_IsTheObject) {
-  const RefObject object(model(issueCa("CN=Root")));
+  const RefObject object(model(issueCA("CN=Root")));
   EXPECT_EQ(&*object, object.get());
   EXPECT_EQ((*object).type, Object::TypeCertificate);
 }
@@ -70,7 +70,7 @@ TEST(Object, FromEmptyHandle_IsOfNoType) {
 }
 
 TEST(Object, FromPair_IsOfNoTypeAndKeepsThePair) {
-  const RefCrossCertificatePair pair = modelPair(issueCa("CN=Root"));
+  const RefCrossCertificatePair pair = modelPair(issueCA("CN=Root"));
   const Object object(pair);
   EXPECT_EQ(object.type, Object::TypeNone);
   EXPECT_EQ(object.data, nullptr);
@@ -81,7 +81,7 @@ TEST(Object, FromPair_IsOfNoTypeAndKeepsThePair) {
 
 TEST(Object, Destroyed_ReleasesItsHandle) {
   Events events;
-  Owned<X509> x509 = issueCa("CN=Root").reference();
+  Owned<X509> x509 = issueCA("CN=Root").reference();
   const CertificateWatch watch(x509.get(), events, "freed");
   {
     const RefObject object(CertificateFactory()(x509.release(), true));
@@ -98,7 +98,7 @@ TEST(RefObject, Default_IsEmpty) {
 }
 
 TEST(RefObject, Copies_ShareOneObject) {
-  const RefObject first(model(issueCa("CN=Root")));
+  const RefObject first(model(issueCA("CN=Root")));
   EXPECT_EQ(first.use_count(), 1);
   const RefObject second(first);
   EXPECT_EQ(second.get(), first.get());
@@ -107,10 +107,10 @@ TEST(RefObject, Copies_ShareOneObject) {
 
 TEST(RefObject, Assignment_ReleasesTheOldObjectAfterTakingTheNewOne) {
   Events events;
-  Owned<X509> x509 = issueCa("CN=Root").reference();
+  Owned<X509> x509 = issueCA("CN=Root").reference();
   const CertificateWatch watch(x509.get(), events, "freed");
   RefObject first(CertificateFactory()(x509.release(), true));
-  const RefObject second(model(issueCa("CN=Other")));
+  const RefObject second(model(issueCA("CN=Other")));
 
   RefObject& result = first = second;
   EXPECT_EQ(&result, &first);
@@ -120,7 +120,7 @@ TEST(RefObject, Assignment_ReleasesTheOldObjectAfterTakingTheNewOne) {
 }
 
 TEST(RefObject, SelfAssignment_ChangesNothing) {
-  RefObject object(model(issueCa("CN=Root")));
+  RefObject object(model(issueCA("CN=Root")));
   const Object* const held = object.get();
   RefObject& alias = object;
   object = alias;

@@ -45,19 +45,19 @@ class CertificateWatch {
 
 /// A CRL has no ex data, so a method table of its own watches those that are made while it is
 /// installed. It outlives them.
-class CrlWatch {
+class CRLWatch {
  public:
-  CrlWatch() : table_(X509_CRL_METHOD_new(nullptr, gone, lookup, verify)) {
+  CRLWatch() : table_(X509_CRL_METHOD_new(nullptr, gone, lookup, verify)) {
     if (table_ == nullptr) throw std::runtime_error("X509_CRL_METHOD_new");
     freed() = 0;
     X509_CRL_set_default_method(table_);
   }
-  ~CrlWatch() {
+  ~CRLWatch() {
     X509_CRL_set_default_method(nullptr);
     X509_CRL_METHOD_free(table_);
   }
-  CrlWatch(const CrlWatch&) = delete;
-  CrlWatch& operator=(const CrlWatch&) = delete;
+  CRLWatch(const CRLWatch&) = delete;
+  CRLWatch& operator=(const CRLWatch&) = delete;
 
   /// How many of them are freed.
   static int& freed() {

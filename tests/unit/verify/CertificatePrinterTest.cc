@@ -31,7 +31,7 @@ std::string keyIdOf(const Issued& issued) {
 
 class CertificatePrinterTest : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const std::string names = "CN=Leaf,O=Test / CN=Root,O=Test\n";
 
   Issued leaf(KeyId subject, KeyId authority) {

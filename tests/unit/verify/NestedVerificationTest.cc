@@ -15,7 +15,7 @@ constexpr int kRevoked = X509_V_ERR_CERT_REVOKED;
 // that it is an indirect one.
 class NestedVerificationTest : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   World world;
   LogCapture log;
 
@@ -47,7 +47,7 @@ class NestedVerificationTest : public testing::Test {
   }
 };
 
-TEST_F(NestedVerificationTest, ValidIssuer_ItsCrlCounts) {
+TEST_F(NestedVerificationTest, ValidIssuer_ItsCRLCounts) {
   const Issued lists = ca("O=Test,CN=Lists");
   const Issued good = person("O=Test,CN=Lists");
   const Issued bad = person("O=Test,CN=Lists");
@@ -70,7 +70,7 @@ TEST_F(NestedVerificationTest, RevokedIssuer_ItsCodeIsTheVerdict) {
 }
 
 TEST_F(NestedVerificationTest, IssuerNotBelowATrustAnchor_ItsCodeIsTheVerdict) {
-  const Issued stranger = issueCa("O=Test,CN=Stranger");
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
   // Known as an issuer, not trusted.
   world.store->add(std::list<RefCertificate>{handle(stranger)});
   publishIndirect(stranger);
@@ -79,8 +79,8 @@ TEST_F(NestedVerificationTest, IssuerNotBelowATrustAnchor_ItsCodeIsTheVerdict) {
 
 TEST_F(NestedVerificationTest, CertificatesOfThePath_HelpToBuildTheIssuersPath) {
   // The CRL issuer is below an intermediate that only the outer verification was given.
-  const Issued inter = issueCa("O=Test,CN=Inter", &root);
-  const Issued lists = issueCa("O=Test,CN=Lists", &inter);
+  const Issued inter = issueCA("O=Test,CN=Inter", &root);
+  const Issued lists = issueCA("O=Test,CN=Lists", &inter);
   const Issued good = issue({.subject = "O=Test,CN=Person",
                              .issuer = &inter,
                              .crlDistributionPoints = {pointTo("O=Test,CN=Lists")}});
@@ -260,7 +260,7 @@ TEST_F(LookupBoundTest, TheNextRun_CountsAnew) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(LookupBoundTest, OpenSslsCheck_IsBoundToo) {
+TEST_F(LookupBoundTest, OpenSSLsCheck_IsBoundToo) {
   Verifier verifier(world.store, handle(withNames(300, 257)), true);
   EXPECT_EQ(verifier.isValid(), 3);
   EXPECT_EQ(world.source->crlQueries, 256);

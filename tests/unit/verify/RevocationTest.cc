@@ -15,8 +15,8 @@ constexpr char kAccess[] = "authorityInfoAccess";
 
 class RevocationTest : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
-  const Issued inter = issueCa("O=Test,CN=Inter", &root);
+  const Issued root = issueCA("O=Test,CN=Root");
+  const Issued inter = issueCA("O=Test,CN=Inter", &root);
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &inter});
   World world;
   LogCapture log;
@@ -45,7 +45,7 @@ class RevocationTest : public testing::Test {
   }
 };
 
-TEST_F(RevocationTest, NoCrlCheckFlag_NothingIsAsked) {
+TEST_F(RevocationTest, NoCRLCheckFlag_NothingIsAsked) {
   for (const unsigned long flags : {0UL, static_cast<unsigned long>(X509_V_FLAG_CRL_CHECK_ALL)}) {
     World other;
     other.source->certificates = world.source->certificates;
@@ -59,7 +59,7 @@ TEST_F(RevocationTest, NoCrlCheckFlag_NothingIsAsked) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(RevocationTest, CrlCheckAlone_OnlyTheLeaf) {
+TEST_F(RevocationTest, CRLCheckAlone_OnlyTheLeaf) {
   // The issuer of its CRL is not among the certificates that are checked, so it is verified on its
   // own, with the default flags.
   world.publish({.issuer = &inter});
@@ -72,7 +72,7 @@ TEST_F(RevocationTest, CrlCheckAlone_OnlyTheLeaf) {
   EXPECT_EQ(verifier.checked.front()->native(), leaf.get());
 }
 
-TEST_F(RevocationTest, CrlCheckAloneWithAParent_Nothing) {
+TEST_F(RevocationTest, CRLCheckAloneWithAParent_Nothing) {
   const Verifier outer(world.store, handle(leaf), false);
   struct Row {
     unsigned long flags;
@@ -122,7 +122,7 @@ TEST_F(RevocationTest, NotSelfSignedEnd_IsChecked) {
   EXPECT_EQ(verifier.contextError(), 3);
 }
 
-TEST_F(RevocationTest, NoCrlAnywhere_ContainerStaysEmpty) {
+TEST_F(RevocationTest, NoCRLAnywhere_ContainerStaysEmpty) {
   Verifier verifier(world.store, handle(leaf), false);
   OpenContainer container(verifier);
   verifier.getCRLs(handle(leaf), container);
@@ -170,7 +170,7 @@ struct AccessRow {
   std::string value;
 };
 
-TEST_F(RevocationTest, AccessWithoutAUsableResponder_CrlsAreChecked) {
+TEST_F(RevocationTest, AccessWithoutAUsableResponder_CRLsAreChecked) {
   const AccessRow rows[] = {
       {"only CA issuers", "caIssuers;URI:http://a.test/ca"},
       {"OCSP by mail", "OCSP;email:a@b.test"},
@@ -234,7 +234,7 @@ TEST_F(RevocationTest, ByIssuersName_EntryHasAllReasonsIssuerAndScore) {
   EXPECT_EQ(entry.score, 0x24U | 0x80U | 0x18U);
 }
 
-TEST_F(RevocationTest, ByIssuersName_CrlOfAnotherIssuerIsLoggedAndSkipped) {
+TEST_F(RevocationTest, ByIssuersName_CRLOfAnotherIssuerIsLoggedAndSkipped) {
   world.source->anyName = true;
   world.publish({.issuer = &root});
   world.publish({.issuer = &inter});
@@ -245,7 +245,7 @@ TEST_F(RevocationTest, ByIssuersName_CrlOfAnotherIssuerIsLoggedAndSkipped) {
   EXPECT_EQ(log.text(), "7 Certificate and CRL issuers do not match\n");
 }
 
-TEST_F(RevocationTest, ByIssuersName_UnknownCrlIssuerIsALineWithoutText) {
+TEST_F(RevocationTest, ByIssuersName_UnknownCRLIssuerIsALineWithoutText) {
   const Issued issued = person({});
   World other;
   other.publish({.issuer = &root});
@@ -260,8 +260,8 @@ TEST_F(RevocationTest, ByIssuersName_UnknownCrlIssuerIsALineWithoutText) {
   EXPECT_EQ(log.lines().front().raw, "0\x01");
 }
 
-TEST_F(RevocationTest, ThroughAPoint_UnknownCrlIssuerIsNamedInTheLine) {
-  const Issued lists = issueCa("C=DE,CN=Lists");
+TEST_F(RevocationTest, ThroughAPoint_UnknownCRLIssuerIsNamedInTheLine) {
+  const Issued lists = issueCA("C=DE,CN=Lists");
   world.publish({.issuer = &lists, .idp = Scope{.indirect = true}});
   const Issued issued = through({{.crlIssuers = {"dirName:C=DE,CN=Lists"}}});
   Verifier verifier(world.store, handle(issued), false);
@@ -272,7 +272,7 @@ TEST_F(RevocationTest, ThroughAPoint_UnknownCrlIssuerIsNamedInTheLine) {
 }
 
 TEST_F(RevocationTest, ThroughAPoint_IssuersMayDifferAndThePointGoesAlong) {
-  const Issued lists = issueCa("C=DE,CN=Lists");
+  const Issued lists = issueCA("C=DE,CN=Lists");
   world.trust(lists);
   world.publish({.issuer = &lists, .idp = Scope{.indirect = true}});
   const Issued issued = through({{.reasons = 0x06, .crlIssuers = {"dirName:C=DE,CN=Lists"}},
@@ -383,7 +383,7 @@ TEST_P(BothChecks, GoodAndRevoked) {
   EXPECT_EQ(verdict(good, GetParam()), 0);
 }
 
-TEST_P(BothChecks, NoCrl) {
+TEST_P(BothChecks, NoCRL) {
   const Issued issued = person({});
   EXPECT_EQ(verdict(issued, GetParam()), 3);
   EXPECT_EQ(log.text(), "7 " + failureLine(issued, 3) + "\n");
@@ -412,7 +412,7 @@ TEST_P(BothChecks, IntermediateRevokedOnlyInADelta) {
   EXPECT_EQ(verdict(leaf, GetParam()), kRevoked);
 }
 
-TEST_P(BothChecks, RevokedOnlyInALaterCrl) {
+TEST_P(BothChecks, RevokedOnlyInALaterCRL) {
   const Issued bad = person({});
   const Issued good = person({});
   world.publish({.issuer = &root});
@@ -428,23 +428,23 @@ TEST_P(BothChecks, DeltaWithoutBase) {
   EXPECT_EQ(log.count("Could not find Base CRL"), 1U);
 }
 
-TEST_P(BothChecks, CrlForOthersOnly) {
-  world.publish({.issuer = &root, .idp = Scope{.onlyCa = true}});
+TEST_P(BothChecks, CRLForOthersOnly) {
+  world.publish({.issuer = &root, .idp = Scope{.onlyCA = true}});
   EXPECT_EQ(verdict(person({}), GetParam()), 3);
 }
 
-TEST_P(BothChecks, ForgedCrlOfTheRightName) {
+TEST_P(BothChecks, ForgedCRLOfTheRightName) {
   world.publish({.issuer = &root, .badSignature = true});
   EXPECT_EQ(verdict(person({}), GetParam()), X509_V_ERR_CRL_SIGNATURE_FAILURE);
 }
 
-TEST_P(BothChecks, ForgedCrlAfterAGoodOne) {
+TEST_P(BothChecks, ForgedCRLAfterAGoodOne) {
   world.publish({.issuer = &root});
   world.publish({.issuer = &root, .badSignature = true});
   EXPECT_EQ(verdict(person({}), GetParam()), X509_V_ERR_CRL_SIGNATURE_FAILURE);
 }
 
-TEST_P(BothChecks, CrlForSomeReasonsBeforeOneForAll) {
+TEST_P(BothChecks, CRLForSomeReasonsBeforeOneForAll) {
   const std::vector<Point> points{{.fullNames = {"dirName:O=Test,CN=Root", "dirName:CN=Part"}}};
   const Issued good = through(points);
   const Issued bad = through(points);
@@ -467,7 +467,7 @@ TEST_P(BothChecks, RevokedIntermediate) {
 // which has no verifier and asks the store for CRLs, not the hook.
 class IndirectTest : public RevocationTest {
  protected:
-  const Issued lists = issueCa("O=Test,CN=Lists", &root);
+  const Issued lists = issueCA("O=Test,CN=Lists", &root);
   const Issued good = through({{.crlIssuers = {"dirName:O=Test,CN=Lists"}}});
   const Issued bad = through({{.crlIssuers = {"dirName:O=Test,CN=Lists"}}});
 
@@ -489,20 +489,20 @@ TEST_F(IndirectTest, OwnCheck) {
   EXPECT_EQ(verdictOf(bad, false), kRevoked);
 }
 
-TEST_F(IndirectTest, OpenSslsCheckWithoutCrlForTheIssuer_IsNotLoggedAsThat) {
+TEST_F(IndirectTest, OpenSSLsCheckWithoutCRLForTheIssuer_IsNotLoggedAsThat) {
   constexpr int kPath = X509_V_ERR_CRL_PATH_VALIDATION_ERROR;
   EXPECT_EQ(verdictOf(good, true), kPath);
   EXPECT_EQ(log.text(), "7 " + failureLine(good, kPath) + "\n");
 }
 
-TEST_F(IndirectTest, OpenSslsCheckWithACrlForTheIssuer) {
+TEST_F(IndirectTest, OpenSSLsCheckWithACRLForTheIssuer) {
   ASSERT_EQ(X509_STORE_add_crl(world.store, world.source->crls.front()), 1);
   EXPECT_EQ(verdictOf(good, true), 0);
   EXPECT_EQ(log.text(), "");
   EXPECT_EQ(verdictOf(bad, true), kRevoked);
 }
 
-TEST_F(IndirectTest, OpenSslsCheckWithARevokedIssuer_IsLoggedWithItsName) {
+TEST_F(IndirectTest, OpenSSLsCheckWithARevokedIssuer_IsLoggedWithItsName) {
   world.source->crls.front() = crlHandle({.issuer = &root, .revoked = {{.serial = lists}}});
   ASSERT_EQ(X509_STORE_add_crl(world.store, world.source->crls.front()), 1);
   constexpr int kPath = X509_V_ERR_CRL_PATH_VALIDATION_ERROR;
@@ -511,7 +511,7 @@ TEST_F(IndirectTest, OpenSslsCheckWithARevokedIssuer_IsLoggedWithItsName) {
             "7 " + failureLine(lists, kRevoked) + "\n7 " + failureLine(good, kPath) + "\n");
 }
 
-TEST_F(IndirectTest, ExceptionInOpenSslsOwnContext_ReachesTheCaller) {
+TEST_F(IndirectTest, ExceptionInOpenSSLsOwnContext_ReachesTheCaller) {
   int crlGathered = 0;
   world.source->onQuery = [&](Query query, const DistinguishedName&) {
     if (query == Query::CRLs) ++crlGathered;
@@ -522,7 +522,7 @@ TEST_F(IndirectTest, ExceptionInOpenSslsOwnContext_ReachesTheCaller) {
 
 TEST(RevocationFlags, ClearedOnTheContext_NothingIsChecked) {
   // Flags that a caller clears on the context count, not those of the configuration.
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
   World world;
   world.trust(root);

@@ -26,7 +26,7 @@ constexpr char kCaught[] = "Cryptod::CMS::SimpleVerifier: Caught ";
 
 class SimpleVerifierTest : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
   MemorySource* source = new MemorySource;  // owned by `method`
   const RefLookupMethod method{source};
@@ -247,7 +247,7 @@ TEST_F(SimpleVerifierTest, Destroyed_ReleasesItsLookupMethods) {
 TEST(SimpleVerifierDeathTest, EmptyLookupMethod_StopsTheProcessAtTheNextVerification) {
   SimpleVerifier verifier;
   verifier.add(RefLookupMethod());
-  const RefCertificate certificate = handle(issueCa("CN=Root"));
+  const RefCertificate certificate = handle(issueCA("CN=Root"));
   EXPECT_DEATH(static_cast<void>(verifier.isValid(certificate, 0, false)),
                "Assertion `px != 0' failed");
 }

@@ -32,8 +32,8 @@ Outcome attempt(const World& world, const RefCertificate& target, bool useOpenSS
   return outcome;
 }
 
-int storeGetCrl(X509_STORE_CTX*, X509_CRL**, X509*) { return 0; }
-int storeCertCrl(X509_STORE_CTX*, X509_CRL*, X509*) { return 1; }
+int storeGetCRL(X509_STORE_CTX*, X509_CRL**, X509*) { return 0; }
+int storeCertCRL(X509_STORE_CTX*, X509_CRL*, X509*) { return 1; }
 int storeCheckRevocation(X509_STORE_CTX*) { return 1; }
 
 TEST(VerifierAllocation, Allocator_IsReplaced) { EXPECT_TRUE(Starvation::possible()); }
@@ -43,8 +43,8 @@ TEST(VerifierAllocation, FailedConstruction_IsTheVerifiersExceptionAndTheStoreIs
   X509_STORE* const store = world.store;
   static_cast<void>(
       Verifier(world.store, RefCertificate(), true));  // what is made once is made now
-  X509_STORE_set_get_crl(store, storeGetCrl);
-  X509_STORE_set_cert_crl(store, storeCertCrl);
+  X509_STORE_set_get_crl(store, storeGetCRL);
+  X509_STORE_set_cert_crl(store, storeCertCRL);
   X509_STORE_set_check_revocation(store, storeCheckRevocation);
   int exceptions = 0;
   for (const bool useOpenSSL : {false, true}) {
@@ -67,8 +67,8 @@ TEST(VerifierAllocation, FailedConstruction_IsTheVerifiersExceptionAndTheStoreIs
       Starvation::end();
       refused = Starvation::refused();
       ERR_clear_error();
-      EXPECT_EQ(X509_STORE_get_get_crl(store), storeGetCrl);
-      EXPECT_EQ(X509_STORE_get_cert_crl(store), storeCertCrl);
+      EXPECT_EQ(X509_STORE_get_get_crl(store), storeGetCRL);
+      EXPECT_EQ(X509_STORE_get_cert_crl(store), storeCertCRL);
       EXPECT_EQ(X509_STORE_get_check_revocation(store), storeCheckRevocation);
     }
   }
@@ -76,7 +76,7 @@ TEST(VerifierAllocation, FailedConstruction_IsTheVerifiersExceptionAndTheStoreIs
 }
 
 TEST(VerifierAllocation, RevokedCertificate_IsNeverValid) {
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
   World world;
   world.trust(root);
@@ -105,7 +105,7 @@ TEST(VerifierAllocation, RevokedCertificate_IsNeverValid) {
 
 // The second run makes the context anew, with what the caller had set on it.
 TEST(VerifierAllocation, SecondRun_RevokedCertificateIsNeverValid) {
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
   World world;
   world.trust(root);
@@ -137,7 +137,7 @@ TEST(VerifierAllocation, SecondRun_RevokedCertificateIsNeverValid) {
 }
 
 TEST(VerifierAllocation, OnlyPolicyThatIsNotAccepted_IsNeverForgotten) {
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf",
                              .issuer = &root,
                              .extensions = {{"certificatePolicies", "1.2.3"}}});

@@ -92,7 +92,7 @@ TEST(VerifierConfig, Bit31_IsSignExtended) {
 
 TEST(VerifierConfig, ThreeConstructors_HaveTheDefaults) {
   const World world;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const RefStackOfCertificate stack = stackOf({root});
   const Probe plain(world.store, handle(root), false);
   const Probe withStack(world.store, handle(root), stack, false);
@@ -115,7 +115,7 @@ TEST(VerifierConfig, ThreeConstructors_HaveTheDefaults) {
 // What the acceptable policies are is seen in the policies that a verification ends with.
 class VerifierPolicyTest : public testing::Test {
  protected:
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   World world;
 
   VerifierPolicyTest() { world.trust(root); }

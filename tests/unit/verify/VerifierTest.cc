@@ -11,8 +11,8 @@ using std::chrono::hours;
 
 class VerifierTest : public testing::Test {
  protected:
-  const Issued root = issueCa("O=Test,CN=Root");
-  const Issued inter = issueCa("O=Test,CN=Inter", &root);
+  const Issued root = issueCA("O=Test,CN=Root");
+  const Issued inter = issueCA("O=Test,CN=Inter", &root);
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &inter});
   World world;
   LogCapture log;
@@ -55,7 +55,7 @@ TEST_F(VerifierTest, UntrustedIntermediate_IsUsedForThePath) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(VerifierTest, ExpiredWithoutCrlCheck_10AndOneLine) {
+TEST_F(VerifierTest, ExpiredWithoutCRLCheck_10AndOneLine) {
   const Issued old = issue({.subject = "O=Test,CN=Old",
                             .issuer = &root,
                             .serial = Serial("0A1B"),
@@ -102,7 +102,7 @@ TEST_F(VerifierTest, EmptyHandle_IsInvalidAndWithoutALine) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(VerifierTest, StaleOpenSslErrors_AreCleared) {
+TEST_F(VerifierTest, StaleOpenSSLErrors_AreCleared) {
   publishAll();
   ERR_raise(ERR_LIB_USER, 1);
   EXPECT_EQ(Verifier(world.store, handle(leaf), false).isValid(), 0);
@@ -133,7 +133,7 @@ TEST_F(VerifierTest, SecondCall_ReallyVerifiesAgain) {
   EXPECT_EQ(verifier.isValid(), X509_V_ERR_CRL_HAS_EXPIRED);
 }
 
-TEST_F(VerifierTest, SecondCall_GathersCrlsAgain) {
+TEST_F(VerifierTest, SecondCall_GathersCRLsAgain) {
   publishAll();
   for (const bool useOpenSSL : {false, true}) {
     Probe verifier(world.store, handle(leaf), useOpenSSL);
@@ -145,7 +145,7 @@ TEST_F(VerifierTest, SecondCall_GathersCrlsAgain) {
   }
 }
 
-TEST_F(VerifierTest, SecondCallAboutTheLastCertificate_GathersCrlsAgain) {
+TEST_F(VerifierTest, SecondCallAboutTheLastCertificate_GathersCRLsAgain) {
   publishAll();
   Verifier::Config config = withFlags(X509_V_FLAG_CRL_CHECK);
   Probe verifier(world.store, handle(leaf), RefStackOfCertificate(), config, true);
@@ -211,26 +211,26 @@ TEST_F(VerifierTest, SecondCall_KeepsPolicies) {
 }
 
 // The store's own callbacks, so that it is seen which ones are there.
-int storeGetCrl(X509_STORE_CTX*, X509_CRL**, X509*) { return 0; }
-int storeCertCrl(X509_STORE_CTX*, X509_CRL*, X509*) { return 1; }
+int storeGetCRL(X509_STORE_CTX*, X509_CRL**, X509*) { return 0; }
+int storeCertCRL(X509_STORE_CTX*, X509_CRL*, X509*) { return 1; }
 int storeCheckRevocation(X509_STORE_CTX*) { return 1; }
 
 TEST_F(VerifierTest, StoreCallbacks_AreAsTheyWere) {
   X509_STORE* const store = world.store;
   for (const bool useOpenSSL : {false, true}) {
     for (const bool own : {false, true}) {
-      X509_STORE_set_get_crl(store, own ? storeGetCrl : nullptr);
-      X509_STORE_set_cert_crl(store, own ? storeCertCrl : nullptr);
+      X509_STORE_set_get_crl(store, own ? storeGetCRL : nullptr);
+      X509_STORE_set_cert_crl(store, own ? storeCertCRL : nullptr);
       X509_STORE_set_check_revocation(store, own ? storeCheckRevocation : nullptr);
       Verifier verifier(world.store, handle(leaf), useOpenSSL);
       const auto expectFormer = [&] {
-        EXPECT_EQ(X509_STORE_get_get_crl(store), own ? storeGetCrl : nullptr);
-        EXPECT_EQ(X509_STORE_get_cert_crl(store), own ? storeCertCrl : nullptr);
+        EXPECT_EQ(X509_STORE_get_get_crl(store), own ? storeGetCRL : nullptr);
+        EXPECT_EQ(X509_STORE_get_cert_crl(store), own ? storeCertCRL : nullptr);
         EXPECT_EQ(X509_STORE_get_check_revocation(store), own ? storeCheckRevocation : nullptr);
       };
       expectFormer();
       EXPECT_NE(X509_STORE_CTX_get_get_crl(verifier), nullptr);
-      EXPECT_NE(X509_STORE_CTX_get_get_crl(verifier), &storeGetCrl);
+      EXPECT_NE(X509_STORE_CTX_get_get_crl(verifier), &storeGetCRL);
       EXPECT_EQ(X509_STORE_CTX_get_check_revocation(verifier) == storeCheckRevocation,
                 useOpenSSL && own);
       verifier.isValid();

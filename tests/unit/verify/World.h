@@ -2,7 +2,7 @@
 // and verifiers and containers that let tests see what is inside.
 //
 //   World world;
-//   const Issued root = issueCa("CN=Root");
+//   const Issued root = issueCA("CN=Root");
 //   world.trust(root);
 //   const RefCertificateRevocationList crl = world.publish({.issuer = &root});
 //   Probe verifier(world.store, handle(leaf), false);
@@ -38,8 +38,8 @@ inline RefCertificateRevocationList handle(Owned<X509_CRL> crl) {
   return CertificateRevocationListFactory()(crl.release(), true);
 }
 
-inline RefCertificateRevocationList crlHandle(const CrlOptions& options) {
-  return handle(makeCrl(options));
+inline RefCertificateRevocationList crlHandle(const CRLOptions& options) {
+  return handle(makeCRL(options));
 }
 
 inline RefStackOfCertificate stackOf(const std::list<Issued>& certificates) {
@@ -104,7 +104,7 @@ struct World {
 
   /// The source serves it, to OpenSSL too: a self-signed one is a trust anchor.
   void trust(const Issued& issued) { source->certificates.push_back(handle(issued)); }
-  RefCertificateRevocationList publish(const CrlOptions& options) {
+  RefCertificateRevocationList publish(const CRLOptions& options) {
     source->crls.push_back(crlHandle(options));
     return source->crls.back();
   }

@@ -10,8 +10,8 @@ namespace Velantrix {
 namespace {
 
 constexpr unsigned int kBindBound = 10;  // seconds
-constexpr unsigned short kLdapPort = 389;
-constexpr unsigned short kLdapsPort = 636;
+constexpr unsigned short kLDAPPort = 389;
+constexpr unsigned short kLDAPSPort = 636;
 
 [[noreturn]] void throwConnection(const std::string& text, unsigned int line) {
   throw Exception("LDAPConnection", Exception::kFailure, "LDAPConnection", line)
@@ -69,7 +69,7 @@ LDAPConnection::Server::Server(const std::string& text, const Options& options)
   const Uri uri(text);
   host_ = uri.hostname();
   ldaps_ = uri.scheme() == "ldaps:";
-  port_ = uri.port() != 0 ? uri.port() : ldaps_ ? kLdapsPort : kLdapPort;
+  port_ = uri.port() != 0 ? uri.port() : ldaps_ ? kLDAPSPort : kLDAPPort;
   // What else an LDAP URL may name (RFC 4516: base, filter, bind name) is no part of a server.
   if ((!ldaps_ && uri.scheme() != "ldap:") || host_.empty() || uri.path() != "/" ||
       text.find_first_of("%?#@") != std::string::npos) {

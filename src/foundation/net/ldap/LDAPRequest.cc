@@ -47,7 +47,7 @@ void LDAPRequest::collect(const Deadline& deadline) {
   std::size_t unkept = kMaximumSize;
   bool referred = false;
   for (;;) {
-    const OwnedLdapMessage message = session_->receive(id_, unread, deadline);
+    const OwnedLDAPMessage message = session_->receive(id_, unread, deadline);
     if (message == nullptr) break;
     const auto type = static_cast<ber_tag_t>(ldap_msgtype(message.get()));
     if (type == answer_) {
@@ -82,7 +82,7 @@ void LDAPRequest::finish(LDAPMessage* message) const {
   char* said = nullptr;
   const int status =
       ldap_parse_result(session_->native(), message, &code, nullptr, &said, nullptr, nullptr, 0);
-  const OwnedLdapText diagnostic(said);
+  const OwnedLDAPText diagnostic(said);
   if (status != LDAP_SUCCESS) fail("The answer is malformed.", __LINE__);
   std::string text = ldap_err2string(code);
   if (said != nullptr && *said != '\0') text += " (" + escapeControls(said, kMaximumText) + ")";

@@ -24,7 +24,7 @@ constexpr std::size_t kChunk = std::size_t{16} * 1024;
   throw Exception("LDAPSession", Exception::kFailure, "LDAPSession", line).stringParameter(text);
 }
 
-[[noreturn]] void throwNoLdap(unsigned int line) {
+[[noreturn]] void throwNoLDAP(unsigned int line) {
   throwSession("What the server sends is not LDAP.", line);
 }
 
@@ -54,7 +54,7 @@ std::optional<Element> elementAt(const std::string& octets, std::size_t at) {
   const unsigned char first = octet(at + 1);
   if (first < 0x80) return Element{octet(at), 2, first};
   const std::size_t count = first & 0x7fU;
-  if (count == 0 || count > 4) throwNoLdap(__LINE__);
+  if (count == 0 || count > 4) throwNoLDAP(__LINE__);
   if (octets.size() < at + 2 + count) return std::nullopt;
   std::uint64_t length = 0;
   for (std::size_t i = 0; i < count; ++i) length = (length << 8U) | octet(at + 2 + i);
@@ -64,7 +64,7 @@ std::optional<Element> elementAt(const std::string& octets, std::size_t at) {
 // The length of the message in front, as far as it is known; 0 while it is not.
 std::uint64_t messageLength(const std::string& octets) {
   if (!octets.empty() && static_cast<unsigned char>(octets[0]) != LDAP_TAG_MESSAGE) {
-    throwNoLdap(__LINE__);
+    throwNoLDAP(__LINE__);
   }
   const std::optional<Element> message = elementAt(octets, 0);
   return message ? message->head + message->length : 0;
@@ -93,7 +93,7 @@ void checkMessage(const std::string& octets, int id) {
   const std::optional<Element> number = elementAt(octets, at);
   if (!number || number->tag != LDAP_TAG_MSGID || number->head != 2 || number->length == 0 ||
       number->length > 4 || at + number->head + number->length >= end) {
-    throwNoLdap(__LINE__);
+    throwNoLDAP(__LINE__);
   }
   at += number->head;
   std::uint64_t answered = 0;
@@ -101,7 +101,7 @@ void checkMessage(const std::string& octets, int id) {
     answered = answered << 8U | static_cast<unsigned char>(octets[at]);
   }
   const std::optional<Element> operation = elementAt(octets, at);
-  if (!operation || at + operation->head + operation->length > end) throwNoLdap(__LINE__);
+  if (!operation || at + operation->head + operation->length > end) throwNoLDAP(__LINE__);
   if (answered == 0) {
     // RFC 4511, 4.4: unsolicited. The one that is defined is a notice of disconnection.
     throwSession("The server ends the session.", __LINE__);
@@ -176,7 +176,7 @@ LDAPSession::LDAPSession(const LDAPConnection::RefServer& server)
 LDAPSession::LDAPSession(const LDAPConnection::RefServer& server, const Deadline& deadline)
     : server_(server), stream_(this->server(), deadline) {
   if (this->server().ldaps()) stream_.startTls(this->server(), deadline);
-  connectLdap();
+  connectLDAP();
   if (this->server().options().startTls) startTls(deadline);
 }
 
@@ -192,7 +192,7 @@ LDAPSession::~LDAPSession() {
   }
 }
 
-void LDAPSession::connectLdap() {
+void LDAPSession::connectLDAP() {
   startLibrary();
   LDAP* made = nullptr;
   // Without a URI: libldap is connected already, and there is nothing for it to connect to again.
@@ -253,7 +253,7 @@ void LDAPSession::fill(const Deadline& deadline) {
   }
 }
 
-OwnedLdapMessage LDAPSession::receive(int id, std::size_t& budget, const Deadline& deadline) {
+OwnedLDAPMessage LDAPSession::receive(int id, std::size_t& budget, const Deadline& deadline) {
   flush(deadline);
   std::uint64_t length = messageLength(in_);
   while (length == 0 || in_.size() < length) {
@@ -271,10 +271,10 @@ OwnedLdapMessage LDAPSession::receive(int id, std::size_t& budget, const Deadlin
   timeval now{};
   LDAPMessage* found = nullptr;
   const int type = ldap_result(ldap_.get(), id, LDAP_MSG_ONE, &now, &found);
-  OwnedLdapMessage message(found);
+  OwnedLDAPMessage message(found);
   in_.erase(0, frame_);
   frame_ = read_ = 0;
-  if (type <= 0 || message == nullptr) throwNoLdap(__LINE__);
+  if (type <= 0 || message == nullptr) throwNoLDAP(__LINE__);
   return message;
 }
 

@@ -2,7 +2,7 @@
 //
 //   LDAPSession session(server);
 //   ldap_search_ext(session.native(), ..., &id);           // queued, not sent
-//   OwnedLdapMessage message = session.receive(id, budget, deadline);
+//   OwnedLDAPMessage message = session.receive(id, budget, deadline);
 //
 // libldap gets a transport of ours (LDAP_PROTO_EXT) whose two ends are in memory. It writes
 // requests into a queue, and it is asked for an answer only when one has arrived whole, so that it
@@ -23,23 +23,23 @@
 
 namespace Velantrix {
 
-struct FreeLdap {
+struct FreeLDAP {
   void operator()(LDAP* ldap) const noexcept {
     static_cast<void>(ldap_unbind_ext(ldap, nullptr, nullptr));
   }
 };
-using OwnedLdap = std::unique_ptr<LDAP, FreeLdap>;
+using OwnedLDAP = std::unique_ptr<LDAP, FreeLDAP>;
 
-struct FreeLdapMessage {
+struct FreeLDAPMessage {
   void operator()(LDAPMessage* message) const noexcept { static_cast<void>(ldap_msgfree(message)); }
 };
-using OwnedLdapMessage = std::unique_ptr<LDAPMessage, FreeLdapMessage>;
+using OwnedLDAPMessage = std::unique_ptr<LDAPMessage, FreeLDAPMessage>;
 
 /// Text that libldap allocated.
-struct FreeLdapMemory {
+struct FreeLDAPMemory {
   void operator()(void* memory) const noexcept { ldap_memfree(memory); }
 };
-using OwnedLdapText = std::unique_ptr<char, FreeLdapMemory>;
+using OwnedLDAPText = std::unique_ptr<char, FreeLDAPMemory>;
 
 class LDAPSession : private NonCopyable {
  public:
@@ -57,7 +57,7 @@ class LDAPSession : private NonCopyable {
   /// @return null when the message is longer than the budget. It is not read then
   /// @throws Exception when the deadline comes first, the server closes the connection, or what it
   ///         sends is no answer to the request
-  OwnedLdapMessage receive(int id, std::size_t& budget, const Deadline& deadline);
+  OwnedLDAPMessage receive(int id, std::size_t& budget, const Deadline& deadline);
 
   /// Marks the session as used up: an answer that was not read to its end stands in the way of the
   /// next one.
@@ -70,7 +70,7 @@ class LDAPSession : private NonCopyable {
 
   LDAPSession(const LDAPConnection::RefServer& server, const Deadline& deadline);
 
-  void connectLdap();
+  void connectLDAP();
   void flush(const Deadline& deadline);
   void fill(const Deadline& deadline);
   void startTls(const Deadline& deadline);
@@ -83,7 +83,7 @@ class LDAPSession : private NonCopyable {
   std::size_t frame_ = 0;  // the length of the message at the start of in_ that libldap may read
   std::size_t read_ = 0;   // how much of it libldap has read
   bool closed_ = false;
-  OwnedLdap ldap_;  // last: it writes a goodbye into out_ when it goes
+  OwnedLDAP ldap_;  // last: it writes a goodbye into out_ when it goes
 };
 
 }  // namespace Velantrix

@@ -51,7 +51,7 @@ TEST(Uri, Parts_Table) {
   }
 }
 
-TEST(Uri, NoUri_IsNullAndAllPartsAreEmpty) {
+TEST(Uri, NoURI_IsNullAndAllPartsAreEmpty) {
   std::vector<std::string> rows = {
       "",
       "/relative",
@@ -148,7 +148,7 @@ TEST(Uri, Canonicalized_Table) {
   }
 }
 
-TEST(Uri, Canonicalized_RandomUris_NormalFormIsItsOwnNormalForm) {
+TEST(Uri, Canonicalized_RandomURIs_NormalFormIsItsOwnNormalForm) {
   static constexpr const char* kPieces[] = {"/",   ".", "..", "a",   "%2e", "%2F", "%41", "//",
                                             ":",   "@", "?",  "#",   "80",  "B",   "%c3", "[",
                                             "::1", "]", "-",  "%25", "=",   "&",   "/..", "/./"};

@@ -31,7 +31,7 @@ std::string printed(const T& value) {
   return out.str();
 }
 
-TEST(Integer, Printed_UpperCaseHexPairsAsTheOpensslCommandPrints) {
+TEST(Integer, Printed_UpperCaseHexPairsAsTheOpenSSLCommandPrints) {
   struct Row {
     const char* hex;
     const char* text;
@@ -194,7 +194,7 @@ TEST(RefGeneralizedTime, Ordered_AbsentFirst) {
   EXPECT_FALSE(absent < RefGeneralizedTime());
 }
 
-TEST(RefObjectIdentifier, Dotted_IsWhatOpensslKnows) {
+TEST(RefObjectIdentifier, Dotted_IsWhatOpenSSLKnows) {
   for (const char* text : {"2.5.29.32.0", "1.3.6.1.5.5.7.1.1", "0.0", "1.39",
                            "2.999.18446744073709551617", "1.2.3.4.5.6.7.8.9"}) {
     SCOPED_TRACE(text);

@@ -30,8 +30,8 @@ RefCRLDistributionPointName nameOf(const Pki::DistributionPoint& point) {
 }
 
 RefIssuingDistributionPoint scopeOf(const Pki::IssuingDistributionPoint& idp) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
-  return CertificateRevocationListFactory()(Pki::makeCrl({.issuer = &ca, .idp = idp}).release(),
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  return CertificateRevocationListFactory()(Pki::makeCRL({.issuer = &ca, .idp = idp}).release(),
                                             true)
       ->issuingDistributionPoint();
 }
@@ -262,7 +262,7 @@ TEST(IssuingDistributionPoint, EachFlag_StandsForItself) {
     SCOPED_TRACE(flag);
     const RefIssuingDistributionPoint scope = scopeOf({.fullNames = {"URI:http://a/"},
                                                        .onlyUser = flag == 1,
-                                                       .onlyCa = flag == 2,
+                                                       .onlyCA = flag == 2,
                                                        .onlyAttributes = flag == 3,
                                                        .indirect = flag == 4});
     EXPECT_EQ(scope->onlyUser(), flag == 1);

@@ -42,10 +42,10 @@ std::string block(const std::string& label, const std::string& der,
 
 // One of everything, made once.
 struct Inputs {
-  Pki::Issued a = Pki::issueCa("CN=A");
-  Pki::Issued b = Pki::issueCa("CN=B");
-  Owned<X509_CRL> crlA = Pki::makeCrl({.issuer = &a});
-  Owned<X509_CRL> crlB = Pki::makeCrl({.issuer = &b});
+  Pki::Issued a = Pki::issueCA("CN=A");
+  Pki::Issued b = Pki::issueCA("CN=B");
+  Owned<X509_CRL> crlA = Pki::makeCRL({.issuer = &a});
+  Owned<X509_CRL> crlB = Pki::makeCRL({.issuer = &b});
   std::string derA = Pki::der(a.cert.get());
   std::string derB = Pki::der(b.cert.get());
   std::string pemA = Pki::pem(a.cert.get());
@@ -75,7 +75,7 @@ struct Readable {
   std::string crl;
 };
 
-TEST(CertificateFactory, ReadableInputs_GiveTheirCertificatesOrCrl) {
+TEST(CertificateFactory, ReadableInputs_GiveTheirCertificatesOrCRL) {
   const Inputs& in = inputs();
   const Readable rows[] = {
       {"nothing", "", "", ""},
@@ -130,7 +130,7 @@ TEST(CertificateFactory, ReadableInputs_GiveTheirCertificatesOrCrl) {
   }
 }
 
-TEST(CertificateFactory, OtherObjectsInDer_NoCertificatesAndNoCrl) {
+TEST(CertificateFactory, OtherObjectsInDer_NoCertificatesAndNoCRL) {
   const Inputs& in = inputs();
   const Pki::TempDir directory;
   const std::string key = (directory / "key.pem").string();
@@ -203,7 +203,7 @@ TEST(CertificateFactory, UnreadableInputs_ThrowNamingTheFileAndLeaveTheList) {
   }
 }
 
-TEST(CertificateFactory, TrustSettings_AreKeptForOpenssl) {
+TEST(CertificateFactory, TrustSettings_AreKeptForOpenSSL) {
   const Owned<X509> trusted(X509_dup(inputs().a.get()));
   const Owned<ASN1_OBJECT> purpose(OBJ_txt2obj("emailProtection", 0));
   ASSERT_EQ(X509_add1_reject_object(trusted.get(), purpose.get()), 1);

@@ -22,12 +22,12 @@ using namespace std::string_literals;
 
 RefCertificate wrap(const Pki::Issued& issued) { return CertificateFactory()(issued.get(), false); }
 
-RefCertificateRevocationList make(const Pki::CrlOptions& options) {
-  return CertificateRevocationListFactory()(Pki::makeCrl(options).release(), true);
+RefCertificateRevocationList make(const Pki::CRLOptions& options) {
+  return CertificateRevocationListFactory()(Pki::makeCRL(options).release(), true);
 }
 
-TEST(CertificateRevocationList, Fields_OfABaseCrl) {
-  const Pki::Issued ca = Pki::issueCa("C=DE,CN=CA");
+TEST(CertificateRevocationList, Fields_OfABaseCRL) {
+  const Pki::Issued ca = Pki::issueCA("C=DE,CN=CA");
   const RefCertificateRevocationList crl = make({.issuer = &ca,
                                                  .lastUpdate = "20260101000000Z",
                                                  .nextUpdate = Pki::When("20260201000000Z"),
@@ -44,7 +44,7 @@ TEST(CertificateRevocationList, Fields_OfABaseCrl) {
 }
 
 TEST(CertificateRevocationList, Fields_WhatIsAbsentIsEmpty) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
   const RefCertificateRevocationList crl = make({.issuer = &ca,
                                                  .nextUpdate = std::nullopt,
                                                  .number = std::nullopt,
@@ -55,8 +55,8 @@ TEST(CertificateRevocationList, Fields_WhatIsAbsentIsEmpty) {
   EXPECT_TRUE(crl->crlNumber().isNull());
 }
 
-TEST(CertificateRevocationList, Fields_OfADeltaCrl) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
+TEST(CertificateRevocationList, Fields_OfADeltaCRL) {
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
   const RefCertificateRevocationList crl = make({.issuer = &ca,
                                                  .number = Pki::Serial(9),
                                                  .deltaBase = Pki::Serial(7),
@@ -69,15 +69,15 @@ TEST(CertificateRevocationList, Fields_OfADeltaCrl) {
 }
 
 TEST(CertificateRevocationList, DeltaFromBaseNumberZero_IsADelta) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
   EXPECT_TRUE(make({.issuer = &ca, .deltaBase = Pki::Serial(0)})->isDeltaCRL());
 }
 
 TEST(CertificateRevocationList, IssuedBy_NamesOnlyOrWithTheSignature) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
-  const Pki::Issued sameName = Pki::issueCa("CN=CA");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  const Pki::Issued sameName = Pki::issueCA("CN=CA");
   const Pki::Issued otherName = Pki::issue({.subject = "CN=Other", .ca = true, .key = ca.key});
-  const Pki::Issued noCrlSign =
+  const Pki::Issued noCRLSign =
       Pki::issue({.subject = "CN=CA", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = ca.key});
   const Pki::Issued unrestricted =
       Pki::issue({.subject = "CN=CA", .keyUsage = Pki::kAbsent, .key = ca.key});
@@ -114,7 +114,7 @@ TEST(CertificateRevocationList, IssuedBy_NamesOnlyOrWithTheSignature) {
       {"issuer and serial", bySerial, wrap(ca), true, true},
       {"issuer and another serial", bySerial, wrap(unrestricted), false, false},
       {"other name, same key", crl, wrap(otherName), false, false},
-      {"key usage without cRLSign", crl, wrap(noCrlSign), false, false},
+      {"key usage without cRLSign", crl, wrap(noCRLSign), false, false},
       {"no key usage", crl, wrap(unrestricted), true, true},
       {"broken key usage", crl, wrap(broken), false, false},
       {"key usage twice", crl, wrap(doubled), false, false},
@@ -129,8 +129,8 @@ TEST(CertificateRevocationList, IssuedBy_NamesOnlyOrWithTheSignature) {
 }
 
 TEST(CertificateRevocationList, IsSignedBy_ComputedOncePerKey) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
-  const Pki::Issued other = Pki::issueCa("CN=Other");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  const Pki::Issued other = Pki::issueCA("CN=Other");
   const RefCertificateRevocationList crl = make({.issuer = &ca});
   EXPECT_EQ(crl->signatureChecks(), 0U);
   EXPECT_FALSE(crl->isSignedBy(nullptr));
@@ -154,7 +154,7 @@ TEST(CertificateRevocationList, IsSignedBy_ComputedOncePerKey) {
 }
 
 TEST(CertificateRevocationList, IsSignedBy_RemembersEightKeysAndHoldsThem) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
   const RefCertificateRevocationList crl = make({.issuer = &ca});
   EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
   std::vector<std::shared_ptr<EVP_PKEY>> keys;
@@ -178,7 +178,7 @@ TEST(CertificateRevocationList, IsSignedBy_RemembersEightKeysAndHoldsThem) {
 }
 
 TEST(CertificateRevocationList, IsSignedBy_KeyOfAnotherKind) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
   const RefCertificateRevocationList crl = make({.issuer = &ca});
   EXPECT_FALSE(crl->isSignedBy(Pki::makeKey(Pki::KeyKind::Ed25519).get()));
   EXPECT_FALSE(crl->isSignedBy(Pki::makeKey(Pki::KeyKind::Rsa2048).get()));
@@ -187,12 +187,12 @@ TEST(CertificateRevocationList, IsSignedBy_KeyOfAnotherKind) {
 }
 
 TEST(CertificateRevocationList, HasUnhandledCriticalExtension_ByTypeAndPlace) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
   const Pki::RawExtension unknown{"1.2.3.4", false, "\x05\0"s};
   const Pki::RawExtension criticalUnknown{"1.2.3.4", true, "\x05\0"s};
   struct Row {
     const char* name;
-    Pki::CrlOptions options;
+    Pki::CRLOptions options;
     bool unhandled;
   };
   const Row rows[] = {
@@ -240,7 +240,7 @@ TEST(CertificateRevocationList, HasUnhandledCriticalExtension_ByTypeAndPlace) {
 }
 
 // What would make a CRL pass for one of another scope or another place in a chain of deltas.
-TEST(CertificateRevocationListFactory, ExtensionBrokenOrTwice_RefusesTheCrlNamingTheFile) {
+TEST(CertificateRevocationListFactory, ExtensionBrokenOrTwice_RefusesTheCRLNamingTheFile) {
   struct Kind {
     const char* oid;
     std::string good;
@@ -251,10 +251,10 @@ TEST(CertificateRevocationListFactory, ExtensionBrokenOrTwice_RefusesTheCrlNamin
       {"2.5.29.20", "\x02\x01\x07"s},
       {"2.5.29.27", "\x02\x01\x07"s},
   };
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
   const Pki::TempDir directory;
   const auto with = [&ca](const std::vector<Pki::RawExtension>& extensions) {
-    return Pki::makeCrl({.issuer = &ca,
+    return Pki::makeCRL({.issuer = &ca,
                          .number = std::nullopt,
                          .authorityKeyId = Pki::KeyId::Absent,
                          .rawExtensions = extensions});
@@ -288,9 +288,9 @@ TEST(CertificateRevocationListFactory, ExtensionBrokenOrTwice_RefusesTheCrlNamin
   }
 }
 
-TEST(CertificateRevocationListFactory, TimeThatIsNone_RefusesTheCrl) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
-  const std::string good = Pki::der(Pki::makeCrl({.issuer = &ca,
+TEST(CertificateRevocationListFactory, TimeThatIsNone_RefusesTheCRL) {
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  const std::string good = Pki::der(Pki::makeCRL({.issuer = &ca,
                                                   .lastUpdate = "20260101000000Z",
                                                   .nextUpdate = Pki::When("20260201000000Z")})
                                         .get());
@@ -308,20 +308,20 @@ TEST(CertificateRevocationListFactory, TimeThatIsNone_RefusesTheCrl) {
   }
 }
 
-TEST(CertificateRevocationListFactory, BrokenCrlAfterAGoodOne_RefusesTheFile) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
-  const std::string good = Pki::pem(Pki::makeCrl({.issuer = &ca}).get());
+TEST(CertificateRevocationListFactory, BrokenCRLAfterAGoodOne_RefusesTheFile) {
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  const std::string good = Pki::pem(Pki::makeCRL({.issuer = &ca}).get());
   const std::string broken = Pki::pem(
-      Pki::makeCrl({.issuer = &ca, .rawExtensions = {{"2.5.29.28", true, "\xff"s}}}).get());
+      Pki::makeCRL({.issuer = &ca, .rawExtensions = {{"2.5.29.28", true, "\xff"s}}}).get());
   const std::string both = good + broken;
   EXPECT_THROW(CertificateRevocationListFactory::read(
                    Buffer(both.data(), static_cast<unsigned int>(both.size()), true)),
                Exception);
 }
 
-TEST(CertificateRevocationListFactory, Wrapping_SharesOrAdoptsTheSameCrl) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
-  Owned<X509_CRL> native = Pki::makeCrl({.issuer = &ca});
+TEST(CertificateRevocationListFactory, Wrapping_SharesOrAdoptsTheSameCRL) {
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  Owned<X509_CRL> native = Pki::makeCRL({.issuer = &ca});
   X509_CRL* const pointer = native.get();
   {
     const RefCertificateRevocationList shared = CertificateRevocationListFactory()(pointer, false);
@@ -334,9 +334,9 @@ TEST(CertificateRevocationListFactory, Wrapping_SharesOrAdoptsTheSameCrl) {
 }
 
 TEST(CertificateRevocationList, WritePEM_ReadsBackAndHashesLikeTheCommand) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
   const Owned<X509_CRL> native =
-      Pki::makeCrl({.issuer = &ca, .revoked = {{.serial = 5, .reason = 1}}});
+      Pki::makeCRL({.issuer = &ca, .revoked = {{.serial = 5, .reason = 1}}});
   RefCertificateRevocationList crl = CertificateRevocationListFactory()(native.get(), false);
   StringMediaOut out;
   crl->writePEM(out);
@@ -347,7 +347,7 @@ TEST(CertificateRevocationList, WritePEM_ReadsBackAndHashesLikeTheCommand) {
 }
 
 TEST(CertificateRevocationList, WritePEM_ToAFilePublishesIt) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
   const Pki::TempDir directory;
   const std::string path = (directory / "crl.r0").string();
   FileMediaOut out(path);

@@ -26,8 +26,8 @@ using namespace std::string_literals;
 RefCertificate wrap(const Pki::Issued& issued) { return CertificateFactory()(issued.get(), false); }
 RefCertificate make(const Pki::CertificateOptions& options) { return wrap(Pki::issue(options)); }
 
-TEST(Certificate, NamesAndSerial_AreThoseOfTheOpensslCommand) {
-  const Pki::Issued ca = Pki::issueCa("C=DE,O=Mail,CN=CA");
+TEST(Certificate, NamesAndSerial_AreThoseOfTheOpenSSLCommand) {
+  const Pki::Issued ca = Pki::issueCA("C=DE,O=Mail,CN=CA");
   for (const char* serial : {"1", "0A", "80", "FEDCBA9876543210FEDCBA9876543210", "-0A"}) {
     const Pki::Issued leaf = Pki::issue({.subject = "CN=Leaf", .issuer = &ca, .serial = serial});
     const RefCertificate certificate = wrap(leaf);
@@ -42,7 +42,7 @@ TEST(Certificate, NamesAndSerial_AreThoseOfTheOpensslCommand) {
 }
 
 TEST(Certificate, KeyIdentifiers_OfIssuerAndSubjectMatch) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
   const RefCertificate issuer = wrap(ca);
   const RefCertificate leaf = make({.issuer = &ca});
   ASSERT_FALSE(issuer->subjectKeyIdentifier().empty());
@@ -61,7 +61,7 @@ TEST(Certificate, KeyIdentifiers_OfIssuerAndSubjectMatch) {
   EXPECT_TRUE(none->authorityKeyIdentifier().empty());
 }
 
-TEST(Certificate, KeyUsage_BitsOfOpensslAndUnrestrictedWithoutTheExtension) {
+TEST(Certificate, KeyUsage_BitsOfOpenSSLAndUnrestrictedWithoutTheExtension) {
   EXPECT_EQ(make({.keyUsage = KU_CRL_SIGN})->keyUsage(), 0x02U);
   EXPECT_EQ(make({.keyUsage = KU_KEY_CERT_SIGN | KU_CRL_SIGN})->keyUsage(), 0x06U);
   EXPECT_EQ(make({.keyUsage = KU_DIGITAL_SIGNATURE})->keyUsage(), 0x80U);
@@ -82,7 +82,7 @@ TEST(Certificate, IsCACert_TheBitOfBasicConstraints) {
 }
 
 TEST(Certificate, IsSelfSigned_ByNamesAndKeyIdentifiers) {
-  const Pki::Issued root = Pki::issueCa("CN=CA");
+  const Pki::Issued root = Pki::issueCA("CN=CA");
   EXPECT_TRUE(wrap(root)->isSelfSigned());
   EXPECT_FALSE(make({.subject = "CN=Leaf", .issuer = &root})->isSelfSigned());
   // Self-issued: the same name on both sides, another key. This is how a CA changes its key.
@@ -92,9 +92,9 @@ TEST(Certificate, IsSelfSigned_ByNamesAndKeyIdentifiers) {
 }
 
 TEST(Certificate, IssuedBy_NamesOnlyOrWithTheSignature) {
-  const Pki::Issued ca = Pki::issueCa("CN=CA");
-  const Pki::Issued sameName = Pki::issueCa("CN=CA");
-  const Pki::Issued otherName = Pki::issueCa("CN=Other");
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  const Pki::Issued sameName = Pki::issueCA("CN=CA");
+  const Pki::Issued otherName = Pki::issueCA("CN=Other");
   const Pki::Issued notForSigning =
       Pki::issue({.subject = "CN=CA", .ca = true, .keyUsage = KU_CRL_SIGN, .key = ca.key});
   const Pki::Issued unrestricted =
@@ -222,7 +222,7 @@ TEST(Certificate, MalformedExtensions_NeverAnIssuerNorKnownToBeSelfSigned) {
 }
 
 TEST(Certificate, Key_VerifiesWhatItSigned) {
-  const Pki::Issued issued = Pki::issueCa("CN=CA");
+  const Pki::Issued issued = Pki::issueCA("CN=CA");
   const RefKey key = wrap(issued)->key();
   ASSERT_FALSE(key.empty());
   EXPECT_EQ(EVP_PKEY_eq(key->keyData(), issued.key.get()), 1);
@@ -230,7 +230,7 @@ TEST(Certificate, Key_VerifiesWhatItSigned) {
 }
 
 TEST(Certificate, KeyOfUnknownAlgorithm_ThrowsAndIsNotSelfSigned) {
-  std::string der = Pki::der(Pki::issueCa("CN=CA").cert.get());
+  std::string der = Pki::der(Pki::issueCA("CN=CA").cert.get());
   // id-ecPublicKey with its last arc changed to one that is not assigned.
   const std::string algorithm = "\x06\x07\x2a\x86\x48\xce\x3d\x02\x01"s;
   const std::size_t at = der.find(algorithm);
@@ -242,7 +242,7 @@ TEST(Certificate, KeyOfUnknownAlgorithm_ThrowsAndIsNotSelfSigned) {
 }
 
 TEST(Certificate, IssuedByAKeyOfUnknownAlgorithm_NeverAndNoErrorIsLeft) {
-  const Pki::Issued root = Pki::issueCa("CN=CA");
+  const Pki::Issued root = Pki::issueCA("CN=CA");
   const RefCertificate leaf = wrap(Pki::issue({.subject = "CN=Leaf", .issuer = &root}));
   std::string der = Pki::der(root.get());
   const std::string algorithm = "\x06\x07\x2a\x86\x48\xce\x3d\x02\x01"s;
@@ -256,15 +256,15 @@ TEST(Certificate, IssuedByAKeyOfUnknownAlgorithm_NeverAndNoErrorIsLeft) {
   EXPECT_EQ(ERR_peek_error(), 0U);
 }
 
-TEST(Certificate, WritePEM_OneBlockThatOpensslReadsBack) {
-  const Pki::Issued issued = Pki::issueCa("CN=CA");
+TEST(Certificate, WritePEM_OneBlockThatOpenSSLReadsBack) {
+  const Pki::Issued issued = Pki::issueCA("CN=CA");
   StringMediaOut out;
   wrap(issued)->writePEM(out);
   EXPECT_EQ(out.text(), Pki::pem(issued.cert.get()));
 }
 
 TEST(RefCertificate, Compared_ByContentAndEmptiness) {
-  const Pki::Issued issued = Pki::issueCa("CN=CA");
+  const Pki::Issued issued = Pki::issueCA("CN=CA");
   const RefCertificate one = wrap(issued);
   const RefCertificate same = CertificateFactory()(X509_dup(issued.get()), true);
   const RefCertificate other = make({.subject = "CN=CA"});
@@ -278,7 +278,7 @@ TEST(RefCertificate, Compared_ByContentAndEmptiness) {
 }
 
 TEST(RefCertificate, Conversion_TheSameX509OrNull) {
-  const Pki::Issued issued = Pki::issueCa("CN=CA");
+  const Pki::Issued issued = Pki::issueCA("CN=CA");
   const RefCertificate certificate = wrap(issued);
   X509* native = certificate;
   EXPECT_EQ(native, issued.get());
@@ -286,7 +286,7 @@ TEST(RefCertificate, Conversion_TheSameX509OrNull) {
   EXPECT_EQ(static_cast<x509_st*>(RefCertificate()), nullptr);
 }
 
-TEST(AuthorityInformationAccess, OcspLocations_OfEveryTypeInOrder) {
+TEST(AuthorityInformationAccess, OCSPLocations_OfEveryTypeInOrder) {
   const RefCertificate certificate =
       make({.extensions = {{"authorityInfoAccess",
                             "OCSP;URI:http://one.example/,caIssuers;URI:http://ca.example/,"
@@ -303,22 +303,22 @@ TEST(AuthorityInformationAccess, OcspLocations_OfEveryTypeInOrder) {
 
 TEST(AuthorityInformationAccess, NoneBrokenOrOther_EmptyHandleOrException) {
   EXPECT_TRUE(RefAuthorityInformationAccess(RefExtension()).empty());
-  const std::string noOcsp =
+  const std::string noOCSP =
       "\x30\x12\x30\x10\x06\x08\x2b\x06\x01\x05\x05\x07\x30\x02\x86\x04\x68\x3a\x2f\x2f"s;
   const auto read = [](const char* oid, const std::string& der) {
     const RefCertificate certificate = make({.rawExtensions = {{oid, false, der}}});
     return RefAuthorityInformationAccess(certificate->find(ASN1::RefObjectIdentifier(oid)));
   };
-  EXPECT_TRUE(read("1.3.6.1.5.5.7.1.1", noOcsp)->ocspGeneralNames().empty());
-  EXPECT_THROW(read("1.3.6.1.5.5.7.1.1", noOcsp + "x"), Exception);
+  EXPECT_TRUE(read("1.3.6.1.5.5.7.1.1", noOCSP)->ocspGeneralNames().empty());
+  EXPECT_THROW(read("1.3.6.1.5.5.7.1.1", noOCSP + "x"), Exception);
   EXPECT_THROW(read("1.3.6.1.5.5.7.1.1", "\x05\0"s), Exception);
-  EXPECT_THROW(read("1.2.3.4", noOcsp), Exception);
+  EXPECT_THROW(read("1.2.3.4", noOCSP), Exception);
 }
 
 TEST(RefStackOfCertificate, FromAList_TheSameX509sInOrderWithTheirOwnReferences) {
   RefStackOfCertificate stack;
-  const Pki::Issued first = Pki::issueCa("CN=1");
-  const Pki::Issued second = Pki::issueCa("CN=2");
+  const Pki::Issued first = Pki::issueCA("CN=1");
+  const Pki::Issued second = Pki::issueCA("CN=2");
   {
     const std::list<RefCertificate> certificates = {wrap(first), RefCertificate(), wrap(second)};
     stack = RefStackOfCertificate(certificates);

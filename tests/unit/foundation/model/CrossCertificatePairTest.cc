@@ -33,8 +33,8 @@ RefCrossCertificatePair read(const std::string& der) {
 }
 
 TEST(CrossCertificatePair, EachSide_PresentOrEmpty) {
-  const std::string a = Pki::der(Pki::issueCa("CN=A").cert.get());
-  const std::string b = Pki::der(Pki::issueCa("CN=B").cert.get());
+  const std::string a = Pki::der(Pki::issueCA("CN=A").cert.get());
+  const std::string b = Pki::der(Pki::issueCA("CN=B").cert.get());
   const RefCrossCertificatePair both = read(sequence(tagged(0, a) + tagged(1, b)));
   EXPECT_EQ(both->forward()->subject().asString(), "CN=A");
   EXPECT_EQ(both->reverse()->subject().asString(), "CN=B");
@@ -48,7 +48,7 @@ TEST(CrossCertificatePair, EachSide_PresentOrEmpty) {
 }
 
 TEST(CrossCertificatePair, NotThatShape_Throws) {
-  const std::string a = Pki::der(Pki::issueCa("CN=A").cert.get());
+  const std::string a = Pki::der(Pki::issueCA("CN=A").cert.get());
   const std::string pair = sequence(tagged(0, a));
   const std::pair<const char*, std::string> rows[] = {
       {"nothing", ""},

@@ -218,7 +218,7 @@ TEST(DistinguishedName, Equality_CanonicalComparison) {
       dn({attribute("O", V_ASN1_UTF8STRING, "b"), attribute("CN", V_ASN1_UTF8STRING, "a")}));
 }
 
-TEST(DistinguishedName, EmptyName_IsANameToOpenssl) {
+TEST(DistinguishedName, EmptyName_IsANameToOpenSSL) {
   const DistinguishedName made;
   const DistinguishedName null(static_cast<const X509_name_st*>(nullptr));
   const DistinguishedName wrapped = dn({});
@@ -252,23 +252,23 @@ TEST(DistinguishedName, BuiltInMemoryAndNeverEncoded_EqualsTheDecodedOne) {
   EXPECT_EQ(DistinguishedName(built.get()), DistinguishedName("CN=A"));
 }
 
-TEST(DistinguishedName, Hash_IsThatOfTheOpensslCommand) {
+TEST(DistinguishedName, Hash_IsThatOfTheOpenSSLCommand) {
   for (const char* subject : {"C=US,O=Example,CN=Root", "CN=J\xc3\xbcrgen  M\xc3\xbcller",
                               "DC=com,DC=example,CN=a+serialNumber=1"}) {
-    const Pki::Issued issued = Pki::issueCa(subject);
+    const Pki::Issued issued = Pki::issueCA(subject);
     const std::string pem = Pki::pem(issued.cert.get());
     const Pki::CommandResult x509 =
         Pki::runCommand({"openssl", "x509", "-noout", "-subject_hash"}, pem);
-    const Owned<X509_CRL> crl = Pki::makeCrl({.issuer = &issued});
-    const Pki::CommandResult ofCrl =
+    const Owned<X509_CRL> crl = Pki::makeCRL({.issuer = &issued});
+    const Pki::CommandResult ofCRL =
         Pki::runCommand({"openssl", "crl", "-noout", "-hash"}, Pki::pem(crl.get()));
     ASSERT_EQ(x509.status, 0) << x509.err;
-    ASSERT_EQ(ofCrl.status, 0) << ofCrl.err;
+    ASSERT_EQ(ofCRL.status, 0) << ofCRL.err;
     char text[9];
     std::snprintf(text, sizeof text, "%08x",
                   DistinguishedName(X509_get_subject_name(issued.get())).hash());
     EXPECT_EQ(text + "\n"s, x509.out);
-    EXPECT_EQ(text + "\n"s, ofCrl.out);
+    EXPECT_EQ(text + "\n"s, ofCRL.out);
     // And of the name that its text is read back to: directories are searched by parsed names.
     EXPECT_EQ(
         DistinguishedName(DistinguishedName(X509_get_subject_name(issued.get())).asString()).hash(),

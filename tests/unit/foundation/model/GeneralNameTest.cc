@@ -41,7 +41,7 @@ TEST(GeneralName, EachType_GivesItsValueAndNothingForTheOthers) {
   }
 }
 
-TEST(GeneralName, UriWithZeroOctet_IsNoUri) {
+TEST(GeneralName, URIWithZeroOctet_IsNoURI) {
   const Owned<GENERAL_NAME> native = Pki::makeGeneralName("URI:http://good.example/");
   const std::string text("http://good.example/\0.evil.example", 34);
   ASSERT_EQ(ASN1_STRING_set(native->d.uniformResourceIdentifier, text.data(), 34), 1);

@@ -16,7 +16,7 @@ namespace {
 namespace Pki = Velantrix::Test;
 
 TEST(KeyCertificatePair, WithBody_StartsEmptyAndTakesBoth) {
-  const Pki::Issued issued = Pki::issueCa("CN=A");
+  const Pki::Issued issued = Pki::issueCA("CN=A");
   const RefCertificate certificate = CertificateFactory()(issued.get(), false);
   KeyCertificatePair pair(true);
   EXPECT_FALSE(pair.empty());
@@ -55,7 +55,7 @@ TEST(KeyCertificatePair, WithoutBody_EmptyAndCannotBeSet) {
 TEST(Key, BothNames_AreOneClass) {
   static_assert(std::is_same_v<PKX509::Key, Crypto::Key>);
   static_assert(std::is_same_v<PKX509::RefKey, Crypto::RefKey>);
-  const Pki::Issued issued = Pki::issueCa("CN=A");
+  const Pki::Issued issued = Pki::issueCA("CN=A");
   ASSERT_EQ(EVP_PKEY_up_ref(issued.key.get()), 1);
   const RefKey key(new Key(issued.key.get()));
   EXPECT_EQ(key->keyData(), issued.key.get());

@@ -130,7 +130,7 @@ TEST(ModelAllocation, RelativeNameOfADistributionPoint) {
 }
 
 TEST(ModelAllocation, PemIsWrittenWholeOrNotAtAll) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const RefCertificate certificate = model(root);
   EXPECT_THROWN("cannot be encoded", starve(pem(root.get()), [&] {
                   StringMediaOut out;

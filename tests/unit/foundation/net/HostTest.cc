@@ -9,7 +9,7 @@ namespace {
 TEST(IPAddress, AsString_BracketsAnIPv6AddressUnlessPlain) {
   const struct {
     const char* text;
-    const char* inUri;
+    const char* inURI;
   } rows[] = {{"192.0.2.1", "192.0.2.1"},
               {"2001:db8::1", "[2001:db8::1]"},
               {"::", "[::]"},
@@ -17,7 +17,7 @@ TEST(IPAddress, AsString_BracketsAnIPv6AddressUnlessPlain) {
               {"", ""}};
   for (const auto& row : rows) {
     EXPECT_EQ(IPAddress(row.text).asString(true), row.text);
-    EXPECT_EQ(IPAddress(row.text).asString(false), row.inUri);
+    EXPECT_EQ(IPAddress(row.text).asString(false), row.inURI);
   }
 }
 

@@ -34,8 +34,8 @@ constexpr char kBytesSpent[] =
 
 // A CA, what it issued, and what only says so.
 struct Chain {
-  Issued root = issueCa("CN=Root");
-  Issued other = issueCa("CN=Root");
+  Issued root = issueCA("CN=Root");
+  Issued other = issueCA("CN=Root");
   Issued genuine = issue({.subject = "CN=Genuine", .issuer = &root});
   Issued forged = issue({.subject = "CN=Forged", .issuer = &root, .badSignature = true});
   Issued foreign = issue({.subject = "CN=Foreign", .issuer = &other});
@@ -139,7 +139,7 @@ TEST(NetworkAdmitted, NotAsked_NothingIsVerified) {
 }
 
 TEST(NetworkAdmitted, ControlCharactersInTheName_StayOnOneLine) {
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Issued forged = issue({.subject = "CN=a\nb\x1b[2J", .issuer = &root, .badSignature = true});
   LogCapture log;
   const ConnectionSubject subject(forged.get(), root.get());

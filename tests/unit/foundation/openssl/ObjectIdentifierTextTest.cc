@@ -19,7 +19,7 @@ Owned<ASN1_OBJECT> object(const std::string& content) {
   return Owned<ASN1_OBJECT>(d2i_ASN1_OBJECT(nullptr, &position, static_cast<long>(der.size())));
 }
 
-TEST(ObjectIdentifierText, RandomIdentifiers_AgreeWithOpensslBothWays) {
+TEST(ObjectIdentifierText, RandomIdentifiers_AgreeWithOpenSSLBothWays) {
   std::mt19937 random(7);
   for (int round = 0; round < 5000; ++round) {
     std::string content;
@@ -43,7 +43,7 @@ TEST(ObjectIdentifierText, RandomIdentifiers_AgreeWithOpensslBothWays) {
   }
 }
 
-TEST(ObjectIdentifierText, MoreOctetsThanOpensslPrints_StillDotted) {
+TEST(ObjectIdentifierText, MoreOctetsThanOpenSSLPrints_StillDotted) {
   std::string content = "\x2a";
   std::string expected = "1.2";
   for (int i = 0; i < 100000; ++i) {

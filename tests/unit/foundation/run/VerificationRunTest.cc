@@ -77,8 +77,8 @@ TEST(VerificationRun, NestedOfAllLevels_CountTogether) {
 }
 
 TEST(VerificationRun, TargetOfAnEnclosingRun_IsRefused) {
-  const Issued a = issueCa("CN=A");
-  const Issued b = issueCa("CN=B");
+  const Issued a = issueCA("CN=A");
+  const Issued b = issueCA("CN=B");
   const Issued copy{certFromDer(der(a.get())), a.key};
   const VerificationRun outermost(a.get());
   EXPECT_STREQ(VerificationRun(a.get()).refusal(), "its own verification depends on it");
@@ -89,7 +89,7 @@ TEST(VerificationRun, TargetOfAnEnclosingRun_IsRefused) {
 }
 
 TEST(VerificationRun, TargetOfARunThatHasEnded_IsNotRefused) {
-  const Issued a = issueCa("CN=A");
+  const Issued a = issueCA("CN=A");
   const VerificationRun outermost(nullptr);
   EXPECT_EQ(VerificationRun(a.get()).refusal(), nullptr);
   EXPECT_EQ(VerificationRun(a.get()).refusal(), nullptr);
@@ -127,8 +127,8 @@ X509* known(const std::string& der) {
 }
 
 TEST(VerificationRun, KnownCertificate_IsFoundByItsOctetsWhileTheRunOrOneInsideItGoesOn) {
-  const Issued one = issueCa("CN=One");
-  const Issued other = issueCa("CN=Other");
+  const Issued one = issueCA("CN=One");
+  const Issued other = issueCA("CN=Other");
   const std::string octets = der(one.get());
   EXPECT_EQ(known(octets), nullptr);
   {
@@ -151,7 +151,7 @@ X509* readBack(const std::string& text) {
 }
 
 TEST(VerificationRun, KnownCertificateReadAgain_IsTheSameObject) {
-  const Issued one = issueCa("CN=One");
+  const Issued one = issueCA("CN=One");
   EXPECT_NE(readBack(pem(one.get())), one.get());
   VerificationRun run(nullptr);
   run.know(one.get());

@@ -11,7 +11,7 @@ namespace {
 
 namespace HTTP = LW::HTTP;
 
-TEST(HTTPAccess, IsHandled_HttpAndHttpsInAnyCase) {
+TEST(HTTPAccess, IsHandled_HTTPAndHTTPSInAnyCase) {
   const struct {
     const char* uri;
     bool handled;
@@ -66,7 +66,7 @@ TEST(HTTPAccess, EndpointForNoAddress_ThrowsTheSystemError) {
   }
 }
 
-TEST(HTTPAccess, StreamForHttp_IsPlainAndReadsNoFile) {
+TEST(HTTPAccess, StreamForHTTP_IsPlainAndReadsNoFile) {
   HTTP::RefStream stream = HTTP::streamFor(Uri("http://host/"));
   ASSERT_FALSE(stream.empty());
   EXPECT_EQ(stream->tls(), nullptr);

@@ -15,22 +15,22 @@ using RefServer = LDAPConnection::RefServer;
 static_assert(static_cast<int>(LDAPConnection::BindSimple) == 0);
 static_assert(std::is_base_of_v<Ref<Server>, RefServer>);
 
-struct UriRow {
+struct URIRow {
   const char* uri;
   const char* host;
   unsigned short port;
   bool ldaps;
 };
 
-TEST(LDAPConnection, ServerUris_Table) {
-  const UriRow rows[] = {
+TEST(LDAPConnection, ServerURIs_Table) {
+  const URIRow rows[] = {
       {"ldap://directory.example.com", "directory.example.com", 389, false},
       {"ldap://directory.example.com/", "directory.example.com", 389, false},
       {"LDAP://127.0.0.1:1389", "127.0.0.1", 1389, false},
       {"ldaps://directory.example.com", "directory.example.com", 636, true},
       {"ldaps://[::1]:1636/", "::1", 1636, true},
   };
-  for (const UriRow& row : rows) {
+  for (const URIRow& row : rows) {
     SCOPED_TRACE(row.uri);
     const RefServer server(row.uri);
     EXPECT_EQ(server->uri(), row.uri);

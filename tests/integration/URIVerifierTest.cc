@@ -1,5 +1,5 @@
 // Verifications of certificates whose distribution points name URIs.
-#include "integration/UriFixture.h"
+#include "integration/URIFixture.h"
 #include "support/WebServer.h"
 
 namespace Velantrix::Test {
@@ -12,7 +12,7 @@ constexpr char kBytesSpent[] =
 constexpr char kLookupsSpent[] =
     "Verifier: too many CRL look-ups, the rest of this verification finds no more CRLs";
 
-class URIVerification : public UriFixture {
+class URIVerification : public URIFixture {
  protected:
   /// A certificate with a distribution point for each URI.
   Issued leafWith(const std::vector<std::string>& uris, CertificateOptions options = {}) const {
@@ -46,7 +46,7 @@ class URIVerification : public UriFixture {
   }
 
   std::string crlListing(const Issued& revoked) const {
-    return der(makeCrl({.issuer = &ca, .revoked = {{.serial = revoked, .reason = 1}}}).get());
+    return der(makeCRL({.issuer = &ca, .revoked = {{.serial = revoked, .reason = 1}}}).get());
   }
 
   std::size_t linesOf(int priority, const std::string& begin) const {
@@ -88,7 +88,7 @@ TEST_F(URIVerification, WebServer_GoodRevokedDownAndServedFromTheCache) {
 }
 
 TEST_F(URIVerification, WebServerOverTls_ServesTheVerification) {
-  const WebServer server({.certificate = &tls, .clientCa = &ca});
+  const WebServer server({.certificate = &tls, .clientCA = &ca});
   const Issued leaf = leafWith({server.tlsUrl("/ca.crl")});
   writeFile(server.root() / "ca.crl", der(crl(7).get()));
   EXPECT_EQ(verdict(leaf), X509_V_ERR_UNABLE_TO_GET_CRL);  // no client certificate, no exception
@@ -108,25 +108,25 @@ TEST_F(URIVerification, CacheThatCannotBeUsed_DoesNotChangeTheVerdict) {
   EXPECT_EQ(server.connections().size(), 2U);
 }
 
-TEST_F(URIVerification, CrlOfAStranger_IsCachedAndDoesNotDecide) {
-  const Issued other = issueCa("O=Test,CN=Root");  // the same name, another key
+TEST_F(URIVerification, CRLOfAStranger_IsCachedAndDoesNotDecide) {
+  const Issued other = issueCA("O=Test,CN=Root");  // the same name, another key
   const FaultServer server(
-      Scripts::answer(der(makeCrl({.issuer = &other, .authorityKeyId = KeyId::Absent}).get())));
+      Scripts::answer(der(makeCRL({.issuer = &other, .authorityKeyId = KeyId::Absent}).get())));
   const Issued leaf = leafWith({server.url("/ca.crl")});
   EXPECT_EQ(verdict(leaf), X509_V_ERR_CRL_SIGNATURE_FAILURE);
   EXPECT_EQ(verdict(leaf, {.useOpenSSL = true}), X509_V_ERR_CRL_SIGNATURE_FAILURE);
   EXPECT_EQ(server.connections().size(), 1U);
 }
 
-TEST_F(URIVerification, ExpiredCrl_IsJudgedAndFetchedAgainNextTime) {
+TEST_F(URIVerification, ExpiredCRL_IsJudgedAndFetchedAgainNextTime) {
   const FaultServer server(Scripts::inTurn(
-      {Scripts::answer(der(expiredCrl(7).get())), Scripts::answer(der(crl(8).get()))}));
+      {Scripts::answer(der(expiredCRL(7).get())), Scripts::answer(der(crl(8).get()))}));
   const Issued leaf = leafWith({server.url("/ca.crl")});
   EXPECT_EQ(verdict(leaf), X509_V_ERR_CRL_HAS_EXPIRED);
   EXPECT_EQ(verdict(leaf), X509_V_OK);
 }
 
-TEST_F(URIVerification, ServerThatMisbehaves_LeavesNoCrl) {
+TEST_F(URIVerification, ServerThatMisbehaves_LeavesNoCRL) {
   for (const Script& script : {Scripts::html(), Scripts::closeAtOnce(), Scripts::garbage(),
                                Scripts::answer(der(ca.get()))}) {
     const FaultServer server(script);
@@ -137,7 +137,7 @@ TEST_F(URIVerification, ServerThatMisbehaves_LeavesNoCrl) {
   }
 }
 
-TEST_F(URIVerification, OnlyTheLeafIsChecked_ItsCrlIsFetchedToo) {
+TEST_F(URIVerification, OnlyTheLeafIsChecked_ItsCRLIsFetchedToo) {
   const FaultServer server(Scripts::answer(der(crl(7).get())));
   for (const bool useOpenSSL : {false, true}) {
     clearPrivateView();
@@ -171,7 +171,7 @@ TEST_F(URIVerification, ForgedCertificate_MakesNoConnection) {
 
 TEST_F(URIVerification, CertificateSignedByAnotherKey_MakesNoConnection) {
   const FaultServer server(Scripts::answer(der(crl(7).get())));
-  const Issued other = issueCa("O=Test,CN=Root");
+  const Issued other = issueCA("O=Test,CN=Root");
   const Issued forged = leafWith({server.url("/a")}, {.signer = other.key});
   for (const bool useOpenSSL : {false, true}) {
     EXPECT_EQ(verdict(forged, {.useOpenSSL = useOpenSSL}), X509_V_ERR_UNABLE_TO_GET_CRL);
@@ -192,7 +192,7 @@ TEST_F(URIVerification, ForgedCertificate_IsJudgedByWhatIsCached) {
     EXPECT_EQ(forgeryLines(), 0U);
   }
   HashDirLookupMethod(kCRLCacheDirectory)
-      .add(Uri(uri), Crls{handle(crlFromDer(crlListing(forged)))});
+      .add(Uri(uri), CRLs{handle(crlFromDer(crlListing(forged)))});
   for (const bool useOpenSSL : {false, true}) {
     EXPECT_EQ(verdict(forged, {.useOpenSSL = useOpenSSL}), X509_V_ERR_CERT_REVOKED);
   }
@@ -206,7 +206,7 @@ TEST_F(URIVerification, ForgedIntermediate_MakesNoConnectionAndTheGenuineLeafDoe
                               .ca = true,
                               .crlDistributionPoints = {{.fullNames = {"URI:" + server.url("/i")}}},
                               .badSignature = true});
-  const FaultServer leafServer(Scripts::answer(der(makeCrl({.issuer = &inter}).get())));
+  const FaultServer leafServer(Scripts::answer(der(makeCRL({.issuer = &inter}).get())));
   const Issued person =
       issue({.subject = "O=Test,CN=Person",
              .issuer = &inter,
@@ -295,7 +295,7 @@ TEST_F(URIVerification, NetworkTime_IsSharedWithNestedVerifications) {
   });
   const std::string uri = "URI:" + server.url("/ca.crl");
   body = der(
-      makeCrl({.issuer = &crlIssuer, .idp = Scope{.fullNames = {uri}, .indirect = true}}).get());
+      makeCRL({.issuer = &crlIssuer, .idp = Scope{.fullNames = {uri}, .indirect = true}}).get());
   const Issued leaf =
       issue({.subject = "O=Test,CN=Leaf",
              .issuer = &ca,
@@ -315,7 +315,7 @@ TEST_F(URIVerification, NetworkTime_IsSharedWithNestedVerifications) {
   EXPECT_EQ(silent.connections().size(), 1U) << log.text();
 }
 
-TEST_F(URIVerification, BytesOfCrls_AreBoundedOverAllDistributionPoints) {
+TEST_F(URIVerification, BytesOfCRLs_AreBoundedOverAllDistributionPoints) {
   const std::string body(std::size_t{64} * 1024 * 1024, 'x');
   const FaultServer server(Scripts::answer(body));
   const Issued leaf =

@@ -1,19 +1,19 @@
 // Verifications against the responder of the openssl command.
-#include "integration/OcspFixture.h"
-#include "support/OcspResponder.h"
+#include "integration/OCSPFixture.h"
+#include "support/OCSPResponder.h"
 
 namespace Velantrix::Test {
 namespace {
 
 using namespace std::chrono_literals;
 
-class OcspResponders : public OcspIntegration {};
+class OCSPResponders : public OCSPIntegration {};
 
-TEST_F(OcspResponders, Index_DecidesGoodRevokedAndUnknown) {
-  OcspResponder responder({.ca = &root});
+TEST_F(OCSPResponders, Index_DecidesGoodRevokedAndUnknown) {
+  OCSPResponder responder({.ca = &root});
   const Issued good = person({responder.url()});
   const Issued unknown = person({responder.url("/ocsp")});
-  std::vector<OcspEntry> index = {{.serial = good}};
+  std::vector<OCSPEntry> index = {{.serial = good}};
   std::vector<Issued> revoked;
   for (const int reason : {kAbsent, 0, 1, 2, 3, 4, 5, 6, 8}) {
     revoked.push_back(person({responder.url()}));
@@ -29,8 +29,8 @@ TEST_F(OcspResponders, Index_DecidesGoodRevokedAndUnknown) {
     EXPECT_EQ(log.text(), kMisplaced + verdictLine(one, kRevoked));
   }
   log.clear();
-  EXPECT_EQ(verdict(unknown), kNoCrl);
-  EXPECT_EQ(log.text(), verdictLine(unknown, kNoCrl));
+  EXPECT_EQ(verdict(unknown), kNoCRL);
+  EXPECT_EQ(log.text(), verdictLine(unknown, kNoCRL));
   world.publish({.issuer = &root});
   EXPECT_EQ(verdict(unknown), 0);
 
@@ -41,8 +41,8 @@ TEST_F(OcspResponders, Index_DecidesGoodRevokedAndUnknown) {
   EXPECT_EQ(requests.back(), "POST //ocsp HTTP/1.0");
 }
 
-TEST_F(OcspResponders, Certificate_ChangesItsStateBetweenVerifications) {
-  OcspResponder responder({.ca = &root});
+TEST_F(OCSPResponders, Certificate_ChangesItsStateBetweenVerifications) {
+  OCSPResponder responder({.ca = &root});
   const Issued leaf = person({responder.url()});
   world.publish({.issuer = &root});
   responder.setIndex({{.serial = leaf}});
@@ -64,7 +64,7 @@ struct Row {
   bool badSignature = false;
 };
 
-TEST_F(OcspResponders, Signer_DecidesWhetherTheAnswerCounts) {
+TEST_F(OCSPResponders, Signer_DecidesWhetherTheAnswerCounts) {
   const auto responder = [&](const CertificateOptions& changed) {
     CertificateOptions options = changed;
     options.subject = "O=Test,CN=Responder";
@@ -74,8 +74,8 @@ TEST_F(OcspResponders, Signer_DecidesWhetherTheAnswerCounts) {
   const Issued authorised = responder({.extensions = {{"extendedKeyUsage", "OCSPSigning"}}});
   const Issued plain = responder({});
   const Issued expired = responder({.notBefore = -48h, .notAfter = -24h});
-  const Issued strangerCa = issueCa("O=Test,CN=Stranger");
-  const Issued strangers = responder({.issuer = &strangerCa});
+  const Issued strangerCA = issueCA("O=Test,CN=Stranger");
+  const Issued strangers = responder({.issuer = &strangerCA});
   const Issued nameless = responder({.subjectKeyId = KeyId::Absent});
   const Row rows[] = {
       {"issuer by name", nullptr, 0},
@@ -90,7 +90,7 @@ TEST_F(OcspResponders, Signer_DecidesWhetherTheAnswerCounts) {
       {"without id-kp-OCSPSigning", &plain, 0},
       {"expired", &expired, 101},
       {"a stranger's", &strangers, 101},
-      {"a stranger", &strangerCa, 101, true},
+      {"a stranger", &strangerCA, 101, true},
       {"not sent", &authorised, 118, false, false},
       {"by key, not sent", &authorised, 118, true, false},
       {"by key without the extension", &nameless, 118, true},
@@ -98,7 +98,7 @@ TEST_F(OcspResponders, Signer_DecidesWhetherTheAnswerCounts) {
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     world.source->crls.clear();
-    OcspResponder server({.ca = &root,
+    OCSPResponder server({.ca = &root,
                           .signer = row.signer,
                           .index = {},
                           .nextUpdate = 5min,
@@ -112,7 +112,7 @@ TEST_F(OcspResponders, Signer_DecidesWhetherTheAnswerCounts) {
       EXPECT_EQ(asking.ask(server.url()), row.answer) << log.text();
     }
     log.clear();
-    EXPECT_EQ(verdict(leaf), row.answer == 0 ? 0 : kNoCrl);
+    EXPECT_EQ(verdict(leaf), row.answer == 0 ? 0 : kNoCRL);
     const std::string unhandled =
         "Verifier::checkRevocationStatus: Unhandled return value from checkOCSP: " +
         std::to_string(row.answer);
@@ -129,12 +129,12 @@ TEST_F(OcspResponders, Signer_DecidesWhetherTheAnswerCounts) {
   }
 }
 
-TEST_F(OcspResponders, TwoLevels_EachIsAskedOfItsOwnIssuersResponder) {
-  OcspResponder ofRoot({.ca = &root});
+TEST_F(OCSPResponders, TwoLevels_EachIsAskedOfItsOwnIssuersResponder) {
+  OCSPResponder ofRoot({.ca = &root});
   const Issued inter =
       naming({ofRoot.url()}, {.subject = "O=Test,CN=Inter", .issuer = &root, .ca = true});
   const Issued signer = issue({.subject = "O=Test,CN=Signer", .issuer = &inter});
-  OcspResponder ofInter({.ca = &inter, .signer = &signer});
+  OCSPResponder ofInter({.ca = &inter, .signer = &signer});
   const Issued leaf = naming({ofInter.url()}, {.subject = "O=Test,CN=Leaf", .issuer = &inter});
   ofRoot.setIndex({{.serial = inter}});
   ofInter.setIndex({{.serial = leaf}});

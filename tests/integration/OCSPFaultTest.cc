@@ -1,6 +1,6 @@
 // The client against responders that do what the openssl command cannot be told to do.
 #include "integration/ConnectWatch.h"
-#include "integration/OcspFixture.h"
+#include "integration/OCSPFixture.h"
 #include "support/Loopback.h"
 #include "support/Memory.h"
 #include "support/Stopwatch.h"
@@ -20,12 +20,12 @@ namespace {
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 
-class OcspFaults : public OcspIntegration {
+class OCSPFaults : public OCSPIntegration {
  protected:
   const Issued leaf = person({"http://unused.test/"});
 };
 
-TEST_F(OcspFaults, Request_IsExactlyTheseBytes) {
+TEST_F(OCSPFaults, Request_IsExactlyTheseBytes) {
   const FaultServer server(answering({.signer = &root}));
   const std::string base = server.url("");
   struct Row {
@@ -56,9 +56,9 @@ TEST_F(OcspFaults, Request_IsExactlyTheseBytes) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(OcspFaults, WrongAnswers_AreNoAnswer) {
+TEST_F(OCSPFaults, WrongAnswers_AreNoAnswer) {
   const std::string whole =
-      ocspAnswer({.signer = &root, .nonce = OcspNonce::Absent}, ocspRequest(leaf, root));
+      ocspAnswer({.signer = &root, .nonce = OCSPNonce::Absent}, ocspRequest(leaf, root));
   constexpr std::size_t kMost = std::size_t{1024} * 1024;
   const std::string noData = noDataLine(leaf);
   const std::string invalid = invalidLine(leaf);
@@ -124,7 +124,7 @@ TEST_F(OcspFaults, WrongAnswers_AreNoAnswer) {
   }
 }
 
-TEST_F(OcspFaults, ResetAtOnce_IsNoConnectionOrNoData) {
+TEST_F(OCSPFaults, ResetAtOnce_IsNoConnectionOrNoData) {
   const FaultServer server(Scripts::resetAtOnce());
   Asking asking(world, {leaf, root});
   // The reset can come before the client has looked at what became of its connection.
@@ -135,9 +135,9 @@ TEST_F(OcspFaults, ResetAtOnce_IsNoConnectionOrNoData) {
   EXPECT_EQ(log.text(), connected ? noDataLine(leaf) : kMisplaced);
 }
 
-TEST_F(OcspFaults, SlowAnswers_EndAtTheQueryTime) {
+TEST_F(OCSPFaults, SlowAnswers_EndAtTheQueryTime) {
   const std::string whole =
-      ocspAnswer({.signer = &root, .nonce = OcspNonce::Absent}, ocspRequest(leaf, root));
+      ocspAnswer({.signer = &root, .nonce = OCSPNonce::Absent}, ocspRequest(leaf, root));
   for (const Script& script :
        {Scripts::silence(), Scripts::trickle(Scripts::response(whole), 100ms)}) {
     const FaultServer server(script);
@@ -154,23 +154,23 @@ TEST_F(OcspFaults, SlowAnswers_EndAtTheQueryTime) {
 
 struct AnswerRow {
   const char* name;
-  OcspAnswer description;
+  OCSPAnswer description;
   int answer;
   std::string lines = {};
 };
 
-TEST_F(OcspFaults, Answers_AreJudged) {
+TEST_F(OCSPFaults, Answers_AreJudged) {
   const Issued other = person({"http://unused.test/"});
-  const Issued stranger = issueCa("O=Test,CN=Stranger");
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
   const std::string mismatch =
       "7 OCSP::BasicResponse: Request Nonce and Reply Nonce do not match.\n"
       "7 OCSP::Client. OCSP Response does not match the request\n";
   const AnswerRow rows[] = {
       {"good", {.signer = &root}, 0},
-      {"good without a nonce", {.signer = &root, .nonce = OcspNonce::Absent}, 0},
-      {"another nonce", {.signer = &root, .nonce = OcspNonce::Other}, 2, mismatch},
+      {"good without a nonce", {.signer = &root, .nonce = OCSPNonce::Absent}, 0},
+      {"another nonce", {.signer = &root, .nonce = OCSPNonce::Other}, 2, mismatch},
       {"another nonce of a stranger",
-       {.signer = &stranger, .nonce = OcspNonce::Other},
+       {.signer = &stranger, .nonce = OCSPNonce::Other},
        2,
        mismatch},
       {"revoked",
@@ -221,16 +221,16 @@ TEST_F(OcspFaults, Answers_AreJudged) {
 
 // --- Two certificates of the chain may have issued the one that is asked about.
 
-TEST_F(OcspFaults, TwoIssuers_TheSecondIsAskedAfterNoDataOnly) {
-  const Issued ca = issueCa("O=Test,CN=Cross", &root);
-  const Issued twin = issueCa("O=Test,CN=Cross");
+TEST_F(OCSPFaults, TwoIssuers_TheSecondIsAskedAfterNoDataOnly) {
+  const Issued ca = issueCA("O=Test,CN=Cross", &root);
+  const Issued twin = issueCA("O=Test,CN=Cross");
   const Issued cross =
       issue({.subject = "O=Test,CN=Cross", .issuer = &twin, .ca = true, .key = ca.key});
   // Without a key identifier, so that every certificate of the name may have issued it.
   const Issued below =
       issue({.subject = "O=Test,CN=Below", .issuer = &ca, .authorityKeyId = KeyId::Absent});
-  const OcspAnswer revoked{.signer = &ca, .singles = {{.status = V_OCSP_CERTSTATUS_REVOKED}}};
-  const Issued stranger = issueCa("O=Test,CN=Stranger");
+  const OCSPAnswer revoked{.signer = &ca, .singles = {{.status = V_OCSP_CERTSTATUS_REVOKED}}};
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
   struct Row {
     const char* name;
     Script first;
@@ -244,7 +244,7 @@ TEST_F(OcspFaults, TwoIssuers_TheSecondIsAskedAfterNoDataOnly) {
       {"not found", Scripts::notFound(), 1, 2, noDataLine(below) + kMisplaced},
       {"try later", answering({.status = OCSP_RESPONSE_STATUS_TRYLATER}), 1, 2,
        invalidLine(below) + kMisplaced},
-      {"another nonce", answering({.signer = &ca, .nonce = OcspNonce::Other}), 2, 1,
+      {"another nonce", answering({.signer = &ca, .nonce = OCSPNonce::Other}), 2, 1,
        "7 OCSP::BasicResponse: Request Nonce and Reply Nonce do not match.\n"
        "7 OCSP::Client. OCSP Response does not match the request\n"},
       {"garbage", Scripts::answer("garbage"), 2, 1, kMisplaced},
@@ -274,8 +274,8 @@ TEST_F(OcspFaults, TwoIssuers_TheSecondIsAskedAfterNoDataOnly) {
   }
 }
 
-TEST_F(OcspFaults, BothWithoutAVerdict_IsNoAnswer) {
-  const Issued twin = issueCa("O=Test,CN=Root");
+TEST_F(OCSPFaults, BothWithoutAVerdict_IsNoAnswer) {
+  const Issued twin = issueCA("O=Test,CN=Root");
   const Issued below =
       issue({.subject = "O=Test,CN=Below", .issuer = &root, .authorityKeyId = KeyId::Absent});
   const FaultServer server(Scripts::notFound());
@@ -285,8 +285,8 @@ TEST_F(OcspFaults, BothWithoutAVerdict_IsNoAnswer) {
   EXPECT_EQ(log.text(), noDataLine(below) + noDataLine(below));
 }
 
-TEST_F(OcspFaults, NameOfTheIssuerWithAnotherKeyIdentifier_IsNotTheIssuer) {
-  const Issued twin = issueCa("O=Test,CN=Root");
+TEST_F(OCSPFaults, NameOfTheIssuerWithAnotherKeyIdentifier_IsNotTheIssuer) {
+  const Issued twin = issueCA("O=Test,CN=Root");
   const FaultServer server(Scripts::notFound());
   Asking asking(world, {leaf, twin, root});
   EXPECT_EQ(asking.ask(server.url()), 2);
@@ -294,7 +294,7 @@ TEST_F(OcspFaults, NameOfTheIssuerWithAnotherKeyIdentifier_IsNotTheIssuer) {
   EXPECT_NE(server.requests()[0].find(ocspRequest(leaf, root, false).substr(4)), std::string::npos);
 }
 
-TEST_F(OcspFaults, NoIssuerInTheChain_ConnectsAndAsksNothing) {
+TEST_F(OCSPFaults, NoIssuerInTheChain_ConnectsAndAsksNothing) {
   const FaultServer server(answering({.signer = &root}));
   {
     Asking asking(world, {leaf});
@@ -308,7 +308,7 @@ TEST_F(OcspFaults, NoIssuerInTheChain_ConnectsAndAsksNothing) {
 
 // --- Connecting.
 
-TEST_F(OcspFaults, ConnectFailed_IsALineAndThenNoAnswerWithALineWithoutText) {
+TEST_F(OCSPFaults, ConnectFailed_IsALineAndThenNoAnswerWithALineWithoutText) {
   const ReservedPort port;
   const std::string url = "http://127.0.0.1:" + port.text() + "/";
   Asking asking(world, {leaf, root});
@@ -321,7 +321,7 @@ TEST_F(OcspFaults, ConnectFailed_IsALineAndThenNoAnswerWithALineWithoutText) {
   EXPECT_EQ(log.lines().at(0).raw, "0\x01");
 }
 
-TEST_F(OcspFaults, SameUri_KeepsTheConnectionAndItsFailureToo) {
+TEST_F(OCSPFaults, SameURI_KeepsTheConnectionAndItsFailureToo) {
   const FaultServer server(answering({.signer = &root}));
   const std::string host = "127.0.0.1:" + std::to_string(server.port());
   const ConnectWatch watch;
@@ -342,7 +342,7 @@ TEST_F(OcspFaults, SameUri_KeepsTheConnectionAndItsFailureToo) {
   EXPECT_EQ(log.text(), unreachableLine(refused.asString()) + unreachableLine(refused.asString()));
 }
 
-TEST_F(OcspFaults, AnotherUri_DropsTheConnection) {
+TEST_F(OCSPFaults, AnotherURI_DropsTheConnection) {
   const FaultServer first(answering({.signer = &root}));
   const FaultServer second(
       answering({.signer = &root, .singles = {{.status = V_OCSP_CERTSTATUS_REVOKED}}}));
@@ -357,7 +357,7 @@ TEST_F(OcspFaults, AnotherUri_DropsTheConnection) {
   EXPECT_EQ(second.requests().at(1).substr(0, 13), "POST //other ");
 }
 
-TEST_F(OcspFaults, AnotherUriThatIsRefused_LeavesNoConnection) {
+TEST_F(OCSPFaults, AnotherURIThatIsRefused_LeavesNoConnection) {
   const FaultServer server(answering({.signer = &root}));
   Asking asking(world, {leaf, root});
   EXPECT_TRUE(asking.client.connect(Uri(server.url())));
@@ -370,7 +370,7 @@ TEST_F(OcspFaults, AnotherUriThatIsRefused_LeavesNoConnection) {
   EXPECT_TRUE(server.requests().empty());
 }
 
-TEST_F(OcspFaults, SeveralQuestions_EachHasItsOwnNonce) {
+TEST_F(OCSPFaults, SeveralQuestions_EachHasItsOwnNonce) {
   const FaultServer server(answering({.signer = &root}));
   Asking asking(world, {leaf, root});
   ASSERT_TRUE(asking.client.connect(Uri(server.url())));
@@ -384,7 +384,7 @@ TEST_F(OcspFaults, SeveralQuestions_EachHasItsOwnNonce) {
 
 // --- TLS.
 
-class OcspTls : public OcspFaults {
+class OCSPTls : public OCSPFaults {
  protected:
   /// The machine's certificate and key.
   void install(const Issued& issued) const {
@@ -392,12 +392,12 @@ class OcspTls : public OcspFaults {
     writeFile(kClientKeyFile, pem(issued.key.get()));
   }
 
-  const Issued host = issueCa("CN=127.0.0.1");  // trusted by nobody
+  const Issued host = issueCA("CN=127.0.0.1");  // trusted by nobody
   const Issued machine = issue({.subject = "O=Test,CN=Appliance", .issuer = &root});
 };
 
-TEST_F(OcspTls, ClientCertificate_IsShownAndTheServersIsNotVerified) {
-  const FaultServer server(answering({.signer = &root}), {.certificate = &host, .clientCa = &root});
+TEST_F(OCSPTls, ClientCertificate_IsShownAndTheServersIsNotVerified) {
+  const FaultServer server(answering({.signer = &root}), {.certificate = &host, .clientCA = &root});
   install(machine);
   const Issued named = person({server.url("/ocsp")});
   EXPECT_EQ(verdict(named), 0) << log.text();
@@ -406,8 +406,8 @@ TEST_F(OcspTls, ClientCertificate_IsShownAndTheServersIsNotVerified) {
   EXPECT_EQ(server.requests().at(0).substr(0, 12), "POST //ocsp ");
 }
 
-TEST_F(OcspTls, ClientCertificateThatTheServerDoesNotTake_IsNoConnectionOrNoData) {
-  const FaultServer server(answering({.signer = &root}), {.certificate = &host, .clientCa = &root});
+TEST_F(OCSPTls, ClientCertificateThatTheServerDoesNotTake_IsNoConnectionOrNoData) {
+  const FaultServer server(answering({.signer = &root}), {.certificate = &host, .clientCA = &root});
   install(host);
   Asking asking(world, {leaf, root});
   // In TLS 1.3 the client hears of it only when it reads.
@@ -415,7 +415,7 @@ TEST_F(OcspTls, ClientCertificateThatTheServerDoesNotTake_IsNoConnectionOrNoData
   EXPECT_TRUE(server.requests().empty());
 }
 
-TEST_F(OcspTls, ServerSpeaksNoTls_IsNoConnection) {
+TEST_F(OCSPTls, ServerSpeaksNoTls_IsNoConnection) {
   install(machine);
   const FaultServer server([](Peer& peer) {
     peer.write("HTTP/1.0 400 Bad Request\r\n\r\n");
@@ -428,7 +428,7 @@ TEST_F(OcspTls, ServerSpeaksNoTls_IsNoConnection) {
   EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
-TEST_F(OcspTls, UriWithoutAPort_IsPort80) {
+TEST_F(OCSPTls, URIWithoutAPort_IsPort80) {
   const FaultServer server(answering({.signer = &root}), {.certificate = &host});
   install(machine);
   ConnectWatch watch;
@@ -439,7 +439,7 @@ TEST_F(OcspTls, UriWithoutAPort_IsPort80) {
   EXPECT_EQ(server.requests().size(), 1U);
 }
 
-TEST_F(OcspTls, FilesThatCannotBeLoaded_AreASystemErrorThatLeavesTheVerification) {
+TEST_F(OCSPTls, FilesThatCannotBeLoaded_AreASystemErrorThatLeavesTheVerification) {
   const FaultServer server(answering({.signer = &root}), {.certificate = &host});
   const Issued named = person({server.url()});
   const std::string certificate = pem(machine.get());

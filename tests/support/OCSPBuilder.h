@@ -26,7 +26,7 @@
 namespace Velantrix::Test {
 
 /// What an answer says about one certificate.
-struct OcspSingle {
+struct OCSPSingle {
   int status = V_OCSP_CERTSTATUS_GOOD;
   int reason = kAbsent;  ///< CRL_REASON_*, of revoked ones
   When revoked = std::chrono::hours(-2);
@@ -38,17 +38,17 @@ struct OcspSingle {
   const EVP_MD* digest = EVP_sha1();  ///< of a certificate named here
 };
 
-enum class OcspNonce {
+enum class OCSPNonce {
   Same,  ///< what the request has, also when that is none
   Absent,
   Other
 };
 
 /// Certificates are borrowed for the call.
-struct OcspAnswer {
+struct OCSPAnswer {
   const Issued* signer = nullptr;  ///< needed when there is an answer at all
-  std::vector<OcspSingle> singles = {OcspSingle{}};
-  OcspNonce nonce = OcspNonce::Same;
+  std::vector<OCSPSingle> singles = {OCSPSingle{}};
+  OCSPNonce nonce = OCSPNonce::Same;
   bool byKey = false;                                 ///< names its signer by key, not by name
   bool certificates = true;                           ///< carries its signer's certificate
   std::vector<const Issued*> firstCertificates = {};  ///< carried before that one
@@ -62,7 +62,7 @@ struct OcspAnswer {
 /// A request with a SHA-1 identifier, and a nonce when asked for.
 std::string ocspRequest(const Issued& certificate, const Issued& issuer, bool nonce = true);
 
-std::string ocspAnswer(const OcspAnswer& description, std::string_view request);
+std::string ocspAnswer(const OCSPAnswer& description, std::string_view request);
 
 /// An OCSPResponse with these bytes as its answer, whatever they are. An empty type is that of a
 /// BasicOCSPResponse.

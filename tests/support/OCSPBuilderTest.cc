@@ -1,5 +1,5 @@
 #include "support/Command.h"
-#include "support/OcspBuilder.h"
+#include "support/OCSPBuilder.h"
 
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -9,12 +9,12 @@ namespace {
 
 using namespace std::string_literals;
 
-class OcspBuilder : public testing::Test {
+class OCSPBuilder : public testing::Test {
  protected:
-  OcspBuilder() { writeFile(work / "ca.crt", pem(ca.get())); }
+  OCSPBuilder() { writeFile(work / "ca.crt", pem(ca.get())); }
 
   /// What the openssl command says of an answer to a request about the leaf.
-  std::string read(const OcspAnswer& description) const {
+  std::string read(const OCSPAnswer& description) const {
     const std::string request = ocspRequest(leaf, ca);
     writeFile(work / "req.der", request);
     writeFile(work / "resp.der", ocspAnswer(description, request));
@@ -23,18 +23,18 @@ class OcspBuilder : public testing::Test {
     return result.out + result.err;
   }
 
-  const Issued ca = issueCa("CN=CA");
+  const Issued ca = issueCA("CN=CA");
   const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &ca});
   TempDir work;
 };
 
-TEST_F(OcspBuilder, EveryOption_IsWhatTheCommandReads) {
-  const Issued stranger = issueCa("CN=Stranger");
+TEST_F(OCSPBuilder, EveryOption_IsWhatTheCommandReads) {
+  const Issued stranger = issueCA("CN=Stranger");
   const Issued signer = issue(
       {.subject = "CN=Signer", .issuer = &ca, .extensions = {{"extendedKeyUsage", "OCSPSigning"}}});
   struct Row {
     const char* name;
-    OcspAnswer description;
+    OCSPAnswer description;
     std::vector<std::string> parts;
     std::vector<std::string> missing = {};
   };
@@ -74,8 +74,8 @@ TEST_F(OcspBuilder, EveryOption_IsWhatTheCommandReads) {
       {"delegated",
        {.signer = &signer, .firstCertificates = {&leaf}},
        {"Response verify OK", "Subject: CN=Leaf", "Subject: CN=Signer"}},
-      {"no nonce", {.signer = &ca, .nonce = OcspNonce::Absent}, {"WARNING: no nonce"}},
-      {"another nonce", {.signer = &ca, .nonce = OcspNonce::Other}, {"Nonce Verify error"}},
+      {"no nonce", {.signer = &ca, .nonce = OCSPNonce::Absent}, {"WARNING: no nonce"}},
+      {"another nonce", {.signer = &ca, .nonce = OCSPNonce::Other}, {"Nonce Verify error"}},
       {"stranger", {.signer = &stranger}, {"Response Verify Failure"}},
       {"bad signature", {.signer = &ca, .badSignature = true}, {"Response Verify Failure"}},
       {"tampered", {.signer = &ca, .tampered = true}, {"Response Verify Failure"}},
@@ -96,7 +96,7 @@ TEST_F(OcspBuilder, EveryOption_IsWhatTheCommandReads) {
   }
 }
 
-TEST_F(OcspBuilder, Mistakes_Throw) {
+TEST_F(OCSPBuilder, Mistakes_Throw) {
   const std::string request = ocspRequest(leaf, ca);
   EXPECT_THROW(ocspAnswer({}, request), std::runtime_error);
   EXPECT_THROW(ocspAnswer({.signer = &ca}, "garbage"), std::runtime_error);
@@ -110,7 +110,7 @@ TEST(DerElement, Lengths_AreAsShortAsCanBe) {
   EXPECT_EQ(derElement(0x30, std::string(256, 'x')).substr(0, 4), "\x30\x82\x01\0"s);
 }
 
-TEST(HttpBody, Body_IsAllAfterTheFirstEmptyLine) {
+TEST(HTTPBody, Body_IsAllAfterTheFirstEmptyLine) {
   EXPECT_EQ(httpBody("POST / HTTP/1.0\r\nA: b\r\n\r\nbody\r\n\r\n"), "body\r\n\r\n");
 }
 

@@ -1,6 +1,6 @@
 #include "support/Command.h"
 #include "support/Exchange.h"
-#include "support/OcspResponder.h"
+#include "support/OCSPResponder.h"
 
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -21,7 +21,7 @@ bool contains(const std::string& text, const std::string& part) {
 class Responder : public testing::Test {
  protected:
   /// What the openssl command, as a client, says of the answer about the certificate.
-  std::string ask(const OcspResponder& responder, const Issued& cert,
+  std::string ask(const OCSPResponder& responder, const Issued& cert,
                   const std::string& path = "/") const {
     const TempDir directory;
     writeFile(directory / "ca.crt", pem(ca.get()));
@@ -32,7 +32,7 @@ class Responder : public testing::Test {
     return result.out + result.err;
   }
 
-  Issued ca = issueCa("CN=CA");
+  Issued ca = issueCA("CN=CA");
   Issued leaf = issue({.subject = "CN=Leaf", .issuer = &ca});
 };
 
@@ -40,7 +40,7 @@ TEST_F(Responder, Index_DecidesWhatIsAnswered) {
   const Issued held = issue({.subject = "CN=Held", .issuer = &ca});
   const Issued removed = issue({.subject = "CN=Removed", .issuer = &ca});
   const Issued strange = issue({.subject = "CN=Strange", .issuer = &ca});
-  const OcspResponder responder(
+  const OCSPResponder responder(
       {.ca = &ca,
        .index = {{.serial = leaf},
                  {.serial = 7, .revoked = true},
@@ -72,7 +72,7 @@ TEST_F(Responder, Index_DecidesWhatIsAnswered) {
 TEST_F(Responder, AllReasons_AreThoseOfTheIndex) {
   for (int reason = 0; reason <= CRL_REASON_REMOVE_FROM_CRL; ++reason) {
     if (reason == 7) continue;  // not assigned
-    const OcspResponder responder(
+    const OCSPResponder responder(
         {.ca = &ca, .index = {{.serial = leaf, .revoked = true, .reason = reason}}});
     EXPECT_CONTAINS(ask(responder, leaf), "(0x" + std::to_string(reason) + ")");
   }
@@ -81,13 +81,13 @@ TEST_F(Responder, AllReasons_AreThoseOfTheIndex) {
 TEST_F(Responder, ReasonWithoutAName_Throws) {
   for (const int reason : {7, 9, 10, -3}) {
     EXPECT_THROW(
-        OcspResponder({.ca = &ca, .index = {{.serial = leaf, .revoked = true, .reason = reason}}}),
+        OCSPResponder({.ca = &ca, .index = {{.serial = leaf, .revoked = true, .reason = reason}}}),
         std::runtime_error);
   }
 }
 
 TEST_F(Responder, NewIndex_KeepsTheUrl) {
-  OcspResponder responder({.ca = &ca});
+  OCSPResponder responder({.ca = &ca});
   const std::string url = responder.url();
   EXPECT_EQ(responder.aia(), "OCSP;URI:" + url);
   const Issued later =
@@ -103,7 +103,7 @@ TEST_F(Responder, NewIndex_KeepsTheUrl) {
 TEST_F(Responder, DelegatedSigner_IsInTheAnswer) {
   const Issued signer = issue(
       {.subject = "CN=Signer", .issuer = &ca, .extensions = {{"extendedKeyUsage", "OCSPSigning"}}});
-  const OcspResponder responder({.ca = &ca, .signer = &signer, .index = {{.serial = leaf}}});
+  const OCSPResponder responder({.ca = &ca, .signer = &signer, .index = {{.serial = leaf}}});
   const std::string answer = ask(responder, leaf);
   EXPECT_CONTAINS(answer, "Response verify OK");
   EXPECT_CONTAINS(answer, "Responder Id: CN = Signer");
@@ -113,38 +113,38 @@ TEST_F(Responder, DelegatedSigner_IsInTheAnswer) {
 TEST_F(Responder, NoCertificates_AnswerHasNone) {
   const Issued signer = issue(
       {.subject = "CN=Signer", .issuer = &ca, .extensions = {{"extendedKeyUsage", "OCSPSigning"}}});
-  const OcspResponder responder(
+  const OCSPResponder responder(
       {.ca = &ca, .signer = &signer, .index = {{.serial = leaf}}, .certificates = false});
   EXPECT_CONTAINS(ask(responder, leaf), "signer certificate not found");
 }
 
-TEST_F(Responder, SignerOfAnotherCa_AnswersAllTheSame) {
-  const Issued stranger = issueCa("CN=Stranger");
-  const OcspResponder responder({.ca = &ca, .signer = &stranger, .index = {{.serial = leaf}}});
+TEST_F(Responder, SignerOfAnotherCA_AnswersAllTheSame) {
+  const Issued stranger = issueCA("CN=Stranger");
+  const OCSPResponder responder({.ca = &ca, .signer = &stranger, .index = {{.serial = leaf}}});
   const std::string answer = ask(responder, leaf);
   EXPECT_CONTAINS(answer, "Cert Status: good");
   EXPECT_CONTAINS(answer, "Response Verify Failure");
 }
 
 TEST_F(Responder, ByKey_AnswerNamesTheKey) {
-  const OcspResponder responder({.ca = &ca, .index = {{.serial = leaf}}, .byKey = true});
+  const OCSPResponder responder({.ca = &ca, .index = {{.serial = leaf}}, .byKey = true});
   const std::string answer = ask(responder, leaf);
   EXPECT_CONTAINS(answer, "Response verify OK");
   EXPECT_LACKS(answer, "Responder Id: CN = CA");
 }
 
 TEST_F(Responder, BadSignature_DoesNotVerify) {
-  const OcspResponder responder({.ca = &ca, .index = {{.serial = leaf}}, .badSignature = true});
+  const OCSPResponder responder({.ca = &ca, .index = {{.serial = leaf}}, .badSignature = true});
   EXPECT_CONTAINS(ask(responder, leaf), "Response Verify Failure");
 }
 
 TEST_F(Responder, NextUpdate_IsGiven) {
-  const OcspResponder responder({.ca = &ca, .index = {{.serial = leaf}}, .nextUpdate = 90min});
+  const OCSPResponder responder({.ca = &ca, .index = {{.serial = leaf}}, .nextUpdate = 90min});
   EXPECT_CONTAINS(ask(responder, leaf), "Next Update: ");
 }
 
 TEST_F(Responder, MaxRequests_EndsAfterTheLast) {
-  const OcspResponder responder({.ca = &ca, .index = {{.serial = leaf}}, .maxRequests = 2});
+  const OCSPResponder responder({.ca = &ca, .index = {{.serial = leaf}}, .maxRequests = 2});
   EXPECT_CONTAINS(ask(responder, leaf), "Cert Status: good");
   EXPECT_TRUE(responder.running());
   EXPECT_CONTAINS(ask(responder, leaf), "Cert Status: good");
@@ -154,14 +154,14 @@ TEST_F(Responder, MaxRequests_EndsAfterTheLast) {
 }
 
 TEST_F(Responder, PathWithTwoSlashes_IsAnswered) {
-  const OcspResponder responder({.ca = &ca, .index = {{.serial = leaf}}});
+  const OCSPResponder responder({.ca = &ca, .index = {{.serial = leaf}}});
   EXPECT_CONTAINS(ask(responder, leaf, "//ocsp"), "Cert Status: good");
   ASSERT_TRUE(responder.waitForRequests(1));
   EXPECT_EQ(responder.requests().at(0), "POST //ocsp HTTP/1.0");
 }
 
 TEST_F(Responder, StoppedAndStarted_HasItsUrlAndItsLogStill) {
-  OcspResponder responder({.ca = &ca, .index = {{.serial = leaf}}});
+  OCSPResponder responder({.ca = &ca, .index = {{.serial = leaf}}});
   ask(responder, leaf);
   ASSERT_TRUE(responder.waitForRequests(1));
   responder.stop();
@@ -173,7 +173,7 @@ TEST_F(Responder, StoppedAndStarted_HasItsUrlAndItsLogStill) {
 }
 
 TEST_F(Responder, CannotStart_ThrowsWithWhatItSays) {
-  OcspResponder responder({.ca = &ca});
+  OCSPResponder responder({.ca = &ca});
   responder.stop();
   const Descriptor other = bindTo(portOf(responder.url()));
   ASSERT_EQ(listen(other.number(), 1), 0);

@@ -2,7 +2,7 @@
 #include "foundation/net/ldap/LDAPSearch.h"
 #include "foundation/net/ldap/LDAPStream.h"
 #include "foundation/run/VerificationRun.h"
-#include "integration/LdapPeer.h"
+#include "integration/LDAPPeer.h"
 #include "support/FaultServer.h"
 #include "support/LogCapture.h"
 #include "support/Slapd.h"
@@ -23,7 +23,7 @@ namespace Velantrix::Test {
 namespace {
 
 using namespace std::string_literals;
-using Connection = LdapPeer::Connection;
+using Connection = LDAPPeer::Connection;
 using Clock = std::chrono::steady_clock;
 
 // libldap reads these when it is first used. All tests run with them, and none notices.
@@ -35,12 +35,12 @@ const bool kEnvironmentIsHostile = [] {
   return true;
 }();
 
-class LdapClient : public testing::Test {
+class LDAPClient : public testing::Test {
  protected:
-  LdapClient() { EXPECT_TRUE(kEnvironmentIsHostile); }
+  LDAPClient() { EXPECT_TRUE(kEnvironmentIsHostile); }
 
   // Searches and waits a second at most. Returns what is thrown, or the number of entries.
-  std::string search(const LdapPeer& peer, unsigned int seconds = 1) {
+  std::string search(const LDAPPeer& peer, unsigned int seconds = 1) {
     LDAPConnection connection(LDAPConnection::RefServer(peer.uri()), false);
     return search(connection, LDAPSearch::Parameter("o=Test"), seconds);
   }
@@ -71,7 +71,7 @@ class LdapClient : public testing::Test {
   }
 
   // The server answers the search with these octets and keeps the connection open.
-  static LdapPeer::Script answer(const std::string& octets) {
+  static LDAPPeer::Script answer(const std::string& octets) {
     return [octets](Connection& connection) {
       connection.read();
       if (connection.write(octets)) connection.hold();
@@ -89,11 +89,11 @@ class LdapClient : public testing::Test {
     EXPECT_NE(outcome_.find(part), std::string::npos) << outcome_ << '\n' << log.text(); \
   } while (false)
 
-TEST_F(LdapClient, EnvironmentReachesLibldapButNotUs) {
+TEST_F(LDAPClient, EnvironmentReachesLibldapButNotUs) {
   int limit = 0;
   ASSERT_EQ(ldap_get_option(nullptr, LDAP_OPT_SIZELIMIT, &limit), LDAP_OPT_SUCCESS);
   EXPECT_EQ(limit, 1);  // so that the other tests mean something
-  LdapPeer peer(answer(message(1, done(0))));
+  LDAPPeer peer(answer(message(1, done(0))));
   EXPECT_EQ(search(peer), "0");
   const std::string request = peer.requests().front();
   // Base, whole subtree, aliases never followed, 1,000 entries, no time limit, values wanted.
@@ -103,8 +103,8 @@ TEST_F(LdapClient, EnvironmentReachesLibldapButNotUs) {
   EXPECT_NE(request.find("\x87\x0bobjectClass"), std::string::npos);
 }
 
-TEST_F(LdapClient, EntriesAndTheirValues_InOrder) {
-  const LdapPeer peer(answer(
+TEST_F(LDAPClient, EntriesAndTheirValues_InOrder) {
+  const LDAPPeer peer(answer(
       message(1,
               entry("cn=A,o=Test", {{"b;binary", {"2"s, ""s, "\0"s}}, {"a", {}}, {"c", {"3"}}})) +
       message(1, entry("cn=B,o=Test", {})) + message(1, entry("cn=C,o=Test", {{"b", {"4"}}})) +
@@ -115,8 +115,8 @@ TEST_F(LdapClient, EntriesAndTheirValues_InOrder) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(LdapClient, AnswerInSingleOctets) {
-  const LdapPeer peer([](Connection& connection) {
+TEST_F(LDAPClient, AnswerInSingleOctets) {
+  const LDAPPeer peer([](Connection& connection) {
     connection.read();
     for (const char octet : message(1, entry("cn=A", {{"a", {"1"}}})) + message(1, done(0))) {
       if (!connection.write(std::string(1, octet))) return;
@@ -126,8 +126,8 @@ TEST_F(LdapClient, AnswerInSingleOctets) {
   EXPECT_EQ(search(peer), "1");
 }
 
-TEST_F(LdapClient, NoticesOnTheWay_AreNoEntries) {
-  const LdapPeer peer(answer(message(1, element(0x79, "")) + message(1, reference("ldap://h/")) +
+TEST_F(LDAPClient, NoticesOnTheWay_AreNoEntries) {
+  const LDAPPeer peer(answer(message(1, element(0x79, "")) + message(1, reference("ldap://h/")) +
                              message(1, entry("cn=A", {})) + message(1, reference("ldap://i/")) +
                              message(1, done(0))));
   EXPECT_EQ(search(peer), "1");
@@ -142,7 +142,7 @@ struct CodeRow {
   const char* logged;
 };
 
-TEST_F(LdapClient, ResultCodes_Table) {
+TEST_F(LDAPClient, ResultCodes_Table) {
   const CodeRow rows[] = {
       {0, "1", ""},
       {32, "1", ""},
@@ -165,7 +165,7 @@ TEST_F(LdapClient, ResultCodes_Table) {
   for (const CodeRow& row : rows) {
     SCOPED_TRACE(row.code);
     log.clear();
-    const LdapPeer peer(answer(message(1, entry("cn=A", {})) + message(1, done(row.code, "why"))));
+    const LDAPPeer peer(answer(message(1, entry("cn=A", {})) + message(1, done(row.code, "why"))));
     EXPECT_TEXT(row.outcome, search(peer));
     if (*row.logged == '\0') {
       EXPECT_EQ(log.text(), "");
@@ -175,8 +175,8 @@ TEST_F(LdapClient, ResultCodes_Table) {
   }
 }
 
-TEST_F(LdapClient, WhatTheServerSays_IsEscapedAndCut) {
-  const LdapPeer peer(answer(message(1, done(1, "a\nb\x1b[31m" + std::string(100000, 'x')))));
+TEST_F(LDAPClient, WhatTheServerSays_IsEscapedAndCut) {
+  const LDAPPeer peer(answer(message(1, done(1, "a\nb\x1b[31m" + std::string(100000, 'x')))));
   const std::string text = search(peer);
   EXPECT_TEXT("(a\\0Ab\\1B[31mxxx", text);
   EXPECT_LT(text.size(), 1000U);
@@ -184,21 +184,21 @@ TEST_F(LdapClient, WhatTheServerSays_IsEscapedAndCut) {
 
 // --- time
 
-TEST_F(LdapClient, Silence_EndsInTime) {
-  const LdapPeer peer([](Connection& connection) { connection.hold(); });
+TEST_F(LDAPClient, Silence_EndsInTime) {
+  const LDAPPeer peer([](Connection& connection) { connection.hold(); });
   EXPECT_TEXT("The server did not answer in time.", search(peer));
   EXPECT_GE(took, std::chrono::milliseconds(990));
   EXPECT_LT(took, std::chrono::seconds(3));
 }
 
-TEST_F(LdapClient, SilenceInTheMiddle_EndsInTimeAndThrows) {
-  const LdapPeer peer(answer(message(1, entry("cn=A", {{"a", {"1"}}}))));
+TEST_F(LDAPClient, SilenceInTheMiddle_EndsInTimeAndThrows) {
+  const LDAPPeer peer(answer(message(1, entry("cn=A", {{"a", {"1"}}}))));
   EXPECT_TEXT("The server did not answer in time.", search(peer));
   EXPECT_LT(took, std::chrono::seconds(3));
 }
 
-TEST_F(LdapClient, OneOctetNowAndThen_EndsInTime) {
-  const LdapPeer peer([](Connection& connection) {
+TEST_F(LDAPClient, OneOctetNowAndThen_EndsInTime) {
+  const LDAPPeer peer([](Connection& connection) {
     connection.read();
     connection.write("\x30\x84\x00\x00\x10\x00"s);
     while (connection.pause() && connection.write("\x02")) {
@@ -208,10 +208,10 @@ TEST_F(LdapClient, OneOctetNowAndThen_EndsInTime) {
   EXPECT_LT(took, std::chrono::seconds(3));
 }
 
-TEST_F(LdapClient, LookupOfASilentServer_BindTenSecondsAndAnswerThirty) {
+TEST_F(LDAPClient, LookupOfASilentServer_BindTenSecondsAndAnswerThirty) {
   using namespace Crypto::PKX509;
-  const auto seconds = [](const std::string& dn, const LdapPeer::Script& script) {
-    const LdapPeer peer(script);
+  const auto seconds = [](const std::string& dn, const LDAPPeer::Script& script) {
+    const LDAPPeer peer(script);
     LDAPLookupMethod method({LDAPConnection::RefServer(peer.uri()), dn, ""});
     std::list<RefCertificate> found;
     const Clock::time_point start = Clock::now();
@@ -227,9 +227,9 @@ TEST_F(LdapClient, LookupOfASilentServer_BindTenSecondsAndAnswerThirty) {
   EXPECT_NEAR(whole, 30, 2);
 }
 
-TEST_F(LdapClient, InsideAVerification_ItsTimeForTheNetworkCounts) {
+TEST_F(LDAPClient, InsideAVerification_ItsTimeForTheNetworkCounts) {
   using Crypto::PKX509::VerificationRun;
-  const LdapPeer peer([](Connection& connection) { connection.hold(); });
+  const LDAPPeer peer([](Connection& connection) { connection.hold(); });
   const VerificationRun run(nullptr, std::chrono::seconds(1));
   EXPECT_TEXT("The server did not answer in time.", search(peer, 20));
   EXPECT_GE(took, std::chrono::milliseconds(900));
@@ -242,10 +242,10 @@ TEST_F(LdapClient, InsideAVerification_ItsTimeForTheNetworkCounts) {
   EXPECT_EQ(log.count("the time for the network is spent"), 1U) << log.text();
 }
 
-TEST_F(LdapClient, EndlessNotices_EndInTime) {
+TEST_F(LDAPClient, EndlessNotices_EndInTime) {
   for (const std::string& notice :
        {message(1, element(0x79, "")), message(1, reference("ldap://h/"))}) {
-    const LdapPeer peer([&notice](Connection& connection) {
+    const LDAPPeer peer([&notice](Connection& connection) {
       connection.read();
       while (connection.write(notice)) {
       }
@@ -257,8 +257,8 @@ TEST_F(LdapClient, EndlessNotices_EndInTime) {
   }
 }
 
-TEST_F(LdapClient, ServerThatDoesNotRead_EndsInTime) {
-  const LdapPeer peer([](Connection& connection) { connection.ignore(); });
+TEST_F(LDAPClient, ServerThatDoesNotRead_EndsInTime) {
+  const LDAPPeer peer([](Connection& connection) { connection.ignore(); });
   LDAPConnection connection(LDAPConnection::RefServer(peer.uri()), false);
   // More than the two sockets hold between them.
   LDAPSearch::Parameter parameter("o=Test");
@@ -267,7 +267,7 @@ TEST_F(LdapClient, ServerThatDoesNotRead_EndsInTime) {
   EXPECT_LT(took, std::chrono::seconds(5));
 }
 
-TEST_F(LdapClient, ConnectThatTheKernelRefuses_ThrowsAtOnce) {
+TEST_F(LDAPClient, ConnectThatTheKernelRefuses_ThrowsAtOnce) {
   // Nobody can be connected to all at once.
   const LDAPConnection::Server server("ldap://255.255.255.255:389", {});
   const Clock::time_point start = Clock::now();
@@ -280,7 +280,7 @@ TEST_F(LdapClient, ConnectThatTheKernelRefuses_ThrowsAtOnce) {
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
 }
 
-TEST_F(LdapClient, ConnectThatIsNotAnswered_EndsInTime) {
+TEST_F(LDAPClient, ConnectThatIsNotAnswered_EndsInTime) {
   // A listener whose queue is full lets further connections wait.
   const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
@@ -313,21 +313,21 @@ TEST_F(LdapClient, ConnectThatIsNotAnswered_EndsInTime) {
 
 // --- size
 
-TEST_F(LdapClient, EntriesBeyondAThousand_AreLeftOut) {
+TEST_F(LDAPClient, EntriesBeyondAThousand_AreLeftOut) {
   std::string octets;
   for (int i = 0; i < 1001; ++i) octets += message(1, entry("cn=A", {{"a", {"1"}}}));
-  const LdapPeer exact(answer(octets.substr(0, octets.size() / 1001 * 1000) + message(1, done(0))));
+  const LDAPPeer exact(answer(octets.substr(0, octets.size() / 1001 * 1000) + message(1, done(0))));
   EXPECT_EQ(search(exact), "1000");
   EXPECT_EQ(log.text(), "");
-  const LdapPeer peer(answer(octets));  // the end is not waited for
+  const LDAPPeer peer(answer(octets));  // the end is not waited for
   EXPECT_EQ(search(peer, 20), "1000");
   EXPECT_LT(took, std::chrono::seconds(3));
   EXPECT_EQ(log.count("only what came first is taken"), 1U);
 }
 
-TEST_F(LdapClient, OctetsBeyondSixteenMiB_AreLeftOut) {
+TEST_F(LDAPClient, OctetsBeyondSixteenMiB_AreLeftOut) {
   const std::string large(6U << 20U, 'x');
-  const LdapPeer peer([&large](Connection& connection) {
+  const LDAPPeer peer([&large](Connection& connection) {
     connection.read();
     while (connection.write(message(1, entry("cn=A", {{"a", {large}}})))) {
     }
@@ -336,34 +336,34 @@ TEST_F(LdapClient, OctetsBeyondSixteenMiB_AreLeftOut) {
   EXPECT_EQ(log.count("only what came first is taken"), 1U);
 }
 
-TEST_F(LdapClient, LengthThatIsOnlyPromised_IsNotWaitedFor) {
+TEST_F(LDAPClient, LengthThatIsOnlyPromised_IsNotWaitedFor) {
   for (const std::string& head : {"\x30\x84\xff\xff\xff\xff"s, "\x30\x84\x01\x00\x00\x01"s}) {
-    const LdapPeer peer(answer(message(1, entry("cn=A", {})) + head));
+    const LDAPPeer peer(answer(message(1, entry("cn=A", {})) + head));
     EXPECT_EQ(search(peer, 20), "1");
     EXPECT_LT(took, std::chrono::seconds(3));
   }
 }
 
-TEST_F(LdapClient, ValuesOfNoOctets_CostMoreThanTheirOctets) {
+TEST_F(LDAPClient, ValuesOfNoOctets_CostMoreThanTheirOctets) {
   // Seven million values in 14 MiB.
   std::string set(14U << 20U, '\0');
   for (std::size_t i = 0; i < set.size(); i += 2) set[i] = '\x04';
   const std::string attribute = element(0x30, text("a") + element(0x31, set));
-  const LdapPeer peer(answer(message(1, entry("cn=A", {})) +
+  const LDAPPeer peer(answer(message(1, entry("cn=A", {})) +
                              message(1, element(0x64, text("cn=B") + element(0x30, attribute)))));
   EXPECT_EQ(search(peer, 20), "1");
   EXPECT_EQ(log.count("only what came first is taken"), 1U);
 }
 
-TEST_F(LdapClient, SessionAfterALimitOrAnError_IsNotUsedAgain) {
-  const LdapPeer peer(answer(message(1, entry("cn=A", {})) + "\x30\x84\xff\xff\xff\xff"s));
+TEST_F(LDAPClient, SessionAfterALimitOrAnError_IsNotUsedAgain) {
+  const LDAPPeer peer(answer(message(1, entry("cn=A", {})) + "\x30\x84\xff\xff\xff\xff"s));
   LDAPConnection connection(LDAPConnection::RefServer(peer.uri()), false);
   EXPECT_EQ(search(connection, LDAPSearch::Parameter("o=Test")), "1");
   EXPECT_TEXT("The session is closed.", search(connection, LDAPSearch::Parameter("o=Test")));
 }
 
-TEST_F(LdapClient, SeveralSearchesOnOneConnection) {
-  const LdapPeer peer([](Connection& connection) {
+TEST_F(LDAPClient, SeveralSearchesOnOneConnection) {
+  const LDAPPeer peer([](Connection& connection) {
     for (int id = 1; id < 4; ++id) {
       connection.read();
       connection.write(message(id, entry("cn=A", {})) + message(id, done(id == 2 ? 32 : 0)));
@@ -382,26 +382,26 @@ struct BadRow {
   const char* outcome;
 };
 
-TEST_F(LdapClient, WhatIsNoAnswer_Table) {
-  constexpr char kNoLdap[] = "What the server sends is not LDAP.";
+TEST_F(LDAPClient, WhatIsNoAnswer_Table) {
+  constexpr char kNoLDAP[] = "What the server sends is not LDAP.";
   constexpr char kUnasked[] = "The server sends what it was not asked for.";
   constexpr char kMalformed[] = "malformed";
   const std::string set = element(0x31, text("v"));
   const BadRow rows[] = {
-      {"HTTP", "HTTP/1.1 400 Bad Request\r\n\r\n", kNoLdap},
-      {"a TLS alert", "\x15\x03\x03\x00\x02\x02\x28"s, kNoLdap},
-      {"zero octets", std::string(64, '\0'), kNoLdap},
-      {"indefinite length", "\x30\x80\x02\x01\x01\x65\x00\x00"s, kNoLdap},
-      {"length in five octets", "\x30\x85\x00\x00\x00\x00\x05\x02\x01\x01\x65\x00"s, kNoLdap},
-      {"empty message", "\x30\x00"s, kNoLdap},
-      {"message of a number only", "\x30\x03\x02\x01\x01"s, kNoLdap},
-      {"number of no octets", element(0x30, element(0x02, "") + done(0)), kNoLdap},
-      {"number of five octets", element(0x30, element(0x02, "\0\0\0\0\1"s) + done(0)), kNoLdap},
-      {"number beyond the message", "\x30\x03\x02\x04\x01"s, kNoLdap},
-      {"text in place of a number", element(0x30, text("\1") + done(0)), kNoLdap},
-      {"operation beyond the message", "\x30\x05\x02\x01\x01\x65\x01"s, kNoLdap},
-      {"operation cut in its length", "\x30\x05\x02\x01\x01\x65\x82"s, kNoLdap},
-      {"operation of no definite length", "\x30\x05\x02\x01\x01\x65\x80"s, kNoLdap},
+      {"HTTP", "HTTP/1.1 400 Bad Request\r\n\r\n", kNoLDAP},
+      {"a TLS alert", "\x15\x03\x03\x00\x02\x02\x28"s, kNoLDAP},
+      {"zero octets", std::string(64, '\0'), kNoLDAP},
+      {"indefinite length", "\x30\x80\x02\x01\x01\x65\x00\x00"s, kNoLDAP},
+      {"length in five octets", "\x30\x85\x00\x00\x00\x00\x05\x02\x01\x01\x65\x00"s, kNoLDAP},
+      {"empty message", "\x30\x00"s, kNoLDAP},
+      {"message of a number only", "\x30\x03\x02\x01\x01"s, kNoLDAP},
+      {"number of no octets", element(0x30, element(0x02, "") + done(0)), kNoLDAP},
+      {"number of five octets", element(0x30, element(0x02, "\0\0\0\0\1"s) + done(0)), kNoLDAP},
+      {"number beyond the message", "\x30\x03\x02\x04\x01"s, kNoLDAP},
+      {"text in place of a number", element(0x30, text("\1") + done(0)), kNoLDAP},
+      {"operation beyond the message", "\x30\x05\x02\x01\x01\x65\x01"s, kNoLDAP},
+      {"operation cut in its length", "\x30\x05\x02\x01\x01\x65\x82"s, kNoLDAP},
+      {"operation of no definite length", "\x30\x05\x02\x01\x01\x65\x80"s, kNoLDAP},
       {"another request's number", message(2, done(0)), kUnasked},
       {"a negative number", message(-1, done(0)), kUnasked},
       {"a request", message(1, element(0x63, "")), kUnasked},
@@ -442,26 +442,26 @@ TEST_F(LdapClient, WhatIsNoAnswer_Table) {
   };
   for (const BadRow& row : rows) {
     SCOPED_TRACE(row.name);
-    const LdapPeer peer(answer(row.octets));
+    const LDAPPeer peer(answer(row.octets));
     EXPECT_TEXT(row.outcome, search(peer, 20));
     EXPECT_LT(took, std::chrono::seconds(3));
   }
 }
 
-TEST_F(LdapClient, EveryTruncationAndEveryChangedOctet_EndsSomehow) {
+TEST_F(LDAPClient, EveryTruncationAndEveryChangedOctet_EndsSomehow) {
   const std::string good =
       message(1, entry("cn=A", {{"a", {"1", "2"}}, {"b", {"3"}}})) + message(1, done(0, "fine"));
   for (std::size_t i = 0; i < good.size(); ++i) {
     for (const int octet : {0x00, 0x01, 0x30, 0x7f, 0x80, 0x84, 0xff}) {
       std::string bad = good;
       bad[i] = static_cast<char>(octet);
-      const LdapPeer peer([&bad](Connection& connection) {
+      const LDAPPeer peer([&bad](Connection& connection) {
         connection.read();
         connection.write(bad);
       });
       EXPECT_NE(search(peer), "");
     }
-    const LdapPeer peer([&good, i](Connection& connection) {
+    const LDAPPeer peer([&good, i](Connection& connection) {
       connection.read();
       connection.write(good.substr(0, i));
     });
@@ -471,16 +471,16 @@ TEST_F(LdapClient, EveryTruncationAndEveryChangedOctet_EndsSomehow) {
 
 // --- connections that end. SIGPIPE keeps its default, which ends the process.
 
-TEST_F(LdapClient, ClosedAtOnce_Throws) {
+TEST_F(LDAPClient, ClosedAtOnce_Throws) {
   for (const bool reset : {false, true}) {
-    const LdapPeer peer([reset](Connection& connection) {
+    const LDAPPeer peer([reset](Connection& connection) {
       if (reset) connection.reset();
     });
     for (int i = 0; i < 20; ++i) EXPECT_TEXT("LDAP", search(peer));
   }
 }
 
-TEST_F(LdapClient, NobodyThere_ThrowsNowOrWithTheFirstRequest) {
+TEST_F(LDAPClient, NobodyThere_ThrowsNowOrWithTheFirstRequest) {
   const LDAPConnection::RefServer nobody("ldap://127.0.0.1:1");
   EXPECT_THROW(LDAPConnection(nobody, true), Exception);
   LDAPConnection later(nobody, false);
@@ -488,16 +488,16 @@ TEST_F(LdapClient, NobodyThere_ThrowsNowOrWithTheFirstRequest) {
   EXPECT_THROW(later.bind("", "", LDAPConnection::BindSimple), Exception);
 }
 
-TEST_F(LdapClient, ClosedAfterTheRequest_Throws) {
-  const LdapPeer peer([](Connection& connection) {
+TEST_F(LDAPClient, ClosedAfterTheRequest_Throws) {
+  const LDAPPeer peer([](Connection& connection) {
     connection.read();
     connection.write(message(1, entry("cn=A", {})));
   });
   EXPECT_TEXT(": " + peer.uri() + ": The server has closed the connection.", search(peer));
 }
 
-TEST_F(LdapClient, GoodbyeToAServerThatIsGone) {
-  const LdapPeer peer([](Connection& connection) {
+TEST_F(LDAPClient, GoodbyeToAServerThatIsGone) {
+  const LDAPPeer peer([](Connection& connection) {
     connection.read();
     connection.write(message(1, done(0)));
     connection.reset();
@@ -505,8 +505,8 @@ TEST_F(LdapClient, GoodbyeToAServerThatIsGone) {
   for (int i = 0; i < 20; ++i) EXPECT_EQ(search(peer), "0");
 }
 
-TEST_F(LdapClient, Goodbye_IsSent) {
-  LdapPeer peer([](Connection& connection) {
+TEST_F(LDAPClient, Goodbye_IsSent) {
+  LDAPPeer peer([](Connection& connection) {
     connection.read();
     connection.write(message(1, done(0)));
     connection.read();
@@ -517,8 +517,8 @@ TEST_F(LdapClient, Goodbye_IsSent) {
 
 // --- what is sent
 
-TEST_F(LdapClient, TextsThatCannotBeSent_Throw) {
-  const LdapPeer peer([](Connection& connection) { connection.hold(); });
+TEST_F(LDAPClient, TextsThatCannotBeSent_Throw) {
+  const LDAPPeer peer([](Connection& connection) { connection.hold(); });
   LDAPConnection connection(LDAPConnection::RefServer(peer.uri()), false);
   const auto filtered = [](const std::string& text) {
     LDAPSearch::Parameter parameter("o=Test");
@@ -542,7 +542,7 @@ TEST_F(LdapClient, TextsThatCannotBeSent_Throw) {
 template <class Query>
 std::vector<std::string> sentBy(const std::string& dn, const std::string& password,
                                 const Query& query) {
-  LdapPeer peer([](Connection& connection) {
+  LDAPPeer peer([](Connection& connection) {
     std::string request;
     for (int id = 1; !(request = connection.read()).empty(); ++id) {
       const bool bind = request[5] == '\x60';
@@ -556,7 +556,7 @@ std::vector<std::string> sentBy(const std::string& dn, const std::string& passwo
   return sent;
 }
 
-TEST_F(LdapClient, LookupWithoutAName_BindsWithAnEmptyOneAndThePassword) {
+TEST_F(LDAPClient, LookupWithoutAName_BindsWithAnEmptyOneAndThePassword) {
   const auto query = [](Crypto::PKX509::LDAPLookupMethod& method) {
     std::list<Crypto::PKX509::RefCertificate> found;
     method.getBySubject("o=Test"s, found);
@@ -573,7 +573,7 @@ TEST_F(LdapClient, LookupWithoutAName_BindsWithAnEmptyOneAndThePassword) {
   EXPECT_EQ(unbound[0], bound[1]);
 }
 
-TEST_F(LdapClient, LookupAsksForTheAttributesOfItsKind) {
+TEST_F(LDAPClient, LookupAsksForTheAttributesOfItsKind) {
   using namespace Crypto::PKX509;
   const auto query = [](int type) {
     return [type](LDAPLookupMethod& method) {
@@ -593,7 +593,7 @@ TEST_F(LdapClient, LookupAsksForTheAttributesOfItsKind) {
   }
 }
 
-TEST_F(LdapClient, LookupByAddress_PutsItIntoTheFilterAsItIs) {
+TEST_F(LDAPClient, LookupByAddress_PutsItIntoTheFilterAsItIs) {
   using namespace Crypto::PKX509;
   const auto query = [](LDAPLookupMethod& method) {
     std::list<RefCertificate> found;
@@ -619,10 +619,10 @@ TEST_F(LdapClient, LookupByAddress_PutsItIntoTheFilterAsItIs) {
 
 // --- values
 
-TEST_F(LdapClient, CrlValues_OthersAreDroppedAndBrokenOnesThrow) {
+TEST_F(LDAPClient, CRLValues_OthersAreDroppedAndBrokenOnesThrow) {
   using namespace Crypto::PKX509;
-  const Issued root = issueCa("CN=Root");
-  const std::string crl = der(makeCrl({.issuer = &root}).get());
+  const Issued root = issueCA("CN=Root");
+  const std::string crl = der(makeCRL({.issuer = &root}).get());
   const auto answering = [](const std::vector<std::string>& served) {
     return [served](Connection& connection) {
       connection.read();
@@ -630,7 +630,7 @@ TEST_F(LdapClient, CrlValues_OthersAreDroppedAndBrokenOnesThrow) {
       connection.hold();
     };
   };
-  const LdapPeer mixed(answering({der(root.get()), crl, "", crl}));
+  const LDAPPeer mixed(answering({der(root.get()), crl, "", crl}));
   LDAPLookupMethod method({LDAPConnection::RefServer(mixed.uri()), "x", ""});
   std::list<RefCertificateRevocationList> crls;
   method.getBySubject("o=Test"s, crls);
@@ -642,11 +642,11 @@ TEST_F(LdapClient, CrlValues_OthersAreDroppedAndBrokenOnesThrow) {
   EXPECT_EQ(certificates.size(), 1U);
   EXPECT_EQ(method.getBySubject(Object::TypeCRL, "o=Test"s)->type, Object::TypeCRL);
 
-  const LdapPeer foreign(answering({der(root.get())}));
+  const LDAPPeer foreign(answering({der(root.get())}));
   LDAPLookupMethod none({LDAPConnection::RefServer(foreign.uri()), "x", ""});
   EXPECT_TRUE(none.getBySubject(Object::TypeCRL, "o=Test"s).empty());
 
-  const LdapPeer broken(answering({crl, "broken"}));
+  const LDAPPeer broken(answering({crl, "broken"}));
   LDAPLookupMethod failing({LDAPConnection::RefServer(broken.uri()), "x", ""});
   EXPECT_THROW(failing.getBySubject(Object::TypeCRL, "o=Test"s), Exception);
   EXPECT_THROW(failing.getBySubject(Object::TypeCertificate, "o=Test"s), Exception);
@@ -654,8 +654,8 @@ TEST_F(LdapClient, CrlValues_OthersAreDroppedAndBrokenOnesThrow) {
 
 // --- TLS
 
-TEST_F(LdapClient, StartTls_AnswerWithMoreBehindIt_IsRefused) {
-  const LdapPeer peer([](Connection& connection) {
+TEST_F(LDAPClient, StartTls_AnswerWithMoreBehindIt_IsRefused) {
+  const LDAPPeer peer([](Connection& connection) {
     connection.read();
     // The second message would be taken for one that TLS protects.
     connection.write(message(1, done(0, "", 0x78)) + message(2, done(0)));
@@ -666,9 +666,9 @@ TEST_F(LdapClient, StartTls_AnswerWithMoreBehindIt_IsRefused) {
               search(connection, LDAPSearch::Parameter("o=Test")));
 }
 
-TEST_F(LdapClient, StartTls_WhatIsNotTls_IsRefused) {
+TEST_F(LDAPClient, StartTls_WhatIsNotTls_IsRefused) {
   for (const char* octets : {"", "nonsense, and enough of it to be a record"}) {
-    const LdapPeer peer([octets](Connection& connection) {
+    const LDAPPeer peer([octets](Connection& connection) {
       connection.read();
       connection.write(message(1, done(0, "", 0x78)));
       connection.read();
@@ -680,26 +680,26 @@ TEST_F(LdapClient, StartTls_WhatIsNotTls_IsRefused) {
   }
 }
 
-TEST_F(LdapClient, StartTls_Refused) {
-  LdapPeer peer(answer(message(1, done(52, "no certificate", 0x78))));
+TEST_F(LDAPClient, StartTls_Refused) {
+  LDAPPeer peer(answer(message(1, done(52, "no certificate", 0x78))));
   LDAPConnection connection(LDAPConnection::RefServer(peer.uri(), {.startTls = true}), false);
   EXPECT_TEXT("StartTLS: " + peer.uri() + ": Server is unavailable (no certificate)",
               search(connection, LDAPSearch::Parameter("o=Test")));
   EXPECT_NE(peer.requests().front().find("1.3.6.1.4.1.1466.20037"), std::string::npos);
 }
 
-TEST_F(LdapClient, TlsServerThatGoesAway_Throws) {
+TEST_F(LDAPClient, TlsServerThatGoesAway_Throws) {
   const Issued certificate = issue({.subject = "CN=directory"});
   Slapd directory({.certificate = &certificate});
-  LDAPConnection connection(LDAPConnection::RefServer(directory.tlsUri(), {.verifyPeer = false}),
+  LDAPConnection connection(LDAPConnection::RefServer(directory.tlsURI(), {.verifyPeer = false}),
                             true);
   EXPECT_EQ(search(connection, LDAPSearch::Parameter("o=Test")), "0");
   directory.stop();
-  EXPECT_TEXT(directory.tlsUri() + ": TLS: ", search(connection, LDAPSearch::Parameter("o=Test")));
+  EXPECT_TEXT(directory.tlsURI() + ": TLS: ", search(connection, LDAPSearch::Parameter("o=Test")));
   // The goodbye is written to a connection that the other side has reset.
 }
 
-TEST_F(LdapClient, TlsServerThatDoesNotRead_EndsInTime) {
+TEST_F(LDAPClient, TlsServerThatDoesNotRead_EndsInTime) {
   const Issued certificate = issue({.subject = "CN=directory"});
   const FaultServer server([](Peer& peer) { peer.pause(std::chrono::hours(1)); },
                            {.certificate = &certificate});
@@ -713,14 +713,14 @@ TEST_F(LdapClient, TlsServerThatDoesNotRead_EndsInTime) {
   EXPECT_LT(took, std::chrono::seconds(10));
 }
 
-TEST_F(LdapClient, TlsHandshakeThatIsNotAnswered_EndsInTime) {
-  const LdapPeer silent([](Connection& connection) { connection.hold(); });
-  const LdapPeer slow([](Connection& connection) {
+TEST_F(LDAPClient, TlsHandshakeThatIsNotAnswered_EndsInTime) {
+  const LDAPPeer silent([](Connection& connection) { connection.hold(); });
+  const LDAPPeer slow([](Connection& connection) {
     if (!connection.write("\x16\x03\x03\x10\x00"s)) return;
     while (connection.write("\x02")) {
     }
   });
-  for (const LdapPeer* peer : {&silent, &slow}) {
+  for (const LDAPPeer* peer : {&silent, &slow}) {
     const LDAPConnection::Server server(peer->uri("ldaps"), {});
     const Deadline deadline(std::chrono::milliseconds(300));
     LDAPStream stream(server, deadline);

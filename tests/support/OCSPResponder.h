@@ -1,6 +1,6 @@
 // A real OCSP responder: the openssl command, answering on loopback.
 //
-//   OcspResponder responder({.ca = &ca});
+//   OCSPResponder responder({.ca = &ca});
 //   const Issued leaf = issue({.issuer = &ca, .extensions = {{"authorityInfoAccess",
 //   responder.aia()}}}); responder.setIndex({{.serial = leaf, .revoked = true, .reason =
 //   CRL_REASON_SUPERSEDED}});
@@ -27,17 +27,17 @@
 namespace Velantrix::Test {
 
 /// A certificate that the responder knows. Those that it does not know are answered "unknown".
-struct OcspEntry {
+struct OCSPEntry {
   Serial serial;
   bool revoked = false;
   int reason = kAbsent;  ///< CRL_REASON_*
   When date = std::chrono::hours(-1);
 };
 
-struct OcspOptions {
+struct OCSPOptions {
   const Issued* ca = nullptr;      ///< whose certificates it knows; needed, borrowed for the call
   const Issued* signer = nullptr;  ///< signs the answers, authorised to or not; null: the CA
-  std::vector<OcspEntry> index = {};
+  std::vector<OCSPEntry> index = {};
   std::optional<std::chrono::minutes> nextUpdate = std::nullopt;  ///< from now; absent: none
   bool byKey = false;         ///< the answer names its signer by key, not by name
   bool certificates = true;   ///< the answer carries the signer's certificate
@@ -45,9 +45,9 @@ struct OcspOptions {
   int maxRequests = 0;        ///< the responder ends after so many; 0: never
 };
 
-class OcspResponder {
+class OCSPResponder {
  public:
-  explicit OcspResponder(const OcspOptions& options);
+  explicit OCSPResponder(const OCSPOptions& options);
 
   /// "http://127.0.0.1:<port><path>", the same for the life of the object.
   std::string url(std::string_view path = "/") const;
@@ -55,7 +55,7 @@ class OcspResponder {
   std::string aia() const { return "OCSP;URI:" + url(); }
 
   /// Replaces what the responder knows. It is stopped and started again for that.
-  void setIndex(const std::vector<OcspEntry>& entries);
+  void setIndex(const std::vector<OCSPEntry>& entries);
 
   /// The request lines received, "POST / HTTP/1.0", also of requests that it could not read.
   std::vector<std::string> requests() const;

@@ -13,11 +13,11 @@ namespace {
 using nlohmann::json;
 
 // A directory with a root, its CRL and two people, of whom the root's CRL revokes one.
-class ToolLdap : public ToolFixture {
+class ToolLDAP : public ToolFixture {
  protected:
   void SetUp() override {
     ToolFixture::SetUp();
-    crl_ = der(makeCrl({.issuer = &root_, .revoked = {{.serial = revoked_, .reason = 1}}}).get());
+    crl_ = der(makeCRL({.issuer = &root_, .revoked = {{.serial = revoked_, .reason = 1}}}).get());
     directory_.add(Slapd::Entry{"o=Test", {"organization"}, {}});
     directory_.add(
         {"cn=Root,o=Test",
@@ -38,7 +38,7 @@ class ToolLdap : public ToolFixture {
     return {"verify", "--json", "--ca-dir", pki("ca"), "--ldap", directory_.uri(), file};
   }
 
-  const Issued root_ = issueCa("O=Test,CN=Root");
+  const Issued root_ = issueCA("O=Test,CN=Root");
   const Issued good_ = issue({.subject = "O=Test,CN=Good", .issuer = &root_});
   const Issued revoked_ = issue({.subject = "O=Test,CN=Revoked", .issuer = &root_});
   std::string crl_;
@@ -47,7 +47,7 @@ class ToolLdap : public ToolFixture {
   std::string revoked;
 };
 
-TEST_F(ToolLdap, Verify_TakesRootAndCrlFromTheDirectory) {
+TEST_F(ToolLDAP, Verify_TakesRootAndCRLFromTheDirectory) {
   EXPECT_EQ(parsed(tool(verify(good))).at(0).at("code"), 0);
   EXPECT_EQ(parsed(tool(verify(revoked))).at(0).at("code"), 23);
   // Without the directory nobody knows the root.
@@ -55,7 +55,7 @@ TEST_F(ToolLdap, Verify_TakesRootAndCrlFromTheDirectory) {
   EXPECT_EQ(report.at("verdict"), "invalid");
 }
 
-TEST_F(ToolLdap, BindDn_SuppressesTheBind) {
+TEST_F(ToolLDAP, BindDn_SuppressesTheBind) {
   // A name that the server does not know, without a password: a bind with it would be refused.
   const CommandResult result = tool(verify(good) + Arguments{"--bind-dn", "cn=Nobody,o=Test"});
   EXPECT_EQ(parsed(result).at(0).at("code"), 0) << result.err;
@@ -63,7 +63,7 @@ TEST_F(ToolLdap, BindDn_SuppressesTheBind) {
   EXPECT_NE(help.find("a name suppresses the bind"), std::string::npos);
 }
 
-TEST_F(ToolLdap, DirectoryThatIsDown_IsNoVerdict) {
+TEST_F(ToolLDAP, DirectoryThatIsDown_IsNoVerdict) {
   directory_.stop();
   const CommandResult result = tool(verify(good));
   EXPECT_EQ(result.status, 2);
@@ -71,7 +71,7 @@ TEST_F(ToolLdap, DirectoryThatIsDown_IsNoVerdict) {
   EXPECT_EQ(linesIn(result.err), 1) << result.err;
 }
 
-TEST_F(ToolLdap, Find_BySubjectAndByMailAddress) {
+TEST_F(ToolLDAP, Find_BySubjectAndByMailAddress) {
   const json bySubject =
       parsed(tool({"find", "--json", "--ldap", directory_.uri(), "--subject", "CN=Good,O=Test"}));
   ASSERT_EQ(bySubject.size(), 1U);
@@ -87,7 +87,7 @@ TEST_F(ToolLdap, Find_BySubjectAndByMailAddress) {
   EXPECT_EQ(parsed(pattern), json::array());
 }
 
-TEST_F(ToolLdap, BadUsage_IsOneLine) {
+TEST_F(ToolLDAP, BadUsage_IsOneLine) {
   const struct {
     Arguments arguments;
     const char* error;

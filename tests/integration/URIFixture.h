@@ -31,11 +31,11 @@ namespace Velantrix::Test {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-using Crls = std::list<RefCertificateRevocationList>;
+using CRLs = std::list<RefCertificateRevocationList>;
 /// CRL numbers, which tell the CRLs of a test apart.
 using Numbers = std::vector<std::string>;
 
-inline Numbers numbersOf(const Crls& crls) {
+inline Numbers numbersOf(const CRLs& crls) {
   Numbers numbers;
   for (const RefCertificateRevocationList& crl : crls) {
     const std::string number = crl->crlNumber().asString();
@@ -44,13 +44,13 @@ inline Numbers numbersOf(const Crls& crls) {
   return numbers;
 }
 
-class UriFixture : public testing::Test {
+class URIFixture : public testing::Test {
  protected:
-  UriFixture() { clearPrivateView(); }
+  URIFixture() { clearPrivateView(); }
 
   /// The CRLs that a look-up with an empty list finds.
   static Numbers found(const std::string& uri) {
-    Crls crls;
+    CRLs crls;
     URILookup().find(Uri(uri), crls);
     return numbersOf(crls);
   }
@@ -58,14 +58,14 @@ class UriFixture : public testing::Test {
   /// Always the same one for a number: a second signature would be another.
   const Owned<X509_CRL>& crl(int number) {
     Owned<X509_CRL>& made = fresh_[number];
-    if (made == nullptr) made = makeCrl({.issuer = &ca, .number = number});
+    if (made == nullptr) made = makeCRL({.issuer = &ca, .number = number});
     return made;
   }
   /// One that is fetched again each time, with a padding of that many bytes.
-  const Owned<X509_CRL>& expiredCrl(int number, std::size_t padding = 0) {
+  const Owned<X509_CRL>& expiredCRL(int number, std::size_t padding = 0) {
     Owned<X509_CRL>& made = expired_[number];
     if (made == nullptr) {
-      made = makeCrl({.issuer = &ca,
+      made = makeCRL({.issuer = &ca,
                       .lastUpdate = -48h,
                       .nextUpdate = -24h,
                       .number = number,
@@ -104,7 +104,7 @@ class UriFixture : public testing::Test {
     writeFile(kClientKeyFile, key);
   }
 
-  const Issued ca = issueCa("O=Test,CN=Root");
+  const Issued ca = issueCA("O=Test,CN=Root");
   const Issued tls = issue({.subject = "CN=127.0.0.1", .issuer = &ca});
   const Issued client = issue({.subject = "CN=Appliance", .issuer = &ca});
   LogCapture log;

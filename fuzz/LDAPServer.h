@@ -21,9 +21,9 @@
 
 namespace Velantrix::Fuzz {
 
-class LdapServer : private NonCopyable {
+class LDAPServer : private NonCopyable {
  public:
-  LdapServer();
+  LDAPServer();
 
   /// Without TLS, and with StartTLS; the server's certificate does not matter.
   LDAPConnection::RefServer server(bool startTls = false) const;
@@ -41,7 +41,7 @@ class LdapServer : private NonCopyable {
 };
 
 /// The one of this process. It lives as long.
-LdapServer& ldapServer();
+LDAPServer& ldapServer();
 
 /// An element of BER with a definite length (RFC 4511, 5.1). Its content is borrowed.
 struct Tlv {

@@ -1,4 +1,4 @@
-#include "LdapServer.h"
+#include "LDAPServer.h"
 
 #include "support/Loopback.h"
 
@@ -12,7 +12,7 @@
 
 namespace Velantrix::Fuzz {
 
-LdapServer::LdapServer() : listener_(Test::bindTo(0)), port_(Test::boundPort(listener_)) {
+LDAPServer::LDAPServer() : listener_(Test::bindTo(0)), port_(Test::boundPort(listener_)) {
   PKX509_ASSERT(::listen(listener_.number(), 16) == 0);
   // The alarms of libFuzzer are the main thread's.
   sigset_t all;
@@ -23,17 +23,17 @@ LdapServer::LdapServer() : listener_(Test::bindTo(0)), port_(Test::boundPort(lis
   PKX509_ASSERT(::pthread_sigmask(SIG_SETMASK, &former, nullptr) == 0);
 }
 
-LDAPConnection::RefServer LdapServer::server(bool startTls) const {
+LDAPConnection::RefServer LDAPServer::server(bool startTls) const {
   return LDAPConnection::RefServer("ldap://127.0.0.1:" + std::to_string(port_),
                                    {.startTls = startTls, .verifyPeer = false});
 }
 
-void LdapServer::answer(std::string octets) {
+void LDAPServer::answer(std::string octets) {
   const std::lock_guard<std::mutex> lock(mutex_);
   answer_ = std::move(octets);
 }
 
-void LdapServer::run() {
+void LDAPServer::run() {
   for (;;) {
     serve(
         Test::Descriptor(::accept4(listener_.number(), nullptr, nullptr, SOCK_CLOEXEC), "accept4"));
@@ -42,7 +42,7 @@ void LdapServer::run() {
 
 // The client may be gone at any time. What it says is read to the end: closing a socket with
 // something unread would reset the connection, and could take the answer away from the client.
-void LdapServer::serve(const Test::Descriptor& client) {
+void LDAPServer::serve(const Test::Descriptor& client) {
   std::string octets;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -59,8 +59,8 @@ void LdapServer::serve(const Test::Descriptor& client) {
   }
 }
 
-LdapServer& ldapServer() {
-  static auto* const server = new LdapServer;
+LDAPServer& ldapServer() {
+  static auto* const server = new LDAPServer;
   return *server;
 }
 

@@ -1,7 +1,7 @@
 // What the messages and the client do when OpenSSL gets no memory: an exception or a result that is
 // not better than the right one, never a crash or a leak. This program replaces OpenSSL's
 // allocator, which has to happen before OpenSSL allocates for the first time.
-#include "support/OcspBuilder.h"
+#include "support/OCSPBuilder.h"
 #include "support/StarvedOpenSSL.h"
 #include "unit/ocsp/Bytes.h"
 #include "unit/verify/World.h"
@@ -39,11 +39,11 @@ void walk(Scenario scenario) {
   }
 }
 
-class OcspAllocation : public testing::Test {
+class OCSPAllocation : public testing::Test {
  protected:
-  OcspAllocation() { world.trust(root); }
+  OCSPAllocation() { world.trust(root); }
 
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
   const Issued delegated = issue({.subject = "O=Test,CN=Responder", .issuer = &root});
   const RefCertificate person = handle(leaf);
@@ -51,7 +51,7 @@ class OcspAllocation : public testing::Test {
   World world;
 };
 
-TEST_F(OcspAllocation, Request) {
+TEST_F(OCSPAllocation, Request) {
   walk([&] {
     const OCSP::Request asked(person, issuer);
     EXPECT_NE(asked.pdu()->length(), 0U);
@@ -62,7 +62,7 @@ TEST_F(OcspAllocation, Request) {
   });
 }
 
-TEST_F(OcspAllocation, ResponseAndItsStatus) {
+TEST_F(OCSPAllocation, ResponseAndItsStatus) {
   const OCSP::Request asked(person, issuer);
   const std::string revoked =
       ocspAnswer({.signer = &root, .singles = {{.status = V_OCSP_CERTSTATUS_REVOKED, .reason = 1}}},
@@ -81,7 +81,7 @@ TEST_F(OcspAllocation, ResponseAndItsStatus) {
   });
 }
 
-TEST_F(OcspAllocation, SignatureThatIsWrong_IsNeverAccepted) {
+TEST_F(OCSPAllocation, SignatureThatIsWrong_IsNeverAccepted) {
   const std::list<RefCertificate> chain{person, issuer};
   Verifier verifier(world.store, person, false);
   for (const Issued* const signer : {&root, &delegated}) {

@@ -1,6 +1,6 @@
 // What a verification makes of OCSP: when it asks, whom, and what comes after.
 #include "integration/ConnectWatch.h"
-#include "integration/OcspFixture.h"
+#include "integration/OCSPFixture.h"
 #include "support/Loopback.h"
 #include "support/Stopwatch.h"
 #include "unit/ocsp/VerifyWatch.h"
@@ -15,16 +15,16 @@ namespace {
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 
-class OcspVerification : public OcspIntegration {
+class OCSPVerification : public OCSPIntegration {
  protected:
-  OcspAnswer good() const { return {.signer = &root}; }
-  OcspAnswer revoked() const {
+  OCSPAnswer good() const { return {.signer = &root}; }
+  OCSPAnswer revoked() const {
     return {.signer = &root, .singles = {{.status = V_OCSP_CERTSTATUS_REVOKED}}};
   }
 };
 
-TEST_F(OcspVerification, GoodLeaf_SparesTheRestOfTheChainItsCrls) {
-  const Issued inter = issueCa("O=Test,CN=Inter", &root);
+TEST_F(OCSPVerification, GoodLeaf_SparesTheRestOfTheChainItsCRLs) {
+  const Issued inter = issueCA("O=Test,CN=Inter", &root);
   world.trust(inter);
   const FaultServer server(answering({.signer = &inter}));
   const Issued leaf = naming({server.url()}, {.subject = "O=Test,CN=Leaf", .issuer = &inter});
@@ -36,7 +36,7 @@ TEST_F(OcspVerification, GoodLeaf_SparesTheRestOfTheChainItsCrls) {
   EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
-TEST_F(OcspVerification, GoodLeaf_IntermediateWithoutAnAnswerPassesToo) {
+TEST_F(OCSPVerification, GoodLeaf_IntermediateWithoutAnAnswerPassesToo) {
   const ReservedPort port;
   const std::string nobody = "http://127.0.0.1:" + port.text() + "/";
   const Issued inter =
@@ -49,20 +49,20 @@ TEST_F(OcspVerification, GoodLeaf_IntermediateWithoutAnAnswerPassesToo) {
   EXPECT_EQ(log.text(), unreachableLine(nobody));
 }
 
-TEST_F(OcspVerification, GoodIntermediate_DoesNotSpareTheLeafItsCrls) {
+TEST_F(OCSPVerification, GoodIntermediate_DoesNotSpareTheLeafItsCRLs) {
   const FaultServer server(answering(good()));
   const Issued inter =
       naming({server.url()}, {.subject = "O=Test,CN=Inter", .issuer = &root, .ca = true});
   world.trust(inter);
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &inter});
-  EXPECT_EQ(verdict(leaf), kNoCrl);
+  EXPECT_EQ(verdict(leaf), kNoCRL);
   EXPECT_TRUE(server.requests().empty());
   world.publish({.issuer = &inter});
   EXPECT_EQ(verdict(leaf), 0);
   EXPECT_EQ(server.requests().size(), 1U);
 }
 
-TEST_F(OcspVerification, RevokedIntermediate_AfterAGoodLeaf) {
+TEST_F(OCSPVerification, RevokedIntermediate_AfterAGoodLeaf) {
   const FaultServer rootServer(answering(revoked()));
   const Issued inter =
       naming({rootServer.url()}, {.subject = "O=Test,CN=Inter", .issuer = &root, .ca = true});
@@ -75,7 +75,7 @@ TEST_F(OcspVerification, RevokedIntermediate_AfterAGoodLeaf) {
   EXPECT_EQ(log.text(), kMisplaced + verdictLine(inter, kRevoked));
 }
 
-TEST_F(OcspVerification, Revoked_IsFinalWithoutCrls) {
+TEST_F(OCSPVerification, Revoked_IsFinalWithoutCRLs) {
   const FaultServer server(answering(revoked()));
   const Issued leaf = person({server.url()});
   world.publish({.issuer = &root});
@@ -87,7 +87,7 @@ TEST_F(OcspVerification, Revoked_IsFinalWithoutCrls) {
   EXPECT_EQ(log.lines().at(0).raw, "0\x01");
 }
 
-TEST_F(OcspVerification, Good_ComesBeforeTheCrlThatRevokes) {
+TEST_F(OCSPVerification, Good_ComesBeforeTheCRLThatRevokes) {
   const FaultServer server(answering(good()));
   const Issued leaf = person({server.url()});
   world.publish({.issuer = &root, .revoked = {{.serial = leaf}}});
@@ -95,7 +95,7 @@ TEST_F(OcspVerification, Good_ComesBeforeTheCrlThatRevokes) {
   EXPECT_EQ(world.source->crlQueries, 0);
 }
 
-TEST_F(OcspVerification, NoUsableAnswer_TheCrlsDecide) {
+TEST_F(OCSPVerification, NoUsableAnswer_TheCRLsDecide) {
   struct Row {
     const char* name;
     Script script;
@@ -106,7 +106,7 @@ TEST_F(OcspVerification, NoUsableAnswer_TheCrlsDecide) {
       {"try later", answering({.status = OCSP_RESPONSE_STATUS_TRYLATER}), invalidLine},
       {"unknown", answering({.signer = &root, .singles = {{.status = V_OCSP_CERTSTATUS_UNKNOWN}}}),
        [](const Issued&) { return std::string(); }},
-      {"another nonce", answering({.signer = &root, .nonce = OcspNonce::Other}),
+      {"another nonce", answering({.signer = &root, .nonce = OCSPNonce::Other}),
        [](const Issued&) {
          return "7 OCSP::BasicResponse: Request Nonce and Reply Nonce do not match.\n"
                 "7 OCSP::Client. OCSP Response does not match the request\n"s;
@@ -118,8 +118,8 @@ TEST_F(OcspVerification, NoUsableAnswer_TheCrlsDecide) {
     const Issued leaf = person({server.url()});
     world.source->crls.clear();
     log.clear();
-    EXPECT_EQ(verdict(leaf), kNoCrl);
-    EXPECT_EQ(log.text(), row.lines(leaf) + verdictLine(leaf, kNoCrl));
+    EXPECT_EQ(verdict(leaf), kNoCRL);
+    EXPECT_EQ(log.text(), row.lines(leaf) + verdictLine(leaf, kNoCRL));
     world.publish({.issuer = &root});
     EXPECT_EQ(verdict(leaf), 0);
     world.source->crls.clear();
@@ -129,11 +129,11 @@ TEST_F(OcspVerification, NoUsableAnswer_TheCrlsDecide) {
   }
 }
 
-TEST_F(OcspVerification, AnswerThatIsNotSignedAsItShould_IsNamedAndTheCrlsDecide) {
-  const Issued stranger = issueCa("O=Test,CN=Stranger");
+TEST_F(OCSPVerification, AnswerThatIsNotSignedAsItShould_IsNamedAndTheCRLsDecide) {
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
   struct Row {
     int code;
-    OcspAnswer description;
+    OCSPAnswer description;
     std::string lines;
   };
   const Row rows[] = {
@@ -154,8 +154,8 @@ TEST_F(OcspVerification, AnswerThatIsNotSignedAsItShould_IsNamedAndTheCrlsDecide
         std::to_string(row.code) + "\n";
     world.source->crls.clear();
     log.clear();
-    EXPECT_EQ(verdict(leaf), kNoCrl);
-    EXPECT_EQ(log.text(), lines + verdictLine(leaf, kNoCrl));
+    EXPECT_EQ(verdict(leaf), kNoCRL);
+    EXPECT_EQ(log.text(), lines + verdictLine(leaf, kNoCRL));
     world.publish({.issuer = &root});
     log.clear();
     EXPECT_EQ(verdict(leaf), 0);
@@ -169,7 +169,7 @@ TEST_F(OcspVerification, AnswerThatIsNotSignedAsItShould_IsNamedAndTheCrlsDecide
 
 // --- Who is asked.
 
-TEST_F(OcspVerification, FlagsWithoutCrlCheck_NobodyIsConnectedTo) {
+TEST_F(OCSPVerification, FlagsWithoutCRLCheck_NobodyIsConnectedTo) {
   const FaultServer server(answering(revoked()));
   const Issued leaf = person({server.url()});
   const ConnectWatch watch;
@@ -186,7 +186,7 @@ TEST_F(OcspVerification, FlagsWithoutCrlCheck_NobodyIsConnectedTo) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(OcspVerification, CrlCheckAlone_NoIssuerIsInTheListAndTheCrlsDecide) {
+TEST_F(OCSPVerification, CRLCheckAlone_NoIssuerIsInTheListAndTheCRLsDecide) {
   const FaultServer server(answering(revoked()));
   const Issued leaf = person({server.url()});
   world.publish({.issuer = &root});
@@ -197,7 +197,7 @@ TEST_F(OcspVerification, CrlCheckAlone_NoIssuerIsInTheListAndTheCrlsDecide) {
   EXPECT_GT(world.source->crlQueries, 0);
 }
 
-TEST_F(OcspVerification, OpenSSLsOwnCheck_AsksNoResponder) {
+TEST_F(OCSPVerification, OpenSSLsOwnCheck_AsksNoResponder) {
   const FaultServer server(answering(revoked()));
   const Issued leaf = person({server.url()});
   world.publish({.issuer = &root});
@@ -206,7 +206,7 @@ TEST_F(OcspVerification, OpenSSLsOwnCheck_AsksNoResponder) {
   EXPECT_TRUE(watch.ports().empty());
 }
 
-TEST_F(OcspVerification, Locations_TheFirstThatConnectsIsAsked) {
+TEST_F(OCSPVerification, Locations_TheFirstThatConnectsIsAsked) {
   const FaultServer silentOnce(Scripts::notFound());
   const FaultServer server(answering(good()));
   const ReservedPort port;
@@ -230,13 +230,13 @@ TEST_F(OcspVerification, Locations_TheFirstThatConnectsIsAsked) {
                             unreachableLine(refused));
   EXPECT_EQ(server.requests().size(), 2U);
   // What was connected to and gave nothing is not: the CRLs decide.
-  EXPECT_EQ(verdict(with("OCSP;URI:" + silentOnce.url() + ",OCSP;URI:" + url)), kNoCrl);
+  EXPECT_EQ(verdict(with("OCSP;URI:" + silentOnce.url() + ",OCSP;URI:" + url)), kNoCRL);
   EXPECT_EQ(server.requests().size(), 2U);
 }
 
 // --- The certificate is a forgery.
 
-TEST_F(OcspVerification, ForgedLeaf_NobodyIsConnectedTo) {
+TEST_F(OCSPVerification, ForgedLeaf_NobodyIsConnectedTo) {
   const FaultServer server(answering(revoked()));
   const Issued forged =
       naming({server.url("/a"), server.url("/b")},
@@ -251,20 +251,20 @@ TEST_F(OcspVerification, ForgedLeaf_NobodyIsConnectedTo) {
       << log.text();
   EXPECT_EQ(log.lines().at(0).priority, 6);
   world.source->crls.clear();
-  EXPECT_EQ(verdict(forged), kNoCrl);
+  EXPECT_EQ(verdict(forged), kNoCRL);
   EXPECT_TRUE(watch.ports().empty());
   // With the same names and an honest signature the responder is asked.
   EXPECT_EQ(verdict(person({server.url()})), kRevoked);
   EXPECT_EQ(watch.ports().size(), 1U);
 }
 
-TEST_F(OcspVerification, ForgersWords_StayOneLineOfTheLog) {
+TEST_F(OCSPVerification, ForgersWords_StayOneLineOfTheLog) {
   const ReservedPort port;
   const Issued forged =
       naming({"http://127.0.0.1:" + port.text()},
              {.subject = "CN=a\n6 b\x1b[2J", .issuer = &root, .badSignature = true});
   const ConnectWatch watch;
-  EXPECT_EQ(verdict(forged), kNoCrl);
+  EXPECT_EQ(verdict(forged), kNoCRL);
   EXPECT_TRUE(watch.ports().empty());
   EXPECT_EQ(log.count("CN=a\\0A6 b\\1B[2J"), 2U) << log.text();  // the refusal and the verdict
   for (const std::string& text : log.texts()) {
@@ -272,7 +272,7 @@ TEST_F(OcspVerification, ForgersWords_StayOneLineOfTheLog) {
   }
 }
 
-TEST_F(OcspVerification, ForgedIntermediate_OnlyTheLeafsResponderIsConnectedTo) {
+TEST_F(OCSPVerification, ForgedIntermediate_OnlyTheLeafsResponderIsConnectedTo) {
   const ReservedPort port;
   const std::string refused = "http://127.0.0.1:" + port.text() + "/";
   const FaultServer server(answering(good()));
@@ -291,7 +291,7 @@ TEST_F(OcspVerification, ForgedIntermediate_OnlyTheLeafsResponderIsConnectedTo) 
 
 // --- Bounds.
 
-TEST_F(OcspVerification, NetworkTime_IsSharedByOcspAndCrls) {
+TEST_F(OCSPVerification, NetworkTime_IsSharedByOCSPAndCRLs) {
   const FaultServer responder(Scripts::silence());
   const FaultServer lists(Scripts::silence());
   const Issued leaf =
@@ -303,27 +303,27 @@ TEST_F(OcspVerification, NetworkTime_IsSharedByOcspAndCrls) {
   Verifier verifier(world.store, handle(leaf), false);
   verifier.maxNetworkTime(1);
   const Stopwatch watch;
-  EXPECT_EQ(verifier.isValid(), kNoCrl);
+  EXPECT_EQ(verifier.isValid(), kNoCRL);
   EXPECT_TRUE(watch.took(1s));
   EXPECT_EQ(log.text(),
             noDataLine(leaf) +
                 "6 Verifier: the time for the network is spent, the rest of this verification "
                 "reaches no host\n" +
-                verdictLine(leaf, kNoCrl));
+                verdictLine(leaf, kNoCRL));
   EXPECT_EQ(responder.connections().size(), 1U);
   EXPECT_TRUE(lists.connections().empty());
 }
 
 // --- The responder's own certificate.
 
-TEST_F(OcspVerification, ResponderInTheChain_IsNotVerified) {
+TEST_F(OCSPVerification, ResponderInTheChain_IsNotVerified) {
   const FaultServer server(answering(good()));
   const VerifyWatch watch;
   EXPECT_EQ(verdict(person({server.url()})), 0);
   EXPECT_EQ(watch.runs().size(), 1U);  // the certificate's own
 }
 
-TEST_F(OcspVerification, DelegatedResponder_IsVerifiedInsideAndAsksNobody) {
+TEST_F(OCSPVerification, DelegatedResponder_IsVerifiedInsideAndAsksNobody) {
   // Its own certificate names a responder and a CRL, which are not asked.
   const FaultServer second(answering(revoked()));
   const Issued signer = naming(
@@ -348,13 +348,13 @@ TEST_F(OcspVerification, DelegatedResponder_IsVerifiedInsideAndAsksNobody) {
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(OcspVerification, AnswersSigner_DoesNotStayInTheStore) {
-  const Issued inter = issueCa("O=Test,CN=Inter", &root);
+TEST_F(OCSPVerification, AnswersSigner_DoesNotStayInTheStore) {
+  const Issued inter = issueCA("O=Test,CN=Inter", &root);
   const Issued signer = issue({.subject = "O=Test,CN=Responder", .issuer = &inter});
   // The responder sends the certificate of its issuer along; the nested verification does not see
   // it, since only the chain is given to it.
   const FaultServer server(answering({.signer = &signer, .firstCertificates = {&inter}}));
-  EXPECT_EQ(verdict(person({server.url()})), kNoCrl);
+  EXPECT_EQ(verdict(person({server.url()})), kNoCRL);
   EXPECT_EQ(log.count("Could not validate Responder's certificate."), 1U) << log.text();
 }
 

@@ -24,7 +24,7 @@ using namespace Crypto::PKX509;
 
 constexpr char kUser[] = "userCertificate;binary";
 constexpr char kAuthority[] = "cACertificate;binary";
-constexpr char kCrl[] = "certificateRevocationList;binary";
+constexpr char kCRL[] = "certificateRevocationList;binary";
 constexpr char kDelta[] = "deltaRevocationList;binary";
 constexpr char kPair[] = "crossCertificatePair;binary";
 
@@ -41,9 +41,9 @@ const bool kEnvironmentIsHostile = [] {
   return true;
 }();
 
-class LdapLookup : public testing::Test {
+class LDAPLookup : public testing::Test {
  protected:
-  LdapLookup() { EXPECT_TRUE(kEnvironmentIsHostile); }
+  LDAPLookup() { EXPECT_TRUE(kEnvironmentIsHostile); }
 
   static LDAPLookupMethod::Config config(const std::string& uri) {
     return {LDAPConnection::RefServer(uri), "", ""};
@@ -92,9 +92,9 @@ Slapd::Entry holder(const std::string& dn,
   return {dn, {"device", "pkiUser", "pkiCA", "deltaCRL"}, values};
 }
 
-TEST_F(LdapLookup, CertificatesOfOneEntry_UserAndAuthority_AllValuesInTheServersOrder) {
+TEST_F(LDAPLookup, CertificatesOfOneEntry_UserAndAuthority_AllValuesInTheServersOrder) {
   const Slapd directory;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Issued first = issue({.subject = "CN=First", .issuer = &root});
   const Issued second = issue({.subject = "CN=Second", .issuer = &root});
   directory.add({kTop, holder("cn=Root,o=Test", {{kUser, der(first.get())},
@@ -115,9 +115,9 @@ TEST_F(LdapLookup, CertificatesOfOneEntry_UserAndAuthority_AllValuesInTheServers
   EXPECT_EQ(heldByOpenSSL(store), 3U);
 }
 
-TEST_F(LdapLookup, WholeSubtree_EntriesWithoutTheAttributesContributeNothing) {
+TEST_F(LDAPLookup, WholeSubtree_EntriesWithoutTheAttributesContributeNothing) {
   const Slapd directory;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
   directory.add({kTop,
                  {"cn=Empty,o=Test", {"device"}, {}},
@@ -136,14 +136,14 @@ TEST_F(LdapLookup, WholeSubtree_EntriesWithoutTheAttributesContributeNothing) {
   EXPECT_TRUE(found.empty());
 }
 
-TEST_F(LdapLookup, Crls_BaseAndDeltaInOrder) {
+TEST_F(LDAPLookup, CRLs_BaseAndDeltaInOrder) {
   const Slapd directory;
-  const Issued root = issueCa("CN=Root");
-  const auto base = makeCrl({.issuer = &root, .number = Serial(5)});
-  const auto older = makeCrl({.issuer = &root, .number = Serial(4)});
-  const auto delta = makeCrl({.issuer = &root, .number = Serial(6), .deltaBase = Serial(5)});
-  directory.add({kTop, holder("cn=Root,o=Test", {{kCrl, der(base.get())},
-                                                 {kCrl, der(older.get())},
+  const Issued root = issueCA("CN=Root");
+  const auto base = makeCRL({.issuer = &root, .number = Serial(5)});
+  const auto older = makeCRL({.issuer = &root, .number = Serial(4)});
+  const auto delta = makeCRL({.issuer = &root, .number = Serial(6), .deltaBase = Serial(5)});
+  directory.add({kTop, holder("cn=Root,o=Test", {{kCRL, der(base.get())},
+                                                 {kCRL, der(older.get())},
                                                  {kDelta, der(delta.get())}})});
   LDAPLookupMethod& method = attach(config(directory.uri()));
   std::list<RefCertificateRevocationList> found;
@@ -162,12 +162,12 @@ TEST_F(LdapLookup, Crls_BaseAndDeltaInOrder) {
   EXPECT_EQ(heldByOpenSSL(store), 3U);
 }
 
-TEST_F(LdapLookup, CrossCertificatePair_BothCertificatesGoToOpenSSL) {
+TEST_F(LDAPLookup, CrossCertificatePair_BothCertificatesGoToOpenSSL) {
   const Slapd directory;
-  const Issued ours = issueCa("CN=Ours");
-  const Issued theirs = issueCa("CN=Theirs");
-  const Issued forward = issueCa("CN=Ours", &theirs);
-  const Issued reverse = issueCa("CN=Theirs", &ours);
+  const Issued ours = issueCA("CN=Ours");
+  const Issued theirs = issueCA("CN=Theirs");
+  const Issued forward = issueCA("CN=Ours", &theirs);
+  const Issued reverse = issueCA("CN=Theirs", &ours);
   directory.add({kTop, holder("cn=Ours,o=Test", {{kPair, pairOf(&forward, &reverse)}}),
                  holder("cn=Half,o=Test", {{kPair, pairOf(nullptr, &reverse)}})});
   LDAPLookupMethod& method = attach(config(directory.uri()));
@@ -188,7 +188,7 @@ TEST_F(LdapLookup, CrossCertificatePair_BothCertificatesGoToOpenSSL) {
   EXPECT_EQ(heldByOpenSSL(other), 1U);
 }
 
-TEST_F(LdapLookup, NothingThere_EmptyObjectAndNothingAdded) {
+TEST_F(LDAPLookup, NothingThere_EmptyObjectAndNothingAdded) {
   const Slapd directory;
   directory.add({kTop, {"cn=Empty,o=Test", {"device"}, {}}});
   LDAPLookupMethod& method = attach(config(directory.uri()));
@@ -206,9 +206,9 @@ TEST_F(LdapLookup, NothingThere_EmptyObjectAndNothingAdded) {
   EXPECT_EQ(heldByOpenSSL(store), 0U);
 }
 
-TEST_F(LdapLookup, EmptyName_IsNotSearched) {
+TEST_F(LDAPLookup, EmptyName_IsNotSearched) {
   const Slapd directory;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   directory.add({kTop, holder("cn=Root,o=Test", {{kAuthority, der(root.get())}})});
   LDAPLookupMethod& method = attach(config(directory.uri()));
   std::list<RefCertificate> found;
@@ -217,9 +217,9 @@ TEST_F(LdapLookup, EmptyName_IsNotSearched) {
   EXPECT_TRUE(method.getBySubject(Object::TypeCertificate, DistinguishedName()).empty());
 }
 
-TEST_F(LdapLookup, MethodWithoutAStore_AnswersAndAddsNothing) {
+TEST_F(LDAPLookup, MethodWithoutAStore_AnswersAndAddsNothing) {
   const Slapd directory;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   directory.add({kTop, holder("cn=Root,o=Test", {{kAuthority, der(root.get())}})});
   auto* const method = new LDAPLookupMethod(config(directory.uri()));
   store->add(RefLookupMethod(method));  // without method->store(store)
@@ -230,9 +230,9 @@ TEST_F(LdapLookup, MethodWithoutAStore_AnswersAndAddsNothing) {
   EXPECT_EQ(heldByOpenSSL(store), 0U);
 }
 
-TEST_F(LdapLookup, SameObjectTwice_IsNoError) {
+TEST_F(LDAPLookup, SameObjectTwice_IsNoError) {
   const Slapd directory;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   directory.add({kTop, holder("cn=Root,o=Test", {{kAuthority, der(root.get())}})});
   LDAPLookupMethod& method = attach(config(directory.uri()));
   for (int i = 0; i < 2; ++i) {
@@ -243,7 +243,7 @@ TEST_F(LdapLookup, SameObjectTwice_IsNoError) {
   EXPECT_EQ(ERR_peek_error(), 0U);
 }
 
-TEST_F(LdapLookup, ValueThatIsNoPair_Throws) {
+TEST_F(LDAPLookup, ValueThatIsNoPair_Throws) {
   const Slapd directory;
   directory.add({kTop, holder("cn=Broken,o=Test", {{kPair, "0\x03\x02\x01\x05"}})});
   LDAPLookupMethod& method = attach(config(directory.uri()));
@@ -262,11 +262,11 @@ struct NameCase {
 // For test names.
 void PrintTo(const NameCase& row, std::ostream* out) { *out << row.name; }
 
-class LdapNames : public LdapLookup, public testing::WithParamInterface<NameCase> {};
+class LDAPNames : public LDAPLookup, public testing::WithParamInterface<NameCase> {};
 
-TEST_P(LdapNames, SubjectIsTheBase) {
+TEST_P(LDAPNames, SubjectIsTheBase) {
   const Slapd directory;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Other", .issuer = &root});
   const Issued wanted = issue({.subject = GetParam().subject, .issuer = &root});
   const DistinguishedName subject(X509_get_subject_name(wanted.get()));
@@ -279,7 +279,7 @@ TEST_P(LdapNames, SubjectIsTheBase) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Names, LdapNames,
+    Names, LDAPNames,
     testing::Values(NameCase{"Commas", "O=Test,CN=Doe\\, John\\, Jr."},
                     NameCase{"Quotes", "O=Test,CN=\"The\" Mailer"},
                     NameCase{"PlusSigns", "O=Test,CN=one\\+two"},
@@ -294,10 +294,10 @@ INSTANTIATE_TEST_SUITE_P(
 
 // --- e-mail addresses
 
-class LdapMail : public LdapLookup {
+class LDAPMail : public LDAPLookup {
  protected:
-  LdapMail() {
-    const Issued root = issueCa("CN=Root");
+  LDAPMail() {
+    const Issued root = issueCA("CN=Root");
     ann = issue({.subject = "CN=Ann", .issuer = &root});
     bob = issue({.subject = "CN=Bob", .issuer = &root});
     directory.add({kTop,
@@ -322,7 +322,7 @@ class LdapMail : public LdapLookup {
   Issued bob;
 };
 
-TEST_F(LdapMail, AddressUnderABase) {
+TEST_F(LDAPMail, AddressUnderABase) {
   EXPECT_EQ(find("o=Test", "ann@a.test"), der(ann.get()));
   EXPECT_EQ(find("o=Test", "BOB@A.TEST"), der(bob.get()));
   EXPECT_EQ(find("ou=People,o=Test", "bob@a.test"), "");
@@ -330,9 +330,9 @@ TEST_F(LdapMail, AddressUnderABase) {
   EXPECT_EQ(find("o=Missing", "ann@a.test"), "");
 }
 
-TEST_F(LdapMail, EmptyBase_IsSearchedWhole) { EXPECT_EQ(find("", "ann@a.test"), der(ann.get())); }
+TEST_F(LDAPMail, EmptyBase_IsSearchedWhole) { EXPECT_EQ(find("", "ann@a.test"), der(ann.get())); }
 
-TEST_F(LdapMail, FilterCharactersAreNotEscaped) {
+TEST_F(LDAPMail, FilterCharactersAreNotEscaped) {
   EXPECT_EQ(find("o=Test", "*"), der(ann.get()) + der(bob.get()));
   EXPECT_EQ(find("o=Test", "b*"), der(bob.get()));
   EXPECT_EQ(find("o=Test", "\\61nn@a.test"), der(ann.get()));
@@ -342,7 +342,7 @@ TEST_F(LdapMail, FilterCharactersAreNotEscaped) {
 
 // --- binding
 
-TEST_F(LdapLookup, RefusedBind_Throws) {
+TEST_F(LDAPLookup, RefusedBind_Throws) {
   const Slapd directory({.config = "disallow bind_anon"});
   LDAPLookupMethod method(config(directory.uri()));
   std::list<RefCertificate> found;
@@ -356,14 +356,14 @@ TEST_F(LdapLookup, RefusedBind_Throws) {
   }
 }
 
-TEST_F(LdapLookup, PasswordWithoutAName_IsSentAndRefused) {
+TEST_F(LDAPLookup, PasswordWithoutAName_IsSentAndRefused) {
   const Slapd directory;
   LDAPLookupMethod method({LDAPConnection::RefServer(directory.uri()), "", "secret"});
   std::list<RefCertificate> found;
   EXPECT_THROW(method.getBySubject(std::string("o=Test"), found), Exception);
 }
 
-TEST_F(LdapLookup, NameInTheConfiguration_MakesNoBind) {
+TEST_F(LDAPLookup, NameInTheConfiguration_MakesNoBind) {
   // Binding is forbidden and nobody has this name, but nothing of it is tried.
   const Slapd directory({.config = "disallow bind_anon bind_simple"});
   LDAPLookupMethod method({LDAPConnection::RefServer(directory.uri()), "cn=nobody", "wrong"});
@@ -374,7 +374,7 @@ TEST_F(LdapLookup, NameInTheConfiguration_MakesNoBind) {
 
 // --- servers that cannot help
 
-TEST_F(LdapLookup, ServerThatIsDown_Throws) {
+TEST_F(LDAPLookup, ServerThatIsDown_Throws) {
   Slapd directory;
   directory.stop();
   LDAPLookupMethod& method = attach(config(directory.uri()));
@@ -387,15 +387,15 @@ TEST_F(LdapLookup, ServerThatIsDown_Throws) {
     EXPECT_NE(e.asString().find(directory.uri()), std::string::npos) << e.asString();
   }
   // As it leaves a verification.
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
   Verifier verifier(store, model(leaf), false);
   EXPECT_THROW(verifier.isValid(), Exception);
 }
 
-TEST_F(LdapLookup, Referral_IsNotFollowed) {
+TEST_F(LDAPLookup, Referral_IsNotFollowed) {
   const Slapd other;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   other.add({kTop, holder("cn=Root,o=Test", {{kAuthority, der(root.get())}})});
   // Nothing is held here: everything is referred to the other one.
   const Slapd directory({.config = "referral " + other.uri()});
@@ -415,9 +415,9 @@ TEST_F(LdapLookup, Referral_IsNotFollowed) {
   EXPECT_EQ(log.count("A referral is not followed: cn=Below,ou=There,o=Test"), 1U) << log.text();
 }
 
-TEST_F(LdapLookup, SizeLimitOfTheServer_GivesWhatArrivedAndSaysSo) {
+TEST_F(LDAPLookup, SizeLimitOfTheServer_GivesWhatArrivedAndSaysSo) {
   const Slapd directory({.database = "sizelimit 2"});
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   std::vector<Slapd::Entry> entries{kTop};
   for (const char* name : {"cn=A,o=Test", "cn=B,o=Test", "cn=C,o=Test"}) {
     entries.push_back(holder(name, {{kAuthority, der(root.get())}}));
@@ -430,9 +430,9 @@ TEST_F(LdapLookup, SizeLimitOfTheServer_GivesWhatArrivedAndSaysSo) {
   EXPECT_EQ(log.count("The answer is cut short: Size limit exceeded"), 1U) << log.text();
 }
 
-TEST_F(LdapLookup, ThousandEntries_AreTakenAndNoMore) {
+TEST_F(LDAPLookup, ThousandEntries_AreTakenAndNoMore) {
   const Slapd directory;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   std::vector<Slapd::Entry> entries{kTop};
   for (int i = 1; i < 1001; ++i) {
     entries.push_back(
@@ -448,12 +448,12 @@ TEST_F(LdapLookup, ThousandEntries_AreTakenAndNoMore) {
 
 // --- TLS
 
-class LdapTls : public LdapLookup {
+class LDAPTls : public LDAPLookup {
  protected:
-  LdapTls() {
+  LDAPTls() {
     directory.add({kTop, holder("cn=Root,o=Test", {{kAuthority, der(ca.get())}})});
     writeFile(work / "ca.pem", pem(ca.get()));
-    writeFile(work / "other.pem", pem(issueCa("CN=Server CA").get()));
+    writeFile(work / "other.pem", pem(issueCA("CN=Server CA").get()));
   }
 
   Issued server(const std::string& names) const {
@@ -482,67 +482,67 @@ class LdapTls : public LdapLookup {
   }
 
   const TempDir work;
-  const Issued ca = issueCa("CN=Server CA");
+  const Issued ca = issueCA("CN=Server CA");
   const Issued certificate = server("IP:127.0.0.1");
   const Slapd directory{{.certificate = &certificate}};
 };
 
-TEST_F(LdapTls, LdapsWithTheRightAuthority) {
-  EXPECT_EQ(find(directory.tlsUri(), {.caFile = file("ca.pem")}), "found");
+TEST_F(LDAPTls, LDAPSWithTheRightAuthority) {
+  EXPECT_EQ(find(directory.tlsURI(), {.caFile = file("ca.pem")}), "found");
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(LdapTls, StartTlsWithTheRightAuthority) {
+TEST_F(LDAPTls, StartTlsWithTheRightAuthority) {
   EXPECT_EQ(find(directory.uri(), {.startTls = true, .caFile = file("ca.pem")}), "found");
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(LdapTls, AuthorityThatIsNotKnown_IsRefused) {
+TEST_F(LDAPTls, AuthorityThatIsNotKnown_IsRefused) {
   for (const char* other : {"", "other.pem"}) {
     const std::string caFile = *other == '\0' ? "" : file(other);
-    EXPECT_NE(find(directory.tlsUri(), {.caFile = caFile}).find("TLS handshake: "),
+    EXPECT_NE(find(directory.tlsURI(), {.caFile = caFile}).find("TLS handshake: "),
               std::string::npos);
     EXPECT_NE(find(directory.uri(), {.startTls = true, .caFile = caFile}).find("TLS handshake: "),
               std::string::npos);
   }
 }
 
-TEST_F(LdapTls, CertificateForAnotherHost_IsRefused) {
-  const std::string name = withHost(directory.tlsUri(), "localhost");
+TEST_F(LDAPTls, CertificateForAnotherHost_IsRefused) {
+  const std::string name = withHost(directory.tlsURI(), "localhost");
   EXPECT_NE(find(name, {.caFile = file("ca.pem")}).find("hostname mismatch"), std::string::npos);
   const std::string plain = withHost(directory.uri(), "localhost");
   EXPECT_NE(find(plain, {.startTls = true, .caFile = file("ca.pem")}).find("hostname mismatch"),
             std::string::npos);
 }
 
-TEST_F(LdapTls, CertificateForAName) {
+TEST_F(LDAPTls, CertificateForAName) {
   const Issued named = server("DNS:localhost");
   const Slapd other({.certificate = &named});
   other.add({kTop, holder("cn=Root,o=Test", {{kAuthority, der(ca.get())}})});
-  EXPECT_EQ(find(withHost(other.tlsUri(), "localhost"), {.caFile = file("ca.pem")}), "found");
-  EXPECT_NE(find(other.tlsUri(), {.caFile = file("ca.pem")}).find("IP address mismatch"),
+  EXPECT_EQ(find(withHost(other.tlsURI(), "localhost"), {.caFile = file("ca.pem")}), "found");
+  EXPECT_NE(find(other.tlsURI(), {.caFile = file("ca.pem")}).find("IP address mismatch"),
             std::string::npos);
 }
 
-TEST_F(LdapTls, PeerThatNeedNotVerify) {
-  EXPECT_EQ(find(directory.tlsUri(), {.verifyPeer = false}), "found");
+TEST_F(LDAPTls, PeerThatNeedNotVerify) {
+  EXPECT_EQ(find(directory.tlsURI(), {.verifyPeer = false}), "found");
   EXPECT_EQ(find(directory.uri(), {.startTls = true, .verifyPeer = false}), "found");
 }
 
-TEST_F(LdapTls, AuthoritiesThatCannotBeRead_Throw) {
+TEST_F(LDAPTls, AuthoritiesThatCannotBeRead_Throw) {
   writeFile(work / "empty.pem", "");
-  EXPECT_NE(find(directory.tlsUri(), {.caFile = file("missing.pem")}), "found");
-  EXPECT_NE(find(directory.tlsUri(), {.caFile = file("empty.pem")}), "found");
+  EXPECT_NE(find(directory.tlsURI(), {.caFile = file("missing.pem")}), "found");
+  EXPECT_NE(find(directory.tlsURI(), {.caFile = file("empty.pem")}), "found");
 }
 
-TEST_F(LdapTls, ServerWithoutTls_IsNotUsed) {
+TEST_F(LDAPTls, ServerWithoutTls_IsNotUsed) {
   const Slapd plain;
   const std::string text = find(plain.uri(), {.startTls = true, .verifyPeer = false});
   EXPECT_NE(text.find("StartTLS: "), std::string::npos) << text;
   EXPECT_NE(find("ldaps" + plain.uri().substr(4), {.verifyPeer = false}), "found");
 }
 
-TEST_F(LdapTls, TrafficIsEncrypted_WhenTheServerWantsIt) {
+TEST_F(LDAPTls, TrafficIsEncrypted_WhenTheServerWantsIt) {
   const Slapd strict({.config = "security ssf=128", .certificate = &certificate});
   EXPECT_NE(find(strict.uri(), {}).find("Confidentiality required"), std::string::npos);
   EXPECT_EQ(find(strict.uri(), {.startTls = true, .caFile = file("ca.pem")}), "nothing");
@@ -550,18 +550,18 @@ TEST_F(LdapTls, TrafficIsEncrypted_WhenTheServerWantsIt) {
 
 // --- verifications
 
-TEST_F(LdapLookup, ChainAndRevocation_EverythingFromTheDirectory) {
+TEST_F(LDAPLookup, ChainAndRevocation_EverythingFromTheDirectory) {
   const Slapd directory;
-  const Issued root = issueCa("C=DE,O=Müller \\& Söhne\\, Mail,CN=Root");
-  const Issued inter = issueCa("C=DE,O=Müller \\& Söhne\\, Mail,CN=Inter", &root);
+  const Issued root = issueCA("C=DE,O=Müller \\& Söhne\\, Mail,CN=Root");
+  const Issued inter = issueCA("C=DE,O=Müller \\& Söhne\\, Mail,CN=Inter", &root);
   const auto leaf = [&](const char* name) { return issue({.subject = name, .issuer = &inter}); };
   const Issued good = leaf("CN=Good");
   const Issued revoked = leaf("CN=Revoked");
   const Issued later = leaf("CN=Later");
-  const auto rootCrl = makeCrl({.issuer = &root});
-  const auto base = makeCrl(
+  const auto rootCRL = makeCRL({.issuer = &root});
+  const auto base = makeCRL(
       {.issuer = &inter, .number = Serial(1), .revoked = {{.serial = revoked, .reason = 1}}});
-  const auto delta = makeCrl({.issuer = &inter,
+  const auto delta = makeCRL({.issuer = &inter,
                               .number = Serial(2),
                               .deltaBase = Serial(1),
                               .revoked = {{.serial = later, .reason = 1}}});
@@ -570,10 +570,10 @@ TEST_F(LdapLookup, ChainAndRevocation_EverythingFromTheDirectory) {
   directory.add(
       {{"c=DE", {"country"}, {}},
        {rootName.asString().substr(std::string("CN=Root,").size()), {"organization"}, {}},
-       holder(rootName.asString(), {{kAuthority, der(root.get())}, {kCrl, der(rootCrl.get())}}),
+       holder(rootName.asString(), {{kAuthority, der(root.get())}, {kCRL, der(rootCRL.get())}}),
        holder(
            interName.asString(),
-           {{kAuthority, der(inter.get())}, {kCrl, der(base.get())}, {kDelta, der(delta.get())}})});
+           {{kAuthority, der(inter.get())}, {kCRL, der(base.get())}, {kDelta, der(delta.get())}})});
   const auto verdict = [&](const Issued& subject) {
     RefObjectStore fresh("/nonexistent/pkx509-test", X509_FILETYPE_PEM);
     auto* const method = new LDAPLookupMethod(config(directory.uri()));
@@ -585,14 +585,14 @@ TEST_F(LdapLookup, ChainAndRevocation_EverythingFromTheDirectory) {
   EXPECT_EQ(verdict(good), X509_V_OK) << log.text();
   EXPECT_EQ(verdict(revoked), X509_V_ERR_CERT_REVOKED) << log.text();
   EXPECT_EQ(verdict(later), X509_V_ERR_CERT_REVOKED) << log.text();
-  const Issued stranger = issueCa("C=DE,CN=Stranger");
+  const Issued stranger = issueCA("C=DE,CN=Stranger");
   EXPECT_EQ(verdict(issue({.subject = "CN=Leaf", .issuer = &stranger})),
             X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
 }
 
-TEST_F(LdapLookup, SelfSignedCertificateOfTheDirectory_IsATrustAnchor) {
+TEST_F(LDAPLookup, SelfSignedCertificateOfTheDirectory_IsATrustAnchor) {
   const Slapd directory;
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
   directory.add({kTop, holder("cn=Root,o=Test", {{kAuthority, der(root.get())}})});
   attach(config(directory.uri()));
@@ -603,9 +603,9 @@ TEST_F(LdapLookup, SelfSignedCertificateOfTheDirectory_IsATrustAnchor) {
   EXPECT_EQ(heldByOpenSSL(store), 1U);
 }
 
-TEST_F(LdapLookup, SeveralThreadsAtOnce) {
+TEST_F(LDAPLookup, SeveralThreadsAtOnce) {
   const Slapd directory;
-  const Issued root = issueCa("CN=Root");
+  const Issued root = issueCA("CN=Root");
   directory.add({kTop, holder("cn=Root,o=Test", {{kAuthority, der(root.get())}})});
   LDAPLookupMethod method(config(directory.uri()));
   std::vector<std::string> results(8);

@@ -5,7 +5,7 @@
 #include "support/FaultScripts.h"
 #include "support/FaultServer.h"
 #include "support/LogCapture.h"
-#include "support/OcspBuilder.h"
+#include "support/OCSPBuilder.h"
 #include "support/PrivateView.h"
 #include "unit/verify/World.h"
 
@@ -19,7 +19,7 @@ namespace Velantrix::Test {
 
 /// Answers every request in the way described. What the description borrows lives as long as the
 /// server.
-inline Script answering(const OcspAnswer& description) {
+inline Script answering(const OCSPAnswer& description) {
   return Scripts::answerWith([description](const std::string& request) {
     return ocspAnswer(description, httpBody(request));
   });
@@ -48,9 +48,9 @@ struct Asking {
   OCSP::Client client;
 };
 
-class OcspIntegration : public testing::Test {
+class OCSPIntegration : public testing::Test {
  protected:
-  OcspIntegration() {
+  OCSPIntegration() {
     clearPrivateView();
     world.trust(root);
   }
@@ -99,9 +99,9 @@ class OcspIntegration : public testing::Test {
   /// What is logged in the place of the two lines that were given without their text.
   static constexpr char kMisplaced[] = "0 \n";
   static constexpr int kRevoked = X509_V_ERR_CERT_REVOKED;
-  static constexpr int kNoCrl = X509_V_ERR_UNABLE_TO_GET_CRL;
+  static constexpr int kNoCRL = X509_V_ERR_UNABLE_TO_GET_CRL;
 
-  const Issued root = issueCa("O=Test,CN=Root");
+  const Issued root = issueCA("O=Test,CN=Root");
   World world;
   LogCapture log;
 };

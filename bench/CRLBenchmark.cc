@@ -14,19 +14,19 @@ namespace {
 using namespace Crypto::PKX509;
 using Crypto::Owned;
 
-struct LongCrl {
-  explicit LongCrl(int entries)
+struct LongCRL {
+  explicit LongCRL(int entries)
       : chain(Test::KeyKind::P256, static_cast<std::size_t>(entries)),
-        der(Test::der(chain.intermediateCrl.get())) {}
+        der(Test::der(chain.intermediateCRL.get())) {}
 
   Chain chain;
   std::string der;
 };
 
-LongCrl& crlOf(int entries) {
-  static std::map<int, std::unique_ptr<LongCrl>> made;
-  std::unique_ptr<LongCrl>& crl = made[entries];
-  if (crl == nullptr) crl = std::make_unique<LongCrl>(entries);
+LongCRL& crlOf(int entries) {
+  static std::map<int, std::unique_ptr<LongCRL>> made;
+  std::unique_ptr<LongCRL>& crl = made[entries];
+  if (crl == nullptr) crl = std::make_unique<LongCRL>(entries);
   return *crl;
 }
 
@@ -53,9 +53,9 @@ void parseOpenSSL(benchmark::State& state, int entries) {
 }
 
 struct LibraryRun {
-  explicit LibraryRun(LongCrl& crl) : chain(crl.chain) {
+  explicit LibraryRun(LongCRL& crl) : chain(crl.chain) {
     // A CRL object that nothing has been asked of yet, in the place of the chain's own.
-    auto* const found = static_cast<FoundCrls*>(chain.store->methods().front().get());
+    auto* const found = static_cast<FoundCRLs*>(chain.store->methods().front().get());
     found->crls.pop_back();
     found->crls.push_back(readByLibrary(crl.der));
   }
@@ -65,10 +65,10 @@ struct LibraryRun {
 };
 
 struct OpenSSLRun {
-  explicit OpenSSLRun(LongCrl& crl) : chain(crl.chain), store(X509_STORE_new()) {
+  explicit OpenSSLRun(LongCRL& crl) : chain(crl.chain), store(X509_STORE_new()) {
     const Owned<X509_CRL> fresh = readByOpenSSL(crl.der);
     X509_STORE_add_cert(store.get(), chain.root.get());
-    X509_STORE_add_crl(store.get(), chain.rootCrl.get());
+    X509_STORE_add_crl(store.get(), chain.rootCRL.get());
     X509_STORE_add_crl(store.get(), fresh.get());
     X509_STORE_set_flags(store.get(), 0x30AC);
   }
@@ -80,7 +80,7 @@ struct OpenSSLRun {
 
 template <class Run>
 void first(benchmark::State& state, int entries) {
-  LongCrl& crl = crlOf(entries);
+  LongCRL& crl = crlOf(entries);
   for (auto _ : state) {
     state.PauseTiming();
     {

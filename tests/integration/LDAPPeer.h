@@ -1,7 +1,7 @@
 // A server on loopback that does what a test wants with each connection, and the octets of LDAP
 // messages (RFC 4511) to do it with.
 //
-//   LdapPeer peer([](LdapPeer::Connection& connection) {
+//   LDAPPeer peer([](LDAPPeer::Connection& connection) {
 //     connection.read();
 //     connection.write(message(1, entry("cn=A", {{"cn", {"A"}}})) + message(1, done(0)));
 //   });
@@ -75,7 +75,7 @@ inline std::string reference(const std::string& uri) { return element(0x73, text
 
 // --- the server
 
-class LdapPeer {
+class LDAPPeer {
  public:
   class Connection {
    public:
@@ -157,7 +157,7 @@ class LdapPeer {
 
   using Script = std::function<void(Connection&)>;
 
-  explicit LdapPeer(Script script)
+  explicit LDAPPeer(Script script)
       : script_(std::move(script)),
         stop_(::eventfd(0, EFD_CLOEXEC)),
         listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -173,14 +173,14 @@ class LdapPeer {
     port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { run(); });
   }
-  ~LdapPeer() {
+  ~LDAPPeer() {
     static_cast<void>(::eventfd_write(stop_, 1));
     thread_.join();
     ::close(listener_);
     ::close(stop_);
   }
-  LdapPeer(const LdapPeer&) = delete;
-  LdapPeer& operator=(const LdapPeer&) = delete;
+  LDAPPeer(const LDAPPeer&) = delete;
+  LDAPPeer& operator=(const LDAPPeer&) = delete;
 
   std::string uri(const std::string& scheme = "ldap") const {
     return scheme + "://127.0.0.1:" + std::to_string(port_);

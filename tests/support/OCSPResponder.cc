@@ -1,4 +1,4 @@
-#include "support/OcspResponder.h"
+#include "support/OCSPResponder.h"
 
 #include <openssl/asn1.h>
 #include <openssl/bn.h>
@@ -21,7 +21,7 @@ std::string reasonText(int reason) {
   const auto at = static_cast<std::size_t>(reason);
   const std::string name = at < kNames.size() ? kNames.at(at) : "";
   // The responder would start, and answer without a reason.
-  if (name.empty()) throw std::runtime_error("OcspResponder: openssl cannot give this reason");
+  if (name.empty()) throw std::runtime_error("OCSPResponder: openssl cannot give this reason");
   return name;
 }
 
@@ -37,7 +37,7 @@ std::string serialText(const Serial& serial) {
   BIGNUM* parsed = nullptr;
   const int used = BN_hex2bn(&parsed, serial.hex().c_str());
   const Owned<BIGNUM> number(parsed);
-  if (used <= 0) throw std::runtime_error("OcspResponder: an entry has no serial number");
+  if (used <= 0) throw std::runtime_error("OCSPResponder: an entry has no serial number");
   const Crypto::OwnedMemory<char> text(BN_bn2hex(number.get()));
   if (!text) throw std::runtime_error("BN_bn2hex");
   return text.get();
@@ -45,7 +45,7 @@ std::string serialText(const Serial& serial) {
 
 /// One line of the file that `openssl ca` calls its database: status, end of validity, revocation,
 /// serial number, file, subject. End, file and subject are not looked at, but must be there.
-std::string indexLine(const OcspEntry& entry) {
+std::string indexLine(const OCSPEntry& entry) {
   const std::string serial = serialText(entry.serial);
   std::string revocation;
   if (entry.revoked) {
@@ -68,7 +68,7 @@ std::vector<std::string> requestLines(const std::string& output) {
   return found;
 }
 
-std::vector<std::string> commandLine(const OcspOptions& options, const TempDir& directory,
+std::vector<std::string> commandLine(const OCSPOptions& options, const TempDir& directory,
                                      const ReservedPort& port) {
   std::vector<std::string> command = {"openssl", "ocsp", "-port", port.text()};
   const auto add = [&command](const char* option, const std::string& value) {
@@ -89,9 +89,9 @@ std::vector<std::string> commandLine(const OcspOptions& options, const TempDir& 
 }  // namespace
 
 // It writes the line with ACCEPT once its socket listens.
-OcspResponder::OcspResponder(const OcspOptions& options)
+OCSPResponder::OCSPResponder(const OCSPOptions& options)
     : process_(commandLine(options, directory_, port_), "ACCEPT ") {
-  if (options.ca == nullptr) throw std::runtime_error("OcspResponder: no CA");
+  if (options.ca == nullptr) throw std::runtime_error("OCSPResponder: no CA");
   const Issued& signer = options.signer != nullptr ? *options.signer : *options.ca;
   writeFile(directory_ / "ca.crt", pem(options.ca->cert.get()));
   writeFile(directory_ / "signer.crt", pem(signer.cert.get()));
@@ -99,22 +99,22 @@ OcspResponder::OcspResponder(const OcspOptions& options)
   setIndex(options.index);
 }
 
-std::string OcspResponder::url(std::string_view path) const {
+std::string OCSPResponder::url(std::string_view path) const {
   return "http://127.0.0.1:" + port_.text() + std::string(path);
 }
 
-void OcspResponder::setIndex(const std::vector<OcspEntry>& entries) {
+void OCSPResponder::setIndex(const std::vector<OCSPEntry>& entries) {
   // A running responder looks at the file only after it has answered once more.
   stop();
   std::string lines;
-  for (const OcspEntry& entry : entries) lines += indexLine(entry);
+  for (const OCSPEntry& entry : entries) lines += indexLine(entry);
   writeFile(directory_ / "index.txt", lines);
   start();
 }
 
-std::vector<std::string> OcspResponder::requests() const { return requestLines(process_.output()); }
+std::vector<std::string> OCSPResponder::requests() const { return requestLines(process_.output()); }
 
-bool OcspResponder::waitForRequests(std::size_t count, std::chrono::milliseconds limit) const {
+bool OCSPResponder::waitForRequests(std::size_t count, std::chrono::milliseconds limit) const {
   return process_.waitForOutput(
       [count](const std::string& output) { return requestLines(output).size() >= count; }, limit);
 }

@@ -1,6 +1,6 @@
 // CRLs by URI from servers that misbehave: nothing is found, nothing is cached, and it ends in time
 // and in little memory.
-#include "integration/UriFixture.h"
+#include "integration/URIFixture.h"
 #include "support/Loopback.h"
 #include "support/Process.h"
 
@@ -24,7 +24,7 @@ constexpr long kSanitizerFactor = 4;
 constexpr long kSanitizerFactor = 1;
 #endif
 
-class URIFaults : public UriFixture {
+class URIFaults : public URIFixture {
  protected:
   /// One look-up in a process of its own.
   struct Fetch {
@@ -114,7 +114,7 @@ TEST_F(URIFaults, FaultThatShowsAtOnce_FindsNothingAndCachesNothing) {
       {"a certificate in DER", Scripts::answer(der(ca.get()))},
       {"a certificate in PEM", Scripts::answer(pem(ca.get()))},
       {"a CRL with two numbers",
-       Scripts::answer(der(makeCrl({.issuer = &ca,
+       Scripts::answer(der(makeCRL({.issuer = &ca,
                                     .number = 7,
                                     .rawExtensions = {{"2.5.29.20", false, "\x02\x01\x08"}}})
                                .get()))},
@@ -187,12 +187,12 @@ TEST_F(URIFaults, Redirect_IsNotFollowed) {
 
 TEST_F(URIFaults, WhatWasCached_StaysWhenTheServerMisbehaves) {
   const FaultServer server(
-      Scripts::inTurn({Scripts::answer(der(expiredCrl(7).get())), Scripts::html(),
+      Scripts::inTurn({Scripts::answer(der(expiredCRL(7).get())), Scripts::html(),
                        Scripts::garbage(), Scripts::closeAtOnce(), Scripts::answer("")}));
   const std::string uri = server.url("/ca.crl");
   EXPECT_EQ(found(uri), Numbers{"7"});
   for (int i = 0; i < 4; ++i) EXPECT_EQ(found(uri), Numbers{});
-  EXPECT_TRUE(isCached(uri, expiredCrl(7)));
+  EXPECT_TRUE(isCached(uri, expiredCRL(7)));
 }
 
 // ------------------------------------------------------------------------------------------ memory

@@ -1,7 +1,7 @@
 // The cache of CRLs fetched by URI where it is broken, full, missing, shared or left by a killed
 // writer: what was fetched is found all the same, and a file is whole or not there.
 #include "integration/OwnNamespaces.h"
-#include "integration/UriFixture.h"
+#include "integration/URIFixture.h"
 #include "support/Process.h"
 #include "unit/store/Unprivileged.h"
 
@@ -14,7 +14,7 @@
 namespace Velantrix::Test {
 namespace {
 
-class URICache : public UriFixture {
+class URICache : public URIFixture {
  protected:
   /// What the file for the URI holds when this CRL was stored there, but for the times.
   static bool isWhole(const std::string& content, const std::string& block) {
@@ -48,7 +48,7 @@ TEST_F(URICache, BrokenEntry_IsReplacedByAFetch) {
       {"a certificate", pem(ca.get())},
       {"header without a CRL", "URI: http://127.0.0.1/\nExpires: 1\n"},
       {"fresh CRL of another URI", "URI: http://other.test/ca.crl\nExpires: 99999999999\n" + block},
-      {"expired", pem(expiredCrl(1).get())},
+      {"expired", pem(expiredCRL(1).get())},
   };
   const FaultServer server(Scripts::answer(der(crl(7).get())));
   const std::string uri = server.url("/ca.crl");
@@ -145,16 +145,16 @@ TEST_F(URICache, FullDisk_CostsTheCacheAndLeavesTheOldFile) {
   inOwnNamespaces([this] {
     bringUpLoopback();
     mountMemory(kCRLCacheDirectory, "size=32k");
-    const Owned<X509_CRL>& large = expiredCrl(8, 100000);
+    const Owned<X509_CRL>& large = expiredCRL(8, 100000);
     const FaultServer server(Scripts::inTurn(
-        {Scripts::answer(der(expiredCrl(7).get())), Scripts::answer(der(large.get()))}));
+        {Scripts::answer(der(expiredCRL(7).get())), Scripts::answer(der(large.get()))}));
     const std::string uri = server.url("/ca.crl");
     EXPECT_EQ(found(uri), Numbers{"7"});
-    EXPECT_TRUE(isCached(uri, expiredCrl(7)));
+    EXPECT_TRUE(isCached(uri, expiredCRL(7)));
     EXPECT_EQ(found(uri), Numbers{"8"});
-    EXPECT_TRUE(isCached(uri, expiredCrl(7)));  // and nothing beside it
+    EXPECT_TRUE(isCached(uri, expiredCRL(7)));  // and nothing beside it
     EXPECT_EQ(found(server.url("/other.crl")), Numbers{"8"});
-    EXPECT_TRUE(isCached(uri, expiredCrl(7)));
+    EXPECT_TRUE(isCached(uri, expiredCRL(7)));
     EXPECT_EQ(log.text(), "");
   });
 }
@@ -163,11 +163,11 @@ TEST_F(URICache, NoInodesLeft_CostsTheCache) {
   inOwnNamespaces([this] {
     bringUpLoopback();
     mountMemory(kCRLCacheDirectory, "nr_inodes=2");
-    const FaultServer server(Scripts::answer(der(expiredCrl(7).get())));
+    const FaultServer server(Scripts::answer(der(expiredCRL(7).get())));
     const std::string uri = server.url("/ca.crl");
     EXPECT_EQ(found(uri), Numbers{"7"});
     EXPECT_EQ(found(uri), Numbers{"7"});  // there is none for a second file
-    EXPECT_TRUE(isCached(uri, expiredCrl(7)));
+    EXPECT_TRUE(isCached(uri, expiredCRL(7)));
   });
 }
 
@@ -190,7 +190,7 @@ TEST_F(URICache, ReadOnlyFileSystem_IsReadAndNotWritten) {
 
 TEST_F(URICache, TooManyFiles_MakeWayForANewOne) {
   const FaultServer server(Scripts::answer(der(crl(7).get())));
-  const std::string block = pem(expiredCrl(1).get());
+  const std::string block = pem(expiredCRL(1).get());
   for (int i = 1; i <= 1000; ++i) {
     char name[16];
     std::snprintf(name, sizeof name, "%x.r0", 0x1000 + i);
@@ -209,8 +209,8 @@ TEST_F(URICache, TooManyFiles_MakeWayForANewOne) {
 
 TEST_F(URICache, ProcessesThatFetchAtOnce_LeaveOneWholeFile) {
   // Both answers are stored again and again, since neither is fresh.
-  const Owned<X509_CRL>& one = expiredCrl(1, 200000);
-  const Owned<X509_CRL>& two = expiredCrl(2, 300000);
+  const Owned<X509_CRL>& one = expiredCRL(1, 200000);
+  const Owned<X509_CRL>& two = expiredCRL(2, 300000);
   const std::string blocks[] = {pem(one.get()), pem(two.get())};
   const std::string bodies[] = {der(one.get()), der(two.get())};
   const FaultServer server([&bodies](Peer& peer) {
@@ -240,8 +240,8 @@ TEST_F(URICache, ProcessesThatFetchAtOnce_LeaveOneWholeFile) {
 
 TEST_F(URICache, WriterThatIsKilled_LeavesTheOldFileOrTheNewOne) {
   constexpr int kRounds = 40;
-  const Owned<X509_CRL>& one = expiredCrl(1, 200000);
-  const Owned<X509_CRL>& two = expiredCrl(2, 300000);
+  const Owned<X509_CRL>& one = expiredCRL(1, 200000);
+  const Owned<X509_CRL>& two = expiredCRL(2, 300000);
   const std::string blocks[] = {pem(one.get()), pem(two.get())};
   const std::string bodies[] = {der(one.get()), der(two.get())};
   const FaultServer server([&bodies](Peer& peer) {

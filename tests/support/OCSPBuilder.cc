@@ -1,4 +1,4 @@
-#include "support/OcspBuilder.h"
+#include "support/OCSPBuilder.h"
 
 #include <array>
 #include <memory>
@@ -18,7 +18,7 @@ using OwnedRequest = std::unique_ptr<OCSP_REQUEST, FreeBy<OCSP_REQUEST, &OCSP_RE
 using OwnedResponse = std::unique_ptr<OCSP_RESPONSE, FreeBy<OCSP_RESPONSE, &OCSP_RESPONSE_free>>;
 
 void must(bool done, const char* function) {
-  if (!done) throw std::runtime_error(std::string("OcspBuilder: ") + function);
+  if (!done) throw std::runtime_error(std::string("OCSPBuilder: ") + function);
 }
 
 template <class T, class I2d>
@@ -45,7 +45,7 @@ Owned<ASN1_TIME> makeTime(const std::optional<When>& when) {
   return time;
 }
 
-OwnedId makeId(const OcspSingle& single, OCSP_REQUEST* request) {
+OwnedId makeId(const OCSPSingle& single, OCSP_REQUEST* request) {
   OwnedId id;
   if (single.certificate != nullptr) {
     must(single.issuer != nullptr, "a certificate without its issuer");
@@ -59,7 +59,7 @@ OwnedId makeId(const OcspSingle& single, OCSP_REQUEST* request) {
   return id;
 }
 
-void add(OCSP_BASICRESP* basic, const OcspSingle& single, OCSP_REQUEST* request) {
+void add(OCSP_BASICRESP* basic, const OCSPSingle& single, OCSP_REQUEST* request) {
   const OwnedId id = makeId(single, request);
   const Owned<ASN1_TIME> revoked = makeTime(single.revoked);
   const Owned<ASN1_TIME> thisUpdate = makeTime(single.thisUpdate);
@@ -69,9 +69,9 @@ void add(OCSP_BASICRESP* basic, const OcspSingle& single, OCSP_REQUEST* request)
        "OCSP_basic_add1_status");
 }
 
-void addNonce(OCSP_BASICRESP* basic, OcspNonce nonce, OCSP_REQUEST* request) {
-  if (nonce == OcspNonce::Same) must(OCSP_copy_nonce(basic, request) > 0, "OCSP_copy_nonce");
-  if (nonce == OcspNonce::Other) {
+void addNonce(OCSP_BASICRESP* basic, OCSPNonce nonce, OCSP_REQUEST* request) {
+  if (nonce == OCSPNonce::Same) must(OCSP_copy_nonce(basic, request) > 0, "OCSP_copy_nonce");
+  if (nonce == OCSPNonce::Other) {
     std::array<unsigned char, 16> other{};
     must(OCSP_basic_add1_nonce(basic, other.data(), static_cast<int>(other.size())) == 1,
          "OCSP_basic_add1_nonce");
@@ -103,7 +103,7 @@ std::string ocspRequest(const Issued& certificate, const Issued& issuer, bool no
   return encoded(request.get(), i2d_OCSP_REQUEST);
 }
 
-std::string ocspAnswer(const OcspAnswer& description, std::string_view request) {
+std::string ocspAnswer(const OCSPAnswer& description, std::string_view request) {
   if (description.status != OCSP_RESPONSE_STATUS_SUCCESSFUL) {
     const OwnedResponse response(OCSP_response_create(description.status, nullptr));
     must(response != nullptr, "OCSP_response_create");
@@ -113,7 +113,7 @@ std::string ocspAnswer(const OcspAnswer& description, std::string_view request) 
   const OwnedRequest asked = decodedRequest(request);
   const OwnedBasic basic(OCSP_BASICRESP_new());
   must(basic != nullptr, "OCSP_BASICRESP_new");
-  for (const OcspSingle& single : description.singles) add(basic.get(), single, asked.get());
+  for (const OCSPSingle& single : description.singles) add(basic.get(), single, asked.get());
   addNonce(basic.get(), description.nonce, asked.get());
   for (const Issued* const one : description.firstCertificates) {
     must(OCSP_basic_add1_cert(basic.get(), one->get()) == 1, "OCSP_basic_add1_cert");
