@@ -252,7 +252,7 @@ const ServedCRL& servedCRL(int megabytes) {
 // As URILookup does it, without the cache.
 HTTP::RefConnection fetchByLibrary(const std::string& url) {
   const Uri uri(url);
-  HTTP::RefStream stream = HTTP::streamFor(uri);
+  HTTP::RefStream stream = HTTP::streamFor(uri, {kClientCertificateFile, kClientKeyFile});
   const Host host(uri.hostname());
   HTTP::RefConnection connection(stream);
   if (!connection->connect(HTTP::endpointFor(host.address(), uri))) return HTTP::RefConnection();

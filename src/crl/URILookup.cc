@@ -1,7 +1,8 @@
 #include "crl/CRLCache.h"
 #include "foundation/base/Log.h"
-#include "foundation/net/NetworkUse.h"
+#include "foundation/net/NetworkBudget.h"
 #include "foundation/net/http/HTTPAccess.h"
+#include "verify/ConnectionSubject.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
@@ -31,10 +32,10 @@ std::string request(const Uri& uri) {
 }
 
 void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
-  if (!networkAdmitted()) return;
-  const std::size_t limit = admittedCRLBytes(kMaximumCRL);
+  if (!connectionAdmitted()) return;
+  const std::size_t limit = NetworkBudget::admittedBytes(kMaximumCRL);
   if (limit == 0) return;
-  HTTP::RefStream stream = HTTP::streamFor(uri);
+  HTTP::RefStream stream = HTTP::streamFor(uri, {kClientCertificateFile, kClientKeyFile});
   const Host host(uri.hostname());
   if (host.address().empty()) return;
   const HTTP::RefConnection connection(stream);
@@ -43,7 +44,7 @@ void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   connection->maxContent(limit);
   connection->send(request(uri));
   const int outcome = connection->receive();
-  countCRLBytes(connection->contentReceived());
+  NetworkBudget::countBytes(connection->contentReceived());
   if (outcome != HTTP::Connection::kComplete) return;
   const LW::Buffer& body = connection->content();
   // The limit keeps the length inside 32 bits. The connection outlives the reading, so the bytes

@@ -1,8 +1,9 @@
 #include "foundation/base/Log.h"
-#include "foundation/net/NetworkUse.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "verify/ConnectionSubject.h"
 
+#include <pkx509/FixedPaths.h>
 #include <pkx509/OCSP.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/Exception.h>
@@ -73,8 +74,8 @@ bool Client::connect(const Uri& responder) {
           "OCSP::Client: unhandled uri: " + uri.asString() + " scheme = " + uri.scheme());
       return false;
     }
-    if (networkAdmitted()) {
-      HTTP::RefStream stream = HTTP::streamFor(uri);
+    if (connectionAdmitted()) {
+      HTTP::RefStream stream = HTTP::streamFor(uri, {kClientCertificateFile, kClientKeyFile});
       connection = HTTP::RefConnection(stream);
       const Host host(uri.hostname());
       if (!host.address().empty()) {

@@ -1,8 +1,8 @@
 // The verifier's own revocation logic: which certificates of a chain are checked, OCSP before CRLs,
 // and where CRLs are looked for.
 #include "foundation/base/Log.h"
-#include "foundation/net/NetworkUse.h"
 #include "foundation/run/VerificationRun.h"
+#include "verify/ConnectionSubject.h"
 #include "verify/FailureText.h"
 
 #include <pkx509/FixedPaths.h>

@@ -1,7 +1,7 @@
 #include "foundation/base/Log.h"
-#include "foundation/net/NetworkUse.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
+#include "verify/ConnectionSubject.h"
 #include "verify/FailureText.h"
 
 #include <pkx509/Verifier.h>

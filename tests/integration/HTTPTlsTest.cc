@@ -33,6 +33,10 @@ using HTTP::Connection;
 const std::filesystem::path kCertificate = std::filesystem::path(kAppsDirectory) / "server.crt";
 const std::filesystem::path kKey = std::filesystem::path(kAppsDirectory) / "server.key";
 
+HTTP::RefStream streamFor(const Uri& uri) {
+  return HTTP::streamFor(uri, {kCertificate.c_str(), kKey.c_str()});
+}
+
 std::string encryptedPem(EVP_PKEY* key) {
   const Owned<BIO> out(BIO_new(BIO_s_mem()));
   const char passphrase[] = "passphrase";
@@ -90,9 +94,7 @@ class HTTPTls : public testing::Test {
                                 .notAfter = std::chrono::hours(-24)});
 };
 
-HTTPClient clientFor(const FaultServer& server) {
-  return HTTPClient(HTTP::streamFor(Uri(server.url())));
-}
+HTTPClient clientFor(const FaultServer& server) { return HTTPClient(streamFor(Uri(server.url()))); }
 
 TEST_F(HTTPTls, ClientCertificate_IsShownAndTheServersIsNotVerified) {
   installClient();
@@ -132,7 +134,7 @@ TEST_F(HTTPTls, RealServer_RequiresTheCertificateAndGetsIt) {
   const std::string large(300'000, 'x');
   writeFile(server.root() / "ca.crl", large);
   const Uri uri(server.tlsUrl("/ca.crl"));
-  HTTPClient client(HTTP::streamFor(uri));
+  HTTPClient client(streamFor(uri));
   ASSERT_TRUE(client.connect(uri.port()));
   EXPECT_EQ(client.get("/ca.crl"), Connection::kComplete);
   EXPECT_TRUE(client.content() == large);
@@ -188,7 +190,7 @@ TEST_F(HTTPTls, CertificateOrKeyThatCannotBeLoaded_IsTheSystemErrorAndNobodyIsAs
     if (row.key != none) writeFile(kKey, row.key);
     const Terminal terminal;
     try {
-      HTTP::streamFor(Uri("https://127.0.0.1/"));
+      streamFor(Uri("https://127.0.0.1/"));
       ADD_FAILURE() << "no exception: " << row.what;
     } catch (const boost::system::system_error& error) {
       EXPECT_EQ(error.code().value(), 22) << row.what;
@@ -215,12 +217,12 @@ TEST_F(HTTPTls, Terminal_SeesThatOpenSSLWouldAsk) {
 TEST_F(HTTPTls, CertificateFileIsADirectory_IsTheSystemError) {
   std::filesystem::create_directory(kCertificate);
   std::filesystem::create_directory(kKey);
-  EXPECT_THROW(HTTP::streamFor(Uri("https://127.0.0.1/")), boost::system::system_error);
+  EXPECT_THROW(streamFor(Uri("https://127.0.0.1/")), boost::system::system_error);
 }
 
 TEST_F(HTTPTls, Options_AreTheNamedOnes) {
   installClient();
-  HTTP::RefStream stream = HTTP::streamFor(Uri("https://127.0.0.1/"));
+  HTTP::RefStream stream = streamFor(Uri("https://127.0.0.1/"));
   ASSERT_NE(stream->tls(), nullptr);
   SSL_CTX* const context = stream->tls()->native_handle();
   EXPECT_EQ(SSL_CTX_get_options(context) & SSL_OP_ALL, SSL_OP_ALL);
@@ -309,7 +311,7 @@ TEST_F(HTTPTls, PeerThatDoesNotSpeakTls_IsNotConnected) {
   for (const std::string& answer :
        {Scripts::response("plain"), std::string(100, 'x'), alert, std::string()}) {
     const FaultServer server([&answer](Peer& peer) { peer.write(answer); });
-    HTTPClient client(HTTP::streamFor(Uri("https://127.0.0.1/")));
+    HTTPClient client(streamFor(Uri("https://127.0.0.1/")));
     const Stopwatch watch;
     EXPECT_FALSE(client.connect(server.port()));
     EXPECT_TRUE(watch.tookNoTime());
@@ -326,7 +328,7 @@ TEST_F(HTTPTls, HandshakeThatNeverEnds_EndsWithTheTimeOfTheVerification) {
       if (talks) peer.writeSlowly(header + std::string(1000, 'x'), 20ms);
       peer.waitForPeerToClose();
     });
-    HTTPClient client(HTTP::streamFor(Uri("https://127.0.0.1/")));
+    HTTPClient client(streamFor(Uri("https://127.0.0.1/")));
     VerificationRun run(nullptr, 250ms);
     const Stopwatch watch;
     EXPECT_FALSE(client.connect(server.port()));
@@ -394,7 +396,7 @@ TEST_F(HTTPTls, Fetch_StartsNoThread) {
   const WebServer server({.certificate = &server_, .clientCA = &root_});
   writeFile(server.root() / "ca.crl", std::string(100'000, 'x'));
   const Uri uri(server.tlsUrl("/ca.crl"));
-  HTTP::RefStream stream = HTTP::streamFor(uri);
+  HTTP::RefStream stream = streamFor(uri);
   // Called again and again while the connection is made and used.
   s_mostThreads = 0;
   SSL_CTX_set_msg_callback(stream->tls()->native_handle(),

@@ -1,6 +1,6 @@
 #include "foundation/net/HostResolver.h"
 
-#include "foundation/net/NetworkUse.h"
+#include "foundation/net/NetworkBudget.h"
 
 #include <boost/asio/ip/address.hpp>
 
@@ -19,8 +19,6 @@
 #include <vector>
 
 namespace Velantrix {
-
-using Crypto::PKX509::NetworkTimer;
 
 namespace {
 

@@ -10,6 +10,21 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 thread_local VerificationRun* currentRun = nullptr;
+
+void sayThatItIsSpent(NetworkBudget::Resource spent) {
+  switch (spent) {
+    case NetworkBudget::Resource::kTime:
+      log(kPriorityInfo,
+          "Verifier: the time for the network is spent, the rest of this verification reaches no "
+          "host");
+      break;
+    case NetworkBudget::Resource::kBytes:
+      log(kPriorityInfo,
+          "Verifier: too many bytes of CRLs, the rest of this verification fetches no more");
+      break;
+  }
+}
+
 }  // namespace
 
 VerificationRun::VerificationRun(Shelter /*shelter*/) noexcept
@@ -18,23 +33,31 @@ VerificationRun::VerificationRun(Shelter /*shelter*/) noexcept
       level_(outer_ == nullptr ? 0 : outer_->level_),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(nullptr) {
+  installNetworkBudget({});
   currentRun = this;
 }
 
 VerificationRun::VerificationRun(const X509* target,
-                                 std::optional<NetworkTotals::Duration> networkTime) noexcept
+                                 std::optional<NetworkBudget::Clock::duration> networkTime) noexcept
     : target_(target),
       outer_(currentRun),
       level_(outer_ == nullptr ? 1 : outer_->level_ + 1),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(judge()) {
-  own_.network.limit = networkTime;
+  installNetworkBudget(networkTime);
   currentRun = this;
 }
 
 VerificationRun::~VerificationRun() { currentRun = outer_; }
 
 VerificationRun* VerificationRun::current() noexcept { return currentRun; }
+
+void VerificationRun::installNetworkBudget(
+    std::optional<NetworkBudget::Clock::duration> time) noexcept {
+  if (outer_ != nullptr) return;
+  own_.network.emplace(NetworkBudget::Limits{time, kMaximumCRLBytes}, sayThatItIsSpent);
+  installed_.emplace(*own_.network);
+}
 
 const char* VerificationRun::judge() noexcept {
   if (outer_ == nullptr) return nullptr;

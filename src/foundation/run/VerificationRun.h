@@ -6,6 +6,8 @@
 // certificate that the CRL speaks about is; the runs of one thread form a stack.
 #pragma once
 
+#include "foundation/net/NetworkBudget.h"
+
 #include <openssl/types.h>
 
 #include <chrono>
@@ -18,17 +20,6 @@
 
 namespace Velantrix::Crypto::PKX509 {
 
-// What one outermost run has used of the network; see NetworkUse.h.
-struct NetworkTotals {
-  using Duration = std::chrono::steady_clock::duration;
-
-  std::optional<Duration> limit;  // none: no limit
-  Duration time{};
-  std::size_t crlBytes = 0;
-  bool timeLogged = false;
-  bool bytesLogged = false;
-};
-
 class VerificationRun {
  public:
   // The outermost run is level 1; a run on a deeper level than this one is refused.
@@ -37,15 +28,18 @@ class VerificationRun {
   static constexpr unsigned int kMaximumNested = 64;
   // How often one outermost run may ask a source for the CRLs of one name or URI.
   static constexpr unsigned int kMaximumLookups = 256;
+  // The bytes of CRLs that one outermost run reads from the network.
+  static constexpr std::size_t kMaximumCRLBytes = std::size_t{128} * 1024 * 1024;
 
   // Marks a frame that only parks exceptions, for OpenSSL calls of destructors. It is not counted.
   struct Shelter {};
 
   explicit VerificationRun(Shelter /*shelter*/) noexcept;
   // Enters a run on this thread. The target is borrowed and outlives the run; it may be null. The
-  // limit of an outermost run holds for all that are nested in it, whatever theirs.
+  // limit of an outermost run holds for all that are nested in it, whatever theirs: the outermost
+  // run installs the thread's network budget.
   explicit VerificationRun(const X509* target,
-                           std::optional<NetworkTotals::Duration> networkTime = {}) noexcept;
+                           std::optional<NetworkBudget::Clock::duration> networkTime = {}) noexcept;
   ~VerificationRun();
   VerificationRun(const VerificationRun&) = delete;
   VerificationRun& operator=(const VerificationRun&) = delete;
@@ -69,8 +63,8 @@ class VerificationRun {
   // octets; borrowed, null when there is none.
   static X509* known(const unsigned char* der, std::size_t length);
 
-  // What the outermost run has used of the network.
-  NetworkTotals& network() noexcept { return totals_->network; }
+  // What the outermost run may use of the network, and has used.
+  NetworkBudget& network() noexcept { return *totals_->network; }
 
   bool hasParked() const noexcept { return parked_ != nullptr; }
   // Keeps the first exception of the run.
@@ -82,7 +76,7 @@ class VerificationRun {
   struct Totals {
     unsigned int nested = 0;
     unsigned int lookups = 0;
-    NetworkTotals network;
+    std::optional<NetworkBudget> network;
   };
 
   struct Known {
@@ -90,13 +84,15 @@ class VerificationRun {
     std::string der;  // encoded when it is first compared
   };
 
+  void installNetworkBudget(std::optional<NetworkBudget::Clock::duration> time) noexcept;
   const char* judge() noexcept;
 
   const X509* target_;
   VerificationRun* outer_;
   unsigned int level_;
-  Totals own_;      // counted only on the outermost run
-  Totals* totals_;  // the outermost run's
+  Totals own_;                                         // counted only on the outermost run
+  Totals* totals_;                                     // the outermost run's
+  std::optional<NetworkBudget::Installed> installed_;  // on the outermost run, which holds `own_`
   const char* refusal_;
   std::exception_ptr parked_;
   std::vector<Known> known_;

@@ -2,8 +2,6 @@
 
 #include "foundation/openssl/OpenSSLOwners.h"
 
-#include <pkx509/FixedPaths.h>
-
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/system/system_error.hpp>
@@ -26,7 +24,7 @@ void require(bool loaded, const char* what) {
 
 bool isHandled(const Uri& uri) { return uri.scheme() == "http:" || uri.scheme() == "https:"; }
 
-RefStream streamFor(const Uri& uri) {
+RefStream streamFor(const Uri& uri, const ClientIdentity& identity) {
   if (uri.scheme() != "https:") return RefStream(Stream::kPlain);
   RefStream stream(boost::asio::ssl::context_base::sslv23_client);
   SSL_CTX* const context = stream->tls()->native_handle();
@@ -34,11 +32,10 @@ RefStream streamFor(const Uri& uri) {
   // OpenSSL would ask for the passphrase of an encrypted key at the terminal.
   SSL_CTX_set_default_passwd_cb(context, [](char*, int, int, void*) { return -1; });
   const Crypto::ErrorScope errors;
-  namespace X = Crypto::PKX509;
-  require(SSL_CTX_use_certificate_file(context, X::kClientCertificateFile, SSL_FILETYPE_PEM) == 1,
-          X::kClientCertificateFile);
-  require(SSL_CTX_use_PrivateKey_file(context, X::kClientKeyFile, SSL_FILETYPE_PEM) == 1,
-          X::kClientKeyFile);
+  require(SSL_CTX_use_certificate_file(context, identity.certificateFile, SSL_FILETYPE_PEM) == 1,
+          identity.certificateFile);
+  require(SSL_CTX_use_PrivateKey_file(context, identity.keyFile, SSL_FILETYPE_PEM) == 1,
+          identity.keyFile);
   return stream;
 }
 

@@ -13,12 +13,17 @@ namespace Velantrix::LW::HTTP {
 /// The schemes that are spoken.
 bool isHandled(const Uri& uri);
 
-/// The stream for a URI whose scheme is handled. For "https:" the machine's client certificate and
-/// key are loaded from their fixed files; the server is not verified, since what it serves is
-/// signed.
+/// The files, in PEM and not encrypted, by which the client shows itself to "https:" servers.
+struct ClientIdentity {
+  const char* certificateFile;
+  const char* keyFile;
+};
+
+/// The stream for a URI whose scheme is handled. For "https:" the client's certificate and key are
+/// loaded; the server is not verified, since what it serves is signed.
 /// @throws boost::system::system_error invalid_argument when the certificate or the key cannot be
 ///         loaded
-RefStream streamFor(const Uri& uri);
+RefStream streamFor(const Uri& uri, const ClientIdentity& identity);
 
 /// @throws boost::system::system_error when the address is no numeric one
 boost::asio::ip::tcp::endpoint endpointFor(const IPAddress& address, const Uri& uri);

@@ -29,7 +29,6 @@ namespace asio = boost::asio;
 namespace http = boost::beast::http;
 using boost::system::error_code;
 using Crypto::ErrorScope;
-using Crypto::PKX509::NetworkTimer;
 using Tcp = asio::ip::tcp;
 
 namespace {

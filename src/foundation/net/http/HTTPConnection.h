@@ -11,7 +11,7 @@
 // the length it promises, not that it will ever end. Redirects are not followed.
 #pragma once
 
-#include "foundation/net/NetworkUse.h"
+#include "foundation/net/NetworkBudget.h"
 
 #include <velantrix/HTTP.h>
 #include <velantrix/LWBuffer.h>
@@ -119,7 +119,7 @@ class Connection : NonCopyable {
 
  private:
   struct Transport;
-  using Clock = Crypto::PKX509::NetworkTimer::Clock;
+  using Clock = NetworkTimer::Clock;
 
   bool open();
   Clock::duration queryTimeLeft() const;

@@ -1,7 +1,7 @@
 #include "foundation/net/ldap/LDAPStream.h"
 
 #include "foundation/net/HostResolver.h"
-#include "foundation/net/NetworkUse.h"
+#include "foundation/net/NetworkBudget.h"
 
 #include <velantrix/Exception.h>
 
@@ -13,9 +13,6 @@
 #include <vector>
 
 namespace Velantrix {
-
-using Crypto::PKX509::networkTimeAdmitted;
-using Crypto::PKX509::NetworkTimer;
 
 namespace {
 
@@ -79,7 +76,7 @@ int connectTo(const addrinfo& address, const Deadline& deadline, FileDescriptor&
 }  // namespace
 
 LDAPStream::LDAPStream(const LDAPConnection::Server& server, const Deadline& deadline) {
-  if (!networkTimeAdmitted()) {
+  if (!NetworkBudget::hasTime()) {
     throwStream(server.uri() + ": The time for the network is spent.", __LINE__);
   }
   const std::vector<std::string> hosts = resolveHost(server.host());

@@ -5,7 +5,9 @@
 #include <velantrix/Buffer.h>
 #include <velantrix/CertificateFactory.h>
 
+#include <chrono>
 #include <gtest/gtest.h>
+#include <limits>
 #include <list>
 #include <memory>
 #include <stdexcept>
@@ -16,10 +18,16 @@
 namespace Velantrix::Test {
 namespace {
 
+using namespace std::chrono_literals;
 using Crypto::PKX509::guardedCallback;
 using Crypto::PKX509::guardedCleanup;
 using Crypto::PKX509::VerificationRun;
 
+constexpr char kTimeSpent[] =
+    "6 Verifier: the time for the network is spent, the rest of this verification reaches no "
+    "host\n";
+constexpr char kBytesSpent[] =
+    "6 Verifier: too many bytes of CRLs, the rest of this verification fetches no more\n";
 constexpr char kTooMany[] =
     "Verifier: too many CRL look-ups, the rest of this verification finds no more CRLs";
 
@@ -232,6 +240,105 @@ TEST(GuardedCleanup, WorksAlsoWhenAnExceptionIsParked) {
   } catch (int first) {
     EXPECT_EQ(first, 1);
   }
+}
+
+TEST(NetworkTime, Spent_IsRefusedWithOneLine) {
+  LogCapture log;
+  VerificationRun run(nullptr, 60s);
+  EXPECT_TRUE(NetworkBudget::hasTime());
+  run.network().countTime(60s - 1ns);
+  EXPECT_TRUE(NetworkBudget::hasTime());
+  EXPECT_EQ(log.text(), "");
+  run.network().countTime(1ns);
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(NetworkBudget::hasTime());
+  {
+    const VerificationRun nested(nullptr, 60s);
+    EXPECT_FALSE(NetworkBudget::hasTime());
+  }
+  EXPECT_EQ(log.text(), kTimeSpent);
+}
+
+TEST(NetworkTime, NextOutermostRun_BeginsAnew) {
+  LogCapture log;
+  for (int i = 0; i < 2; ++i) {
+    VerificationRun run(nullptr, 60s);
+    EXPECT_TRUE(NetworkBudget::hasTime());
+    run.network().countTime(61s);
+    EXPECT_FALSE(NetworkBudget::hasTime());
+  }
+  EXPECT_EQ(log.text(), std::string(kTimeSpent) + kTimeSpent);
+}
+
+TEST(NetworkTime, NoLimit_IsNeverSpent) {
+  LogCapture log;
+  VerificationRun run(nullptr);
+  run.network().countTime(24h * 365);
+  EXPECT_TRUE(NetworkBudget::hasTime());
+  EXPECT_EQ(log.text(), "");
+}
+
+TEST(NetworkTime, LimitOfANestedRun_DoesNotCount) {
+  LogCapture log;
+  {
+    VerificationRun unlimited(nullptr);
+    unlimited.network().countTime(1h);
+    const VerificationRun nested(nullptr, 1s);
+    EXPECT_TRUE(NetworkBudget::hasTime());
+  }
+  {
+    VerificationRun limited(nullptr, 1s);
+    limited.network().countTime(2s);
+    const VerificationRun nested(nullptr, 1h);
+    EXPECT_FALSE(NetworkBudget::hasTime());
+    const VerificationRun unlimited(nullptr);
+    EXPECT_FALSE(NetworkBudget::hasTime());
+  }
+}
+
+TEST(NetworkTime, WhatATimerTakes_CountsAgainstTheOutermostRun) {
+  VerificationRun run(nullptr, 60s);
+  VerificationRun nested(nullptr);
+  EXPECT_EQ(&nested.network(), &run.network());
+  { const NetworkTimer timer(10s); }
+  EXPECT_GT(run.network().timeSpent(), 0s);
+}
+
+TEST(NetworkTime, ShelterOutsideARun_HasNoLimit) {
+  VerificationRun shelter{VerificationRun::Shelter{}};
+  shelter.network().countTime(1h);
+  EXPECT_TRUE(NetworkBudget::hasTime());
+}
+
+TEST(CRLBytes, OneVerification_Reads128MiBAndSaysOnceThatItIsEnough) {
+  constexpr std::size_t kMaximum = VerificationRun::kMaximumCRLBytes;
+  static_assert(kMaximum == 128 * 1024 * 1024);
+  LogCapture log;
+  const VerificationRun run(nullptr);
+  EXPECT_EQ(NetworkBudget::admittedBytes(1000), 1000U);
+  EXPECT_EQ(NetworkBudget::admittedBytes(std::numeric_limits<std::size_t>::max()), kMaximum);
+  NetworkBudget::countBytes(kMaximum - 500);
+  {
+    const VerificationRun nested(nullptr);
+    EXPECT_EQ(NetworkBudget::admittedBytes(1000), 500U);
+    EXPECT_EQ(NetworkBudget::admittedBytes(499), 499U);
+    NetworkBudget::countBytes(499);
+  }
+  EXPECT_EQ(NetworkBudget::admittedBytes(1000), 1U);
+  EXPECT_EQ(log.text(), "");
+  NetworkBudget::countBytes(1);
+  EXPECT_EQ(NetworkBudget::admittedBytes(1000), 0U);
+  EXPECT_EQ(NetworkBudget::admittedBytes(1000), 0U);
+  EXPECT_EQ(log.text(), kBytesSpent);
+}
+
+TEST(CRLBytes, NextOutermostRun_BeginsAnew) {
+  LogCapture log;
+  {
+    const VerificationRun run(nullptr);
+    NetworkBudget::countBytes(VerificationRun::kMaximumCRLBytes);
+  }
+  const VerificationRun run(nullptr);
+  EXPECT_EQ(NetworkBudget::admittedBytes(1000), 1000U);
 }
 
 }  // namespace

@@ -67,7 +67,7 @@ TEST(HTTPAccess, EndpointForNoAddress_ThrowsTheSystemError) {
 }
 
 TEST(HTTPAccess, StreamForHTTP_IsPlainAndReadsNoFile) {
-  HTTP::RefStream stream = HTTP::streamFor(Uri("http://host/"));
+  HTTP::RefStream stream = HTTP::streamFor(Uri("http://host/"), {"/no/such.crt", "/no/such.key"});
   ASSERT_FALSE(stream.empty());
   EXPECT_EQ(stream->tls(), nullptr);
 }

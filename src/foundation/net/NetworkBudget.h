@@ -1,0 +1,96 @@
+// What a thread may spend on the network: time, and bytes of what it fetches.
+//
+//   NetworkBudget budget({.time = 60s, .bytes = 128 << 20}, say);
+//   const NetworkBudget::Installed installed(budget);  // holds for this thread from here on
+//   if (!NetworkBudget::hasTime()) return;
+//   const NetworkTimer timer(kConnectTime);
+//   connectUntil(timer.deadline());
+//
+// A stranger's certificate may name a thousand hosts that never answer, or answer without end. Each
+// single exchange has bounds of its own; the budget bounds all of them together. Clients ask it
+// without knowing who installed it, and a thread without one is refused nothing.
+#pragma once
+
+#include <velantrix/NonCopyable.h>
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+
+namespace Velantrix {
+
+class NetworkBudget : private NonCopyable {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  struct Limits {
+    std::optional<Clock::duration> time;  ///< none: no limit
+    std::size_t bytes;
+  };
+
+  enum class Resource { kTime, kBytes };
+  /// Told of each resource once, when it is refused for the first time.
+  using SpentHandler = void (*)(Resource spent);
+
+  NetworkBudget(const Limits& limits, SpentHandler onSpent) noexcept
+      : limits_(limits), onSpent_(onSpent) {}
+
+  /// Makes a budget that of this thread, in place of none or of another, until it is destroyed.
+  /// The budget is borrowed and outlives it.
+  class Installed : private NonCopyable {
+   public:
+    explicit Installed(NetworkBudget& budget) noexcept;
+    ~Installed();
+
+   private:
+    NetworkBudget* outer_;
+  };
+
+  /// Whether time is left on this thread. To be asked before a host is contacted.
+  static bool hasTime();
+
+  /// How many bytes may be read now, at most @p wanted; 0 when they are spent.
+  static std::size_t admittedBytes(std::size_t wanted);
+  /// Counts what was read, whether or not it was of use.
+  static void countBytes(std::size_t bytes) noexcept;
+
+  Clock::duration timeSpent() const noexcept { return time_; }
+  std::size_t bytesSpent() const noexcept { return bytes_; }
+  /// Counts time that was spent elsewhere.
+  void countTime(Clock::duration time) noexcept { time_ += time; }
+
+ private:
+  friend class NetworkTimer;
+
+  bool timeLeft() const noexcept { return !limits_.time.has_value() || time_ < *limits_.time; }
+  // The part of a use's own bound that may still be spent.
+  Clock::duration within(Clock::duration bound) const noexcept;
+  void refuse(Resource resource, bool& told) const;
+
+  Limits limits_;
+  SpentHandler onSpent_;
+  Clock::duration time_{};
+  std::size_t bytes_ = 0;
+  bool timeTold_ = false;
+  bool bytesTold_ = false;
+};
+
+/// One blocking use of the network. What it takes counts against the thread's budget.
+class NetworkTimer : private NonCopyable {
+ public:
+  using Clock = NetworkBudget::Clock;
+
+  /// @param bound the use's own limit
+  explicit NetworkTimer(Clock::duration bound);
+  ~NetworkTimer();
+
+  /// When the use has to end; not later than its start when no time is left.
+  Clock::time_point deadline() const noexcept { return deadline_; }
+  bool expired() const { return Clock::now() >= deadline_; }
+
+ private:
+  Clock::time_point start_;
+  Clock::time_point deadline_;
+};
+
+}  // namespace Velantrix
