@@ -85,6 +85,25 @@ TEST(HTTPConnection, RightAnswers_AreComplete) {
   });
 }
 
+// Where assertions of Boost.Beast's are compiled in, this one of its own ended the process.
+TEST(HTTPConnection, LastChunkThatComesInPieces_IsComplete) {
+  const std::string last = "0\r\n\r\n";
+  for (std::size_t first = 1; first < last.size(); ++first) {
+    const FaultServer server([&](Peer& peer) {
+      if (!peer.readRequest()) return;
+      peer.write(chunked(last.substr(0, first)));
+      for (const char byte : last.substr(first)) {
+        peer.pause(10ms);
+        peer.write({&byte, 1});
+      }
+    });
+    HTTPClient client;
+    ASSERT_TRUE(client.connect(server.port()));
+    EXPECT_EQ(client.get(), Connection::kComplete) << first;
+    EXPECT_EQ(client.content(), "") << first;
+  }
+}
+
 TEST(HTTPConnection, AnswersOfAnotherStatus_AreNotRead) {
   const std::string page = "Content-Length: 6\r\n\r\n<html>";
   expectOutcomes({
