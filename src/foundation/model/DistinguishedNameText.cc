@@ -1,6 +1,7 @@
 #include "foundation/model/DistinguishedNameText.h"
 
 #include "foundation/base/Hex.h"
+#include "foundation/base/Utf8.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/ObjectIdentifierText.h"
 
@@ -41,51 +42,9 @@ std::string_view shortName(const ASN1_OBJECT* type) {
   return name;
 }
 
-// The number of octets of the UTF-8 character that @p text starts with, and the character; 0 when
-// it starts with none. Strict as RFC 3629 is: no overlong forms, no surrogates, nothing beyond
-// Unicode.
-std::size_t decodeUtf8(std::string_view text, char32_t& character) {
-  const auto octet = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = octet(0);
-  if (lead < 0x80) {
-    character = lead;
-    return 1;
-  }
-  std::size_t length = 0;
-  char32_t least = 0;
-  if ((lead & 0xe0) == 0xc0) {
-    length = 2;
-    least = 0x80;
-    character = lead & 0x1f;
-  } else if ((lead & 0xf0) == 0xe0) {
-    length = 3;
-    least = 0x800;
-    character = lead & 0x0f;
-  } else if ((lead & 0xf8) == 0xf0) {
-    length = 4;
-    least = 0x10000;
-    character = lead & 0x07;
-  } else {
-    return 0;
-  }
-  if (text.size() < length) return 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((octet(i) & 0xc0) != 0x80) return 0;
-    character = (character << 6) | (octet(i) & 0x3fU);
-  }
-  if (character < least || character > 0x10ffff || (character >= 0xd800 && character <= 0xdfff)) {
-    return 0;
-  }
-  return length;
-}
-
-// What must not reach a log or a terminal as it is: C0, DEL and C1 controls, and the characters
-// that make a reader see the text in another order (Unicode's Bidi_Control).
+// What must not reach a log or a terminal as it is.
 bool isUnprintable(char32_t character) {
-  return character < 0x20 || (character >= 0x7f && character <= 0x9f) || character == 0x061c ||
-         character == 0x200e || character == 0x200f ||
-         (character >= 0x202a && character <= 0x202e) ||
-         (character >= 0x2066 && character <= 0x2069);
+  return isControlCharacter(character) || isBidiControl(character);
 }
 
 // RFC 4514, 2.4.
@@ -93,13 +52,12 @@ void appendEscaped(std::string& out, std::string_view value) {
   constexpr std::string_view kSpecial = "\"+,;<>\\";
   std::size_t i = 0;
   while (i < value.size()) {
-    char32_t character = 0;
-    const std::size_t length = decodeUtf8(value.substr(i), character);
-    const std::size_t taken = length == 0 ? 1 : length;
-    if (length == 0 || isUnprintable(character)) {
-      for (std::size_t k = i; k < i + taken; ++k) {
+    const Utf8Character character = firstUtf8Character(value.substr(i));
+    const std::string_view encoded = value.substr(i, character.length);
+    if (!character.value || isUnprintable(*character.value)) {
+      for (const char c : encoded) {
         out += '\\';
-        appendHex(out, static_cast<unsigned char>(value[k]));
+        appendHex(out, static_cast<unsigned char>(c));
       }
     } else {
       const char c = value[i];
@@ -108,9 +66,9 @@ void appendEscaped(std::string& out, std::string_view value) {
           (c == '#' && i == 0)) {
         out += '\\';
       }
-      out.append(value.substr(i, taken));
+      out.append(encoded);
     }
-    i += taken;
+    i += character.length;
   }
 }
 
