@@ -1,3 +1,4 @@
+#include "foundation/base/Fail.h"
 #include "foundation/base/Log.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/openssl/OpenSSLOwners.h"
@@ -108,8 +109,7 @@ int Client::isRevoked(const RefCertificate& certificate) {
 // Asks about the certificate as one of this issuer. Not settled: the next issuer is to be tried.
 int Client::query(const RefCertificate& certificate, const RefCertificate& issuer, bool& settled) {
   if (!connected) {
-    throw Exception("OCSP::Client::send", Exception::kFailure, "OCSP", __LINE__)
-        .stringParameter("Not Connected");
+    fail({"OCSP::Client::send", "OCSP"}, "Not Connected");
   }
   if (queryTime != 0) connection->maxQueryTime(queryTime);
   const Request request(certificate, issuer);
@@ -156,8 +156,7 @@ int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& 
     responder = findResponder(ASN1::RefOctetString(keyHash), basic, chain, cameWithAnswer);
   } else {
     // OpenSSL has no name for the type of an identifier that is neither.
-    throw Exception("Client::isSignatureValid", Exception::kFailure, "OCSP", __LINE__)
-        .stringParameter("OCSP response identifier not supported: -1");
+    fail({"Client::isSignatureValid", "OCSP"}, "OCSP response identifier not supported: -1");
   }
   if (responder.empty()) return kResponderUnknown;
 

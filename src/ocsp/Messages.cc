@@ -1,9 +1,9 @@
+#include "foundation/base/Fail.h"
 #include "foundation/base/Log.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <pkx509/OCSP.h>
 #include <velantrix/CertificateFactory.h>
-#include <velantrix/Exception.h>
 
 #include <algorithm>
 #include <limits>
@@ -15,15 +15,11 @@ namespace {
 
 constexpr unsigned long kMaximumRequest = 4096;
 
-Exception failure(const char* context, const char* text, unsigned int line) {
-  return Exception(context, Exception::kFailure, "OCSP", line).stringParameter(text);
-}
-
 }  // namespace
 
 ID::ID(const RefCertificate& certificate, const RefCertificate& issuer, bool owns)
     : certId(OCSP_cert_to_id(nullptr, certificate->native(), issuer->native())), ownsCertId(owns) {
-  if (certId == nullptr) throw failure("OCSP::ID", "No identifier can be made.", __LINE__);
+  if (certId == nullptr) fail({"OCSP::ID", "OCSP"}, "No identifier can be made.");
 }
 
 ID::~ID() {
@@ -54,10 +50,10 @@ const LW::RefBuffer& Request::pdu() const {
   // Measured before anything is written. OpenSSL's -1 for a request that it cannot encode becomes a
   // length that fits nowhere.
   const auto length = static_cast<std::uint32_t>(i2d_OCSP_REQUEST(request.get(), nullptr));
-  if (length > pduBuffer->capacity()) throw failure("OCSP::Request", "Buffer overflow", __LINE__);
+  if (length > pduBuffer->capacity()) fail({"OCSP::Request", "OCSP"}, "Buffer overflow");
   unsigned char* position = pduBuffer->data();
   if (length == 0 || i2d_OCSP_REQUEST(request.get(), &position) <= 0 || position == nullptr) {
-    throw failure("OCSP::Request", "Encode failed.", __LINE__);
+    fail({"OCSP::Request", "OCSP"}, "Encode failed.");
   }
   pduBuffer->length(length);
   return pduBuffer;
@@ -79,7 +75,7 @@ Response::Response(const LW::Buffer& bytes) {
   const auto length = static_cast<long>(std::min(bytes.length(), kMaximum));
   // What follows the response is nobody's statement, and no harm.
   response.reset(d2i_OCSP_RESPONSE(nullptr, &position, length));
-  if (response == nullptr) throw failure("OCSP::Response", "Decode failed.", __LINE__);
+  if (response == nullptr) fail({"OCSP::Response", "OCSP"}, "Decode failed.");
   responseStatus = OCSP_response_status(response.get());
 }
 

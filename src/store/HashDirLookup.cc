@@ -1,3 +1,4 @@
+#include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
 #include "store/CRLFileHeader.h"
 
@@ -26,8 +27,7 @@ unsigned int keyOf(const std::string& text) {
   unsigned int length = 0;
   if (EVP_Digest(text.data(), text.size(), digest.data(), &length, EVP_sha1(), nullptr) != 1 ||
       length < 4) {
-    throw Exception("HashDirLookupMethod", Exception::kFailure, "HashDirLookup", __LINE__)
-        .stringParameter("SHA-1 is not available.");
+    fail({"HashDirLookupMethod", "HashDirLookup"}, "SHA-1 is not available.");
   }
   return static_cast<unsigned int>(digest[0]) | static_cast<unsigned int>(digest[1]) << 8U |
          static_cast<unsigned int>(digest[2]) << 16U | static_cast<unsigned int>(digest[3]) << 24U;

@@ -1,3 +1,4 @@
+#include "foundation/base/Fail.h"
 #include "foundation/base/Log.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
@@ -95,8 +96,7 @@ void ObjectStore::add(const RefLookupMethod& method) {
   if (!method.empty()) {
     X509_LOOKUP* const lookup = X509_STORE_add_lookup(x509Store.get(), method);
     if (lookup == nullptr) {
-      throw Exception("X509::ObjectStore", Exception::kFailure, "ObjectStore", __LINE__)
-          .stringParameter("A lookup method could not be registered.");
+      fail({"X509::ObjectStore", "ObjectStore"}, "A lookup method could not be registered.");
     }
     StoreRecord* const record = StoreRecord::of(x509Store.get());
     PKX509_ASSERT(record != nullptr);

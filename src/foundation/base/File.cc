@@ -1,6 +1,6 @@
+#include "foundation/base/Fail.h"
 #include "foundation/base/FileDescriptor.h"
 
-#include <velantrix/Exception.h>
 #include <velantrix/File.h>
 
 #include <algorithm>
@@ -26,10 +26,7 @@ struct Entry {
   bool regular;  // known from the directory itself, without a look at the file
 };
 
-[[noreturn]] void throwUnreadable(const std::string& path, int error, unsigned int line) {
-  throw Exception("File::Selector", Exception::kFailure, "File", line)
-      .stringParameter(systemErrorText(path, error));
-}
+constexpr Origin kHere{"File::Selector", "File"};
 
 bool mayLeadToFile(unsigned char type) {
   return type == DT_REG || type == DT_LNK || type == DT_UNKNOWN;
@@ -42,7 +39,7 @@ bool leadsToFile(int directory, const std::string& directoryName, const std::str
   if (::fstatat(directory, name.c_str(), &status, 0) == 0) return S_ISREG(status.st_mode);
   const int error = errno;
   if (error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG) return false;
-  throwUnreadable(Path(directoryName, name).asString(), error, __LINE__);
+  fail(kHere, systemErrorText(Path(directoryName, name).asString(), error));
 }
 
 }  // namespace
@@ -67,8 +64,7 @@ Status Path::status(bool followLinks) const {
   const int flags = followLinks ? 0 : AT_SYMLINK_NOFOLLOW;
   constexpr unsigned int kWanted = STATX_TYPE | STATX_SIZE | STATX_MTIME | STATX_BTIME;
   if (::statx(AT_FDCWD, systemPath(text_), flags, kWanted, &status) != 0) {
-    throw Exception("File::Path", Exception::kFailure, "File", __LINE__)
-        .stringParameter(systemErrorText(text_, errno));
+    fail({"File::Path", "File"}, systemErrorText(text_, errno));
   }
   Time creation = Time::then(status.stx_mtime.tv_sec, true);
   if ((status.stx_mask & STATX_BTIME) != 0) {
@@ -87,7 +83,7 @@ void Selector::start() {
   const OwnedDirectory directory(::opendir(systemPath(name)));
   if (directory == nullptr) {
     if (errno == ENOENT) return;
-    throwUnreadable(name, errno, __LINE__);
+    fail(kHere, systemErrorText(name, errno));
   }
 
   std::vector<Entry> entries;
@@ -100,7 +96,7 @@ void Selector::start() {
     if (accept_ && !accept_(entry->d_name)) continue;
     entries.push_back({entry->d_name, entry->d_type == DT_REG});
   }
-  if (errno != 0) throwUnreadable(name, errno, __LINE__);
+  if (errno != 0) fail(kHere, systemErrorText(name, errno));
 
   // std::string compares bytes as unsigned, whatever the locale.
   std::sort(entries.begin(), entries.end(),

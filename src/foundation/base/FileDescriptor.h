@@ -1,7 +1,7 @@
 // Owner of a file descriptor, and the texts of failed system calls.
 #pragma once
 
-#include <velantrix/Exception.h>
+#include "foundation/base/Fail.h"
 
 #include <string>
 #include <system_error>
@@ -43,8 +43,7 @@ inline std::string systemErrorText(const std::string& path, int error) {
 /// at another file than the one named.
 inline const char* systemPath(const std::string& path) {
   if (path.find('\0') != std::string::npos) {
-    throw Exception("File::Path", Exception::kFailure, "FileDescriptor", __LINE__)
-        .stringParameter(path + ": The name contains a NUL byte.");
+    fail({"File::Path", "FileDescriptor"}, path + ": The name contains a NUL byte.");
   }
   return path.c_str();
 }

@@ -1,8 +1,7 @@
 #include "foundation/base/FileReader.h"
 
+#include "foundation/base/Fail.h"
 #include "foundation/base/FileDescriptor.h"
-
-#include <velantrix/Exception.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,14 +13,12 @@ namespace Velantrix {
 
 namespace {
 
-[[noreturn]] void throwUnreadable(const std::string& text, unsigned int line) {
-  throw Exception("File::Reader", Exception::kFailure, "FileReader", line).stringParameter(text);
-}
+constexpr Origin kHere{"File::Reader", "FileReader"};
 
 void requireReadable(const struct stat& status, const std::string& name) {
   if (S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode)) return;
-  if (S_ISDIR(status.st_mode)) throwUnreadable(systemErrorText(name, EISDIR), __LINE__);
-  throwUnreadable(name + ": Not a regular file.", __LINE__);
+  if (S_ISDIR(status.st_mode)) fail(kHere, systemErrorText(name, EISDIR));
+  fail(kHere, name + ": Not a regular file.");
 }
 
 }  // namespace
@@ -31,12 +28,11 @@ std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit) {
   // A look before the opening, because opening a device can already have an effect; and another
   // after it, because the first may have been at another file.
   struct stat status = {};
-  if (::stat(systemPath(name), &status) != 0)
-    throwUnreadable(systemErrorText(name, errno), __LINE__);
+  if (::stat(systemPath(name), &status) != 0) fail(kHere, systemErrorText(name, errno));
   requireReadable(status, name);
   const FileDescriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   if (!file.valid() || ::fstat(file.get(), &status) != 0) {
-    throwUnreadable(systemErrorText(name, errno), __LINE__);
+    fail(kHere, systemErrorText(name, errno));
   }
   requireReadable(status, name);
 
@@ -47,17 +43,17 @@ std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit) {
   const auto size = static_cast<std::size_t>(std::max<off_t>(status.st_size, 0));
   std::vector<unsigned char> content;
   std::size_t used = 0;
-  if (size > limit) throwUnreadable(name + ": The file is too large.", __LINE__);
+  if (size > limit) fail(kHere, name + ": The file is too large.");
   content.resize(std::min(most, size == 0 ? kChunk : size + 1));
   while (true) {
     const ssize_t got = ::read(file.get(), content.data() + used, content.size() - used);
     if (got < 0) {
       if (errno == EINTR) continue;
-      throwUnreadable(systemErrorText(name, errno), __LINE__);
+      fail(kHere, systemErrorText(name, errno));
     }
     if (got == 0) break;
     used += static_cast<std::size_t>(got);
-    if (used > limit) throwUnreadable(name + ": The file is too large.", __LINE__);
+    if (used > limit) fail(kHere, name + ": The file is too large.");
     if (used == content.size()) content.resize(std::min(most, content.size() * 2));
   }
   content.resize(used);

@@ -1,7 +1,7 @@
+#include "foundation/base/Fail.h"
 #include "foundation/base/FileDescriptor.h"
 
 #include <velantrix/Assert.h>
-#include <velantrix/Exception.h>
 #include <velantrix/MediaOut.h>
 #include <velantrix/Time.h>
 
@@ -20,6 +20,8 @@ namespace Velantrix {
 
 namespace {
 
+constexpr Origin kHere{"FileMediaOut", "MediaOut"};
+
 // No hash name has a '-' or a 't' in it, so nothing that looks for hash names opens such a file.
 constexpr std::string_view kMark = "-tmp-";
 constexpr std::size_t kRandomDigits = 16;
@@ -30,8 +32,7 @@ std::string randomDigits() {
   std::uint64_t number = 0;
   while (::getrandom(&number, sizeof number, 0) != sizeof number) {
     if (errno != EINTR) {
-      throw Exception("FileMediaOut", Exception::kFailure, "MediaOut", __LINE__)
-          .stringParameter(systemErrorText("getrandom", errno));
+      fail(kHere, systemErrorText("getrandom", errno));
     }
   }
   static constexpr char kHex[] = "0123456789abcdef";
@@ -93,7 +94,7 @@ struct FileMediaOut::State {
   void removeLeftovers() const noexcept;
   void syncDirectory();
   void requireUsable() const;
-  [[noreturn]] void fail(int error, unsigned int line);
+  [[noreturn]] void fail(int error, unsigned int line = __builtin_LINE());
 
   std::string path;
   std::string name;
@@ -110,7 +111,7 @@ FileMediaOut::State::State(const std::string& targetPath) : path(targetPath) {
   const std::size_t slash = path.rfind('/');
   const std::string directoryName = slash == std::string::npos ? "." : path.substr(0, slash + 1);
   name = slash == std::string::npos ? path : path.substr(slash + 1);
-  if (name.empty()) fail(path.empty() ? ENOENT : EISDIR, __LINE__);
+  if (name.empty()) fail(path.empty() ? ENOENT : EISDIR);
   temporaryPrefix = name.substr(0, kMaxName - kMark.size() - kRandomDigits);
   temporaryPrefix += kMark;
 
@@ -120,15 +121,15 @@ FileMediaOut::State::State(const std::string& targetPath) : path(targetPath) {
     directoryReadable = false;
     directory = FileDescriptor(::open(directoryName.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   }
-  if (!directory.valid()) fail(errno, __LINE__);
+  if (!directory.valid()) fail(errno);
 
   // rename() would put a file in the place of a device, a socket or a FIFO.
   struct stat status = {};
   if (::fstatat(directory.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) {
-    if (S_ISDIR(status.st_mode)) fail(EISDIR, __LINE__);
-    if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) fail(EINVAL, __LINE__);
+    if (S_ISDIR(status.st_mode)) fail(EISDIR);
+    if (!S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) fail(EINVAL);
   } else if (errno != ENOENT) {
-    fail(errno, __LINE__);
+    fail(errno);
   }
   removeLeftovers();
   openTemporary();
@@ -147,9 +148,9 @@ void FileMediaOut::State::openTemporary() {
     }
     const int error = errno;
     temporary.clear();  // it is not ours
-    if (error != EEXIST && error != EINTR) fail(error, __LINE__);
+    if (error != EEXIST && error != EINTR) fail(error);
   }
-  fail(EEXIST, __LINE__);
+  fail(EEXIST);
 }
 
 void FileMediaOut::State::removeTemporary() noexcept {
@@ -187,20 +188,18 @@ void FileMediaOut::State::removeLeftovers() const noexcept {
 void FileMediaOut::State::syncDirectory() {
   if (!directoryReadable || ::fsync(directory.get()) == 0) return;
   // Some file systems cannot sync a directory, and say so; then there is no more to be done.
-  if (errno != EINVAL && errno != ENOTSUP && errno != EROFS) fail(errno, __LINE__);
+  if (errno != EINVAL && errno != ENOTSUP && errno != EROFS) fail(errno);
 }
 
 void FileMediaOut::State::requireUsable() const {
   if (!failed) return;
-  throw Exception("FileMediaOut", Exception::kFailure, "MediaOut", __LINE__)
-      .stringParameter(path + ": An earlier write failed.");
+  Velantrix::fail(kHere, path + ": An earlier write failed.");
 }
 
 void FileMediaOut::State::fail(int error, unsigned int line) {
   failed = true;
   removeTemporary();
-  throw Exception("FileMediaOut", Exception::kFailure, "MediaOut", line)
-      .stringParameter(systemErrorText(path, error));
+  Velantrix::fail(kHere, systemErrorText(path, error), line);
 }
 
 FileMediaOut::FileMediaOut(const std::string& path) : state_(std::make_unique<State>(path)) {}
@@ -215,19 +214,19 @@ void FileMediaOut::write(const void* data, std::size_t length) {
     // What is published must not change under its readers: go on in a copy.
     const FileDescriptor published = std::move(state.file);
     state.openTemporary();
-    if (const int error = copyAll(published.get(), state.file.get())) state.fail(error, __LINE__);
+    if (const int error = copyAll(published.get(), state.file.get())) state.fail(error);
   }
-  if (const int error = writeAll(state.file.get(), data, length)) state.fail(error, __LINE__);
+  if (const int error = writeAll(state.file.get(), data, length)) state.fail(error);
 }
 
 void FileMediaOut::flush() {
   State& state = *state_;
   state.requireUsable();
   if (state.temporary.empty()) return;
-  if (::fsync(state.file.get()) != 0) state.fail(errno, __LINE__);
+  if (::fsync(state.file.get()) != 0) state.fail(errno);
   const int directory = state.directory.get();
   if (::renameat(directory, state.temporary.c_str(), directory, state.name.c_str()) != 0) {
-    state.fail(errno, __LINE__);
+    state.fail(errno);
   }
   state.temporary.clear();
   state.syncDirectory();

@@ -1,3 +1,4 @@
+#include "foundation/base/Fail.h"
 #include "foundation/base/Hex.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/ObjectIdentifierText.h"
@@ -5,7 +6,6 @@
 
 #include <velantrix/ASN1.h>
 #include <velantrix/Assert.h>
-#include <velantrix/Exception.h>
 
 #include <openssl/asn1.h>
 #include <openssl/objects.h>
@@ -24,8 +24,7 @@ std::shared_ptr<const ASN1_INTEGER> copyInteger(const ASN1_INTEGER* native) {
   const ErrorScope errors;
   Owned<ASN1_INTEGER> copy(ASN1_INTEGER_dup(native));
   if (copy == nullptr) {
-    throw Exception("ASN1::Integer", Exception::kFailure, "ASN1", __LINE__)
-        .stringParameter("no memory for a copy");
+    fail({"ASN1::Integer", "ASN1"}, "no memory for a copy");
   }
   return copy;
 }
@@ -41,8 +40,7 @@ long secondsOf(const ASN1_STRING* native) {
   std::tm broken{};
   if ((type != V_ASN1_UTCTIME && type != V_ASN1_GENERALIZEDTIME) ||
       ASN1_TIME_to_tm(native, &broken) != 1) {
-    throw Exception("ASN1::GeneralizedTime", Exception::kFailure, "ASN1", __LINE__)
-        .stringParameter("not a time");
+    fail({"ASN1::GeneralizedTime", "ASN1"}, "not a time");
   }
   // tm is in UTC; mktime would read it in the local zone.
   const std::chrono::year_month_day date(
@@ -63,8 +61,7 @@ ASN1_OBJECT* makeObject(const std::string& dotted) {
     ASN1_OBJECT* object = d2i_ASN1_OBJECT(nullptr, &position, static_cast<long>(der.size()));
     if (object != nullptr) return object;
   }
-  throw Exception("ASN1::ObjectIdentifier", Exception::kFailure, "ASN1", __LINE__)
-      .stringParameter("not a dotted object identifier: " + dotted);
+  fail({"ASN1::ObjectIdentifier", "ASN1"}, "not a dotted object identifier: " + dotted);
 }
 
 }  // namespace
@@ -86,8 +83,7 @@ bool Integer::operator<=(const Integer& other) const noexcept {
 
 std::string Integer::asString() const {
   if (isNull()) {
-    throw Exception("ASN1::Integer", Exception::kFailure, "ASN1", __LINE__)
-        .stringParameter("absent integer");
+    fail({"ASN1::Integer", "ASN1"}, "absent integer");
   }
   const std::string sign = (ASN1_STRING_type(native()) & V_ASN1_NEG) != 0 ? "-" : "";
   if (lengthOf(native()) == 0) return sign + "00";

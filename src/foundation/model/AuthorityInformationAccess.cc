@@ -1,13 +1,14 @@
+#include "foundation/base/Fail.h"
 #include "foundation/model/ExtensionDecoder.h"
 
 #include <velantrix/AuthorityInformationAccess.h>
-#include <velantrix/Exception.h>
 
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
 constexpr const char* kContext = "X509::AuthorityInformationAccess";
+constexpr Origin kHere{kContext, "AuthorityInformationAccess"};
 
 }  // namespace
 
@@ -16,8 +17,7 @@ AuthorityInformationAccess::AuthorityInformationAccess(const Extension& extensio
   const ASN1_OBJECT* type =
       X509_EXTENSION_get_object(const_cast<X509_EXTENSION*>(extension.native()));
   if (OBJ_obj2nid(type) != NID_info_access) {
-    throw Exception(kContext, Exception::kFailure, "AuthorityInformationAccess", __LINE__)
-        .stringParameter("extension of another type: " + extension.oid());
+    fail(kHere, "extension of another type: " + extension.oid());
   }
   const Owned<AUTHORITY_INFO_ACCESS> descriptions =
       decodeExtension(extension.native(), d2i_AUTHORITY_INFO_ACCESS, kContext);

@@ -1,10 +1,10 @@
+#include "foundation/base/Fail.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/model/ReasonFlags.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/Assert.h>
 #include <velantrix/CRLDistributionPoint.h>
-#include <velantrix/Exception.h>
 
 #include <algorithm>
 
@@ -31,9 +31,8 @@ DistinguishedName relativeDistinguishedName(const STACK_OF(X509_NAME_ENTRY) * en
                                    i == 0 ? 0 : -1) == 1;
   }
   if (!complete) {
-    throw Exception("X509::CRLDistributionPointName", Exception::kFailure, "CRLDistributionPoint",
-                    __LINE__)
-        .stringParameter("no memory for a relative name");
+    fail({"X509::CRLDistributionPointName", "CRLDistributionPoint"},
+         "no memory for a relative name");
   }
   return DistinguishedName(name.get());
 }

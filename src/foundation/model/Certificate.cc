@@ -1,10 +1,10 @@
+#include "foundation/base/Fail.h"
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/model/PemOut.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/Assert.h>
 #include <velantrix/Certificate.h>
-#include <velantrix/Exception.h>
 
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
@@ -16,6 +16,7 @@ namespace Velantrix::Crypto::PKX509 {
 namespace {
 
 constexpr const char* kContext = "X509::Certificate";
+constexpr Origin kHere{kContext, "Certificate"};
 
 X509* notNull(X509* native) {
   PKX509_ASSERT(native != nullptr);
@@ -24,8 +25,7 @@ X509* notNull(X509* native) {
 
 std::shared_ptr<X509> shared(X509* native) {
   if (X509_up_ref(native) != 1) {
-    throw Exception(kContext, Exception::kFailure, "Certificate", __LINE__)
-        .stringParameter("no reference to be had");
+    fail(kHere, "no reference to be had");
   }
   return Owned<X509>(native);
 }
@@ -95,8 +95,7 @@ bool Certificate::isSelfSigned() const {
   const ErrorScope errors;
   const int result = X509_self_signed(native(), 0);
   if (result < 0 && (X509_get_extension_flags(native()) & EXFLAG_INVALID) != 0) {
-    throw Exception(kContext, Exception::kFailure, "Certificate", __LINE__)
-        .stringParameter("malformed extensions");
+    fail(kHere, "malformed extensions");
   }
   return result == 1;
 }
@@ -121,8 +120,7 @@ RefKey Certificate::key() const {
   const ErrorScope errors;
   Owned<EVP_PKEY> key(X509_get_pubkey(native()));
   if (key == nullptr) {
-    throw Exception(kContext, Exception::kFailure, "Certificate", __LINE__)
-        .stringParameter("public key cannot be read");
+    fail(kHere, "public key cannot be read");
   }
   return RefKey(new Key(key.release()));
 }

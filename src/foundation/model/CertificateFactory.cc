@@ -1,3 +1,4 @@
+#include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/OpenSSLOwners.h"
@@ -15,7 +16,7 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-constexpr const char* kContext = "X509::CertificateFactory";
+constexpr Origin kHere{"X509::CertificateFactory", "CertificateFactory"};
 
 class CertificateSink : public ObjectSink {
  public:
@@ -55,8 +56,7 @@ void CertificateFactory::read(const File::Path& path, std::list<RefCertificate>&
   try {
     readObjects(content.data(), content.size(), sink);
   } catch (const Exception& e) {
-    throw Exception(kContext, Exception::kFailure, "CertificateFactory", __LINE__)
-        .stringParameter(path.asString() + ": " + e.stringParameter());
+    fail(kHere, path.asString() + ": " + e.stringParameter());
   }
   certificates.splice(certificates.end(), sink.certificates());
 }
@@ -70,8 +70,7 @@ void CertificateFactory::read(const Buffer& data, std::list<RefCertificate>& cer
 RefCertificate CertificateFactory::operator()(x509_st* x509, bool adopt) const {
   if (x509 == nullptr) return RefCertificate();
   if (!adopt && X509_up_ref(x509) != 1) {
-    throw Exception(kContext, Exception::kFailure, "CertificateFactory", __LINE__)
-        .stringParameter("no reference to be had");
+    fail(kHere, "no reference to be had");
   }
   Owned<X509> owner(x509);
   return RefCertificate(new Certificate(owner.release()));

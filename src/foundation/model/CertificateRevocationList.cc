@@ -1,10 +1,10 @@
+#include "foundation/base/Fail.h"
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/model/PemOut.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/Assert.h>
 #include <velantrix/CertificateRevocationList.h>
-#include <velantrix/Exception.h>
 
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
@@ -19,6 +19,7 @@ namespace Velantrix::Crypto::PKX509 {
 namespace {
 
 constexpr const char* kContext = "X509::CertificateRevocationList";
+constexpr Origin kHere{kContext, "CertificateRevocationList"};
 
 X509_CRL* notNull(X509_CRL* native) {
   PKX509_ASSERT(native != nullptr);
@@ -28,8 +29,7 @@ X509_CRL* notNull(X509_CRL* native) {
 // The name points into the X509_CRL and keeps it, rather than copy from it.
 DistinguishedName issuerOf(X509_CRL* crl) {
   if (X509_CRL_up_ref(crl) != 1) {
-    throw Exception(kContext, Exception::kFailure, "CertificateRevocationList", __LINE__)
-        .stringParameter("no reference to be had");
+    fail(kHere, "no reference to be had");
   }
   const std::shared_ptr<X509_CRL> whole = Owned<X509_CRL>(crl);
   return DistinguishedName(std::shared_ptr<const X509_NAME>(whole, X509_CRL_get_issuer(crl)));

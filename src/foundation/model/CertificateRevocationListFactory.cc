@@ -1,3 +1,4 @@
+#include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/OpenSSLOwners.h"
@@ -14,7 +15,8 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-constexpr const char* kContext = "X509::CertificateRevocationListFactory";
+constexpr Origin kHere{"X509::CertificateRevocationListFactory",
+                       "CertificateRevocationListFactory"};
 
 // Keeps the first CRL; the others are decoded all the same, so that a damaged input is noticed.
 class CRLSink : public ObjectSink {
@@ -45,8 +47,7 @@ RefCertificateRevocationList CertificateRevocationListFactory::read(const File::
   try {
     readObjects(content.data(), content.size(), sink);
   } catch (const Exception& e) {
-    throw Exception(kContext, Exception::kFailure, "CertificateRevocationListFactory", __LINE__)
-        .stringParameter(path.asString() + ": " + e.stringParameter());
+    fail(kHere, path.asString() + ": " + e.stringParameter());
   }
   return sink.first();
 }
@@ -61,8 +62,7 @@ RefCertificateRevocationList CertificateRevocationListFactory::operator()(X509_c
                                                                           bool adopt) const {
   if (crl == nullptr) return RefCertificateRevocationList();
   if (!adopt && X509_CRL_up_ref(crl) != 1) {
-    throw Exception(kContext, Exception::kFailure, "CertificateRevocationListFactory", __LINE__)
-        .stringParameter("no reference to be had");
+    fail(kHere, "no reference to be had");
   }
   Owned<X509_CRL> owner(crl);
   return RefCertificateRevocationList(new CertificateRevocationList(owner.release()));

@@ -1,17 +1,15 @@
+#include "foundation/base/Fail.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/CrossCertificatePair.h>
-#include <velantrix/Exception.h>
 
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-[[noreturn]] void throwMalformed(unsigned int line) {
-  throw Exception("X509::CrossCertificatePair", Exception::kFailure, "CrossCertificatePair", line)
-      .stringParameter("malformed certificate pair");
-}
+constexpr Origin kHere{"X509::CrossCertificatePair", "CrossCertificatePair"};
+constexpr const char* kMalformed = "malformed certificate pair";
 
 // A piece of DER, borrowed, that is consumed from the front.
 struct Input {
@@ -29,7 +27,7 @@ struct Input {
     const int form = ASN1_get_object(&inside, &insideLength, &foundTag, &foundClass, length);
     // 0x80 is an error, which includes an end beyond the input; bit 0 is the indefinite length,
     // which DER does not have.
-    if ((form & 0x81) != 0) throwMalformed(__LINE__);
+    if ((form & 0x81) != 0) fail(kHere, kMalformed);
     if (form != V_ASN1_CONSTRUCTED || foundTag != tag || foundClass != tagClass) return false;
     content = {inside, insideLength};
     length -= (inside - position) + insideLength;
@@ -41,7 +39,7 @@ struct Input {
 RefCertificate certificateIn(const Input& content) {
   const unsigned char* end = content.position;
   Owned<X509> decoded(d2i_X509(nullptr, &end, content.length));
-  if (decoded == nullptr || end != content.position + content.length) throwMalformed(__LINE__);
+  if (decoded == nullptr || end != content.position + content.length) fail(kHere, kMalformed);
   return CertificateFactory()(decoded.release(), true);
 }
 
@@ -52,12 +50,12 @@ CrossCertificatePair::CrossCertificatePair(const Buffer& der) {
   Input input{der.data(), static_cast<long>(der.length())};
   Input pair{};
   if (!input.next(V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL, pair) || input.length != 0) {
-    throwMalformed(__LINE__);
+    fail(kHere, kMalformed);
   }
   Input element{};
   if (pair.next(0, V_ASN1_CONTEXT_SPECIFIC, element)) forward_ = certificateIn(element);
   if (pair.next(1, V_ASN1_CONTEXT_SPECIFIC, element)) reverse_ = certificateIn(element);
-  if (pair.length != 0) throwMalformed(__LINE__);
+  if (pair.length != 0) fail(kHere, kMalformed);
 }
 
 RefCrossCertificatePair::RefCrossCertificatePair(const Buffer& der)

@@ -1,8 +1,8 @@
+#include "foundation/base/Fail.h"
 #include "foundation/model/DistinguishedNameText.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/DistinguishedName.h>
-#include <velantrix/Exception.h>
 
 #include <openssl/x509.h>
 
@@ -12,6 +12,9 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
+constexpr Origin kHere{"X509::DistinguishedName", "DistinguishedName"};
+constexpr const char* kUnencodable = "name cannot be encoded";
+
 // Never freed, so that names may be used while the process ends. It is decoded rather than made
 // new: OpenSSL encodes a new name when it is first compared, which no two threads may do at once.
 const X509_NAME* emptyName() {
@@ -20,24 +23,18 @@ const X509_NAME* emptyName() {
     const unsigned char* position = kDer;
     X509_NAME* decoded = d2i_X509_NAME(nullptr, &position, sizeof kDer);
     if (decoded == nullptr) {
-      throw Exception("X509::DistinguishedName", Exception::kFailure, "DistinguishedName", __LINE__)
-          .stringParameter("no memory for a name");
+      fail(kHere, "no memory for a name");
     }
     return decoded;
   }();
   return name;
 }
 
-[[noreturn]] void throwUnencodable(unsigned int line) {
-  throw Exception("X509::DistinguishedName", Exception::kFailure, "DistinguishedName", line)
-      .stringParameter("name cannot be encoded");
-}
-
 std::shared_ptr<const X509_NAME> copyName(const X509_NAME* name) {
   if (name == nullptr) return nullptr;
   const ErrorScope errors;
   Owned<X509_NAME> copy(X509_NAME_dup(name));
-  if (copy == nullptr) throwUnencodable(__LINE__);
+  if (copy == nullptr) fail(kHere, kUnencodable);
   return copy;
 }
 
@@ -51,7 +48,7 @@ DistinguishedName::DistinguishedName(std::shared_ptr<const X509_NAME> name)
   // OpenSSL encodes a name that was put together by hand when it is first compared, inside the
   // object. One that was decoded has its encoding, and this is a look.
   const ErrorScope errors;
-  if (i2d_X509_NAME(name_.get(), nullptr) < 0) throwUnencodable(__LINE__);
+  if (i2d_X509_NAME(name_.get(), nullptr) < 0) fail(kHere, kUnencodable);
 }
 
 DistinguishedName::DistinguishedName(const std::string& text)
@@ -68,8 +65,7 @@ std::uint32_t DistinguishedName::hash() const {
   int ok = 0;
   const unsigned long hash = X509_NAME_hash_ex(native(), nullptr, nullptr, &ok);
   if (ok != 1) {
-    throw Exception("X509::DistinguishedName", Exception::kFailure, "DistinguishedName", __LINE__)
-        .stringParameter("no digest for the name hash");
+    fail(kHere, "no digest for the name hash");
   }
   return static_cast<std::uint32_t>(hash);
 }

@@ -1,11 +1,10 @@
 #include "foundation/model/DistinguishedNameText.h"
 
+#include "foundation/base/Fail.h"
 #include "foundation/base/Hex.h"
 #include "foundation/base/Utf8.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/ObjectIdentifierText.h"
-
-#include <velantrix/Exception.h>
 
 #include <openssl/objects.h>
 
@@ -107,9 +106,7 @@ void appendHexValue(std::string& out, const ASN1_STRING* value) {
   const int length = i2d_ASN1_TYPE(&any, &der);
   const OwnedMemory<unsigned char> owner(der);
   if (length < 0) {
-    throw Exception("X509::DistinguishedName", Exception::kFailure, "DistinguishedNameText",
-                    __LINE__)
-        .stringParameter("value cannot be encoded");
+    fail({"X509::DistinguishedName", "DistinguishedNameText"}, "value cannot be encoded");
   }
   out += '#';
   out += hexText(der, static_cast<std::size_t>(length));

@@ -1,8 +1,8 @@
+#include "foundation/base/Fail.h"
 #include "foundation/openssl/ObjectIdentifierText.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/Assert.h>
-#include <velantrix/Exception.h>
 #include <velantrix/Extension.h>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -14,8 +14,7 @@ std::shared_ptr<const X509_EXTENSION> copyExtension(const X509_EXTENSION* native
   const ErrorScope errors;
   Owned<X509_EXTENSION> copy(X509_EXTENSION_dup(native));
   if (copy == nullptr) {
-    throw Exception("X509::Extension", Exception::kFailure, "Extension", __LINE__)
-        .stringParameter("extension cannot be copied");
+    fail({"X509::Extension", "Extension"}, "extension cannot be copied");
   }
   return copy;
 }

@@ -1,8 +1,7 @@
 #include "foundation/model/ExtensionDecoder.h"
 
+#include "foundation/base/Fail.h"
 #include "foundation/openssl/ObjectIdentifierText.h"
-
-#include <velantrix/Exception.h>
 
 #include <string>
 
@@ -22,8 +21,7 @@ const X509_EXTENSION* onlyExtension(const STACK_OF(X509_EXTENSION) * extensions,
   const int first = X509v3_get_ext_by_OBJ(extensions, type, -1);
   if (first < 0) return nullptr;
   if (X509v3_get_ext_by_OBJ(extensions, type, first) >= 0) {
-    throw Exception(context, Exception::kFailure, "ExtensionDecoder", __LINE__)
-        .stringParameter("extension stands twice: " + describe(type));
+    fail({context, "ExtensionDecoder"}, "extension stands twice: " + describe(type));
   }
   return X509v3_get_ext(extensions, first);
 }
@@ -31,8 +29,7 @@ const X509_EXTENSION* onlyExtension(const STACK_OF(X509_EXTENSION) * extensions,
 void throwBrokenExtension(const X509_EXTENSION* extension, const char* context) {
   // The getter takes a non-const pointer but only reads.
   const ASN1_OBJECT* type = X509_EXTENSION_get_object(const_cast<X509_EXTENSION*>(extension));
-  throw Exception(context, Exception::kFailure, "ExtensionDecoder", __LINE__)
-      .stringParameter("extension cannot be decoded: " + describe(type));
+  fail({context, "ExtensionDecoder"}, "extension cannot be decoded: " + describe(type));
 }
 
 }  // namespace Velantrix::Crypto::PKX509

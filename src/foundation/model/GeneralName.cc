@@ -1,8 +1,8 @@
+#include "foundation/base/Fail.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/Assert.h>
-#include <velantrix/Exception.h>
 #include <velantrix/GeneralName.h>
 
 #include <algorithm>
@@ -19,8 +19,7 @@ std::shared_ptr<const GENERAL_NAME> copyGeneralName(const GENERAL_NAME* native) 
   const ErrorScope errors;
   Owned<GENERAL_NAME> copy(GENERAL_NAME_dup(native));
   if (copy == nullptr) {
-    throw Exception("X509::GeneralName", Exception::kFailure, "GeneralName", __LINE__)
-        .stringParameter("name cannot be copied");
+    fail({"X509::GeneralName", "GeneralName"}, "name cannot be copied");
   }
   return copy;
 }

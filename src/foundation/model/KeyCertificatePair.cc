@@ -5,7 +5,7 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-[[noreturn]] void throwEmpty(unsigned int line) {
+[[noreturn]] void throwEmpty(unsigned int line = __builtin_LINE()) {
   throw Exception("X509::KeyCertificatePair", Exception::kEmptyHandle, "KeyCertificatePair", line)
       .stringParameter("empty pair");
 }
@@ -23,12 +23,12 @@ RefCertificate KeyCertificatePair::certificate() const {
 }
 
 void KeyCertificatePair::key(const RefKey& key) {
-  if (!body_) throwEmpty(__LINE__);
+  if (!body_) throwEmpty();
   body_->key = key;
 }
 
 void KeyCertificatePair::certificate(const RefCertificate& certificate) {
-  if (!body_) throwEmpty(__LINE__);
+  if (!body_) throwEmpty();
   body_->certificate = certificate;
 }
 

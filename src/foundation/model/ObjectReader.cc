@@ -1,9 +1,8 @@
 #include "foundation/model/ObjectReader.h"
 
+#include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
 #include "foundation/openssl/OpenSSLOwners.h"
-
-#include <velantrix/Exception.h>
 
 #include <openssl/pem.h>
 #include <openssl/pkcs12.h>
@@ -15,10 +14,7 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-[[noreturn]] void throwUnreadable(const std::string& reason, unsigned int line) {
-  throw Exception("X509::ObjectReader", Exception::kFailure, "ObjectReader", line)
-      .stringParameter(reason);
-}
+constexpr Origin kHere{"X509::ObjectReader", "ObjectReader"};
 
 // The size of the DER SEQUENCE that @p data starts with; 0 when it starts with none that ends
 // within the input.
@@ -72,7 +68,7 @@ bool readDer(const unsigned char* data, std::size_t length, ObjectSink& sink) {
     const std::size_t size = sequenceSize(der, length - position);
     if (size == 0 || (!sink.take({}, der, size) && !isKnownObject(der, size))) {
       if (position == 0) return false;
-      throwUnreadable("neither PEM nor DER from octet " + std::to_string(position), __LINE__);
+      fail(kHere, "neither PEM nor DER from octet " + std::to_string(position));
     }
     position += size;
   }
@@ -100,23 +96,23 @@ struct Block {
 // PEM_read_bio only undoes the armour. It never decrypts, so no passphrase is wanted.
 void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
   const Owned<BIO> input(BIO_new_mem_buf(data, static_cast<int>(length)));
-  if (input == nullptr) throwUnreadable("no memory", __LINE__);
+  if (input == nullptr) fail(kHere, "no memory");
   for (std::size_t blocks = 0;; ++blocks) {
     const ErrorScope errors;
     Block block;
     if (PEM_read_bio(input.get(), &block.label, &block.header, &block.der, &block.length) != 1) {
       const unsigned long error = ERR_peek_last_error();
       if (ERR_GET_LIB(error) != ERR_LIB_PEM || ERR_GET_REASON(error) != PEM_R_NO_START_LINE) {
-        throwUnreadable("malformed PEM block", __LINE__);
+        fail(kHere, "malformed PEM block");
       }
-      if (blocks == 0) throwUnreadable("neither PEM nor DER", __LINE__);
+      if (blocks == 0) fail(kHere, "neither PEM nor DER");
       return;
     }
     const std::string label = block.label;
     if (!sink.wants(label)) continue;
-    if (*block.header != '\0') throwUnreadable("encrypted " + label, __LINE__);
+    if (*block.header != '\0') fail(kHere, "encrypted " + label);
     if (!sink.take(label, block.der, static_cast<std::size_t>(block.length))) {
-      throwUnreadable("malformed " + label, __LINE__);
+      fail(kHere, "malformed " + label);
     }
   }
 }
@@ -126,7 +122,7 @@ void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
 ObjectSink::~ObjectSink() = default;
 
 void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink) {
-  if (length > kMaxInputSize) throwUnreadable("larger than 128 MiB", __LINE__);
+  if (length > kMaxInputSize) fail(kHere, "larger than 128 MiB");
   const ErrorScope errors;
   if (!readDer(data, length, sink)) readPem(data, length, sink);
 }

@@ -1,9 +1,9 @@
 // Writing what OpenSSL encodes into a MediaOut.
 #pragma once
 
+#include "foundation/base/Fail.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
-#include <velantrix/Exception.h>
 #include <velantrix/MediaOut.h>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -16,8 +16,7 @@ void writeEncoded(MediaOut& out, const char* context, Encode encode) {
   const ErrorScope errors;
   const Owned<BIO> memory(BIO_new(BIO_s_mem()));
   if (memory == nullptr || encode(memory.get()) != 1) {
-    throw Exception(context, Exception::kFailure, "PemOut", __LINE__)
-        .stringParameter("cannot be encoded");
+    fail({context, "PemOut"}, "cannot be encoded");
   }
   char* data = nullptr;
   const long length = BIO_get_mem_data(memory.get(), &data);

@@ -1,6 +1,6 @@
 #include "foundation/openssl/Der.h"
 
-#include <velantrix/Exception.h>
+#include "foundation/base/Fail.h"
 
 #include <openssl/asn1.h>
 
@@ -17,7 +17,7 @@ void appendDer(std::string& out, int tag, bool constructed, std::string_view con
                         ? -1
                         : ASN1_object_size(form, static_cast<int>(content.size()), tag);
   if (total < 0) {
-    throw Exception("ASN1", Exception::kFailure, "Der", __LINE__).stringParameter("value too long");
+    fail({"ASN1", "Der"}, "value too long");
   }
   std::vector<unsigned char> header(static_cast<std::size_t>(total) - content.size());
   unsigned char* end = header.data();

@@ -1,9 +1,8 @@
 #include "foundation/openssl/ObjectIdentifierText.h"
 
+#include "foundation/base/Fail.h"
 #include "foundation/base/Hex.h"
 #include "foundation/openssl/OpenSSLOwners.h"
-
-#include <velantrix/Exception.h>
 
 #include <openssl/bn.h>
 #include <openssl/objects.h>
@@ -22,10 +21,8 @@ constexpr std::size_t kMaxArcDigits = 2158;
 constexpr std::size_t kWordOctets = 9;
 constexpr std::size_t kWordDigits = 19;
 
-[[noreturn]] void throwOutOfMemory(unsigned int line) {
-  throw Exception("ASN1::ObjectIdentifier", Exception::kFailure, "ObjectIdentifierText", line)
-      .stringParameter("no memory for an arc");
-}
+constexpr Origin kHere{"ASN1::ObjectIdentifier", "ObjectIdentifierText"};
+constexpr const char* kNoMemory = "no memory for an arc";
 
 std::string decimal(std::uint64_t value) { return std::to_string(value); }
 
@@ -43,16 +40,16 @@ std::string smallArc(std::string_view octetsOfArc, bool first) {
 
 std::string bigArc(std::string_view octetsOfArc, bool first) {
   Owned<BIGNUM> value(BN_new());
-  if (value == nullptr) throwOutOfMemory(__LINE__);
+  if (value == nullptr) fail(kHere, kNoMemory);
   for (const char c : octetsOfArc) {
     if (BN_lshift(value.get(), value.get(), 7) != 1 ||
         BN_add_word(value.get(), static_cast<unsigned char>(c) & 0x7fU) != 1) {
-      throwOutOfMemory(__LINE__);
+      fail(kHere, kNoMemory);
     }
   }
-  if (first && BN_sub_word(value.get(), 80) != 1) throwOutOfMemory(__LINE__);
+  if (first && BN_sub_word(value.get(), 80) != 1) fail(kHere, kNoMemory);
   const OwnedMemory<char> text(BN_bn2dec(value.get()));
-  if (text == nullptr) throwOutOfMemory(__LINE__);
+  if (text == nullptr) fail(kHere, kNoMemory);
   return (first ? "2." : "") + std::string(text.get());
 }
 
@@ -68,7 +65,7 @@ void appendBase128(std::string& out, BIGNUM* value) {
   while (BN_is_zero(value) == 0) {
     const BN_ULONG low = BN_mod_word(value, 128);
     reversed += static_cast<char>(low | (reversed.empty() ? 0U : 0x80U));
-    if (BN_rshift(value, value, 7) != 1) throwOutOfMemory(__LINE__);
+    if (BN_rshift(value, value, 7) != 1) fail(kHere, kNoMemory);
   }
   out.append(reversed.rbegin(), reversed.rend());
 }
@@ -86,7 +83,7 @@ bool appendArc(std::string& out, std::string_view digits, unsigned int addend) {
   const std::string terminated(digits);
   const int used = BN_dec2bn(&parsed, terminated.c_str());
   const Owned<BIGNUM> value(parsed);
-  if (used == 0 || BN_add_word(value.get(), addend) != 1) throwOutOfMemory(__LINE__);
+  if (used == 0 || BN_add_word(value.get(), addend) != 1) fail(kHere, kNoMemory);
   appendBase128(out, value.get());
   return true;
 }

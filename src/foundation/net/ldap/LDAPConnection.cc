@@ -1,3 +1,4 @@
+#include "foundation/base/Fail.h"
 #include "foundation/net/ldap/LDAPRequest.h"
 #include "foundation/net/ldap/LDAPSession.h"
 
@@ -13,10 +14,7 @@ constexpr unsigned int kBindBound = 10;  // seconds
 constexpr unsigned short kLDAPPort = 389;
 constexpr unsigned short kLDAPSPort = 636;
 
-[[noreturn]] void throwConnection(const std::string& text, unsigned int line) {
-  throw Exception("LDAPConnection", Exception::kFailure, "LDAPConnection", line)
-      .stringParameter(text);
-}
+constexpr Origin kHere{"LDAPConnection", "LDAPConnection"};
 
 // Simple authentication, RFC 4511, 4.2.
 class BindRequest : public LDAPRequest {
@@ -38,7 +36,7 @@ class BindRequest : public LDAPRequest {
 
 LDAPConnection::LDAPConnection(const RefServer& server, bool connectNow)
     : server_(std::make_unique<RefServer>(server)) {
-  if (server.get() == nullptr) throwConnection("There is no server to connect to.", __LINE__);
+  if (server.get() == nullptr) fail(kHere, "There is no server to connect to.");
   if (connectNow) static_cast<void>(session());
 }
 
@@ -57,8 +55,8 @@ LDAPSession& LDAPConnection::session() {
 }
 
 void LDAPConnection::bind(const std::string& dn, const std::string& password, BindMode mode) {
-  if (mode != BindSimple) throwConnection("Only simple binds are made.", __LINE__);
-  if (dn.find('\0') != std::string::npos) throwConnection("A name contains a NUL byte.", __LINE__);
+  if (mode != BindSimple) fail(kHere, "Only simple binds are made.");
+  if (dn.find('\0') != std::string::npos) fail(kHere, "A name contains a NUL byte.");
   BindRequest request(session(), dn, password);
   request.send();
   request.wait(kBindBound);
@@ -73,10 +71,10 @@ LDAPConnection::Server::Server(const std::string& text, const Options& options)
   // What else an LDAP URL may name (RFC 4516: base, filter, bind name) is no part of a server.
   if ((!ldaps_ && uri.scheme() != "ldap:") || host_.empty() || uri.path() != "/" ||
       text.find_first_of("%?#@") != std::string::npos) {
-    throwConnection("This is not the URI of an LDAP server: " + text, __LINE__);
+    fail(kHere, "This is not the URI of an LDAP server: " + text);
   }
   if (ldaps_ && options.startTls) {
-    throwConnection("StartTLS does not go with a URI of TLS: " + text, __LINE__);
+    fail(kHere, "StartTLS does not go with a URI of TLS: " + text);
   }
 }
 

@@ -1,5 +1,6 @@
 #include "foundation/net/ldap/LDAPRequest.h"
 
+#include "foundation/base/Fail.h"
 #include "foundation/base/Log.h"
 #include "foundation/base/Text.h"
 
@@ -20,7 +21,7 @@ LDAPRequest::LDAPRequest(LDAPSession& session, ber_tag_t answer, const std::stri
 LDAPRequest::~LDAPRequest() = default;
 
 void LDAPRequest::fail(const std::string& text, unsigned int line) const {
-  throw Exception(context_, Exception::kFailure, "LDAPRequest", line).stringParameter(text);
+  Velantrix::fail({context_.c_str(), "LDAPRequest"}, text, line);
 }
 
 void LDAPRequest::note(const std::string& text) const {
@@ -29,7 +30,7 @@ void LDAPRequest::note(const std::string& text) const {
 
 void LDAPRequest::send() {
   const int status = transmit(session_->native(), id_);
-  if (status != LDAP_SUCCESS) fail(ldap_err2string(status), __LINE__);
+  if (status != LDAP_SUCCESS) fail(ldap_err2string(status));
 }
 
 void LDAPRequest::wait(unsigned int seconds) {
@@ -55,17 +56,17 @@ void LDAPRequest::collect(const Deadline& deadline) {
       return;
     }
     if (type == LDAP_RES_INTERMEDIATE) continue;
-    if (answer_ != LDAP_RES_SEARCH_RESULT) fail("That is no answer.", __LINE__);
+    if (answer_ != LDAP_RES_SEARCH_RESULT) fail("That is no answer.");
     if (type == LDAP_RES_SEARCH_REFERENCE) {
       if (!referred) note("What another server holds of the directory is left out.");
       referred = true;
     } else if (type != LDAP_RES_SEARCH_ENTRY) {
-      fail("That is no answer.", __LINE__);
+      fail("That is no answer.");
     } else if (!take(message.get(), unkept)) {
       break;
     }
   }
-  if (answer_ != LDAP_RES_SEARCH_RESULT) fail("The answer is too large.", __LINE__);
+  if (answer_ != LDAP_RES_SEARCH_RESULT) fail("The answer is too large.");
   note("The answer is too large, only what came first is taken.");
   session_->close();
 }
@@ -83,14 +84,14 @@ void LDAPRequest::finish(LDAPMessage* message) const {
   const int status =
       ldap_parse_result(session_->native(), message, &code, nullptr, &said, nullptr, nullptr, 0);
   const OwnedLDAPText diagnostic(said);
-  if (status != LDAP_SUCCESS) fail("The answer is malformed.", __LINE__);
+  if (status != LDAP_SUCCESS) fail("The answer is malformed.");
   std::string text = ldap_err2string(code);
   if (said != nullptr && *said != '\0') text += " (" + escapeControls(said, kMaximumText) + ")";
   judge(code, text);
 }
 
 void LDAPRequest::judge(int code, const std::string& text) const {
-  if (code != LDAP_SUCCESS) fail(text, __LINE__);
+  if (code != LDAP_SUCCESS) fail(text);
 }
 
 }  // namespace Velantrix

@@ -56,7 +56,7 @@ class LDAPRequest : private NonCopyable {
   /// What wait() does, for a request that is part of a greater operation with its own deadline.
   void collect(const Deadline& deadline);
 
-  [[noreturn]] void fail(const std::string& text, unsigned int line) const;
+  [[noreturn]] void fail(const std::string& text, unsigned int line = __builtin_LINE()) const;
   /// Writes a log line about this request.
   void note(const std::string& text) const;
 

@@ -1,6 +1,6 @@
 #include "foundation/net/ldap/LDAPResult.h"
 
-#include <velantrix/Exception.h>
+#include "foundation/base/Fail.h"
 
 #include <memory>
 
@@ -16,10 +16,8 @@ struct FreeBer {
   void operator()(BerElement* ber) const noexcept { ber_free(ber, 0); }
 };
 
-[[noreturn]] void throwMalformed(unsigned int line) {
-  throw Exception("LDAPResult", Exception::kFailure, "LDAPResult", line)
-      .stringParameter("A search result entry is malformed.");
-}
+constexpr Origin kHere{"LDAPResult", "LDAPResult"};
+constexpr const char* kMalformed = "A search result entry is malformed.";
 
 // Takes the cost of some octets from the budget. False when it does not suffice.
 bool spend(std::size_t& budget, std::size_t octets) {
@@ -34,7 +32,7 @@ std::string textOf(const berval& octets) { return std::string(octets.bv_val, oct
 bool atEnd(BerElement* ber) {
   ber_len_t left = 0;
   if (ber_get_option(ber, LBER_OPT_BER_REMAINING_BYTES, &left) != LBER_OPT_SUCCESS) {
-    throwMalformed(__LINE__);
+    fail(kHere, kMalformed);
   }
   return left == 0;
 }
@@ -47,7 +45,7 @@ bool readValues(BerElement* ber, LDAPAttribute& attribute, std::size_t& budget) 
   ber_tag_t tag = ber_first_element(ber, &length, &end);
   for (; tag != LBER_DEFAULT; tag = ber_next_element(ber, &length, end)) {
     berval value{};
-    if (ber_scanf(ber, "m", &value) == LBER_ERROR) throwMalformed(__LINE__);
+    if (ber_scanf(ber, "m", &value) == LBER_ERROR) fail(kHere, kMalformed);
     if (!spend(budget, value.bv_len)) return false;
     attribute.add(Buffer(value.bv_val, static_cast<unsigned int>(value.bv_len), true));
   }
@@ -58,7 +56,7 @@ bool readValues(BerElement* ber, LDAPAttribute& attribute, std::size_t& budget) 
 bool readAttributes(BerElement* ber, LDAPAttributeContainer& attributes, std::size_t& budget) {
   while (!atEnd(ber)) {
     berval type{};
-    if (ber_scanf(ber, "{m", &type) == LBER_ERROR) throwMalformed(__LINE__);
+    if (ber_scanf(ber, "{m", &type) == LBER_ERROR) fail(kHere, kMalformed);
     if (!spend(budget, type.bv_len)) return false;
     if (!readValues(ber, attributes.add(LDAPAttributeType(textOf(type))), budget)) return false;
   }
@@ -73,7 +71,7 @@ LDAPSearchResultEntry::LDAPSearchResultEntry(LDAP* ldap, LDAPMessage* message,
   berval name{};
   const int status = ldap_get_dn_ber(ldap, message, &made, &name);
   const std::unique_ptr<BerElement, FreeBer> ber(made);
-  if (status != LDAP_SUCCESS || made == nullptr) throwMalformed(__LINE__);
+  if (status != LDAP_SUCCESS || made == nullptr) fail(kHere, kMalformed);
   complete_ = spend(budget, name.bv_len) && readAttributes(made, attributes_, budget);
 }
 

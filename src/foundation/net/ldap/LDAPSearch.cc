@@ -1,6 +1,6 @@
 #include "foundation/net/ldap/LDAPSearch.h"
 
-#include <velantrix/Exception.h>
+#include "foundation/base/Fail.h"
 
 #include <vector>
 
@@ -13,13 +13,11 @@ constexpr std::size_t kMaximumFilter = 4096;
 // More than a directory takes for a name; certificates may hold names of a megabyte.
 constexpr std::size_t kMaximumBase = std::size_t{64} * 1024;
 
-[[noreturn]] void throwSearch(const std::string& text, unsigned int line) {
-  throw Exception("LDAPSearch", Exception::kFailure, "LDAPSearch", line).stringParameter(text);
-}
+constexpr Origin kHere{"LDAPSearch", "LDAPSearch"};
 
 // For libldap, which would take the text up to a NUL for the whole.
 const char* whole(const std::string& text) {
-  if (text.find('\0') != std::string::npos) throwSearch("A text contains a NUL byte.", __LINE__);
+  if (text.find('\0') != std::string::npos) fail(kHere, "A text contains a NUL byte.");
   return text.c_str();
 }
 
@@ -34,8 +32,9 @@ LDAPSearch::LDAPSearch(LDAPConnection& connection, const Parameter& parameter)
 LDAPSearch::~LDAPSearch() = default;
 
 int LDAPSearch::transmit(LDAP* ldap, int& id) {
-  if (parameter_.base().size() > kMaximumBase) throwSearch("The base is too long.", __LINE__);
-  if (parameter_.filter().size() > kMaximumFilter) throwSearch("The filter is too long.", __LINE__);
+  if (parameter_.base().size() > kMaximumBase) Velantrix::fail(kHere, "The base is too long.");
+  if (parameter_.filter().size() > kMaximumFilter)
+    Velantrix::fail(kHere, "The filter is too long.");
   std::vector<char*> names;
   for (const LDAPAttributeType& type : parameter_.attributes()) {
     names.push_back(const_cast<char*>(whole(type.name())));  // libldap only reads them
@@ -63,7 +62,7 @@ void LDAPSearch::judge(int code, const std::string& text) const {
       note("The server cannot read the base: " + parameter_.base() + ": " + text);
       return;
     default:
-      fail(text, __LINE__);
+      fail(text);
   }
 }
 

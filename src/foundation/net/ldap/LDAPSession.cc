@@ -1,8 +1,7 @@
 #include "foundation/net/ldap/LDAPSession.h"
 
+#include "foundation/base/Fail.h"
 #include "foundation/net/ldap/LDAPRequest.h"
-
-#include <velantrix/Exception.h>
 
 #include <algorithm>
 #include <array>
@@ -20,13 +19,8 @@ namespace {
 constexpr std::chrono::seconds kOpenBound(10);
 constexpr std::size_t kChunk = std::size_t{16} * 1024;
 
-[[noreturn]] void throwSession(const std::string& text, unsigned int line) {
-  throw Exception("LDAPSession", Exception::kFailure, "LDAPSession", line).stringParameter(text);
-}
-
-[[noreturn]] void throwNoLDAP(unsigned int line) {
-  throwSession("What the server sends is not LDAP.", line);
-}
+constexpr Origin kHere{"LDAPSession", "LDAPSession"};
+constexpr const char* kNoLDAP = "What the server sends is not LDAP.";
 
 // libldap's manual wants its first call to come from one thread only.
 void startLibrary() {
@@ -54,7 +48,7 @@ std::optional<Element> elementAt(const std::string& octets, std::size_t at) {
   const unsigned char first = octet(at + 1);
   if (first < 0x80) return Element{octet(at), 2, first};
   const std::size_t count = first & 0x7fU;
-  if (count == 0 || count > 4) throwNoLDAP(__LINE__);
+  if (count == 0 || count > 4) fail(kHere, kNoLDAP);
   if (octets.size() < at + 2 + count) return std::nullopt;
   std::uint64_t length = 0;
   for (std::size_t i = 0; i < count; ++i) length = (length << 8U) | octet(at + 2 + i);
@@ -64,7 +58,7 @@ std::optional<Element> elementAt(const std::string& octets, std::size_t at) {
 // The length of the message in front, as far as it is known; 0 while it is not.
 std::uint64_t messageLength(const std::string& octets) {
   if (!octets.empty() && static_cast<unsigned char>(octets[0]) != LDAP_TAG_MESSAGE) {
-    throwNoLDAP(__LINE__);
+    fail(kHere, kNoLDAP);
   }
   const std::optional<Element> message = elementAt(octets, 0);
   return message ? message->head + message->length : 0;
@@ -93,7 +87,7 @@ void checkMessage(const std::string& octets, int id) {
   const std::optional<Element> number = elementAt(octets, at);
   if (!number || number->tag != LDAP_TAG_MSGID || number->head != 2 || number->length == 0 ||
       number->length > 4 || at + number->head + number->length >= end) {
-    throwNoLDAP(__LINE__);
+    fail(kHere, kNoLDAP);
   }
   at += number->head;
   std::uint64_t answered = 0;
@@ -101,13 +95,13 @@ void checkMessage(const std::string& octets, int id) {
     answered = answered << 8U | static_cast<unsigned char>(octets[at]);
   }
   const std::optional<Element> operation = elementAt(octets, at);
-  if (!operation || at + operation->head + operation->length > end) throwNoLDAP(__LINE__);
+  if (!operation || at + operation->head + operation->length > end) fail(kHere, kNoLDAP);
   if (answered == 0) {
     // RFC 4511, 4.4: unsolicited. The one that is defined is a notice of disconnection.
-    throwSession("The server ends the session.", __LINE__);
+    fail(kHere, "The server ends the session.");
   }
   if (answered != static_cast<std::uint64_t>(id) || !isAnswer(operation->tag)) {
-    throwSession("The server sends what it was not asked for.", __LINE__);
+    fail(kHere, "The server sends what it was not asked for.");
   }
 }
 
@@ -198,7 +192,7 @@ void LDAPSession::connectLDAP() {
   // Without a URI: libldap is connected already, and there is nothing for it to connect to again.
   const int status = ldap_init_fd(stream_.descriptor(), LDAP_PROTO_EXT, nullptr, &made);
   ldap_.reset(made);
-  if (status != LDAP_SUCCESS) throwSession(ldap_err2string(status), __LINE__);
+  if (status != LDAP_SUCCESS) fail(kHere, ldap_err2string(status));
 
   static Sockbuf_IO transport = {Transport::s_setup, Transport::s_remove, Transport::s_ctrl,
                                  Transport::s_read,  Transport::s_write,  Transport::s_close};
@@ -216,18 +210,18 @@ void LDAPSession::connectLDAP() {
       ldap_set_option(ldap, LDAP_OPT_DEREF, &aliases) == LDAP_OPT_SUCCESS &&
       ldap_set_option(ldap, LDAP_OPT_SIZELIMIT, &unlimited) == LDAP_OPT_SUCCESS &&
       ldap_set_option(ldap, LDAP_OPT_TIMELIMIT, &unlimited) == LDAP_OPT_SUCCESS;
-  if (!ready) throwSession("libldap cannot be set up.", __LINE__);
+  if (!ready) fail(kHere, "libldap cannot be set up.");
 }
 
 void LDAPSession::startTls(const Deadline& deadline) {
   StartTlsRequest(*this).run(deadline);
   // What was sent along with the answer was not protected, and must not pass for something that is.
-  if (!in_.empty()) throwSession("The server sends before TLS is on.", __LINE__);
+  if (!in_.empty()) fail(kHere, "The server sends before TLS is on.");
   stream_.startTls(server(), deadline);
 }
 
 LDAP* LDAPSession::native() const {
-  if (closed_) throwSession("The session is closed.", __LINE__);
+  if (closed_) fail(kHere, "The session is closed.");
   return ldap_.get();
 }
 
@@ -258,7 +252,7 @@ OwnedLDAPMessage LDAPSession::receive(int id, std::size_t& budget, const Deadlin
   std::uint64_t length = messageLength(in_);
   while (length == 0 || in_.size() < length) {
     if (length > budget) return nullptr;
-    if (deadline.passed()) throwSession("The server did not answer in time.", __LINE__);
+    if (deadline.passed()) fail(kHere, "The server did not answer in time.");
     fill(deadline);
     length = messageLength(in_);
   }
@@ -274,7 +268,7 @@ OwnedLDAPMessage LDAPSession::receive(int id, std::size_t& budget, const Deadlin
   OwnedLDAPMessage message(found);
   in_.erase(0, frame_);
   frame_ = read_ = 0;
-  if (type <= 0 || message == nullptr) throwNoLDAP(__LINE__);
+  if (type <= 0 || message == nullptr) fail(kHere, kNoLDAP);
   return message;
 }
 

@@ -1,9 +1,8 @@
 #include "foundation/net/ldap/LDAPStream.h"
 
+#include "foundation/base/Fail.h"
 #include "foundation/net/HostResolver.h"
 #include "foundation/net/NetworkBudget.h"
-
-#include <velantrix/Exception.h>
 
 #include <cerrno>
 #include <netdb.h>
@@ -16,9 +15,7 @@ namespace Velantrix {
 
 namespace {
 
-[[noreturn]] void throwStream(const std::string& text, unsigned int line) {
-  throw Exception("LDAPStream", Exception::kFailure, "LDAPStream", line).stringParameter(text);
-}
+constexpr Origin kHere{"LDAPStream", "LDAPStream"};
 
 bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
@@ -36,7 +33,7 @@ Addresses numeric(const std::string& host, unsigned short port) {
   addrinfo* found = nullptr;
   const int status = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
   Addresses addresses(found);
-  if (status != 0) throwStream(host + ": " + ::gai_strerror(status), __LINE__);
+  if (status != 0) fail(kHere, host + ": " + ::gai_strerror(status));
   return addresses;
 }
 
@@ -49,7 +46,7 @@ bool waitFor(int socket, short events, const Deadline& deadline) {
     const int ready = ::poll(&entry, 1, end.left());
     if (ready > 0) return true;
     if (ready < 0 && errno != EINTR) {
-      throwStream(std::generic_category().message(errno), __LINE__);
+      fail(kHere, std::generic_category().message(errno));
     }
     if (end.passed()) return false;
   }
@@ -77,10 +74,10 @@ int connectTo(const addrinfo& address, const Deadline& deadline, FileDescriptor&
 
 LDAPStream::LDAPStream(const LDAPConnection::Server& server, const Deadline& deadline) {
   if (!NetworkBudget::hasTime()) {
-    throwStream(server.uri() + ": The time for the network is spent.", __LINE__);
+    fail(kHere, server.uri() + ": The time for the network is spent.");
   }
   const std::vector<std::string> hosts = resolveHost(server.host());
-  if (hosts.empty()) throwStream(server.host() + ": The host has no address.", __LINE__);
+  if (hosts.empty()) fail(kHere, server.host() + ": The host has no address.");
   auto left = static_cast<int>(hosts.size());
   int error = ETIMEDOUT;
   for (const std::string& host : hosts) {
@@ -88,7 +85,7 @@ LDAPStream::LDAPStream(const LDAPConnection::Server& server, const Deadline& dea
     error = connectTo(*numeric(host, server.port()), share, socket_);
     if (error == 0) return;
   }
-  throwStream(systemErrorText(server.uri(), error), __LINE__);
+  fail(kHere, systemErrorText(server.uri(), error));
 }
 
 LDAPStream::~LDAPStream() = default;
@@ -111,8 +108,8 @@ std::size_t LDAPStream::read(char* to, std::size_t size) {
   }
   const ssize_t count = ::recv(socket_.get(), to, size, 0);
   if (count > 0) return static_cast<std::size_t>(count);
-  if (count == 0) throwStream("The server has closed the connection.", __LINE__);
-  if (!wouldBlock(errno)) throwStream(std::generic_category().message(errno), __LINE__);
+  if (count == 0) fail(kHere, "The server has closed the connection.");
+  if (!wouldBlock(errno)) fail(kHere, std::generic_category().message(errno));
   wants_ = POLLIN;
   return 0;
 }
@@ -126,7 +123,7 @@ std::size_t LDAPStream::write(const char* from, std::size_t size) {
   // A peer that has hung up is an error here and no signal to the process.
   const ssize_t count = ::send(socket_.get(), from, size, MSG_NOSIGNAL);
   if (count >= 0) return static_cast<std::size_t>(count);
-  if (!wouldBlock(errno)) throwStream(std::generic_category().message(errno), __LINE__);
+  if (!wouldBlock(errno)) fail(kHere, std::generic_category().message(errno));
   wants_ = POLLOUT;
   return 0;
 }
@@ -134,7 +131,7 @@ std::size_t LDAPStream::write(const char* from, std::size_t size) {
 void LDAPStream::wait(const Deadline& deadline) const {
   // A peer that sends a byte now and then is always ready: the time is looked at in any case.
   if (deadline.passed() || !waitFor(socket_.get(), wants_, deadline)) {
-    throwStream("The server did not answer in time.", __LINE__);
+    fail(kHere, "The server did not answer in time.");
   }
 }
 

@@ -1,9 +1,9 @@
 #include "foundation/net/ldap/LDAPTls.h"
 
+#include "foundation/base/Fail.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/CertificateFactory.h>
-#include <velantrix/Exception.h>
 #include <velantrix/File.h>
 
 #include <openssl/bio.h>
@@ -28,9 +28,7 @@ using Crypto::Owned;
 using Crypto::PKX509::CertificateFactory;
 using Crypto::PKX509::RefCertificate;
 
-[[noreturn]] void throwTls(const std::string& text, unsigned int line) {
-  throw Exception("LDAPTls", Exception::kFailure, "LDAPTls", line).stringParameter(text);
-}
+constexpr Origin kHere{"LDAPTls", "LDAPTls"};
 
 // SSL_get_error() is told by the error queue and wants it empty. Nothing of a caller's is lost that
 // would not be anyway: the handshake's state machine empties the queue by itself.
@@ -93,7 +91,7 @@ const BIO_METHOD* socketMethod() {
 LDAPTls::LDAPTls(int socket, const LDAPConnection::Server& server) : socket_(socket) {
   const ErrorScope errors;
   context_.reset(SSL_CTX_new(TLS_client_method()));
-  if (context_ == nullptr) throwTls("There is no TLS to be had.", __LINE__);
+  if (context_ == nullptr) fail(kHere, "There is no TLS to be had.");
   SSL_CTX_set_mode(context_.get(),
                    SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   const bool verify = server.options().verifyPeer;
@@ -119,7 +117,7 @@ LDAPTls::LDAPTls(int socket, const LDAPConnection::Server& server) : socket_(soc
             (address ? X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl_.get()), host.c_str()) == 1
                      : SSL_set1_host(ssl_.get(), host.c_str()) == 1);
   }
-  if (!named) throwTls("\"" + host + "\" cannot be named to a TLS server.", __LINE__);
+  if (!named) fail(kHere, "\"" + host + "\" cannot be named to a TLS server.");
 }
 
 LDAPTls::~LDAPTls() = default;
@@ -130,17 +128,17 @@ void LDAPTls::trust(const LDAPConnection::Server& server) {
   if (file.empty()) {
     // SSL_CTX_set_default_verify_paths would look at the environment.
     if (X509_STORE_load_path(store, X509_get_default_cert_dir()) != 1) {
-      throwTls("The system's certificates cannot be used.", __LINE__);
+      fail(kHere, "The system's certificates cannot be used.");
     }
     return;
   }
   // Read by the factory, because OpenSSL's own loader asks for the passphrase of an encrypted file.
   std::list<RefCertificate> authorities;
   CertificateFactory::read(File::Path(file), authorities);
-  if (authorities.empty()) throwTls(file + ": There is no certificate in it.", __LINE__);
+  if (authorities.empty()) fail(kHere, file + ": There is no certificate in it.");
   for (const RefCertificate& authority : authorities) {
     if (X509_STORE_add_cert(store, authority) != 1) {
-      throwTls(file + ": A certificate cannot be used.", __LINE__);
+      fail(kHere, file + ": A certificate cannot be used.");
     }
   }
 }
@@ -163,7 +161,7 @@ short LDAPTls::wants(int result, const char* doing) const {
   } else {
     text += error != 0 && reason != nullptr ? reason : "the connection was closed";
   }
-  throwTls(text, __LINE__);
+  fail(kHere, text);
 }
 
 short LDAPTls::handshake() {
