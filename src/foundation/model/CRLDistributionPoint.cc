@@ -2,8 +2,8 @@
 #include "foundation/model/GeneralNames.h"
 #include "foundation/model/ReasonFlags.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/References.h"
 
-#include <velantrix/Assert.h>
 #include <velantrix/CRLDistributionPoint.h>
 
 #include <algorithm>
@@ -13,12 +13,6 @@ namespace Velantrix::Crypto::PKX509 {
 static_assert(kAllReasons == CRLDP_ALL_REASONS);
 
 namespace {
-
-template <class T>
-const T* notNull(const T* native) {
-  PKX509_ASSERT(native != nullptr);
-  return native;
-}
 
 // A relative name as a name of one RDN, which prints and compares as names do.
 DistinguishedName relativeDistinguishedName(const STACK_OF(X509_NAME_ENTRY) * entries) {

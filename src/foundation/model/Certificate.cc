@@ -2,8 +2,8 @@
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/model/PemOut.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/References.h"
 
-#include <velantrix/Assert.h>
 #include <velantrix/Certificate.h>
 
 #include <openssl/pem.h>
@@ -18,18 +18,6 @@ namespace {
 constexpr const char* kContext = "X509::Certificate";
 constexpr Origin kHere{kContext, "Certificate"};
 
-X509* notNull(X509* native) {
-  PKX509_ASSERT(native != nullptr);
-  return native;
-}
-
-std::shared_ptr<X509> shared(X509* native) {
-  if (X509_up_ref(native) != 1) {
-    fail(kHere, "no reference to be had");
-  }
-  return Owned<X509>(native);
-}
-
 }  // namespace
 
 void Certificate::Release::operator()(X509* native) const noexcept { X509_free(native); }
@@ -38,7 +26,7 @@ void Certificate::Release::operator()(X509* native) const noexcept { X509_free(n
 // asks for one of them, and an object that never changes needs no lock.
 Certificate::Certificate(X509* native) : x509_(notNull(native)) {
   // They point into the X509 and keep it, rather than copy from it.
-  const std::shared_ptr<X509> whole = shared(native);
+  const std::shared_ptr<X509> whole = newReference(native, kHere);
   using Name = std::shared_ptr<const X509_NAME>;
   subject_ = DistinguishedName(Name(whole, X509_get_subject_name(native)));
   issuer_ = DistinguishedName(Name(whole, X509_get_issuer_name(native)));

@@ -2,6 +2,7 @@
 #include "foundation/base/FileReader.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/References.h"
 #include "foundation/run/VerificationRun.h"
 
 #include <velantrix/CertificateFactory.h>
@@ -69,10 +70,7 @@ void CertificateFactory::read(const Buffer& data, std::list<RefCertificate>& cer
 
 RefCertificate CertificateFactory::operator()(x509_st* x509, bool adopt) const {
   if (x509 == nullptr) return RefCertificate();
-  if (!adopt && X509_up_ref(x509) != 1) {
-    fail(kHere, "no reference to be had");
-  }
-  Owned<X509> owner(x509);
+  Owned<X509> owner = adopt ? Owned<X509>(x509) : newReference(x509, kHere);
   return RefCertificate(new Certificate(owner.release()));
 }
 

@@ -2,8 +2,8 @@
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/model/PemOut.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/References.h"
 
-#include <velantrix/Assert.h>
 #include <velantrix/CertificateRevocationList.h>
 
 #include <openssl/pem.h>
@@ -21,17 +21,9 @@ namespace {
 constexpr const char* kContext = "X509::CertificateRevocationList";
 constexpr Origin kHere{kContext, "CertificateRevocationList"};
 
-X509_CRL* notNull(X509_CRL* native) {
-  PKX509_ASSERT(native != nullptr);
-  return native;
-}
-
 // The name points into the X509_CRL and keeps it, rather than copy from it.
 DistinguishedName issuerOf(X509_CRL* crl) {
-  if (X509_CRL_up_ref(crl) != 1) {
-    fail(kHere, "no reference to be had");
-  }
-  const std::shared_ptr<X509_CRL> whole = Owned<X509_CRL>(crl);
+  const std::shared_ptr<X509_CRL> whole = newReference(crl, kHere);
   return DistinguishedName(std::shared_ptr<const X509_NAME>(whole, X509_CRL_get_issuer(crl)));
 }
 

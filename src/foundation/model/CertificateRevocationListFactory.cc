@@ -2,6 +2,7 @@
 #include "foundation/base/FileReader.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/References.h"
 
 #include <velantrix/CertificateRevocationList.h>
 #include <velantrix/Exception.h>
@@ -61,10 +62,7 @@ RefCertificateRevocationList CertificateRevocationListFactory::read(const Buffer
 RefCertificateRevocationList CertificateRevocationListFactory::operator()(X509_crl_st* crl,
                                                                           bool adopt) const {
   if (crl == nullptr) return RefCertificateRevocationList();
-  if (!adopt && X509_CRL_up_ref(crl) != 1) {
-    fail(kHere, "no reference to be had");
-  }
-  Owned<X509_CRL> owner(crl);
+  Owned<X509_CRL> owner = adopt ? Owned<X509_CRL>(crl) : newReference(crl, kHere);
   return RefCertificateRevocationList(new CertificateRevocationList(owner.release()));
 }
 

@@ -1,18 +1,9 @@
 #include "foundation/model/ReasonFlags.h"
+#include "foundation/openssl/References.h"
 
-#include <velantrix/Assert.h>
 #include <velantrix/IssuingDistributionPoint.h>
 
 namespace Velantrix::Crypto::PKX509 {
-
-namespace {
-
-const ISSUING_DIST_POINT* notNull(const ISSUING_DIST_POINT* native) {
-  PKX509_ASSERT(native != nullptr);
-  return native;
-}
-
-}  // namespace
 
 // An ASN1_BOOLEAN is -1 when it is absent; all four default to false.
 IssuingDistributionPoint::IssuingDistributionPoint(const ISSUING_DIST_POINT* native)
