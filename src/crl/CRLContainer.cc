@@ -1,4 +1,6 @@
 #include "foundation/base/Log.h"
+#include "foundation/model/RelativeName.h"
+#include "foundation/openssl/CRLScore.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <pkx509/CRLContainer.h>
@@ -18,10 +20,6 @@
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
-
-// OpenSSL's CRL score bits (crypto/x509/x509_local.h has them; no public header does).
-constexpr unsigned int kScoreIssuerCert = 0x018;
-constexpr unsigned int kScoreScope = 0x080;
 
 // Beside the reasons of a CRL that is handed out while delta CRLs are about. It is no reason bit,
 // so OpenSSL's loop never takes the mask for complete and goes on asking.
@@ -56,12 +54,6 @@ void applyEntry(const CRLContainer::Entry& entry, unsigned int& mask, int& reaso
   if (X509_CRL_get0_by_cert(crlOf(entry).native(), &revoked, entry.certificate) != 0) {
     reason = reasonOf(revoked);
   }
-}
-
-// RFC 5280, 4.2.1.13: a relative name is completed by the name of the CRL's issuer.
-DistinguishedName completed(const CRLDistributionPointName& relative,
-                            const DistinguishedName& issuer) {
-  return DistinguishedName(relative.relativeName() + "," + issuer.asString());
 }
 
 // When the check is made for: the caller's time, or now.
@@ -158,9 +150,9 @@ void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifi
   if (pointName->type() == idpName->type()) {
     match = !(*pointName.get() != *idpName.get());
   } else if (pointName->type() == kFullName) {
-    match = !(*pointName.get() != completed(*idpName.get(), crlIssuer));
+    match = !(*pointName.get() != completed(idpName->relativeName(), crlIssuer));
   } else {
-    match = !(*idpName.get() != completed(*pointName.get(), crlIssuer));
+    match = !(*idpName.get() != completed(pointName->relativeName(), crlIssuer));
   }
   if (!match) {
     log(kPriorityDebug, "Certificate and CRL distributionPointNames do not match");

@@ -1,5 +1,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/Log.h"
+#include "foundation/model/RelativeName.h"
+#include "foundation/openssl/CRLScore.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
 #include "store/StoreRecord.h"
@@ -17,10 +19,6 @@ namespace {
 // Callers know a failed construction by this line.
 constexpr unsigned int kNoStoreLine = 18;
 
-// OpenSSL's CRL score bits (crypto/x509/x509_local.h has them; no public header does).
-constexpr unsigned int kScoreIssuerName = 0x020;
-constexpr unsigned int kScoreAuthorityKeyId = 0x004;
-
 // Whether `candidate` may have issued `crl`; `score` tells how far the match went.
 bool mayHaveIssued(const RefCertificate& candidate, const RefCertificateRevocationList& crl,
                    unsigned int& score) {
@@ -31,11 +29,6 @@ bool mayHaveIssued(const RefCertificate& candidate, const RefCertificateRevocati
   if (!aki.empty() && aki->keyId() != candidate->subjectKeyIdentifier()) return false;
   score |= kScoreAuthorityKeyId;
   return (candidate->keyUsage() & KU_CRL_SIGN) != 0;
-}
-
-// RFC 5280, 4.2.1.13: a relative name is completed by the name of the CRL's issuer.
-DistinguishedName completed(const std::string& relative, const DistinguishedName& issuer) {
-  return DistinguishedName(relative + "," + issuer.asString());
 }
 
 }  // namespace
