@@ -1,5 +1,7 @@
 #include "crl/CRLCache.h"
 
+#include "foundation/base/Hex.h"
+#include "foundation/base/TemporaryName.h"
 #include "store/CRLFileHeader.h"
 
 #include <pkx509/HashDirLookup.h>
@@ -21,25 +23,18 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-constexpr std::string_view kHex = "0123456789abcdef";
-
-// "4a6481c9.r0", and the file beside it that a killed writer leaves
-// ("4a6481c9.r0-tmp-0123456789abcdef").
+// "4a6481c9.r0", and the file beside it that a killed writer leaves.
 bool isCacheName(std::string_view name) {
   constexpr std::size_t kKeyDigits = 8;
   constexpr std::string_view kSuffix = ".r0";
-  constexpr std::string_view kLeftover = "-tmp-";
-  constexpr std::size_t kLeftoverDigits = 16;
-  const std::string_view key = name.substr(0, name.find_first_not_of(kHex));
+  const std::string_view key = name.substr(0, name.find_first_not_of(kLowerHexDigits));
   if (key.empty() || key.size() > kKeyDigits) return false;
   // Keys are written without zeros in front; `openssl rehash` writes them with.
   if (key.size() > 1 && key.front() == '0') return false;
   name.remove_prefix(key.size());
   if (!name.starts_with(kSuffix)) return false;
   name.remove_prefix(kSuffix.size());
-  if (name.empty()) return true;
-  return name.starts_with(kLeftover) && name.size() == kLeftover.size() + kLeftoverDigits &&
-         name.find_first_not_of(kHex, kLeftover.size()) == std::string_view::npos;
+  return name.empty() || isTemporarySuffix(name);
 }
 
 struct CachedFile {

@@ -1,8 +1,9 @@
-// Owner of a file descriptor, and the texts of failed system calls.
+// Owner of a file descriptor, and what failed system calls say.
 #pragma once
 
 #include "foundation/base/Fail.h"
 
+#include <cerrno>
 #include <string>
 #include <system_error>
 #include <unistd.h>
@@ -32,6 +33,11 @@ class FileDescriptor {
  private:
   int descriptor_ = -1;
 };
+
+/// Whether a call on a descriptor that does not block failed with @p error only for the moment.
+inline bool wouldBlock(int error) noexcept {
+  return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
 
 /// What goes into the exception for a system call that failed with @p error:
 /// "/path/of/file: Permission denied".

@@ -1,19 +1,22 @@
-// Octets as upper-case hexadecimal text.
+// Octets as hexadecimal text, and back.
 #pragma once
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace Velantrix {
 
-/// Appends the two digits of @p octet.
+inline constexpr std::string_view kHexDigits = "0123456789ABCDEF";
+inline constexpr std::string_view kLowerHexDigits = "0123456789abcdef";
+
+/// Appends the two digits of @p octet, in upper case.
 inline void appendHex(std::string& text, unsigned char octet) {
-  constexpr char kDigits[] = "0123456789ABCDEF";
-  text += kDigits[octet >> 4];
-  text += kDigits[octet & 0x0f];
+  text += kHexDigits[octet >> 4];
+  text += kHexDigits[octet & 0x0f];
 }
 
-/// @p length octets, two digits each, with @p separator between them unless that is 0.
+/// @p length octets in upper case, two digits each, with @p separator between them; 0 is none.
 inline std::string hexText(const unsigned char* data, std::size_t length, char separator = '\0') {
   std::string text;
   text.reserve(length * 3);

@@ -1,5 +1,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileDescriptor.h"
+#include "foundation/base/Hex.h"
+#include "foundation/base/TemporaryName.h"
 
 #include <velantrix/Assert.h>
 #include <velantrix/MediaOut.h>
@@ -22,26 +24,22 @@ namespace {
 
 constexpr Origin kHere{"FileMediaOut", "MediaOut"};
 
-// No hash name has a '-' or a 't' in it, so nothing that looks for hash names opens such a file.
-constexpr std::string_view kMark = "-tmp-";
-constexpr std::size_t kRandomDigits = 16;
 constexpr std::size_t kMaxName = 255;  // NAME_MAX of every file system in use
 constexpr long kLeftoverAge = 3600;
 
-std::string randomDigits() {
+std::string temporarySuffix() {
   std::uint64_t number = 0;
   while (::getrandom(&number, sizeof number, 0) != sizeof number) {
     if (errno != EINTR) {
       fail(kHere, systemErrorText("getrandom", errno));
     }
   }
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string digits(kRandomDigits, '0');
-  for (char& digit : digits) {
-    digit = kHex[number & 0x0f];
+  std::string suffix(kTemporaryMark);
+  for (std::size_t i = 0; i < kTemporaryDigits; ++i) {
+    suffix += kLowerHexDigits[number & 0x0f];
     number >>= 4;
   }
-  return digits;
+  return suffix;
 }
 
 // 0, or the error.
@@ -98,7 +96,7 @@ struct FileMediaOut::State {
 
   std::string path;
   std::string name;
-  std::string temporaryPrefix;
+  std::string temporaryStem;  // what temporary names have of the target's
   FileDescriptor directory;
   bool directoryReadable = true;
   FileDescriptor file;    // what was written last, published or not
@@ -112,8 +110,7 @@ FileMediaOut::State::State(const std::string& targetPath) : path(targetPath) {
   const std::string directoryName = slash == std::string::npos ? "." : path.substr(0, slash + 1);
   name = slash == std::string::npos ? path : path.substr(slash + 1);
   if (name.empty()) fail(path.empty() ? ENOENT : EISDIR);
-  temporaryPrefix = name.substr(0, kMaxName - kMark.size() - kRandomDigits);
-  temporaryPrefix += kMark;
+  temporaryStem = name.substr(0, kMaxName - kTemporaryMark.size() - kTemporaryDigits);
 
   directory = FileDescriptor(::open(directoryName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory.valid() && errno == EACCES) {
@@ -138,7 +135,7 @@ FileMediaOut::State::State(const std::string& targetPath) : path(targetPath) {
 void FileMediaOut::State::openTemporary() {
   constexpr int kAttempts = 16;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    temporary = temporaryPrefix + randomDigits();
+    temporary = temporaryStem + temporarySuffix();
     // The kernel takes the umask off the mode. Reading is for going on after a flush.
     constexpr int kFlags = O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW | O_CLOEXEC;
     FileDescriptor made(::openat(directory.get(), temporary.c_str(), kFlags, mode_t{0666}));
@@ -172,12 +169,8 @@ void FileMediaOut::State::removeLeftovers() const noexcept {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread reads from this stream.
   while (const dirent* const entry = ::readdir(listing.get())) {
     const std::string_view candidate = entry->d_name;
-    if (candidate.size() != temporaryPrefix.size() + kRandomDigits) continue;
-    if (!candidate.starts_with(temporaryPrefix)) continue;
-    if (candidate.find_first_not_of("0123456789abcdef", temporaryPrefix.size()) !=
-        std::string_view::npos) {
-      continue;
-    }
+    if (!candidate.starts_with(temporaryStem)) continue;
+    if (!isTemporarySuffix(candidate.substr(temporaryStem.size()))) continue;
     struct stat status = {};
     if (::fstatat(directory.get(), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if (!S_ISREG(status.st_mode) || !(Time::then(status.st_mtime, true) < oldest)) continue;

@@ -1,5 +1,7 @@
 #include "foundation/base/Text.h"
 
+#include "foundation/base/Hex.h"
+
 namespace Velantrix {
 
 std::string_view cutText(std::string_view text, std::size_t limit) noexcept {
@@ -16,17 +18,14 @@ std::string_view cutText(std::string_view text, std::size_t limit) noexcept {
 }
 
 std::string escapeControls(std::string_view text, std::size_t limit) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
   std::string out;
   out.reserve(text.size() < limit ? text.size() : limit);
   for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
     const std::size_t room = limit - out.size();
     if (isControl(character)) {
       if (room < 3) break;
       out += '\\';
-      out += kHex[byte >> 4];
-      out += kHex[byte & 0x0f];
+      appendHex(out, static_cast<unsigned char>(character));
     } else if (room == 0) {
       // One byte too many lets cutText() see whether the character before it is whole.
       out += character;

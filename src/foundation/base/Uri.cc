@@ -1,3 +1,5 @@
+#include "foundation/base/Hex.h"
+
 #include <velantrix/Uri.h>
 
 #include <boost/url/parse.hpp>
@@ -47,11 +49,6 @@ std::string lowerCase(std::string_view text) {
 bool isUnreserved(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
          std::string_view("-._~").find(c) != std::string_view::npos;
-}
-
-unsigned int hexValue(char c) {
-  if (c >= '0' && c <= '9') return static_cast<unsigned int>(c - '0');
-  return static_cast<unsigned int>(toUpper(c) - 'A') + 10;
 }
 
 // RFC 3986, 6.2.2.1 and 6.2.2.2: an encoded unreserved character is itself, every other encoding is

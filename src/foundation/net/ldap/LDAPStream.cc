@@ -17,8 +17,6 @@ namespace {
 
 constexpr Origin kHere{"LDAPStream", "LDAPStream"};
 
-bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
-
 struct FreeAddresses {
   void operator()(addrinfo* addresses) const noexcept { ::freeaddrinfo(addresses); }
 };

@@ -1,6 +1,7 @@
 #include "foundation/net/ldap/LDAPTls.h"
 
 #include "foundation/base/Fail.h"
+#include "foundation/base/FileDescriptor.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/CertificateFactory.h>
@@ -50,8 +51,6 @@ bool isAddress(const std::string& host) {
 // ends the process by SIGPIPE.
 
 int& socketOf(BIO* bio) { return *static_cast<int*>(BIO_get_data(bio)); }
-
-bool wouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
 int s_bio_read(BIO* bio, char* to, int size) {
   BIO_clear_retry_flags(bio);
