@@ -107,9 +107,7 @@ class PKX509_EXPORT LDAPLookupMethod : public LookupMethod {
                               const ASN1::Integer& serial) override;
 
  private:
-  LDAPConnection::RefServer server;
-  std::string bindDn;
-  std::string bindPassword;
+  Config config;
 };
 
 }  // namespace Velantrix::Crypto::PKX509

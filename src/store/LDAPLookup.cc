@@ -105,11 +105,8 @@ void addTo(ObjectStore& store, const RefObject& object) {
 
 LDAPLookupMethod::LDAPLookupMethod() : LookupMethod("LDAPLookupMethod") {}
 
-LDAPLookupMethod::LDAPLookupMethod(const Config& config)
-    : LookupMethod("LDAPLookupMethod"),
-      server(config.server),
-      bindDn(config.bindDn),
-      bindPassword(config.bindPassword) {}
+LDAPLookupMethod::LDAPLookupMethod(const Config& configured)
+    : LookupMethod("LDAPLookupMethod"), config(configured) {}
 
 LDAPLookupMethod::~LDAPLookupMethod() = default;
 
@@ -129,7 +126,7 @@ void LDAPLookupMethod::getBySubject(const DistinguishedName& issuer,
 
 RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& base) {
   std::list<Buffer> values;
-  s_addAttributes({server, bindDn, bindPassword}, type, base, "", values);
+  s_addAttributes(config, type, base, "", values);
   const std::list<RefObject> objects = readObjects(type, values);
   if (objects.empty()) return RefObject();
   if (objectStore != nullptr) {
@@ -140,22 +137,21 @@ RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& b
 
 void LDAPLookupMethod::getBySubject(const std::string& base, std::list<RefCertificate>& out) {
   std::list<Buffer> values;
-  s_addAttributes({server, bindDn, bindPassword}, Object::TypeCertificate, base, "", values);
+  s_addAttributes(config, Object::TypeCertificate, base, "", values);
   readCertificates(values, out);
 }
 
 void LDAPLookupMethod::getBySubject(const std::string& base,
                                     std::list<RefCertificateRevocationList>& out) {
   std::list<Buffer> values;
-  s_addAttributes({server, bindDn, bindPassword}, Object::TypeCRL, base, "", values);
+  s_addAttributes(config, Object::TypeCRL, base, "", values);
   readCRLs(values, out);
 }
 
 void LDAPLookupMethod::getByEmailAddress(const std::string& base, const std::string& address,
                                          std::list<RefCertificate>& out) {
   std::list<Buffer> values;
-  s_addAttributes({server, bindDn, bindPassword}, Object::TypeCertificate, base,
-                  "(mail=" + address + ")", values);
+  s_addAttributes(config, Object::TypeCertificate, base, "(mail=" + address + ")", values);
   readCertificates(values, out);
 }
 
