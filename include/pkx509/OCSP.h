@@ -5,7 +5,8 @@
 /// @code
 ///   OCSP::Client client(verifier, chain);                // chain: leaf first, issuers after it
 ///   if (client.connect(Uri("http://ocsp.example/"))) {
-///     const int answer = client.isRevoked(chain.front());   // 0 good, 1 revoked, else no answer
+///     const int answer = client.isRevoked(chain.front());
+///     if (answer != OCSP::kGood && answer != OCSP::kRevoked) ...   // no usable answer
 ///   }
 /// @endcode
 ///
@@ -37,6 +38,17 @@ class Verifier;
 namespace OCSP {
 
 class BasicResponse;
+
+/// What `Client::isRevoked()`, `Client::isSignatureValid()` and `Verifier::checkOCSP()` answer. It
+/// is returned as an int.
+enum Answer : int {
+  kGood = 0,                 ///< not revoked, or not mentioned; the signature is acceptable
+  kRevoked = 1,              ///< revoked
+  kNoAnswer = 2,             ///< no usable answer, for whatever reason, or the status "unknown"
+  kResponderNotValid = 101,  ///< the certificate of the responder does not validate
+  kSignatureWrong = 117,     ///< the answer is not signed with the responder's key
+  kResponderUnknown = 118    ///< no certificate fits the responder's identifier
+};
 
 /// Names the certificate that is asked about: hashes of its issuer's name and key, and its serial
 /// number (RFC 6960, 4.1.1). Used by one thread at a time, as all classes here.
@@ -197,15 +209,13 @@ class PKX509_EXPORT Client : private NonCopyable {
 
   /// Asks about @p certificate, by each certificate of the chain that may have issued it, until one
   /// question has a verdict.
-  /// @return 0 not revoked (also when the answer does not mention it), 1 revoked, 2 no usable
-  ///         answer, or what `isSignatureValid()` returned
+  /// @return an `Answer`: what the responder says, `kNoAnswer`, or what `isSignatureValid()`
+  ///         returned when that is not `kGood`
   int isRevoked(const RefCertificate& certificate);
 
   /// Whether an acceptable responder signed the answer.
-  /// @return 0 when one did; 2 when there is no basic response, 101 when the responder's
-  /// certificate
-  ///         does not validate, 117 when the signature is wrong, 118 when no certificate fits the
-  ///         responder's identifier
+  /// @return an `Answer`: `kGood` when one did, `kNoAnswer` when there is no basic response,
+  ///         `kResponderNotValid`, `kSignatureWrong` or `kResponderUnknown`
   /// @throws Exception for an identifier of an unknown type
   int isSignatureValid(const Response& response, const BasicResponse& basic);
 

@@ -132,9 +132,8 @@ class PKX509_EXPORT Verifier : private NonCopyable {
 
   /// Asks the OCSP responders that the certificate names: the first one with an URI that can be
   /// connected to; see `OCSP::Client`.
-  /// @return 0 not revoked, 1 revoked, 2 no usable answer; 101, 117 or 118 for an answer that is
-  /// not
-  ///         signed as it should be, which counts as none
+  /// @return an `OCSP::Answer`; one that says that the answer is not signed as it should be counts
+  ///         as none
   int checkOCSP(const RefCertificate& certificate, const RefAuthorityInformationAccess& aia,
                 const std::list<RefCertificate>& chain);
 

@@ -20,13 +20,9 @@ namespace HTTP = LW::HTTP;
 
 namespace {
 
-enum Answer : int {
-  kAccepted = 0,
-  kNoAnswer = 2,
-  kResponderNotValid = 101,
-  kSignatureWrong = 117,
-  kResponderUnknown = 118
-};
+// What a responder says is handed on as it is.
+static_assert(kGood == V_OCSP_CERTSTATUS_GOOD && kRevoked == V_OCSP_CERTSTATUS_REVOKED &&
+              kNoAnswer == V_OCSP_CERTSTATUS_UNKNOWN);
 
 // Lines about a certificate name it by the address of its object.
 std::string certificateText(const RefCertificate& certificate) {
@@ -133,7 +129,7 @@ int Client::query(const RefCertificate& certificate, const RefCertificate& issue
     log(kPriorityDebug, "OCSP::Client. OCSP Response does not match the request");
     return kNoAnswer;
   }
-  if (const int refused = isSignatureValid(response, basic); refused != kAccepted) return refused;
+  if (const int refused = isSignatureValid(response, basic); refused != kGood) return refused;
   const Response::Status status = response.find(basic, request.id());
   if (status.status == V_OCSP_CERTSTATUS_REVOKED) {
     logMisplaced(certificateText(certificate) +
@@ -174,7 +170,7 @@ int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& 
     log(kPriorityInfo, "OCSP::Client: Response Signature check failed.");
     return kSignatureWrong;
   }
-  return kAccepted;
+  return kGood;
 }
 
 // Verifies a responder's certificate that is in the answer only. The store is cloned, so that

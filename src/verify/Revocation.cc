@@ -21,8 +21,6 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-enum OCSPAnswer : int { kGood = 0, kRevoked = 1, kNoAnswer = 2 };
-
 const ASN1::RefObjectIdentifier& authorityInformationAccess() {
   static const ASN1::RefObjectIdentifier oid("1.3.6.1.5.5.7.1.1");
   return oid;
@@ -70,24 +68,24 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
     // The list ends with the leaf where only that is checked.
     const ConnectionSubject subject(
         current, next == chain.end() ? signerOf(current->native()) : next->get()->native());
-    int answer = kNoAnswer;
+    int answer = OCSP::kNoAnswer;
     const RefAuthorityInformationAccess aia(current->find(authorityInformationAccess()));
     if (!aia.empty()) {
       answer = checkOCSP(current, aia, chain);
-      if (answer == kGood) {
+      if (answer == OCSP::kGood) {
         contextError(X509_V_OK);
         needCrlCheck = false;
         continue;
       }
-      if (answer == kRevoked) {
+      if (answer == OCSP::kRevoked) {
         contextError(X509_V_ERR_CERT_REVOKED);
-      } else if (answer != kNoAnswer) {
+      } else if (answer != OCSP::kNoAnswer) {
         log(kPriorityDebug,
             "Verifier::checkRevocationStatus: Unhandled return value from checkOCSP: " +
                 std::to_string(answer));
       }
     }
-    if (answer != kRevoked && needCrlCheck) {
+    if (answer != OCSP::kRevoked && needCrlCheck) {
       CRLContainer container(*this);
       getCRLs(current, container);
       container.extendedCRLChecks(chain);
@@ -113,7 +111,7 @@ int Verifier::checkOCSP(const RefCertificate& target, const RefAuthorityInformat
     OCSP::Client client(*this, chain);
     if (client.connect(location->uri())) return client.isRevoked(target);
   }
-  return kNoAnswer;
+  return OCSP::kNoAnswer;
 }
 
 RefCertificateRevocationList Verifier::getCRL(const RefCertificate& target) {
