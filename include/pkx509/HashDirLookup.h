@@ -82,10 +82,9 @@ class PKX509_EXPORT HashDirLookupMethod : public LookupMethod {
 /// Takes the files of a directory that carry one key, for `File::Selector`.
 ///
 /// A name is made of blanks, '.', hexadecimal digits, 'r' and 'S' only. What stands before its
-/// first
-/// '.' is read as a hexadecimal number of 32 bits. A CRL scan also wants 'r' right after that '.';
-/// a certificate scan does not look at the suffix, so it opens the CRL files of its key as well and
-/// finds no certificates in them.
+/// first '.' is read as a hexadecimal number of 32 bits. A CRL scan also wants 'r' right after that
+/// '.'; a certificate scan does not look at the suffix, so it opens the CRL files of its key as
+/// well and finds no certificates in them.
 ///
 /// A CRL is passed over when its `nextUpdate` has gone by, or, when it has none, when its file is
 /// more than a day old.

@@ -55,7 +55,7 @@ enum Answer : int {
 class PKX509_EXPORT ID : private NonCopyable {
  public:
   /// @param owns whether the destructor frees the identifier; false leaves it to whoever it is
-  /// given to
+  ///             given to
   /// @throws Exception for an empty handle, and when OpenSSL cannot make the identifier
   ID(const RefCertificate& certificate, const RefCertificate& issuer, bool owns);
   /// Wraps an identifier that stays somebody else's; borrowed.
@@ -192,8 +192,7 @@ class PKX509_EXPORT Client : private NonCopyable {
   /// @param verifier who asks; gives the store and the context that a nested verification names as
   ///                 its parent. Borrowed.
   /// @param chain    where the issuer, and the responder's certificate, are looked for. Borrowed
-  /// for
-  ///                 the client's lifetime.
+  ///                 for the client's lifetime.
   Client(Verifier& verifier, const std::list<RefCertificate>& chain);
   virtual ~Client();
 

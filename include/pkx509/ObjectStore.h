@@ -68,7 +68,7 @@ class PKX509_EXPORT ObjectStore : public RefImpl, private NonCopyable {
   /// @param name     directory of certificates named by subject hash, as `openssl rehash` makes it;
   ///                 one that does not exist is an empty one
   /// @param fileType `X509_FILETYPE_PEM` (1), `X509_FILETYPE_ASN1` (2) or `X509_FILETYPE_DEFAULT`
-  /// (3)
+  ///                 (3)
   /// @throws Exception "X509::ObjectStore" when OpenSSL cannot make a store
   ObjectStore(const std::string& name, int fileType);
   ~ObjectStore() override;
@@ -119,8 +119,7 @@ class PKX509_EXPORT ObjectStore : public RefImpl, private NonCopyable {
   /// directory, last from the lookup methods. Names, key identifiers and the right to sign CRLs
   /// decide; **the signature is not verified here**.
   /// @param score OpenSSL's CRL score bits of the last candidate with the right name; unchanged
-  /// when
-  ///              there was none
+  ///              when there was none
   /// @return a reference into the store, valid as long as the store; empty when nothing was found
   const RefCertificate& findIssuer(const RefCertificateRevocationList& crl,
                                    unsigned int& score) const;

@@ -41,10 +41,10 @@ namespace Velantrix::Crypto::PKX509 {
 /// **What the caller does.** Build a store, construct, optionally `policy()`, `isValid()`, destroy.
 /// One `Verifier` verifies one certificate. **Untrusted certificates** that came along are given as
 /// a stack, which OpenSSL builds the path from. The search for the issuer of a CRL does not see
-/// that stack: add those certificates to the store's object list as well (`ObjectStore::add(const
-/// std::list<RefCertificate>&)`), on a store made for this verification or a `clone()`. Never add
-/// them to a long-lived store, where a stranger's certificate with a CA's name would spoil every
-/// later CRL check of that CA.
+/// that stack: add those certificates to the store's object list as well
+/// (`ObjectStore::add(const std::list<RefCertificate>&)`), on a store made for this verification or
+/// a `clone()`. Never add them to a long-lived store, where a stranger's certificate with a CA's
+/// name would spoil every later CRL check of that CA.
 ///
 /// **What it does not check.** Whose certificate it is (names against an expected peer), and what
 /// the key may be used for; use the verification parameters of the context for that.

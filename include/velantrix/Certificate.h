@@ -72,8 +72,7 @@ class PKX509_EXPORT Certificate : public RefImpl {
   ///
   /// @param issuer    the candidate; an empty handle issued nothing
   /// @param namesOnly true compares names, key identifiers and key usage (`X509_check_issued`);
-  /// false
-  ///                  verifies the signature as well, which is what makes it a proof
+  ///                  false verifies the signature as well, which is what makes it a proof
   ///
   /// A candidate that OpenSSL cannot make sense of is not the issuer. Validity periods, and whether
   /// the issuer is a CA at all, play no part.

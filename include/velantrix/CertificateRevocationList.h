@@ -2,9 +2,8 @@
 /// Certificate revocation lists (RFC 5280, 5), over OpenSSL's X509_CRL.
 ///
 /// @code
-///   RefCertificateRevocationList crl =
-///   CertificateRevocationListFactory::read(File::Path("ca.crl")); if (!crl.empty() &&
-///   crl->issuedBy(ca, false) && !crl->hasUnhandledCriticalExtension()) {
+///   const auto crl = CertificateRevocationListFactory::read(File::Path("ca.crl"));
+///   if (!crl.empty() && crl->issuedBy(ca, false) && !crl->hasUnhandledCriticalExtension()) {
 ///     X509_REVOKED* entry = nullptr;
 ///     X509_CRL_get0_by_cert(crl, &entry, certificate);
 ///   }

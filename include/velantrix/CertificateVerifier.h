@@ -23,12 +23,10 @@ class PKX509_EXPORT CertificateVerifier {
 
   /// @param certificate     what to verify
   /// @param keyUsage        OpenSSL's `KU_*` bits, of which the certificate should allow one; 0
-  /// asks for
-  ///                        none
+  ///                        asks for none
   /// @param requireKeyUsage whether a certificate that does not allow any of them is refused
   /// @return 0 when the certificate is valid, an `X509_V_ERR_*` code, or -1 when the key usage does
-  /// not
-  ///         fit or the verification could not be carried out
+  ///         not fit or the verification could not be carried out
   virtual int isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage) = 0;
 
   /// The verifier of this process, null until somebody registers one. Borrowed by everybody and

@@ -15,8 +15,11 @@
 
 namespace Velantrix::Crypto::PKX509 {
 
-/// An immutable CertificatePair: `SEQUENCE { forward [0] Certificate OPTIONAL, reverse [1]
-/// Certificate OPTIONAL }` with explicit tags. Several threads may read it at once.
+/// An immutable CertificatePair, with explicit tags. Several threads may read it at once.
+///
+/// @code
+///   SEQUENCE { forward [0] Certificate OPTIONAL, reverse [1] Certificate OPTIONAL }
+/// @endcode
 ///
 /// Whether the two belong together (each the other's issuer) is not checked.
 class PKX509_EXPORT CrossCertificatePair : public RefImpl {

@@ -40,8 +40,8 @@ class PKX509_EXPORT DistinguishedName {
   /// @throws Exception when OpenSSL cannot encode and decode it, for example because a value is not
   ///         valid in its string type
   explicit DistinguishedName(const X509_name_st* name);
-  /// Shares @p name, which nobody changes any more; null makes the empty name. A shared pointer that
-  /// points into a certificate and owns that certificate makes a name without a copy.
+  /// Shares @p name, which nobody changes any more; null makes the empty name. A shared pointer
+  /// that points into a certificate and owns that certificate makes a name without a copy.
   /// @throws Exception as above
   explicit DistinguishedName(std::shared_ptr<const X509_NAME> name);
   /// Reads what `asString()` prints, and the usual variants of it: blanks around separators, types

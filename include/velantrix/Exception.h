@@ -17,9 +17,9 @@ namespace Velantrix {
 
 /// An error that the caller must see.
 ///
-/// A verdict about a certificate is never an exception: it is an `X509_V_ERR_*` code. What is thrown
-/// is what kept the library from reaching a verdict: an unreadable file, a certificate extension
-/// that cannot be decoded, a dereferenced empty handle.
+/// A verdict about a certificate is never an exception: it is an `X509_V_ERR_*` code. What is
+/// thrown is what kept the library from reaching a verdict: an unreadable file, a certificate
+/// extension that cannot be decoded, a dereferenced empty handle.
 ///
 /// The type and its copy operations are visible across the library's border, so it can be caught in
 /// a program that loaded the library at run time.
@@ -30,7 +30,8 @@ class PKX509_EXPORT Exception : public std::exception {
   /// The code of every other failure.
   static constexpr int kFailure = 4;
 
-  /// @param context the component or operation that failed, or the whole message when @p file is null
+  /// @param context the component or operation that failed, or the whole message when @p file is
+  ///                null
   /// @param code    `kEmptyHandle` or `kFailure`
   /// @param file    the source file's name, copied; may be null
   /// @param line    the source line, 0 when there is no file
@@ -39,8 +40,8 @@ class PKX509_EXPORT Exception : public std::exception {
   Exception& operator=(const Exception& other);
   ~Exception() override;
 
-  /// Attaches a detail, for example "Decode failed.". Returns the exception itself, so that it can be
-  /// attached in the throw expression.
+  /// Attaches a detail, for example "Decode failed.". Returns the exception itself, so that it can
+  /// be attached in the throw expression.
   Exception& stringParameter(const std::string& text);
 
   const std::string& stringParameter() const noexcept;

@@ -3,7 +3,9 @@
 ///
 /// @code
 ///   struct Print : File::Processor {
-///     int process(const File::Path& file) override { std::puts(file.asString().c_str()); return 0;
+///     int process(const File::Path& file) override {
+///       std::puts(file.asString().c_str());
+///       return 0;
 ///     }
 ///   } print;
 ///   File::Selector(File::Path("/etc/ssl/certs"), print).start();

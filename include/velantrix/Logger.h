@@ -17,9 +17,9 @@
 namespace Velantrix {
 
 /// The receiver of log lines, and by itself the default one: it writes to syslog(3), facility
-/// "mail", with the priority of each line; a line without text goes out as LOG_DEBUG, since number 0
-/// means an emergency there and is shown to everybody who is logged in. It calls neither openlog(3) nor closelog(3): the
-/// identification is the program's.
+/// "mail", with the priority of each line; a line without text goes out as LOG_DEBUG, since number
+/// 0 means an emergency there and is shown to everybody who is logged in. It calls neither
+/// openlog(3) nor closelog(3): the identification is the program's.
 ///
 /// A program installs a logger of its own by deriving from this class. It overrides `line` to be
 /// given a priority and a text, or `write` to be given the formatted write itself.

@@ -55,13 +55,11 @@ class PKX509_EXPORT FileMediaOut : public MediaOut {
   ~FileMediaOut() override;
 
   /// @throws Exception with the path and the reason. The object is then of no more use: its own
-  /// file
-  ///         is gone, the target is what the last successful `flush` or somebody else made of it,
-  ///         and everything later throws.
+  ///         file is gone, the target is what the last successful `flush` or somebody else made of
+  ///         it, and everything later throws.
   void write(const void* data, std::size_t length) override;
   /// @throws Exception as `write` does. When only the last step fails, bringing the directory to
-  /// the
-  ///         disk, the new file stands under its name but may not outlast a loss of power.
+  ///         the disk, the new file stands under its name but may not outlast a loss of power.
   void flush() override;
 
  private:

@@ -15,8 +15,7 @@ inline constexpr std::size_t kMaxInputSize = std::size_t{128} * 1024 * 1024;
 /// else is refused: a directory has no content and a device may have no end.
 ///
 /// @throws Exception with the path and the reason when the file cannot be read, is neither of the
-/// two
-///         or is larger than @p limit
+///         two or is larger than @p limit
 std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit = kMaxInputSize);
 
 }  // namespace Velantrix

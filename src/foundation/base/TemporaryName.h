@@ -1,5 +1,5 @@
-// The names of files that are being written: the target's name (its beginning, when it is too long),
-// "-tmp-" and sixteen digits, as in "4a6481c9.r0-tmp-0123456789abcdef".
+// The names of files that are being written: the target's name (its beginning, when it is too
+// long), "-tmp-" and sixteen digits, as in "4a6481c9.r0-tmp-0123456789abcdef".
 #pragma once
 
 #include "foundation/base/Hex.h"

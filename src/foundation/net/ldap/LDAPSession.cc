@@ -32,8 +32,8 @@ void startLibrary() {
   static_cast<void>(version);
 }
 
-// --- The head of a message (RFC 4511, 4.1.1 and 5.1): SEQUENCE { messageID INTEGER, [APPLICATION
-// n] ... }, with lengths in the definite form.
+// --- The head of a message (RFC 4511, 4.1.1 and 5.1), with lengths in the definite form:
+//     SEQUENCE { messageID INTEGER, [APPLICATION n] ... }
 
 struct Element {
   unsigned char tag;
