@@ -1,3 +1,7 @@
+// What CRLs say together about one certificate, after RFC 5280, 6.3.3. Its clauses stand beside the
+// branches that follow them, with its words: a DP is an entry's `distributionPoint`, an IDP the
+// issuing distribution point of a CRL, interim_reasons_mask an entry's `reasons`, reasons_mask
+// `mask`, cert_status `reason`, and the complete CRL a base.
 #include "foundation/base/Log.h"
 #include "foundation/model/RelativeName.h"
 #include "foundation/openssl/CRLScore.h"
@@ -46,9 +50,10 @@ int reasonOf(const X509_REVOKED* revoked) {
   return value < INT_MIN || value > INT_MAX ? -1 : static_cast<int>(value);
 }
 
-// Looks the entry's certificate up in the entry's CRL.
+// 6.3.3 (i) and (j): looks the entry's certificate up in the entry's CRL. Issuer and serial number
+// decide (5.3.3).
 void applyEntry(const CRLContainer::Entry& entry, unsigned int& mask, int& reason) {
-  mask |= entry.reasons;
+  mask |= entry.reasons;            // 6.3.3 (l)
   X509_REVOKED* revoked = nullptr;  // borrowed from the CRL
   // 1 is a hit and so is 2, which says that the entry's reason is removeFromCRL.
   if (X509_CRL_get0_by_cert(crlOf(entry).native(), &revoked, entry.certificate) != 0) {
@@ -88,6 +93,9 @@ void CRLContainer::Entry::reject() const {
 unsigned int CRLContainer::Entry::tallyScore(Verifier& owner) const {
   score |= kScoreScope;
   if (certificate->issuedBy(issuer, true)) score |= kScoreIssuerCert;
+  // 6.3.3 (b)(1): with a cRLIssuer in the DP, the issuer of the CRL is one of the names there.
+  // Without one it ought to be the certificate's issuer, and any will do here: it is meant so,
+  // since others may speak for it. CRLs that were not found through a DP were compared before.
   if (!distributionPoint.empty()) {
     const std::list<RefGeneralName> issuers =
         static_cast<const RefCRLDistributionPoint&>(distributionPoint)->issuers();
@@ -119,7 +127,8 @@ void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifi
 
   const RefIssuingDistributionPoint idp = list.issuingDistributionPoint();
   if (idp.empty()) {
-    // RFC 5280, 6.3.3 (b)(2) and 5.2.5: a CRL of another issuer says what it covers.
+    // 6.3.3 (b)(1): with a cRLIssuer in the DP the CRL has an IDP. That this asserts indirectCRL as
+    // well is not asked for.
     if (!point.empty() && !point->issuers().empty()) {
       log(kPriorityDebug,
           "Certificate contains CRL Issuers. The CRL must contain an Issuing Distribution Point.");
@@ -128,16 +137,20 @@ void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifi
     return;
   }
 
+  // 6.3.3 (d): onlySomeReasons narrows the reasons of the DP (1), or all of them where the DP names
+  // none (2). Without it those stay: (3) and (4).
   if (idp->reasons() != kAllReasons) reasons &= idp->reasons();
 
   const bool isCA = certificate->isCACert();
-  if (isCA && idp->onlyUser()) reject();
-  if (!isCA && idp->onlyCA()) reject();
-  if (idp->onlyAttr()) reject();
+  if (isCA && idp->onlyUser()) reject();  // 6.3.3 (b)(2)(ii)
+  if (!isCA && idp->onlyCA()) reject();   // 6.3.3 (b)(2)(iii)
+  if (idp->onlyAttr()) reject();          // 6.3.3 (b)(2)(iv)
 
   const RefCRLDistributionPointName idpName = idp->distributionPointName();
   if (idpName.empty()) return;
   if (point.empty()) {
+    // 6.3.3, its last paragraph: a DP is assumed then, whose name is the certificate's issuer. The
+    // names of an issuerAltName do not count.
     if (*idpName.get() != certificate->issuer()) {
       log(kPriorityDebug, "Certificate issuer and CRL distributionPointNames do not match");
       reject();
@@ -145,14 +158,18 @@ void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifi
     return;
   }
   const RefCRLDistributionPointName pointName = point->distributionPointName();
+  // 6.3.3 (b)(2)(i), second half: the names in the IDP would be compared with the cRLIssuer of a DP
+  // without a name. That this is the issuer of the CRL is enough here.
   if (pointName.empty()) return;
+  // 6.3.3 (b)(2)(i), first half: one of the names in the IDP is one of those in the DP. A relative
+  // name is completed by the issuer of the CRL, on both sides.
   bool match = true;
   if (pointName->type() == idpName->type()) {
-    match = !(*pointName.get() != *idpName.get());
+    match = *pointName.get() == *idpName.get();
   } else if (pointName->type() == kFullName) {
-    match = !(*pointName.get() != completed(idpName->relativeName(), crlIssuer));
+    match = *pointName.get() == completed(idpName->relativeName(), crlIssuer);
   } else {
-    match = !(*idpName.get() != completed(pointName->relativeName(), crlIssuer));
+    match = *idpName.get() == completed(pointName->relativeName(), crlIssuer);
   }
   if (!match) {
     log(kPriorityDebug, "Certificate and CRL distributionPointNames do not match");
@@ -192,6 +209,9 @@ RefObject CRLContainer::getCRL() {
   return entry.crl;
 }
 
+// 5.2.4 (c): the number of the base is not below the one that the delta CRL builds on. That both
+// have one issuer and one scope, 5.2.4 (a) and (b) and 6.3.3 (c), and that the base is the older
+// one, 5.2.4 (d), is not asked: each is held against the certificate by itself.
 bool CRLContainer::isDeltaCRLChainComplete() const {
   if (entries.empty() || !hasDeltaCRL || chainState != ChainUnknown) {
     return chainState == ChainComplete;
@@ -216,9 +236,11 @@ bool CRLContainer::isDeltaCRLChainComplete() const {
 
 int CRLContainer::isRevoked(int& reason) const {
   if (entries.empty()) return X509_V_ERR_UNABLE_TO_GET_CRL;
+  // 6.3.3 would pass over a CRL that adds no reason (e), and stop at the first one that lists the
+  // certificate. Here every entry counts, and the last one that lists it decides.
   unsigned int mask = 0;
   if (!hasDeltaCRL) {
-    for (const Entry& entry : entries) applyEntry(entry, mask, reason);
+    for (const Entry& entry : entries) applyEntry(entry, mask, reason);  // 6.3.3 (j)
   } else {
     if (!isDeltaCRLChainComplete()) return X509_V_ERR_UNABLE_TO_GET_CRL;
     std::set<std::reference_wrapper<const Entry>, DeltaCrlSorter> deltas;
@@ -226,14 +248,18 @@ int CRLContainer::isRevoked(int& reason) const {
       if (crlOf(entry).isDeltaCRL()) {
         deltas.insert(entry);
       } else {
-        applyEntry(entry, mask, reason);
+        applyEntry(entry, mask, reason);  // 6.3.3 (j)
       }
     }
+    // 6.3.3 (i): a delta CRL has the last word, the newest one among several.
     for (const Entry& delta : deltas) applyEntry(delta, mask, reason);
-    if (reason == kRemoveFromCRL) reason = 0;
+    if (reason == kRemoveFromCRL) reason = 0;  // 6.3.3 (k)
   }
+  // 6.3.3: the status is undetermined while a reason is not covered. It is so here also when the
+  // certificate was found, which refuses it as well.
   if (mask != kAllReasons) return X509_V_ERR_UNABLE_TO_GET_CRL;
-  // Reason 0 (unspecified) does not revoke, an entry without a reason (-1) does. It is meant so.
+  // 6.3.3 (i)(1) and (2): an entry without a reason (-1) revokes as "unspecified" would. One that
+  // says unspecified (0) does not revoke: it is meant so.
   return reason != 0 ? X509_V_ERR_CERT_REVOKED : X509_V_OK;
 }
 
@@ -246,6 +272,8 @@ void CRLContainer::extendedCRLChecks(const std::list<RefCertificate>& untrusted)
 // False ends all checking.
 bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate>& untrusted) {
   const CertificateRevocationList& list = crlOf(entry);
+  // 6.3.3 (f): the issuer of the CRL has a valid path of its own, or is on the one that is being
+  // verified. Its trust anchor may be another one of the same store.
   bool issuedOnPath = false;
   for (const RefCertificate& candidate : untrusted) {
     issuedOnPath = list.issuedBy(candidate, false);
@@ -254,6 +282,7 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
   if (!issuedOnPath && !validateIssuer(entry, untrusted)) return false;
 
   const RefCertificate& issuer = entry.issuer;
+  // 6.3.3 (f): with a key usage extension, cRLSign is set. Without one every bit reads as set.
   if ((issuer->keyUsage() & KU_CRL_SIGN) == 0) {
     verifier.contextError(X509_V_ERR_KEYUSAGE_NO_CRL_SIGN);
     return false;
@@ -265,24 +294,28 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
       verifier.contextError(X509_V_ERR_UNABLE_TO_DECODE_ISSUER_PUBLIC_KEY);
       return false;
     }
-    if (!list.isSignedBy(key.get())) {
+    if (!list.isSignedBy(key.get())) {  // 6.3.3 (g), and (h) for a delta CRL
       verifier.contextError(X509_V_ERR_CRL_SIGNATURE_FAILURE);
       return false;
     }
   }
+  // 5.2: a CRL with a critical extension that is not understood decides nothing.
   if (list.hasUnhandledCriticalExtension()) {
     verifier.contextError(X509_V_ERR_UNHANDLED_CRITICAL_CRL_EXTENSION);
     return false;
   }
 
   // The two findings below are recorded and do not end the checks: a later entry whose issuer
-  // validates overwrites them.
+  // validates overwrites them. It is meant so.
   const Time time = checkTime(verifier);
   const ASN1::RefGeneralizedTime nextUpdate = list.nextUpdate();
+  // 6.3.3 (a)(1) and 5.1.2.5: the next update is still to come. As soon as there is a delta CRL,
+  // what has expired counts all the same: it is meant so.
   if (!nextUpdate.empty() && time > nextUpdate->asTime() && !hasDeltaCRL) {
     verifier.contextError(X509_V_ERR_CRL_HAS_EXPIRED);
   }
   const ASN1::RefGeneralizedTime lastUpdate = list.lastUpdate();
+  // 5.1.2.4: the CRL has been issued by then.
   if (!lastUpdate.empty() && time < lastUpdate->asTime()) {
     verifier.contextError(X509_V_ERR_CRL_NOT_YET_VALID);
   }

@@ -1,3 +1,5 @@
+// Asks a responder about a certificate. What an answer has to fulfil before it is accepted is in
+// RFC 6960, 3.2, and who may sign it in 4.2.2.2; the clauses stand beside the steps.
 #include "foundation/base/Fail.h"
 #include "foundation/base/Log.h"
 #include "foundation/net/http/HTTPAccess.h"
@@ -41,7 +43,8 @@ std::string header(const Uri& uri, std::size_t length) {
          std::to_string(length) + "\r\n\r\n";
 }
 
-// Finds the responder's certificate by the identifier of the answer: a name or the hash of a key.
+// Finds the responder's certificate by the identifier of the answer: a name or the hash of a key
+// (RFC 6960, 4.2.1, ResponderID).
 template <class Identifier>
 RefCertificate findResponder(const Identifier& identifier, const BasicResponse& basic,
                              const std::list<RefCertificate>& chain, bool& cameWithAnswer) {
@@ -125,11 +128,15 @@ int Client::query(const RefCertificate& certificate, const RefCertificate& issue
 
   settled = true;
   const BasicResponse basic(response);
+  // 4.4.1: the nonce is that of the request. An answer without one passes: it is meant so.
   if (!basic.matches(request)) {
     log(kPriorityDebug, "OCSP::Client. OCSP Response does not match the request");
     return kNoAnswer;
   }
   if (const int refused = isSignatureValid(response, basic); refused != kGood) return refused;
+  // 3.2, 1: the answer is about the certificate that was asked about. One that does not mention it
+  // counts as good: it is meant so. So it is that thisUpdate and nextUpdate, 3.2, 5 and 6, are not
+  // compared with the clock.
   const Response::Status status = response.find(basic, request.id());
   if (status.status == V_OCSP_CERTSTATUS_REVOKED) {
     logMisplaced(certificateText(certificate) +
@@ -146,6 +153,7 @@ int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& 
   const X509_NAME* name = nullptr;
   bool cameWithAnswer = false;
   RefCertificate responder;
+  // 3.2, 3: who is to answer at a URI is not known beforehand; the signer is whom the answer names.
   if (OCSP_resp_get0_id(native, &keyHash, &name) == 1 && name != nullptr) {
     responder = findResponder(DistinguishedName(name), basic, chain, cameWithAnswer);
   } else if (keyHash != nullptr) {
@@ -156,12 +164,18 @@ int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& 
   }
   if (responder.empty()) return kResponderUnknown;
 
+  // 3.2, 4: the signer may speak about this certificate. Of the criteria of 4.2.2.2 the second,
+  // the issuing CA, is widened to every certificate of the chain. In the place of the third, a
+  // delegate of that CA with id-kp-OCSPSigning, stands whatever validates against the store. Its
+  // own revocation (4.2.2.2.1) is not checked, with id-pkix-ocsp-nocheck or without. It is meant
+  // so.
   const bool inChain = std::find(chain.begin(), chain.end(), responder) != chain.end();
   if (cameWithAnswer && !inChain && !validate(responder)) {
     log(kPriorityInfo, "OCSP::Client: Could not validate Responder's certificate.");
     return kResponderNotValid;
   }
 
+  // 3.2, 2: the signature is valid.
   const RefKey key = responder->key();
   const ErrorScope errors;
   if (ASN1_item_verify(ASN1_ITEM_rptr(OCSP_RESPDATA), OCSP_resp_get0_tbs_sigalg(native),

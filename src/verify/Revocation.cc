@@ -136,6 +136,8 @@ RefCertificateRevocationList Verifier::getCRL(const RefCertificate& target) {
 void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
   if (target.empty()) return;
   const std::list<RefCRLDistributionPoint> points = target->crlDistributionPoints();
+  // RFC 5280, 6.3.3, its last paragraph: CRLs of the certificate's issuer that no distribution
+  // point names. They are looked for only where the certificate has none, and not after them.
   if (points.empty()) {
     const DistinguishedName& issuer = target->issuer();
     std::list<RefCertificateRevocationList> found;
@@ -143,6 +145,7 @@ void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
       HashDirLookupMethod(kCRLDirectory).getBySubject(issuer, found);
     store->find(issuer, found);
     for (const RefCertificateRevocationList& crl : found) {
+      // 6.3.3 (b)(1): without a cRLIssuer the CRL's issuer is the certificate's.
       if (issuer != crl->crlInfo().issuer()) {
         log(kPriorityDebug, "Certificate and CRL issuers do not match");
         continue;
@@ -154,6 +157,9 @@ void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
     }
     return;
   }
+  // 6.3.3: each distribution point, and each CRL that it leads to. Here the issuers of certificate
+  // and CRL are not compared, not even without a cRLIssuer (b)(1): it is meant so, since indirect
+  // CRLs are allowed.
   for (const RefCRLDistributionPoint& point : points) {
     std::list<RefCertificateRevocationList> found;
     store->find(target, point, found);
@@ -167,6 +173,7 @@ void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
 bool Verifier::addCandidate(CRLContainer& container, const RefCertificate& target,
                             const RefCertificateRevocationList& crl,
                             const RefCRLDistributionPoint& point) {
+  // 6.3.3 (d)(3) and (4): the reasons of the distribution point, all where it names none.
   CRLContainer::Entry entry(target, crl, point.empty() ? kAllReasons : point->reasons());
   entry.distributionPoint = point;
   entry.issuer = store->findIssuer(crl, entry.score);
