@@ -176,6 +176,42 @@ TEST(Uri, Canonicalized_LongestPathOfDots_IsBoundedInTime) {
   EXPECT_EQ(Uri(text).canonicalized(), "http://h/");
 }
 
+// RFC 3986, 2.3: what is unreserved stands for itself, every other octet stays encoded.
+TEST(Uri, Canonicalized_EveryEncodedOctet_IsDecodedWhenItIsUnreserved) {
+  constexpr std::string_view kUnreserved =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
+  constexpr std::string_view kUpper = "0123456789ABCDEF";
+  constexpr std::string_view kLower = "0123456789abcdef";
+  for (unsigned int octet = 0; octet < 256; ++octet) {
+    const std::string encoded{'%', kUpper[octet / 16], kUpper[octet % 16]};
+    const std::string lowerCase{'%', kLower[octet / 16], kLower[octet % 16]};
+    const auto character = static_cast<char>(octet);
+    const bool unreserved = kUnreserved.find(character) != std::string_view::npos;
+    const std::string normal = unreserved ? std::string(1, character) : encoded;
+    for (const std::string& written : {encoded, lowerCase}) {
+      const std::string text = "http://h/a" + written + "b?" + written + "#" + written;
+      EXPECT_EQ(Uri(text).canonicalized(), "http://h/a" + normal + "b?" + normal + "#" + normal);
+    }
+  }
+}
+
+TEST(Uri, Canonicalized_EveryLetterOfTheHost_IsInLowerCase) {
+  constexpr const char* kCanonical = "http://abcdefghijklmnopqrstuvwxyz/";
+  EXPECT_EQ(Uri("HTTP://ABCDEFGHIJKLMNOPQRSTUVWXYZ/").canonicalized(), kCanonical);
+  EXPECT_EQ(Uri("http://%41bcdefghijklmnopqrstuvwxy%5A/").canonicalized(), kCanonical);
+  EXPECT_EQ(Uri("http://h%40%5B%60%7B/").canonicalized(), "http://h%40%5B%60%7B/");
+}
+
+TEST(Uri, Length_SixtyFourKibibytesAreTakenAndNotOneMore) {
+  constexpr std::size_t kMost = 65'536;
+  const std::string start = "http://h/";
+  const std::string longest = start + std::string(kMost - start.size(), 'a');
+  ASSERT_EQ(longest.size(), kMost);
+  EXPECT_EQ(Uri(longest).asString(), longest);
+  EXPECT_EQ(Uri(longest).canonicalized(), longest);
+  EXPECT_TRUE(Uri(longest + "a").isNull());
+}
+
 TEST(Uri, Equality_SameNormalForm_IsEqual) {
   EXPECT_TRUE(Uri("HTTP://h:80") == Uri("http://H/"));
   EXPECT_FALSE(Uri("HTTP://h:80") != Uri("http://H/"));
