@@ -5,11 +5,15 @@
 #include <velantrix/MediaOut.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -75,6 +79,14 @@ class FileSizeLimit {
   void (*formerHandler_)(int);
   rlimit former_ = {};
 };
+
+// How often close() was called for what was no open descriptor. In a program with other threads that
+// number may have become a file of theirs.
+std::atomic<int> g_strayCloses{0};
+
+auto openDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
 
 void setAge(const std::filesystem::path& path, std::time_t seconds) {
   const std::time_t then = std::time(nullptr) - seconds;
@@ -332,6 +344,20 @@ TEST_F(FileMediaOutTest, KilledWriter_TheOldFileStandsAndTheLeftoverGoesAfterAnH
   EXPECT_EQ(namesIn(dir), Names{"4a6481c9.0"});
 }
 
+TEST_F(FileMediaOutTest, Descriptors_AreClosedOnce) {
+  const auto open = openDescriptors();
+  const int strayCloses = g_strayCloses;
+  {
+    FileMediaOut out(target);
+    write(out, "first");
+    out.flush();
+    write(out, "second");
+    out.flush();
+  }
+  EXPECT_EQ(openDescriptors(), open);
+  EXPECT_EQ(g_strayCloses, strayCloses);
+}
+
 TEST_F(FileMediaOutTest, Leftovers_OfOthers_AreLeftAlone) {
   const Names kept = {
       "4a6481c9.0-tmp-",                   // no digits
@@ -369,3 +395,10 @@ TEST(StringMediaOut, Write_Pieces_AreCollected) {
 }
 
 }  // namespace
+
+extern "C" __attribute__((visibility("default"))) int close(int descriptor) {
+  static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
+  const int result = real(descriptor);
+  if (result != 0 && errno == EBADF) ++g_strayCloses;
+  return result;
+}
