@@ -33,6 +33,7 @@ inline constexpr unsigned int kTypeA = 1;
 inline constexpr unsigned int kTypeCname = 5;
 inline constexpr unsigned int kTypeAaaa = 28;
 inline constexpr unsigned int kNoError = 0;
+inline constexpr unsigned int kServerFailure = 2;
 inline constexpr unsigned int kNoSuchName = 3;
 
 struct DnsQuery {

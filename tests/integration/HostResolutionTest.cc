@@ -10,11 +10,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <ctime>
 #include <filesystem>
+#include <future>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Velantrix::Test {
@@ -37,6 +40,13 @@ class HostResolution : public testing::Test {
 
 std::string resolve(const std::string& name) {
   return Host(HostName(name)).address().asString(true);
+}
+
+// What this thread has computed so far.
+std::chrono::nanoseconds processorTime() {
+  timespec now{};
+  EXPECT_EQ(clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now), 0);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
 DnsServer::Handler always(const std::vector<std::string>& addresses) {
@@ -189,6 +199,38 @@ TEST_F(HostResolution, FirstNameServerIsSilent_TheNextIsAsked) {
   EXPECT_LT(watch.elapsed(), 4s);
 }
 
+// A socket that c-ares has closed must not be waited on: poll() returns at once for a number that is
+// no descriptor, and the rest of the time would be spent in a circle.
+TEST_F(HostResolution, SocketIsClosedAndTheNextNameServerIsSilent_WaitsWithoutWork) {
+  writeFile("/etc/resolv.conf",
+            "nameserver 127.0.0.1\nnameserver 127.0.0.2\nnameserver 127.0.0.3\n");
+  // The second question comes to the name server that is not there when the first one has already
+  // gone on to the last: no new socket takes the place of the one that is closed then.
+  std::promise<void> reached;
+  bool told = false;
+  const DnsServer last(
+      [&](const DnsQuery&) {
+        if (!std::exchange(told, true)) reached.set_value();
+        return std::string();
+      },
+      "127.0.0.3");
+  const std::future<void> firstQuestionIsThere = reached.get_future();
+  bool second = false;
+  const DnsServer failing([&](const DnsQuery& query) {
+    if (std::exchange(second, true)) firstQuestionIsThere.wait_for(5s);
+    return answerTo(query, {}, kServerFailure);
+  });
+
+  const VerificationRun run(nullptr, 1s);
+  const Stopwatch watch;
+  const auto before = processorTime();
+  EXPECT_EQ(resolve("host.example.test"), "");
+  EXPECT_LT(processorTime() - before, 250ms);
+  EXPECT_TRUE(watch.took(1s));
+  EXPECT_EQ(failing.queries().size(), 2U);
+  EXPECT_EQ(last.queries().size(), 2U);
+}
+
 TEST_F(HostResolution, AnswersThatAreNone_GiveNoAddressInTime) {
   const auto addressRecord = [] { return record(kTypeA, "\xc0\x00\x02\x42"s); };
   const struct {
@@ -246,7 +288,7 @@ TEST_F(HostResolution, AnswersThatAreNone_GiveNoAddressInTime) {
          return answer;
        }},
       {"refused", [](const DnsQuery& query) { return answerTo(query, {}, 5); }},
-      {"failed", [](const DnsQuery& query) { return answerTo(query, {}, 2); }},
+      {"failed", [](const DnsQuery& query) { return answerTo(query, {}, kServerFailure); }},
       {"64 KiB",
        [](const DnsQuery& query) { return answerTo(query, {}) + std::string(60'000, '\0'); }},
   };
