@@ -11,7 +11,9 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <iterator>
+#include <string>
 #include <type_traits>
+#include <vector>
 
 namespace Velantrix::Test {
 namespace {
@@ -209,6 +211,48 @@ TEST(LookupMethod, NegativeLength_IsNoBytes) {
   EXPECT_EQ(X509_LOOKUP_by_fingerprint(lookup, X509_LU_X509, kBytes, -1, record), 0);
   EXPECT_EQ(X509_LOOKUP_by_alias(lookup, X509_LU_X509, "alias", -1, record), 0);
   EXPECT_EQ(events, (Events{"fingerprint 1 ", "alias 1 "}));
+}
+
+std::string textOf(const Buffer& bytes) { return {bytes.data(), bytes.data() + bytes.length()}; }
+
+/// Keeps what it was asked for, as a source does that answers later or caches by it.
+class KeepingMethod : public LookupMethod {
+ public:
+  KeepingMethod() : LookupMethod("Keeping") {}
+  RefObject getByFingerPrint(Object::Type /*type*/, const Buffer& fingerPrint) override {
+    kept.push_back(fingerPrint);
+    return RefObject();
+  }
+  RefObject getByAlias(Object::Type /*type*/, const Buffer& alias) override {
+    kept.push_back(alias);
+    return RefObject();
+  }
+  std::vector<Buffer> kept;
+};
+
+TEST(LookupMethod, BuffersThatAMethodKeeps_OutliveTheCallersBytes) {
+  auto* const method = new KeepingMethod;
+  const RefLookupMethod owner(method);
+  RefObjectStore store = emptyStore();
+  store->add(owner);
+  X509_LOOKUP* const lookup = lookupIn(store, owner);
+  const auto expectKept = [&] {
+    ASSERT_EQ(method->kept.size(), 2U);
+    EXPECT_EQ(textOf(method->kept[0]), "octets of a fingerprint");
+    EXPECT_EQ(textOf(method->kept[1]), "the alias of a certificate");
+  };
+  {
+    const Record record;
+    std::string fingerprint = "octets of a fingerprint";
+    std::string alias = "the alias of a certificate";
+    const auto bytes = reinterpret_cast<const unsigned char*>(fingerprint.data());
+    EXPECT_EQ(X509_LOOKUP_by_fingerprint(lookup, X509_LU_X509, bytes, 23, record), 0);
+    EXPECT_EQ(X509_LOOKUP_by_alias(lookup, X509_LU_X509, alias.data(), 26, record), 0);
+    fingerprint.assign(fingerprint.size(), 'x');
+    alias.assign(alias.size(), 'x');
+    expectKept();
+  }
+  expectKept();  // where a sanitizer sees that the caller's bytes are gone
 }
 
 TEST(LookupMethod, CertificateFound_IsHandedOutWithItsTypeAsTheResult) {
