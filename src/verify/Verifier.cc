@@ -285,6 +285,8 @@ int Verifier::certCRLCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x) {
   });
 }
 
+// Once for a certificate: where CRLs cover some reasons each, OpenSSL comes for the next one, and with
+// all that follow applied every time the work would grow with the square of their number.
 bool Verifier::applyRemaining(X509* x) {
   if (remainingApplied_ || lastCertificate.empty() || lastCertificate->native() != x) return true;
   remainingApplied_ = true;

@@ -2,7 +2,9 @@
 #include "unit/verify/World.h"
 
 #include <gtest/gtest.h>
+#include <map>
 #include <stdexcept>
+#include <utility>
 
 namespace Velantrix::Test {
 namespace {
@@ -461,6 +463,70 @@ TEST_P(BothChecks, RevokedIntermediate) {
   Verifier verifier(world.store, handle(leaf), GetParam());
   EXPECT_EQ(verifier.isValid(), kRevoked);
   EXPECT_EQ(X509_STORE_CTX_get_error_depth(verifier), 1);
+}
+
+TEST_F(RevocationTest, GetCRLWithACRLOfItsOwn_OpenSSLChecksThatOne) {
+  const Issued good = person({});
+  const Issued bad = person({});
+  const RefCertificateRevocationList own =
+      crlHandle({.issuer = &root, .revoked = {{.serial = bad}}});
+  const std::pair<const Issued&, int> rows[] = {{good, 0}, {bad, kRevoked}};
+  for (const auto& [issued, expected] : rows) {
+    Probe verifier(world.store, handle(issued), true);
+    verifier.onGetCRL = [&](const RefCertificate&) { return own; };
+    EXPECT_EQ(verifier.isValid(), expected);
+    EXPECT_GT(verifier.getCRLCalls, 0);
+    EXPECT_EQ(verifier.getCRLsCalls, 0);
+  }
+}
+
+// What was gathered for one certificate says nothing about another.
+TEST_F(RevocationTest, GetCRLThatGathersForAnother_TheOthersCRLsAreNotApplied) {
+  world.publish({.issuer = &root});
+  world.publish({.issuer = &root});
+  const RefCertificateRevocationList own = crlHandle({.issuer = &inter});
+  Verifier::Config config;
+  config.flags = X509_V_FLAG_CRL_CHECK;
+  Probe verifier(world.store, handle(leaf), RefStackOfCertificate(), config, true);
+  verifier.onGetCRL = [&](const RefCertificate&) {
+    EXPECT_FALSE(verifier.Verifier::getCRL(handle(inter)).empty());
+    return own;
+  };
+  EXPECT_EQ(verifier.isValid(), 0);
+  EXPECT_FALSE(verifier.crls.empty());
+  EXPECT_EQ(verifier.lastCertificate->native(), inter.get());
+}
+
+// OpenSSL comes for the next CRL until all reasons are covered. What is left counts when it comes
+// for the first time, and then each CRL in its turn: not all of them every time, or the work would
+// grow with the square of the number of CRLs that somebody publishes.
+std::map<X509_CRL*, int>& timesApplied() {
+  static std::map<X509_CRL*, int> times;
+  return times;
+}
+
+TEST_F(RevocationTest, ManyCRLsForSomeReasons_OpenSSLAppliesEachTwiceAtMost) {
+  constexpr int kPartial = 8;
+  const Issued issued = person({});
+  for (int i = 0; i < kPartial; ++i) {
+    world.publish({.issuer = &root, .idp = Scope{.onlySomeReasons = i % 2 == 0 ? 0x06 : 0x18}});
+  }
+  world.publish({.issuer = &root});
+  timesApplied().clear();
+  X509_STORE_set_cert_crl(world.store, [](X509_STORE_CTX*, X509_CRL* crl, X509*) {
+    ++timesApplied()[crl];
+    return 1;
+  });
+  Verifier::Config config;
+  config.flags = X509_V_FLAG_CRL_CHECK | X509_V_FLAG_EXTENDED_CRL_SUPPORT;
+  Probe verifier(world.store, handle(issued), RefStackOfCertificate(), config, true);
+  EXPECT_EQ(verifier.isValid(), 0) << log.text();
+  EXPECT_EQ(verifier.getCRLCalls, kPartial + 1);
+  EXPECT_EQ(timesApplied().size(), std::size_t{kPartial + 1});
+  for (const RefCertificateRevocationList& crl : world.source->crls) {
+    const bool first = crl.get() == world.source->crls.front().get();
+    EXPECT_EQ(timesApplied()[crl->native()], first ? 1 : 2);
+  }
 }
 
 // The CRL of an issuer outside the path. OpenSSL validates that issuer in a context of its own,

@@ -154,6 +154,20 @@ TEST_F(VerifierTest, SecondCallAboutTheLastCertificate_GathersCRLsAgain) {
   EXPECT_EQ(verifier.getCRLsCalls, 2);
 }
 
+TEST_F(VerifierTest, SecondCallWithoutCRLs_ForgetsTheLastOnesScoreIssuerAndReasons) {
+  publishAll();
+  Verifier verifier(world.store, handle(leaf), true);
+  EXPECT_EQ(verifier.isValid(), 0);
+  EXPECT_NE(verifier.currentCRLScore(), 0U);
+  EXPECT_EQ(verifier.currentIssuer(), root.get());
+  EXPECT_EQ(verifier.currentReasons(), kAllReasons);
+  world.source->crls.clear();
+  EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_EQ(verifier.currentCRLScore(), 0U);
+  EXPECT_EQ(verifier.currentIssuer(), nullptr);
+  EXPECT_EQ(verifier.currentReasons(), 0U);
+}
+
 int g_callbacks = 0;
 int countingCallback(int ok, X509_STORE_CTX*) {
   ++g_callbacks;
