@@ -197,18 +197,14 @@ class Parser {
   // The DER of the RDNSequence, or nothing.
   std::optional<std::string> parse() {
     std::vector<std::string> rdns;
-    std::size_t size = 0;
     do {
       std::optional<std::string> rdn = relativeName();
       if (!rdn) return std::nullopt;
-      size += rdn->size();
-      if (size > kMaxDer) return std::nullopt;
       rdns.push_back(std::move(*rdn));
     } while (skip(','));
     if (position_ != text_.size()) return std::nullopt;
 
     std::string content;
-    content.reserve(size);
     for (auto rdn = rdns.rbegin(); rdn != rdns.rend(); ++rdn) content += *rdn;
     std::string der;
     appendDer(der, V_ASN1_SEQUENCE, true, content);
@@ -270,6 +266,9 @@ class Parser {
     }
     std::string der;
     appendDer(der, V_ASN1_SEQUENCE, true, content);
+    // What OpenSSL would refuse is not put together: a text has room for millions of attributes.
+    size_ += der.size();
+    if (size_ > kMaxDer) return std::nullopt;
     return der;
   }
 
@@ -304,6 +303,7 @@ class Parser {
 
   std::string_view text_;
   std::size_t position_ = 0;
+  std::size_t size_ = 0;  // of the attributes so far
 };
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "support/Command.h"
+#include "support/Memory.h"
 #include "support/Pki.h"
 
 #include <velantrix/DistinguishedName.h>
 
+#include <cstddef>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
@@ -16,6 +18,8 @@ namespace {
 namespace Pki = Velantrix::Test;
 
 using namespace std::string_literals;
+
+constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
 
 std::string tlv(int tag, const std::string& content, bool constructed = false) {
   std::string out;
@@ -199,6 +203,32 @@ TEST(DistinguishedName, LongTexts_ReadOrRefusedInLinearTime) {
   std::string many = "C=a";
   for (int i = 0; i < 1000000; ++i) many += ",C=a";
   EXPECT_TRUE(DistinguishedName(many).empty());
+}
+
+TEST(DistinguishedName, LargestNameThatOpenSSLHolds_IsReadAndNotOneOctetMore) {
+  // Four headers of five octets each, and a type of five.
+  const std::string text = "CN=" + std::string(kMebibyte - 25, 'x');
+  const DistinguishedName name(text);
+  ASSERT_FALSE(name.empty());
+  EXPECT_EQ(der(name).size(), kMebibyte);
+  EXPECT_EQ(name.asString(), text);
+  EXPECT_TRUE(DistinguishedName(text + "x").empty());
+}
+
+TEST(DistinguishedName, LongestText_IsReadAndNotOneCharacterMore) {
+  const std::string text = std::string(8 * kMebibyte - 4, ' ') + "CN=a";
+  EXPECT_EQ(DistinguishedName(text).asString(), "CN=a");
+  EXPECT_TRUE(DistinguishedName(" " + text).empty());
+}
+
+TEST(DistinguishedName, TextOfMillionsOfAttributes_IsBoundedInMemory) {
+  for (const char separator : {',', '+'}) {
+    std::string text = "C=";
+    while (text.size() + 3 <= 8 * kMebibyte) text += {separator, 'C', '='};
+    const Pki::MemoryPeak peak;
+    EXPECT_TRUE(DistinguishedName(text).empty());
+    EXPECT_LT(peak.resident(), 64 * kMebibyte) << separator;
+  }
 }
 
 TEST(DistinguishedName, Equality_CanonicalComparison) {
