@@ -12,7 +12,7 @@ constexpr int kGetCRL = X509_V_ERR_UNABLE_TO_GET_CRL;
 constexpr int kRevoked = X509_V_ERR_CERT_REVOKED;
 constexpr char kNoBase[] = "Could not find Base CRL";
 
-class DeltaTest : public testing::Test {
+class CRLContainerDeltaTest : public testing::Test {
  protected:
   const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
@@ -50,7 +50,7 @@ struct MergeRow {
   int reason;
 };
 
-TEST_F(DeltaTest, BaseAndDelta_TogetherGiveTheVerdict) {
+TEST_F(CRLContainerDeltaTest, BaseAndDelta_TogetherGiveTheVerdict) {
   const MergeRow rows[] = {
       {"neither lists it", -2, -2, 0, 0},
       {"base revokes, delta is silent", 1, -2, kRevoked, 1},
@@ -79,7 +79,7 @@ TEST_F(DeltaTest, BaseAndDelta_TogetherGiveTheVerdict) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(DeltaTest, SeveralDeltas_TheNewestThatListsItDecides) {
+TEST_F(CRLContainerDeltaTest, SeveralDeltas_TheNewestThatListsItDecides) {
   addBase(-2);
   addDelta(8, hours(-1));
   addDelta(1, hours(-3));
@@ -95,7 +95,7 @@ TEST_F(DeltaTest, SeveralDeltas_TheNewestThatListsItDecides) {
   EXPECT_EQ(reason, 4);
 }
 
-TEST_F(DeltaTest, SameLastUpdate_OnlyTheFirstAddedIsConsulted) {
+TEST_F(CRLContainerDeltaTest, SameLastUpdate_OnlyTheFirstAddedIsConsulted) {
   const When same = When::at(When(hours(-2)).time());
   addBase(-2);
   addDelta(-2, same);
@@ -108,7 +108,7 @@ TEST_F(DeltaTest, SameLastUpdate_OnlyTheFirstAddedIsConsulted) {
   EXPECT_EQ(container.isRevoked(reason), kRevoked);
 }
 
-TEST_F(DeltaTest, SameLastUpdate_ReasonsOfTheSecondDoNotCount) {
+TEST_F(CRLContainerDeltaTest, SameLastUpdate_ReasonsOfTheSecondDoNotCount) {
   const When same = When::at(When(hours(-2)).time());
   const CRLOptions delta{.issuer = &root, .lastUpdate = same, .deltaBase = Serial(1)};
   add({.issuer = &root}, 0x0006);
@@ -121,7 +121,7 @@ TEST_F(DeltaTest, SameLastUpdate_ReasonsOfTheSecondDoNotCount) {
   EXPECT_EQ(container.isRevoked(reason), 0);
 }
 
-TEST_F(DeltaTest, Sorter_IsAnOrderByLastUpdate) {
+TEST_F(CRLContainerDeltaTest, Sorter_IsAnOrderByLastUpdate) {
   addDelta(-2, hours(-3));
   addDelta(-2, hours(-1));
   const DeltaCrlSorter before;
@@ -132,7 +132,7 @@ TEST_F(DeltaTest, Sorter_IsAnOrderByLastUpdate) {
   EXPECT_FALSE(before(old, old));
 }
 
-TEST_F(DeltaTest, BaseTooOld_OneLineAndNothingIsHandedOut) {
+TEST_F(CRLContainerDeltaTest, BaseTooOld_OneLineAndNothingIsHandedOut) {
   addBase(1, Serial(4));
   addDelta(-2);
   EXPECT_TRUE(container.getCRL().empty());
@@ -144,13 +144,13 @@ TEST_F(DeltaTest, BaseTooOld_OneLineAndNothingIsHandedOut) {
   EXPECT_EQ(log.text(), std::string("7 ") + kNoBase + "\n");
 }
 
-TEST_F(DeltaTest, DeltaAlone_HasNoBase) {
+TEST_F(CRLContainerDeltaTest, DeltaAlone_HasNoBase) {
   addDelta(1);
   EXPECT_EQ(container.isRevoked(reason), kGetCRL);
   EXPECT_EQ(log.count(kNoBase), 1U);
 }
 
-TEST_F(DeltaTest, BaseNumber_DecidesWhetherTheChainIsComplete) {
+TEST_F(CRLContainerDeltaTest, BaseNumber_DecidesWhetherTheChainIsComplete) {
   struct Row {
     const char* name;
     std::optional<Serial> number;
@@ -171,13 +171,13 @@ TEST_F(DeltaTest, BaseNumber_DecidesWhetherTheChainIsComplete) {
   }
 }
 
-TEST_F(DeltaTest, DeltaAsBase_DoesNotCount) {
+TEST_F(CRLContainerDeltaTest, DeltaAsBase_DoesNotCount) {
   addDelta(-2, hours(-2), Serial(5));
   addDelta(-2, hours(-1), Serial(6));  // the first delta has number 6
   EXPECT_FALSE(container.isDeltaCRLChainComplete());
 }
 
-TEST_F(DeltaTest, OneOfTwoDeltasWithoutBase_ChainIsIncomplete) {
+TEST_F(CRLContainerDeltaTest, OneOfTwoDeltasWithoutBase_ChainIsIncomplete) {
   addBase(-2);
   addDelta(-2, hours(-2), Serial(9));
   addDelta(-2, hours(-1), Serial(5));
@@ -185,7 +185,7 @@ TEST_F(DeltaTest, OneOfTwoDeltasWithoutBase_ChainIsIncomplete) {
   EXPECT_EQ(log.count(kNoBase), 1U);
 }
 
-TEST_F(DeltaTest, AnyBaseWillDo) {
+TEST_F(CRLContainerDeltaTest, AnyBaseWillDo) {
   addBase(-2, Serial(1));
   addBase(-2, Serial(7));
   addDelta(-2);
@@ -193,7 +193,7 @@ TEST_F(DeltaTest, AnyBaseWillDo) {
   EXPECT_EQ(container.chainState, OpenContainer::ChainComplete);
 }
 
-TEST_F(DeltaTest, ChainState_IsKeptUntilClear) {
+TEST_F(CRLContainerDeltaTest, ChainState_IsKeptUntilClear) {
   addDelta(-2);
   EXPECT_FALSE(container.isDeltaCRLChainComplete());
   addBase(-2);
@@ -209,14 +209,14 @@ TEST_F(DeltaTest, ChainState_IsKeptUntilClear) {
   EXPECT_EQ(log.count(kNoBase), 1U);
 }
 
-TEST_F(DeltaTest, NoDelta_ChainIsNotCompleteAndNotComputed) {
+TEST_F(CRLContainerDeltaTest, NoDelta_ChainIsNotCompleteAndNotComputed) {
   addBase(-2);
   EXPECT_FALSE(container.isDeltaCRLChainComplete());
   EXPECT_EQ(container.chainState, OpenContainer::ChainUnknown);
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(DeltaTest, CompleteChain_HandsOutBaseAndDelta) {
+TEST_F(CRLContainerDeltaTest, CompleteChain_HandsOutBaseAndDelta) {
   addBase(-2);
   addDelta(-2);
   EXPECT_FALSE(container.getCRL().empty());
@@ -226,7 +226,7 @@ TEST_F(DeltaTest, CompleteChain_HandsOutBaseAndDelta) {
   EXPECT_TRUE(container.isDeltaCRLChainComplete());
 }
 
-TEST_F(DeltaTest, RejectedDelta_StillPutsTheContainerIntoDeltaMode) {
+TEST_F(CRLContainerDeltaTest, RejectedDelta_StillPutsTheContainerIntoDeltaMode) {
   addBase(8);
   add({.issuer = &root, .deltaBase = Serial(1), .idp = Scope{.onlyCA = true}});
   EXPECT_EQ(container.entries.size(), 1U);

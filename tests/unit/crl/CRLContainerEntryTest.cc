@@ -9,7 +9,7 @@ namespace {
 constexpr unsigned int kScope = 0x80;
 constexpr unsigned int kIssuerCert = 0x18;
 
-class EntryTest : public testing::Test {
+class CRLContainerEntryTest : public testing::Test {
  protected:
   const Issued root = issueCA("O=Test,CN=Root");
   const Issued other = issueCA("O=Test,CN=Other");
@@ -28,7 +28,7 @@ class EntryTest : public testing::Test {
   }
 };
 
-TEST_F(EntryTest, Constructed_HoldsWhatItIsGivenAndNothingElse) {
+TEST_F(CRLContainerEntryTest, Constructed_HoldsWhatItIsGivenAndNothingElse) {
   const RefCertificateRevocationList crl = crlHandle({.issuer = &root});
   const CRLContainer::Entry entry(handle(leaf), crl, 0x42);
   EXPECT_EQ(entry.certificate.get()->native(), leaf.get());
@@ -40,7 +40,7 @@ TEST_F(EntryTest, Constructed_HoldsWhatItIsGivenAndNothingElse) {
   EXPECT_EQ(entry.score, 0U);
 }
 
-TEST_F(EntryTest, CopyAndAssignment_TakeEveryMember) {
+TEST_F(CRLContainerEntryTest, CopyAndAssignment_TakeEveryMember) {
   CRLContainer::Entry entry =
       through({.fullNames = {"URI:http://a.test/"}}, {.issuer = &root}, root);
   entry.score = 3;
@@ -58,7 +58,7 @@ TEST_F(EntryTest, CopyAndAssignment_TakeEveryMember) {
   }
 }
 
-TEST_F(EntryTest, Score_ByWhoIssuedTheCertificate) {
+TEST_F(CRLContainerEntryTest, Score_ByWhoIssuedTheCertificate) {
   struct Row {
     const char* name;
     RefCertificate issuer;
@@ -83,7 +83,7 @@ TEST_F(EntryTest, Score_ByWhoIssuedTheCertificate) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(EntryTest, IssuerByNameOnly_TheSignatureDoesNotCount) {
+TEST_F(CRLContainerEntryTest, IssuerByNameOnly_TheSignatureDoesNotCount) {
   const Issued forged = issueCA("O=Test,CN=Root");
   const Issued target =
       issue({.subject = "CN=X", .issuer = &root, .authorityKeyId = KeyId::Absent});
@@ -92,7 +92,7 @@ TEST_F(EntryTest, IssuerByNameOnly_TheSignatureDoesNotCount) {
   EXPECT_EQ(entry.tallyScore(verifier), kScope | kIssuerCert);
 }
 
-TEST_F(EntryTest, CRLIssuerNamedByThePoint_IsAcceptable) {
+TEST_F(CRLContainerEntryTest, CRLIssuerNamedByThePoint_IsAcceptable) {
   const Point point{
       .crlIssuers = {"URI:http://a.test/", "dirName:O=Test,CN=Nobody", "dirName:O=Test,CN=Other"}};
   const CRLContainer::Entry entry =
@@ -103,7 +103,7 @@ TEST_F(EntryTest, CRLIssuerNamedByThePoint_IsAcceptable) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(EntryTest, CRLIssuerNotNamedByThePoint_Error33AndTheMisplacedLine) {
+TEST_F(CRLContainerEntryTest, CRLIssuerNotNamedByThePoint_Error33AndTheMisplacedLine) {
   // The issuing distribution point would narrow the reasons, were it looked at.
   const CRLContainer::Entry entry =
       through({.crlIssuers = {"URI:http://a.test/", "dirName:O=Test,CN=Nobody"}},
@@ -120,7 +120,7 @@ TEST_F(EntryTest, CRLIssuerNotNamedByThePoint_Error33AndTheMisplacedLine) {
   EXPECT_EQ(log.lines().front().raw, "0\x01");
 }
 
-TEST_F(EntryTest, CRLIssuerNotNamedByThePoint_IsNotStored) {
+TEST_F(CRLContainerEntryTest, CRLIssuerNotNamedByThePoint_IsNotStored) {
   OpenContainer container(verifier);
   container.add(makeEntry(handle(leaf), crlHandle({.issuer = &root}), handle(root)));
   container.add(through({.crlIssuers = {"dirName:O=Test,CN=Nobody"}}, {.issuer = &other}, other));
@@ -128,7 +128,7 @@ TEST_F(EntryTest, CRLIssuerNotNamedByThePoint_IsNotStored) {
   EXPECT_EQ(verifier.contextError(), X509_V_ERR_UNABLE_TO_GET_CRL_ISSUER);
 }
 
-TEST_F(EntryTest, PointWithoutCRLIssuers_GoesStraightToTheScope) {
+TEST_F(CRLContainerEntryTest, PointWithoutCRLIssuers_GoesStraightToTheScope) {
   const Point point{.fullNames = {"URI:http://a.test/"}};
   const CRLContainer::Entry good = through(point, {.issuer = &root}, root);
   EXPECT_EQ(good.tallyScore(verifier), kScope | kIssuerCert);

@@ -13,13 +13,13 @@ constexpr int kRevoked = X509_V_ERR_CERT_REVOKED;
 
 // The CRLs of others: a certificate names their issuer in a distribution point, and the CRL says
 // that it is an indirect one.
-class NestedVerificationTest : public testing::Test {
+class VerifierNestedTest : public testing::Test {
  protected:
   const Issued root = issueCA("O=Test,CN=Root");
   World world;
   LogCapture log;
 
-  NestedVerificationTest() {
+  VerifierNestedTest() {
     world.trust(root);
     world.publish({.issuer = &root});
   }
@@ -47,7 +47,7 @@ class NestedVerificationTest : public testing::Test {
   }
 };
 
-TEST_F(NestedVerificationTest, ValidIssuer_ItsCRLCounts) {
+TEST_F(VerifierNestedTest, ValidIssuer_ItsCRLCounts) {
   const Issued lists = ca("O=Test,CN=Lists");
   const Issued good = person("O=Test,CN=Lists");
   const Issued bad = person("O=Test,CN=Lists");
@@ -58,7 +58,7 @@ TEST_F(NestedVerificationTest, ValidIssuer_ItsCRLCounts) {
   EXPECT_EQ(log.text(), "7 " + failureLine(bad, kRevoked) + "\n");
 }
 
-TEST_F(NestedVerificationTest, RevokedIssuer_ItsCodeIsTheVerdict) {
+TEST_F(VerifierNestedTest, RevokedIssuer_ItsCodeIsTheVerdict) {
   const Issued lists = ca("O=Test,CN=Lists");
   world.source->crls.clear();
   world.publish({.issuer = &root, .revoked = {{.serial = lists, .reason = 1}}});
@@ -69,7 +69,7 @@ TEST_F(NestedVerificationTest, RevokedIssuer_ItsCodeIsTheVerdict) {
             "7 " + failureLine(lists, kRevoked) + "\n7 " + failureLine(good, kRevoked) + "\n");
 }
 
-TEST_F(NestedVerificationTest, IssuerNotBelowATrustAnchor_ItsCodeIsTheVerdict) {
+TEST_F(VerifierNestedTest, IssuerNotBelowATrustAnchor_ItsCodeIsTheVerdict) {
   const Issued stranger = issueCA("O=Test,CN=Stranger");
   // Known as an issuer, not trusted.
   world.store->add(std::list<RefCertificate>{handle(stranger)});
@@ -77,7 +77,7 @@ TEST_F(NestedVerificationTest, IssuerNotBelowATrustAnchor_ItsCodeIsTheVerdict) {
   EXPECT_EQ(verdict(person("O=Test,CN=Stranger")), X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT);
 }
 
-TEST_F(NestedVerificationTest, CertificatesOfThePath_HelpToBuildTheIssuersPath) {
+TEST_F(VerifierNestedTest, CertificatesOfThePath_HelpToBuildTheIssuersPath) {
   // The CRL issuer is below an intermediate that only the outer verification was given.
   const Issued inter = issueCA("O=Test,CN=Inter", &root);
   const Issued lists = issueCA("O=Test,CN=Lists", &inter);
@@ -95,7 +95,7 @@ TEST_F(NestedVerificationTest, CertificatesOfThePath_HelpToBuildTheIssuersPath) 
   EXPECT_EQ(Verifier(world.store, handle(good), stackOf({inter}), false).isValid(), 0);
 }
 
-TEST_F(NestedVerificationTest, TimeOfTheOuterVerification_CountsInside) {
+TEST_F(VerifierNestedTest, TimeOfTheOuterVerification_CountsInside) {
   const Issued lists = issue({.subject = "O=Test,CN=Lists",
                               .issuer = &root,
                               .notBefore = hours(-24 * 30),
@@ -133,7 +133,7 @@ TEST_F(NestedVerificationTest, TimeOfTheOuterVerification_CountsInside) {
   EXPECT_EQ(untimed.isValid(), 0);
 }
 
-TEST_F(NestedVerificationTest, CircleOfTwo_54AndOneLineThatSaysWhy) {
+TEST_F(VerifierNestedTest, CircleOfTwo_54AndOneLineThatSaysWhy) {
   const Issued a = ca("O=Test,CN=A", "O=Test,CN=B");
   const Issued b = ca("O=Test,CN=B", "O=Test,CN=A");
   publishIndirect(a);
@@ -148,7 +148,7 @@ TEST_F(NestedVerificationTest, CircleOfTwo_54AndOneLineThatSaysWhy) {
   EXPECT_EQ(log.count(": its own verification depends on it"), 1U);
 }
 
-TEST_F(NestedVerificationTest, CircleOfOne_Is54) {
+TEST_F(VerifierNestedTest, CircleOfOne_Is54) {
   // Another certificate of that name issued the CRL, so the signature is not that of the path.
   const Issued a = ca("O=Test,CN=A", "O=Test,CN=A");
   publishIndirect(a);
@@ -157,7 +157,7 @@ TEST_F(NestedVerificationTest, CircleOfOne_Is54) {
   EXPECT_EQ(verdict(a), kPath);
 }
 
-TEST_F(NestedVerificationTest, CertificateOfAnOuterPath_MayBeVerified) {
+TEST_F(VerifierNestedTest, CertificateOfAnOuterPath_MayBeVerified) {
   // The CRL issuer of the person is an intermediate of an enclosing path, not its target.
   const Issued lists = ca("O=Test,CN=Lists");
   publishIndirect(lists);
@@ -169,7 +169,7 @@ TEST_F(NestedVerificationTest, CertificateOfAnOuterPath_MayBeVerified) {
 }
 
 // CA 1 needs CA 2, and so on; the last one is told by the root.
-class DepthTest : public NestedVerificationTest {
+class DepthTest : public VerifierNestedTest {
  protected:
   Issued chainOf(int length) {
     Issued first;
@@ -194,7 +194,7 @@ TEST_F(DepthTest, NinthLevel_54AndOneLineThatSaysWhy) {
   EXPECT_EQ(log.lines().size(), 9U);
 }
 
-class BreadthTest : public NestedVerificationTest {
+class BreadthTest : public VerifierNestedTest {
  protected:
   Issued personOf(int issuers) {
     std::vector<Point> points;
@@ -223,7 +223,7 @@ TEST_F(BreadthTest, SixtyFifthNested_54AndOneLineThatSaysWhy) {
   EXPECT_EQ(log.count(": too many nested verifications"), 1U);
 }
 
-class LookupBoundTest : public NestedVerificationTest {
+class LookupBoundTest : public VerifierNestedTest {
  protected:
   // A point with that many names of which only the one at `hit` (from 1) leads to the root's CRL.
   Issued withNames(int names, int hit) {

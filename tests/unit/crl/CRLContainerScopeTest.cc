@@ -180,7 +180,7 @@ const std::vector<Row>& rows() {
   return table;
 }
 
-class IssuingDistributionPointTest : public testing::Test {
+class CRLContainerScopeTest : public testing::Test {
  protected:
   const Issued root = issueCA("O=Test,CN=Root");
   const Issued lists = issueCA("C=DE,CN=Lists");
@@ -200,7 +200,7 @@ class IssuingDistributionPointTest : public testing::Test {
   }
 };
 
-TEST_F(IssuingDistributionPointTest, Check_AcceptsOrRejectsWithItsLine) {
+TEST_F(CRLContainerScopeTest, Check_AcceptsOrRejectsWithItsLine) {
   for (const Row& row : rows()) {
     SCOPED_TRACE(row.name);
     log.clear();
@@ -215,7 +215,7 @@ TEST_F(IssuingDistributionPointTest, Check_AcceptsOrRejectsWithItsLine) {
   }
 }
 
-TEST_F(IssuingDistributionPointTest, Container_KeepsWhatIsAcceptedOnly) {
+TEST_F(CRLContainerScopeTest, Container_KeepsWhatIsAcceptedOnly) {
   for (const Row& row : rows()) {
     SCOPED_TRACE(row.name);
     OpenContainer container(verifier);
@@ -228,7 +228,7 @@ TEST_F(IssuingDistributionPointTest, Container_KeepsWhatIsAcceptedOnly) {
   }
 }
 
-TEST_F(IssuingDistributionPointTest, CACertificateAndACRLForUsers_IsNotStored) {
+TEST_F(CRLContainerScopeTest, CACertificateAndACRLForUsers_IsNotStored) {
   OpenContainer container(verifier);
   container.add(makeEntry(
       handle(root), crlHandle({.issuer = &lists, .idp = Scope{.onlyUser = true}}), handle(lists)));

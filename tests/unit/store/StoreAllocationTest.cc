@@ -107,7 +107,7 @@ void walkBoth(Scenario scenario) {
 // The first use of the library in a process allocates more than later ones do. Every step is a
 // process of its own, and this test comes first so that none of them inherits what later tests
 // leave.
-TEST(AllocationFailureDeathTest, FirstUse_ThrowsAndLeavesTheLibraryUsable) {
+TEST(StoreAllocationDeathTest, FirstUse_ThrowsAndLeavesTheLibraryUsable) {
   const Issued root = issueCA("CN=Root");
   const auto use = [&] {
     const RefCertificate certificate = model(root);
@@ -144,7 +144,7 @@ TEST(AllocationFailureDeathTest, FirstUse_ThrowsAndLeavesTheLibraryUsable) {
   EXPECT_TRUE(passed) << "it never passes";
 }
 
-TEST(AllocationFailure, OpenSSLStore_IsTheStoresOwnException) {
+TEST(StoreAllocation, OpenSSLStore_IsTheStoresOwnException) {
   const RefObjectStore warm("/nonexistent", X509_FILETYPE_PEM);
   std::string context;
   std::string file;
@@ -168,15 +168,15 @@ TEST(AllocationFailure, OpenSSLStore_IsTheStoresOwnException) {
   EXPECT_EQ(line, 18U);
 }
 
-TEST(AllocationFailure, ObjectStore_Constructed) {
+TEST(StoreAllocation, ObjectStore_Constructed) {
   walkBoth([] { const RefObjectStore store("/nonexistent", X509_FILETYPE_PEM); });
 }
 
-TEST(AllocationFailure, LookupMethod_Constructed) {
+TEST(StoreAllocation, LookupMethod_Constructed) {
   walkBoth([] { const LookupMethod method("A name that is too long for the string itself"); });
 }
 
-TEST(AllocationFailure, Method_Attached) {
+TEST(StoreAllocation, Method_Attached) {
   const Issued root = issueCA("CN=Root");
   walkBoth([&] {
     RefObjectStore store("/nonexistent", X509_FILETYPE_PEM);
@@ -191,7 +191,7 @@ TEST(AllocationFailure, Method_Attached) {
   });
 }
 
-TEST(AllocationFailure, AnswersAndSearches) {
+TEST(StoreAllocation, AnswersAndSearches) {
   const Issued root = issueCA("CN=Root");
   const RefCertificate certificate = model(root);
   const RefCertificateRevocationList crl = modelCRL({.issuer = &root});
@@ -218,7 +218,7 @@ TEST(AllocationFailure, AnswersAndSearches) {
 }
 
 // The name of the file is a digest: without one it would be another's.
-TEST(AllocationFailure, HashDirectory_WrittenAndSearchedByAddressUnderOneName) {
+TEST(StoreAllocation, HashDirectory_WrittenAndSearchedByAddressUnderOneName) {
   const EmailAddress address("person@example.org");
   const RefCertificate certificate = model(issueCA("CN=Root"));
   const TempDir directory;
@@ -233,7 +233,7 @@ TEST(AllocationFailure, HashDirectory_WrittenAndSearchedByAddressUnderOneName) {
   });
 }
 
-TEST(AllocationFailure, Verifier_Constructed) {
+TEST(StoreAllocation, Verifier_Constructed) {
   const Issued root = issueCA("CN=Root");
   const RefCertificate certificate = model(root);
   walkBoth([&] {
@@ -242,7 +242,7 @@ TEST(AllocationFailure, Verifier_Constructed) {
   });
 }
 
-TEST(AllocationFailure, OwnerOfAMethodOrAnObject_DeletesWhatItWasGiven) {
+TEST(StoreAllocation, OwnerOfAMethodOrAnObject_DeletesWhatItWasGiven) {
   Events events;
   events.reserve(8);
   auto* const method = new FakeMethod("Fake", &events);

@@ -23,7 +23,7 @@ Issued withBrokenKey(const Issued& issued) {
   return Issued{certFromDer(bytes), issued.key};
 }
 
-class ExtendedChecksTest : public testing::Test {
+class CRLContainerExtendedChecksTest : public testing::Test {
  protected:
   const Issued root = issueCA("O=Test,CN=Root");
   const Issued leaf = issue({.subject = "O=Test,CN=Leaf", .issuer = &root});
@@ -33,7 +33,7 @@ class ExtendedChecksTest : public testing::Test {
   OpenContainer container{verifier};
   LogCapture log;
 
-  ExtendedChecksTest() { world.trust(root); }
+  CRLContainerExtendedChecksTest() { world.trust(root); }
 
   void add(const CRLOptions& options, const Issued& issuer) {
     container.add(makeEntry(handle(leaf), crlHandle(options), handle(issuer)));
@@ -53,7 +53,7 @@ class ExtendedChecksTest : public testing::Test {
   CRLOptions early() const { return {.issuer = &root, .lastUpdate = hours(1)}; }
 };
 
-TEST_F(ExtendedChecksTest, GoodCRLOfTheIssuerOnThePath_NoErrorNoLineNoLookup) {
+TEST_F(CRLContainerExtendedChecksTest, GoodCRLOfTheIssuerOnThePath_NoErrorNoLineNoLookup) {
   add({.issuer = &root});
   EXPECT_EQ(check(), 0);
   EXPECT_TRUE(log.lines().empty());
@@ -61,12 +61,12 @@ TEST_F(ExtendedChecksTest, GoodCRLOfTheIssuerOnThePath_NoErrorNoLineNoLookup) {
   EXPECT_EQ(container.entries.size(), 1U);
 }
 
-TEST_F(ExtendedChecksTest, EmptyContainer_TouchesNothing) {
+TEST_F(CRLContainerExtendedChecksTest, EmptyContainer_TouchesNothing) {
   verifier.contextError(33);
   EXPECT_EQ(check(), 33);
 }
 
-TEST_F(ExtendedChecksTest, IssuerMayNotSignCRLs_35) {
+TEST_F(CRLContainerExtendedChecksTest, IssuerMayNotSignCRLs_35) {
   // Somebody on the path issued the CRL; the entry's issuer is another certificate of that name.
   const Issued noSign = issue(
       {.subject = "O=Test,CN=Root", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = root.key});
@@ -75,28 +75,28 @@ TEST_F(ExtendedChecksTest, IssuerMayNotSignCRLs_35) {
   EXPECT_EQ(check(), 35);
 }
 
-TEST_F(ExtendedChecksTest, IssuerWithoutKeyUsage_MaySignCRLs) {
+TEST_F(CRLContainerExtendedChecksTest, IssuerWithoutKeyUsage_MaySignCRLs) {
   const Issued unrestricted =
       issue({.subject = "O=Test,CN=Root", .ca = true, .keyUsage = kAbsent, .key = root.key});
   add({.issuer = &root}, unrestricted);
   EXPECT_EQ(check(), 0);
 }
 
-TEST_F(ExtendedChecksTest, IssuersKeyCannotBeDecoded_6) {
+TEST_F(CRLContainerExtendedChecksTest, IssuersKeyCannotBeDecoded_6) {
   add({.issuer = &root}, withBrokenKey(root));
   EXPECT_EQ(check(), X509_V_ERR_UNABLE_TO_DECODE_ISSUER_PUBLIC_KEY);
   EXPECT_EQ(check(), 6);
   EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
-TEST_F(ExtendedChecksTest, SignedByAnotherKey_8) {
+TEST_F(CRLContainerExtendedChecksTest, SignedByAnotherKey_8) {
   add({.issuer = &root}, issueCA("O=Test,CN=Root"));
   EXPECT_EQ(check(), X509_V_ERR_CRL_SIGNATURE_FAILURE);
   EXPECT_EQ(check(), 8);
   EXPECT_EQ(ERR_peek_error(), 0UL);
 }
 
-TEST_F(ExtendedChecksTest, BadSignature_8ThoughTheIssuerIsValid) {
+TEST_F(CRLContainerExtendedChecksTest, BadSignature_8ThoughTheIssuerIsValid) {
   // The signature does not count as the path's, so the issuer is verified on its own first.
   add({.issuer = &root, .badSignature = true});
   EXPECT_EQ(check(), 8);
@@ -108,7 +108,7 @@ struct CriticalRow {
   int error;
 };
 
-TEST_F(ExtendedChecksTest, CriticalExtensions) {
+TEST_F(CRLContainerExtendedChecksTest, CriticalExtensions) {
   const CriticalRow rows[] = {
       {"unknown", {.issuer = &root, .rawExtensions = {{kUnknownOid, true, "\x05\x00"s}}}, 36},
       {"unknown, not critical",
@@ -134,42 +134,42 @@ TEST_F(ExtendedChecksTest, CriticalExtensions) {
   }
 }
 
-TEST_F(ExtendedChecksTest, DeltaIndicatorIsCritical_AndHandled) {
+TEST_F(CRLContainerExtendedChecksTest, DeltaIndicatorIsCritical_AndHandled) {
   add({.issuer = &root});
   add({.issuer = &root, .deltaBase = Serial(1)});
   EXPECT_EQ(check(), 0);
 }
 
-TEST_F(ExtendedChecksTest, Expired_12) {
+TEST_F(CRLContainerExtendedChecksTest, Expired_12) {
   add(expired());
   EXPECT_EQ(check(), X509_V_ERR_CRL_HAS_EXPIRED);
   EXPECT_EQ(check(), 12);
 }
 
-TEST_F(ExtendedChecksTest, NotYetValid_11) {
+TEST_F(CRLContainerExtendedChecksTest, NotYetValid_11) {
   add(early());
   EXPECT_EQ(check(), X509_V_ERR_CRL_NOT_YET_VALID);
   EXPECT_EQ(check(), 11);
 }
 
-TEST_F(ExtendedChecksTest, NeitherNowNorLater_11Overwrites12) {
+TEST_F(CRLContainerExtendedChecksTest, NeitherNowNorLater_11Overwrites12) {
   add({.issuer = &root, .lastUpdate = hours(2), .nextUpdate = When(hours(-2))});
   EXPECT_EQ(check(), 11);
 }
 
-TEST_F(ExtendedChecksTest, NoNextUpdate_NeverExpires) {
+TEST_F(CRLContainerExtendedChecksTest, NoNextUpdate_NeverExpires) {
   add({.issuer = &root, .nextUpdate = std::nullopt});
   at(hours(24 * 3650));
   EXPECT_EQ(check(), 0);
 }
 
-TEST_F(ExtendedChecksTest, ExpiredBaseBesideADelta_IsAccepted) {
+TEST_F(CRLContainerExtendedChecksTest, ExpiredBaseBesideADelta_IsAccepted) {
   add(expired());
   add({.issuer = &root, .deltaBase = Serial(1)});
   EXPECT_EQ(check(), 0);
 }
 
-TEST_F(ExtendedChecksTest, ExpiredDelta_IsAcceptedAndAnEarlyOneIsNot) {
+TEST_F(CRLContainerExtendedChecksTest, ExpiredDelta_IsAcceptedAndAnEarlyOneIsNot) {
   add({.issuer = &root});
   CRLOptions delta = expired();
   delta.deltaBase = Serial(1);
@@ -181,7 +181,7 @@ TEST_F(ExtendedChecksTest, ExpiredDelta_IsAcceptedAndAnEarlyOneIsNot) {
   EXPECT_EQ(check(), 11);
 }
 
-TEST_F(ExtendedChecksTest, TimeOfTheContext_CountsInPlaceOfTheClock) {
+TEST_F(CRLContainerExtendedChecksTest, TimeOfTheContext_CountsInPlaceOfTheClock) {
   add(expired());
   at(hours(-5));
   EXPECT_EQ(check(), 0);
@@ -190,7 +190,7 @@ TEST_F(ExtendedChecksTest, TimeOfTheContext_CountsInPlaceOfTheClock) {
   EXPECT_EQ(check(), 11);
 }
 
-TEST_F(ExtendedChecksTest, LimitsOfValidity_AreInside) {
+TEST_F(CRLContainerExtendedChecksTest, LimitsOfValidity_AreInside) {
   const When from = When::at(When(hours(-9)).time());
   const When until = When::at(When(hours(-1)).time());
   add({.issuer = &root, .lastUpdate = from, .nextUpdate = until});
@@ -203,19 +203,19 @@ TEST_F(ExtendedChecksTest, LimitsOfValidity_AreInside) {
   }
 }
 
-TEST_F(ExtendedChecksTest, ExpiryDoesNotEndTheChecks_TheNextEntryIsLookedAt) {
+TEST_F(CRLContainerExtendedChecksTest, ExpiryDoesNotEndTheChecks_TheNextEntryIsLookedAt) {
   add(expired());
   add(early());
   EXPECT_EQ(check(), 11);
 }
 
-TEST_F(ExtendedChecksTest, GoodEntryOnThePath_LeavesAnEarlierExpiry) {
+TEST_F(CRLContainerExtendedChecksTest, GoodEntryOnThePath_LeavesAnEarlierExpiry) {
   add(expired());
   add({.issuer = &root});
   EXPECT_EQ(check(), 12);
 }
 
-TEST_F(ExtendedChecksTest, LaterEntryWhoseIssuerValidates_OverwritesAnEarlierExpiry) {
+TEST_F(CRLContainerExtendedChecksTest, LaterEntryWhoseIssuerValidates_OverwritesAnEarlierExpiry) {
   const Issued other = issueCA("O=Test,CN=Other");
   world.trust(other);
   add(expired());
@@ -229,7 +229,7 @@ struct StopRow {
   int error;
 };
 
-TEST_F(ExtendedChecksTest, OtherErrors_EndTheChecks) {
+TEST_F(CRLContainerExtendedChecksTest, OtherErrors_EndTheChecks) {
   const Issued noSign = issue(
       {.subject = "O=Test,CN=Root", .ca = true, .keyUsage = KU_KEY_CERT_SIGN, .key = root.key});
   const Issued stranger = issueCA("O=Test,CN=Stranger");
@@ -255,7 +255,7 @@ TEST_F(ExtendedChecksTest, OtherErrors_EndTheChecks) {
   }
 }
 
-TEST_F(ExtendedChecksTest, OrderOfTheSteps_TheFirstFindingIsTheError) {
+TEST_F(CRLContainerExtendedChecksTest, OrderOfTheSteps_TheFirstFindingIsTheError) {
   // Everything is wrong with these; each row mends what the row before found.
   const std::vector<RawExtension> critical{{kUnknownOid, true, "\x05\x00"s}};
   const Issued noSign = issue(
@@ -280,7 +280,7 @@ TEST_F(ExtendedChecksTest, OrderOfTheSteps_TheFirstFindingIsTheError) {
   }
 }
 
-TEST_F(ExtendedChecksTest, EntryWithoutCRL_IsPassedOver) {
+TEST_F(CRLContainerExtendedChecksTest, EntryWithoutCRL_IsPassedOver) {
   add(expired());
   container.entries.front().crl = RefObject();
   EXPECT_EQ(check(), 0);
@@ -288,7 +288,7 @@ TEST_F(ExtendedChecksTest, EntryWithoutCRL_IsPassedOver) {
   EXPECT_EQ(check(), 11);
 }
 
-TEST_F(ExtendedChecksTest, OneSignatureForAllSteps) {
+TEST_F(CRLContainerExtendedChecksTest, OneSignatureForAllSteps) {
   const RefCertificateRevocationList crl = crlHandle({.issuer = &root});
   container.add(makeEntry(handle(leaf), crl, handle(root)));
   check();
