@@ -4,8 +4,6 @@
 #include <velantrix/CRLDistributionPoint.h>
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateFactory.h>
-#include <velantrix/CertificateRevocationList.h>
-#include <velantrix/IssuingDistributionPoint.h>
 
 #include <chrono>
 #include <gtest/gtest.h>
@@ -27,13 +25,6 @@ std::list<RefCRLDistributionPoint> pointsOf(const std::vector<Pki::DistributionP
 
 RefCRLDistributionPointName nameOf(const Pki::DistributionPoint& point) {
   return pointsOf({point}).front()->distributionPointName();
-}
-
-RefIssuingDistributionPoint scopeOf(const Pki::IssuingDistributionPoint& idp) {
-  const Pki::Issued ca = Pki::issueCA("CN=CA");
-  return CertificateRevocationListFactory()(Pki::makeCRL({.issuer = &ca, .idp = idp}).release(),
-                                            true)
-      ->issuingDistributionPoint();
 }
 
 TEST(CRLDistributionPoint, SeveralPoints_InTheOrderOfTheExtension) {
@@ -84,11 +75,7 @@ TEST(CRLDistributionPoint, Reasons_CutToThoseDefinedAndAllWhenAbsent) {
     SCOPED_TRACE(row.given);
     EXPECT_EQ(pointsOf({{.fullNames = {"URI:http://a/"}, .reasons = row.given}}).front()->reasons(),
               row.expected);
-    if (row.given != Pki::kAbsent) {
-      EXPECT_EQ(scopeOf({.onlySomeReasons = row.given})->reasons(), row.expected);
-    }
   }
-  EXPECT_EQ(scopeOf({.onlyUser = true})->reasons(), 0x807fU);
 }
 
 // Not DER, which wants at least one bit of a list of named ones that is there; OpenSSL reads it.
@@ -255,29 +242,6 @@ TEST(CRLDistributionPointName, ComparedWithAName_EqualWhenItHoldsThatDirectoryNa
   EXPECT_TRUE(*nameOf({.relativeName = "CN=A"}).get() != DistinguishedName("CN=A"));
   // A general name of another type is not the empty directory name.
   EXPECT_TRUE(*nameOf({.fullNames = {"URI:http://a/"}}).get() != DistinguishedName());
-}
-
-TEST(IssuingDistributionPoint, EachFlag_StandsForItself) {
-  for (int flag = 0; flag < 5; ++flag) {
-    SCOPED_TRACE(flag);
-    const RefIssuingDistributionPoint scope = scopeOf({.fullNames = {"URI:http://a/"},
-                                                       .onlyUser = flag == 1,
-                                                       .onlyCA = flag == 2,
-                                                       .onlyAttributes = flag == 3,
-                                                       .indirect = flag == 4});
-    EXPECT_EQ(scope->onlyUser(), flag == 1);
-    EXPECT_EQ(scope->onlyCA(), flag == 2);
-    EXPECT_EQ(scope->onlyAttr(), flag == 3);
-    EXPECT_EQ(scope->indirectCRL(), flag == 4);
-    EXPECT_EQ(scope->distributionPointName()->fullName().front()->uri().asString(), "http://a/");
-  }
-}
-
-TEST(IssuingDistributionPoint, Name_AbsentOrRelative) {
-  EXPECT_TRUE(scopeOf({.onlyUser = true})->distributionPointName().empty());
-  const RefIssuingDistributionPoint relative = scopeOf({.relativeName = "CN=CRL1"});
-  EXPECT_EQ(relative->distributionPointName()->type(), 1);
-  EXPECT_EQ(relative->distributionPointName()->relativeName(), "CN=CRL1");
 }
 
 }  // namespace

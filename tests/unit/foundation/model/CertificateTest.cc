@@ -2,16 +2,13 @@
 #include "support/Command.h"
 #include "support/Pki.h"
 
-#include <velantrix/AuthorityInformationAccess.h>
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 #include <velantrix/MediaOut.h>
-#include <velantrix/StackOfCertificate.h>
 
 #include <functional>
 #include <gtest/gtest.h>
-#include <list>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -284,52 +281,6 @@ TEST(RefCertificate, Conversion_TheSameX509OrNull) {
   EXPECT_EQ(native, issued.get());
   EXPECT_EQ(certificate->native(), issued.get());
   EXPECT_EQ(static_cast<x509_st*>(RefCertificate()), nullptr);
-}
-
-TEST(AuthorityInformationAccess, OCSPLocations_OfEveryTypeInOrder) {
-  const RefCertificate certificate =
-      make({.extensions = {{"authorityInfoAccess",
-                            "OCSP;URI:http://one.example/,caIssuers;URI:http://ca.example/,"
-                            "OCSP;DNS:two.example,OCSP;URI:http://three.example/"}}});
-  const RefAuthorityInformationAccess access(
-      certificate->find(ASN1::RefObjectIdentifier("1.3.6.1.5.5.7.1.1")));
-  ASSERT_FALSE(access.empty());
-  const std::list<RefGeneralName> names = access->ocspGeneralNames();
-  ASSERT_EQ(names.size(), 3U);
-  EXPECT_EQ(names.front()->uri().asString(), "http://one.example/");
-  EXPECT_EQ((*std::next(names.begin()))->type(), GEN_DNS);
-  EXPECT_EQ(names.back()->uri().asString(), "http://three.example/");
-}
-
-TEST(AuthorityInformationAccess, NoneBrokenOrOther_EmptyHandleOrException) {
-  EXPECT_TRUE(RefAuthorityInformationAccess(RefExtension()).empty());
-  const std::string noOCSP =
-      "\x30\x12\x30\x10\x06\x08\x2b\x06\x01\x05\x05\x07\x30\x02\x86\x04\x68\x3a\x2f\x2f"s;
-  const auto read = [](const char* oid, const std::string& der) {
-    const RefCertificate certificate = make({.rawExtensions = {{oid, false, der}}});
-    return RefAuthorityInformationAccess(certificate->find(ASN1::RefObjectIdentifier(oid)));
-  };
-  EXPECT_TRUE(read("1.3.6.1.5.5.7.1.1", noOCSP)->ocspGeneralNames().empty());
-  EXPECT_THROW(read("1.3.6.1.5.5.7.1.1", noOCSP + "x"), Exception);
-  EXPECT_THROW(read("1.3.6.1.5.5.7.1.1", "\x05\0"s), Exception);
-  EXPECT_THROW(read("1.2.3.4", noOCSP), Exception);
-}
-
-TEST(RefStackOfCertificate, FromAList_TheSameX509sInOrderWithTheirOwnReferences) {
-  RefStackOfCertificate stack;
-  const Pki::Issued first = Pki::issueCA("CN=1");
-  const Pki::Issued second = Pki::issueCA("CN=2");
-  {
-    const std::list<RefCertificate> certificates = {wrap(first), RefCertificate(), wrap(second)};
-    stack = RefStackOfCertificate(certificates);
-  }
-  STACK_OF(X509)* native = stack;
-  ASSERT_EQ(sk_X509_num(native), 2);
-  EXPECT_EQ(sk_X509_value(native, 0), first.get());
-  EXPECT_EQ(sk_X509_value(native, 1), second.get());
-  EXPECT_EQ(static_cast<stack_st_X509*>(RefStackOfCertificate()), nullptr);
-  const RefStackOfCertificate none{std::list<RefCertificate>()};
-  EXPECT_EQ(sk_X509_num(none), 0);
 }
 
 }  // namespace
