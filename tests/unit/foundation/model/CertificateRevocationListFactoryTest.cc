@@ -1,3 +1,4 @@
+#include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "support/Files.h"
 #include "support/Pki.h"
@@ -5,6 +6,8 @@
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/CertificateRevocationList.h>
 #include <velantrix/Exception.h>
+
+#include <openssl/pem.h>
 
 #include <gtest/gtest.h>
 #include <string>
@@ -95,6 +98,26 @@ TEST(CertificateRevocationListFactory, BrokenCRLAfterAGoodOne_RefusesTheFile) {
   EXPECT_THROW(CertificateRevocationListFactory::read(
                    Buffer(both.data(), static_cast<unsigned int>(both.size()), true)),
                Exception);
+}
+
+TEST(CertificateRevocationListFactory, OctetAfterTheCRLInABlock_RefusesTheInput) {
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  const std::string good = Pki::der(Pki::makeCRL({.issuer = &ca}).get());
+  for (const std::string& after : {""s, "\0"s, good}) {
+    const std::string der = good + after;
+    const Owned<BIO> out(BIO_new(BIO_s_mem()));
+    ASSERT_GT(PEM_write_bio(out.get(), PEM_STRING_X509_CRL, "", octets(der),
+                            static_cast<long>(der.size())),
+              0);
+    char* data = nullptr;
+    const auto length = static_cast<unsigned int>(BIO_get_mem_data(out.get(), &data));
+    const Buffer block(data, length, false);
+    if (after.empty()) {
+      EXPECT_FALSE(CertificateRevocationListFactory::read(block).empty());
+    } else {
+      EXPECT_THROW(CertificateRevocationListFactory::read(block), Exception);
+    }
+  }
 }
 
 TEST(CertificateRevocationListFactory, Wrapping_SharesOrAdoptsTheSameCRL) {

@@ -48,9 +48,12 @@ TEST(IssuingDistributionPoint, Reasons_CutToThoseDefinedAndAllWhenAbsent) {
   EXPECT_EQ(scopeOf({.onlySomeReasons = 0xff})->reasons(), 0x7fU);
 }
 
-// A new ISSUING_DIST_POINT has flags that are absent, which is neither true nor false to OpenSSL.
+// OpenSSL's ASN1_BOOLEAN is -1 for what is absent.
 TEST(IssuingDistributionPoint, FlagsThatAreAbsent_AreFalse) {
   const Owned<ISSUING_DIST_POINT> native(ISSUING_DIST_POINT_new());
+  for (int* flag : {&native->onlyuser, &native->onlyCA, &native->onlyattr, &native->indirectCRL}) {
+    *flag = -1;
+  }
   const RefIssuingDistributionPoint scope(native.get());
   EXPECT_FALSE(scope->onlyUser());
   EXPECT_FALSE(scope->onlyCA());

@@ -1,0 +1,161 @@
+#include "foundation/base/FileReader.h"
+#include "foundation/model/ObjectReader.h"
+#include "foundation/openssl/Der.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+#include "support/Pki.h"
+
+#include <velantrix/Exception.h>
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+namespace Velantrix::Crypto::PKX509 {
+namespace {
+
+namespace Pki = Velantrix::Test;
+
+using namespace std::string_literals;
+
+// Wants blocks of one label, takes DER that starts like `takes`, and notes what it is offered.
+class Sink : public ObjectSink {
+ public:
+  explicit Sink(const std::string& takes = "\x30") : takes_(takes) {}
+
+  bool wants(std::string_view label) const override { return label == "WANTED"; }
+  bool take(std::string_view label, const unsigned char* der, std::size_t length) override {
+    const std::string octets(reinterpret_cast<const char*>(der), length);
+    offered.push_back(std::string(label) + ':' + octets);
+    return octets.starts_with(takes_);
+  }
+
+  std::vector<std::string> offered;
+
+ private:
+  std::string takes_;
+};
+
+void read(const std::string& input, ObjectSink& sink) {
+  readObjects(octets(input), input.size(), sink);
+}
+
+std::string thrownBy(const std::string& input, ObjectSink& sink) {
+  try {
+    read(input, sink);
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.context(), "X509::ObjectReader");
+    return e.stringParameter();
+  }
+  return "nothing";
+}
+
+std::string block(const std::string& label, const std::string& der,
+                  const std::string& header = {}) {
+  const Owned<BIO> out(BIO_new(BIO_s_mem()));
+  EXPECT_GT(PEM_write_bio(out.get(), label.c_str(), header.c_str(), octets(der),
+                          static_cast<long>(der.size())),
+            0);
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(out.get(), &data);
+  return std::string(data, static_cast<std::size_t>(length));
+}
+
+const std::string kOne = "\x30\x03\x02\x01\x01"s;
+const std::string kTwo = "\x30\x03\x02\x01\x02"s;
+
+TEST(ObjectReader, Readable_EachObjectOfTheKindIsHandedOverInOrder) {
+  ERR_clear_error();
+  struct Row {
+    const char* name;
+    std::string input;
+    std::vector<std::string> offered;
+  };
+  const Row rows[] = {
+      {"nothing", "", {}},
+      {"DER", kOne, {":" + kOne}},
+      {"DER end to end", kOne + kTwo + kOne, {":" + kOne, ":" + kTwo, ":" + kOne}},
+      {"a block", block("WANTED", kOne), {"WANTED:" + kOne}},
+      {"blocks with text around",
+       "text\n" + block("WANTED", kTwo) + "text\n" + block("WANTED", kOne) + "text",
+       {"WANTED:" + kTwo, "WANTED:" + kOne}},
+      {"other blocks are passed over",
+       block("OTHER", "\xff") + block("WANTED", kOne) + block("OTHER", "x"),
+       {"WANTED:" + kOne}},
+      {"other blocks only", block("OTHER", "x"), {}},
+      {"an encrypted block of another kind", block("OTHER", "x", "Proc-Type: 4,ENCRYPTED\n"), {}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Sink sink;
+    read(row.input, sink);
+    EXPECT_EQ(sink.offered, row.offered);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+  }
+}
+
+TEST(ObjectReader, Unreadable_Throws) {
+  ERR_clear_error();
+  const std::string good = block("WANTED", kOne);
+  struct Row {
+    const char* name;
+    std::string input;
+    const char* reason;
+  };
+  const Row rows[] = {
+      {"text", "hello\n", "neither PEM nor DER"},
+      {"an element that is no SEQUENCE", "\x02\x01\x01", "neither PEM nor DER"},
+      {"cut short", kOne.substr(0, 4), "neither PEM nor DER"},
+      {"indefinite length", "\x30\x80\x02\x01\x01\0\0"s, "neither PEM nor DER"},
+      {"octet after DER", kOne + "\n", "neither PEM nor DER from octet 5"},
+      {"cut short later", kOne + kTwo + "\x30\x09", "neither PEM nor DER from octet 10"},
+      {"block that the sink does not take", good + block("WANTED", "x"), "malformed WANTED"},
+      {"block without an end", good.substr(0, good.size() - 10), "malformed PEM block"},
+      {"encrypted block of the kind", block("WANTED", kOne, "Proc-Type: 4,ENCRYPTED\n"),
+       "encrypted WANTED"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    Sink sink;
+    EXPECT_EQ(thrownBy(row.input, sink), row.reason);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+  }
+}
+
+// In DER input nothing says of what kind an element is.
+TEST(ObjectReader, DerThatTheSinkDoesNotTake_IsPassedOverWhenItIsSomethingKnown) {
+  const std::string certificate = Pki::der(Pki::issue({}).get());
+  Sink sink(kOne);
+  read(kOne + certificate + kOne, sink);
+  EXPECT_EQ(sink.offered, (std::vector<std::string>{":" + kOne, ":" + certificate, ":" + kOne}));
+  Sink none(kOne);
+  EXPECT_EQ(thrownBy(kTwo, none), "neither PEM nor DER");
+  EXPECT_EQ(thrownBy(certificate + kTwo, none),
+            "neither PEM nor DER from octet " + std::to_string(certificate.size()));
+}
+
+TEST(ObjectReader, ExceptionOfTheSink_ReachesTheCaller) {
+  struct Failing : Sink {
+    bool take(std::string_view, const unsigned char*, std::size_t) override { throw 7; }
+  };
+  for (const std::string& input : {kOne, block("WANTED", kOne)}) {
+    Failing sink;
+    EXPECT_THROW(read(input, sink), int);
+  }
+}
+
+TEST(ObjectReader, InputAboveTheLimit_IsRefusedUnread) {
+  const std::vector<unsigned char> large(kMaxInputSize + 1, ' ');
+  Sink sink;
+  try {
+    readObjects(large.data(), large.size(), sink);
+    ADD_FAILURE() << "read";
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.stringParameter(), "larger than 128 MiB");
+  }
+}
+
+}  // namespace
+}  // namespace Velantrix::Crypto::PKX509
