@@ -138,7 +138,7 @@ TEST_F(LDAPClient, NoticesOnTheWay_AreNoEntries) {
 
 struct CodeRow {
   int code;
-  const char* outcome;  // a part of it
+  const char* outcome;  // the number of entries, or a part of what is thrown
   const char* logged;
 };
 
@@ -166,7 +166,12 @@ TEST_F(LDAPClient, ResultCodes_Table) {
     SCOPED_TRACE(row.code);
     log.clear();
     const LDAPPeer peer(answer(message(1, entry("cn=A", {})) + message(1, done(row.code, "why"))));
-    EXPECT_TEXT(row.outcome, search(peer));
+    const std::string outcome = search(peer);
+    if (row.outcome == "1"s) {  // a part of every text with an address in it
+      EXPECT_EQ(outcome, "1");
+    } else {
+      EXPECT_TEXT(row.outcome, outcome);
+    }
     if (*row.logged == '\0') {
       EXPECT_EQ(log.text(), "");
     } else {
