@@ -77,6 +77,18 @@ TEST_F(HostResolution, AddressesOfTheNameServer_AreFound) {
   }
 }
 
+// Each of them would be connected to in turn.
+TEST_F(HostResolution, MoreThanSixteenAddresses_TheRestIsLeftOut) {
+  for (const std::size_t served : {std::size_t{15}, std::size_t{16}, std::size_t{17}}) {
+    std::vector<std::string> addresses;
+    for (std::size_t i = 1; i <= served; ++i) addresses.push_back("192.0.2." + std::to_string(i));
+    const DnsServer server(always(addresses));
+    const std::vector<std::string> found = resolveHost("host.example.test");
+    EXPECT_EQ(found.size(), std::min(served, std::size_t{16}));
+    EXPECT_EQ(std::set<std::string>(found.begin(), found.end()).size(), found.size());
+  }
+}
+
 TEST_F(HostResolution, AliasOfAnotherName_IsFollowed) {
   const DnsServer server([](const DnsQuery& query) {
     const std::string alias = record(kTypeCname,
