@@ -1,5 +1,6 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileDescriptor.h"
+#include "foundation/base/OwnedDirectory.h"
 
 #include <velantrix/File.h>
 
@@ -15,11 +16,6 @@
 namespace Velantrix::File {
 
 namespace {
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const noexcept { static_cast<void>(::closedir(directory)); }
-};
-using OwnedDirectory = std::unique_ptr<DIR, CloseDirectory>;
 
 struct Entry {
   std::string name;

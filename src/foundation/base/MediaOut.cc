@@ -1,6 +1,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileDescriptor.h"
 #include "foundation/base/Hex.h"
+#include "foundation/base/OwnedDirectory.h"
 #include "foundation/base/TemporaryName.h"
 
 #include <velantrix/Assert.h>
@@ -70,10 +71,6 @@ int copyAll(int from, int to) {
     position += got;
   }
 }
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const noexcept { static_cast<void>(::closedir(directory)); }
-};
 
 }  // namespace
 
@@ -161,7 +158,7 @@ void FileMediaOut::State::removeLeftovers() const noexcept {
   if (!directoryReadable) return;
   FileDescriptor again(::openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!again.valid()) return;
-  const std::unique_ptr<DIR, CloseDirectory> listing(::fdopendir(again.get()));
+  const OwnedDirectory listing(::fdopendir(again.get()));
   if (listing == nullptr) return;
   static_cast<void>(again.release());  // the listing closes it
 

@@ -3,6 +3,7 @@
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/ObjectIdentifierText.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/References.h"
 
 #include <velantrix/ASN1.h>
 #include <velantrix/Assert.h>
@@ -21,12 +22,7 @@ namespace {
 
 std::shared_ptr<const ASN1_INTEGER> copyInteger(const ASN1_INTEGER* native) {
   if (native == nullptr) return nullptr;
-  const ErrorScope errors;
-  Owned<ASN1_INTEGER> copy(ASN1_INTEGER_dup(native));
-  if (copy == nullptr) {
-    fail({"ASN1::Integer", "ASN1"}, "no memory for a copy");
-  }
-  return copy;
+  return newCopy(ASN1_INTEGER_dup, native, {"ASN1::Integer", "ASN1"}, "no memory for a copy");
 }
 
 std::size_t lengthOf(const ASN1_STRING* string) {

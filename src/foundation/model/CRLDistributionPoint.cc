@@ -1,6 +1,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/model/ReasonFlags.h"
+#include "foundation/openssl/BitString.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
 
@@ -35,12 +36,7 @@ DistinguishedName relativeDistinguishedName(const STACK_OF(X509_NAME_ENTRY) * en
 
 unsigned int reasonFlags(const ASN1_BIT_STRING* flags) noexcept {
   if (flags == nullptr) return kAllReasons;
-  const unsigned char* data = ASN1_STRING_get0_data(flags);
-  const int length = ASN1_STRING_length(flags);
-  unsigned int reasons = 0;
-  if (length > 0) reasons = data[0];
-  if (length > 1) reasons |= static_cast<unsigned int>(data[1]) << 8;
-  return reasons & kAllReasons;
+  return namedBits(flags) & kAllReasons;
 }
 
 CRLDistributionPointName::CRLDistributionPointName(const DIST_POINT_NAME* native)

@@ -1,6 +1,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/model/PemOut.h"
+#include "foundation/openssl/BitString.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
 
@@ -47,22 +48,14 @@ ASN1::RefOctetString Certificate::subjectKeyIdentifier() const {
 }
 
 RefAuthorityKeyIdentifier Certificate::authorityKeyIdentifier() const {
-  Owned<AUTHORITY_KEYID> decoded = decodeOnlyExtension(
-      X509_get0_extensions(native()), NID_authority_key_identifier, d2i_AUTHORITY_KEYID, kContext);
-  if (decoded == nullptr) return RefAuthorityKeyIdentifier();
-  return RefAuthorityKeyIdentifier(new AuthorityKeyIdentifier(decoded.release()));
+  return decodeAuthorityKeyIdentifier(X509_get0_extensions(native()), kContext);
 }
 
 unsigned int Certificate::keyUsage() const {
   const Owned<ASN1_BIT_STRING> decoded = decodeOnlyExtension(
       X509_get0_extensions(native()), NID_key_usage, d2i_ASN1_BIT_STRING, kContext);
   if (decoded == nullptr) return std::numeric_limits<unsigned int>::max();
-  const unsigned char* data = ASN1_STRING_get0_data(decoded.get());
-  const int length = ASN1_STRING_length(decoded.get());
-  unsigned int usage = 0;
-  if (length > 0) usage = data[0];
-  if (length > 1) usage |= static_cast<unsigned int>(data[1]) << 8;
-  return usage;
+  return namedBits(decoded.get());
 }
 
 std::list<RefCRLDistributionPoint> Certificate::crlDistributionPoints() const {

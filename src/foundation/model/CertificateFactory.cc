@@ -1,17 +1,15 @@
 #include "foundation/base/Fail.h"
-#include "foundation/base/FileReader.h"
 #include "foundation/model/ObjectReader.h"
+#include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
 #include "foundation/run/VerificationRun.h"
 
 #include <velantrix/CertificateFactory.h>
-#include <velantrix/Exception.h>
 
 #include <openssl/pem.h>
 
 #include <string>
-#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -34,11 +32,10 @@ class CertificateSink : public ObjectSink {
         return true;
       }
     }
-    const unsigned char* end = der;
     // A trusted certificate is followed by OpenSSL's trust settings, which its verification heeds.
     const auto decode = label == PEM_STRING_X509_TRUSTED ? d2i_X509_AUX : d2i_X509;
-    Owned<X509> decoded(decode(nullptr, &end, static_cast<long>(length)));
-    if (decoded == nullptr || end != der + length) return false;
+    Owned<X509> decoded = decodeWhole(decode, der, length);
+    if (decoded == nullptr) return false;
     certificates_.push_back(CertificateFactory()(decoded.release(), true));
     return true;
   }
@@ -52,13 +49,8 @@ class CertificateSink : public ObjectSink {
 }  // namespace
 
 void CertificateFactory::read(const File::Path& path, std::list<RefCertificate>& certificates) {
-  const std::vector<unsigned char> content = readFile(path);
   CertificateSink sink;
-  try {
-    readObjects(content.data(), content.size(), sink);
-  } catch (const Exception& e) {
-    fail(kHere, path.asString() + ": " + e.stringParameter());
-  }
+  readObjects(path, sink, kHere);
   certificates.splice(certificates.end(), sink.certificates());
 }
 

@@ -27,13 +27,6 @@ DistinguishedName issuerOf(X509_CRL* crl) {
   return DistinguishedName(std::shared_ptr<const X509_NAME>(whole, X509_CRL_get_issuer(crl)));
 }
 
-RefAuthorityKeyIdentifier decodeAuthorityKeyIdentifier(const X509_CRL* crl) {
-  Owned<AUTHORITY_KEYID> decoded = decodeOnlyExtension(
-      X509_CRL_get0_extensions(crl), NID_authority_key_identifier, d2i_AUTHORITY_KEYID, kContext);
-  if (decoded == nullptr) return RefAuthorityKeyIdentifier();
-  return RefAuthorityKeyIdentifier(new AuthorityKeyIdentifier(decoded.release()));
-}
-
 ASN1::Integer decodeNumber(const X509_CRL* crl, int nid) {
   return ASN1::Integer(
       decodeOnlyExtension(X509_CRL_get0_extensions(crl), nid, d2i_ASN1_INTEGER, kContext).get());
@@ -106,7 +99,8 @@ void CertificateRevocationList::Release::operator()(X509_CRL* native) const noex
 
 CertificateRevocationList::CertificateRevocationList(X509_CRL* native)
     : crl_(notNull(native)),
-      info_(issuerOf(native), decodeAuthorityKeyIdentifier(native)),
+      info_(issuerOf(native),
+            decodeAuthorityKeyIdentifier(X509_CRL_get0_extensions(native), kContext)),
       lastUpdate_(X509_CRL_get0_lastUpdate(native), true),
       nextUpdate_(X509_CRL_get0_nextUpdate(native), true),
       crlNumber_(decodeNumber(native, NID_crl_number)),

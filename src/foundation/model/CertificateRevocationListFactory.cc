@@ -1,16 +1,14 @@
 #include "foundation/base/Fail.h"
-#include "foundation/base/FileReader.h"
 #include "foundation/model/ObjectReader.h"
+#include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
 
 #include <velantrix/CertificateRevocationList.h>
-#include <velantrix/Exception.h>
 
 #include <openssl/pem.h>
 
 #include <string>
-#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -26,9 +24,8 @@ class CRLSink : public ObjectSink {
 
   bool take(std::string_view /*label*/, const unsigned char* der, std::size_t length) override {
     const ErrorScope errors;
-    const unsigned char* end = der;
-    Owned<X509_CRL> decoded(d2i_X509_CRL(nullptr, &end, static_cast<long>(length)));
-    if (decoded == nullptr || end != der + length) return false;
+    Owned<X509_CRL> decoded = decodeWhole(d2i_X509_CRL, der, length);
+    if (decoded == nullptr) return false;
     RefCertificateRevocationList crl = CertificateRevocationListFactory()(decoded.release(), true);
     if (first_.empty()) first_ = crl;
     return true;
@@ -43,13 +40,8 @@ class CRLSink : public ObjectSink {
 }  // namespace
 
 RefCertificateRevocationList CertificateRevocationListFactory::read(const File::Path& path) {
-  const std::vector<unsigned char> content = readFile(path);
   CRLSink sink;
-  try {
-    readObjects(content.data(), content.size(), sink);
-  } catch (const Exception& e) {
-    fail(kHere, path.asString() + ": " + e.stringParameter());
-  }
+  readObjects(path, sink, kHere);
   return sink.first();
 }
 

@@ -1,4 +1,5 @@
 #include "foundation/base/Fail.h"
+#include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/CertificateFactory.h>
@@ -37,9 +38,9 @@ struct Input {
 };
 
 RefCertificate certificateIn(const Input& content) {
-  const unsigned char* end = content.position;
-  Owned<X509> decoded(d2i_X509(nullptr, &end, content.length));
-  if (decoded == nullptr || end != content.position + content.length) fail(kHere, kMalformed);
+  Owned<X509> decoded =
+      decodeWhole(d2i_X509, content.position, static_cast<std::size_t>(content.length));
+  if (decoded == nullptr) fail(kHere, kMalformed);
   return CertificateFactory()(decoded.release(), true);
 }
 

@@ -1,6 +1,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/model/DistinguishedNameText.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/References.h"
 
 #include <velantrix/DistinguishedName.h>
 
@@ -32,10 +33,7 @@ const X509_NAME* emptyName() {
 
 std::shared_ptr<const X509_NAME> copyName(const X509_NAME* name) {
   if (name == nullptr) return nullptr;
-  const ErrorScope errors;
-  Owned<X509_NAME> copy(X509_NAME_dup(name));
-  if (copy == nullptr) fail(kHere, kUnencodable);
-  return copy;
+  return newCopy(X509_NAME_dup, name, kHere, kUnencodable);
 }
 
 }  // namespace

@@ -334,11 +334,7 @@ Owned<X509_NAME> parseDistinguishedName(std::string_view text) {
   if (!der) return nullptr;
   // OpenSSL judges what has been put together; its size tables for single types (64 characters for
   // a common name) are for those who make names and do not get in the way of decoding.
-  const unsigned char* begin = octets(*der);
-  const unsigned char* end = begin;
-  Owned<X509_NAME> name(d2i_X509_NAME(nullptr, &end, static_cast<long>(der->size())));
-  if (name == nullptr || end != begin + der->size()) return nullptr;
-  return name;
+  return decodeWhole(d2i_X509_NAME, octets(*der), der->size());
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -1,27 +1,13 @@
-#include "foundation/base/Fail.h"
 #include "foundation/openssl/ObjectIdentifierText.h"
-#include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/References.h"
 
-#include <velantrix/Assert.h>
 #include <velantrix/Extension.h>
 
 namespace Velantrix::Crypto::PKX509 {
 
-namespace {
-
-std::shared_ptr<const X509_EXTENSION> copyExtension(const X509_EXTENSION* native) {
-  PKX509_ASSERT(native != nullptr);
-  const ErrorScope errors;
-  Owned<X509_EXTENSION> copy(X509_EXTENSION_dup(native));
-  if (copy == nullptr) {
-    fail({"X509::Extension", "Extension"}, "extension cannot be copied");
-  }
-  return copy;
-}
-
-}  // namespace
-
-Extension::Extension(const X509_EXTENSION* native) : native_(copyExtension(native)) {}
+Extension::Extension(const X509_EXTENSION* native)
+    : native_(newCopy(X509_EXTENSION_dup, native, {"X509::Extension", "Extension"},
+                      "extension cannot be copied")) {}
 
 std::string Extension::oid() const {
   // The getter takes a non-const pointer but only reads.

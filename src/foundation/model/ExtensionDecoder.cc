@@ -32,4 +32,12 @@ void throwBrokenExtension(const X509_EXTENSION* extension, const char* context) 
   fail({context, "ExtensionDecoder"}, "extension cannot be decoded: " + describe(type));
 }
 
+RefAuthorityKeyIdentifier decodeAuthorityKeyIdentifier(const STACK_OF(X509_EXTENSION) * extensions,
+                                                       const char* context) {
+  Owned<AUTHORITY_KEYID> decoded =
+      decodeOnlyExtension(extensions, NID_authority_key_identifier, d2i_AUTHORITY_KEYID, context);
+  if (decoded == nullptr) return RefAuthorityKeyIdentifier();
+  return RefAuthorityKeyIdentifier(new AuthorityKeyIdentifier(decoded.release()));
+}
+
 }  // namespace Velantrix::Crypto::PKX509

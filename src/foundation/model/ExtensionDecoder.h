@@ -4,7 +4,10 @@
 // octets after the value pass. Here absence is the only null.
 #pragma once
 
+#include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+
+#include <velantrix/AuthorityKeyIdentifier.h>
 
 #include <openssl/objects.h>
 
@@ -26,11 +29,9 @@ Owned<T> decodeExtension(const X509_EXTENSION* extension,
   const ErrorScope errors;
   // The getter takes a non-const pointer but only reads.
   const ASN1_OCTET_STRING* value = X509_EXTENSION_get_data(const_cast<X509_EXTENSION*>(extension));
-  const unsigned char* begin = ASN1_STRING_get0_data(value);
-  const unsigned char* end = begin;
-  const long length = ASN1_STRING_length(value);
-  Owned<T> decoded(begin == nullptr ? nullptr : d2i(nullptr, &end, length));
-  if (decoded == nullptr || end != begin + length) throwBrokenExtension(extension, context);
+  Owned<T> decoded = decodeWhole(d2i, ASN1_STRING_get0_data(value),
+                                 static_cast<std::size_t>(ASN1_STRING_length(value)));
+  if (decoded == nullptr) throwBrokenExtension(extension, context);
   return decoded;
 }
 
@@ -43,5 +44,10 @@ Owned<T> decodeOnlyExtension(const STACK_OF(X509_EXTENSION) * extensions, int ni
   if (extension == nullptr) return nullptr;
   return decodeExtension(extension, d2i, context);
 }
+
+/// The authority key identifier among @p extensions; an empty handle when there is none.
+/// @throws Exception as above
+RefAuthorityKeyIdentifier decodeAuthorityKeyIdentifier(const STACK_OF(X509_EXTENSION) * extensions,
+                                                       const char* context);
 
 }  // namespace Velantrix::Crypto::PKX509

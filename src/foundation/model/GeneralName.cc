@@ -1,8 +1,7 @@
-#include "foundation/base/Fail.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/References.h"
 
-#include <velantrix/Assert.h>
 #include <velantrix/GeneralName.h>
 
 #include <algorithm>
@@ -13,16 +12,6 @@
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
-
-std::shared_ptr<const GENERAL_NAME> copyGeneralName(const GENERAL_NAME* native) {
-  PKX509_ASSERT(native != nullptr);
-  const ErrorScope errors;
-  Owned<GENERAL_NAME> copy(GENERAL_NAME_dup(native));
-  if (copy == nullptr) {
-    fail({"X509::GeneralName", "GeneralName"}, "name cannot be copied");
-  }
-  return copy;
-}
 
 DistinguishedName directoryName(const GENERAL_NAME* name) {
   if (name->type != GEN_DIRNAME) return DistinguishedName();
@@ -87,7 +76,8 @@ struct Before {
 }  // namespace
 
 GeneralName::GeneralName(const GENERAL_NAME* native)
-    : native_(copyGeneralName(native)),
+    : native_(newCopy(GENERAL_NAME_dup, native, {"X509::GeneralName", "GeneralName"},
+                      "name cannot be copied")),
       dn_(directoryName(native_.get())),
       uri_(uniformResourceIdentifier(native_.get())) {}
 

@@ -9,6 +9,7 @@
 #include <openssl/pkcs7.h>
 
 #include <string>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -125,6 +126,16 @@ void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink
   if (length > kMaxInputSize) fail(kHere, "larger than 128 MiB");
   const ErrorScope errors;
   if (!readDer(data, length, sink)) readPem(data, length, sink);
+}
+
+void readObjects(const File::Path& path, ObjectSink& sink, const Origin& origin,
+                 unsigned int line) {
+  const std::vector<unsigned char> content = readFile(path);
+  try {
+    readObjects(content.data(), content.size(), sink);
+  } catch (const Exception& e) {
+    fail(origin, path.asString() + ": " + e.stringParameter(), line);
+  }
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -1,6 +1,10 @@
 // Finding certificates or CRLs in PEM and DER input.
 #pragma once
 
+#include "foundation/base/Fail.h"
+
+#include <velantrix/File.h>
+
 #include <cstddef>
 #include <string_view>
 
@@ -28,5 +32,11 @@ class ObjectSink {
 /// @throws Exception when something cannot be read, and whatever the sink throws; the sink may then
 ///         have taken some of the objects
 void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink);
+
+/// The same for the content of a file.
+/// @throws Exception in the name of @p origin and with the caller's line when something in the file
+///         cannot be read, and as `readFile()` when the file cannot be
+void readObjects(const File::Path& path, ObjectSink& sink, const Origin& origin,
+                 unsigned int line = __builtin_LINE());
 
 }  // namespace Velantrix::Crypto::PKX509

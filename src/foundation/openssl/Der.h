@@ -1,6 +1,9 @@
-// Writing the few pieces of DER that are put together by hand.
+// Reading single objects of DER, and writing the few pieces that are put together by hand.
 #pragma once
 
+#include "foundation/openssl/OpenSSLOwners.h"
+
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -14,6 +17,17 @@ void appendDer(std::string& out, int tag, bool constructed, std::string_view con
 /// The bytes of @p text as OpenSSL's functions want them.
 inline const unsigned char* octets(std::string_view text) noexcept {
   return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+/// The object that OpenSSL's @p d2i finds in exactly these octets; null when they are anything else
+/// or go on behind it.
+template <class T>
+Owned<T> decodeWhole(T* (*d2i)(T**, const unsigned char**, long), const unsigned char* der,
+                     std::size_t length) {
+  const unsigned char* end = der;
+  Owned<T> decoded(der == nullptr ? nullptr : d2i(nullptr, &end, static_cast<long>(length)));
+  if (end != der + length) decoded.reset();
+  return decoded;
 }
 
 }  // namespace Velantrix::Crypto

@@ -27,4 +27,16 @@ Owned<T> newReference(T* object, const Origin& origin, unsigned int line = __bui
   return Owned<T>(object);
 }
 
+/// A copy of @p native, which is not null, made with OpenSSL's @p duplicate.
+/// @throws Exception in the name of @p origin, with @p detail and the caller's line, when OpenSSL
+///         cannot copy it
+template <class T>
+Owned<T> newCopy(T* (*duplicate)(const T*), const T* native, const Origin& origin,
+                 const char* detail, unsigned int line = __builtin_LINE()) {
+  const ErrorScope errors;
+  Owned<T> copy(duplicate(notNull(native)));
+  if (copy == nullptr) fail(origin, detail, line);
+  return copy;
+}
+
 }  // namespace Velantrix::Crypto

@@ -1,0 +1,14 @@
+// Owner of an open directory.
+#pragma once
+
+#include <dirent.h>
+#include <memory>
+
+namespace Velantrix {
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const noexcept { static_cast<void>(::closedir(directory)); }
+};
+using OwnedDirectory = std::unique_ptr<DIR, CloseDirectory>;
+
+}  // namespace Velantrix
