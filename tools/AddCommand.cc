@@ -1,6 +1,4 @@
-#include "AddCommand.h"
-
-#include "AddHelp.h"
+// `pkx509 add`: stores a certificate under a mail address.
 #include "Facts.h"
 #include "Input.h"
 #include "JsonText.h"
@@ -8,11 +6,11 @@
 #include "Printable.h"
 #include "StandardStreams.h"
 #include "Status.h"
+#include "Subcommands.h"
 
 #include <pkx509/HashDirLookup.h>
 #include <velantrix/EmailAddress.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
 #include <memory>
@@ -66,24 +64,38 @@ int run(const Options& options) {
   return kAllValid;
 }
 
+constexpr char kHelp[] = R"(
+The first certificate of CERT is written to a PEM file in DIR that is named by a hash of ADDRESS. A
+file of that name is replaced, whole or not at all: a directory has one certificate for an address.
+ADDRESS is taken as it is, letter case included. DIR has to be there.
+
+Nothing is verified. A certificate that does not have the address itself is stored all the same, and
+a line on standard error says so.
+
+Output:
+  A line that says what was stored.
+  With --json an array of one object: file, email, directory, subject, issuer, serial.
+
+Exit status:
+  0  The certificate was stored.
+  2  Wrong usage, or CERT cannot be read, or DIR cannot be written to. A line on standard error says
+     so, and what was stored before stands.
+
+Examples:
+  pkx509 add --email person@example.com person.pem --dir /var/lib/mail/certs
+)";
+
 }  // namespace
 
-void addAddCommand(CLI::App& app, Action& action) {
-  CLI::App* const command = app.add_subcommand("add", "Stores a certificate under a mail address.");
+void addAddCommand(CommandLine& commandLine) {
   const auto options = std::make_shared<Options>();
-  command
-      ->add_option("CERT", options->file, "certificate to store, PEM or DER; - for standard input")
-      ->required()
-      ->type_name("");
-  command->add_option("--email", options->email, "the mail address that it is for")
-      ->required()
-      ->type_name("ADDRESS");
-  command->add_option("--dir", options->directory, "hash directory to store it in")
-      ->required()
-      ->type_name("DIR");
-  command->add_flag("--json", options->json, "prints JSON");
-  command->footer(addHelp());
-  command->callback([options, &action] { action = [options] { return run(*options); }; });
+  Subcommand command = commandLine.add("add", "Stores a certificate under a mail address.");
+  command.argument("CERT", "certificate to store, PEM or DER; - for standard input", options->file);
+  command.requiredOption("--email", "ADDRESS", "the mail address that it is for", options->email);
+  command.requiredOption("--dir", "DIR", "hash directory to store it in", options->directory);
+  command.flag("--json", "prints JSON", options->json);
+  command.footer(kHelp);
+  command.action([options] { return run(*options); });
 }
 
 }  // namespace Velantrix::Tool

@@ -1,6 +1,4 @@
-#include "CRLCommand.h"
-
-#include "CRLHelp.h"
+// `pkx509 crl`: fetches CRLs by URI, through the cache that verifications use.
 #include "Facts.h"
 #include "Input.h"
 #include "JsonText.h"
@@ -8,6 +6,7 @@
 #include "Report.h"
 #include "StandardStreams.h"
 #include "Status.h"
+#include "Subcommands.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
@@ -15,7 +14,6 @@
 #include <velantrix/File.h>
 #include <velantrix/Uri.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <exception>
@@ -126,18 +124,41 @@ int run(const Options& options) {
   return status;
 }
 
+constexpr char kHelp[] = R"(
+A CRL that is in the cache, /var/spool/crypto/crl_cache, and has not run out is taken from there.
+Otherwise it is fetched, and stored in the cache, exactly as a verification does it: HTTP/1.0, port 80
+unless the URI names another, query and fragment not sent, at most 15 s and 64 MiB, no redirects; for
+https the client certificate in /opsadmin/etc/cert/server/apps is shown and the server not verified.
+
+Nothing is verified: whoever answers for the host decides what is shown.
+
+Output:
+  The facts of each CRL, as "pkx509 show" prints them, with the URI in the place of the file, and where
+  it came from. Log lines go to standard error, as "URI: <priority> text", and so does a line that says
+  that the cache cannot be read or written. With --json an array of an object for each CRL, with the keys
+  of "pkx509 show" and source ("cache" or "network").
+
+Exit status:
+  0  There was a CRL for each URI.
+  1  For at least one there was none. A line on standard error says so.
+  2  Wrong usage, or a CRL of which a part is broken.
+
+Examples:
+  pkx509 crl http://crl.example.com/ca.crl
+  pkx509 show --json person.pem |
+    jq -r '.[].crlDistributionPoints[].fullName[] | select(startswith("URI:")) | .[4:]' |
+    xargs pkx509 crl
+)";
+
 }  // namespace
 
-void addCRLCommand(CLI::App& app, Action& action) {
-  CLI::App* const command =
-      app.add_subcommand("crl", "Fetches CRLs by URI, as a verification does.");
+void addCRLCommand(CommandLine& commandLine) {
   const auto options = std::make_shared<Options>();
-  command->add_option("URI", options->uris, "where the CRL is, http or https")
-      ->required()
-      ->type_name("");
-  command->add_flag("--json", options->json, "prints JSON");
-  command->footer(crlHelp());
-  command->callback([options, &action] { action = [options] { return run(*options); }; });
+  Subcommand command = commandLine.add("crl", "Fetches CRLs by URI, as a verification does.");
+  command.argument("URI", "where the CRL is, http or https", options->uris);
+  command.flag("--json", "prints JSON", options->json);
+  command.footer(kHelp);
+  command.action([options] { return run(*options); });
 }
 
 }  // namespace Velantrix::Tool

@@ -1,8 +1,6 @@
-#include "FindCommand.h"
-
+// `pkx509 find`: looks for certificates by mail address or by subject.
 #include "CertificateSource.h"
 #include "Facts.h"
-#include "FindHelp.h"
 #include "Input.h"
 #include "JsonText.h"
 #include "LogCollector.h"
@@ -10,10 +8,10 @@
 #include "Report.h"
 #include "StandardStreams.h"
 #include "Status.h"
+#include "Subcommands.h"
 
 #include <velantrix/DistinguishedName.h>
 
-#include <CLI/CLI.hpp>
 #include <exception>
 #include <list>
 #include <memory>
@@ -106,28 +104,48 @@ int run(const Options& options) {
   return status;
 }
 
+constexpr char kHelp[] = R"(
+Either --email or --subject says what is looked for, and either --dir or --ldap where. A DIR holds PEM
+files that are named by a hash: of the subject as "openssl rehash" names them, of the mail address as
+"pkx509 add" does. An LDAP directory has certificates in the entry with their subject's name, and by mail
+address in entries below --base, which is needed then. ADDRESS is taken as it is, letter case included. DN is a name as "pkx509 show"
+prints it, its most specific part first: CN=Someone,O=Example,C=DE.
+
+Nothing is verified: whoever can write to a directory decides what is found there, and different
+addresses and names may share a hash. Look at the facts, and verify a certificate before it is used.
+
+Output:
+  For each certificate its facts, as "pkx509 show" prints them, with DIR or the LDAP directory's URI in
+  the place of the file.
+  With --json an array of an object for each certificate, with the keys of "pkx509 show".
+
+Exit status:
+  0  At least one certificate was found.
+  1  None was found. A line on standard error says so.
+  2  Wrong usage, or something that cannot be read: the directory, a file in it, or a part of a
+     certificate. A line on standard error names it, or the line of the fact does.
+
+Examples:
+  pkx509 find --email person@example.com --dir /var/lib/mail/certs
+  pkx509 find --email person@example.com --ldap ldaps://directory.example.com --base o=Example
+  pkx509 find --json --subject 'CN=Root,O=Example Mail' --dir /opsadmin/etc/cert/server/ca
+)";
+
 }  // namespace
 
-void addFindCommand(CLI::App& app, Action& action) {
-  CLI::App* const command =
-      app.add_subcommand("find", "Looks for certificates by mail address or by subject.");
+void addFindCommand(CommandLine& commandLine) {
   const auto options = std::make_shared<Options>();
-  const auto text = [command](const char* name, const char* type, const char* description,
-                              std::optional<std::string>& value) {
-    // Given straight to the parser, an empty text would count as an option that is not there.
-    command
-        ->add_option_function<std::string>(
-            name, [&value](const std::string& given) { value = given; }, description)
-        ->type_name(type);
-  };
-  text("--email", "ADDRESS", "the mail address that they are for", options->email);
-  text("--subject", "DN", "their subject", options->subject);
-  text("--dir", "DIR", "hash directory to look in", options->directory);
-  text("--ldap", "URI", "LDAP directory to look in, ldap://HOST or ldaps://HOST", options->ldap);
-  text("--base", "DN", "where in it to look for a mail address", options->base);
-  command->add_flag("--json", options->json, "prints JSON");
-  command->footer(findHelp());
-  command->callback([options, &action] { action = [options] { return run(*options); }; });
+  Subcommand command =
+      commandLine.add("find", "Looks for certificates by mail address or by subject.");
+  command.option("--email", "ADDRESS", "the mail address that they are for", options->email);
+  command.option("--subject", "DN", "their subject", options->subject);
+  command.option("--dir", "DIR", "hash directory to look in", options->directory);
+  command.option("--ldap", "URI", "LDAP directory to look in, ldap://HOST or ldaps://HOST",
+                 options->ldap);
+  command.option("--base", "DN", "where in it to look for a mail address", options->base);
+  command.flag("--json", "prints JSON", options->json);
+  command.footer(kHelp);
+  command.action([options] { return run(*options); });
 }
 
 }  // namespace Velantrix::Tool

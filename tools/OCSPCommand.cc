@@ -1,13 +1,12 @@
-#include "OCSPCommand.h"
-
+// `pkx509 ocsp`: asks an OCSP responder about a certificate.
 #include "Input.h"
 #include "JsonText.h"
 #include "LogCollector.h"
-#include "OCSPHelp.h"
 #include "Printable.h"
 #include "Report.h"
 #include "StandardStreams.h"
 #include "Status.h"
+#include "Subcommands.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/OCSP.h>
@@ -18,7 +17,6 @@
 
 #include <openssl/x509v3.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
 #include <list>
@@ -176,34 +174,51 @@ int run(const Options& options) {
   return asked.code == kRevoked ? kNotValid : kError;
 }
 
+constexpr char kHelp[] = R"(
+Asks about the first certificate of CERT. FILE holds its issuer, and whatever other certificates are on
+its path; the others in CERT count as well. Without --uri the responders that the certificate names are
+tried until one can be connected to, provided that the issuer's signature is on the certificate: what a
+forgery names is not connected to.
+
+An answer counts when it is signed by the issuer or another certificate of the path, or by one that came
+with the answer and is valid against the trusted certificates of DIR. It is asked and judged exactly as
+in a verification: HTTP/1.0 POST, port 80 unless the URI names another; the times in the answer are not
+compared with the clock, and an answer that does not mention the certificate means good.
+
+Output:
+  A line with the answer, its code and the responder: good (0), revoked (1), no usable answer (2, 101
+  the responder's certificate is not valid, 117 the signature is wrong, 118 the responder's certificate
+  is unknown). Log lines go to standard error, as "CERT: <priority> text". With --json an array of one
+  object: file, uri (null when no responder was reached), answer ("good", "revoked" or "none"), code,
+  text, log (objects with priority, text).
+
+Exit status:
+  0  Good.
+  1  Revoked.
+  2  No usable answer, wrong usage, or something that cannot be read.
+
+Examples:
+  pkx509 ocsp --chain intermediates.pem person.pem
+  pkx509 ocsp --chain ca.pem --uri http://ocsp.example.com/ --timeout 5 person.pem
+)";
+
 }  // namespace
 
-void addOCSPCommand(CLI::App& app, Action& action) {
-  CLI::App* const command =
-      app.add_subcommand("ocsp", "Asks an OCSP responder about a certificate.");
+void addOCSPCommand(CommandLine& commandLine) {
   const auto options = std::make_shared<Options>();
-  command->add_option("CERT", options->file, "certificate to ask about; - for standard input")
-      ->required()
-      ->type_name("");
-  command->add_option("--chain", options->chainFile, "its issuer and the rest of its path")
-      ->required()
-      ->type_name("FILE");
-  command
-      ->add_option_function<std::string>(
-          "--uri", [options](const std::string& text) { options->uri = text; },
-          "the responder, default those that the certificate names")
-      ->type_name("URI");
-  command
-      ->add_option_function<std::string>(
-          "--ca-dir", [options](const std::string& text) { options->caDirectory = text; },
-          std::string("trusted certificates, default ") + kCADirectory)
-      ->type_name("DIR");
-  command->add_option("--timeout", options->timeout, "seconds for the query, default 30")
-      ->type_name("SECONDS")
-      ->check(CLI::Range(1U, 3600U));
-  command->add_flag("--json", options->json, "prints JSON");
-  command->footer(ocspHelp());
-  command->callback([options, &action] { action = [options] { return run(*options); }; });
+  Subcommand command = commandLine.add("ocsp", "Asks an OCSP responder about a certificate.");
+  command.argument("CERT", "certificate to ask about; - for standard input", options->file);
+  command.requiredOption("--chain", "FILE", "its issuer and the rest of its path",
+                         options->chainFile);
+  command.option("--uri", "URI", "the responder, default those that the certificate names",
+                 options->uri);
+  command.option("--ca-dir", "DIR", std::string("trusted certificates, default ") + kCADirectory,
+                 options->caDirectory);
+  command.numberOption("--timeout", "SECONDS", "seconds for the query, default 30",
+                       options->timeout, 1, 3600);
+  command.flag("--json", "prints JSON", options->json);
+  command.footer(kHelp);
+  command.action([options] { return run(*options); });
 }
 
 }  // namespace Velantrix::Tool

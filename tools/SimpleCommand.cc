@@ -1,22 +1,22 @@
-#include "SimpleCommand.h"
-
+// `pkx509 simple`: asks the verifier of daemons without a trust store of their own.
 #include "Input.h"
+#include "KeyUsage.h"
 #include "LogCollector.h"
 #include "OptionValues.h"
 #include "Report.h"
-#include "SimpleHelp.h"
 #include "StandardStreams.h"
 #include "Status.h"
+#include "Subcommands.h"
 #include "Terminal.h"
 
 #include <pkx509/SimpleVerifier.h>
 
 #include <openssl/x509_vfy.h>
 
-#include <CLI/CLI.hpp>
 #include <exception>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace Velantrix::Tool {
 
@@ -67,32 +67,61 @@ int run(const Options& options) {
   return report.valid() ? kAllValid : kNotValid;
 }
 
+constexpr std::string_view kBeforeNames = R"(
+The first certificate of CERT is verified as daemons verify it that have no trust store of their own:
+trusted certificates come from /opsadmin/etc/cert/server/ca and CRLs from
+/opsadmin/etc/cert/server/crl, both of them directories of PEM files that are named by a hash.
+Intermediate certificates have to stand in the former; others in CERT play no part.
+
+NAMES are key usages, in any case of letters and separated by commas:
+)";
+
+constexpr std::string_view kAfterNames = R"(
+Without --require-key-usage a key usage that does not fit is a log line and nothing more. A
+certificate that does not restrict its key usage always fits.
+
+Output:
+  The verdict, OpenSSL's code and text for it. The code is -1 when the key usage was refused or when
+  the verification could not be carried out. Log lines that explain it go to standard error, as
+  "CERT: <priority> text".
+  With --json everything goes to standard output, as an array of one object: file, verdict ("valid"
+  or "invalid"), code, text, log (objects with priority, text). JSON is never coloured, and with
+  NO_COLOR set in the environment or TERM being "dumb", --color=auto is "never".
+
+Exit status:
+  0  The certificate is valid.
+  1  It is not, or the verification could not be carried out.
+  2  Wrong usage, or CERT cannot be read. A line on standard error says so.
+
+Examples:
+  pkx509 simple person.pem
+  pkx509 simple --key-usage digitalSignature,nonRepudiation --require-key-usage person.pem
+)";
+
+std::string helpText() {
+  std::string help(kBeforeNames);
+  for (const NamedBit& usage : kKeyUsages) help.append("  ").append(usage.name).append("\n");
+  return help.append(kAfterNames);
+}
+
 }  // namespace
 
-void addSimpleCommand(CLI::App& app, Action& action) {
-  CLI::App* const command = app.add_subcommand(
-      "simple", "Asks the verifier of the machine's daemons about a certificate.");
+void addSimpleCommand(CommandLine& commandLine) {
   const auto options = std::make_shared<Options>();
-  command
-      ->add_option("CERT", options->file, "certificate to verify, PEM or DER; - for standard input")
-      ->required()
-      ->type_name("");
-  CLI::Option* const keyUsage = command->add_option_function<std::string>(
-      "--key-usage",
-      [options](const std::string& names) { options->keyUsage = parseKeyUsage(names); },
-      "what it is to be used for, see below; one of them has to be allowed");
-  keyUsage->type_name("NAMES");
-  command
-      ->add_flag("--require-key-usage", options->requireKeyUsage,
-                 "refuses a certificate whose key usage does not fit")
-      ->needs(keyUsage);
-  command->add_flag("--json", options->json, "prints JSON");
-  command
-      ->add_option("--color", options->colour,
-                   "colours the verdict: auto (on a terminal), always or never")
-      ->type_name("WHEN");
-  command->footer(simpleHelp());
-  command->callback([options, &action] { action = [options] { return run(*options); }; });
+  Subcommand command =
+      commandLine.add("simple", "Asks the verifier of the machine's daemons about a certificate.");
+  command.argument("CERT", "certificate to verify, PEM or DER; - for standard input",
+                   options->file);
+  command.option("--key-usage", "NAMES",
+                 "what it is to be used for, see below; one of them has to be allowed",
+                 [options](const std::string& names) { options->keyUsage = parseKeyUsage(names); });
+  command.flag("--require-key-usage", "refuses a certificate whose key usage does not fit",
+               options->requireKeyUsage);
+  command.needs("--require-key-usage", "--key-usage");
+  command.flag("--json", "prints JSON", options->json);
+  command.option("--color", "WHEN", kColourHelp, options->colour);
+  command.footer(helpText());
+  command.action([options] { return run(*options); });
 }
 
 }  // namespace Velantrix::Tool

@@ -1,5 +1,4 @@
-#include "VerifyCommand.h"
-
+// `pkx509 verify`: verifies certificates.
 #include "Content.h"
 #include "Input.h"
 #include "LogCollector.h"
@@ -8,17 +7,19 @@
 #include "Report.h"
 #include "StandardStreams.h"
 #include "Status.h"
+#include "Subcommands.h"
 #include "Terminal.h"
 #include "Verification.h"
-#include "VerifyHelp.h"
 
 #include <pkx509/FixedPaths.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstddef>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Velantrix::Tool {
@@ -113,75 +114,116 @@ int run(Options& options) {
   return status;
 }
 
+constexpr std::string_view kBeforeFlags = R"(
+The first certificate of a FILE is the one verified; others in the same file count as untrusted
+certificates, from which the path may be built. CRLs are looked for in every --crl-dir, and in
+/opsadmin/etc/cert/server/crl for certificates without CRL distribution points. Directories hold PEM
+files that are named by a hash, as "openssl rehash" names them.
+
+With --ldap certificates and CRLs are looked for in that LDAP directory as well, in the entry with the
+name of whom they belong to. What it gives is trusted like what is in --ca-dir: a root found there is a
+trust anchor. Without --bind-dn the tool binds with an empty name and no password; with a DN, whatever
+it is, it does not bind at all and searches as nobody. ldaps servers have to show a certificate that
+OpenSSL's default directory of trusted certificates vouches for. With the flag EXPLICIT_POLICY a path
+must have one of the policies.
+
+TIME is in UTC: 2026-11-21T05:00:00Z, 2026-11-21 (the begin of that day), or @ and seconds since the
+epoch.
+
+NAME is that of a constant of OpenSSL, with or without X509_V_FLAG_, in any case, with "_" or "-":
+)";
+
+constexpr std::string_view kAfterFlags = R"(
+Set by default are CRL_CHECK, CRL_CHECK_ALL, X509_STRICT, POLICY_CHECK, EXTENDED_CRL_SUPPORT and
+USE_DELTAS. --flag and --no-flag work in the order in which they are given.
+
+Output:
+  For each certificate its verdict, OpenSSL's code and text for it, the depth at which it failed and
+  the path that was built. Log lines that explain it go to standard error, as "FILE: <priority> text".
+  With --json everything goes to standard output, as an array of an object for each certificate:
+  file, verdict ("valid" or "invalid"), code, text, depth, chain (objects with subject, issuer,
+  serial), log (objects with priority, text). JSON is never coloured, and --color=auto is "never"
+  when NO_COLOR is set in the environment or TERM is "dumb".
+
+Exit status:
+  0  All certificates are valid.
+  1  At least one is not.
+  2  Wrong usage, or something that cannot be read: a certificate, a directory, a malformed CRL in a
+     directory. A line on standard error names it. Certificates that could be verified are reported
+     all the same, the others are not.
+
+Examples:
+  pkx509 verify person.pem
+  pkx509 verify --ca-dir /etc/ssl/certs --crl-dir crls --untrusted chain.pem person.pem
+  pkx509 verify --json --at 2026-11-21T05:00:00Z a.pem b.der
+  openssl s_client -showcerts -connect mx.example.com:465 </dev/null | pkx509 verify -
+)";
+
+// The names in lines of at most `width` columns, each with two blanks in front.
+std::string flagLines(std::size_t width) {
+  std::string lines;
+  std::string line;
+  for (const std::string_view name : flagNames()) {
+    if (!line.empty() && line.size() + 2 + name.size() > width) {
+      lines += line + '\n';
+      line.clear();
+    }
+    line.append(line.empty() ? "  " : " ").append(name);
+  }
+  return lines + line + '\n';
+}
+
+std::string helpText() {
+  return std::string(kBeforeFlags).append(flagLines(98)).append(kAfterFlags.substr(1));
+}
+
 }  // namespace
 
-void addVerifyCommand(CLI::App& app, Action& action) {
-  CLI::App* const command = app.add_subcommand(
-      "verify", "Verifies certificates: path to a trusted root, revocation of all of it.");
+void addVerifyCommand(CommandLine& commandLine) {
   const auto options = std::make_shared<Options>();
   VerificationSettings& settings = options->settings;
   settings.caDirectory = Crypto::PKX509::kCADirectory;
 
-  // Each use of a repeatable option takes one value, and the order among --flag and --no-flag
-  // counts.
-  const auto each = [command](const char* name, const char* type, const std::string& description,
-                              const std::function<void(const std::string&)>& take) {
-    command->add_option_function<std::string>(name, take, description)
-        ->trigger_on_parse()
-        ->type_name(type);
-  };
-  command
-      ->add_option("FILE", options->files,
-                   "certificate to verify, PEM or DER; - for standard input")
-      ->required()
-      ->type_name("");
-  command
-      ->add_option("--ca-dir", settings.caDirectory,
-                   std::string("trusted certificates, default ") + Crypto::PKX509::kCADirectory)
-      ->type_name("DIR");
-  each("--untrusted", "FILE", "certificates to build the path from; repeatable",
-       [options](const std::string& file) { options->untrustedFiles.push_back(file); });
-  each("--crl-dir", "DIR", "CRLs; repeatable", [options](const std::string& directory) {
-    options->settings.crlDirectories.push_back(directory);
-  });
-  command
-      ->add_option_function<std::string>(
-          "--ldap", [options](const std::string& uri) { options->ldap = uri; },
-          "LDAP directory of certificates and CRLs, ldap://HOST or ldaps://HOST")
-      ->type_name("URI");
-  command
-      ->add_option_function<std::string>(
-          "--bind-dn", [options](const std::string& name) { options->bindDn = name; },
-          "name for the LDAP directory; a name suppresses the bind, see below")
-      ->type_name("DN");
-  each("--policy", "OID", "acceptable certificate policy, default any; repeatable",
-       [options](const std::string& oid) { options->policies.push_back(oid); });
-  each("--flag", "NAME", "sets a verification flag, see below; repeatable",
-       [options](const std::string& name) {
-         const unsigned long bits = parseFlag(name);
-         options->settings.config.flags |= static_cast<int>(bits);
-         options->settings.clearedFlags &= ~bits;
-       });
-  each("--no-flag", "NAME", "clears a verification flag; repeatable",
-       [options](const std::string& name) {
-         const unsigned long bits = parseFlag(name);
-         options->settings.config.flags &= ~static_cast<int>(bits);
-         options->settings.clearedFlags |= bits;
-       });
-  command
-      ->add_option_function<std::string>(
-          "--at", [options](const std::string& text) { options->settings.at = parseTime(text); },
-          "verifies as of that time, see below")
-      ->type_name("TIME");
-  command->add_flag("--openssl-revocation", settings.openSSLRevocation,
-                    "OpenSSL's revocation check in place of the library's");
-  command->add_flag("--json", options->json, "prints JSON");
-  command
-      ->add_option("--color", options->colour,
-                   "colours the verdict: auto (on a terminal), always or never")
-      ->type_name("WHEN");
-  command->footer(verifyHelp());
-  command->callback([options, &action] { action = [options] { return run(*options); }; });
+  Subcommand command = commandLine.add(
+      "verify", "Verifies certificates: path to a trusted root, revocation of all of it.");
+  command.argument("FILE", "certificate to verify, PEM or DER; - for standard input",
+                   options->files);
+  command.option("--ca-dir", "DIR",
+                 std::string("trusted certificates, default ") + Crypto::PKX509::kCADirectory,
+                 settings.caDirectory);
+  command.repeatableOption("--untrusted", "FILE", "certificates to build the path from; repeatable",
+                           options->untrustedFiles);
+  command.repeatableOption("--crl-dir", "DIR", "CRLs; repeatable", settings.crlDirectories);
+  command.option("--ldap", "URI",
+                 "LDAP directory of certificates and CRLs, ldap://HOST or ldaps://HOST",
+                 options->ldap);
+  command.option("--bind-dn", "DN",
+                 "name for the LDAP directory; a name suppresses the bind, see below",
+                 options->bindDn);
+  command.repeatableOption("--policy", "OID",
+                           "acceptable certificate policy, default any; repeatable",
+                           options->policies);
+  // The order among these two counts.
+  command.repeatableOption("--flag", "NAME", "sets a verification flag, see below; repeatable",
+                           [options](const std::string& name) {
+                             const unsigned long bits = parseFlag(name);
+                             options->settings.config.flags |= static_cast<int>(bits);
+                             options->settings.clearedFlags &= ~bits;
+                           });
+  command.repeatableOption("--no-flag", "NAME", "clears a verification flag; repeatable",
+                           [options](const std::string& name) {
+                             const unsigned long bits = parseFlag(name);
+                             options->settings.config.flags &= ~static_cast<int>(bits);
+                             options->settings.clearedFlags |= bits;
+                           });
+  command.option("--at", "TIME", "verifies as of that time, see below",
+                 [options](const std::string& text) { options->settings.at = parseTime(text); });
+  command.flag("--openssl-revocation", "OpenSSL's revocation check in place of the library's",
+               settings.openSSLRevocation);
+  command.flag("--json", "prints JSON", options->json);
+  command.option("--color", "WHEN", kColourHelp, options->colour);
+  command.footer(helpText());
+  command.action([options] { return run(*options); });
 }
 
 }  // namespace Velantrix::Tool
