@@ -33,8 +33,10 @@ struct Options {
 // Somebody may well have mail under an address that the certificate does not have, so this is no
 // error; but it is how a certificate ends up with somebody else's mail.
 bool names(const Facts& certificate, const std::string& email) {
-  const Facts& emails = certificate.at("emails");
-  return std::find(emails.begin(), emails.end(), email) != emails.end();
+  const Value::Array* const emails = certificate.at("emails").array();
+  return emails != nullptr && std::any_of(emails->begin(), emails->end(), [&](const Value& named) {
+           return *named.text() == email;
+         });
 }
 
 int run(const Options& options) {
@@ -51,12 +53,12 @@ int run(const Options& options) {
                    options.email);
   }
   if (options.json) {
-    writeOutput(jsonText(Facts::array({{{"file", options.file},
-                                        {"email", options.email},
-                                        {"directory", options.directory},
-                                        {"subject", facts.at("subject")},
-                                        {"issuer", facts.at("issuer")},
-                                        {"serial", facts.at("serial")}}})));
+    writeOutput(jsonText(Value::Array{Value::Object{{"file", options.file},
+                                                    {"email", options.email},
+                                                    {"directory", options.directory},
+                                                    {"subject", facts.at("subject")},
+                                                    {"issuer", facts.at("issuer")},
+                                                    {"serial", facts.at("serial")}}}));
   } else {
     writeOutput(printable(options.file) + ": added to " + printable(options.directory) + " for " +
                 printable(options.email) + '\n');

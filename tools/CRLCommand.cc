@@ -85,7 +85,7 @@ std::string reasonForNone(const Uri& uri) {
   return "the host was not reached, or it did not answer with one";
 }
 
-int report(const Options& options, const std::string& text, LogCollector& log, Facts& all) {
+int report(const Options& options, const std::string& text, LogCollector& log, Value::Array& all) {
   const Uri uri(text);
   const Found found = lookUp(text, uri);
   for (const Report::LogLine& line : log.take()) writeErrorLine(logLine(text, line));
@@ -115,7 +115,7 @@ int run(const Options& options) {
     if (Uri(text).isNull()) throw ToolError("\"" + text + "\" is no URI");
   }
   LogCollector log;
-  Facts all = Facts::array();
+  Value::Array all;
   int status = kAllValid;
   for (const std::string& text : options.uris) {
     status = std::max(status, report(options, text, log, all));

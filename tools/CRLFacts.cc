@@ -9,7 +9,7 @@ using namespace Crypto::PKX509;
 namespace {
 
 Facts issuingDistributionPoint(const RefIssuingDistributionPoint& point) {
-  if (point.empty()) return nullptr;
+  if (point.empty()) return {};
   Facts fact = pointNameFact(point->distributionPointName());
   fact["onlyUser"] = point->onlyUser();
   fact["onlyCA"] = point->onlyCA();

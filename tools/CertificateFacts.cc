@@ -51,7 +51,7 @@ std::string keyAlgorithm(X509* certificate) {
 // Null without a limit. OpenSSL's own X509_get_pathlen cannot tell that from a broken one.
 Facts pathLength(X509* certificate) {
   const auto constraints = decode<BASIC_CONSTRAINTS>(certificate, NID_basic_constraints);
-  if (constraints == nullptr || constraints->pathlen == nullptr) return nullptr;
+  if (constraints == nullptr || constraints->pathlen == nullptr) return {};
   const ErrorMark errors;
   std::int64_t length = 0;
   if (ASN1_INTEGER_get_int64(&length, constraints->pathlen) != 1 || length < 0) {
@@ -67,7 +67,7 @@ Facts keyUsage(const RefCertificate& certificate) {
 }
 
 Facts distributionPoints(const RefCertificate& certificate) {
-  Facts points = Facts::array();
+  Facts::Array points;
   for (const RefCRLDistributionPoint& point : certificate->crlDistributionPoints()) {
     Facts fact = pointNameFact(point->distributionPointName());
     fact["reasons"] = reasonsFact(point->reasons());
@@ -80,7 +80,7 @@ Facts distributionPoints(const RefCertificate& certificate) {
 Facts ocspLocations(const RefCertificate& certificate) {
   const RefAuthorityInformationAccess access(
       certificate->find(ASN1::RefObjectIdentifier("1.3.6.1.5.5.7.1.1")));
-  return access.empty() ? Facts::array() : namesFact(access->ocspGeneralNames());
+  return access.empty() ? Facts(Facts::Array()) : namesFact(access->ocspGeneralNames());
 }
 
 // Those of the subject alternative name and of the subject. They are sorted, because OpenSSL's
@@ -93,7 +93,7 @@ Facts emailAddresses(X509* certificate) {
   for (int i = 0; i < sk_OPENSSL_STRING_num(addresses.get()); ++i) {
     texts.emplace(sk_OPENSSL_STRING_value(addresses.get(), i));
   }
-  return texts;
+  return Facts::Array(texts.begin(), texts.end());
 }
 
 }  // namespace

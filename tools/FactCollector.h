@@ -7,6 +7,7 @@
 #include <exception>
 #include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace Velantrix::Tool {
@@ -14,11 +15,11 @@ namespace Velantrix::Tool {
 class FactCollector {
  public:
   FactCollector(const std::string& file, const char* type)
-      : facts_({{"file", file}, {"type", type}}), problems_(Facts::object()) {}
+      : facts_(Facts::Object{{"file", file}, {"type", type}}), problems_(Facts::Object()) {}
 
   /// The value that @p read returns; null and a problem when it throws.
   template <class Read>
-  void add(const char* key, Read read) {
+  void add(std::string_view key, Read read) {
     Facts& fact = facts_[key];
     try {
       fact = read();

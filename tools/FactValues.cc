@@ -29,9 +29,9 @@ constexpr std::array kReasons = {
 };
 
 Facts bitNames(std::span<const NamedBit> bits, unsigned int mask) {
-  Facts names = Facts::array();
+  Facts::Array names;
   for (const NamedBit& bit : bits) {
-    if ((mask & bit.mask) != 0) names.push_back(bit.name);
+    if ((mask & bit.mask) != 0) names.emplace_back(bit.name);
   }
   return names;
 }
@@ -90,7 +90,7 @@ std::string textOf(const RefGeneralName& name) {
 }  // namespace
 
 Facts timeFact(const ASN1::RefGeneralizedTime& time) {
-  if (time.empty()) return nullptr;
+  if (time.empty()) return {};
   const std::chrono::sys_seconds point{std::chrono::seconds(time->seconds())};
   const auto day = std::chrono::floor<std::chrono::days>(point);
   const std::chrono::year_month_day date(day);
@@ -117,17 +117,15 @@ Facts keyIdFact(const RefAuthorityKeyIdentifier& identifier) {
 }
 
 Facts namesFact(const std::list<RefGeneralName>& names) {
-  Facts texts = Facts::array();
-  for (const RefGeneralName& name : names) texts.push_back(textOf(name));
+  Facts::Array texts;
+  for (const RefGeneralName& name : names) texts.emplace_back(textOf(name));
   return texts;
 }
 
 Facts pointNameFact(const RefCRLDistributionPointName& name) {
   const bool relative = !name.empty() && name->type() == CRLDistributionPointName::kRelativeName;
-  Facts fact = Facts::object();
-  fact["fullName"] = name.empty() ? Facts::array() : namesFact(name->fullName());
-  fact["relativeName"] = relative ? Facts(name->relativeName()) : Facts();
-  return fact;
+  return Facts::Object{{"fullName", name.empty() ? Facts::Array() : namesFact(name->fullName())},
+                       {"relativeName", relative ? Facts(name->relativeName()) : Facts()}};
 }
 
 Facts reasonsFact(unsigned int reasons) { return bitNames(kReasons, reasons); }

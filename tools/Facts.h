@@ -1,12 +1,12 @@
 // What stands in a certificate or a CRL, as the library sees it, and how it is written.
 #pragma once
 
+#include "Value.h"
+
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateRevocationList.h>
 
-#include <nlohmann/json.hpp>
 #include <string>
-#include <vector>
 
 namespace Velantrix::Tool {
 
@@ -15,7 +15,7 @@ namespace Velantrix::Tool {
 /// escape.
 ///
 /// What is broken is null as well, and "problems" says why, by the same key.
-using Facts = nlohmann::ordered_json;
+using Facts = Value;
 
 Facts factsOf(const std::string& file, const Crypto::PKX509::RefCertificate& certificate);
 Facts factsOf(const std::string& file, const Crypto::PKX509::RefCertificateRevocationList& crl);

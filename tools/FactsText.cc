@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace Velantrix::Tool {
@@ -70,54 +72,55 @@ void writeLine(std::string& out, std::size_t indent, std::string_view label,
   out += '\n';
 }
 
-std::string wordsOf(const Facts& array) {
+std::string wordsOf(const Facts::Array& array) {
   std::string words;
-  for (const Facts& word : array) {
-    words.append(words.empty() ? "" : ", ").append(word.get_ref<const std::string&>());
-  }
+  for (const Facts& word : array) words.append(words.empty() ? "" : ", ").append(*word.text());
   return words;
 }
 
 std::string scalarText(const Facts& value) {
-  if (value.is_boolean()) return value.get<bool>() ? "yes" : "no";
-  if (!value.is_string()) return value.dump();
-  const std::string text = printable(value.get_ref<const std::string&>());
+  if (const bool* const truth = value.truth()) return *truth ? "yes" : "no";
+  if (const std::int64_t* const number = value.number()) return std::to_string(*number);
+  const std::string text = printable(*value.text());
   return text.empty() ? "empty" : text;
 }
 
 void writeFact(std::string& out, std::size_t indent, const Label& label, const Facts& value);
 
 void writeObject(std::string& out, std::size_t indent, std::string_view heading,
-                 const Facts& object) {
+                 const Facts::Object& object) {
   writeLine(out, indent, heading, {});
-  for (const auto& [key, value] : object.items()) {
-    writeFact(out, indent + 2, labelOf(key), value);
-  }
+  for (const auto& [key, value] : object) writeFact(out, indent + 2, labelOf(key), value);
 }
 
-void writeArray(std::string& out, std::size_t indent, const Label& label, const Facts& array) {
+void writeArray(std::string& out, std::size_t indent, const Label& label,
+                const Facts::Array& array) {
   if (array.empty()) {
     writeLine(out, indent, label.text, "none");
-  } else if (label.words) {
+    return;
+  }
+  if (label.words) {
     const bool allReasons = label.key == "reasons" && array.size() == kAllReasons;
     writeLine(out, indent, label.text, allReasons ? "all" : wordsOf(array));
-  } else if (array.front().is_object()) {
-    std::size_t number = 0;
-    for (const Facts& object : array) {
-      writeObject(out, indent, std::string(label.text) + ' ' + std::to_string(++number), object);
+    return;
+  }
+  std::size_t number = 0;
+  for (const Facts& value : array) {
+    if (const Facts::Object* const object = value.object()) {
+      writeObject(out, indent, std::string(label.text) + ' ' + std::to_string(++number), *object);
+    } else {
+      writeLine(out, indent, label.text, scalarText(value));
     }
-  } else {
-    for (const Facts& value : array) writeLine(out, indent, label.text, scalarText(value));
   }
 }
 
 void writeFact(std::string& out, std::size_t indent, const Label& label, const Facts& value) {
-  if (value.is_null()) {
+  if (value.isNull()) {
     writeLine(out, indent, label.text, label.absent);
-  } else if (value.is_array()) {
-    writeArray(out, indent, label, value);
-  } else if (value.is_object()) {
-    writeObject(out, indent, label.text, value);
+  } else if (const Facts::Array* const array = value.array()) {
+    writeArray(out, indent, label, *array);
+  } else if (const Facts::Object* const object = value.object()) {
+    writeObject(out, indent, label.text, *object);
   } else {
     writeLine(out, indent, label.text, scalarText(value));
   }
@@ -125,19 +128,18 @@ void writeFact(std::string& out, std::size_t indent, const Label& label, const F
 
 }  // namespace
 
-bool hasProblems(const Facts& facts) { return !facts.at("problems").empty(); }
+bool hasProblems(const Facts& facts) { return !facts.at("problems").object()->empty(); }
 
 std::string factsText(const Facts& facts) {
   const Facts& problems = facts.at("problems");
-  const bool crl = facts.at("type") == "crl";
-  std::string out = printable(facts.at("file").get_ref<const std::string&>());
+  const bool crl = *facts.at("type").text() == "crl";
+  std::string out = printable(*facts.at("file").text());
   out += crl ? ": CRL\n" : ": certificate\n";
-  for (const auto& [key, value] : facts.items()) {
+  for (const auto& [key, value] : *facts.object()) {
     if (key == "file" || key == "type" || key == "problems") continue;
     const Label label = labelOf(key);
-    if (problems.contains(key)) {
-      writeLine(out, 2, label.text,
-                "broken: " + printable(problems.at(key).get_ref<const std::string&>()));
+    if (const Facts* const problem = problems.find(key)) {
+      writeLine(out, 2, label.text, "broken: " + printable(*problem->text()));
     } else {
       writeFact(out, 2, label, value);
     }

@@ -85,7 +85,7 @@ int run(const Options& options) {
   const CertificateSource source = sourceOf(options);
   const std::list<RefCertificate> found = ask(source, options);
   int status = kAllValid;
-  Facts all = Facts::array();
+  Value::Array all;
   for (const RefCertificate& certificate : found) {
     Facts facts = factsOf(source.name, certificate);
     if (hasProblems(facts)) status = kError;

@@ -1,40 +1,47 @@
 #include "JsonText.h"
 #include "Report.h"
 
-#include <nlohmann/json.hpp>
+#include <utility>
 
 namespace Velantrix::Tool {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-Json toJson(const Report& report) {
-  Json chain = Json::array();
+Value chainOf(const Report& report) {
+  Value::Array chain;
   for (const Report::Link& link : report.chain) {
-    chain.push_back({{"subject", link.subject}, {"issuer", link.issuer}, {"serial", link.serial}});
+    chain.push_back(
+        Value::Object{{"subject", link.subject}, {"issuer", link.issuer}, {"serial", link.serial}});
   }
-  Json log = Json::array();
-  for (const Report::LogLine& line : report.log) {
-    log.push_back({{"priority", line.priority}, {"text", line.text}});
-  }
-  Json json = {{"file", report.file},
-               {"verdict", report.valid() ? "valid" : "invalid"},
-               {"code", report.code},
-               {"text", report.text}};
+  return chain;
+}
+
+Value valueOf(const Report& report) {
+  Value::Object members = {{"file", report.file},
+                           {"verdict", report.valid() ? "valid" : "invalid"},
+                           {"code", report.code},
+                           {"text", report.text}};
   if (report.pathKnown) {
-    json["depth"] = report.depth;
-    json["chain"] = std::move(chain);
+    members.emplace_back("depth", report.depth);
+    members.emplace_back("chain", chainOf(report));
   }
-  json["log"] = std::move(log);
-  return json;
+  members.emplace_back("log", logValue(report.log));
+  return members;
 }
 
 }  // namespace
 
+Value logValue(const std::vector<Report::LogLine>& lines) {
+  Value::Array log;
+  for (const Report::LogLine& line : lines) {
+    log.push_back(Value::Object{{"priority", line.priority}, {"text", line.text}});
+  }
+  return log;
+}
+
 std::string jsonReport(const std::vector<Report>& reports) {
-  Json all = Json::array();
-  for (const Report& report : reports) all.push_back(toJson(report));
+  Value::Array all;
+  for (const Report& report : reports) all.push_back(valueOf(report));
   return jsonText(all);
 }
 

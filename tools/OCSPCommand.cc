@@ -21,7 +21,6 @@
 #include <exception>
 #include <list>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -138,19 +137,12 @@ Asked ask(const Options& options, const std::list<RefCertificate>& chain) {
 }
 
 std::string jsonOf(const Options& options, const Asked& asked) {
-  using Json = nlohmann::ordered_json;
-  Json log = Json::array();
-  for (const Report::LogLine& line : asked.log) {
-    log.push_back({{"priority", line.priority}, {"text", line.text}});
-  }
-  Json all = Json::array();
-  all.push_back({{"file", options.file},
-                 {"uri", asked.uri ? Json(*asked.uri) : Json()},
-                 {"answer", wordOf(asked.code)},
-                 {"code", asked.code},
-                 {"text", textOf(asked)},
-                 {"log", std::move(log)}});
-  return jsonText(all);
+  return jsonText(Value::Array{Value::Object{{"file", options.file},
+                                             {"uri", asked.uri ? Value(*asked.uri) : Value()},
+                                             {"answer", wordOf(asked.code)},
+                                             {"code", asked.code},
+                                             {"text", textOf(asked)},
+                                             {"log", logValue(asked.log)}}});
 }
 
 int run(const Options& options) {

@@ -1,6 +1,8 @@
 // What is said about one certificate, and how it is written.
 #pragma once
 
+#include "Value.h"
+
 #include <openssl/x509_vfy.h>
 
 #include <string>
@@ -37,6 +39,8 @@ std::string textReport(const Report& report, bool colour);
 /// A log line as it goes to standard error.
 std::string logLine(const std::string& file, const Report::LogLine& line);
 
+/// Log lines for programs: an array of objects.
+Value logValue(const std::vector<Report::LogLine>& lines);
 /// For programs: an array of all reports. Bytes that are not UTF-8 are replaced by U+FFFD.
 std::string jsonReport(const std::vector<Report>& reports);
 

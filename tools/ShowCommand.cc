@@ -49,7 +49,7 @@ Shown look(const std::string& file, Progress& progress) {
 int run(const Options& options) {
   requireOneStandardInput(options.files);
   int status = kAllValid;
-  Facts all = Facts::array();
+  Value::Array all;
   Progress progress(options.files.size());
   for (const std::string& file : options.files) {
     Shown shown = look(file, progress);
