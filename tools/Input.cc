@@ -4,7 +4,6 @@
 #include "Status.h"
 
 #include <velantrix/Buffer.h>
-#include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
 #include <algorithm>
@@ -28,6 +27,10 @@ struct CloseDirectory {
 
 [[noreturn]] void refuse(const std::string& option, const std::string& directory, int error) {
   throw ToolError(option + ": " + directory + ": " + std::generic_category().message(error));
+}
+
+Buffer borrowed(const std::string& content) {
+  return Buffer(content.data(), static_cast<unsigned int>(content.size()), false);
 }
 
 // Names that `openssl rehash` and the library make: hexadecimal digits, ".", "r" for a CRL, a
@@ -58,13 +61,26 @@ std::list<RefCertificate> readCertificates(const std::string& file) {
   const std::string content = contentOf(file);
   std::list<RefCertificate> certificates;
   try {
-    CertificateFactory::read(
-        Buffer(content.data(), static_cast<unsigned int>(content.size()), false), certificates);
+    CertificateFactory::read(borrowed(content), certificates);
   } catch (const std::exception& error) {
     throw ToolError(describe(nameOf(file), error));
   }
   if (certificates.empty()) throw ToolError(nameOf(file) + ": there is no certificate in it");
   return certificates;
+}
+
+std::list<CertificateFactory::Item> readObjects(const std::string& file) {
+  const std::string content = contentOf(file);
+  std::list<CertificateFactory::Item> items;
+  try {
+    items = CertificateFactory::readAll(borrowed(content));
+  } catch (const std::exception& error) {
+    throw ToolError(describe(nameOf(file), error));
+  }
+  if (items.empty()) {
+    throw ToolError(nameOf(file) + ": there is no certificate and no CRL in it");
+  }
+  return items;
 }
 
 void requireHashDirectory(const std::string& option, const std::string& directory) {

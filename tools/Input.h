@@ -2,7 +2,7 @@
 #pragma once
 
 #include <velantrix/Certificate.h>
-#include <velantrix/CertificateRevocationList.h>
+#include <velantrix/CertificateFactory.h>
 #include <velantrix/LDAPConnection.h>
 
 #include <exception>
@@ -16,17 +16,10 @@ namespace Velantrix::Tool {
 /// @throws ToolError, naming @p file, when it cannot be read or has none
 std::list<Crypto::PKX509::RefCertificate> readCertificates(const std::string& file);
 
-/// One of the things found in an input; exactly one of the three is set.
-struct InputObject {
-  Crypto::PKX509::RefCertificate certificate;
-  Crypto::PKX509::RefCertificateRevocationList crl;
-  std::string problem;  ///< why the library refuses a certificate or a CRL at this place
-};
-
-/// The certificates and CRLs of a file or of standard input in its order, at least one object.
-/// Whatever else is in it is passed over.
+/// The certificates and CRLs of a file or of standard input in its order, and what is wrong with
+/// those that cannot be read; at least one item.
 /// @throws ToolError, naming @p file, when it cannot be read or has none
-std::vector<InputObject> readObjects(const std::string& file);
+std::list<Crypto::PKX509::CertificateFactory::Item> readObjects(const std::string& file);
 
 /// Looks whether a directory given for certificates or CRLs can serve at all. A verification would
 /// take one that is not there, or has no file in it that a look-up opens, for an empty one, and its

@@ -31,7 +31,7 @@ Shown look(const std::string& file, Progress& progress) {
   const Progress::Step step(progress);
   Shown shown;
   try {
-    for (const InputObject& object : readObjects(file)) {
+    for (const Crypto::PKX509::CertificateFactory::Item& object : readObjects(file)) {
       if (!object.problem.empty()) {
         shown.errors.push_back(nameOf(file) + ": " + object.problem);
       } else if (!object.crl.empty()) {

@@ -140,7 +140,8 @@ class PKX509_EXPORT RefCertificateRevocationList : public Ref<CertificateRevocat
 ///
 /// What is read is what `CertificateFactory` reads, with "X509 CRL" blocks and DER CRLs in the
 /// place of certificates: an input that can be read and holds something else only gives an empty
-/// handle. The whole input is read; of several CRLs the first is returned.
+/// handle. The whole input is read; of several CRLs the first is returned, and
+/// `CertificateFactory::readAll` has all of them.
 class PKX509_EXPORT CertificateRevocationListFactory {
  public:
   CertificateRevocationListFactory() = default;

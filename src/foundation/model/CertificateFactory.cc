@@ -10,6 +10,7 @@
 #include <openssl/pem.h>
 
 #include <string>
+#include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -19,24 +20,12 @@ constexpr Origin kHere{"X509::CertificateFactory", "CertificateFactory"};
 
 class CertificateSink : public ObjectSink {
  public:
-  bool wants(std::string_view label) const override {
-    return label == PEM_STRING_X509 || label == PEM_STRING_X509_OLD ||
-           label == PEM_STRING_X509_TRUSTED;
-  }
+  bool wants(std::string_view label) const override { return isCertificateLabel(label); }
 
   bool take(std::string_view label, const unsigned char* der, std::size_t length) override {
-    const ErrorScope errors;
-    if (label != PEM_STRING_X509_TRUSTED) {
-      if (X509* const known = VerificationRun::known(der, length)) {
-        certificates_.push_back(CertificateFactory()(known, false));
-        return true;
-      }
-    }
-    // A trusted certificate is followed by OpenSSL's trust settings, which its verification heeds.
-    const auto decode = label == PEM_STRING_X509_TRUSTED ? d2i_X509_AUX : d2i_X509;
-    Owned<X509> decoded = decodeWhole(decode, der, length);
-    if (decoded == nullptr) return false;
-    certificates_.push_back(CertificateFactory()(decoded.release(), true));
+    const RefCertificate certificate = decodeCertificate(label, der, length);
+    if (certificate.empty()) return false;
+    certificates_.push_back(certificate);
     return true;
   }
 
@@ -46,7 +35,54 @@ class CertificateSink : public ObjectSink {
   std::list<RefCertificate> certificates_;
 };
 
+class ItemSink : public ObjectSink {
+ public:
+  bool wants(std::string_view label) const override {
+    return isCertificateLabel(label) || isCRLLabel(label);
+  }
+
+  bool take(std::string_view label, const unsigned char* der, std::size_t length) override {
+    try {
+      CertificateFactory::Item item;
+      if (!isCRLLabel(label)) item.certificate = decodeCertificate(label, der, length);
+      if (!isCertificateLabel(label) && item.certificate.empty()) item.crl = decodeCRL(der, length);
+      if (item.certificate.empty() && item.crl.empty()) return false;
+      items_.push_back(item);
+    } catch (const Exception& e) {
+      refuse(e.stringParameter().empty() ? e.what() : e.stringParameter());
+    }
+    return true;
+  }
+
+  void refuse(const std::string& reason) override { items_.emplace_back().problem = reason; }
+
+  std::list<CertificateFactory::Item>& items() { return items_; }
+
+ private:
+  std::list<CertificateFactory::Item> items_;
+};
+
 }  // namespace
+
+bool isCertificateLabel(std::string_view label) {
+  return label == PEM_STRING_X509 || label == PEM_STRING_X509_OLD ||
+         label == PEM_STRING_X509_TRUSTED;
+}
+
+RefCertificate decodeCertificate(std::string_view label, const unsigned char* der,
+                                 std::size_t length) {
+  const ErrorScope errors;
+  if (label != PEM_STRING_X509_TRUSTED) {
+    if (X509* const known = VerificationRun::known(der, length)) {
+      return CertificateFactory()(known, false);
+    }
+  }
+  // A trusted certificate is followed by OpenSSL's trust settings, which its verification heeds.
+  const auto decode = label == PEM_STRING_X509_TRUSTED ? d2i_X509_AUX : d2i_X509;
+  Owned<X509> decoded = decodeWhole(decode, der, length);
+  if (decoded == nullptr) return RefCertificate();
+  return CertificateFactory()(decoded.release(), true);
+}
 
 void CertificateFactory::read(const File::Path& path, std::list<RefCertificate>& certificates) {
   CertificateSink sink;
@@ -58,6 +94,12 @@ void CertificateFactory::read(const Buffer& data, std::list<RefCertificate>& cer
   CertificateSink sink;
   readObjects(data.data(), data.length(), sink);
   certificates.splice(certificates.end(), sink.certificates());
+}
+
+std::list<CertificateFactory::Item> CertificateFactory::readAll(const Buffer& data) {
+  ItemSink sink;
+  readObjects(data.data(), data.length(), sink);
+  return std::move(sink.items());
 }
 
 RefCertificate CertificateFactory::operator()(x509_st* x509, bool adopt) const {

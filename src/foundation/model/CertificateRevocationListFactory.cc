@@ -20,13 +20,11 @@ constexpr Origin kHere{"X509::CertificateRevocationListFactory",
 // Keeps the first CRL; the others are decoded all the same, so that a damaged input is noticed.
 class CRLSink : public ObjectSink {
  public:
-  bool wants(std::string_view label) const override { return label == PEM_STRING_X509_CRL; }
+  bool wants(std::string_view label) const override { return isCRLLabel(label); }
 
   bool take(std::string_view /*label*/, const unsigned char* der, std::size_t length) override {
-    const ErrorScope errors;
-    Owned<X509_CRL> decoded = decodeWhole(d2i_X509_CRL, der, length);
-    if (decoded == nullptr) return false;
-    RefCertificateRevocationList crl = CertificateRevocationListFactory()(decoded.release(), true);
+    const RefCertificateRevocationList crl = decodeCRL(der, length);
+    if (crl.empty()) return false;
     if (first_.empty()) first_ = crl;
     return true;
   }
@@ -38,6 +36,15 @@ class CRLSink : public ObjectSink {
 };
 
 }  // namespace
+
+bool isCRLLabel(std::string_view label) { return label == PEM_STRING_X509_CRL; }
+
+RefCertificateRevocationList decodeCRL(const unsigned char* der, std::size_t length) {
+  const ErrorScope errors;
+  Owned<X509_CRL> decoded = decodeWhole(d2i_X509_CRL, der, length);
+  if (decoded == nullptr) return RefCertificateRevocationList();
+  return CertificateRevocationListFactory()(decoded.release(), true);
+}
 
 RefCertificateRevocationList CertificateRevocationListFactory::read(const File::Path& path) {
   CRLSink sink;

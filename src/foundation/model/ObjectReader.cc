@@ -69,7 +69,8 @@ bool readDer(const unsigned char* data, std::size_t length, ObjectSink& sink) {
     const std::size_t size = sequenceSize(der, length - position);
     if (size == 0 || (!sink.take({}, der, size) && !isKnownObject(der, size))) {
       if (position == 0) return false;
-      fail(kHere, "neither PEM nor DER from octet " + std::to_string(position));
+      sink.refuse("neither PEM nor DER from octet " + std::to_string(position));
+      return true;
     }
     position += size;
   }
@@ -104,16 +105,18 @@ void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
     if (PEM_read_bio(input.get(), &block.label, &block.header, &block.der, &block.length) != 1) {
       const unsigned long error = ERR_peek_last_error();
       if (ERR_GET_LIB(error) != ERR_LIB_PEM || ERR_GET_REASON(error) != PEM_R_NO_START_LINE) {
-        fail(kHere, "malformed PEM block");
+        sink.refuse("malformed PEM block");
+      } else if (blocks == 0) {
+        sink.refuse("neither PEM nor DER");
       }
-      if (blocks == 0) fail(kHere, "neither PEM nor DER");
       return;
     }
     const std::string label = block.label;
     if (!sink.wants(label)) continue;
-    if (*block.header != '\0') fail(kHere, "encrypted " + label);
-    if (!sink.take(label, block.der, static_cast<std::size_t>(block.length))) {
-      fail(kHere, "malformed " + label);
+    if (*block.header != '\0') {
+      sink.refuse("encrypted " + label);
+    } else if (!sink.take(label, block.der, static_cast<std::size_t>(block.length))) {
+      sink.refuse("malformed " + label);
     }
   }
 }
@@ -121,6 +124,8 @@ void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
 }  // namespace
 
 ObjectSink::~ObjectSink() = default;
+
+void ObjectSink::refuse(const std::string& reason) { fail(kHere, reason); }
 
 void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink) {
   if (length > kMaxInputSize) fail(kHere, "larger than 128 MiB");

@@ -3,9 +3,12 @@
 
 #include "foundation/base/Fail.h"
 
+#include <velantrix/Certificate.h>
+#include <velantrix/CertificateRevocationList.h>
 #include <velantrix/File.h>
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -20,6 +23,10 @@ class ObjectSink {
   /// @param label the PEM block's label, empty for an element of DER input
   /// @return false when the octets are no object of the kind looked for, to the last one
   virtual bool take(std::string_view label, const unsigned char* der, std::size_t length) = 0;
+  /// Hears what cannot be read, as often as there is such a place. Unless it throws, reading goes on
+  /// behind a PEM block; what is no block at all, and an element of DER, is where it ends.
+  /// @throws Exception with that reason, unless an implementation does something else
+  virtual void refuse(const std::string& reason);
 };
 
 /// Hands every object of the kind that @p sink looks for to it, in the order of the input. The
@@ -29,7 +36,7 @@ class ObjectSink {
 /// element that is nothing known is a broken object of the kind looked for rather than something
 /// else. No passphrase is ever asked for; an encrypted block of the kind looked for is malformed.
 ///
-/// @throws Exception when something cannot be read, and whatever the sink throws; the sink may then
+/// @throws Exception when the input is too large, and whatever the sink throws; the sink may then
 ///         have taken some of the objects
 void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink);
 
@@ -38,5 +45,18 @@ void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink
 ///         cannot be read, and as `readFile()` when the file cannot be
 void readObjects(const File::Path& path, ObjectSink& sink, const Origin& origin,
                  unsigned int line = __builtin_LINE());
+
+/// Whether PEM blocks with this label hold a certificate.
+bool isCertificateLabel(std::string_view label);
+/// The certificate that all of the octets are; empty when they are none.
+/// @param label as `ObjectSink::take` has it
+RefCertificate decodeCertificate(std::string_view label, const unsigned char* der,
+                                 std::size_t length);
+
+/// Whether PEM blocks with this label hold a CRL.
+bool isCRLLabel(std::string_view label);
+/// The CRL that all of the octets are; empty when they are none.
+/// @throws Exception when they are a broken one
+RefCertificateRevocationList decodeCRL(const unsigned char* der, std::size_t length);
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -68,6 +68,20 @@ std::string subjects(const std::list<RefCertificate>& certificates) {
   return text;
 }
 
+// Problems stand in brackets.
+std::string listed(const std::list<CertificateFactory::Item>& items) {
+  std::string text;
+  for (const CertificateFactory::Item& item : items) {
+    if (!item.certificate.empty()) text += item.certificate->subject().asString() + ' ';
+    if (!item.crl.empty()) text += "CRL of " + item.crl->crlInfo().issuer().asString() + ' ';
+    if (!item.problem.empty()) text += '[' + item.problem + "] ";
+  }
+  return text;
+}
+
+constexpr char kEncrypted[] =
+    "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n";
+
 struct Readable {
   const char* name;
   std::string input;
@@ -126,6 +140,70 @@ TEST(CertificateFactory, ReadableInputs_GiveTheirCertificatesOrCRL) {
         EXPECT_EQ(crl->crlInfo().issuer().asString(), row.crl);
       }
     }
+
+    std::list<RefCertificate> amongAll;
+    std::string firstCRL;
+    for (const CertificateFactory::Item& item : CertificateFactory::readAll(buffer(row.input))) {
+      EXPECT_EQ(item.problem, "");
+      if (!item.certificate.empty()) {
+        amongAll.push_back(item.certificate);
+      } else if (firstCRL.empty()) {
+        firstCRL = item.crl->crlInfo().issuer().asString();
+      }
+    }
+    EXPECT_EQ(subjects(amongAll), row.certificates);
+    EXPECT_EQ(firstCRL, row.crl);
+    EXPECT_EQ(ERR_peek_error(), 0U);
+  }
+}
+
+TEST(CertificateFactory, ReadAll_EverythingInTheOrderOfTheInput) {
+  const Inputs& in = inputs();
+  const std::string crlB = Pki::der(in.crlB.get());
+  const std::pair<std::string, std::string> rows[] = {
+      {in.crlPem + in.key + in.pemB + block("X509 CRL", crlB) + in.pemA,
+       "CRL of CN=A CN=B CRL of CN=B CN=A "},
+      {in.derA + crlB + in.crlDer + in.derB, "CN=A CRL of CN=B CRL of CN=A CN=B "},
+  };
+  for (const auto& [input, expected] : rows) {
+    EXPECT_EQ(listed(CertificateFactory::readAll(buffer(input))), expected);
+  }
+}
+
+TEST(CertificateFactory, ReadAll_WhatCannotBeReadIsAProblemAtItsPlace) {
+  const Inputs& in = inputs();
+  std::string flipped = in.derA;
+  flipped[4] ^= 0x40;  // the tag of the TBSCertificate
+  const std::string broken = Pki::der(
+      Pki::makeCRL({.issuer = &in.a, .rawExtensions = {{"2.5.29.28", true, "\xff"}}}).get());
+  ERR_clear_error();  // the builder reads back what it has made
+  const auto at = [](const std::string& der) {
+    return "[neither PEM nor DER from octet " + std::to_string(der.size()) + "] ";
+  };
+  std::string reason;
+  try {
+    CertificateRevocationListFactory::read(buffer(broken));
+  } catch (const Exception& e) {
+    reason = '[' + e.stringParameter() + "] ";
+  }
+  ASSERT_GT(reason.size(), 3U);
+  const std::pair<std::string, std::string> rows[] = {
+      {"hello\n", "[neither PEM nor DER] "},
+      {flipped, "[neither PEM nor DER] "},
+      {in.pemA + block("CERTIFICATE", flipped) + in.crlPem,
+       "CN=A [malformed CERTIFICATE] CRL of CN=A "},
+      {in.pemA + block("X509 CRL", in.derA) + in.pemB, "CN=A [malformed X509 CRL] CN=B "},
+      {block("CERTIFICATE", in.crlDer), "[malformed CERTIFICATE] "},
+      {block("CERTIFICATE", in.derA, kEncrypted) + in.pemB, "[encrypted CERTIFICATE] CN=B "},
+      {block("X509 CRL", in.crlDer, kEncrypted) + in.pemB, "[encrypted X509 CRL] CN=B "},
+      {block("X509 CRL", broken) + in.pemB, reason + "CN=B "},
+      {broken + in.derB, reason + "CN=B "},
+      {in.pemA + in.pemB.substr(0, in.pemB.size() - 20), "CN=A [malformed PEM block] "},
+      {in.derA + "\n", "CN=A " + at(in.derA)},
+      {in.derA + in.crlDer + flipped + in.derB, "CN=A CRL of CN=A " + at(in.derA + in.crlDer)},
+  };
+  for (const auto& [input, expected] : rows) {
+    EXPECT_EQ(listed(CertificateFactory::readAll(buffer(input))), expected);
     EXPECT_EQ(ERR_peek_error(), 0U);
   }
 }
@@ -153,14 +231,13 @@ TEST(CertificateFactory, OtherObjectsInDer_NoCertificatesAndNoCRL) {
     CertificateFactory::read(buffer(made.out), certificates);
     EXPECT_TRUE(certificates.empty());
     EXPECT_TRUE(CertificateRevocationListFactory::read(buffer(made.out)).empty());
+    EXPECT_EQ(listed(CertificateFactory::readAll(buffer(made.out + in.derA))), "CN=A ");
   }
 }
 
 TEST(CertificateFactory, UnreadableInputs_ThrowNamingTheFileAndLeaveTheList) {
   const Inputs& in = inputs();
-  std::string encrypted =
-      block("CERTIFICATE", in.derA,
-            "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n");
+  const std::string encrypted = block("CERTIFICATE", in.derA, kEncrypted);
   std::string flipped = in.derA;
   flipped[4] ^= 0x40;  // the tag of the TBSCertificate
   const std::pair<const char*, std::string> rows[] = {
@@ -246,13 +323,19 @@ TEST(CertificateFactory, FileThatCannotBeRead_ThrowsNamingIt) {
 
 TEST(CertificateFactory, InputAboveTheLimit_Refused) {
   const std::vector<char> big(kMaxInputSize + 1, ' ');
+  const Buffer data(big.data(), static_cast<unsigned int>(big.size()), false);
   std::list<RefCertificate> certificates;
-  try {
-    CertificateFactory::read(Buffer(big.data(), static_cast<unsigned int>(big.size()), false),
-                             certificates);
-    FAIL();
-  } catch (const Exception& e) {
-    EXPECT_NE(e.asString().find("128 MiB"), std::string::npos) << e.asString();
+  for (const bool all : {false, true}) {
+    try {
+      if (all) {
+        CertificateFactory::readAll(data);
+      } else {
+        CertificateFactory::read(data, certificates);
+      }
+      ADD_FAILURE() << all;
+    } catch (const Exception& e) {
+      EXPECT_NE(e.asString().find("128 MiB"), std::string::npos) << e.asString();
+    }
   }
 }
 
@@ -272,11 +355,9 @@ TEST(CertificateFactory, EncryptedInputOnATerminal_NeverPrompts) {
   CertificateFactory::read(buffer(encrypted.out + inputs().pemA), certificates);
   EXPECT_EQ(subjects(certificates), "CN=A ");
   EXPECT_TRUE(CertificateRevocationListFactory::read(buffer(encrypted.out)).empty());
-  EXPECT_THROW(
-      CertificateRevocationListFactory::read(buffer(block(
-          "X509 CRL", inputs().crlDer,
-          "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n"))),
-      Exception);
+  EXPECT_THROW(CertificateRevocationListFactory::read(
+                   buffer(block("X509 CRL", inputs().crlDer, kEncrypted))),
+               Exception);
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
@@ -306,6 +387,9 @@ TEST(CertificateFactory, DamagedInputs_ExceptionOrObjectsButNoCrash) {
       input[random() % input.size()] = static_cast<char>(random());
     }
     if (random() % 8 == 0) input.resize(random() % input.size());
+    for (const CertificateFactory::Item& item : CertificateFactory::readAll(buffer(input))) {
+      EXPECT_EQ(!item.certificate.empty() + !item.crl.empty() + !item.problem.empty(), 1);
+    }
     try {
       std::list<RefCertificate> certificates;
       CertificateFactory::read(buffer(input), certificates);
