@@ -1,7 +1,7 @@
 #include "FactCollector.h"
 #include "FactValues.h"
 #include "Facts.h"
-#include "OpenSSLOwners.h"
+#include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/AuthorityInformationAccess.h>
 
@@ -26,7 +26,7 @@ namespace {
 // One extension, decoded by OpenSSL; null when the certificate has none.
 template <class T>
 Owned<T> decode(X509* certificate, int nid) {
-  const ErrorMark errors;
+  const ErrorScope errors;
   int critical = 0;
   Owned<T> decoded(static_cast<T*>(X509_get_ext_d2i(certificate, nid, &critical, nullptr)));
   if (decoded == nullptr && critical != -1) {
@@ -52,7 +52,7 @@ std::string keyAlgorithm(X509* certificate) {
 Facts pathLength(X509* certificate) {
   const auto constraints = decode<BASIC_CONSTRAINTS>(certificate, NID_basic_constraints);
   if (constraints == nullptr || constraints->pathlen == nullptr) return {};
-  const ErrorMark errors;
+  const ErrorScope errors;
   std::int64_t length = 0;
   if (ASN1_INTEGER_get_int64(&length, constraints->pathlen) != 1 || length < 0) {
     throw std::runtime_error("path length is out of range");
@@ -87,7 +87,7 @@ Facts ocspLocations(const RefCertificate& certificate) {
 // order is not that of the certificate anyway and differs between its versions.
 Facts emailAddresses(X509* certificate) {
   static_cast<void>(decode<GENERAL_NAMES>(certificate, NID_subject_alt_name));
-  const ErrorMark errors;
+  const ErrorScope errors;
   const Owned<STACK_OF(OPENSSL_STRING)> addresses(X509_get1_email(certificate));
   std::set<std::string> texts;
   for (int i = 0; i < sk_OPENSSL_STRING_num(addresses.get()); ++i) {

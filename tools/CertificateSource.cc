@@ -1,6 +1,7 @@
 #include "CertificateSource.h"
 
 #include "Input.h"
+#include "foundation/base/Hex.h"
 
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/LDAPLookup.h>
@@ -23,14 +24,13 @@ CertificateSource ldapSource(const std::string& uri, const std::string& base) {
 
 std::string addressFor(const CertificateSource& source, const std::string& address) {
   if (!source.filters) return address;
-  constexpr char kDigits[] = "0123456789abcdef";
   std::string escaped;
   for (const char c : address) {
     if (std::string_view("*()\\\0", 5).find(c) == std::string_view::npos) {
       escaped += c;
     } else {
-      const auto octet = static_cast<unsigned char>(c);
-      escaped.append({'\\', kDigits[octet >> 4U], kDigits[octet & 0x0fU]});
+      escaped += '\\';
+      appendHex(escaped, static_cast<unsigned char>(c));
     }
   }
   return escaped;

@@ -1,12 +1,12 @@
 #include "Content.h"
 
 #include "Status.h"
+#include "foundation/base/FileDescriptor.h"
 
 #include <cerrno>
 #include <cstddef>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace Velantrix::Tool {
@@ -16,23 +16,8 @@ namespace {
 constexpr std::size_t kMaxInput = std::size_t{128} * 1024 * 1024;  // what the library reads at most
 
 [[noreturn]] void fail(const std::string& name, int error) {
-  throw ToolError(name + ": " + std::generic_category().message(error));
+  throw ToolError(systemErrorText(name, error));
 }
-
-class Descriptor {
- public:
-  explicit Descriptor(const std::string& file)
-      : number_(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)) {
-    if (number_ < 0) fail(file, errno);
-  }
-  ~Descriptor() { ::close(number_); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int number() const noexcept { return number_; }
-
- private:
-  int number_;
-};
 
 void requireReadable(const struct stat& status, const std::string& file) {
   if (S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode)) return;
@@ -72,13 +57,14 @@ std::string contentOf(const std::string& file) {
   struct stat status = {};
   if (::stat(file.c_str(), &status) != 0) fail(file, errno);
   requireReadable(status, file);
-  const Descriptor descriptor(file);
-  if (::fstat(descriptor.number(), &status) != 0) fail(file, errno);
+  const FileDescriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  if (!descriptor.valid()) fail(file, errno);
+  if (::fstat(descriptor.get(), &status) != 0) fail(file, errno);
   requireReadable(status, file);
   if (S_ISREG(status.st_mode) && static_cast<std::size_t>(status.st_size) > kMaxInput) {
     throw ToolError(file + ": more than can be read");
   }
-  return readAll(descriptor.number(), file);
+  return readAll(descriptor.get(), file);
 }
 
 }  // namespace Velantrix::Tool

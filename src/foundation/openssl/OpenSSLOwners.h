@@ -63,6 +63,12 @@ struct Free<STACK_OF(X509)> {
   void operator()(STACK_OF(X509) * stack) const noexcept { sk_X509_pop_free(stack, X509_free); }
 };
 
+/// A stack of strings, as X509_get1_email hands it out, that owns each of them.
+template <>
+struct Free<STACK_OF(OPENSSL_STRING)> {
+  void operator()(STACK_OF(OPENSSL_STRING) * stack) const noexcept { X509_email_free(stack); }
+};
+
 /// Memory that OpenSSL allocated (i2d functions, BN_bn2hex, ...).
 struct FreeMemory {
   void operator()(void* memory) const noexcept { OPENSSL_free(memory); }
