@@ -32,15 +32,6 @@ using namespace Crypto::PKX509;
 
 namespace {
 
-enum Answer : int {
-  kGood = 0,
-  kRevoked = 1,
-  kNone = 2,
-  kResponderNotValid = 101,
-  kSignatureWrong = 117,
-  kResponderUnknown = 118
-};
-
 struct Options {
   std::string file;
   std::string chainFile;
@@ -52,21 +43,21 @@ struct Options {
 
 struct Asked {
   std::optional<std::string> uri;  // of the responder that was reached
-  int code = kNone;
+  int code = OCSP::kNoAnswer;
   std::vector<Report::LogLine> log;
 };
 
 const char* textOf(const Asked& asked) {
   switch (asked.code) {
-    case kGood:
+    case OCSP::kGood:
       return "the responder knows of no revocation";
-    case kRevoked:
+    case OCSP::kRevoked:
       return "the certificate is revoked";
-    case kResponderNotValid:
+    case OCSP::kResponderNotValid:
       return "the responder's certificate is not valid";
-    case kSignatureWrong:
+    case OCSP::kSignatureWrong:
       return "the signature of the answer is wrong";
-    case kResponderUnknown:
+    case OCSP::kResponderUnknown:
       return "the responder's certificate is not known";
     default:
       return asked.uri ? "the responder gave no usable answer" : "no responder was reached";
@@ -74,8 +65,8 @@ const char* textOf(const Asked& asked) {
 }
 
 const char* wordOf(int code) {
-  if (code == kGood) return "good";
-  return code == kRevoked ? "revoked" : "none";
+  if (code == OCSP::kGood) return "good";
+  return code == OCSP::kRevoked ? "revoked" : "none";
 }
 
 // The URIs among the responders that a certificate names.
@@ -157,13 +148,13 @@ int run(const Options& options) {
     writeOutput(jsonOf(options, asked));
   } else {
     for (const Report::LogLine& line : asked.log) writeErrorLine(logLine(options.file, line));
-    const std::string word = asked.code > kRevoked ? "no answer" : wordOf(asked.code);
+    const std::string word = asked.code > OCSP::kRevoked ? "no answer" : wordOf(asked.code);
     writeOutput(printable(options.file) + ": " + word + ", code " + std::to_string(asked.code) +
                 " (" + textOf(asked) + ")" +
                 (asked.uri ? ", from " + printable(*asked.uri) : std::string()) + "\n");
   }
-  if (asked.code == kGood) return kAllValid;
-  return asked.code == kRevoked ? kNotValid : kError;
+  if (asked.code == OCSP::kGood) return kAllValid;
+  return asked.code == OCSP::kRevoked ? kNotValid : kError;
 }
 
 constexpr char kHelp[] = R"(

@@ -1,5 +1,6 @@
 #include "foundation/net/http/HTTPConnection.h"
 
+#include "foundation/base/Fail.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/Assert.h>
@@ -141,8 +142,7 @@ struct Connection::Transport {
 
 RefConnection::RefConnection(RefStream& stream) {
   if (stream.empty()) {
-    throw Exception("HTTP::Connection", Exception::kFailure, "HTTPConnection", __LINE__)
-        .stringParameter("There is no stream.");
+    fail({"HTTP::Connection", "HTTPConnection"}, "There is no stream.");
   }
   connection_ = std::make_shared<Connection>(stream);
 }
