@@ -1,7 +1,8 @@
 #include "Fixture.h"
 
+#include "support/Handles.h"
+
 #include <pkx509/Verifier.h>
-#include <velantrix/CertificateFactory.h>
 
 namespace Velantrix::Bench {
 
@@ -39,12 +40,10 @@ Chain::Chain(Test::KeyKind kind, std::size_t crlEntries)
 }
 
 LibraryChain::LibraryChain(const Chain& chain)
-    : store(chain.directory.path().string(), X509_FILETYPE_PEM),
-      leaf(CertificateFactory()(chain.leaf.get(), false)) {
+    : store(chain.directory.path().string(), X509_FILETYPE_PEM), leaf(Test::handle(chain.leaf)) {
   store->add(RefLookupMethod(new FoundCRLs));
   renewCRLs(chain);
-  const std::list<RefCertificate> intermediates{
-      CertificateFactory()(chain.intermediate.get(), false)};
+  const std::list<RefCertificate> intermediates{Test::handle(chain.intermediate)};
   store->add(intermediates);
   untrusted = RefStackOfCertificate(intermediates);
 }

@@ -8,13 +8,13 @@
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/net/http/HTTPConnection.h"
 #include "support/Command.h"
+#include "support/Handles.h"
 #include "support/OCSPBuilder.h"
 #include "support/WebServer.h"
 
 #include <pkx509/OCSP.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/Buffer.h>
-#include <velantrix/CertificateFactory.h>
 #include <velantrix/Host.h>
 
 #include <openssl/http.h>
@@ -65,8 +65,8 @@ struct Question {
                               .keyKind = Test::KeyKind::Rsa2048})),
         objects(chain),
         leaf(objects.leaf),
-        issuer(CertificateFactory()(chain.intermediate.get(), false)),
-        path{leaf, issuer, CertificateFactory()(chain.root.get(), false)},
+        issuer(Test::handle(chain.intermediate)),
+        path{leaf, issuer, Test::handle(chain.root)},
         issuers(sk_X509_new_null()) {
     const std::string request = Test::ocspRequest(chain.leaf, chain.intermediate, false);
     byIssuer = Test::ocspAnswer({.signer = &chain.intermediate}, request);

@@ -3,6 +3,7 @@
 // The floor is what no implementation can do without: the signatures of two certificates and two
 // CRLs. OpenSSL checks the root's CRL twice, for the intermediate and for the root itself.
 #include "Fixture.h"
+#include "support/Handles.h"
 
 #include <pkx509/HashDirLookup.h>
 #include <velantrix/Buffer.h>
@@ -112,8 +113,7 @@ void foundOpenSSL(benchmark::State& state, Test::KeyKind kind) {
 void freshVerifier(benchmark::State& state, Test::KeyKind kind) {
   const Chain& chain = chainOf(kind);
   const LibraryChain objects(chain);
-  const std::list<RefCertificate> intermediates{
-      CertificateFactory()(chain.intermediate.get(), false)};
+  const std::list<RefCertificate> intermediates{Test::handle(chain.intermediate)};
   const std::string directory = chain.directory.path().string();
   for (auto _ : state) {
     RefObjectStore store(directory, X509_FILETYPE_PEM);

@@ -101,7 +101,7 @@ TEST_F(LDAPLookup, CertificatesOfOneEntry_UserAndAuthority_AllValuesInTheServers
                                                  {kUser, der(second.get())},
                                                  {kAuthority, der(root.get())}})});
   LDAPLookupMethod& method = attach(config(directory.uri()));
-  std::list<RefCertificate> found{model(root)};
+  std::list<RefCertificate> found{handle(root)};
   method.getBySubject(std::string("o=Test"), found);
   EXPECT_EQ(ders(found), der(root.get()) + der(first.get()) + der(second.get()) + der(root.get()));
   EXPECT_EQ(log.text(), "");
@@ -389,7 +389,7 @@ TEST_F(LDAPLookup, ServerThatIsDown_Throws) {
   // As it leaves a verification.
   const Issued root = issueCA("CN=Root");
   const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
-  Verifier verifier(store, model(leaf), false);
+  Verifier verifier(store, handle(leaf), false);
   EXPECT_THROW(verifier.isValid(), Exception);
 }
 
@@ -579,7 +579,7 @@ TEST_F(LDAPLookup, ChainAndRevocation_EverythingFromTheDirectory) {
     auto* const method = new LDAPLookupMethod(config(directory.uri()));
     fresh->add(RefLookupMethod(method));
     method->store(fresh);
-    Verifier verifier(fresh, model(subject), false);
+    Verifier verifier(fresh, handle(subject), false);
     return verifier.isValid();
   };
   EXPECT_EQ(verdict(good), X509_V_OK) << log.text();
@@ -596,7 +596,7 @@ TEST_F(LDAPLookup, SelfSignedCertificateOfTheDirectory_IsATrustAnchor) {
   const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
   directory.add({kTop, holder("cn=Root,o=Test", {{kAuthority, der(root.get())}})});
   attach(config(directory.uri()));
-  Verifier verifier(store, model(leaf), true);
+  Verifier verifier(store, handle(leaf), true);
   X509_VERIFY_PARAM_clear_flags(X509_STORE_CTX_get0_param(verifier),
                                 X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
   EXPECT_EQ(verifier.isValid(), X509_V_OK) << log.text();

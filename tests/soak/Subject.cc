@@ -1,5 +1,6 @@
 #include "soak/Subject.h"
 
+#include "support/Handles.h"
 #include "support/PrivateView.h"
 
 #include <pkx509/LDAPLookup.h>
@@ -22,7 +23,7 @@ using namespace Crypto::PKX509;
 namespace {
 
 RefCertificate handleOf(const Issued& issued, bool decoded) {
-  if (!decoded) return CertificateFactory()(issued.get(), false);
+  if (!decoded) return handle(issued);
   const std::string text = der(issued.get());
   std::list<RefCertificate> read;
   CertificateFactory::read(Buffer(text.data(), static_cast<unsigned int>(text.size()), true), read);

@@ -67,7 +67,7 @@ class CRLCacheDirectory : public testing::Test {
 
   TempDir directory;
   Issued root = issueCA("CN=Root");
-  RefCertificateRevocationList crl = modelCRL({.issuer = &root});
+  RefCertificateRevocationList crl = crlHandle({.issuer = &root});
   Uri uri{"http://example.test/root.crl"};
   std::string own = HashDirLookupMethod::fileName(uri);
 };
@@ -120,7 +120,7 @@ TEST_F(CRLCacheDirectory, TooManyBytes_ExpiredAndThenTheOldestGo) {
 
 TEST_F(CRLCacheDirectory, SizeOfWhatIsWritten_CountsBeforeItIsWritten) {
   crl =
-      modelCRL({.issuer = &root, .rawExtensions = {{"1.2.3.4", false, std::string(100000, 'x')}}});
+      crlHandle({.issuer = &root, .rawExtensions = {{"1.2.3.4", false, std::string(100000, 'x')}}});
   plant("1.r0", 2 * kHour, kHour, 100000);
   plant("2.r0", 1 * kHour, kHour, 100000);
   add({.files = 100, .bytes = 260000});
@@ -190,7 +190,7 @@ TEST_F(CRLCacheDirectory, CRLWithoutNextUpdate_ExpiresADayAfterItWasWritten) {
   const Uri other("http://example.test/other.crl");
   const std::string name = HashDirLookupMethod::fileName(other);
   CRLCache(directory.string())
-      .add(other, CRLs{modelCRL({.issuer = &root, .nextUpdate = std::nullopt})});
+      .add(other, CRLs{crlHandle({.issuer = &root, .nextUpdate = std::nullopt})});
   const CRLFileHeader header = CRLFileHeader::parse(readFile(directory / name));
   ASSERT_TRUE(header.expires.has_value());
   EXPECT_GE(*header.expires, Time::then(86400 - 60, false));
@@ -205,7 +205,7 @@ TEST_F(CRLCacheDirectory, EmptyList_ChangesNothing) {
 }
 
 TEST_F(CRLCacheDirectory, SeveralCRLs_TheLastOneStays) {
-  const RefCertificateRevocationList last = modelCRL({.issuer = &root, .number = 7});
+  const RefCertificateRevocationList last = crlHandle({.issuer = &root, .number = 7});
   CRLCache(directory.string()).add(uri, CRLs{crl, last});
   EXPECT_TRUE(readFile(directory / own).ends_with(pem(last->native())));
 }

@@ -195,7 +195,7 @@ TEST(DirectoryParser, CertificateFile_GivesAllItsCertificatesInOrder) {
   const TempDir directory;
   writeFile(directory / "a1b2c3d.0", pem(b.get()) + pem(a.get()));
   Scan scan;
-  scan.certificates = {model(a)};
+  scan.certificates = {handle(a)};
   DirectoryParser parser = scan.parser(kKey, Object::TypeCertificate);
   EXPECT_EQ(parser.process(File::Path(directory.string(), "a1b2c3d.0")), 0);
   ASSERT_EQ(scan.certificates.size(), 3U);

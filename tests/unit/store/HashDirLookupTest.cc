@@ -80,7 +80,7 @@ class HashDir : public testing::Test {
   TempDir directory;
   HashDirLookupMethod method{directory.string()};
   Issued root = issueCA("C=DE,O=Example,CN=Root");
-  RefCertificate certificate = model(root);
+  RefCertificate certificate = handle(root);
   Owned<X509_CRL> crl = makeCRL({.issuer = &root});
   Uri uri{"http://example.test/root.crl"};
   std::string uriFile = keyOf("http://example.test/root.crl") + ".r0";
@@ -101,7 +101,7 @@ TEST_F(HashDir, CertificateBySubject_IsFound) {
 
 TEST_F(HashDir, CRLByIssuer_IsFound) {
   addToDirectory(directory.path(), crl.get());
-  CRLs out{model(makeCRL({.issuer = &root}))};
+  CRLs out{handle(makeCRL({.issuer = &root}))};
   method.getBySubject(certificate->subject(), out);
   ASSERT_EQ(out.size(), 2U) << "what was in the list stays";
   EXPECT_EQ(der(out.back()), der(crl.get()));
@@ -153,7 +153,7 @@ TEST_F(HashDir, UpperCaseAndShortKeys_AreFound) {
   for (const std::string& key : {full, cut, upper}) {
     const std::filesystem::path file = directory / (key + ".0");
     writeFile(file, pem(low.get()));
-    EXPECT_EQ(certificates(model(low)->subject()), 1U) << key;
+    EXPECT_EQ(certificates(handle(low)->subject()), 1U) << key;
     std::filesystem::remove(file);
   }
 }
@@ -175,9 +175,9 @@ TEST_F(HashDir, RehashedDirectory_IsRead) {
     ASSERT_EQ(result.status, 0) << result.err;
     ASSERT_TRUE(std::filesystem::is_symlink(directory / hashName(root.get())));
     EXPECT_EQ(certificates(certificate->subject()), 1U);
-    EXPECT_EQ(certificates(model(other)->subject()), 1U);
+    EXPECT_EQ(certificates(handle(other)->subject()), 1U);
     EXPECT_EQ(crls(certificate->subject()), 1U);
-    EXPECT_EQ(crls(model(other)->subject()), 0U);
+    EXPECT_EQ(crls(handle(other)->subject()), 0U);
   }
 }
 
@@ -398,7 +398,7 @@ TEST_F(HashDir, CertificateAddedAgain_ReplacesTheOldOneWhole) {
   ASSERT_GE(old, 0);
   struct stat before = {};
   ASSERT_EQ(::fstat(old, &before), 0);
-  method.add(address, model(other));
+  method.add(address, handle(other));
   struct stat after = {};
   ASSERT_EQ(::stat(file.c_str(), &after), 0);
   EXPECT_NE(before.st_ino, after.st_ino);
@@ -422,7 +422,7 @@ TEST_F(HashDir, EmptyCertificateAdded_ThrowsAndKeepsTheOldFile) {
 TEST_F(HashDir, DirectoryThatCannotBeWritten_IsAnException) {
   HashDirLookupMethod nowhere((directory / "none").string());
   EXPECT_THROW(nowhere.add(EmailAddress("someone@example.test"), certificate), Exception);
-  EXPECT_THROW(nowhere.add(uri, CRLs{model(makeCRL({.issuer = &root}))}), Exception);
+  EXPECT_THROW(nowhere.add(uri, CRLs{handle(makeCRL({.issuer = &root}))}), Exception);
   const Unprivileged rights;
   ASSERT_EQ(::chmod(directory.path().c_str(), 0500), 0);
   EXPECT_THROW(method.add(EmailAddress("someone@example.test"), certificate), Exception);
@@ -434,7 +434,7 @@ TEST_F(HashDir, DirectoryThatCannotBeWritten_IsAnException) {
 // URI
 
 TEST_F(HashDir, CRLAddedForAURI_IsFoundByItsCanonicalForm) {
-  method.add(Uri("HTTP://Example.TEST:80/a/../root.crl"), CRLs{model(makeCRL({.issuer = &root}))});
+  method.add(Uri("HTTP://Example.TEST:80/a/../root.crl"), CRLs{handle(makeCRL({.issuer = &root}))});
   EXPECT_EQ(filesIn(directory), (std::vector<std::string>{uriFile}));
   EXPECT_EQ(crls(uri), 1U);
   EXPECT_EQ(crls(Uri("http://EXAMPLE.test/b/../root.crl")), 1U);
@@ -458,7 +458,7 @@ TEST_F(HashDir, SeveralCRLsForOneURI_TheLastOneStays) {
   for (int i = 0; i < 3; ++i) {
     auto one = makeCRL({.issuer = &root, .number = Serial(i + 1)});
     last = der(one.get());
-    added.push_back(model(std::move(one)));
+    added.push_back(handle(std::move(one)));
   }
   method.add(uri, added);
   EXPECT_EQ(filesIn(directory), (std::vector<std::string>{uriFile}));
@@ -471,7 +471,7 @@ TEST_F(HashDir, SeveralCRLsForOneURI_TheLastOneStays) {
 TEST_F(HashDir, NoCRLsForAURI_ChangeNothing) {
   method.add(uri, CRLs());
   EXPECT_TRUE(filesIn(directory).empty());
-  method.add(uri, CRLs{model(makeCRL({.issuer = &root}))});
+  method.add(uri, CRLs{handle(makeCRL({.issuer = &root}))});
   method.add(uri, CRLs());
   EXPECT_EQ(crls(uri), 1U);
 }
@@ -512,10 +512,10 @@ TEST_F(HashDir, FileThatNamesAURI_CountsForAQueryByIssuer) {
 }
 
 TEST_F(HashDir, CRLOfAURIThatIsNotFresh_IsPassedOver) {
-  method.add(uri, CRLs{model(makeCRL({.issuer = &root, .lastUpdate = -48h, .nextUpdate = -1h}))});
+  method.add(uri, CRLs{handle(makeCRL({.issuer = &root, .lastUpdate = -48h, .nextUpdate = -1h}))});
   EXPECT_EQ(crls(uri), 0U);
 
-  method.add(uri, CRLs{model(makeCRL({.issuer = &root, .nextUpdate = std::nullopt}))});
+  method.add(uri, CRLs{handle(makeCRL({.issuer = &root, .nextUpdate = std::nullopt}))});
   EXPECT_EQ(crls(uri), 1U);
   const timespec old{std::time(nullptr) - 25L * 3600, 0};
   const timespec times[2] = {old, old};

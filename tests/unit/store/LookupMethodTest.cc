@@ -114,10 +114,10 @@ TEST(LookupMethod, Defaults_DoNothing) {
   EXPECT_TRUE(method.getByAlias(Object::TypeCertificate, Buffer()).empty());
 
   const Issued root = issueCA("CN=Root");
-  std::list<RefCertificate> certificates{model(root)};
-  std::list<RefCertificateRevocationList> crls{modelCRL({.issuer = &root})};
-  method.getBySubject(model(root)->subject(), certificates);
-  method.getBySubject(model(root)->subject(), crls);
+  std::list<RefCertificate> certificates{handle(root)};
+  std::list<RefCertificateRevocationList> crls{crlHandle({.issuer = &root})};
+  method.getBySubject(handle(root)->subject(), certificates);
+  method.getBySubject(handle(root)->subject(), crls);
   method.getByEmailAddress("", "someone@example.test", certificates);
   EXPECT_EQ(certificates.size(), 1U);
   EXPECT_EQ(crls.size(), 1U);
@@ -258,7 +258,7 @@ TEST(LookupMethod, BuffersThatAMethodKeeps_OutliveTheCallersBytes) {
 TEST(LookupMethod, CertificateFound_IsHandedOutWithItsTypeAsTheResult) {
   const Issued root = issueCA("CN=Root");
   const Source source;
-  source->answer = RefObject(model(root));
+  source->answer = RefObject(handle(root));
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   X509_LOOKUP* const lookup = lookupIn(store, source.handle);
@@ -273,7 +273,7 @@ TEST(LookupMethod, CertificateFound_IsHandedOutWithItsTypeAsTheResult) {
 
 TEST(LookupMethod, CRLFound_IsHandedOutWithItsTypeAsTheResult) {
   const Issued root = issueCA("CN=Root");
-  const RefCertificateRevocationList crl = modelCRL({.issuer = &root});
+  const RefCertificateRevocationList crl = crlHandle({.issuer = &root});
   const Source source;
   source->answer = RefObject(crl);
   RefObjectStore store = emptyStore();
@@ -290,8 +290,8 @@ TEST(LookupMethod, CRLFound_IsHandedOutWithItsTypeAsTheResult) {
 
 TEST(LookupMethod, AnswersOfAnotherType_AreNotFoundAndLeaveTheRecord) {
   const Issued root = issueCA("CN=Root");
-  const RefObject certificate(model(root));
-  const RefObject crl(modelCRL({.issuer = &root}));
+  const RefObject certificate(handle(root));
+  const RefObject crl(crlHandle({.issuer = &root}));
   const RefObject pair(modelPair(root));
   const RefObject nothing{RefCertificate()};
   const struct {
@@ -327,7 +327,7 @@ TEST(LookupMethod, AnswersOfAnotherType_AreNotFoundAndLeaveTheRecord) {
 TEST(LookupMethod, WrongTypeAnswered_OpenSSLFindsNothing) {
   const Issued root = issueCA("CN=Root");
   const Source source;
-  source->answer = RefObject(modelCRL({.issuer = &root}));
+  source->answer = RefObject(crlHandle({.issuer = &root}));
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   const Owned<X509_STORE_CTX> context = contextOf(store);
@@ -339,7 +339,7 @@ TEST(LookupMethod, WrongTypeAnswered_OpenSSLFindsNothing) {
 
 TEST(LookupMethod, NoRecordToFill_IsNotFound) {
   const Source source;
-  source->answer = RefObject(model(issueCA("CN=Root")));
+  source->answer = RefObject(handle(issueCA("CN=Root")));
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   EXPECT_EQ(LookupMethod::s_get_by_subject(lookupIn(store, source.handle), X509_LU_X509, someName(),
@@ -356,13 +356,13 @@ TEST(LookupMethod, RecordUsedAgain_IsOverwrittenLikeOpenSSLsOwnLookupsDo) {
   X509_LOOKUP* const lookup = lookupIn(store, source.handle);
   const Record record;
   for (int round = 0; round < 3; ++round) {
-    source->answer = RefObject(model(root));
+    source->answer = RefObject(handle(root));
     ASSERT_EQ(X509_LOOKUP_by_subject(lookup, X509_LU_X509, someName(), record), 1);
     EXPECT_EQ(record.certificate(), root.get());
-    source->answer = RefObject(model(other));
+    source->answer = RefObject(handle(other));
     ASSERT_EQ(X509_LOOKUP_by_subject(lookup, X509_LU_X509, someName(), record), 1);
     EXPECT_EQ(record.certificate(), other.get());
-    source->answer = RefObject(modelCRL({.issuer = &root}));
+    source->answer = RefObject(crlHandle({.issuer = &root}));
     ASSERT_EQ(X509_LOOKUP_by_subject(lookup, X509_LU_CRL, someName(), record), 2);
   }
 }
@@ -404,7 +404,7 @@ TEST(LookupMethod, CRLFoundThroughAContext_IsFreedWithItsLastOwner) {
   X509_CRL* const pointer = made.get();
   CRLWatch::freed() = 0;
   Source source;
-  source->answer = RefObject(model(std::move(made)));
+  source->answer = RefObject(handle(std::move(made)));
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   {
@@ -431,7 +431,7 @@ TEST(LookupMethod, DirectQueries_HandOutBorrowedObjects) {
     const CRLWatch crlWatch;
     const Issued root = issueCA("CN=Root");
     const RefObject certificate(CertificateFactory()(x509.release(), true));
-    const RefObject crl(modelCRL({.issuer = &root}));
+    const RefObject crl(crlHandle({.issuer = &root}));
     CRLWatch::freed() = 0;
 
     Source source;
@@ -490,10 +490,10 @@ TEST(LookupMethod, MethodAsksItsOwnLookupWhileItAnswers_BothAnswersHold) {
   const Record first;
   const Record second;
   source->makeAnswer = [&] {
-    if (std::exchange(nested, true)) return RefObject(model(inner));
+    if (std::exchange(nested, true)) return RefObject(handle(inner));
     EXPECT_EQ(X509_LOOKUP_by_subject(lookup, X509_LU_X509, someName(), second), 1);
     store->add(RefLookupMethod(new LookupMethod("added meanwhile")));
-    return RefObject(model(outer));
+    return RefObject(handle(outer));
   };
   EXPECT_EQ(X509_LOOKUP_by_subject(lookup, X509_LU_X509, someName(), first), 1);
   EXPECT_EQ(first.certificate(), outer.get());
@@ -520,7 +520,7 @@ TEST(LookupMethod, NullLookup_IsAnsweredWithNothing) {
 TEST(LookupMethod, TableRegisteredByHand_AnswersNotFound) {
   Events events;
   const Source source("Fake", &events);
-  source->answer = RefObject(model(issueCA("CN=Root")));
+  source->answer = RefObject(handle(issueCA("CN=Root")));
   source->result = 1;
   {
     const Owned<X509_STORE> plain(X509_STORE_new());
@@ -540,7 +540,7 @@ TEST(LookupMethod, TableRegisteredByHand_AnswersNotFound) {
 TEST(LookupMethod, TableRegisteredByHandInAStore_AnswersOnceTheStoreKnowsTheMethod) {
   const Issued root = issueCA("CN=Root");
   const Source source;
-  source->answer = RefObject(model(root));
+  source->answer = RefObject(handle(root));
   RefObjectStore store = emptyStore();
   X509_LOOKUP* const lookup = lookupIn(store, source.handle);
   {
@@ -558,7 +558,7 @@ TEST(LookupMethod, OneMethodInSeveralStores_AnswersInEach) {
   Events events;
   const Issued root = issueCA("CN=Root");
   const Source source("Fake", &events);
-  source->answer = RefObject(model(root));
+  source->answer = RefObject(handle(root));
   RefObjectStore first = emptyStore();
   RefObjectStore second = emptyStore();
   first->add(source.handle);
@@ -585,8 +585,8 @@ TEST(LookupMethod, SeveralMethodsInOneStore_EachLookupLeadsToItsOwn) {
   const Issued b = issueCA("CN=B");
   const Source first("Same name");
   const Source second("Same name");
-  first->answer = RefObject(model(a));
-  second->answer = RefObject(model(b));
+  first->answer = RefObject(handle(a));
+  second->answer = RefObject(handle(b));
   RefObjectStore store = emptyStore();
   store->add(first.handle);
   store->add(second.handle);
@@ -651,7 +651,7 @@ TEST(LookupMethod, InitializeFails_TheMethodIsAttachedAllTheSame) {
   for (const int result : {-1, 0, 1}) {
     const Source source;
     source->result = result;
-    source->answer = RefObject(model(root));
+    source->answer = RefObject(handle(root));
     RefObjectStore store = emptyStore();
     store->add(source.handle);
     EXPECT_EQ(store->methods().size(), 1U);
@@ -667,7 +667,7 @@ TEST(LookupMethod, InitializeThrows_TheCallerSeesItAndTheMethodStaysAttached) {
   const Issued root = issueCA("CN=Root");
   const Source source("Fake", &events);
   source->throwOn = "initialize";
-  source->answer = RefObject(model(root));
+  source->answer = RefObject(handle(root));
   RefObjectStore store = emptyStore();
   EXPECT_THROW(store->add(source.handle), FakeMethod::Failure);
   EXPECT_EQ(store->methods().size(), 1U);
@@ -796,7 +796,7 @@ TEST(LookupMethod, CallersHandleIsGone_TheStoreStillAsks) {
   RefObjectStore store = emptyStore();
   {
     Source source;
-    source->answer = RefObject(model(root));
+    source->answer = RefObject(handle(root));
     store->add(source.handle);
   }
   const Owned<X509_STORE_CTX> context = contextOf(store);
@@ -813,7 +813,7 @@ TEST(LookupMethod, OpenSSLStoreOutlivesTheObjectStore_TheMethodStillAnswers) {
   {
     RefObjectStore store = emptyStore();
     Source source("Fake", &events);
-    source->answer = RefObject(model(root));
+    source->answer = RefObject(handle(root));
     store->add(source.handle);
     source->store(store);
     ASSERT_EQ(X509_STORE_up_ref(store), 1);
@@ -836,7 +836,7 @@ TEST(LookupMethod, OpenSSLStoreOutlivesTheObjectStore_TheMethodStillAnswers) {
 
 TEST(LookupMethod, QueryThrowsOutsideAVerification_PassesUnchanged) {
   const Source source;
-  source->answer = RefObject(model(issueCA("CN=Root")));
+  source->answer = RefObject(handle(issueCA("CN=Root")));
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   X509_LOOKUP* const lookup = lookupIn(store, source.handle);
@@ -865,7 +865,7 @@ TEST(LookupMethod, QueryThrowsOutsideAVerification_PassesUnchanged) {
 TEST(LookupMethod, QueryThrowsInAVerification_IsParkedAndNothingMoreIsAsked) {
   Events events;
   const Source source("Fake", &events);
-  source->answer = RefObject(model(issueCA("CN=Root")));
+  source->answer = RefObject(handle(issueCA("CN=Root")));
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   X509_LOOKUP* const lookup = lookupIn(store, source.handle);

@@ -1,11 +1,11 @@
 // Certificates and CRLs of the test builder as the library's own objects.
 #pragma once
 
+#include "support/Handles.h"
 #include "support/Pki.h"
 
 #include <pkx509/Object.h>
 #include <velantrix/CRLDistributionPoint.h>
-#include <velantrix/CertificateFactory.h>
 
 #include <list>
 #include <string>
@@ -13,18 +13,6 @@
 #include <vector>
 
 namespace Velantrix::Test {
-
-inline Crypto::PKX509::RefCertificate model(const Issued& issued) {
-  return Crypto::PKX509::CertificateFactory()(issued.get(), false);
-}
-
-inline Crypto::PKX509::RefCertificateRevocationList model(Owned<X509_CRL> crl) {
-  return Crypto::PKX509::CertificateRevocationListFactory()(crl.release(), true);
-}
-
-inline Crypto::PKX509::RefCertificateRevocationList modelCRL(const CRLOptions& options) {
-  return model(makeCRL(options));
-}
 
 inline Crypto::PKX509::DistinguishedName modelName(const std::string& text) {
   return Crypto::PKX509::DistinguishedName(makeName(text).get());
@@ -47,7 +35,7 @@ inline Crypto::PKX509::RefCrossCertificatePair modelPair(const Issued& forward) 
 /// A certificate of `issuer` with that one distribution point.
 inline Crypto::PKX509::RefCertificate certificateWith(const DistributionPoint& point,
                                                       const Issued& issuer) {
-  return model(issue({.subject = "CN=Leaf", .issuer = &issuer, .crlDistributionPoints = {point}}));
+  return handle(issue({.subject = "CN=Leaf", .issuer = &issuer, .crlDistributionPoints = {point}}));
 }
 
 template <class Handle>

@@ -23,7 +23,7 @@ class ObjectKeyStorePluginTest : public testing::Test {
   RefObjectStore store{"/nonexistent", X509_FILETYPE_PEM};
 
   RefCertificate issued(const std::string& subject, const Issued& issuer, int serial) const {
-    return model(issue({.subject = subject, .issuer = &issuer, .serial = serial}));
+    return handle(issue({.subject = subject, .issuer = &issuer, .serial = serial}));
   }
   // Asked the way a user of the interface asks.
   static RefCertificate find(KeyStorePlugin& keys, const RefCertificate& like) {
@@ -77,12 +77,12 @@ TEST_F(ObjectKeyStorePluginTest, TwoOfTheSameIssuerAndSerialNumber_FirstAddedIsF
 
 TEST_F(ObjectKeyStorePluginTest, CRLsAndCrossCertificatePairs_ArePassedOver) {
   const RefCertificate wanted = issued("CN=A", root, 1);
-  store->add(RefObject(modelCRL({.issuer = &root})));
+  store->add(RefObject(crlHandle({.issuer = &root})));
   store->add(RefObject(modelPair(root)));
   store->add(RefObject(RefCertificate()));
   ObjectKeyStorePlugin keys(store);
   EXPECT_TRUE(find(keys, wanted).empty());
-  EXPECT_TRUE(find(keys, model(root)).empty()) << "found in a pair";
+  EXPECT_TRUE(find(keys, handle(root)).empty()) << "found in a pair";
   store->add(RefObject(wanted));
   EXPECT_EQ(find(keys, wanted).get(), wanted.get());
 }
@@ -92,19 +92,19 @@ TEST_F(ObjectKeyStorePluginTest, AddedAsAList_IsFound_KnownToDirectoryOrMethodOn
   addToDirectory(directory.path(), root.get());
   RefObjectStore own(directory.string(), X509_FILETYPE_PEM);
   const Source source;
-  source->certificates = {model(root)};
-  source->answer = RefObject(model(root));
+  source->certificates = {handle(root)};
+  source->answer = RefObject(handle(root));
   own->add(source.handle);
   ObjectKeyStorePlugin keys(own);
-  EXPECT_TRUE(find(keys, model(root)).empty());
+  EXPECT_TRUE(find(keys, handle(root)).empty());
   EXPECT_TRUE(own->objects().empty());
-  const RefCertificate added = model(root);
+  const RefCertificate added = handle(root);
   own->add(std::list<RefCertificate>{added});  // after the plug-in was made
   EXPECT_EQ(find(keys, added).get(), added.get());
 }
 
 TEST_F(ObjectKeyStorePluginTest, ByMailAddress_NothingIsFound) {
-  const RefCertificate certificate = model(
+  const RefCertificate certificate = handle(
       issue({.issuer = &root, .extensions = {{"subjectAltName", "email:alice@example.com"}}}));
   store->add(RefObject(certificate));
   ObjectKeyStorePlugin plugin(store);
@@ -133,7 +133,7 @@ TEST_F(ObjectKeyStorePluginTest, StoreLives_AsLongAsThePlugIn) {
 }
 
 TEST(ObjectKeyStorePluginDeathTest, EmptyObjectInTheList_StopsTheProcessWhenTheSearchMeetsIt) {
-  const RefCertificate root = model(issueCA("CN=Root"));
+  const RefCertificate root = handle(issueCA("CN=Root"));
   RefObjectStore store("/nonexistent", X509_FILETYPE_PEM);
   store->add(RefObject(root));
   store->add(RefObject());

@@ -108,10 +108,10 @@ TEST(ObjectStore, MoreDirectories_AreAttachedWithOpenSSLsResult) {
 TEST(ObjectStore, Objects_AreListedInOrderAndUnknownToOpenSSL) {
   const Issued a = issueCA("CN=A");
   const Issued b = issueCA("CN=B");
-  const RefObject first(model(a));
+  const RefObject first(handle(a));
   RefObjectStore store = emptyStore();
   store->add(first);
-  store->add(Certificates{model(b), model(a)});
+  store->add(Certificates{handle(b), handle(a)});
   ASSERT_EQ(store->objects().size(), 3U);
   auto object = store->objects().begin();
   EXPECT_EQ(object->get(), first.get());
@@ -142,13 +142,13 @@ TEST(ObjectStore, Clone_SharesMethodsAndDirectoryButNoObjects) {
   addToDirectory(directory.path(), root.get());
   const Source first("First");
   const Source second("Second");
-  first->crls = {modelCRL({.issuer = &root})};
+  first->crls = {crlHandle({.issuer = &root})};
   RefObjectStore store(directory.string(), X509_FILETYPE_PEM);
   store->add(first.handle);
   store->add(second.handle);
   store->add(first.handle);
   CRLs crls;
-  store->find(model(root)->subject(), crls);
+  store->find(handle(root)->subject(), crls);
   ASSERT_EQ(store->objects().size(), 2U);
 
   RefObjectStore clone = store->clone();
@@ -160,7 +160,7 @@ TEST(ObjectStore, Clone_SharesMethodsAndDirectoryButNoObjects) {
 
   EXPECT_NE(foundByOpenSSL(clone, root.get()), nullptr);
   unsigned int score = 0;
-  const CRLs one{modelCRL({.issuer = &root})};
+  const CRLs one{crlHandle({.issuer = &root})};
   EXPECT_FALSE(clone->findIssuer(one.front(), score).empty()) << "the directory's name was lost";
 }
 
@@ -192,15 +192,15 @@ TEST(ObjectStore, FindCertificates_AsksTheMethodsInOrderAndKeepsDuplicates) {
   const Issued b = issueCA("CN=B");
   const Source first("First", &events);
   const Source second("Second", &events);
-  first->certificates = {model(b), model(a)};
-  second->certificates = {model(a)};
+  first->certificates = {handle(b), handle(a)};
+  second->certificates = {handle(a)};
   RefObjectStore store = emptyStore();
   store->add(first.handle);
   store->add(second.handle);
-  store->add(RefObject(model(a)));
+  store->add(RefObject(handle(a)));
   events.clear();
 
-  Certificates out{model(a)};
+  Certificates out{handle(a)};
   store->find(modelName("C=DE,CN=Asked"), out);
   std::vector<X509*> found;
   for (const RefCertificate& certificate : out) found.push_back(certificate);
@@ -217,14 +217,14 @@ TEST(ObjectStore, FindCRLs_CachesEveryOneEveryTime) {
   const Issued root = issueCA("CN=Root");
   const Source first("First", &events);
   const Source second("Second", &events);
-  first->crls = {modelCRL({.issuer = &root}), modelCRL({.issuer = &root})};
+  first->crls = {crlHandle({.issuer = &root}), crlHandle({.issuer = &root})};
   second->crls = {first->crls.front()};
   RefObjectStore store = emptyStore();
   store->add(first.handle);
   store->add(second.handle);
   events.clear();
 
-  CRLs out{modelCRL({.issuer = &root})};
+  CRLs out{crlHandle({.issuer = &root})};
   store->find(modelName("CN=Root"), out);
   EXPECT_EQ(events, (Events{"First: crls CN=Root", "Second: crls CN=Root"}));
   EXPECT_EQ(second->handed, 0U) << "a method gets a list of its own";
@@ -247,8 +247,8 @@ TEST(ObjectStore, FindThrows_WhatWasFoundBeforeStays) {
   const Issued root = issueCA("CN=Root");
   const Source first("First");
   const Source second("Second");
-  first->crls = {modelCRL({.issuer = &root})};
-  first->certificates = {model(root)};
+  first->crls = {crlHandle({.issuer = &root})};
+  first->certificates = {handle(root)};
   RefObjectStore store = emptyStore();
   store->add(first.handle);
   store->add(second.handle);
@@ -266,14 +266,14 @@ TEST(ObjectStore, FindThrows_WhatWasFoundBeforeStays) {
 
   unsigned int score = kUntouched;
   const Issued other = issueCA("CN=Other");
-  EXPECT_THROW(store->findIssuer(modelCRL({.issuer = &other}), score), FakeMethod::Failure);
+  EXPECT_THROW(store->findIssuer(crlHandle({.issuer = &other}), score), FakeMethod::Failure);
 }
 
 TEST(ObjectStore, FindByNullURI_DoesNothing) {
   const Issued root = issueCA("CN=Root");
   const LogCapture log;
   RefObjectStore store = emptyStore();
-  CRLs out{modelCRL({.issuer = &root})};
+  CRLs out{crlHandle({.issuer = &root})};
   store->find(Uri(), out);
   EXPECT_EQ(out.size(), 1U);
   EXPECT_TRUE(store->objects().empty());
@@ -284,7 +284,7 @@ TEST(ObjectStore, FindByURI_CachesWhatTheListHeldBefore) {
   const Issued root = issueCA("CN=Root");
   const LogCapture log;
   RefObjectStore store = emptyStore();
-  CRLs out{modelCRL({.issuer = &root}), modelCRL({.issuer = &root})};
+  CRLs out{crlHandle({.issuer = &root}), crlHandle({.issuer = &root})};
   const std::vector<CertificateRevocationList*> before = pointers(out);
   store->find(Uri("ldap://example.test/ca.crl"), out);
   EXPECT_EQ(pointers(out), before);
@@ -337,10 +337,10 @@ TEST_P(FindByDistributionPoint, AsksFor) {
   const PointRow& row = GetParam();
   const LogCapture log;
   const Issued ca = issueCA("CN=CA");
-  const RefCertificate certificate = model(issue({.subject = "CN=Leaf",
-                                                  .issuer = &ca,
-                                                  .issuerName = row.issuer,
-                                                  .crlDistributionPoints = {row.point}}));
+  const RefCertificate certificate = handle(issue({.subject = "CN=Leaf",
+                                                   .issuer = &ca,
+                                                   .issuerName = row.issuer,
+                                                   .crlDistributionPoints = {row.point}}));
   const std::list<RefCRLDistributionPoint> points = certificate->crlDistributionPoints();
   ASSERT_EQ(points.size(), 1U);
   const Source source;
@@ -355,7 +355,7 @@ TEST_P(FindByDistributionPoint, AsksFor) {
   EXPECT_EQ(log.lines().size(), row.uris.size()) << log.text();
   for (const std::string& uri : row.uris) EXPECT_TRUE(log.contains(uri)) << log.text();
 
-  source->crls = {modelCRL({.issuer = &ca})};
+  source->crls = {crlHandle({.issuer = &ca})};
   out = source->crls;
   store->find(certificate, points.front(), out);
   EXPECT_EQ(out.size(), 1 + row.names.size());
@@ -472,7 +472,7 @@ TEST(ObjectStore, RelativeNameThatMakesNoName_IsAskedForUnderACRLIssuer) {
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   CRLs out;
-  store->find(model(ca), RefCRLDistributionPoint(native.get()), out);
+  store->find(handle(ca), RefCRLDistributionPoint(native.get()), out);
   ASSERT_EQ(source->names.size(), 1U);
   EXPECT_TRUE(source->names.front().empty());
 }
@@ -495,7 +495,7 @@ class FindIssuer : public testing::TestWithParam<CandidateRow> {
   static CRLs crlFor(const CandidateRow& row, Issued& candidate) {
     candidate = issue(row.candidate);
     const Issued signer = issue({.subject = "CN=CA", .ca = true, .key = candidate.key});
-    return {modelCRL({.issuer = &signer, .authorityKeyId = row.crlKeyId})};
+    return {crlHandle({.issuer = &signer, .authorityKeyId = row.crlKeyId})};
   }
 };
 
@@ -551,7 +551,7 @@ TEST_P(FindIssuer, AmongTheObjects) {
   Issued candidate;
   const CRLs crl = crlFor(GetParam(), candidate);
   RefObjectStore store = emptyStore();
-  store->add(Certificates{model(candidate)});
+  store->add(Certificates{handle(candidate)});
   unsigned int score = kUntouched;
   const RefCertificate& issuer = store->findIssuer(crl.front(), score);
   EXPECT_EQ(static_cast<X509*>(issuer), GetParam().found ? candidate.get() : nullptr);
@@ -576,7 +576,7 @@ TEST_P(FindIssuer, FromAMethod) {
   Issued candidate;
   const CRLs crl = crlFor(GetParam(), candidate);
   const Source source;
-  source->certificates = {model(candidate)};
+  source->certificates = {handle(candidate)};
   RefObjectStore store = emptyStore();
   store->add(source.handle);
   unsigned int score = kUntouched;
@@ -607,7 +607,7 @@ class FindIssuerOrder : public testing::Test {
   Issued make() const { return issue({.subject = "CN=CA", .ca = true, .key = key}); }
   CRLs crl() const {
     const Issued signer = make();
-    return {modelCRL({.issuer = &signer})};
+    return {crlHandle({.issuer = &signer})};
   }
 
   std::shared_ptr<EVP_PKEY> key = makeKey();
@@ -621,14 +621,14 @@ class FindIssuerOrder : public testing::Test {
 TEST_F(FindIssuerOrder, Object_BeatsDirectoryAndMethods) {
   const Issued object = make();
   addToDirectory(directory.path(), make().get());
-  source->certificates = {model(make())};
+  source->certificates = {handle(make())};
   store->add(source.handle);
   events.clear();
-  store->add(RefObject(model(issueCA("CN=Other"))));
+  store->add(RefObject(handle(issueCA("CN=Other"))));
   store->add(RefObject(modelPair(object)));
   store->add(RefObject(crl().front()));
-  store->add(RefObject(model(object)));
-  store->add(RefObject(model(make())));
+  store->add(RefObject(handle(object)));
+  store->add(RefObject(handle(make())));
   EXPECT_EQ(static_cast<X509*>(store->findIssuer(crl().front(), score)), object.get());
   EXPECT_EQ(score, kNameAndKey);
   EXPECT_EQ(events, Events());
@@ -638,7 +638,7 @@ TEST_F(FindIssuerOrder, Object_BeatsDirectoryAndMethods) {
 TEST_F(FindIssuerOrder, Directory_BeatsMethods) {
   const Issued filed = make();
   addToDirectory(directory.path(), filed.get());
-  source->certificates = {model(make())};
+  source->certificates = {handle(make())};
   store->add(source.handle);
   events.clear();
   const RefCertificate& issuer = store->findIssuer(crl().front(), score);
@@ -649,7 +649,7 @@ TEST_F(FindIssuerOrder, Directory_BeatsMethods) {
 
 TEST_F(FindIssuerOrder, Methods_ComeLast) {
   const Issued fromMethod = make();
-  source->certificates = {model(issueCA("CN=Other")), model(fromMethod), model(make())};
+  source->certificates = {handle(issueCA("CN=Other")), handle(fromMethod), handle(make())};
   store->add(source.handle);
   events.clear();
   EXPECT_EQ(static_cast<X509*>(store->findIssuer(crl().front(), score)), fromMethod.get());
@@ -679,7 +679,7 @@ TEST_F(FindIssuerOrder, FoundInTheDirectory_IsCachedAndFoundThereTheNextTime) {
 }
 
 TEST_F(FindIssuerOrder, FoundByAMethod_IsCachedAndTheMethodNotAskedAgain) {
-  source->certificates = {model(make())};
+  source->certificates = {handle(make())};
   store->add(source.handle);
   events.clear();
   const RefCertificate* const first = &store->findIssuer(crl().front(), score);
@@ -689,7 +689,7 @@ TEST_F(FindIssuerOrder, FoundByAMethod_IsCachedAndTheMethodNotAskedAgain) {
 }
 
 TEST_F(FindIssuerOrder, Reference_StaysValidWhileTheStoreGrows) {
-  source->certificates = {model(make())};
+  source->certificates = {handle(make())};
   source->crls = {crl().front()};
   store->add(source.handle);
   const RefCertificate& issuer = store->findIssuer(crl().front(), score);
@@ -709,15 +709,15 @@ TEST_F(FindIssuerOrder, NothingFound_TheScoreIsTheLastNamesakes) {
   const Issued other = issueCA("CN=Other");
   {
     RefObjectStore one = emptyStore();
-    one->add(Certificates{model(wrongKey), model(mayNotSign), model(other)});
+    one->add(Certificates{handle(wrongKey), handle(mayNotSign), handle(other)});
     EXPECT_TRUE(one->findIssuer(crl().front(), score).empty());
     EXPECT_EQ(score, kNameAndKey);
   }
   {
     // The last one counts across objects, directory and methods.
     addToDirectory(directory.path(), mayNotSign.get());
-    store->add(RefObject(model(mayNotSign)));
-    source->certificates = {model(wrongKey), model(other)};
+    store->add(RefObject(handle(mayNotSign)));
+    source->certificates = {handle(wrongKey), handle(other)};
     store->add(source.handle);
     score = kUntouched;
     EXPECT_TRUE(store->findIssuer(crl().front(), score).empty());
@@ -745,7 +745,7 @@ TEST(ObjectStore, CRLLookupsOfOneVerification_EndWithTheLimit) {
   const Issued root = issueCA("CN=Root");
   const Source first("First", &events);
   const Source second("Second", &events);
-  first->crls = {modelCRL({.issuer = &root})};
+  first->crls = {crlHandle({.issuer = &root})};
   RefObjectStore store = emptyStore();
   store->add(first.handle);
   store->add(second.handle);
@@ -806,7 +806,7 @@ TEST(ObjectStoreDeathTest, EmptyHandleAsOpenSSLStore_StopsTheProcess) {
 
 TEST(ObjectStoreDeathTest, EmptyMethodInTheList_StopsTheProcessAtTheNextQuery) {
   const Issued root = issueCA("CN=Root");
-  const CRLs crl{modelCRL({.issuer = &root})};
+  const CRLs crl{crlHandle({.issuer = &root})};
   RefObjectStore store = emptyStore();
   store->add(RefLookupMethod());
   ASSERT_EQ(store->methods().size(), 1U);
@@ -820,14 +820,14 @@ TEST(ObjectStoreDeathTest, EmptyMethodInTheList_StopsTheProcessAtTheNextQuery) {
 
 TEST(ObjectStoreDeathTest, EmptyObjectInTheList_StopsTheProcessWhenASearchMeetsIt) {
   const Issued root = issueCA("CN=Root");
-  const CRLs crl{modelCRL({.issuer = &root})};
+  const CRLs crl{crlHandle({.issuer = &root})};
   RefObjectStore store = emptyStore();
   store->add(RefObject());
   unsigned int score = 0;
   EXPECT_DEATH(store->findIssuer(crl.front(), score), "Assertion `px != 0' failed");
 
   RefObjectStore found = emptyStore();
-  found->add(RefObject(model(root)));
+  found->add(RefObject(handle(root)));
   found->add(RefObject());
   EXPECT_FALSE(found->findIssuer(crl.front(), score).empty()) << "the search ended before it";
 }

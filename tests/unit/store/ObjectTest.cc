@@ -31,7 +31,7 @@ TEST(Object, Default_IsNothing) {
 
 TEST(Object, FromCertificate_CarriesItsPointer) {
   const Issued root = issueCA("CN=Root");
-  const RefCertificate certificate = model(root);
+  const RefCertificate certificate = handle(root);
   const Object object(certificate);
   EXPECT_EQ(object.type, Object::TypeCertificate);
   EXPECT_EQ(object.data, root.get());
@@ -42,7 +42,7 @@ TEST(Object, FromCertificate_CarriesItsPointer) {
 
 TEST(Object, FromCRL_CarriesItsPointer) {
   const Issued root = issueCA("CN=Root");
-  const RefCertificateRevocationList crl = modelCRL({.issuer = &root});
+  const RefCertificateRevocationList crl = crlHandle({.issuer = &root});
   const Object object(crl);
   EXPECT_EQ(object.type, Object::TypeCRL);
   EXPECT_EQ(object.data, crl->native());
@@ -52,7 +52,7 @@ TEST(Object, FromCRL_CarriesItsPointer) {
 }
 
 TEST(RefObject, Dereferenced_IsTheObject) {
-  const RefObject object(model(issueCA("CN=Root")));
+  const RefObject object(handle(issueCA("CN=Root")));
   EXPECT_EQ(&*object, object.get());
   EXPECT_EQ((*object).type, Object::TypeCertificate);
 }
@@ -98,7 +98,7 @@ TEST(RefObject, Default_IsEmpty) {
 }
 
 TEST(RefObject, Copies_ShareOneObject) {
-  const RefObject first(model(issueCA("CN=Root")));
+  const RefObject first(handle(issueCA("CN=Root")));
   EXPECT_EQ(first.use_count(), 1);
   const RefObject second(first);
   EXPECT_EQ(second.get(), first.get());
@@ -110,7 +110,7 @@ TEST(RefObject, Assignment_ReleasesTheOldObjectAfterTakingTheNewOne) {
   Owned<X509> x509 = issueCA("CN=Root").reference();
   const CertificateWatch watch(x509.get(), events, "freed");
   RefObject first(CertificateFactory()(x509.release(), true));
-  const RefObject second(model(issueCA("CN=Other")));
+  const RefObject second(handle(issueCA("CN=Other")));
 
   RefObject& result = first = second;
   EXPECT_EQ(&result, &first);
@@ -120,7 +120,7 @@ TEST(RefObject, Assignment_ReleasesTheOldObjectAfterTakingTheNewOne) {
 }
 
 TEST(RefObject, SelfAssignment_ChangesNothing) {
-  RefObject object(model(issueCA("CN=Root")));
+  RefObject object(handle(issueCA("CN=Root")));
   const Object* const held = object.get();
   RefObject& alias = object;
   object = alias;

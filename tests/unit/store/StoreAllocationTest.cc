@@ -110,7 +110,7 @@ void walkBoth(Scenario scenario) {
 TEST(StoreAllocationDeathTest, FirstUse_ThrowsAndLeavesTheLibraryUsable) {
   const Issued root = issueCA("CN=Root");
   const auto use = [&] {
-    const RefCertificate certificate = model(root);
+    const RefCertificate certificate = handle(root);
     const RefObjectStore store("/nonexistent", X509_FILETYPE_PEM);
     store.get()->add(RefLookupMethod(new LookupMethod("Method")));
     const Verifier verifier(store, certificate, true);
@@ -193,8 +193,8 @@ TEST(StoreAllocation, Method_Attached) {
 
 TEST(StoreAllocation, AnswersAndSearches) {
   const Issued root = issueCA("CN=Root");
-  const RefCertificate certificate = model(root);
-  const RefCertificateRevocationList crl = modelCRL({.issuer = &root});
+  const RefCertificate certificate = handle(root);
+  const RefCertificateRevocationList crl = crlHandle({.issuer = &root});
   const TempDir directory;
   addToDirectory(directory.path(), root.get());
   walkBoth([&] {
@@ -220,7 +220,7 @@ TEST(StoreAllocation, AnswersAndSearches) {
 // The name of the file is a digest: without one it would be another's.
 TEST(StoreAllocation, HashDirectory_WrittenAndSearchedByAddressUnderOneName) {
   const EmailAddress address("person@example.org");
-  const RefCertificate certificate = model(issueCA("CN=Root"));
+  const RefCertificate certificate = handle(issueCA("CN=Root"));
   const TempDir directory;
   HashDirLookupMethod method(directory.string());
   walkBoth([&] { method.add(address, certificate); });
@@ -235,7 +235,7 @@ TEST(StoreAllocation, HashDirectory_WrittenAndSearchedByAddressUnderOneName) {
 
 TEST(StoreAllocation, Verifier_Constructed) {
   const Issued root = issueCA("CN=Root");
-  const RefCertificate certificate = model(root);
+  const RefCertificate certificate = handle(root);
   walkBoth([&] {
     const RefObjectStore store("/nonexistent", X509_FILETYPE_PEM);
     const Verifier verifier(store, certificate, false);
@@ -257,7 +257,7 @@ TEST(StoreAllocation, OwnerOfAMethodOrAnObject_DeletesWhatItWasGiven) {
   EXPECT_TRUE(thrown);
   EXPECT_EQ(events, (Events{"destroyed"}));
 
-  const RefCertificate certificate = model(issueCA("CN=Root"));
+  const RefCertificate certificate = handle(issueCA("CN=Root"));
   walk(ownAllocations, [&] { const RefObject object(certificate); });
   EXPECT_EQ(certificate->referenceCount(), 1);
 }

@@ -8,12 +8,12 @@
 //   Probe verifier(world.store, handle(leaf), false);
 #pragma once
 
+#include "support/Handles.h"
 #include "support/Pki.h"
 
 #include <pkx509/CRLContainer.h>
 #include <pkx509/ObjectStore.h>
 #include <pkx509/Verifier.h>
-#include <velantrix/CertificateFactory.h>
 #include <velantrix/CertificateRevocationList.h>
 #include <velantrix/Exception.h>
 
@@ -29,18 +29,6 @@ using namespace Velantrix::Crypto::PKX509;
 // The builders' names that the library has as well.
 using Point = Velantrix::Test::DistributionPoint;
 using Scope = Velantrix::Test::IssuingDistributionPoint;
-
-inline RefCertificate handle(const Issued& issued) {
-  return CertificateFactory()(issued.get(), false);
-}
-
-inline RefCertificateRevocationList handle(Owned<X509_CRL> crl) {
-  return CertificateRevocationListFactory()(crl.release(), true);
-}
-
-inline RefCertificateRevocationList crlHandle(const CRLOptions& options) {
-  return handle(makeCRL(options));
-}
 
 inline RefStackOfCertificate stackOf(const std::list<Issued>& certificates) {
   std::list<RefCertificate> handles;

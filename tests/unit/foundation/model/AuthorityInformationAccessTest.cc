@@ -1,8 +1,8 @@
+#include "support/Handles.h"
 #include "support/Pki.h"
 
 #include <velantrix/AuthorityInformationAccess.h>
 #include <velantrix/Certificate.h>
-#include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ namespace Pki = Velantrix::Test;
 using namespace std::string_literals;
 
 RefCertificate make(const Pki::CertificateOptions& options) {
-  return CertificateFactory()(Pki::issue(options).get(), false);
+  return Pki::handle(Pki::issue(options));
 }
 
 TEST(AuthorityInformationAccess, OCSPLocations_OfEveryTypeInOrder) {

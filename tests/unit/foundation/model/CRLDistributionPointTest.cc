@@ -1,4 +1,5 @@
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "support/Handles.h"
 #include "support/Pki.h"
 
 #include <velantrix/CRLDistributionPoint.h>
@@ -20,7 +21,7 @@ using namespace std::string_literals;
 
 std::list<RefCRLDistributionPoint> pointsOf(const std::vector<Pki::DistributionPoint>& points) {
   const Pki::Issued issued = Pki::issue({.crlDistributionPoints = points});
-  return CertificateFactory()(issued.get(), false)->crlDistributionPoints();
+  return Pki::handle(issued)->crlDistributionPoints();
 }
 
 RefCRLDistributionPointName nameOf(const Pki::DistributionPoint& point) {
@@ -82,7 +83,7 @@ TEST(CRLDistributionPoint, Reasons_CutToThoseDefinedAndAllWhenAbsent) {
 TEST(CRLDistributionPoint, ReasonsWithoutABit_AreNone) {
   const std::string extension = "\x30\x14\x30\x12\xa0\x0d\xa0\x0b\x86\x09http://a/\x81\x01\x00"s;
   const Pki::Issued issued = Pki::issue({.rawExtensions = {{"2.5.29.31", false, extension}}});
-  const auto points = CertificateFactory()(issued.get(), false)->crlDistributionPoints();
+  const auto points = Pki::handle(issued)->crlDistributionPoints();
   ASSERT_EQ(points.size(), 1U);
   EXPECT_EQ(points.front()->reasons(), 0U);
 }

@@ -1,5 +1,6 @@
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "support/Files.h"
+#include "support/Handles.h"
 #include "support/Pki.h"
 
 #include <velantrix/CertificateFactory.h>
@@ -19,20 +20,16 @@ namespace Pki = Velantrix::Test;
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 
-RefCertificate wrap(const Pki::Issued& issued) { return CertificateFactory()(issued.get(), false); }
-
-RefCertificateRevocationList make(const Pki::CRLOptions& options) {
-  return CertificateRevocationListFactory()(Pki::makeCRL(options).release(), true);
-}
-
 TEST(CertificateRevocationList, Fields_OfABaseCRL) {
   const Pki::Issued ca = Pki::issueCA("C=DE,CN=CA");
-  const RefCertificateRevocationList crl = make({.issuer = &ca,
-                                                 .lastUpdate = "20260101000000Z",
-                                                 .nextUpdate = Pki::When("20260201000000Z"),
-                                                 .number = Pki::Serial("1234")});
+  const RefCertificateRevocationList crl =
+      Pki::crlHandle({.issuer = &ca,
+                      .lastUpdate = "20260101000000Z",
+                      .nextUpdate = Pki::When("20260201000000Z"),
+                      .number = Pki::Serial("1234")});
   EXPECT_EQ(crl->crlInfo().issuer().asString(), "CN=CA,C=DE");
-  EXPECT_EQ(crl->crlInfo().authorityKeyIdentifier()->keyId(), wrap(ca)->subjectKeyIdentifier());
+  EXPECT_EQ(crl->crlInfo().authorityKeyIdentifier()->keyId(),
+            Pki::handle(ca)->subjectKeyIdentifier());
   EXPECT_EQ(crl->lastUpdate()->asTime(), Time::then(1767225600, true));
   EXPECT_EQ(crl->nextUpdate()->asTime(), Time::then(1769904000, true));
   EXPECT_EQ(crl->crlNumber().asString(), "1234");
@@ -44,10 +41,10 @@ TEST(CertificateRevocationList, Fields_OfABaseCRL) {
 
 TEST(CertificateRevocationList, Fields_WhatIsAbsentIsEmpty) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
-  const RefCertificateRevocationList crl = make({.issuer = &ca,
-                                                 .nextUpdate = std::nullopt,
-                                                 .number = std::nullopt,
-                                                 .authorityKeyId = Pki::KeyId::Absent});
+  const RefCertificateRevocationList crl = Pki::crlHandle({.issuer = &ca,
+                                                           .nextUpdate = std::nullopt,
+                                                           .number = std::nullopt,
+                                                           .authorityKeyId = Pki::KeyId::Absent});
   EXPECT_TRUE(crl->crlInfo().authorityKeyIdentifier().empty());
   EXPECT_FALSE(crl->lastUpdate().empty());
   EXPECT_TRUE(crl->nextUpdate().empty());
@@ -56,10 +53,11 @@ TEST(CertificateRevocationList, Fields_WhatIsAbsentIsEmpty) {
 
 TEST(CertificateRevocationList, Fields_OfADeltaCRL) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
-  const RefCertificateRevocationList crl = make({.issuer = &ca,
-                                                 .number = Pki::Serial(9),
-                                                 .deltaBase = Pki::Serial(7),
-                                                 .revoked = {{.serial = 1}, {.serial = 2}}});
+  const RefCertificateRevocationList crl =
+      Pki::crlHandle({.issuer = &ca,
+                      .number = Pki::Serial(9),
+                      .deltaBase = Pki::Serial(7),
+                      .revoked = {{.serial = 1}, {.serial = 2}}});
   EXPECT_TRUE(crl->isDeltaCRL());
   EXPECT_EQ(crl->crlNumber().asString(), "09");
   EXPECT_EQ(crl->baseCRLNumber().asString(), "07");
@@ -69,7 +67,7 @@ TEST(CertificateRevocationList, Fields_OfADeltaCRL) {
 
 TEST(CertificateRevocationList, DeltaFromBaseNumberZero_IsADelta) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
-  EXPECT_TRUE(make({.issuer = &ca, .deltaBase = Pki::Serial(0)})->isDeltaCRL());
+  EXPECT_TRUE(Pki::crlHandle({.issuer = &ca, .deltaBase = Pki::Serial(0)})->isDeltaCRL());
 }
 
 TEST(CertificateRevocationList, IssuedBy_NamesOnlyOrWithTheSignature) {
@@ -89,14 +87,14 @@ TEST(CertificateRevocationList, IssuedBy_NamesOnlyOrWithTheSignature) {
                   .keyUsage = KU_CRL_SIGN,
                   .rawExtensions = {{"2.5.29.15", true, "\x03\x02\x01\x02"s}},
                   .key = ca.key});
-  const RefCertificateRevocationList crl = make({.issuer = &ca});
+  const RefCertificateRevocationList crl = Pki::crlHandle({.issuer = &ca});
   const RefCertificateRevocationList vague =
-      make({.issuer = &ca, .authorityKeyId = Pki::KeyId::Absent});
+      Pki::crlHandle({.issuer = &ca, .authorityKeyId = Pki::KeyId::Absent});
   const RefCertificateRevocationList wrongKeyId =
-      make({.issuer = &ca, .authorityKeyId = Pki::KeyId::Wrong});
+      Pki::crlHandle({.issuer = &ca, .authorityKeyId = Pki::KeyId::Wrong});
   const RefCertificateRevocationList bySerial =
-      make({.issuer = &ca, .authorityKeyId = Pki::KeyId::SerialOnly});
-  const RefCertificateRevocationList forged = make({.issuer = &ca, .badSignature = true});
+      Pki::crlHandle({.issuer = &ca, .authorityKeyId = Pki::KeyId::SerialOnly});
+  const RefCertificateRevocationList forged = Pki::crlHandle({.issuer = &ca, .badSignature = true});
 
   struct Row {
     const char* name;
@@ -106,18 +104,18 @@ TEST(CertificateRevocationList, IssuedBy_NamesOnlyOrWithTheSignature) {
     bool signature;
   };
   const Row rows[] = {
-      {"the issuer", crl, wrap(ca), true, true},
-      {"same name, other key id", crl, wrap(sameName), false, false},
-      {"same name, no key id to compare", vague, wrap(sameName), true, false},
-      {"wrong key id", wrongKeyId, wrap(ca), false, false},
-      {"issuer and serial", bySerial, wrap(ca), true, true},
-      {"issuer and another serial", bySerial, wrap(unrestricted), false, false},
-      {"other name, same key", crl, wrap(otherName), false, false},
-      {"key usage without cRLSign", crl, wrap(noCRLSign), false, false},
-      {"no key usage", crl, wrap(unrestricted), true, true},
-      {"broken key usage", crl, wrap(broken), false, false},
-      {"key usage twice", crl, wrap(doubled), false, false},
-      {"bad signature", forged, wrap(ca), true, false},
+      {"the issuer", crl, Pki::handle(ca), true, true},
+      {"same name, other key id", crl, Pki::handle(sameName), false, false},
+      {"same name, no key id to compare", vague, Pki::handle(sameName), true, false},
+      {"wrong key id", wrongKeyId, Pki::handle(ca), false, false},
+      {"issuer and serial", bySerial, Pki::handle(ca), true, true},
+      {"issuer and another serial", bySerial, Pki::handle(unrestricted), false, false},
+      {"other name, same key", crl, Pki::handle(otherName), false, false},
+      {"key usage without cRLSign", crl, Pki::handle(noCRLSign), false, false},
+      {"no key usage", crl, Pki::handle(unrestricted), true, true},
+      {"broken key usage", crl, Pki::handle(broken), false, false},
+      {"key usage twice", crl, Pki::handle(doubled), false, false},
+      {"bad signature", forged, Pki::handle(ca), true, false},
       {"nobody", crl, RefCertificate(), false, false},
   };
   for (const Row& row : rows) {
@@ -130,14 +128,14 @@ TEST(CertificateRevocationList, IssuedBy_NamesOnlyOrWithTheSignature) {
 TEST(CertificateRevocationList, IsSignedBy_ComputedOncePerKey) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
   const Pki::Issued other = Pki::issueCA("CN=Other");
-  const RefCertificateRevocationList crl = make({.issuer = &ca});
+  const RefCertificateRevocationList crl = Pki::crlHandle({.issuer = &ca});
   EXPECT_EQ(crl->signatureChecks(), 0U);
   EXPECT_FALSE(crl->isSignedBy(nullptr));
   EXPECT_EQ(crl->signatureChecks(), 0U);
   for (int i = 0; i < 3; ++i) {
     EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
     EXPECT_FALSE(crl->isSignedBy(other.key.get()));
-    EXPECT_TRUE(crl->issuedBy(wrap(ca), false));
+    EXPECT_TRUE(crl->issuedBy(Pki::handle(ca), false));
   }
   EXPECT_EQ(crl->signatureChecks(), 2U);
   // Another object with the same key: a certificate read again, say.
@@ -146,15 +144,15 @@ TEST(CertificateRevocationList, IsSignedBy_ComputedOncePerKey) {
   EXPECT_TRUE(crl->issuedBy(again, false));
   EXPECT_EQ(crl->signatureChecks(), 2U);
   // Names only asks for no signature.
-  EXPECT_TRUE(make({.issuer = &ca})->issuedBy(wrap(ca), true));
-  const RefCertificateRevocationList fresh = make({.issuer = &ca});
-  fresh->issuedBy(wrap(ca), true);
+  EXPECT_TRUE(Pki::crlHandle({.issuer = &ca})->issuedBy(Pki::handle(ca), true));
+  const RefCertificateRevocationList fresh = Pki::crlHandle({.issuer = &ca});
+  fresh->issuedBy(Pki::handle(ca), true);
   EXPECT_EQ(fresh->signatureChecks(), 0U);
 }
 
 TEST(CertificateRevocationList, IsSignedBy_RemembersEightKeysAndHoldsThem) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
-  const RefCertificateRevocationList crl = make({.issuer = &ca});
+  const RefCertificateRevocationList crl = Pki::crlHandle({.issuer = &ca});
   EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
   std::vector<std::shared_ptr<EVP_PKEY>> keys;
   for (int i = 0; i < 7; ++i) {
@@ -178,7 +176,7 @@ TEST(CertificateRevocationList, IsSignedBy_RemembersEightKeysAndHoldsThem) {
 
 TEST(CertificateRevocationList, IsSignedBy_KeyOfAnotherKind) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
-  const RefCertificateRevocationList crl = make({.issuer = &ca});
+  const RefCertificateRevocationList crl = Pki::crlHandle({.issuer = &ca});
   ERR_clear_error();  // what a test before left
   EXPECT_FALSE(crl->isSignedBy(Pki::makeKey(Pki::KeyKind::Ed25519).get()));
   EXPECT_FALSE(crl->isSignedBy(Pki::makeKey(Pki::KeyKind::Rsa2048).get()));
@@ -233,7 +231,7 @@ TEST(CertificateRevocationList, HasUnhandledCriticalExtension_ByTypeAndPlace) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    const RefCertificateRevocationList crl = make(row.options);
+    const RefCertificateRevocationList crl = Pki::crlHandle(row.options);
     EXPECT_EQ(crl->hasUnhandledCriticalExtension(), row.unhandled);
     EXPECT_EQ(crl->hasUnhandledCriticalExtension(), row.unhandled);
   }
@@ -257,7 +255,7 @@ TEST(CertificateRevocationList, WritePEM_ToAFilePublishesIt) {
   const Pki::TempDir directory;
   const std::string path = (directory / "crl.r0").string();
   FileMediaOut out(path);
-  make({.issuer = &ca})->writePEM(out);
+  Pki::crlHandle({.issuer = &ca})->writePEM(out);
   EXPECT_FALSE(CertificateRevocationListFactory::read(File::Path(path)).empty());
 }
 

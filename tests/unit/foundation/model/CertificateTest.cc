@@ -1,5 +1,6 @@
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "support/Command.h"
+#include "support/Handles.h"
 #include "support/Pki.h"
 
 #include <velantrix/Certificate.h>
@@ -20,14 +21,15 @@ namespace Pki = Velantrix::Test;
 
 using namespace std::string_literals;
 
-RefCertificate wrap(const Pki::Issued& issued) { return CertificateFactory()(issued.get(), false); }
-RefCertificate make(const Pki::CertificateOptions& options) { return wrap(Pki::issue(options)); }
+RefCertificate make(const Pki::CertificateOptions& options) {
+  return Pki::handle(Pki::issue(options));
+}
 
 TEST(Certificate, NamesAndSerial_AreThoseOfTheOpenSSLCommand) {
   const Pki::Issued ca = Pki::issueCA("C=DE,O=Mail,CN=CA");
   for (const char* serial : {"1", "0A", "80", "FEDCBA9876543210FEDCBA9876543210", "-0A"}) {
     const Pki::Issued leaf = Pki::issue({.subject = "CN=Leaf", .issuer = &ca, .serial = serial});
-    const RefCertificate certificate = wrap(leaf);
+    const RefCertificate certificate = Pki::handle(leaf);
     EXPECT_EQ(certificate->subject().asString(), "CN=Leaf");
     EXPECT_EQ(certificate->issuer().asString(), "CN=CA,O=Mail,C=DE");
     std::ostringstream out;
@@ -40,7 +42,7 @@ TEST(Certificate, NamesAndSerial_AreThoseOfTheOpenSSLCommand) {
 
 TEST(Certificate, KeyIdentifiers_OfIssuerAndSubjectMatch) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
-  const RefCertificate issuer = wrap(ca);
+  const RefCertificate issuer = Pki::handle(ca);
   const RefCertificate leaf = make({.issuer = &ca});
   ASSERT_FALSE(issuer->subjectKeyIdentifier().empty());
   EXPECT_TRUE(issuer->authorityKeyIdentifier().empty());
@@ -80,7 +82,7 @@ TEST(Certificate, IsCACert_TheBitOfBasicConstraints) {
 
 TEST(Certificate, IsSelfSigned_ByNamesAndKeyIdentifiers) {
   const Pki::Issued root = Pki::issueCA("CN=CA");
-  EXPECT_TRUE(wrap(root)->isSelfSigned());
+  EXPECT_TRUE(Pki::handle(root)->isSelfSigned());
   EXPECT_FALSE(make({.subject = "CN=Leaf", .issuer = &root})->isSelfSigned());
   // Self-issued: the same name on both sides, another key. This is how a CA changes its key.
   EXPECT_FALSE(make({.subject = "CN=CA", .issuer = &root, .ca = true})->isSelfSigned());
@@ -109,13 +111,13 @@ TEST(Certificate, IssuedBy_NamesOnlyOrWithTheSignature) {
     bool signature;
   };
   const Row rows[] = {
-      {"the issuer", leaf, wrap(ca), true, true},
-      {"same name, other key id", leaf, wrap(sameName), false, false},
-      {"same name, no key id to compare", vague, wrap(sameName), true, false},
-      {"other name", leaf, wrap(otherName), false, false},
-      {"key usage without keyCertSign", leaf, wrap(notForSigning), false, false},
-      {"no key usage, not a CA", leaf, wrap(unrestricted), true, true},
-      {"bad signature", forged, wrap(ca), true, false},
+      {"the issuer", leaf, Pki::handle(ca), true, true},
+      {"same name, other key id", leaf, Pki::handle(sameName), false, false},
+      {"same name, no key id to compare", vague, Pki::handle(sameName), true, false},
+      {"other name", leaf, Pki::handle(otherName), false, false},
+      {"key usage without keyCertSign", leaf, Pki::handle(notForSigning), false, false},
+      {"no key usage, not a CA", leaf, Pki::handle(unrestricted), true, true},
+      {"bad signature", forged, Pki::handle(ca), true, false},
       {"itself", leaf, leaf, false, false},
       {"nobody", leaf, RefCertificate(), false, false},
   };
@@ -213,14 +215,14 @@ TEST(Certificate, MalformedExtensions_NeverAnIssuerNorKnownToBeSelfSigned) {
                                          .keyUsage = Pki::kAbsent,
                                          .rawExtensions = {{"2.5.29.15", true, "\xff"s}}});
   const RefCertificate leaf = make({.issuer = &broken, .authorityKeyId = Pki::KeyId::Absent});
-  EXPECT_FALSE(leaf->issuedBy(wrap(broken), true));
-  EXPECT_FALSE(leaf->issuedBy(wrap(broken), false));
-  EXPECT_THROW(static_cast<void>(wrap(broken)->isSelfSigned()), Exception);
+  EXPECT_FALSE(leaf->issuedBy(Pki::handle(broken), true));
+  EXPECT_FALSE(leaf->issuedBy(Pki::handle(broken), false));
+  EXPECT_THROW(static_cast<void>(Pki::handle(broken)->isSelfSigned()), Exception);
 }
 
 TEST(Certificate, Key_VerifiesWhatItSigned) {
   const Pki::Issued issued = Pki::issueCA("CN=CA");
-  const RefKey key = wrap(issued)->key();
+  const RefKey key = Pki::handle(issued)->key();
   ASSERT_FALSE(key.empty());
   EXPECT_EQ(EVP_PKEY_eq(key->keyData(), issued.key.get()), 1);
   EXPECT_EQ(X509_verify(issued.get(), key->keyData()), 1);
@@ -240,7 +242,7 @@ TEST(Certificate, KeyOfUnknownAlgorithm_ThrowsAndIsNotSelfSigned) {
 
 TEST(Certificate, IssuedByAKeyOfUnknownAlgorithm_NeverAndNoErrorIsLeft) {
   const Pki::Issued root = Pki::issueCA("CN=CA");
-  const RefCertificate leaf = wrap(Pki::issue({.subject = "CN=Leaf", .issuer = &root}));
+  const RefCertificate leaf = Pki::handle(Pki::issue({.subject = "CN=Leaf", .issuer = &root}));
   std::string der = Pki::der(root.get());
   const std::string algorithm = "\x06\x07\x2a\x86\x48\xce\x3d\x02\x01"s;
   const std::size_t at = der.find(algorithm);
@@ -256,13 +258,13 @@ TEST(Certificate, IssuedByAKeyOfUnknownAlgorithm_NeverAndNoErrorIsLeft) {
 TEST(Certificate, WritePEM_OneBlockThatOpenSSLReadsBack) {
   const Pki::Issued issued = Pki::issueCA("CN=CA");
   StringMediaOut out;
-  wrap(issued)->writePEM(out);
+  Pki::handle(issued)->writePEM(out);
   EXPECT_EQ(out.text(), Pki::pem(issued.cert.get()));
 }
 
 TEST(RefCertificate, Compared_ByContentAndEmptiness) {
   const Pki::Issued issued = Pki::issueCA("CN=CA");
-  const RefCertificate one = wrap(issued);
+  const RefCertificate one = Pki::handle(issued);
   const RefCertificate same = CertificateFactory()(X509_dup(issued.get()), true);
   const RefCertificate other = make({.subject = "CN=CA"});
   EXPECT_NE(one->native(), same->native());
@@ -276,7 +278,7 @@ TEST(RefCertificate, Compared_ByContentAndEmptiness) {
 
 TEST(RefCertificate, Conversion_TheSameX509OrNull) {
   const Pki::Issued issued = Pki::issueCA("CN=CA");
-  const RefCertificate certificate = wrap(issued);
+  const RefCertificate certificate = Pki::handle(issued);
   X509* native = certificate;
   EXPECT_EQ(native, issued.get());
   EXPECT_EQ(certificate->native(), issued.get());

@@ -1,4 +1,5 @@
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "support/Handles.h"
 #include "support/Pki.h"
 
 #include <velantrix/CertificateRevocationList.h>
@@ -13,9 +14,7 @@ namespace Pki = Velantrix::Test;
 
 RefIssuingDistributionPoint scopeOf(const Pki::IssuingDistributionPoint& idp) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
-  return CertificateRevocationListFactory()(Pki::makeCRL({.issuer = &ca, .idp = idp}).release(),
-                                            true)
-      ->issuingDistributionPoint();
+  return Pki::crlHandle({.issuer = &ca, .idp = idp})->issuingDistributionPoint();
 }
 
 TEST(IssuingDistributionPoint, EachFlag_StandsForItself) {

@@ -1,6 +1,6 @@
+#include "support/Handles.h"
 #include "support/Pki.h"
 
-#include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 #include <velantrix/KeyCertificatePair.h>
 
@@ -13,7 +13,7 @@ namespace Pki = Velantrix::Test;
 
 TEST(KeyCertificatePair, WithBody_StartsEmptyAndTakesBoth) {
   const Pki::Issued issued = Pki::issueCA("CN=A");
-  const RefCertificate certificate = CertificateFactory()(issued.get(), false);
+  const RefCertificate certificate = Pki::handle(issued);
   KeyCertificatePair pair(true);
   EXPECT_FALSE(pair.empty());
   EXPECT_TRUE(pair.key().empty());

@@ -112,7 +112,7 @@ TEST(ModelAllocation, ObjectIdentifiersWithLargeArcs) {
   EXPECT_THROWN("no memory for an arc",
                 starve(dotted, [&] { return ASN1::RefObjectIdentifier(dotted)->asString(); }));
   const Issued issued = issue({.rawExtensions = {{dotted, false, "\x05"}}});
-  const RefCertificate certificate = model(issued);
+  const RefCertificate certificate = handle(issued);
   const ASN1::RefObjectIdentifier wanted(dotted);
   const std::set<std::string> thrown =
       starve(dotted, [&] { return certificate->find(wanted)->oid(); });
@@ -122,7 +122,7 @@ TEST(ModelAllocation, ObjectIdentifiersWithLargeArcs) {
 
 TEST(ModelAllocation, RelativeNameOfADistributionPoint) {
   const Issued issued = issue({.crlDistributionPoints = {{.relativeName = "O=x+CN=CRL1"}}});
-  const RefCertificate certificate = model(issued);
+  const RefCertificate certificate = handle(issued);
   EXPECT_THROWN("no memory for a relative name", starve("O=x+CN=CRL1", [&] {
                   const auto points = certificate->crlDistributionPoints();
                   return readable(points.front()->distributionPointName()->relativeName());
@@ -131,7 +131,7 @@ TEST(ModelAllocation, RelativeNameOfADistributionPoint) {
 
 TEST(ModelAllocation, PemIsWrittenWholeOrNotAtAll) {
   const Issued root = issueCA("CN=Root");
-  const RefCertificate certificate = model(root);
+  const RefCertificate certificate = handle(root);
   EXPECT_THROWN("cannot be encoded", starve(pem(root.get()), [&] {
                   StringMediaOut out;
                   certificate->writePEM(out);

@@ -1,6 +1,6 @@
+#include "support/Handles.h"
 #include "support/Pki.h"
 
-#include <velantrix/CertificateFactory.h>
 #include <velantrix/StackOfCertificate.h>
 
 #include <gtest/gtest.h>
@@ -11,14 +11,13 @@ namespace {
 
 namespace Pki = Velantrix::Test;
 
-RefCertificate wrap(const Pki::Issued& issued) { return CertificateFactory()(issued.get(), false); }
-
 TEST(StackOfCertificate, FromAList_TheSameX509sInOrderWithTheirOwnReferences) {
   RefStackOfCertificate stack;
   const Pki::Issued first = Pki::issueCA("CN=1");
   const Pki::Issued second = Pki::issueCA("CN=2");
   {
-    const std::list<RefCertificate> certificates = {wrap(first), RefCertificate(), wrap(second)};
+    const std::list<RefCertificate> certificates = {Pki::handle(first), RefCertificate(),
+                                                    Pki::handle(second)};
     stack = RefStackOfCertificate(certificates);
   }
   STACK_OF(X509)* native = stack;
