@@ -1,5 +1,3 @@
-#include "foundation/base/Fail.h"
-
 #include <velantrix/Exception.h>
 
 #include <gtest/gtest.h>
@@ -58,19 +56,6 @@ TEST(Exception, StringParameter_GivenInTheThrowExpression_IsThrownWithTheExcepti
     throw Exception("Context", 4, "Source", 9).stringParameter("detail");
   } catch (const std::exception& e) {
     EXPECT_STREQ(e.what(), "Context: detail (4, Source:9)");
-  }
-}
-
-TEST(Exception, Fail_ThrowsInTheNameOfItsOriginWithTheCallersLine) {
-  try {
-    Velantrix::fail({"Context", "Source"}, "detail");
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.asString(), "Context: detail (4, Source:" + std::to_string(__LINE__ - 2) + ")");
-  }
-  try {
-    Velantrix::fail({"Context", "Source"}, "detail", 18);
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.asString(), "Context: detail (4, Source:18)");
   }
 }
 

@@ -1,0 +1,38 @@
+#include "foundation/base/TemporaryName.h"
+
+#include <gtest/gtest.h>
+#include <string_view>
+
+namespace Velantrix::Test {
+namespace {
+
+using namespace std::string_view_literals;
+
+TEST(TemporaryName, Suffix_IsTheMarkAndSixteenLowerCaseDigits) {
+  struct Row {
+    std::string_view text;
+    bool suffix;
+  };
+  const Row rows[] = {
+      {"-tmp-0123456789abcdef", true},
+      {"-tmp-0000000000000000", true},
+      {"", false},
+      {"-tmp-", false},
+      {"-tmp-0123456789abcde", false},
+      {"-tmp-0123456789abcdef0", false},
+      {"-tmp-0123456789ABCDEF", false},
+      {"-tmp-0123456789abcdeg", false},
+      {"-tmp-g123456789abcdef", false},
+      {"-tmp-0123456789abcde\0"sv, false},
+      {"-tmp-0123456789abcde\n", false},
+      {"-tmp_0123456789abcdef", false},
+      {"-TMP-0123456789abcdef", false},
+      {"0123456789abcdef-tmp-", false},
+      // A target's name stands in front of it, which is not looked for here.
+      {"a-tmp-0123456789abcdef", false},
+  };
+  for (const Row& row : rows) EXPECT_EQ(isTemporarySuffix(row.text), row.suffix) << row.text;
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
