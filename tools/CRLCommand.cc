@@ -1,7 +1,7 @@
 // `pkx509 crl`: fetches CRLs by URI, through the cache that verifications use.
 #include "Facts.h"
+#include "FactsOutput.h"
 #include "Input.h"
-#include "JsonText.h"
 #include "LogCollector.h"
 #include "Report.h"
 #include "StandardStreams.h"
@@ -85,10 +85,10 @@ std::string reasonForNone(const Uri& uri) {
   return "the host was not reached, or it did not answer with one";
 }
 
-int report(const Options& options, const std::string& text, LogCollector& log, Value::Array& all) {
+int report(const std::string& text, LogCollector& log, FactsOutput& output) {
   const Uri uri(text);
   const Found found = lookUp(text, uri);
-  for (const Report::LogLine& line : log.take()) writeErrorLine(logLine(text, line));
+  writeLog(text, log.take());
   if (found.crls.empty()) {
     writeErrorLine("pkx509: " + text + ": there is no CRL: " + reasonForNone(uri));
     return kNotFound;
@@ -100,12 +100,7 @@ int report(const Options& options, const std::string& text, LogCollector& log, V
   for (const RefCertificateRevocationList& crl : found.crls) {
     Facts facts = factsOf(text, crl);
     facts["source"] = found.cached ? "cache" : "network";
-    if (hasProblems(facts)) status = kError;
-    if (options.json) {
-      all.push_back(std::move(facts));
-    } else {
-      writeOutput(factsText(facts));
-    }
+    status = std::max(status, output.add(std::move(facts)));
   }
   return status;
 }
@@ -115,12 +110,12 @@ int run(const Options& options) {
     if (Uri(text).isNull()) throw ToolError("\"" + text + "\" is no URI");
   }
   LogCollector log;
-  Value::Array all;
+  FactsOutput output(options.json);
   int status = kAllValid;
   for (const std::string& text : options.uris) {
-    status = std::max(status, report(options, text, log, all));
+    status = std::max(status, report(text, log, output));
   }
-  if (options.json) writeOutput(jsonText(all));
+  output.finish();
   return status;
 }
 

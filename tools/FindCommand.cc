@@ -1,8 +1,8 @@
 // `pkx509 find`: looks for certificates by mail address or by subject.
 #include "CertificateSource.h"
 #include "Facts.h"
+#include "FactsOutput.h"
 #include "Input.h"
-#include "JsonText.h"
 #include "LogCollector.h"
 #include "OptionValues.h"
 #include "Report.h"
@@ -12,6 +12,7 @@
 
 #include <velantrix/DistinguishedName.h>
 
+#include <algorithm>
 #include <exception>
 #include <list>
 #include <memory>
@@ -75,7 +76,7 @@ std::list<RefCertificate> ask(const CertificateSource& source, const Options& op
     const std::string text = reasonOf(error);
     failure = text.starts_with(source.name) ? text : source.name + ": " + text;
   }
-  for (const Report::LogLine& line : log.take()) writeErrorLine(logLine(source.name, line));
+  writeLog(source.name, log.take());
   if (!failure.empty()) throw ToolError(failure);
   return found;
 }
@@ -85,17 +86,11 @@ int run(const Options& options) {
   const CertificateSource source = sourceOf(options);
   const std::list<RefCertificate> found = ask(source, options);
   int status = kAllValid;
-  Value::Array all;
+  FactsOutput output(options.json);
   for (const RefCertificate& certificate : found) {
-    Facts facts = factsOf(source.name, certificate);
-    if (hasProblems(facts)) status = kError;
-    if (options.json) {
-      all.push_back(std::move(facts));
-    } else {
-      writeOutput(factsText(facts));
-    }
+    status = std::max(status, output.add(factsOf(source.name, certificate)));
   }
-  if (options.json) writeOutput(jsonText(all));
+  output.finish();
   if (found.empty()) {
     writeErrorLine("pkx509: " + source.name + ": there is no certificate for " +
                    options.email.value_or(options.subject.value_or("")));

@@ -120,7 +120,7 @@ Asked ask(const Options& options, const std::list<RefCertificate>& chain) {
       break;
     }
   } catch (const std::exception& error) {
-    for (const Report::LogLine& line : log.take()) writeErrorLine(logLine(options.file, line));
+    writeLog(options.file, log.take());
     throw ToolError(describe(options.file, error));
   }
   asked.log = log.take();
@@ -147,7 +147,7 @@ int run(const Options& options) {
   if (options.json) {
     writeOutput(jsonOf(options, asked));
   } else {
-    for (const Report::LogLine& line : asked.log) writeErrorLine(logLine(options.file, line));
+    writeLog(options.file, asked.log);
     const std::string word = asked.code > OCSP::kRevoked ? "no answer" : wordOf(asked.code);
     writeOutput(printable(options.file) + ": " + word + ", code " + std::to_string(asked.code) +
                 " (" + textOf(asked) + ")" +

@@ -33,11 +33,11 @@ struct Report {
   std::vector<LogLine> log;
 };
 
-/// For people. Log lines are not part of it, see `logLine`.
+/// For people. Log lines are not part of it, see `writeLog`.
 /// @param colour whether the verdict is green or red
 std::string textReport(const Report& report, bool colour);
-/// A log line as it goes to standard error.
-std::string logLine(const std::string& file, const Report::LogLine& line);
+/// Writes log lines to standard error, each as "SUBJECT: <priority> text".
+void writeLog(const std::string& subject, const std::vector<Report::LogLine>& lines);
 
 /// Log lines for programs: an array of objects.
 Value logValue(const std::vector<Report::LogLine>& lines);

@@ -1,13 +1,14 @@
 // `pkx509 show`: shows what stands in certificates and CRLs.
 #include "Content.h"
 #include "Facts.h"
+#include "FactsOutput.h"
 #include "Input.h"
-#include "JsonText.h"
 #include "Progress.h"
 #include "StandardStreams.h"
 #include "Status.h"
 #include "Subcommands.h"
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <utility>
@@ -49,7 +50,7 @@ Shown look(const std::string& file, Progress& progress) {
 int run(const Options& options) {
   requireOneStandardInput(options.files);
   int status = kAllValid;
-  Value::Array all;
+  FactsOutput output(options.json);
   Progress progress(options.files.size());
   for (const std::string& file : options.files) {
     Shown shown = look(file, progress);
@@ -57,16 +58,9 @@ int run(const Options& options) {
       writeErrorLine("pkx509: " + error);
       status = kError;
     }
-    for (Facts& facts : shown.facts) {
-      if (hasProblems(facts)) status = kError;
-      if (options.json) {
-        all.push_back(std::move(facts));
-      } else {
-        writeOutput(factsText(facts));
-      }
-    }
+    for (Facts& facts : shown.facts) status = std::max(status, output.add(std::move(facts)));
   }
-  if (options.json) writeOutput(jsonText(all));
+  output.finish();
   return status;
 }
 

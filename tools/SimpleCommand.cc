@@ -61,7 +61,7 @@ int run(const Options& options) {
   if (options.json) {
     writeOutput(jsonReport({report}));
   } else {
-    for (const Report::LogLine& line : report.log) writeErrorLine(logLine(options.file, line));
+    writeLog(options.file, report.log);
     writeOutput(textReport(report, colour));
   }
   return report.valid() ? kAllValid : kNotValid;

@@ -1,5 +1,6 @@
 #include "Printable.h"
 #include "Report.h"
+#include "StandardStreams.h"
 
 namespace Velantrix::Tool {
 
@@ -27,8 +28,10 @@ std::string textReport(const Report& report, bool colour) {
   return out;
 }
 
-std::string logLine(const std::string& file, const Report::LogLine& line) {
-  return file + ": <" + std::to_string(line.priority) + "> " + line.text;
+void writeLog(const std::string& subject, const std::vector<Report::LogLine>& lines) {
+  for (const Report::LogLine& line : lines) {
+    writeErrorLine(subject + ": <" + std::to_string(line.priority) + "> " + line.text);
+  }
 }
 
 }  // namespace Velantrix::Tool

@@ -64,10 +64,6 @@ void prepare(Options& options) {
   }
 }
 
-void writeLog(const std::string& file, const std::vector<Report::LogLine>& lines) {
-  for (const Report::LogLine& line : lines) writeErrorLine(logLine(file, line));
-}
-
 Report reportOn(const Options& options, const std::string& file, LogCollector& log,
                 Progress& progress) {
   Report report;
