@@ -3,10 +3,8 @@
 #include "support/Loopback.h"
 #include "support/Peer.h"
 
-#include <array>
 #include <cerrno>
 #include <cstdint>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -35,16 +33,12 @@ PreparedResponder::~PreparedResponder() {
 std::string PreparedResponder::port() const { return std::to_string(Test::boundPort(listener_)); }
 
 void PreparedResponder::serve() const {
-  while (true) {
-    std::array<pollfd, 2> ready{{{listener_.number(), POLLIN, 0}, {stop_.number(), POLLIN, 0}}};
-    if (poll(ready.data(), ready.size(), -1) < 0 && errno != EINTR) return;
-    if ((ready[1].revents & POLLIN) != 0) return;
-    const int accepted =
-        accept4(listener_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (accepted < 0) continue;
+  for (;;) {
+    Descriptor connection = Test::acceptUntil(stop_, listener_);
+    if (connection.number() < 0) return;
     Test::FaultLog log;  // of this connection only: a benchmark makes a great many
     try {
-      Test::Peer peer(Descriptor(accepted, "accept"), nullptr, stop_, log, log.opened());
+      Test::Peer peer(std::move(connection), nullptr, stop_, log, log.opened());
       if (peer.readRequest()) peer.write(response_);
     } catch (const Test::Peer::Stopped&) {
       return;

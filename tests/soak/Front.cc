@@ -3,10 +3,8 @@
 #include "support/Loopback.h"
 #include "support/Peer.h"
 
-#include <array>
 #include <cerrno>
 #include <exception>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <utility>
@@ -34,14 +32,11 @@ void Front::close() {
 }
 
 void Front::run() {
-  std::array<pollfd, 2> wait = {{{stop_.number(), POLLIN, 0}, {listener_.number(), POLLIN, 0}}};
-  while (wait[0].revents == 0) {
-    if (poll(wait.data(), wait.size(), -1) < 0 || wait[1].revents == 0) continue;
-    const int accepted =
-        accept4(listener_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (accepted < 0) continue;
+  for (;;) {
+    Descriptor connection = acceptUntil(stop_, listener_);
+    if (connection.number() < 0) return;
     try {
-      serve_(Descriptor(accepted, "accept4"), stop_);
+      serve_(std::move(connection), stop_);
     } catch (const Peer::Stopped&) {
       return;
     } catch (const std::exception&) {

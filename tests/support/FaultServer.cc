@@ -4,13 +4,12 @@
 
 #include <openssl/ssl.h>
 
-#include <array>
 #include <cerrno>
-#include <poll.h>
 #include <signal.h>
 #include <stdexcept>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <utility>
 
 namespace Velantrix::Test {
 
@@ -66,14 +65,11 @@ FaultServer::Context FaultServer::makeContext(const FaultServerOptions& options)
 }
 
 void FaultServer::accept() {
-  std::array<pollfd, 2> wait = {{{stop_.number(), POLLIN, 0}, {listener_.number(), POLLIN, 0}}};
-  while (wait[0].revents == 0) {
-    if (poll(wait.data(), wait.size(), -1) < 0 || wait[1].revents == 0) continue;
-    const int accepted =
-        accept4(listener_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (accepted < 0) continue;
+  for (;;) {
+    Descriptor accepted = acceptUntil(stop_, listener_);
+    if (accepted.number() < 0) break;
     connections_.emplace_back(
-        [this, number = log_.opened(), connection = Descriptor(accepted, "accept4")]() mutable {
+        [this, number = log_.opened(), connection = std::move(accepted)]() mutable {
           serve(std::move(connection), number);
         });
   }

@@ -1,10 +1,12 @@
 #include "support/Loopback.h"
 
 #include <arpa/inet.h>
+#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <netinet/in.h>
+#include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 
@@ -81,6 +83,16 @@ Descriptor connectTo(std::uint16_t port, const char* address) {
     failWithError(std::string("connect ") + address, errno);
   }
   return connected;
+}
+
+Descriptor acceptUntil(const Descriptor& stop, const Descriptor& listener) {
+  for (;;) {
+    std::array<pollfd, 2> wait = {{{stop.number(), POLLIN, 0}, {listener.number(), POLLIN, 0}}};
+    if (poll(wait.data(), wait.size(), -1) < 0) continue;
+    if (wait[0].revents != 0) return {};
+    const int accepted = accept4(listener.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (accepted >= 0) return {accepted, "accept4"};
+  }
 }
 
 ReservedPort::ReservedPort(const char* address)

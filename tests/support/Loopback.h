@@ -40,6 +40,10 @@ std::uint16_t boundPort(const Descriptor& socket);
 /// Throws std::system_error with ECONNREFUSED when nobody listens there.
 Descriptor connectTo(std::uint16_t port, const char* address = "127.0.0.1");
 
+/// The next connection that `listener` gets, set not to block; none, with the number -1, once `stop`
+/// is readable.
+Descriptor acceptUntil(const Descriptor& stop, const Descriptor& listener);
+
 bool hasIPv6Loopback();
 
 }  // namespace Velantrix::Test

@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <stdexcept>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <system_error>
 
@@ -54,6 +56,26 @@ TEST(ReservedPort, IPv6WhereThereIsSome_IsRefusedToo) {
 TEST(ReservedPort, NoAddress_Throws) {
   EXPECT_THROW(ReservedPort("localhost"), std::runtime_error);
   EXPECT_THROW(ReservedPort("192.0.2.1"), std::runtime_error);
+}
+
+TEST(AcceptUntil, GivesConnectionsUntilItIsStopped) {
+  const Descriptor stop(eventfd(0, EFD_CLOEXEC), "eventfd");
+  const Descriptor listener = bindTo(0);
+  ASSERT_EQ(listen(listener.number(), 2), 0);
+  const Descriptor client = connectTo(boundPort(listener));
+  const Descriptor accepted = acceptUntil(stop, listener);
+  ASSERT_GE(accepted.number(), 0);
+  char octet = 0;
+  EXPECT_EQ(recv(accepted.number(), &octet, 1, 0), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  ASSERT_EQ(send(client.number(), "x", 1, 0), 1);
+  pollfd arrived = {accepted.number(), POLLIN, 0};
+  ASSERT_EQ(poll(&arrived, 1, -1), 1);
+  EXPECT_EQ(recv(accepted.number(), &octet, 1, 0), 1);
+
+  const Descriptor tooLate = connectTo(boundPort(listener));
+  ASSERT_EQ(eventfd_write(stop.number(), 1), 0);
+  EXPECT_EQ(acceptUntil(stop, listener).number(), -1);
 }
 
 }  // namespace
