@@ -12,6 +12,7 @@
 #include "support/OCSPBuilder.h"
 #include "support/WebServer.h"
 
+#include <pkx509/FixedPaths.h>
 #include <pkx509/OCSP.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/Buffer.h>
