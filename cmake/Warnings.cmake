@@ -12,6 +12,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(pkx509_options INTERFACE
     -Wno-array-bounds -Wno-restrict -Wno-stringop-overflow -Wno-stringop-overread)
 endif()
+if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # It takes what is included for headers, whose unnamed namespaces other sources would see.
+  target_compile_options(pkx509_options INTERFACE -Wno-subobject-linkage)
+endif()
 if(PKX509_WARNINGS_AS_ERRORS)
   target_compile_options(pkx509_options INTERFACE -Werror)
 endif()
@@ -24,3 +28,10 @@ if(PKX509_SANITIZE)
     target_compile_options(pkx509_options INTERFACE -Wno-tsan)
   endif()
 endif()
+
+# What tests, fuzz targets and what they share are compiled with. It is the library that has to be as it is
+# shipped; what is around it compiles twice as fast when it is not optimised.
+add_library(pkx509_test_options INTERFACE)
+target_link_libraries(pkx509_test_options INTERFACE pkx509_options)
+target_compile_options(pkx509_test_options INTERFACE
+  "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-O0>")
