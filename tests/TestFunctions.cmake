@@ -37,6 +37,28 @@ function(_pkx509_gtest name)
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()
 
+# _pkx509_quick_gtest(<name> <source>...)
+# For test cases that take less time than the start of a process: each test suite is a CTest test. The suites
+# are known as soon as the executable is built; before that CTest has a test that fails for want of it.
+function(_pkx509_quick_gtest name)
+  _pkx509_test_program(${name} ${ARGN})
+  set(suites "${CMAKE_CURRENT_BINARY_DIR}/${name}_suites.cmake")
+  add_custom_command(TARGET ${name} POST_BUILD
+    COMMAND "${CMAKE_COMMAND}" "-DPROGRAM=$<TARGET_FILE:${name}>" "-DSUITES=${suites}"
+            -P "${PROJECT_SOURCE_DIR}/tests/ListSuites.cmake"
+    BYPRODUCTS "${suites}"
+    VERBATIM)
+  file(CONFIGURE OUTPUT "${CMAKE_CURRENT_BINARY_DIR}/${name}_tests.cmake" @ONLY CONTENT [[
+if(EXISTS "@suites@")
+  include("@suites@")
+else()
+  add_test("@name@_IsBuilt" "@name@")
+endif()
+]])
+  set_property(DIRECTORY APPEND PROPERTY
+    TEST_INCLUDE_FILES "${CMAKE_CURRENT_BINARY_DIR}/${name}_tests.cmake")
+endfunction()
+
 # _pkx509_private_view_gtest(<name> <source>...)
 # Each test case runs in a private view of the file system. What CMake calls the emulator stands in
 # front of the command line of every test, also where nothing is cross-compiled.
@@ -49,7 +71,7 @@ endfunction()
 # pkx509_unit_test(<name> <source>...)
 # A test of single classes, linked to the archive in which nothing is hidden.
 function(pkx509_unit_test name)
-  _pkx509_gtest(${name} ${ARGN})
+  _pkx509_quick_gtest(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE pkx509_internal GTest::gtest_main)
 endfunction()
 
