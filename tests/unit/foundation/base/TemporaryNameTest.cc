@@ -9,11 +9,10 @@ namespace {
 using namespace std::string_view_literals;
 
 TEST(TemporaryName, Suffix_IsTheMarkAndSixteenLowerCaseDigits) {
-  struct Row {
+  const struct {
     std::string_view text;
     bool suffix;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {"-tmp-0123456789abcdef", true},
       {"-tmp-0000000000000000", true},
       {"", false},
@@ -31,7 +30,7 @@ TEST(TemporaryName, Suffix_IsTheMarkAndSixteenLowerCaseDigits) {
       // A target's name stands in front of it, which is not looked for here.
       {"a-tmp-0123456789abcdef", false},
   };
-  for (const Row& row : rows) EXPECT_EQ(isTemporarySuffix(row.text), row.suffix) << row.text;
+  for (const auto& row : rows) EXPECT_EQ(isTemporarySuffix(row.text), row.suffix) << row.text;
 }
 
 }  // namespace
