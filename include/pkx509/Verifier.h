@@ -66,6 +66,9 @@ namespace Velantrix::Crypto::PKX509 {
 /// with `X509_V_ERR_CRL_PATH_VALIDATION_ERROR` (54) when an enclosing one is about the same
 /// certificate, when it would be the ninth level, or the 65th that one outermost run starts; the
 /// 257th look-up of CRLs of one run and later ones find nothing. Each of these writes a log line.
+/// What is not looked for because all of a run has used up its look-ups, its time or bytes on the
+/// network, memory or descriptors may be what revokes: where it happened, the verification fails
+/// with `X509_V_ERR_UNABLE_TO_GET_CRL` (3) if with nothing else, whatever was found.
 ///
 /// **Exceptions.** A verdict is never thrown. `Velantrix::Exception` (an unreadable file, a broken
 /// extension) and whatever a lookup method throws leaves `isValid()` unchanged. Treat every
@@ -138,8 +141,9 @@ class PKX509_EXPORT Verifier : private NonCopyable {
                 const std::list<RefCertificate>& chain);
 
   /// Bounds what one verification spends on the network, over all that it fetches and asks and all
-  /// verifications nested in it. When the time is spent, further hosts count as unreachable: the
-  /// check goes on with what is there.
+  /// verifications nested in it. When the time is spent, further hosts count as unreachable, and
+  /// whatever is found without them, the verification does not end valid: the host that was not
+  /// asked may be the one that would have told of a revocation.
   /// @param seconds 60 by default; 0 for no such bound
   void maxNetworkTime(unsigned int seconds) noexcept { networkSeconds_ = seconds; }
 

@@ -1,5 +1,6 @@
 #include "crl/CRLCache.h"
 #include "foundation/base/Log.h"
+#include "foundation/base/Shortfall.h"
 #include "foundation/net/NetworkBudget.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "verify/ConnectionSubject.h"
@@ -9,6 +10,7 @@
 #include <pkx509/URILookup.h>
 
 #include <exception>
+#include <new>
 #include <string>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -45,6 +47,8 @@ void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   connection->send(request(uri));
   const int outcome = connection->receive();
   NetworkBudget::countBytes(connection->contentReceived());
+  // Cut by what is left for the whole verification, and not by what a CRL may have.
+  if (outcome == HTTP::Connection::kTooLarge && limit < kMaximumCRL) Shortfall::note();
   if (outcome != HTTP::Connection::kComplete) return;
   const LW::Buffer& body = connection->content();
   // The limit keeps the length inside 32 bits. The connection outlives the reading, so the bytes
@@ -62,6 +66,8 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
   if (uri.isNull()) return;
   try {
     HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, crls);
+  } catch (const std::bad_alloc&) {
+    Shortfall::note();
   } catch (const std::exception&) {
     // A broken cache entry is as good as none: the fetch below replaces it.
   }
@@ -73,6 +79,8 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
     }
     fetch(uri, crls);
     CRLCache(kCRLCacheDirectory).add(uri, crls);
+  } catch (const std::bad_alloc&) {
+    Shortfall::note();
   } catch (const std::exception&) {
     // Whatever went wrong, what was found so far is the answer.
   }

@@ -1,3 +1,4 @@
+#include "foundation/base/Shortfall.h"
 #include "foundation/net/ldap/LDAPSearch.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
@@ -29,8 +30,8 @@ std::list<LDAPAttributeType> attributeTypes(Object::Type type) {
 }
 
 // Appends every value that the directory has for that kind of object under the base. An empty
-// filter takes every entry; without a base as well that would be the whole directory, which nobody
-// asks for but a certificate without a name.
+// filter takes every entry that has one; without a base as well that would be the whole directory,
+// which nobody asks for but a certificate without a name.
 void s_addAttributes(const LDAPLookupMethod::Config& config, Object::Type type,
                      const std::string& base, const std::string& filter, std::list<Buffer>& out) {
   const std::list<LDAPAttributeType> types = attributeTypes(type);
@@ -41,13 +42,15 @@ void s_addAttributes(const LDAPLookupMethod::Config& config, Object::Type type,
     connection.bind(config.bindDn, config.bindPassword, LDAPConnection::BindSimple);
   }
   LDAPSearch::Parameter parameter(base);
-  if (!filter.empty()) parameter.filter(filter);
+  parameter.filter(filter);
   parameter.scope(LDAP_SCOPE_SUBTREE);
   for (const LDAPAttributeType& attribute : types) parameter.add(attribute);
 
   LDAPSearch search(connection, parameter);
   search.send();
   search.wait(kAnswerBound);
+  // The CRL that was cut off may be the one that revokes.
+  if (type == Object::TypeCRL && !search.result().complete()) Shortfall::note();
   for (const LDAPSearchResultEntry& entry : search.result().searchResultEntries()) {
     if (entry.attributes().empty()) continue;
     for (const LDAPAttribute& attribute : entry.attributes().attributes()) {

@@ -196,6 +196,12 @@ int Verifier::isValid() {
     error = contextError();
     // A failure is a failure also where OpenSSL names none.
     if (error == X509_V_OK) error = X509_V_ERR_UNSPECIFIED;
+  } else if (run.fellShort() && error == X509_V_OK) {
+    error = X509_V_ERR_UNABLE_TO_GET_CRL;
+    contextError(error);
+    log(kPriorityDebug, failureText(certificate, error) +
+                            ": something that all of the verification shares ran out before its "
+                            "revocation was settled");
   }
   return error;
 }

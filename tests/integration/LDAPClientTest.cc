@@ -330,6 +330,39 @@ TEST_F(LDAPClient, EntriesBeyondAThousand_AreLeftOut) {
   EXPECT_EQ(log.count("only what came first is taken"), 1U);
 }
 
+TEST_F(LDAPClient, AnswerThatIsCutShort_SaysSoInItsResult) {
+  const std::string one = message(1, entry("cn=A", {{"a", {"1"}}}));
+  const auto isComplete = [](const std::string& octets) {
+    const LDAPPeer peer(answer(octets));
+    LDAPConnection connection(LDAPConnection::RefServer(peer.uri()), false);
+    LDAPSearch request(connection, LDAPSearch::Parameter("o=Test"));
+    request.send();
+    request.wait(20);
+    return request.result().complete();
+  };
+  EXPECT_TRUE(isComplete(one + message(1, done(0))));
+  EXPECT_TRUE(isComplete(message(1, done(32))));  // noSuchObject
+  for (const int code : {3, 4, 11}) {             // the limits of time, size and administration
+    EXPECT_FALSE(isComplete(one + message(1, done(code)))) << code;
+  }
+  std::string many;
+  for (int i = 0; i < 1001; ++i) many += one;
+  EXPECT_FALSE(isComplete(many));
+}
+
+TEST_F(LDAPClient, DefaultFilter_AsksForTheAttributes) {
+  LDAPSearch::Parameter parameter("o=Test");
+  EXPECT_EQ(parameter.filter(), "(objectClass=*)");
+  parameter.add(LDAPAttributeType("userCertificate;binary"));
+  EXPECT_EQ(parameter.filter(), "(|(userCertificate=*))");
+  parameter.add(LDAPAttributeType("mail"));
+  EXPECT_EQ(parameter.filter(), "(|(userCertificate=*)(mail=*))");
+  parameter.filter("(cn=A)");
+  EXPECT_EQ(parameter.filter(), "(cn=A)");
+  parameter.filter("");
+  EXPECT_EQ(parameter.filter(), "(|(userCertificate=*)(mail=*))");
+}
+
 TEST_F(LDAPClient, OctetsBeyondSixteenMiB_AreLeftOut) {
   const std::string large(6U << 20U, 'x');
   const LDAPPeer peer([&large](Connection& connection) {
@@ -543,6 +576,11 @@ TEST_F(LDAPClient, TextsThatCannotBeSent_Throw) {
   EXPECT_THROW(connection.bind("", "", static_cast<LDAPConnection::BindMode>(1)), Exception);
 }
 
+// The operation in a request: behind the head of the message and its number, of one octet.
+std::string operationOf(const std::string& request) {
+  return request.substr(request[1] == '\x81' ? 6 : 5);
+}
+
 // Runs one query and returns what the server was sent, without the numbers of the messages.
 template <class Query>
 std::vector<std::string> sentBy(const std::string& dn, const std::string& password,
@@ -550,14 +588,14 @@ std::vector<std::string> sentBy(const std::string& dn, const std::string& passwo
   LDAPPeer peer([](Connection& connection) {
     std::string request;
     for (int id = 1; !(request = connection.read()).empty(); ++id) {
-      const bool bind = request[5] == '\x60';
+      const bool bind = operationOf(request)[0] == '\x60';
       connection.write(message(id, bind ? done(0, "", 0x61) : done(0)));
     }
   });
   Crypto::PKX509::LDAPLookupMethod method({LDAPConnection::RefServer(peer.uri()), dn, password});
   query(method);
   std::vector<std::string> sent;
-  for (const std::string& request : peer.requests()) sent.push_back(request.substr(5));
+  for (const std::string& request : peer.requests()) sent.push_back(operationOf(request));
   return sent;
 }
 
@@ -586,15 +624,24 @@ TEST_F(LDAPClient, LookupAsksForTheAttributesOfItsKind) {
     };
   };
   const std::string head =
-      "\x04\x06o=Test\x0a\x01\x02\x0a\x01\x00\x02\x02\x03\xe8\x02\x01\x00\x01\x01\x00\x87\x0bobjectClass"s;
-  const std::vector<std::pair<int, std::string>> rows = {
-      {1, text("userCertificate;binary") + text("cACertificate;binary")},
-      {2, text("certificateRevocationList;binary") + text("deltaRevocationList;binary")},
-      {99, text("crossCertificatePair;binary")},
+      "\x04\x06o=Test\x0a\x01\x02\x0a\x01\x00\x02\x02\x03\xe8\x02\x01\x00\x01\x01\x00"s;
+  // Entries that have one of the attributes, with whatever options.
+  const std::vector<std::pair<int, std::vector<std::string>>> rows = {
+      {1, {"userCertificate", "cACertificate"}},
+      {2, {"certificateRevocationList", "deltaRevocationList"}},
+      {99, {"crossCertificatePair"}},
   };
-  for (const auto& [type, attributes] : rows) {
+  for (const auto& [type, names] : rows) {
+    std::string present;
+    std::string attributes;
+    for (const std::string& name : names) {
+      present += element(0x87, name);
+      attributes += text(name + ";binary");
+    }
     const std::string sent = sentBy("", "", query(type))[1];
-    EXPECT_EQ(sent, element(0x63, head + element(0x30, attributes)));
+    EXPECT_EQ(sent[0], '\x63');
+    EXPECT_TRUE(sent.ends_with(head + element(0xa1, present) + element(0x30, attributes)))
+        << testing::PrintToString(sent);
   }
 }
 

@@ -426,7 +426,7 @@ TEST_F(LDAPLookup, SizeLimitOfTheServer_GivesWhatArrivedAndSaysSo) {
   LDAPLookupMethod method(config(directory.uri()));
   std::list<RefCertificate> found;
   method.getBySubject(std::string("o=Test"), found);
-  EXPECT_EQ(found.size(), 1U);  // of the two entries the first is the top
+  EXPECT_EQ(found.size(), 2U);
   EXPECT_EQ(log.count("The answer is cut short: Size limit exceeded"), 1U) << log.text();
 }
 
@@ -434,7 +434,7 @@ TEST_F(LDAPLookup, ThousandEntries_AreTakenAndNoMore) {
   const Slapd directory;
   const Issued root = issueCA("CN=Root");
   std::vector<Slapd::Entry> entries{kTop};
-  for (int i = 1; i < 1001; ++i) {
+  for (int i = 0; i < 1001; ++i) {
     entries.push_back(
         holder("cn=" + std::to_string(i) + ",o=Test", {{kAuthority, der(root.get())}}));
   }
@@ -442,8 +442,54 @@ TEST_F(LDAPLookup, ThousandEntries_AreTakenAndNoMore) {
   LDAPLookupMethod method(config(directory.uri()));
   std::list<RefCertificate> found;
   method.getBySubject(std::string("o=Test"), found);
-  EXPECT_EQ(found.size(), 999U);  // the first entry is the top
+  EXPECT_EQ(found.size(), 1000U);
   EXPECT_EQ(log.count("The answer is cut short"), 1U) << log.text();
+}
+
+// Users below a CA have no CRLs. Their entries once used up the limit before that of the delta CRL
+// came.
+TEST_F(LDAPLookup, ManyUsersBelowACA_DoNotPushTheDeltaOutOfTheAnswer) {
+  const Slapd directory({.database = "sizelimit 20"});
+  const Issued root = issueCA("O=Test,CN=Root");
+  const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
+  const auto base = makeCRL({.issuer = &root, .number = Serial(1)});
+  const auto delta = makeCRL({.issuer = &root,
+                              .number = Serial(2),
+                              .deltaBase = Serial(1),
+                              .revoked = {{.serial = leaf, .reason = 1}}});
+  std::vector<Slapd::Entry> entries{
+      kTop, holder("cn=Root,o=Test", {{kAuthority, der(root.get())}, {kCRL, der(base.get())}})};
+  for (int i = 0; i < 30; ++i) {
+    entries.push_back({"cn=" + std::to_string(i) + ",cn=Root,o=Test", {"device"}, {}});
+  }
+  entries.push_back(holder("cn=Deltas,cn=Root,o=Test", {{kDelta, der(delta.get())}}));
+  directory.add(entries);
+  attach(config(directory.uri()));
+  EXPECT_EQ(Verifier(store, handle(leaf), false).isValid(), X509_V_ERR_CERT_REVOKED) << log.text();
+}
+
+TEST_F(LDAPLookup, SearchForCRLsThatIsCutShort_IsNeverValid) {
+  const Issued root = issueCA("O=Test,CN=Root");
+  const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
+  const auto base = makeCRL({.issuer = &root, .number = Serial(1)});
+  const auto delta = makeCRL({.issuer = &root,
+                              .number = Serial(2),
+                              .deltaBase = Serial(1),
+                              .revoked = {{.serial = leaf, .reason = 1}}});
+  for (const auto& [limit, expected] : {std::pair("sizelimit 2", int{X509_V_ERR_UNABLE_TO_GET_CRL}),
+                                        std::pair("sizelimit 3", int{X509_V_ERR_CERT_REVOKED})}) {
+    SCOPED_TRACE(limit);
+    const Slapd directory({.database = limit});
+    directory.add(
+        {kTop, holder("cn=Root,o=Test", {{kAuthority, der(root.get())}, {kCRL, der(base.get())}}),
+         holder("cn=A,cn=Root,o=Test", {{kCRL, der(base.get())}}),
+         holder("cn=Deltas,cn=Root,o=Test", {{kDelta, der(delta.get())}})});
+    RefObjectStore fresh("/nonexistent/pkx509-test", X509_FILETYPE_PEM);
+    auto* const method = new LDAPLookupMethod(config(directory.uri()));
+    fresh->add(RefLookupMethod(method));
+    method->store(fresh);
+    EXPECT_EQ(Verifier(fresh, handle(leaf), false).isValid(), expected) << log.text();
+  }
 }
 
 // --- TLS

@@ -86,7 +86,7 @@ class LDAPPeer {
       while (!whole()) {
         if (!fill()) return {};
       }
-      const std::string first = in_.substr(0, 2 + static_cast<unsigned char>(in_[1]));
+      const std::string first = in_.substr(0, sizeOf(in_));
       in_.erase(0, first.size());
       requests_.push_back(first);
       return first;
@@ -130,9 +130,14 @@ class LDAPPeer {
     const std::vector<std::string>& requests() const { return requests_; }
 
    private:
-    // Requests of the tests are short: their length is in one octet.
-    bool whole() const {
-      return in_.size() >= 2 && in_.size() >= 2U + static_cast<unsigned char>(in_[1]);
+    bool whole() const { return in_.size() >= 2 && in_.size() >= sizeOf(in_); }
+
+    // Requests of the tests are short: their length is in one octet, behind another one where it is
+    // above 127.
+    static std::size_t sizeOf(const std::string& request) {
+      const auto octet = [&](std::size_t i) { return static_cast<unsigned char>(request[i]); };
+      if (octet(1) != 0x81) return 2U + octet(1);
+      return request.size() < 3 ? 3U : 3U + octet(2);
     }
 
     bool ready(short events) const {

@@ -2,6 +2,15 @@
 #include "integration/URIFixture.h"
 #include "support/WebServer.h"
 
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <malloc.h>
+#include <optional>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace Velantrix::Test {
 namespace {
 
@@ -268,14 +277,32 @@ TEST_F(URIVerification, ServersThatKeepOneWaiting_CostTheNetworkTime) {
   EXPECT_EQ(cacheNames(), std::vector<std::string>{});
 }
 
-TEST_F(URIVerification, NetworkTimeSpent_TheCacheStillServes) {
+// The host that is not asked any more may be the one that tells of a revocation.
+TEST_F(URIVerification, NetworkTimeSpent_IsNeverValidWhateverTheCacheHas) {
   const FaultServer server(Scripts::answer(der(crl(7).get())));
   const FaultServer silent(Scripts::silence());
   EXPECT_EQ(verdict(leafWith({server.url("/ca.crl")})), X509_V_OK);
   const Issued leaf = leafWith({silent.url("/"), silent.url("/2"), server.url("/ca.crl")});
-  EXPECT_EQ(verdict(leaf, {.networkTime = 1}), X509_V_OK) << log.text();
+  EXPECT_EQ(verdict(leaf, {.networkTime = 1}), X509_V_ERR_UNABLE_TO_GET_CRL) << log.text();
   EXPECT_EQ(linesOf(6, kTimeSpent), 1U);
   EXPECT_EQ(silent.connections().size(), 1U);
+}
+
+// One exchange that has come to the end of the time is enough; nobody is asked after it.
+TEST_F(URIVerification, LastExchangeCutByTheNetworkTime_IsNeverValid) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const FaultServer silent(Scripts::silence());
+  EXPECT_EQ(verdict(leafWith({server.url("/ca.crl")})), X509_V_OK);
+  const Issued leaf = leafWith({server.url("/ca.crl"), silent.url("/")});
+  EXPECT_EQ(verdict(leaf, {.networkTime = 1}), X509_V_ERR_UNABLE_TO_GET_CRL) << log.text();
+  EXPECT_EQ(linesOf(6, kTimeSpent), 0U);
+}
+
+// Nobody answers, and that costs nothing that others would need.
+TEST_F(URIVerification, HostThatRefuses_LeadsOnToTheNextPoint) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const FaultServer broken(Scripts::notFound());
+  EXPECT_EQ(verdict(leafWith({broken.url("/"), server.url("/ca.crl")})), X509_V_OK) << log.text();
 }
 
 TEST_F(URIVerification, NetworkTime_IsSharedWithNestedVerifications) {
@@ -318,12 +345,83 @@ TEST_F(URIVerification, NetworkTime_IsSharedWithNestedVerifications) {
 TEST_F(URIVerification, BytesOfCRLs_AreBoundedOverAllDistributionPoints) {
   const std::string body(std::size_t{64} * 1024 * 1024, 'x');
   const FaultServer server(Scripts::answer(body));
-  const Issued leaf =
-      leafWith({server.url("/1"), server.url("/2"), server.url("/3"), server.url("/4")});
+  const FaultServer good(Scripts::answer(der(crl(7).get())));
+  EXPECT_EQ(verdict(leafWith({good.url("/ca.crl")})), X509_V_OK);
+  const Issued leaf = leafWith({good.url("/ca.crl"), server.url("/1"), server.url("/2"),
+                                server.url("/3"), server.url("/4")});
+  // What is cached says that it is good, and what is not fetched any more may say otherwise.
   EXPECT_EQ(verdict(leaf), X509_V_ERR_UNABLE_TO_GET_CRL);
   EXPECT_EQ(server.connections().size(), 2U);
   EXPECT_EQ(linesOf(6, kBytesSpent), 1U) << log.text();
 }
+
+#ifndef PKX509_SANITIZED  // a sanitizer needs terabytes of address space
+// The verdict of a child process with less of something, or nothing when it did not end by itself;
+// an exception is -1.
+std::optional<int> inAChild(int resource, rlim_t limit, const std::function<int()>& verify) {
+  constexpr int kException = 255;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    int code = kException;
+    const rlimit bound{limit, limit};
+    if (::setrlimit(static_cast<__rlimit_resource>(resource), &bound) == 0) {
+      try {
+        code = verify();
+      } catch (const std::exception&) {
+        code = kException;
+      }
+    }
+    ::_exit(code);
+  }
+  int status = 0;
+  if (::waitpid(child, &status, 0) != child || !WIFEXITED(status)) return std::nullopt;
+  return WEXITSTATUS(status) == kException ? -1 : WEXITSTATUS(status);
+}
+
+// The base CRL is small and good, the delta CRL that revokes is large: with some amounts of memory
+// only the base can be read.
+TEST_F(URIVerification, LackOfMemoryOrDescriptors_IsNeverValid) {
+  // What is large is mapped, and given back when it is freed, and the server's thread has no arena
+  // of its own: a child has no room left over.
+  ASSERT_EQ(::mallopt(M_MMAP_THRESHOLD, 128 * 1024), 1);
+  ASSERT_EQ(::mallopt(M_ARENA_MAX, 1), 1);
+  std::string delta;
+  const FaultServer server([&](Peer& peer) {
+    const std::optional<std::string> request = peer.readRequest();
+    if (!request.has_value()) return;
+    const bool forBase = request->find("base") != std::string::npos;
+    peer.write(Scripts::response(forBase ? der(crl(7).get()) : delta));
+  });
+  const Issued leaf = leafWith({server.url("/base.crl"), server.url("/delta.crl")});
+  delta = der(makeCRL({.issuer = &ca,
+                       .number = Serial(8),
+                       .deltaBase = Serial(7),
+                       .revoked = {{.serial = leaf, .reason = 1}},
+                       .rawExtensions = {{"1.2.3.4", false, std::string(6U << 20U, 'x')}}})
+                  .get());
+  const auto verify = [&] { return verdict(leaf); };
+  EXPECT_EQ(verify(), X509_V_ERR_CERT_REVOKED) << log.text();  // and both are cached
+  const std::size_t requests = server.connections().size();
+
+  std::map<int, int> seen;
+  const auto expectNotValid = [&](int resource, rlim_t limit) {
+    const std::optional<int> code = inAChild(resource, limit, verify);
+    ASSERT_TRUE(code.has_value()) << resource << ", " << limit;
+    EXPECT_NE(*code, X509_V_OK) << resource << ", " << limit;
+    ++seen[*code];
+  };
+  const rlim_t used = std::stoull(readFile("/proc/self/statm")) * 4096;
+  for (rlim_t megabytes = 0; megabytes <= 160; megabytes += 8) {
+    expectNotValid(RLIMIT_AS, used + (megabytes << 20U));
+  }
+  for (rlim_t descriptors = 0; descriptors <= 24; ++descriptors) {
+    expectNotValid(RLIMIT_NOFILE, descriptors);
+  }
+  EXPECT_GT(seen[X509_V_ERR_CERT_REVOKED], 0);       // there was enough
+  EXPECT_GT(seen[X509_V_ERR_UNABLE_TO_GET_CRL], 0);  // there was not, and that was noticed
+  EXPECT_GE(server.connections().size(), requests);
+}
+#endif
 
 TEST_F(URIVerification, LookUps_AreBoundedOverAllDistributionPoints) {
   const FaultServer server(Scripts::notFound());

@@ -35,7 +35,7 @@ bool leadsToFile(int directory, const std::string& directoryName, const std::str
   if (::fstatat(directory, name.c_str(), &status, 0) == 0) return S_ISREG(status.st_mode);
   const int error = errno;
   if (error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG) return false;
-  fail(kHere, systemErrorText(Path(directoryName, name).asString(), error));
+  failSystem(kHere, Path(directoryName, name).asString(), error);
 }
 
 }  // namespace
@@ -60,7 +60,7 @@ Status Path::status(bool followLinks) const {
   const int flags = followLinks ? 0 : AT_SYMLINK_NOFOLLOW;
   constexpr unsigned int kWanted = STATX_TYPE | STATX_SIZE | STATX_MTIME | STATX_BTIME;
   if (::statx(AT_FDCWD, systemPath(text_), flags, kWanted, &status) != 0) {
-    fail({"File::Path", "File"}, systemErrorText(text_, errno));
+    failSystem({"File::Path", "File"}, text_, errno);
   }
   Time creation = Time::then(status.stx_mtime.tv_sec, true);
   if ((status.stx_mask & STATX_BTIME) != 0) {
@@ -79,7 +79,7 @@ void Selector::start() {
   const OwnedDirectory directory(::opendir(systemPath(name)));
   if (directory == nullptr) {
     if (errno == ENOENT) return;
-    fail(kHere, systemErrorText(name, errno));
+    failSystem(kHere, name, errno);
   }
 
   std::vector<Entry> entries;
@@ -92,7 +92,7 @@ void Selector::start() {
     if (accept_ && !accept_(entry->d_name)) continue;
     entries.push_back({entry->d_name, entry->d_type == DT_REG});
   }
-  if (errno != 0) fail(kHere, systemErrorText(name, errno));
+  if (errno != 0) failSystem(kHere, name, errno);
 
   // std::string compares bytes as unsigned, whatever the locale.
   std::sort(entries.begin(), entries.end(),

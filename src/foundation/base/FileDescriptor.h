@@ -2,6 +2,7 @@
 #pragma once
 
 #include "foundation/base/Fail.h"
+#include "foundation/base/Shortfall.h"
 
 #include <cerrno>
 #include <string>
@@ -43,6 +44,14 @@ inline bool wouldBlock(int error) noexcept {
 /// "/path/of/file: Permission denied".
 inline std::string systemErrorText(const std::string& path, int error) {
   return path + ": " + std::generic_category().message(error);
+}
+
+/// Throws what a system call's failure is to its caller. A lack of memory or descriptors is noted.
+/// @param line the caller's, unless it is given
+[[noreturn]] inline void failSystem(const Origin& origin, const std::string& path, int error,
+                                    unsigned int line = __builtin_LINE()) {
+  Shortfall::noteIfExhausted(error);
+  fail(origin, systemErrorText(path, error), line);
 }
 
 /// @p path for a system call, borrowed. A system call would silently stop at a NUL byte and so look

@@ -17,7 +17,7 @@ constexpr Origin kHere{"File::Reader", "FileReader"};
 
 void requireReadable(const struct stat& status, const std::string& name) {
   if (S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode)) return;
-  if (S_ISDIR(status.st_mode)) fail(kHere, systemErrorText(name, EISDIR));
+  if (S_ISDIR(status.st_mode)) failSystem(kHere, name, EISDIR);
   fail(kHere, name + ": Not a regular file.");
 }
 
@@ -28,11 +28,11 @@ std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit) {
   // A look before the opening, because opening a device can already have an effect; and another
   // after it, because the first may have been at another file.
   struct stat status = {};
-  if (::stat(systemPath(name), &status) != 0) fail(kHere, systemErrorText(name, errno));
+  if (::stat(systemPath(name), &status) != 0) failSystem(kHere, name, errno);
   requireReadable(status, name);
   const FileDescriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   if (!file.valid() || ::fstat(file.get(), &status) != 0) {
-    fail(kHere, systemErrorText(name, errno));
+    failSystem(kHere, name, errno);
   }
   requireReadable(status, name);
 
@@ -49,7 +49,7 @@ std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit) {
     const ssize_t got = ::read(file.get(), content.data() + used, content.size() - used);
     if (got < 0) {
       if (errno == EINTR) continue;
-      fail(kHere, systemErrorText(name, errno));
+      failSystem(kHere, name, errno);
     }
     if (got == 0) break;
     used += static_cast<std::size_t>(got);

@@ -2,12 +2,14 @@
 
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
+#include "foundation/openssl/MemoryCheck.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <openssl/pem.h>
 #include <openssl/pkcs12.h>
 #include <openssl/pkcs7.h>
 
+#include <new>
 #include <string>
 #include <vector>
 
@@ -98,12 +100,14 @@ struct Block {
 // PEM_read_bio only undoes the armour. It never decrypts, so no passphrase is wanted.
 void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
   const Owned<BIO> input(BIO_new_mem_buf(data, static_cast<int>(length)));
-  if (input == nullptr) fail(kHere, "no memory");
+  if (input == nullptr) throw std::bad_alloc();
   for (std::size_t blocks = 0;; ++blocks) {
     const ErrorScope errors;
+    const MemoryCheck memory;
     Block block;
     if (PEM_read_bio(input.get(), &block.label, &block.header, &block.der, &block.length) != 1) {
       const unsigned long error = ERR_peek_last_error();
+      memory.orThrow();
       if (ERR_GET_LIB(error) != ERR_LIB_PEM || ERR_GET_REASON(error) != PEM_R_NO_START_LINE) {
         sink.refuse("malformed PEM block");
       } else if (blocks == 0) {

@@ -1,5 +1,6 @@
 #include "foundation/net/HostResolver.h"
 
+#include "foundation/base/Shortfall.h"
 #include "foundation/net/NetworkBudget.h"
 
 #include <boost/asio/ip/address.hpp>
@@ -78,6 +79,7 @@ class Resolution {
     const std::unique_ptr<ares_addrinfo, FreeAddresses> owner(found);
     auto& resolution = *static_cast<Resolution*>(self);
     resolution.answered_ = true;
+    if (status == ARES_ENOMEM) Shortfall::note();
     if (status != ARES_SUCCESS || found == nullptr) return;
     try {
       for (const ares_addrinfo_node* node = found->nodes;
@@ -87,6 +89,7 @@ class Resolution {
         if (!address.empty()) resolution.addresses_.push_back(std::move(address));
       }
     } catch (const std::bad_alloc&) {
+      Shortfall::note();
       resolution.addresses_.clear();
     }
   }
@@ -100,6 +103,7 @@ class Resolution {
     try {
       sockets.push_back({descriptor, static_cast<short>(events), 0});
     } catch (const std::bad_alloc&) {
+      Shortfall::note();
       resolution.answered_ = true;
     }
   }
@@ -112,9 +116,10 @@ class Resolution {
     options.sock_state_cb = s_socket;
     options.sock_state_cb_data = this;
     ares_channel made = nullptr;
-    if (ares_init_options(&made, &options,
-                          ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_SOCK_STATE_CB) !=
-        ARES_SUCCESS) {
+    const int status = ares_init_options(
+        &made, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_SOCK_STATE_CB);
+    if (status != ARES_SUCCESS) {
+      if (status == ARES_ENOMEM) Shortfall::note();
       return false;
     }
     channel_.reset(made);

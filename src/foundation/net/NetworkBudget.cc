@@ -1,5 +1,7 @@
 #include "foundation/net/NetworkBudget.h"
 
+#include "foundation/base/Shortfall.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -34,22 +36,27 @@ void NetworkBudget::countBytes(std::size_t bytes) noexcept {
   if (currentBudget != nullptr) currentBudget->bytes_ += bytes;
 }
 
-NetworkBudget::Clock::duration NetworkBudget::within(Clock::duration bound) const noexcept {
-  if (!limits_.time.has_value()) return bound;
-  return std::min(bound, std::max(*limits_.time - time_, Clock::duration::zero()));
+std::optional<NetworkBudget::Clock::duration> NetworkBudget::left() const noexcept {
+  if (!limits_.time.has_value()) return std::nullopt;
+  return std::max(*limits_.time - time_, Clock::duration::zero());
 }
 
 void NetworkBudget::refuse(Resource resource, bool& told) const {
+  Shortfall::note();
   if (std::exchange(told, true)) return;
   onSpent_(resource);
 }
 
 NetworkTimer::NetworkTimer(Clock::duration bound) : start_(Clock::now()), deadline_(start_) {
-  deadline_ += currentBudget == nullptr ? bound : currentBudget->within(bound);
+  const auto left = currentBudget == nullptr ? std::nullopt : currentBudget->left();
+  cut_ = left.has_value() && *left < bound;
+  deadline_ += cut_ ? *left : bound;
 }
 
 NetworkTimer::~NetworkTimer() {
-  if (currentBudget != nullptr) currentBudget->countTime(Clock::now() - start_);
+  const Clock::time_point end = Clock::now();
+  if (cut_ && end >= deadline_) Shortfall::note();
+  if (currentBudget != nullptr) currentBudget->countTime(end - start_);
 }
 
 }  // namespace Velantrix

@@ -8,7 +8,8 @@
 //
 // A stranger's certificate may name a thousand hosts that never answer, or answer without end. Each
 // single exchange has bounds of its own; the budget bounds all of them together. Clients ask it
-// without knowing who installed it, and a thread without one is refused nothing.
+// without knowing who installed it, and a thread without one is refused nothing. What it refuses or
+// cuts short is a `Shortfall`.
 #pragma once
 
 #include <velantrix/NonCopyable.h>
@@ -63,8 +64,8 @@ class NetworkBudget : private NonCopyable {
   friend class NetworkTimer;
 
   bool timeLeft() const noexcept { return !limits_.time.has_value() || time_ < *limits_.time; }
-  // The part of a use's own bound that may still be spent.
-  Clock::duration within(Clock::duration bound) const noexcept;
+  // What may still be spent; none: no limit.
+  std::optional<Clock::duration> left() const noexcept;
   void refuse(Resource resource, bool& told) const;
 
   Limits limits_;
@@ -75,7 +76,8 @@ class NetworkBudget : private NonCopyable {
   bool bytesTold_ = false;
 };
 
-/// One blocking use of the network. What it takes counts against the thread's budget.
+/// One blocking use of the network. What it takes counts against the thread's budget. One that goes
+/// on until nothing is left of the budget is cut short by it.
 class NetworkTimer : private NonCopyable {
  public:
   using Clock = NetworkBudget::Clock;
@@ -91,6 +93,7 @@ class NetworkTimer : private NonCopyable {
  private:
   Clock::time_point start_;
   Clock::time_point deadline_;
+  bool cut_;  // the deadline is the budget's, before the use's own
 };
 
 }  // namespace Velantrix

@@ -1,6 +1,7 @@
 // Reading single objects of DER, and writing the few pieces that are put together by hand.
 #pragma once
 
+#include "foundation/openssl/MemoryCheck.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <cstddef>
@@ -21,11 +22,15 @@ inline const unsigned char* octets(std::string_view text) noexcept {
 
 /// The object that OpenSSL's @p d2i finds in exactly these octets; null when they are anything else
 /// or go on behind it.
+/// @throws std::bad_alloc when there is no memory for it
 template <class T>
 Owned<T> decodeWhole(T* (*d2i)(T**, const unsigned char**, long), const unsigned char* der,
                      std::size_t length) {
   const unsigned char* end = der;
-  Owned<T> decoded(der == nullptr ? nullptr : d2i(nullptr, &end, static_cast<long>(length)));
+  if (der == nullptr) return nullptr;
+  const MemoryCheck memory;
+  Owned<T> decoded(d2i(nullptr, &end, static_cast<long>(length)));
+  if (decoded == nullptr) memory.orThrow();
   if (end != der + length) decoded.reset();
   return decoded;
 }

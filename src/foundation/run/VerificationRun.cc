@@ -33,7 +33,7 @@ VerificationRun::VerificationRun(Shelter /*shelter*/) noexcept
       level_(outer_ == nullptr ? 0 : outer_->level_),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(nullptr) {
-  installNetworkBudget({});
+  begin({});
   currentRun = this;
 }
 
@@ -44,7 +44,7 @@ VerificationRun::VerificationRun(const X509* target,
       level_(outer_ == nullptr ? 1 : outer_->level_ + 1),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(judge()) {
-  installNetworkBudget(networkTime);
+  begin(networkTime);
   currentRun = this;
 }
 
@@ -52,10 +52,10 @@ VerificationRun::~VerificationRun() { currentRun = outer_; }
 
 VerificationRun* VerificationRun::current() noexcept { return currentRun; }
 
-void VerificationRun::installNetworkBudget(
-    std::optional<NetworkBudget::Clock::duration> time) noexcept {
+void VerificationRun::begin(std::optional<NetworkBudget::Clock::duration> networkTime) noexcept {
   if (outer_ != nullptr) return;
-  own_.network.emplace(NetworkBudget::Limits{time, kMaximumCRLBytes}, sayThatItIsSpent);
+  own_.shortfall.emplace();
+  own_.network.emplace(NetworkBudget::Limits{networkTime, kMaximumCRLBytes}, sayThatItIsSpent);
   installed_.emplace(*own_.network);
 }
 
@@ -79,6 +79,7 @@ bool VerificationRun::admitLookup() {
     ++totals.lookups;
     return true;
   }
+  Shortfall::note();
   if (totals.lookups == kMaximumLookups) {
     ++totals.lookups;  // past the limit: the line below is written once
     log(kPriorityDebug,

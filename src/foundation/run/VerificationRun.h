@@ -6,6 +6,7 @@
 // certificate that the CRL speaks about is; the runs of one thread form a stack.
 #pragma once
 
+#include "foundation/base/Shortfall.h"
 #include "foundation/net/NetworkBudget.h"
 
 #include <openssl/types.h>
@@ -52,7 +53,8 @@ class VerificationRun {
   const char* refusal() const noexcept { return refusal_; }
 
   // Counts one look-up of CRLs. False when the outermost run has used up its share: the look-up is
-  // then to find nothing. The first refusal is logged. Always true outside a run.
+  // then to find nothing, and the run has fallen short. The first refusal is logged. Always true
+  // outside a run.
   static bool admitLookup();
 
   // Makes certificates known to the run, so that reading one of them again costs no second
@@ -62,6 +64,10 @@ class VerificationRun {
   // A certificate that this or an enclosing run of this thread knows and whose DER is exactly these
   // octets; borrowed, null when there is none.
   static X509* known(const unsigned char* der, std::size_t length);
+
+  // Whether the outermost run, or one that is nested in it, has fallen short of something that all
+  // of them share. What it has not found out may be a revocation: it must not end valid.
+  bool fellShort() const noexcept { return totals_->shortfall->noted(); }
 
   // What the outermost run may use of the network, and has used.
   NetworkBudget& network() noexcept { return *totals_->network; }
@@ -76,6 +82,7 @@ class VerificationRun {
   struct Totals {
     unsigned int nested = 0;
     unsigned int lookups = 0;
+    std::optional<Shortfall::Watch> shortfall;
     std::optional<NetworkBudget> network;
   };
 
@@ -84,7 +91,8 @@ class VerificationRun {
     std::string der;  // encoded when it is first compared
   };
 
-  void installNetworkBudget(std::optional<NetworkBudget::Clock::duration> time) noexcept;
+  // On the outermost run only: what is bounded and watched for all of them.
+  void begin(std::optional<NetworkBudget::Clock::duration> networkTime) noexcept;
   const char* judge() noexcept;
 
   const X509* target_;

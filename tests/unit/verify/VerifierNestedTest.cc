@@ -277,9 +277,61 @@ TEST_F(LookupBoundTest, DirectoryCountsAsASource) {
     }
     return 1;
   };
-  EXPECT_EQ(verifier.isValid(), 0);
+  // Nothing failed but the bound, and that is enough.
+  EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
   EXPECT_EQ(world.source->crlQueries, 128);
   EXPECT_EQ(log.count(kTooMany), 1U);
+}
+
+// A leaf can be made so that the look-up which tells of its CA's revocation is the first that is
+// refused.
+TEST_F(LookupBoundTest, RevocationBehindTheLastLookup_IsNeverValid) {
+  const Issued sub = ca("O=Test,CN=Sub");
+  world.publish({.issuer = &sub});
+  auto* const second = new MemorySource;
+  world.store->add(RefLookupMethod(second));
+  second->crls.push_back(
+      crlHandle({.issuer = &root, .number = Serial(2), .revoked = {{.serial = sub, .reason = 1}}}));
+  // Each name is asked of both sources; the root's name of the directory beside them.
+  const auto withNames = [&](int names) {
+    Point point{.fullNames = {"dirName:O=Test,CN=Sub"}};
+    for (int i = 1; i < names; ++i) point.fullNames.push_back("dirName:CN=Nobody");
+    return issue({.subject = "O=Test,CN=Person", .issuer = &sub, .crlDistributionPoints = {point}});
+  };
+  for (const int names : {1, 125, 126}) {
+    EXPECT_EQ(verdict(withNames(names)), kRevoked) << names;
+  }
+  EXPECT_EQ(log.count(kTooMany), 0U);
+  log.clear();
+  const Issued last = withNames(127);
+  EXPECT_EQ(verdict(last), X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_EQ(log.text(), std::string("7 ") + kTooMany + "\n7 " +
+                            failureLine(last, X509_V_ERR_UNABLE_TO_GET_CRL) +
+                            ": something that all of the verification shares ran out before its "
+                            "revocation was settled\n");
+  for (const int names : {128, 129, 200}) {
+    EXPECT_EQ(verdict(withNames(names)), X509_V_ERR_UNABLE_TO_GET_CRL) << names;
+  }
+  EXPECT_EQ(Verifier(world.store, handle(last), true).isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
+}
+
+// The next verification has all of its look-ups again, also of the same verifier; the failure of
+// the first one sticks.
+TEST_F(LookupBoundTest, FellShort_IsOverWithTheRun) {
+  Probe verifier(world.store, handle(person(std::vector<Point>())), false);
+  bool greedy = true;
+  verifier.onCheck = [&](const std::list<RefCertificate>& chain) {
+    for (int i = 0; i < (greedy ? 200 : 1); ++i) {
+      CRLContainer container(verifier);
+      verifier.getCRLs(chain.front(), container);
+    }
+    return 1;
+  };
+  EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
+  greedy = false;
+  EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
+  verifier.error = 0;
+  EXPECT_EQ(verifier.isValid(), 0);
 }
 
 TEST_F(LookupBoundTest, NestedLookups_CountForTheOutermostRun) {

@@ -1,6 +1,7 @@
 #include "foundation/net/http/HTTPConnection.h"
 
 #include "foundation/base/Fail.h"
+#include "foundation/base/Shortfall.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/Assert.h>
@@ -192,7 +193,12 @@ bool Connection::open() {
       });
     }
   }
-  if (error) transport_.reset();
+  if (error) {
+    if (error.category() == boost::system::system_category()) {
+      Shortfall::noteIfExhausted(error.value());
+    }
+    transport_.reset();
+  }
   return !error;
 }
 

@@ -28,6 +28,11 @@ void LDAPRequest::note(const std::string& text) const {
   log(kPriorityDebug, context_ + ": " + session_->server().uri() + ": " + text);
 }
 
+void LDAPRequest::noteCutShort(const std::string& text) {
+  result_.cutShort();
+  note(text);
+}
+
 void LDAPRequest::send() {
   const int status = transmit(session_->native(), id_);
   if (status != LDAP_SUCCESS) fail(ldap_err2string(status));
@@ -67,7 +72,7 @@ void LDAPRequest::collect(const Deadline& deadline) {
     }
   }
   if (answer_ != LDAP_RES_SEARCH_RESULT) fail("The answer is too large.");
-  note("The answer is too large, only what came first is taken.");
+  noteCutShort("The answer is too large, only what came first is taken.");
   session_->close();
 }
 
@@ -78,7 +83,7 @@ bool LDAPRequest::take(LDAPMessage* message, std::size_t& budget) {
   return entry.complete();
 }
 
-void LDAPRequest::finish(LDAPMessage* message) const {
+void LDAPRequest::finish(LDAPMessage* message) {
   int code = LDAP_OTHER;
   char* said = nullptr;
   const int status =
@@ -90,7 +95,7 @@ void LDAPRequest::finish(LDAPMessage* message) const {
   judge(code, text);
 }
 
-void LDAPRequest::judge(int code, const std::string& text) const {
+void LDAPRequest::judge(int code, const std::string& text) {
   if (code != LDAP_SUCCESS) fail(text);
 }
 

@@ -30,7 +30,7 @@ class LDAPRequest : private NonCopyable {
   void send();
 
   /// Waits for the whole answer, however it arrives, for at most that time. An answer that goes
-  /// beyond the limits above is taken up to them, and a line in the log says so.
+  /// beyond the limits above is taken up to them; the result and a line in the log say so.
   /// @throws Exception when the time is up, the server refuses the request or closes the
   ///         connection, or the answer is malformed. The session is closed then, and also when a
   ///         limit was reached
@@ -51,7 +51,7 @@ class LDAPRequest : private NonCopyable {
   /// Looks at the result code that ends an answer (RFC 4511, 4.1.9). This one throws for
   /// everything but success.
   /// @param text the code and what the server says about it, fit for a log line
-  virtual void judge(int code, const std::string& text) const;
+  virtual void judge(int code, const std::string& text);
 
   /// What wait() does, for a request that is part of a greater operation with its own deadline.
   void collect(const Deadline& deadline);
@@ -59,10 +59,12 @@ class LDAPRequest : private NonCopyable {
   [[noreturn]] void fail(const std::string& text, unsigned int line = __builtin_LINE()) const;
   /// Writes a log line about this request.
   void note(const std::string& text) const;
+  /// The same of an answer that a limit has cut short.
+  void noteCutShort(const std::string& text);
 
  private:
   bool take(LDAPMessage* message, std::size_t& budget);
-  void finish(LDAPMessage* message) const;
+  void finish(LDAPMessage* message);
 
   LDAPSession* session_;
   ber_tag_t answer_;

@@ -79,8 +79,13 @@ class LDAPResult {
   const std::list<LDAPSearchResultEntry>& searchResultEntries() const noexcept { return entries_; }
   void add(const LDAPSearchResultEntry& entry) { entries_.push_back(entry); }
 
+  /// False when a limit, the server's or ours, has cut the answer short.
+  bool complete() const noexcept { return complete_; }
+  void cutShort() noexcept { complete_ = false; }
+
  private:
   std::list<LDAPSearchResultEntry> entries_;
+  bool complete_ = true;
 };
 
 }  // namespace Velantrix

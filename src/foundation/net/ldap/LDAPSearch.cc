@@ -25,6 +25,18 @@ const char* whole(const std::string& text) {
 
 LDAPSearch::Parameter::Parameter(const std::string& base) : base_(base) {}
 
+std::string LDAPSearch::Parameter::filter() const {
+  if (!filter_.empty()) return filter_;
+  if (attributes_.empty()) return "(objectClass=*)";
+  // RFC 4512, 2.5: what stands behind a semicolon is an option and no part of the type. RFC 4511,
+  // 4.5.1.7.5: an entry has the attribute when it has it with any options.
+  std::string text = "(|";
+  for (const LDAPAttributeType& type : attributes_) {
+    text += "(" + type.name().substr(0, type.name().find(';')) + "=*)";
+  }
+  return text + ")";
+}
+
 LDAPSearch::LDAPSearch(LDAPConnection& connection, const Parameter& parameter)
     : LDAPRequest(connection.session(), LDAP_RES_SEARCH_RESULT, "LDAPSearch"),
       parameter_(parameter) {}
@@ -33,19 +45,21 @@ LDAPSearch::~LDAPSearch() = default;
 
 int LDAPSearch::transmit(LDAP* ldap, int& id) {
   if (parameter_.base().size() > kMaximumBase) Velantrix::fail(kHere, "The base is too long.");
-  if (parameter_.filter().size() > kMaximumFilter)
+  const std::string filter = parameter_.filter();
+  if (parameter_.hasOwnFilter() && filter.size() > kMaximumFilter) {
     Velantrix::fail(kHere, "The filter is too long.");
+  }
   std::vector<char*> names;
   for (const LDAPAttributeType& type : parameter_.attributes()) {
     names.push_back(const_cast<char*>(whole(type.name())));  // libldap only reads them
   }
   names.push_back(nullptr);
-  return ldap_search_ext(ldap, whole(parameter_.base()), parameter_.scope(),
-                         whole(parameter_.filter()), names.data(), 0, nullptr, nullptr, nullptr,
+  return ldap_search_ext(ldap, whole(parameter_.base()), parameter_.scope(), whole(filter),
+                         names.data(), 0, nullptr, nullptr, nullptr,
                          static_cast<int>(kMaximumEntries), &id);
 }
 
-void LDAPSearch::judge(int code, const std::string& text) const {
+void LDAPSearch::judge(int code, const std::string& text) {
   switch (code) {
     case LDAP_SUCCESS:
     case LDAP_NO_SUCH_OBJECT:
@@ -53,7 +67,7 @@ void LDAPSearch::judge(int code, const std::string& text) const {
     case LDAP_SIZELIMIT_EXCEEDED:
     case LDAP_TIMELIMIT_EXCEEDED:
     case LDAP_ADMINLIMIT_EXCEEDED:
-      note("The answer is cut short: " + text);
+      noteCutShort("The answer is cut short: " + text);
       return;
     case LDAP_REFERRAL:
       note("A referral is not followed: " + parameter_.base());

@@ -22,23 +22,26 @@ class LDAPSearch : public LDAPRequest {
  public:
   class Parameter {
    public:
-    /// Everything under @p base, whatever it is: the filter is "(objectClass=*)" and the scope the
-    /// whole subtree. Without attribute types the server sends all attributes.
+    /// What is under @p base: the scope is the whole subtree, and the filter asks for entries with
+    /// one of the attributes, so that others neither cost anything nor use up the limits of the
+    /// answer. Without attribute types every entry is meant, and the server sends all attributes.
     explicit Parameter(const std::string& base);
 
+    /// Takes the place of that filter, unless it is empty.
     void filter(const std::string& text) { filter_ = text; }
     /// @param scope 0 the base alone, 1 what is right under it, 2 the whole subtree
     void scope(int scope) { scope_ = scope; }
     void add(const LDAPAttributeType& type) { attributes_.push_back(type); }
 
     const std::string& base() const noexcept { return base_; }
-    const std::string& filter() const noexcept { return filter_; }
+    std::string filter() const;
+    bool hasOwnFilter() const noexcept { return !filter_.empty(); }
     int scope() const noexcept { return scope_; }
     const std::list<LDAPAttributeType>& attributes() const noexcept { return attributes_; }
 
    private:
     std::string base_;
-    std::string filter_ = "(objectClass=*)";
+    std::string filter_;
     int scope_ = LDAP_SCOPE_SUBTREE;
     std::list<LDAPAttributeType> attributes_;
   };
@@ -53,7 +56,7 @@ class LDAPSearch : public LDAPRequest {
   /// out of a certificate may have types that its schema lacks) cannot exist. An answer that the
   /// server has cut short counts as far as it goes, and a referral is not followed. All but the
   /// first are logged; what else is not success throws.
-  void judge(int code, const std::string& text) const override;
+  void judge(int code, const std::string& text) override;
 
   Parameter parameter_;
 };

@@ -83,7 +83,7 @@ LDAPStream::LDAPStream(const LDAPConnection::Server& server, const Deadline& dea
     error = connectTo(*numeric(host, server.port()), share, socket_);
     if (error == 0) return;
   }
-  fail(kHere, systemErrorText(server.uri(), error));
+  failSystem(kHere, server.uri(), error);
 }
 
 LDAPStream::~LDAPStream() = default;

@@ -1,6 +1,8 @@
+#include "foundation/base/Shortfall.h"
 #include "foundation/net/NetworkBudget.h"
 
 #include <chrono>
+#include <functional>
 #include <gtest/gtest.h>
 #include <limits>
 #include <optional>
@@ -17,6 +19,12 @@ using Resource = NetworkBudget::Resource;
 
 std::vector<Resource> s_told;
 void tell(Resource spent) { s_told.push_back(spent); }
+
+bool fallsShort(const std::function<void()>& use) {
+  const Shortfall::Watch watch;
+  use();
+  return watch.noted();
+}
 
 // A budget that is in force as long as the test's body runs.
 class NetworkBudgetInForce : public testing::Test {
@@ -69,6 +77,28 @@ TEST_F(NetworkBudgetInForce, TimeAndBytes_DoNotCountForEachOther) {
   const NetworkBudget::Installed inner(other);
   EXPECT_EQ(NetworkBudget::admittedBytes(1), 0U);
   EXPECT_TRUE(NetworkBudget::hasTime());
+}
+
+TEST_F(NetworkBudgetInForce, EachRefusal_IsAShortfall) {
+  EXPECT_FALSE(fallsShort([] { NetworkBudget::hasTime(); }));
+  EXPECT_FALSE(fallsShort([] { NetworkBudget::admittedBytes(1000); }));
+  budget_.countTime(60s);
+  NetworkBudget::countBytes(1000);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_TRUE(fallsShort([] { NetworkBudget::hasTime(); }));
+    EXPECT_TRUE(fallsShort([] { NetworkBudget::admittedBytes(1); }));
+  }
+}
+
+TEST_F(NetworkBudgetInForce, UseThatTheBudgetCutsShort_IsAShortfall) {
+  EXPECT_FALSE(fallsShort([] { const NetworkTimer timer(0s); }));  // by its own bound
+  EXPECT_FALSE(fallsShort([] { const NetworkTimer timer(120s); }));
+  budget_.countTime(60s - 1ms);
+  EXPECT_TRUE(fallsShort([] {
+    const NetworkTimer timer(10s);
+    while (!timer.expired()) {
+    }
+  }));
 }
 
 TEST_F(NetworkBudgetInForce, InnerOne_StandsInFrontUntilItEnds) {

@@ -331,6 +331,59 @@ TEST(CRLBytes, OneVerification_Reads128MiBAndSaysOnceThatItIsEnough) {
   EXPECT_EQ(log.text(), kBytesSpent);
 }
 
+TEST(FellShort, EachShare_MarksAllRunsOfTheThread) {
+  const struct {
+    const char* what;
+    void (*use)();
+    bool fallsShort;
+  } rows[] = {
+      {"nothing", [] {}, false},
+      {"all look-ups",
+       [] {
+         for (int i = 0; i < 256; ++i) VerificationRun::admitLookup();
+       },
+       false},
+      {"one look-up more",
+       [] {
+         for (int i = 0; i < 257; ++i) VerificationRun::admitLookup();
+       },
+       true},
+      {"all bytes", [] { NetworkBudget::countBytes(VerificationRun::kMaximumCRLBytes); }, false},
+      {"bytes when none are left",
+       [] {
+         NetworkBudget::countBytes(VerificationRun::kMaximumCRLBytes);
+         NetworkBudget::admittedBytes(1);
+       },
+       true},
+      {"time when none is left",
+       [] {
+         VerificationRun::current()->network().countTime(61s);
+         NetworkBudget::hasTime();
+       },
+       true},
+      {"a use that comes to the end of the time",
+       [] {
+         VerificationRun::current()->network().countTime(60s);
+         const NetworkTimer timer(10s);
+       },
+       true},
+      {"a use that comes to its own end", [] { const NetworkTimer timer(0s); }, false},
+      {"memory", [] { Shortfall::note(); }, true},
+  };
+  for (const auto& row : rows) {
+    LogCapture log;
+    const VerificationRun outer(nullptr, 60s);
+    {
+      const VerificationRun inner(nullptr);
+      row.use();
+      EXPECT_EQ(inner.fellShort(), row.fallsShort) << row.what;
+    }
+    EXPECT_EQ(outer.fellShort(), row.fallsShort) << row.what;
+    const VerificationRun next(nullptr);
+    EXPECT_EQ(next.fellShort(), row.fallsShort) << row.what;
+  }
+}
+
 TEST(CRLBytes, NextOutermostRun_BeginsAnew) {
   LogCapture log;
   {
