@@ -6,6 +6,7 @@
 #include "foundation/model/RelativeName.h"
 #include "foundation/openssl/CRLScore.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "verify/CheckTime.h"
 
 #include <pkx509/CRLContainer.h>
 #include <pkx509/Verifier.h>
@@ -17,7 +18,6 @@
 
 #include <climits>
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <set>
 
@@ -59,24 +59,6 @@ void applyEntry(const CRLContainer::Entry& entry, unsigned int& mask, int& reaso
   if (X509_CRL_get0_by_cert(crlOf(entry).native(), &revoked, entry.certificate) != 0) {
     reason = reasonOf(revoked);
   }
-}
-
-// When the check is made for: the caller's time, or now.
-Time checkTime(X509_STORE_CTX* context) {
-  const std::time_t wanted = X509_VERIFY_PARAM_get_time(X509_STORE_CTX_get0_param(context));
-  return wanted != 0 ? Time::then(wanted, true) : Time::now();
-}
-
-// A nested verification is about the same moment as the one it serves.
-void takeOverTime(X509_STORE_CTX* outer, X509_STORE_CTX* nested) {
-  const X509_VERIFY_PARAM* const from = X509_STORE_CTX_get0_param(outer);
-  X509_VERIFY_PARAM* const to = X509_STORE_CTX_get0_param(nested);
-  // The getter does not change what it is given; it only lacks the const.
-  const unsigned long flags = X509_VERIFY_PARAM_get_flags(const_cast<X509_VERIFY_PARAM*>(from));
-  if ((flags & X509_V_FLAG_USE_CHECK_TIME) != 0) {
-    X509_VERIFY_PARAM_set_time(to, X509_VERIFY_PARAM_get_time(from));
-  }
-  X509_STORE_CTX_set_flags(nested, flags & X509_V_FLAG_NO_CHECK_TIME);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "foundation/base/Log.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "verify/CheckTime.h"
 #include "verify/ConnectionSubject.h"
 
 #include <pkx509/FixedPaths.h>
@@ -198,6 +199,7 @@ bool Client::validate(const RefCertificate& responder) {
       1) {
     return false;
   }
+  takeOverTime(verifier, nested);
   nested.parent(verifier);
   return nested.isValid() == X509_V_OK;
 }

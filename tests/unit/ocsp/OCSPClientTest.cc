@@ -10,6 +10,7 @@
 
 #include <openssl/err.h>
 
+#include <ctime>
 #include <gtest/gtest.h>
 
 namespace Velantrix::Test {
@@ -145,6 +146,18 @@ TEST_F(OCSPClient, WhoMayAnswer) {
     EXPECT_EQ(lines, row.lines);
     EXPECT_EQ(log.count("is not valid"), row.verdict == kNotValid ? 1U : 0U) << log.text();
   }
+}
+
+// The time that the caller set is that of the responder's certificate as well.
+TEST_F(OCSPClient, TimeOfTheOuterVerification_CountsForTheResponder) {
+  const Issued now = responder({.notAfter = hours(24)});
+  const Issued later = responder({.notBefore = hours(24), .notAfter = hours(72)});
+  EXPECT_EQ(judge(answer({.signer = &now})), 0) << log.text();
+  EXPECT_EQ(judge(answer({.signer = &later})), kNotValid);
+  X509_VERIFY_PARAM_set_time(X509_STORE_CTX_get0_param(verifier),
+                             std::time(nullptr) + 48 * 60 * 60);
+  EXPECT_EQ(judge(answer({.signer = &now})), kNotValid);
+  EXPECT_EQ(judge(answer({.signer = &later})), 0) << log.text();
 }
 
 TEST_F(OCSPClient, TamperedAnswer_IsAWrongSignature) {
