@@ -73,7 +73,8 @@ class PKX509_EXPORT Processor {
   Processor& operator=(const Processor&) = delete;
   virtual ~Processor();
   /// Called once for a file. The path is borrowed for the call. What it throws ends the walk and
-  /// reaches the caller of `Selector::start`.
+  /// reaches the caller of `Selector::start`; but an `Exception` about a file that is gone by then
+  /// is dropped, and the walk goes on: somebody took it away while it was about to be read.
   /// @return 0 to go on, anything else to end the walk
   virtual int process(const Path& file) = 0;
 

@@ -24,6 +24,12 @@ struct Entry {
 
 constexpr Origin kHere{"File::Selector", "File"};
 
+// What is gone by now is as good as what had gone before the directory was listed.
+bool isGone(int directory, const std::string& name) {
+  struct stat status = {};
+  return ::fstatat(directory, name.c_str(), &status, 0) != 0 && errno == ENOENT;
+}
+
 bool mayLeadToFile(unsigned char type) {
   return type == DT_REG || type == DT_LNK || type == DT_UNKNOWN;
 }
@@ -100,7 +106,12 @@ void Selector::start() {
 
   for (const Entry& entry : entries) {
     if (!entry.regular && !leadsToFile(::dirfd(directory.get()), name, entry.name)) continue;
-    if (processor_.process(Path(name, entry.name)) != 0) return;
+    try {
+      if (processor_.process(Path(name, entry.name)) != 0) return;
+    } catch (const Exception&) {
+      // `openssl rehash` takes all links away before it makes them anew.
+      if (!isGone(::dirfd(directory.get()), entry.name)) throw;
+    }
   }
 }
 

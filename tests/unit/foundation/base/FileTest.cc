@@ -1,3 +1,4 @@
+#include "foundation/base/FileReader.h"
 #include "support/Files.h"
 
 #include <velantrix/Exception.h>
@@ -261,6 +262,37 @@ TEST(FileSelector, Start_ProcessorThrows_ReachesTheCaller) {
   const TempDir dir;
   writeFile(dir / "a", "x");
   EXPECT_THROW(Selector(Path(dir.string()), thrower).start(), std::runtime_error);
+}
+
+// Whoever makes the links of a directory anew takes the old ones away first.
+TEST(FileSelector, Start_FileGoneWhenItIsRead_IsPassedOver) {
+  class Reader : public Processor {
+   public:
+    int process(const Path& file) override {
+      names.push_back(file.name());
+      if (file.name() == "b") std::filesystem::remove(file.asString());
+      contents += Velantrix::readFile(file).size();
+      return 0;
+    }
+    Names names;
+    std::size_t contents = 0;
+  } reader;
+  const TempDir dir;
+  for (const char* name : {"a", "b", "c"}) writeFile(dir / name, "x");
+  Selector(Path(dir.string()), reader).start();
+  EXPECT_EQ(reader.names, (Names{"a", "b", "c"}));
+  EXPECT_EQ(reader.contents, 2U);
+}
+
+TEST(FileSelector, Start_FileThatIsThereAndCannotBeRead_Throws) {
+  class Refuser : public Processor {
+    int process(const Path& file) override {
+      throw Exception("Refuser", Exception::kFailure, "FileTest", 1).stringParameter(file.name());
+    }
+  } refuser;
+  const TempDir dir;
+  writeFile(dir / "a", "x");
+  EXPECT_THROW(Selector(Path(dir.string()), refuser).start(), Exception);
 }
 
 TEST(FileSelector, Start_Again_SeesTheDirectoryAsItIsNow) {
