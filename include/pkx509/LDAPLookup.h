@@ -107,7 +107,11 @@ class PKX509_EXPORT LDAPLookupMethod : public LookupMethod {
                               const ASN1::Integer& serial) override;
 
  private:
-  Config config;
+  Config config() const { return {server, bindDn, bindPassword}; }
+
+  LDAPConnection::RefServer server;
+  std::string bindDn;
+  std::string bindPassword;
 };
 
 }  // namespace Velantrix::Crypto::PKX509

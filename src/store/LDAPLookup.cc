@@ -109,7 +109,10 @@ void addTo(ObjectStore& store, const RefObject& object) {
 LDAPLookupMethod::LDAPLookupMethod() : LookupMethod("LDAPLookupMethod") {}
 
 LDAPLookupMethod::LDAPLookupMethod(const Config& configured)
-    : LookupMethod("LDAPLookupMethod"), config(configured) {}
+    : LookupMethod("LDAPLookupMethod"),
+      server(configured.server),
+      bindDn(configured.bindDn),
+      bindPassword(configured.bindPassword) {}
 
 LDAPLookupMethod::~LDAPLookupMethod() = default;
 
@@ -129,7 +132,7 @@ void LDAPLookupMethod::getBySubject(const DistinguishedName& issuer,
 
 RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& base) {
   std::list<Buffer> values;
-  s_addAttributes(config, type, base, "", values);
+  s_addAttributes(config(), type, base, "", values);
   const std::list<RefObject> objects = readObjects(type, values);
   if (objects.empty()) return RefObject();
   if (objectStore != nullptr) {
@@ -140,21 +143,21 @@ RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& b
 
 void LDAPLookupMethod::getBySubject(const std::string& base, std::list<RefCertificate>& out) {
   std::list<Buffer> values;
-  s_addAttributes(config, Object::TypeCertificate, base, "", values);
+  s_addAttributes(config(), Object::TypeCertificate, base, "", values);
   readCertificates(values, out);
 }
 
 void LDAPLookupMethod::getBySubject(const std::string& base,
                                     std::list<RefCertificateRevocationList>& out) {
   std::list<Buffer> values;
-  s_addAttributes(config, Object::TypeCRL, base, "", values);
+  s_addAttributes(config(), Object::TypeCRL, base, "", values);
   readCRLs(values, out);
 }
 
 void LDAPLookupMethod::getByEmailAddress(const std::string& base, const std::string& address,
                                          std::list<RefCertificate>& out) {
   std::list<Buffer> values;
-  s_addAttributes(config, Object::TypeCertificate, base, "(mail=" + address + ")", values);
+  s_addAttributes(config(), Object::TypeCertificate, base, "(mail=" + address + ")", values);
   readCertificates(values, out);
 }
 
