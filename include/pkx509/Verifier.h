@@ -145,7 +145,7 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   /// whatever is found without them, the verification does not end valid: the host that was not
   /// asked may be the one that would have told of a revocation.
   /// @param seconds 60 by default; 0 for no such bound
-  void maxNetworkTime(unsigned int seconds) noexcept { networkSeconds_ = seconds; }
+  void maxNetworkTime(unsigned int seconds) noexcept;
 
   /// Adds an acceptable certificate policy. The identifier gives its OpenSSL object to the context;
   /// one that has given it away before is copied.
@@ -156,17 +156,17 @@ class PKX509_EXPORT Verifier : private NonCopyable {
 
   /// The context, borrowed. It is the same object for the verifier's whole life. Parameters set on
   /// it before `isValid()` (time, purpose, flags, ...) hold for every run.
-  operator X509_STORE_CTX*() const noexcept { return context_.get(); }
+  operator X509_STORE_CTX*() const noexcept;
 
   /// The outer verification's context when this one serves it, else null; borrowed.
-  X509_STORE_CTX* parent() const noexcept { return parent_; }
-  void parent(X509_STORE_CTX* outer) noexcept { parent_ = outer; }
+  X509_STORE_CTX* parent() const noexcept;
+  void parent(X509_STORE_CTX* outer) noexcept;
 
   /// What OpenSSL keeps as `current_crl_score`, `current_issuer` and `current_reasons` and lets
   /// nobody set: the values of the CRL that `CRLContainer::getCRL()` handed out last.
-  unsigned int currentCRLScore() const noexcept { return currentCRLScore_; }
+  unsigned int currentCRLScore() const noexcept;
   X509* currentIssuer() const;  ///< borrowed; null when there is none
-  unsigned int currentReasons() const noexcept { return currentReasons_; }
+  unsigned int currentReasons() const noexcept;
   void setCurrentCRL(unsigned int score, const RefCertificate& issuer, unsigned int reasons);
 
   /// The context's error, an `X509_V_ERR_*` code.
@@ -188,16 +188,14 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   CRLContainer crls;
 
  private:
-  struct PKX509_EXPORT ContextDeleter {
-    void operator()(X509_STORE_CTX* context) const noexcept;
-  };
+  struct State;
 
   static int verifyCallback(int ok, X509_STORE_CTX* context);
   static int getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x);
   static int certCRLCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x);
   static int checkRevocationCallback(X509_STORE_CTX* context);
 
-  void initialize();
+  void initialize(bool useOpenSSLRevocation);
   void prepare(STACK_OF(X509) * intermediates);
   void prepareAgain();
   bool applyRemaining(X509* x);
@@ -209,16 +207,7 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   bool addCandidate(CRLContainer& container, const RefCertificate& certificate,
                     const RefCertificateRevocationList& crl, const RefCRLDistributionPoint& point);
 
-  const bool useOpenSSLRevocation_;
-  bool used_ = false;  // the context has been through X509_verify_cert, which takes it only once
-  unsigned int networkSeconds_ = 60;
-  bool remainingApplied_ = false;  // every CRL that is left for `lastCertificate` has counted
-  X509_STORE_CTX_cert_crl_fn certCRL_ = nullptr;  // what certCRLCallback stands in front of
-  X509_STORE_CTX* parent_ = nullptr;
-  unsigned int currentCRLScore_ = 0;
-  unsigned int currentReasons_ = 0;
-  RefCertificate currentIssuer_;
-  std::unique_ptr<X509_STORE_CTX, ContextDeleter> context_;
+  std::unique_ptr<State> state_;  // last, so that the context goes while the store is held
 };
 
 /// @name Diagnostic printers

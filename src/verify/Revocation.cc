@@ -4,11 +4,11 @@
 #include "foundation/run/VerificationRun.h"
 #include "verify/ConnectionSubject.h"
 #include "verify/FailureText.h"
+#include "verify/VerifierState.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/OCSP.h>
-#include <pkx509/Verifier.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/GeneralName.h>
 
@@ -34,14 +34,14 @@ std::string noIssuerText(const RefCertificateRevocationList& crl) {
 }  // namespace
 
 int Verifier::checkChain() {
-  X509_STORE_CTX* const context = context_.get();
+  X509_STORE_CTX* const context = state_->context.get();
   const unsigned long flags = X509_VERIFY_PARAM_get_flags(X509_STORE_CTX_get0_param(context));
   if ((flags & X509_V_FLAG_CRL_CHECK) == 0) return 1;
   const STACK_OF(X509)* const built = X509_STORE_CTX_get0_chain(context);
   int last = 0;
   if ((flags & X509_V_FLAG_CRL_CHECK_ALL) != 0) {
     last = sk_X509_num(built) - 1;
-  } else if (parent_ != nullptr || X509_STORE_CTX_get0_parent_ctx(context) != nullptr) {
+  } else if (state_->parent != nullptr || X509_STORE_CTX_get0_parent_ctx(context) != nullptr) {
     return 1;  // on the path of a CRL issuer only the flag for all certificates asks for more
   }
   VerificationRun* const run = VerificationRun::current();
@@ -97,7 +97,7 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
     const int code = contextError();
     if (code != X509_V_OK) {
       log(kPriorityDebug, failureText(current, code));
-      X509_STORE_CTX_set_error_depth(context_.get(), depth);
+      X509_STORE_CTX_set_error_depth(state_->context.get(), depth);
       return 0;
     }
   }
@@ -118,7 +118,7 @@ RefCertificateRevocationList Verifier::getCRL(const RefCertificate& target) {
   if (target.empty()) return RefCertificateRevocationList();
   if (lastCertificate.empty() || lastCertificate->native() != target->native()) {
     crls.clear();
-    remainingApplied_ = false;
+    state_->remainingApplied = false;
     try {
       lastCertificate = target;
       getCRLs(lastCertificate, crls);

@@ -3,8 +3,8 @@
 #include "foundation/run/VerificationRun.h"
 #include "verify/ConnectionSubject.h"
 #include "verify/FailureText.h"
+#include "verify/VerifierState.h"
 
-#include <pkx509/Verifier.h>
 #include <velantrix/Assert.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
@@ -74,54 +74,39 @@ Verifier::Config::Config() : Config(std::string()) {}
 Verifier::Config::Config(const std::string& label)
     : name(label), policies{kAnyPolicy}, flags(kDefaultFlags) {}
 
-void Verifier::ContextDeleter::operator()(X509_STORE_CTX* context) const noexcept {
-  X509_STORE_CTX_free(context);
-}
-
 Verifier::Verifier(const RefObjectStore& trustStore, const RefCertificate& target,
                    bool useOpenSSLRevocation)
-    : store(trustStore),
-      certificate(target),
-      crls(*this),
-      useOpenSSLRevocation_(useOpenSSLRevocation) {
-  initialize();
+    : store(trustStore), certificate(target), crls(*this) {
+  initialize(useOpenSSLRevocation);
 }
 
 Verifier::Verifier(const RefObjectStore& trustStore, const RefCertificate& target,
                    const RefStackOfCertificate& stack, bool useOpenSSLRevocation)
-    : store(trustStore),
-      certificate(target),
-      untrusted(stack),
-      crls(*this),
-      useOpenSSLRevocation_(useOpenSSLRevocation) {
-  initialize();
+    : store(trustStore), certificate(target), untrusted(stack), crls(*this) {
+  initialize(useOpenSSLRevocation);
 }
 
 Verifier::Verifier(const RefObjectStore& trustStore, const RefCertificate& target,
                    const RefStackOfCertificate& stack, Config& configuration,
                    bool useOpenSSLRevocation)
-    : store(trustStore),
-      certificate(target),
-      untrusted(stack),
-      config(configuration),
-      crls(*this),
-      useOpenSSLRevocation_(useOpenSSLRevocation) {
-  initialize();
+    : store(trustStore), certificate(target), untrusted(stack), config(configuration), crls(*this) {
+  initialize(useOpenSSLRevocation);
 }
 
 // The context goes first, while the store and everything it borrows is still held: it is the last
 // member. The others follow in the reverse order of their declaration.
 Verifier::~Verifier() = default;
 
-void Verifier::initialize() {
+void Verifier::initialize(bool useOpenSSLRevocation) {
+  state_ = std::make_unique<State>(useOpenSSLRevocation);
   // The flags go to the shared store, and every later context on it inherits them.
   const auto flags = static_cast<unsigned long>(static_cast<long>(config.flags));
-  context_.reset(X509_STORE_CTX_new());
-  if (context_ == nullptr || X509_STORE_set_flags(store, flags) != 1) {
+  state_->context.reset(X509_STORE_CTX_new());
+  if (state_->context == nullptr || X509_STORE_set_flags(store, flags) != 1) {
     throw Exception("X509::Verifier", Exception::kFailure, "Verify", __LINE__);
   }
   prepare(untrusted);
-  X509_STORE_CTX_set_verify_cb(context_.get(), verifyCallback);
+  X509_STORE_CTX_set_verify_cb(state_->context.get(), verifyCallback);
   for (const std::string& oid : config.policies) policy(ASN1::RefObjectIdentifier(oid));
 }
 
@@ -131,23 +116,25 @@ void Verifier::prepare(STACK_OF(X509) * intermediates) {
   {
     const StoreCallbacks former(x509Store);
     X509_STORE_set_get_crl(x509Store, getCrlCallback);
-    if (useOpenSSLRevocation_) {
-      certCRL_ = former.formerCertCRL() != nullptr ? former.formerCertCRL() : defaultCertCRL();
+    if (state_->useOpenSSLRevocation) {
+      state_->certCRL =
+          former.formerCertCRL() != nullptr ? former.formerCertCRL() : defaultCertCRL();
       X509_STORE_set_cert_crl(x509Store, certCRLCallback);
     } else {
       X509_STORE_set_check_revocation(x509Store, checkRevocationCallback);
     }
-    initialized = X509_STORE_CTX_init(context_.get(), x509Store, certificate, intermediates);
+    initialized = X509_STORE_CTX_init(state_->context.get(), x509Store, certificate, intermediates);
   }
   // Initialising wipes ex-data, so the way back is attached after it.
-  if (initialized != 1 || X509_STORE_CTX_set_ex_data(context_.get(), contextIndex(), this) != 1) {
+  if (initialized != 1 ||
+      X509_STORE_CTX_set_ex_data(state_->context.get(), contextIndex(), this) != 1) {
     throw Exception("X509::Verifier", Exception::kFailure, "Verify", __LINE__);
   }
 }
 
 // OpenSSL refuses a context that has been used, so it is made new with what the caller set on it.
 void Verifier::prepareAgain() {
-  X509_STORE_CTX* const context = context_.get();
+  X509_STORE_CTX* const context = state_->context.get();
   const X509_STORE_CTX_verify_cb callback = X509_STORE_CTX_get_verify_cb(context);
   STACK_OF(X509)* const intermediates = X509_STORE_CTX_get0_untrusted(context);
   void* const application = X509_STORE_CTX_get_ex_data(context, 0);
@@ -172,7 +159,7 @@ void Verifier::prepareAgain() {
   lastCertificate = RefCertificate();
   crls.clear();
   setCurrentCRL(0, RefCertificate(), 0);
-  used_ = false;
+  state_->used = false;
 }
 
 const RefObjectStore& Verifier::objectStore() const { return store; }
@@ -188,9 +175,9 @@ int Verifier::isValid() {
     log(kPriorityDebug, failureText(certificate, error) + ": " + run.refusal());
     return error;
   }
-  if (used_) prepareAgain();
-  used_ = true;
-  const int result = X509_verify_cert(context_.get());
+  if (state_->used) prepareAgain();
+  state_->used = true;
+  const int result = X509_verify_cert(state_->context.get());
   run.rethrowParked();
   if (result < 1) {
     error = contextError();
@@ -214,13 +201,14 @@ void Verifier::policy(const ASN1::RefObjectIdentifier& oid) {
   if (object == nullptr) object.reset(OBJ_txt2obj(identifier->asString().c_str(), 1));
   // Only a lack of memory makes it fail, and then the policy is not acceptable: nothing is let in.
   if (object != nullptr &&
-      X509_VERIFY_PARAM_add0_policy(X509_STORE_CTX_get0_param(context_.get()), object.get()) == 1) {
+      X509_VERIFY_PARAM_add0_policy(X509_STORE_CTX_get0_param(state_->context.get()),
+                                    object.get()) == 1) {
     static_cast<void>(object.release());
   }
 }
 
 X509* Verifier::signerOf(X509* x) const noexcept {
-  const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context_.get());
+  const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(state_->context.get());
   const int count = chain == nullptr ? 0 : sk_X509_num(chain);
   for (int i = 0; i < count; ++i) {
     if (sk_X509_value(chain, i) == x) return i + 1 < count ? sk_X509_value(chain, i + 1) : nullptr;
@@ -228,23 +216,39 @@ X509* Verifier::signerOf(X509* x) const noexcept {
   return x;
 }
 
-X509* Verifier::currentIssuer() const { return currentIssuer_; }
+Verifier::operator X509_STORE_CTX*() const noexcept { return state_->context.get(); }
+
+X509_STORE_CTX* Verifier::parent() const noexcept { return state_->parent; }
+
+void Verifier::parent(X509_STORE_CTX* outer) noexcept { state_->parent = outer; }
+
+void Verifier::maxNetworkTime(unsigned int seconds) noexcept { state_->networkSeconds = seconds; }
+
+unsigned int Verifier::currentCRLScore() const noexcept { return state_->currentCRLScore; }
+
+unsigned int Verifier::currentReasons() const noexcept { return state_->currentReasons; }
+
+X509* Verifier::currentIssuer() const { return state_->currentIssuer; }
 
 void Verifier::setCurrentCRL(unsigned int score, const RefCertificate& issuer,
                              unsigned int reasons) {
-  currentCRLScore_ = score;
-  currentIssuer_ = issuer;
-  currentReasons_ = reasons;
+  state_->currentCRLScore = score;
+  state_->currentIssuer = issuer;
+  state_->currentReasons = reasons;
 }
 
 std::optional<std::chrono::seconds> Verifier::networkTime() const noexcept {
-  if (networkSeconds_ == 0) return std::nullopt;
-  return std::chrono::seconds(networkSeconds_);
+  if (state_->networkSeconds == 0) return std::nullopt;
+  return std::chrono::seconds(state_->networkSeconds);
 }
 
-int Verifier::contextError() const noexcept { return X509_STORE_CTX_get_error(context_.get()); }
+int Verifier::contextError() const noexcept {
+  return X509_STORE_CTX_get_error(state_->context.get());
+}
 
-void Verifier::contextError(int code) noexcept { X509_STORE_CTX_set_error(context_.get(), code); }
+void Verifier::contextError(int code) noexcept {
+  X509_STORE_CTX_set_error(state_->context.get(), code);
+}
 
 Verifier* Verifier::of(const X509_STORE_CTX* context) {
   return static_cast<Verifier*>(X509_STORE_CTX_get_ex_data(context, contextIndex()));
@@ -286,7 +290,7 @@ int Verifier::certCRLCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x) {
   return guardedCallback(0, [&] {
     Verifier* const verifier = of(context);
     if (verifier == nullptr) return defaultCertCRL()(context, crl, x);
-    const int result = verifier->certCRL_(context, crl, x);
+    const int result = verifier->state_->certCRL(context, crl, x);
     return result != 0 && verifier->applyRemaining(x) ? result : 0;
   });
 }
@@ -294,16 +298,19 @@ int Verifier::certCRLCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x) {
 // Once for a certificate: where CRLs cover some reasons each, OpenSSL comes for the next one, and with
 // all that follow applied every time the work would grow with the square of their number.
 bool Verifier::applyRemaining(X509* x) {
-  if (remainingApplied_ || lastCertificate.empty() || lastCertificate->native() != x) return true;
-  remainingApplied_ = true;
-  const X509_STORE_CTX_check_crl_fn checkCRL = X509_STORE_CTX_get_check_crl(context_.get());
+  if (state_->remainingApplied || lastCertificate.empty() || lastCertificate->native() != x)
+    return true;
+  state_->remainingApplied = true;
+  const X509_STORE_CTX_check_crl_fn checkCRL = X509_STORE_CTX_get_check_crl(state_->context.get());
   // A copy: when the first CRL does not cover all reasons, OpenSSL still comes for the others.
   CRLContainer remaining(crls);
   while (!remaining.empty()) {
     const RefObject next = remaining.getCRL();
     if (next.empty()) break;
     X509_CRL* const crl = next->crl;
-    if (checkCRL(context_.get(), crl) == 0 || certCRL_(context_.get(), crl, x) == 0) return false;
+    if (checkCRL(state_->context.get(), crl) == 0 ||
+        state_->certCRL(state_->context.get(), crl, x) == 0)
+      return false;
   }
   return true;
 }

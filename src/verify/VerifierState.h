@@ -1,0 +1,27 @@
+// What a verifier keeps to itself.
+#pragma once
+
+#include "foundation/openssl/OpenSSLOwners.h"
+
+#include <pkx509/Verifier.h>
+
+#include <openssl/x509_vfy.h>
+
+namespace Velantrix::Crypto::PKX509 {
+
+struct Verifier::State {
+  explicit State(bool openSSLRevocation) noexcept : useOpenSSLRevocation(openSSLRevocation) {}
+
+  const bool useOpenSSLRevocation;
+  bool used = false;  // the context has been through X509_verify_cert, which takes it only once
+  bool remainingApplied = false;  // every CRL that is left for `lastCertificate` has counted
+  unsigned int networkSeconds = 60;
+  X509_STORE_CTX_cert_crl_fn certCRL = nullptr;  // what certCRLCallback stands in front of
+  X509_STORE_CTX* parent = nullptr;              // borrowed
+  unsigned int currentCRLScore = 0;
+  unsigned int currentReasons = 0;
+  RefCertificate currentIssuer;
+  Owned<X509_STORE_CTX> context;
+};
+
+}  // namespace Velantrix::Crypto::PKX509
