@@ -21,11 +21,9 @@
 
 #include <openssl/x509_vfy.h>
 
-#include <chrono>
 #include <iosfwd>
 #include <list>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 
@@ -67,8 +65,9 @@ namespace Velantrix::Crypto::PKX509 {
 /// certificate, when it would be the ninth level, or the 65th that one outermost run starts; the
 /// 257th look-up of CRLs of one run and later ones find nothing. Each of these writes a log line.
 /// What is not looked for because all of a run has used up its look-ups, its time or bytes on the
-/// network, memory or descriptors may be what revokes: where it happened, the verification fails
-/// with `X509_V_ERR_UNABLE_TO_GET_CRL` (3) if with nothing else, whatever was found.
+/// network, its processor time (`maxTime()`), the 256 MiB of certificates and CRLs that it decodes,
+/// memory or descriptors may be what revokes: where it happened, the verification fails with
+/// `X509_V_ERR_UNABLE_TO_GET_CRL` (3) if with nothing else, whatever was found.
 ///
 /// **Exceptions.** A verdict is never thrown. `Velantrix::Exception` (an unreadable file, a broken
 /// extension) and whatever a lookup method throws leaves `isValid()` unchanged. Treat every
@@ -147,6 +146,13 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   /// @param seconds 60 by default; 0 for no such bound
   void maxNetworkTime(unsigned int seconds) noexcept;
 
+  /// Bounds the processor time that one verification uses on its thread, all verifications nested
+  /// in it included. It is looked at between steps (a look-up, a CRL, a signature), so a single
+  /// step of OpenSSL may go on beyond it. When the time is used up, what is left to do is left out,
+  /// and the verification does not end valid.
+  /// @param seconds 20 by default; 0 for no such bound
+  void maxTime(unsigned int seconds) noexcept;
+
   /// Adds an acceptable certificate policy. The identifier gives its OpenSSL object to the context;
   /// one that has given it away before is copied.
   void policy(const ASN1::RefObjectIdentifier& oid);
@@ -200,7 +206,6 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   void prepareAgain();
   bool applyRemaining(X509* x);
   int checkChain();
-  std::optional<std::chrono::seconds> networkTime() const noexcept;
   // The next certificate of the chain that OpenSSL built, borrowed; null for the chain's end, which
   // is trusted, and `x` itself where it is not in the chain.
   X509* signerOf(X509* x) const noexcept;

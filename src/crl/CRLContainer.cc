@@ -6,6 +6,7 @@
 #include "foundation/model/RelativeName.h"
 #include "foundation/openssl/CRLScore.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/VerificationRun.h"
 #include "verify/CheckTime.h"
 
 #include <pkx509/CRLContainer.h>
@@ -200,6 +201,7 @@ bool CRLContainer::isDeltaCRLChainComplete() const {
   }
   for (const Entry& delta : entries) {
     if (!crlOf(delta).isDeltaCRL()) continue;
+    if (!VerificationRun::admitStep()) return false;
     const ASN1::Integer wanted = crlOf(delta).baseCRLNumber();
     bool found = false;
     for (const Entry& base : entries) {
@@ -217,7 +219,7 @@ bool CRLContainer::isDeltaCRLChainComplete() const {
 }
 
 int CRLContainer::isRevoked(int& reason) const {
-  if (entries.empty()) return X509_V_ERR_UNABLE_TO_GET_CRL;
+  if (entries.empty() || !VerificationRun::admitStep()) return X509_V_ERR_UNABLE_TO_GET_CRL;
   // 6.3.3 would pass over a CRL that adds no reason (e), and stop at the first one that lists the
   // certificate. Here every entry counts, and the last one that lists it decides.
   unsigned int mask = 0;
@@ -247,6 +249,7 @@ int CRLContainer::isRevoked(int& reason) const {
 
 void CRLContainer::extendedCRLChecks(const std::list<RefCertificate>& untrusted) {
   for (const Entry& entry : entries) {
+    if (!VerificationRun::admitStep()) return;
     if (!entry.crl.empty() && !checkEntry(entry, untrusted)) return;
   }
 }

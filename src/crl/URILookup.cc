@@ -3,6 +3,7 @@
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/NetworkBudget.h"
 #include "foundation/net/http/HTTPAccess.h"
+#include "store/LookupMemory.h"
 #include "verify/ConnectionSubject.h"
 
 #include <pkx509/FixedPaths.h>
@@ -21,6 +22,7 @@ namespace {
 
 constexpr unsigned int kQueryTime = 15;  // seconds
 constexpr std::size_t kMaximumCRL = std::size_t{64} * 1024 * 1024;
+constexpr char kHosts[] = "hosts";  // all of them as one source, asked by what is sent
 
 // Servers of CRLs, and the filters in front of them, know the appliance by these bytes.
 std::string request(const Uri& uri) {
@@ -33,8 +35,12 @@ std::string request(const Uri& uri) {
          "\r\n";
 }
 
+// What the exchange consists of; the rest of a URI is not sent.
+std::string requestKey(const Uri& uri) {
+  return uri.scheme() + uri.hostname() + ' ' + std::to_string(uri.port()) + ' ' + uri.path();
+}
+
 void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
-  if (!connectionAdmitted()) return;
   const std::size_t limit = NetworkBudget::admittedBytes(kMaximumCRL);
   if (limit == 0) return;
   HTTP::RefStream stream = HTTP::streamFor(uri, {kClientCertificateFile, kClientKeyFile});
@@ -58,6 +64,16 @@ void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   if (!crl.empty()) crls.push_back(crl);
 }
 
+// A cache that cannot be written costs a fetch next time, not the result.
+void cache(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) {
+  try {
+    CRLCache(kCRLCacheDirectory).add(uri, crls);
+  } catch (const std::bad_alloc&) {
+    Shortfall::note();
+  } catch (const std::exception&) {
+  }
+}
+
 }  // namespace
 
 URILookup::~URILookup() = default;
@@ -65,7 +81,13 @@ URILookup::~URILookup() = default;
 void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   if (uri.isNull()) return;
   try {
-    HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, crls);
+    askOnce(kCRLCacheDirectory, uri, crls, [&](std::list<RefCertificateRevocationList>& found) {
+      // What this verification has fetched need not be read again.
+      if (!recallAnswer(kHosts, requestKey(uri), found)) {
+        HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, found);
+      }
+      return !found.empty();
+    });
   } catch (const std::bad_alloc&) {
     Shortfall::note();
   } catch (const std::exception&) {
@@ -77,12 +99,16 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
       log(kPriorityDebug, "Crypto::URILookup. Scheme not handled. " + uri.asString());
       return;
     }
-    fetch(uri, crls);
-    CRLCache(kCRLCacheDirectory).add(uri, crls);
+    askOnce(kHosts, requestKey(uri), crls, [&](std::list<RefCertificateRevocationList>& found) {
+      if (!connectionAdmitted()) return false;
+      fetch(uri, found);
+      cache(uri, found);
+      return true;
+    });
   } catch (const std::bad_alloc&) {
     Shortfall::note();
   } catch (const std::exception&) {
-    // Whatever went wrong, what was found so far is the answer.
+    // Whatever went wrong, nothing was found.
   }
 }
 

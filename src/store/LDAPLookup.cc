@@ -1,6 +1,8 @@
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/ldap/LDAPSearch.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/VerificationRun.h"
+#include "store/LookupMemory.h"
 
 #include <pkx509/LDAPLookup.h>
 #include <pkx509/ObjectStore.h>
@@ -61,30 +63,45 @@ void s_addAttributes(const LDAPLookupMethod::Config& config, Object::Type type,
 }
 
 void readCertificates(const std::list<Buffer>& values, std::list<RefCertificate>& out) {
-  for (const Buffer& value : values) CertificateFactory::read(value, out);
+  for (const Buffer& value : values) {
+    if (!VerificationRun::admitDecoding(value.length()) || !VerificationRun::admitStep()) return;
+    CertificateFactory::read(value, out);
+  }
 }
 
 // A value that holds something else than a CRL gives none.
-void readCRLs(const std::list<Buffer>& values, std::list<RefCertificateRevocationList>& out) {
+void readCRLs(const std::list<Buffer>& values, std::list<RefObject>& out) {
   for (const Buffer& value : values) {
+    if (!VerificationRun::admitDecoding(value.length()) || !VerificationRun::admitStep()) return;
     const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(value);
-    if (!crl.empty()) out.push_back(crl);
+    if (!crl.empty()) out.emplace_back(crl);
   }
 }
 
-std::list<RefObject> readObjects(Object::Type type, const std::list<Buffer>& values) {
-  std::list<RefObject> objects;
+void readObjects(Object::Type type, const std::list<Buffer>& values, std::list<RefObject>& out) {
   if (type == Object::TypeCertificate) {
     std::list<RefCertificate> certificates;
     readCertificates(values, certificates);
-    for (const RefCertificate& certificate : certificates) objects.emplace_back(certificate);
+    for (const RefCertificate& certificate : certificates) out.emplace_back(certificate);
   } else if (type == Object::TypeCRL) {
-    std::list<RefCertificateRevocationList> crls;
-    readCRLs(values, crls);
-    for (const RefCertificateRevocationList& crl : crls) objects.emplace_back(crl);
+    readCRLs(values, out);
   } else {
-    for (const Buffer& value : values) objects.emplace_back(RefCrossCertificatePair(value));
+    for (const Buffer& value : values) out.emplace_back(RefCrossCertificatePair(value));
   }
+}
+
+// What the directory has under the base. A verification asks once for each base and kind, whichever
+// of the queries below comes first.
+std::list<RefObject> objectsBelow(const LookupMethod& method,
+                                  const LDAPLookupMethod::Config& config, Object::Type type,
+                                  const std::string& base) {
+  std::list<RefObject> objects;
+  askOnce(&method, std::to_string(type) + ' ' + base, objects, [&](std::list<RefObject>& found) {
+    std::list<Buffer> values;
+    s_addAttributes(config, type, base, "", values);
+    readObjects(type, values, found);
+    return true;
+  });
   return objects;
 }
 
@@ -131,9 +148,7 @@ void LDAPLookupMethod::getBySubject(const DistinguishedName& issuer,
 }
 
 RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& base) {
-  std::list<Buffer> values;
-  s_addAttributes(config(), type, base, "", values);
-  const std::list<RefObject> objects = readObjects(type, values);
+  const std::list<RefObject> objects = objectsBelow(*this, config(), type, base);
   if (objects.empty()) return RefObject();
   if (objectStore != nullptr) {
     for (const RefObject& object : objects) addTo(*objectStore, object);
@@ -142,16 +157,16 @@ RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& b
 }
 
 void LDAPLookupMethod::getBySubject(const std::string& base, std::list<RefCertificate>& out) {
-  std::list<Buffer> values;
-  s_addAttributes(config(), Object::TypeCertificate, base, "", values);
-  readCertificates(values, out);
+  for (const RefObject& object : objectsBelow(*this, config(), Object::TypeCertificate, base)) {
+    out.push_back(object->certificate);
+  }
 }
 
 void LDAPLookupMethod::getBySubject(const std::string& base,
                                     std::list<RefCertificateRevocationList>& out) {
-  std::list<Buffer> values;
-  s_addAttributes(config(), Object::TypeCRL, base, "", values);
-  readCRLs(values, out);
+  for (const RefObject& object : objectsBelow(*this, config(), Object::TypeCRL, base)) {
+    out.push_back(object->crl);
+  }
 }
 
 void LDAPLookupMethod::getByEmailAddress(const std::string& base, const std::string& address,

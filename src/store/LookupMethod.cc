@@ -62,7 +62,7 @@ template <class Query>
 int answer(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, X509_OBJECT* ret, const Query& query) {
   return guardedCallback(0, [&] {
     StoreRecord::Item* const item = itemOf(lookup);
-    if (item == nullptr) return 0;
+    if (item == nullptr || !VerificationRun::admitStep()) return 0;
     return handOut(*item, type, query(*item->method), ret);
   });
 }

@@ -4,6 +4,7 @@
 #include "foundation/openssl/CRLScore.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
+#include "store/LookupMemory.h"
 #include "store/StoreRecord.h"
 
 #include <pkx509/HashDirLookup.h>
@@ -113,9 +114,11 @@ void ObjectStore::add(const std::list<RefCertificate>& certificates) {
 
 void ObjectStore::find(const DistinguishedName& subject, std::list<RefCertificate>& out) const {
   for (const RefLookupMethod& method : methodList) {
-    std::list<RefCertificate> found;
-    method->getBySubject(subject, found);
-    out.splice(out.end(), found);
+    LookupMethod& source = *method;
+    askOnce(&source, subject, out, [&](std::list<RefCertificate>& found) {
+      source.getBySubject(subject, found);
+      return true;
+    });
   }
 }
 
@@ -125,7 +128,10 @@ void ObjectStore::find(const DistinguishedName& issuer,
     LookupMethod& source = *method;
     if (!VerificationRun::admitLookup()) return;
     std::list<RefCertificateRevocationList> found;
-    source.getBySubject(issuer, found);
+    askOnce(&source, issuer, found, [&](std::list<RefCertificateRevocationList>& answer) {
+      source.getBySubject(issuer, answer);
+      return true;
+    });
     for (const RefCertificateRevocationList& crl : found) {
       objectList.emplace_back(crl);
       out.push_back(crl);
@@ -207,8 +213,10 @@ const RefCertificate& ObjectStore::findIssuer(const RefCertificateRevocationList
   {
     // OpenSSL serves the same directory, but by one certificate a name; here all of them count.
     std::list<RefCertificate> candidates;
-    HashDirLookupMethod directory(name);
-    directory.getBySubject(issuer, candidates);
+    askOnce(name, issuer, candidates, [&](std::list<RefCertificate>& found) {
+      HashDirLookupMethod(name).getBySubject(issuer, found);
+      return true;
+    });
     if (const RefCertificate* const found = firstIssuer(crl, candidates, score)) return *found;
   }
   std::list<RefCertificate> candidates;

@@ -9,7 +9,9 @@
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
+#include <chrono>
 #include <new>
+#include <optional>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -39,6 +41,12 @@ X509_STORE_CTX_cert_crl_fn defaultCertCRL() {
     return X509_STORE_CTX_get_cert_crl(context.get());
   }();
   return function;
+}
+
+// 0 stands for no limit.
+std::optional<std::chrono::seconds> limitOf(unsigned int seconds) noexcept {
+  if (seconds == 0) return std::nullopt;
+  return std::chrono::seconds(seconds);
 }
 
 // Installs callbacks on a store and puts the former ones back. OpenSSL has no setters for them on a
@@ -168,7 +176,8 @@ int Verifier::isValid() {
   ERR_clear_error();
   // First of all, so that an override which verifies again while it is asked for CRLs is refused as
   // a circle before it takes the context away from OpenSSL.
-  VerificationRun run(certificate, networkTime());
+  VerificationRun run(certificate, limitOf(state_->networkSeconds),
+                      limitOf(state_->processorSeconds));
   if (run.refusal() != nullptr) {
     error = X509_V_ERR_CRL_PATH_VALIDATION_ERROR;
     contextError(error);
@@ -224,6 +233,8 @@ void Verifier::parent(X509_STORE_CTX* outer) noexcept { state_->parent = outer; 
 
 void Verifier::maxNetworkTime(unsigned int seconds) noexcept { state_->networkSeconds = seconds; }
 
+void Verifier::maxTime(unsigned int seconds) noexcept { state_->processorSeconds = seconds; }
+
 unsigned int Verifier::currentCRLScore() const noexcept { return state_->currentCRLScore; }
 
 unsigned int Verifier::currentReasons() const noexcept { return state_->currentReasons; }
@@ -235,11 +246,6 @@ void Verifier::setCurrentCRL(unsigned int score, const RefCertificate& issuer,
   state_->currentCRLScore = score;
   state_->currentIssuer = issuer;
   state_->currentReasons = reasons;
-}
-
-std::optional<std::chrono::seconds> Verifier::networkTime() const noexcept {
-  if (state_->networkSeconds == 0) return std::nullopt;
-  return std::chrono::seconds(state_->networkSeconds);
 }
 
 int Verifier::contextError() const noexcept {

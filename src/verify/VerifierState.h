@@ -16,6 +16,7 @@ struct Verifier::State {
   bool used = false;  // the context has been through X509_verify_cert, which takes it only once
   bool remainingApplied = false;  // every CRL that is left for `lastCertificate` has counted
   unsigned int networkSeconds = 60;
+  unsigned int processorSeconds = 20;
   X509_STORE_CTX_cert_crl_fn certCRL = nullptr;  // what certCRLCallback stands in front of
   X509_STORE_CTX* parent = nullptr;              // borrowed
   unsigned int currentCRLScore = 0;

@@ -3,6 +3,7 @@
 #include "support/PrivateView.h"
 #include "support/Slapd.h"
 #include "unit/store/Model.h"
+#include "unit/verify/World.h"
 
 #include <pkx509/LDAPLookup.h>
 #include <pkx509/ObjectStore.h>
@@ -391,6 +392,40 @@ TEST_F(LDAPLookup, ServerThatIsDown_Throws) {
   const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
   Verifier verifier(store, handle(leaf), false);
   EXPECT_THROW(verifier.isValid(), Exception);
+}
+
+// The server is gone after the first search: whoever asks again is not told.
+TEST_F(LDAPLookup, OneVerification_SearchesOnceForEachBaseAndKind) {
+  Slapd directory;
+  const Issued root = issueCA("CN=Root");
+  directory.add({kTop, holder("cn=Root,o=Test", {{kAuthority, der(root.get())},
+                                                 {kCRL, der(makeCRL({.issuer = &root}).get())}})});
+  LDAPLookupMethod& method = attach(config(directory.uri()));
+  const std::string base("o=Test");
+  std::list<RefCertificate> certificates;
+  std::list<RefCertificateRevocationList> crls;
+  World world;
+  world.trust(root);
+  Probe verifier(world.store, handle(root), false);
+  verifier.onCheck = [&](const std::list<RefCertificate>&) {
+    EXPECT_FALSE(method.getBySubject(Object::TypeCertificate, base).empty());
+    method.getBySubject(base, crls);
+    directory.stop();
+    method.getBySubject(base, certificates);
+    method.getBySubject(base, crls);
+    EXPECT_EQ(certificates.size(), 1U);
+    EXPECT_EQ(crls.front()->native(), crls.back()->native());
+    EXPECT_FALSE(method.getBySubject(Object::TypeCertificate, base).empty());
+    EXPECT_EQ(heldByOpenSSL(store), 1U);
+    const RefObject first = method.getBySubject(Object::TypeCRL, base);
+    EXPECT_FALSE(first.empty());
+    EXPECT_EQ(heldByOpenSSL(store), 2U) << "what is found is still added";
+    EXPECT_THROW(method.getBySubject(std::string("cn=Root,o=Test"), crls), Exception);
+    return 1;
+  };
+  EXPECT_EQ(verifier.isValid(), X509_V_OK);
+  EXPECT_EQ(crls.size(), 2U);
+  EXPECT_THROW(method.getBySubject(base, crls), Exception);
 }
 
 TEST_F(LDAPLookup, Referral_IsNotFollowed) {

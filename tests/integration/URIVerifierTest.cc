@@ -432,6 +432,52 @@ TEST_F(URIVerification, LookUps_AreBoundedOverAllDistributionPoints) {
   EXPECT_EQ(linesOf(7, kLookupsSpent), 1U);
 }
 
+// The rest of a URI is not sent, so these ask for the same.
+TEST_F(URIVerification, EqualRequests_AreOneAndItsAnswerIsReadOnce) {
+  const FaultServer server(Scripts::answer(crlListing(leafWith({}))));
+  const std::string uri = server.url("/ca.crl");
+  World world;
+  world.trust(ca);
+  const Issued leaf = leafWith({uri, uri, uri + "?a", uri + "?b", uri + "#c"});
+  Verifier verifier(world.store, handle(leaf), false);
+  EXPECT_EQ(verifier.isValid(), X509_V_OK) << log.text();
+  EXPECT_EQ(server.connections().size(), 1U);
+  std::set<X509_CRL*> objects;
+  for (const RefObject& object : world.store->objects()) {
+    if (!object->crl.empty()) objects.insert(object->crl);
+  }
+  EXPECT_EQ(objects.size(), 1U);
+}
+
+TEST_F(URIVerification, OneCRLInTheCache_IsReadOnceForAllItsPoints) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const std::string uri = server.url("/ca.crl");
+  EXPECT_EQ(found(uri), Numbers{"7"});
+  World world;
+  world.trust(ca);
+  // Nobody signed it: no host is asked, and what is there costs no more for being named often.
+  const Issued leaf = leafWith({uri, uri, uri, uri}, {.badSignature = true});
+  EXPECT_EQ(Verifier(world.store, handle(leaf), false).isValid(),
+            X509_V_ERR_CERT_SIGNATURE_FAILURE);
+  std::set<X509_CRL*> objects;
+  for (const RefObject& object : world.store->objects()) {
+    if (!object->crl.empty()) objects.insert(object->crl);
+  }
+  EXPECT_EQ(objects.size(), 1U);
+  EXPECT_EQ(server.connections().size(), 1U);
+}
+
+// A second certificate may be about another host, which is asked for itself.
+TEST_F(URIVerification, RequestsThatFailed_AreNotMadeAgain) {
+  const FaultServer server(Scripts::notFound());
+  const FaultServer other(Scripts::notFound());
+  const std::string uri = server.url("/ca.crl");
+  EXPECT_EQ(verdict(leafWith({uri, uri, other.url("/ca.crl"), uri, server.url("/other.crl")})),
+            X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_EQ(server.connections().size(), 2U);
+  EXPECT_EQ(other.connections().size(), 1U);
+}
+
 TEST_F(URIVerification, NextVerification_StartsWithAllOfItsBounds) {
   const FaultServer server(
       Scripts::inTurn({Scripts::silence(), Scripts::answer(der(crl(7).get()))}));

@@ -4,7 +4,9 @@
 
 #include <openssl/x509.h>
 
+#include <ctime>
 #include <string_view>
+#include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -25,6 +27,20 @@ void sayThatItIsSpent(NetworkBudget::Resource spent) {
   }
 }
 
+// What this thread has used of the processor; none where a sandbox forbids the clock.
+std::optional<std::chrono::nanoseconds> processorTimeUsed() noexcept {
+  timespec now{};
+  if (clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now) != 0) return std::nullopt;
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+// What the outermost run has no more of: the run has fallen short, and the line is written once.
+bool refuse(bool& told, const char* line) {
+  Shortfall::note();
+  if (!std::exchange(told, true)) log(kPriorityInfo, line);
+  return false;
+}
+
 }  // namespace
 
 VerificationRun::VerificationRun(Shelter /*shelter*/) noexcept
@@ -33,18 +49,19 @@ VerificationRun::VerificationRun(Shelter /*shelter*/) noexcept
       level_(outer_ == nullptr ? 0 : outer_->level_),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(nullptr) {
-  begin({});
+  begin({}, {});
   currentRun = this;
 }
 
 VerificationRun::VerificationRun(const X509* target,
-                                 std::optional<NetworkBudget::Clock::duration> networkTime) noexcept
+                                 std::optional<NetworkBudget::Clock::duration> networkTime,
+                                 std::optional<std::chrono::nanoseconds> processorTime) noexcept
     : target_(target),
       outer_(currentRun),
       level_(outer_ == nullptr ? 1 : outer_->level_ + 1),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(judge()) {
-  begin(networkTime);
+  begin(networkTime, processorTime);
   currentRun = this;
 }
 
@@ -52,8 +69,13 @@ VerificationRun::~VerificationRun() { currentRun = outer_; }
 
 VerificationRun* VerificationRun::current() noexcept { return currentRun; }
 
-void VerificationRun::begin(std::optional<NetworkBudget::Clock::duration> networkTime) noexcept {
+void VerificationRun::begin(std::optional<NetworkBudget::Clock::duration> networkTime,
+                            std::optional<std::chrono::nanoseconds> processorTime) noexcept {
   if (outer_ != nullptr) return;
+  if (processorTime.has_value()) {
+    own_.processorEnd =
+        processorTimeUsed().value_or(std::chrono::nanoseconds::zero()) + *processorTime;
+  }
   own_.shortfall.emplace();
   own_.network.emplace(NetworkBudget::Limits{networkTime, kMaximumCRLBytes}, sayThatItIsSpent);
   installed_.emplace(*own_.network);
@@ -74,6 +96,7 @@ const char* VerificationRun::judge() noexcept {
 
 bool VerificationRun::admitLookup() {
   if (currentRun == nullptr) return true;
+  if (!admitStep()) return false;
   Totals& totals = *currentRun->totals_;
   if (totals.lookups < kMaximumLookups) {
     ++totals.lookups;
@@ -86,6 +109,28 @@ bool VerificationRun::admitLookup() {
         "Verifier: too many CRL look-ups, the rest of this verification finds no more CRLs");
   }
   return false;
+}
+
+bool VerificationRun::admitStep() {
+  if (currentRun == nullptr) return true;
+  Totals& totals = *currentRun->totals_;
+  if (!totals.processorEnd.has_value()) return true;
+  const std::optional<std::chrono::nanoseconds> used = processorTimeUsed();
+  if (used.has_value() && *used < *totals.processorEnd) return true;
+  return refuse(totals.processorTold,
+                "Verifier: the processor time is spent, the rest of this verification is left out");
+}
+
+bool VerificationRun::admitDecoding(std::size_t bytes) {
+  if (currentRun == nullptr) return true;
+  Totals& totals = *currentRun->totals_;
+  if (bytes <= kMaximumDecodedBytes - totals.decoded) {
+    totals.decoded += bytes;
+    return true;
+  }
+  return refuse(totals.decodedTold,
+                "Verifier: too many bytes of certificates and CRLs, the rest of this verification "
+                "reads no more");
 }
 
 X509* VerificationRun::known(const unsigned char* der, std::size_t length) {

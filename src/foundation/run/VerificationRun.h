@@ -14,8 +14,12 @@
 #include <chrono>
 #include <cstddef>
 #include <exception>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <typeindex>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -31,16 +35,19 @@ class VerificationRun {
   static constexpr unsigned int kMaximumLookups = 256;
   // The bytes of CRLs that one outermost run reads from the network.
   static constexpr std::size_t kMaximumCRLBytes = std::size_t{128} * 1024 * 1024;
+  // The bytes of certificates and CRLs, from whatever source, that one outermost run decodes.
+  static constexpr std::size_t kMaximumDecodedBytes = std::size_t{256} * 1024 * 1024;
 
   // Marks a frame that only parks exceptions, for OpenSSL calls of destructors. It is not counted.
   struct Shelter {};
 
   explicit VerificationRun(Shelter /*shelter*/) noexcept;
   // Enters a run on this thread. The target is borrowed and outlives the run; it may be null. The
-  // limit of an outermost run holds for all that are nested in it, whatever theirs: the outermost
-  // run installs the thread's network budget.
+  // limits of an outermost run hold for all that are nested in it, whatever theirs: the outermost
+  // run installs the thread's network budget. No limit on processor time: none is looked at.
   explicit VerificationRun(const X509* target,
-                           std::optional<NetworkBudget::Clock::duration> networkTime = {}) noexcept;
+                           std::optional<NetworkBudget::Clock::duration> networkTime = {},
+                           std::optional<std::chrono::nanoseconds> processorTime = {}) noexcept;
   ~VerificationRun();
   VerificationRun(const VerificationRun&) = delete;
   VerificationRun& operator=(const VerificationRun&) = delete;
@@ -56,6 +63,21 @@ class VerificationRun {
   // then to find nothing, and the run has fallen short. The first refusal is logged. Always true
   // outside a run.
   static bool admitLookup();
+
+  // Whether there is processor time left for another step. False when the outermost run has used up
+  // its share: the step is then left out, and the run has fallen short. To be asked between steps
+  // whose number a stranger decides. The first refusal is logged. Always true outside a run.
+  static bool admitStep();
+
+  // Counts bytes that are about to be decoded. False when the outermost run has used up its share:
+  // they are then to be left alone, and the run has fallen short. The first refusal is logged.
+  // Always true outside a run.
+  static bool admitDecoding(std::size_t bytes);
+
+  // What a room keeps for as long as the outermost run of this thread lasts, a T for each T; made
+  // when it is first asked for. Null outside a run.
+  template <class T>
+  static T* kept();
 
   // Makes certificates known to the run, so that reading one of them again costs no second
   // decoding; decoding the key is the dearest step of making a certificate. The X509s are borrowed
@@ -82,6 +104,11 @@ class VerificationRun {
   struct Totals {
     unsigned int nested = 0;
     unsigned int lookups = 0;
+    std::size_t decoded = 0;
+    bool decodedTold = false;
+    std::optional<std::chrono::nanoseconds> processorEnd;  // by the thread's processor clock
+    bool processorTold = false;
+    std::map<std::type_index, std::shared_ptr<void>> kept;
     std::optional<Shortfall::Watch> shortfall;
     std::optional<NetworkBudget> network;
   };
@@ -92,7 +119,8 @@ class VerificationRun {
   };
 
   // On the outermost run only: what is bounded and watched for all of them.
-  void begin(std::optional<NetworkBudget::Clock::duration> networkTime) noexcept;
+  void begin(std::optional<NetworkBudget::Clock::duration> networkTime,
+             std::optional<std::chrono::nanoseconds> processorTime) noexcept;
   const char* judge() noexcept;
 
   const X509* target_;
@@ -105,6 +133,15 @@ class VerificationRun {
   std::exception_ptr parked_;
   std::vector<Known> known_;
 };
+
+template <class T>
+T* VerificationRun::kept() {
+  VerificationRun* const run = current();
+  if (run == nullptr) return nullptr;
+  std::shared_ptr<void>& slot = run->totals_->kept[std::type_index(typeid(T))];
+  if (slot == nullptr) slot = std::make_shared<T>();
+  return static_cast<T*>(slot.get());
+}
 
 // The one shape of every callback that OpenSSL gets from us: nothing is done once an exception is
 // parked, and none leaves while a run goes on. Outside a run it passes to the caller unchanged.

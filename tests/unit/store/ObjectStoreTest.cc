@@ -754,17 +754,61 @@ TEST(ObjectStore, CRLLookupsOfOneVerification_EndWithTheLimit) {
     const VerificationRun run(static_cast<const X509*>(nullptr));
     CRLs out;
     for (int i = 0; i < 200; ++i) store->find(modelName("CN=Root"), out);
-    EXPECT_EQ(events.size(), 256U) << "one for each name and source";
-    EXPECT_EQ(out.size(), 128U);
+    EXPECT_EQ(events.size(), 2U) << "each source is asked once";
+    EXPECT_EQ(out.size(), 128U) << "each use of its answer counts";
     EXPECT_EQ(log.lines().size(), 1U) << log.text();
     Certificates certificates;
-    store->find(modelName("CN=Root"), certificates);
-    EXPECT_EQ(events.size(), 258U) << "certificates are not limited";
+    for (int i = 0; i < 3; ++i) store->find(modelName("CN=Root"), certificates);
+    EXPECT_EQ(events.size(), 4U) << "certificates are not limited, and asked for once as well";
   }
   events.clear();
   CRLs out;
-  store->find(modelName("CN=Root"), out);
-  EXPECT_EQ(events.size(), 2U) << "outside a verification nothing is counted";
+  for (int i = 0; i < 2; ++i) store->find(modelName("CN=Root"), out);
+  EXPECT_EQ(events.size(), 4U) << "outside a verification nothing is counted or shared";
+}
+
+TEST(ObjectStore, EqualNamesInOneVerification_ShareOneAnswer) {
+  Events events;
+  const Issued root = issueCA("CN=Root");
+  const Source source("Source", &events);
+  source->crls = {crlHandle({.issuer = &root})};
+  RefObjectStore store = emptyStore();
+  store->add(source.handle);
+  events.clear();
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  CRLs out;
+  for (const char* const name : {"CN=Root", "CN=ROOT", "CN=root "}) {
+    store->find(modelName(name), out);
+  }
+  EXPECT_EQ(events, (Events{"Source: crls CN=Root"}));
+  ASSERT_EQ(out.size(), 3U);
+  EXPECT_EQ(out.front()->native(), out.back()->native()) << "the same object, not read again";
+  EXPECT_EQ(store->objects().size(), 3U);
+  {
+    const VerificationRun nested(static_cast<const X509*>(nullptr));
+    const RefObjectStore clone = store->clone();
+    events.clear();
+    clone->find(modelName("CN=Root"), out);
+    EXPECT_TRUE(events.empty());
+    EXPECT_EQ(out.size(), 4U);
+  }
+  store->find(modelName("CN=Other"), out);
+  EXPECT_EQ(events.back(), "Source: crls CN=Other");
+}
+
+TEST(ObjectStore, IssuersInOneVerification_AreLookedForOnce) {
+  const TempDir directory;
+  const Issued root = issueCA("CN=Root");
+  RefObjectStore store(directory.string(), X509_FILETYPE_PEM);
+  const RefCertificateRevocationList crl = crlHandle({.issuer = &root});
+  unsigned int score = 0;
+  {
+    const VerificationRun run(static_cast<const X509*>(nullptr));
+    EXPECT_TRUE(store->findIssuer(crl, score).empty());
+    addToDirectory(directory.path(), root.get());
+    EXPECT_TRUE(store->clone()->findIssuer(crl, score).empty());
+  }
+  EXPECT_FALSE(store->findIssuer(crl, score).empty());
 }
 
 // ---------------------------------------------------------------------------------------- lifetime

@@ -1,3 +1,4 @@
+#include "foundation/run/VerificationRun.h"
 #include "support/LogCapture.h"
 #include "unit/verify/World.h"
 
@@ -279,7 +280,7 @@ TEST_F(LookupBoundTest, DirectoryCountsAsASource) {
   };
   // Nothing failed but the bound, and that is enough.
   EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
-  EXPECT_EQ(world.source->crlQueries, 128);
+  EXPECT_EQ(world.source->crlQueries, 1) << "the answer is shared, and each use of it counted";
   EXPECT_EQ(log.count(kTooMany), 1U);
 }
 
@@ -313,6 +314,38 @@ TEST_F(LookupBoundTest, RevocationBehindTheLastLookup_IsNeverValid) {
     EXPECT_EQ(verdict(withNames(names)), X509_V_ERR_UNABLE_TO_GET_CRL) << names;
   }
   EXPECT_EQ(Verifier(world.store, handle(last), true).isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
+}
+
+// The look-up that tells of the CA's revocation comes after the processor time is used up.
+TEST_F(LookupBoundTest, RevocationBehindTheProcessorTime_IsNeverValid) {
+  const Issued sub = ca("O=Test,CN=Sub");
+  world.publish({.issuer = &sub});
+  auto* const second = new MemorySource;
+  world.store->add(RefLookupMethod(second));
+  second->crls.push_back(
+      crlHandle({.issuer = &root, .number = Serial(2), .revoked = {{.serial = sub, .reason = 1}}}));
+  const Issued leaf = issue({.subject = "O=Test,CN=Person", .issuer = &sub});
+  EXPECT_EQ(verdict(leaf), kRevoked);
+  log.clear();
+
+  world.source->onQuery = [&](Query query, const DistinguishedName& name) {
+    // Until the second source would be asked for the root's CRLs.
+    if (query != Query::CRLs || name != handle(root)->subject()) return;
+    while (VerificationRun::admitStep()) {
+    }
+  };
+  for (const bool useOpenSSL : {false, true}) {
+    Verifier verifier(world.store, handle(leaf), useOpenSSL);
+    verifier.maxTime(1);
+    EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL) << useOpenSSL;
+  }
+  EXPECT_EQ(log.count("Verifier: the processor time is spent"), 2U);
+}
+
+TEST_F(LookupBoundTest, ProcessorTimeOfZero_IsNoBound) {
+  Verifier verifier(world.store, handle(person(std::vector<Point>())), false);
+  verifier.maxTime(0);
+  EXPECT_EQ(verifier.isValid(), 0);
 }
 
 // The next verification has all of its look-ups again, also of the same verifier; the failure of

@@ -6,6 +6,7 @@
 #include <velantrix/CertificateFactory.h>
 
 #include <chrono>
+#include <functional>
 #include <gtest/gtest.h>
 #include <limits>
 #include <list>
@@ -120,6 +121,85 @@ TEST(VerificationRun, Lookups_AreCountedOverAllRunsAndRefusedWithOneLine) {
 
 TEST(VerificationRun, LookupsOutsideARun_AreNotCounted) {
   for (int i = 0; i < 1000; ++i) EXPECT_TRUE(VerificationRun::admitLookup());
+}
+
+/// Keeps the processor busy for as long as the condition holds.
+void busyWhile(const std::function<bool()>& condition) {
+  while (condition()) {
+  }
+}
+
+TEST(VerificationRun, ProcessorTime_IsOneForAllRunsAndRefusedWithOneLine) {
+  const LogCapture log;
+  const VerificationRun outermost(nullptr, {}, 20ms);
+  EXPECT_TRUE(VerificationRun::admitStep());
+  EXPECT_TRUE(VerificationRun::admitLookup());
+  EXPECT_FALSE(outermost.fellShort());
+  {
+    // Its own limit would be longer.
+    const VerificationRun nested(nullptr, {}, 1h);
+    busyWhile([] { return VerificationRun::admitStep(); });
+    EXPECT_TRUE(nested.fellShort());
+  }
+  EXPECT_FALSE(VerificationRun::admitStep());
+  EXPECT_FALSE(VerificationRun::admitLookup());
+  EXPECT_TRUE(outermost.fellShort());
+  EXPECT_EQ(log.text(),
+            "6 Verifier: the processor time is spent, the rest of this verification is left out\n");
+}
+
+TEST(VerificationRun, TimeThatIsWaited_IsNoProcessorTime) {
+  const VerificationRun run(nullptr, {}, 200ms);
+  const auto end = std::chrono::steady_clock::now() + 300ms;
+  while (std::chrono::steady_clock::now() < end) std::this_thread::sleep_until(end);
+  EXPECT_TRUE(VerificationRun::admitStep());
+}
+
+TEST(VerificationRun, WithoutALimitOrARun_ProcessorTimeIsNotLookedAt) {
+  EXPECT_TRUE(VerificationRun::admitStep());
+  const VerificationRun run(nullptr);
+  EXPECT_TRUE(VerificationRun::admitStep());
+  const VerificationRun none(nullptr, {}, 0ns);
+  EXPECT_TRUE(VerificationRun::admitStep()) << "the outermost run's limit holds";
+}
+
+TEST(VerificationRun, DecodedBytes_AreCountedOverAllRunsAndRefusedWithOneLine) {
+  constexpr std::size_t kHalf = std::size_t{128} * 1024 * 1024;
+  EXPECT_TRUE(VerificationRun::admitDecoding(kHalf * 4));
+  const LogCapture log;
+  const VerificationRun outermost(nullptr);
+  EXPECT_FALSE(VerificationRun::admitDecoding(std::numeric_limits<std::size_t>::max()));
+  EXPECT_TRUE(outermost.fellShort());
+  const VerificationRun nested(nullptr);
+  EXPECT_TRUE(VerificationRun::admitDecoding(kHalf));
+  EXPECT_TRUE(VerificationRun::admitDecoding(kHalf));
+  EXPECT_TRUE(VerificationRun::admitDecoding(0));
+  EXPECT_FALSE(VerificationRun::admitDecoding(1));
+  EXPECT_EQ(log.text(),
+            "6 Verifier: too many bytes of certificates and CRLs, the rest of this verification "
+            "reads no more\n");
+}
+
+struct Kept {
+  int value = 0;
+};
+
+TEST(VerificationRun, WhatIsKept_LastsAsLongAsTheOutermostRun) {
+  EXPECT_EQ(VerificationRun::kept<Kept>(), nullptr);
+  {
+    const VerificationRun outermost(nullptr);
+    {
+      const VerificationRun nested(nullptr);
+      ASSERT_NE(VerificationRun::kept<Kept>(), nullptr);
+      VerificationRun::kept<Kept>()->value = 7;
+    }
+    EXPECT_EQ(VerificationRun::kept<Kept>()->value, 7);
+    Kept* other = VerificationRun::kept<Kept>();
+    std::thread([&other] { other = VerificationRun::kept<Kept>(); }).join();
+    EXPECT_EQ(other, nullptr);
+  }
+  const VerificationRun next(nullptr);
+  EXPECT_EQ(VerificationRun::kept<Kept>()->value, 0);
 }
 
 TEST(VerificationRun, Shelter_IsNeitherALevelNorCounted) {
