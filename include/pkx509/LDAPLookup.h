@@ -47,6 +47,10 @@ namespace Velantrix::Crypto::PKX509 {
 /// **Bounds.** Connecting may take 10 seconds, a bind 10, an answer 30; 1,000 entries and 16 MiB
 /// are taken of it, and a line in the log says when there was more. See `LDAPConnection`.
 ///
+/// **During a verification** the list forms ask the server only while a trust anchor vouches for
+/// the certificate that is being checked, and find nothing otherwise; see `Verifier`. The
+/// single-object queries, with which OpenSSL builds the path, are made for anybody's names.
+///
 /// **Nothing found** is what a base that does not exist gives, one that the server cannot make
 /// sense of, one that another server holds, and an empty one that a certificate without a name
 /// asks for (which would search the whole directory, and is not asked). Errors are thrown: a server

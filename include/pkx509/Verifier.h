@@ -56,9 +56,11 @@ namespace Velantrix::Crypto::PKX509 {
 /// an answer are not compared with the clock (see `OCSP::Client`).
 ///
 /// **The network.** Revocation is checked before signatures, so before a host is reached for a
-/// certificate (OCSP, a CRL by URI) its signature is verified with the key of the next one in the
-/// chain; for a forgery every host counts as unreachable. `maxNetworkTime()` bounds the time that
-/// one verification spends on the network, and 128 MiB the bytes of CRLs that it fetches.
+/// certificate (OCSP, a CRL by URI, what LDAP has for a name in it) every signature from it up to
+/// the trust anchor is verified; for a forgery, and for all below one, every host counts as
+/// unreachable. The anchor is the end of the chain if it comes from the store: a verification
+/// callback that lets an untrusted end pass makes nobody vouched for. `maxNetworkTime()` bounds the
+/// time that one verification spends on the network, and 128 MiB the bytes of CRLs that it fetches.
 ///
 /// **Bounds.** The issuer of a CRL may need a verification of its own. A nested verification fails
 /// with `X509_V_ERR_CRL_PATH_VALIDATION_ERROR` (54) when an enclosing one is about the same
@@ -127,7 +129,8 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   /// Gathers every CRL that may speak about @p certificate: through its distribution points when it
   /// has some, else by its issuer's name from the machine's CRL directory and the store.
   virtual void getCRLs(const RefCertificate& certificate, CRLContainer& container);
-  /// Checks the certificates of a chain for revocation, leaf first.
+  /// Checks the certificates of a chain for revocation, leaf first. Hosts are contacted for a list
+  /// that is not the lower end of the context's chain only if the store has the list's end.
   /// @return OpenSSL's convention: 1 to go on, 0 when one failed; the context then holds error and
   ///         depth
   virtual int checkRevocationStatus(const std::list<RefCertificate>& chain);
@@ -206,9 +209,6 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   void prepareAgain();
   bool applyRemaining(X509* x);
   int checkChain();
-  // The next certificate of the chain that OpenSSL built, borrowed; null for the chain's end, which
-  // is trusted, and `x` itself where it is not in the chain.
-  X509* signerOf(X509* x) const noexcept;
   bool addCandidate(CRLContainer& container, const RefCertificate& certificate,
                     const RefCertificateRevocationList& crl, const RefCRLDistributionPoint& point);
 

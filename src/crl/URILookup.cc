@@ -3,8 +3,8 @@
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/NetworkBudget.h"
 #include "foundation/net/http/HTTPAccess.h"
+#include "foundation/run/ConnectionSubject.h"
 #include "store/LookupMemory.h"
-#include "verify/ConnectionSubject.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>

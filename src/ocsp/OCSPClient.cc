@@ -4,8 +4,8 @@
 #include "foundation/base/Log.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/ConnectionSubject.h"
 #include "verify/CheckTime.h"
-#include "verify/ConnectionSubject.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/OCSP.h>

@@ -1,6 +1,7 @@
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/ldap/LDAPSearch.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/ConnectionSubject.h"
 #include "foundation/run/VerificationRun.h"
 #include "store/LookupMemory.h"
 
@@ -90,13 +91,18 @@ void readObjects(Object::Type type, const std::list<Buffer>& values, std::list<R
   }
 }
 
+// OpenSSL's look-ups, while it builds a path, are made for anybody; those of the revocation check only
+// for whom connections are opened.
+enum class AskedBy { kPath, kRevocation };
+
 // What the directory has under the base. A verification asks once for each base and kind, whichever
 // of the queries below comes first.
 std::list<RefObject> objectsBelow(const LookupMethod& method,
                                   const LDAPLookupMethod::Config& config, Object::Type type,
-                                  const std::string& base) {
+                                  const std::string& base, AskedBy asker) {
   std::list<RefObject> objects;
   askOnce(&method, std::to_string(type) + ' ' + base, objects, [&](std::list<RefObject>& found) {
+    if (asker == AskedBy::kRevocation && !connectionAdmitted()) return false;
     std::list<Buffer> values;
     s_addAttributes(config, type, base, "", values);
     readObjects(type, values, found);
@@ -148,7 +154,7 @@ void LDAPLookupMethod::getBySubject(const DistinguishedName& issuer,
 }
 
 RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& base) {
-  const std::list<RefObject> objects = objectsBelow(*this, config(), type, base);
+  const std::list<RefObject> objects = objectsBelow(*this, config(), type, base, AskedBy::kPath);
   if (objects.empty()) return RefObject();
   if (objectStore != nullptr) {
     for (const RefObject& object : objects) addTo(*objectStore, object);
@@ -157,14 +163,16 @@ RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& b
 }
 
 void LDAPLookupMethod::getBySubject(const std::string& base, std::list<RefCertificate>& out) {
-  for (const RefObject& object : objectsBelow(*this, config(), Object::TypeCertificate, base)) {
+  for (const RefObject& object :
+       objectsBelow(*this, config(), Object::TypeCertificate, base, AskedBy::kRevocation)) {
     out.push_back(object->certificate);
   }
 }
 
 void LDAPLookupMethod::getBySubject(const std::string& base,
                                     std::list<RefCertificateRevocationList>& out) {
-  for (const RefObject& object : objectsBelow(*this, config(), Object::TypeCRL, base)) {
+  for (const RefObject& object :
+       objectsBelow(*this, config(), Object::TypeCRL, base, AskedBy::kRevocation)) {
     out.push_back(object->crl);
   }
 }

@@ -3,7 +3,6 @@
 #include "foundation/base/Log.h"
 #include "foundation/run/VerificationRun.h"
 #include "store/LookupMemory.h"
-#include "verify/ConnectionSubject.h"
 #include "verify/FailureText.h"
 #include "verify/VerifierState.h"
 
@@ -16,6 +15,7 @@
 #include <openssl/x509v3.h>
 
 #include <iterator>
+#include <optional>
 #include <string>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -59,16 +59,16 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
   // Set once for the whole chain: after one good OCSP answer no later certificate is checked
   // against CRLs. It is meant so.
   bool needCrlCheck = true;
+  // Mostly the chain that OpenSSL built, or its lower end. Another list is its maker's.
+  std::optional<VouchedChain> own;
+  if (!state_->vouchedChain().beginsWith(chain)) own.emplace(chain, state_->context.get());
   int depth = -1;
   for (auto position = chain.begin(); position != chain.end(); ++position) {
     ++depth;
     const RefCertificate& current = *position;
-    const auto next = std::next(position);
-    if (next == chain.end() && current->isSelfSigned()) continue;
+    if (std::next(position) == chain.end() && current->isSelfSigned()) continue;
 
-    // The list ends with the leaf where only that is checked.
-    const ConnectionSubject subject(
-        current, next == chain.end() ? signerOf(current->native()) : next->get()->native());
+    const ChainSubject subject(current, own.has_value() ? *own : state_->vouchedChain());
     int answer = OCSP::kNoAnswer;
     const RefAuthorityInformationAccess aia(current->find(authorityInformationAccess()));
     if (!aia.empty()) {

@@ -1,7 +1,6 @@
 #include "foundation/base/Log.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
-#include "verify/ConnectionSubject.h"
 #include "verify/FailureText.h"
 #include "verify/VerifierState.h"
 
@@ -216,15 +215,6 @@ void Verifier::policy(const ASN1::RefObjectIdentifier& oid) {
   }
 }
 
-X509* Verifier::signerOf(X509* x) const noexcept {
-  const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(state_->context.get());
-  const int count = chain == nullptr ? 0 : sk_X509_num(chain);
-  for (int i = 0; i < count; ++i) {
-    if (sk_X509_value(chain, i) == x) return i + 1 < count ? sk_X509_value(chain, i + 1) : nullptr;
-  }
-  return x;
-}
-
 Verifier::operator X509_STORE_CTX*() const noexcept { return state_->context.get(); }
 
 X509_STORE_CTX* Verifier::parent() const noexcept { return state_->parent; }
@@ -280,7 +270,7 @@ int Verifier::getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x) {
   return guardedCallback(0, [&] {
     Verifier* const verifier = of(context);
     if (verifier == nullptr) return 0;
-    const ConnectionSubject subject(x, verifier->signerOf(x));
+    const ChainSubject subject(x, verifier->state_->vouchedChain());
     const RefCertificateRevocationList found = verifier->getCRL(CertificateFactory()(x, false));
     X509_CRL* const native = found;
     // OpenSSL frees what it is given.

@@ -2,15 +2,24 @@
 #pragma once
 
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "verify/VouchedChain.h"
 
 #include <pkx509/Verifier.h>
 
 #include <openssl/x509_vfy.h>
 
+#include <optional>
+
 namespace Velantrix::Crypto::PKX509 {
 
 struct Verifier::State {
   explicit State(bool openSSLRevocation) noexcept : useOpenSSLRevocation(openSSLRevocation) {}
+
+  // How far the chain that OpenSSL has built in the context is vouched for.
+  VouchedChain& vouchedChain() {
+    if (!vouched.has_value() || !vouched->isOf(context.get())) vouched.emplace(context.get());
+    return *vouched;
+  }
 
   const bool useOpenSSLRevocation;
   bool used = false;  // the context has been through X509_verify_cert, which takes it only once
@@ -22,6 +31,7 @@ struct Verifier::State {
   unsigned int currentCRLScore = 0;
   unsigned int currentReasons = 0;
   RefCertificate currentIssuer;
+  std::optional<VouchedChain> vouched;
   Owned<X509_STORE_CTX> context;
 };
 

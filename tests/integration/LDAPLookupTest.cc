@@ -1,4 +1,5 @@
 // LDAPLookupMethod against OpenLDAP's server.
+#include "integration/ConnectWatch.h"
 #include "support/LogCapture.h"
 #include "support/PrivateView.h"
 #include "support/Slapd.h"
@@ -669,6 +670,48 @@ TEST_F(LDAPLookup, ChainAndRevocation_EverythingFromTheDirectory) {
   const Issued stranger = issueCA("C=DE,CN=Stranger");
   EXPECT_EQ(verdict(issue({.subject = "CN=Leaf", .issuer = &stranger})),
             X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
+}
+
+// The names that are looked up while revocation is checked are strangers' as long as nobody vouches
+// for the certificate that they stand in.
+TEST_F(LDAPLookup, ForgedChain_TheDirectoryIsNotAskedForItsCRLs) {
+  Slapd directory;
+  const Issued root = issueCA("O=Test,CN=Root");
+  const auto chain = [&](const std::shared_ptr<EVP_PKEY>& signer) {
+    const Issued inter =
+        issue({.subject = "O=Test,CN=Inter", .issuer = &root, .ca = true, .signer = signer});
+    return std::pair(issue({.subject = "CN=Leaf", .issuer = &inter}), inter);
+  };
+  const auto [genuine, inter] = chain(root.key);
+  const auto [forged, fake] = chain(makeKey());
+  directory.add({kTop,
+                 holder("cn=Root,o=Test", {{kAuthority, der(root.get())},
+                                           {kCRL, der(makeCRL({.issuer = &root}).get())}}),
+                 holder("cn=Inter,o=Test", {{kAuthority, der(inter.get())},
+                                            {kCRL, der(makeCRL({.issuer = &inter}).get())}})});
+  const auto verdict = [&](const Issued& leaf, const Issued& issuer, bool useOpenSSL) {
+    RefObjectStore fresh("/nonexistent/pkx509-test", X509_FILETYPE_PEM);
+    auto* const method = new LDAPLookupMethod(config(directory.uri()));
+    fresh->add(RefLookupMethod(method));
+    method->store(fresh);
+    X509_STORE_add_cert(fresh, root.get());
+    const RefStackOfCertificate untrusted({handle(issuer)});
+    return Verifier(fresh, handle(leaf), untrusted, useOpenSSL).isValid();
+  };
+  for (const bool useOpenSSL : {false, true}) {
+    SCOPED_TRACE(useOpenSSL);
+    log.clear();
+    {
+      const ConnectWatch watch;
+      EXPECT_EQ(verdict(genuine, inter, useOpenSSL), X509_V_OK) << log.text();
+      EXPECT_FALSE(watch.ports().empty());
+    }
+    const ConnectWatch watch;
+    EXPECT_EQ(verdict(forged, fake, useOpenSSL), X509_V_ERR_UNABLE_TO_GET_CRL) << log.text();
+    // While the path is built, OpenSSL asks for the issuer of the leaf, and no more.
+    EXPECT_LE(watch.ports().size(), 1U);
+    EXPECT_EQ(log.count("no trust anchor vouches for: CN=Leaf"), 1U) << log.text();
+  }
 }
 
 TEST_F(LDAPLookup, SelfSignedCertificateOfTheDirectory_IsATrustAnchor) {

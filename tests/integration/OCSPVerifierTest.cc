@@ -245,8 +245,8 @@ TEST_F(OCSPVerification, ForgedLeaf_NobodyIsConnectedTo) {
   const ConnectWatch watch;
   EXPECT_EQ(verdict(forged), X509_V_ERR_CERT_SIGNATURE_FAILURE);
   EXPECT_TRUE(watch.ports().empty());
-  EXPECT_EQ(log.count("Verifier: no connection is made for a certificate that its issuer did not "
-                      "sign: CN=Forged,O=Test"),
+  EXPECT_EQ(log.count("Verifier: no connection is made for a certificate that no trust anchor "
+                      "vouches for: CN=Forged,O=Test"),
             1U)
       << log.text();
   EXPECT_EQ(log.lines().at(0).priority, 6);
@@ -272,9 +272,7 @@ TEST_F(OCSPVerification, ForgersWords_StayOneLineOfTheLog) {
   }
 }
 
-TEST_F(OCSPVerification, ForgedIntermediate_OnlyTheLeafsResponderIsConnectedTo) {
-  const ReservedPort port;
-  const std::string refused = "http://127.0.0.1:" + port.text() + "/";
+TEST_F(OCSPVerification, ForgedIntermediate_NobodyIsConnectedToForWhatIsBelowItEither) {
   const FaultServer server(answering(good()));
   const Issued inter =
       naming({server.url()},
@@ -282,11 +280,35 @@ TEST_F(OCSPVerification, ForgedIntermediate_OnlyTheLeafsResponderIsConnectedTo) 
   world.trust(inter);
   world.publish({.issuer = &inter});
   world.publish({.issuer = &root});
-  const Issued leaf = naming({refused}, {.subject = "O=Test,CN=Leaf", .issuer = &inter});
+  const Issued leaf = naming({server.url()}, {.subject = "O=Test,CN=Leaf", .issuer = &inter});
   const ConnectWatch watch;
   EXPECT_EQ(verdict(leaf), X509_V_ERR_CERT_SIGNATURE_FAILURE) << log.text();
-  EXPECT_EQ(watch.ports(), std::vector<std::uint16_t>{port.number()});
-  EXPECT_EQ(log.count("no connection is made"), 1U) << log.text();
+  EXPECT_TRUE(watch.ports().empty());
+  EXPECT_EQ(log.count("no trust anchor vouches for: CN=Leaf,O=Test"), 1U) << log.text();
+  EXPECT_EQ(log.count("no trust anchor vouches for: CN=Inter,O=Test"), 1U) << log.text();
+}
+
+// All that came in one mail: the CA is made with the sender's key, and has the name of the root
+// over it, which never signed anything.
+TEST_F(OCSPVerification, ChainOfAForgedCA_NobodyIsConnectedTo) {
+  const FaultServer server(answering(good()));
+  const std::shared_ptr<EVP_PKEY> strangers = makeKey();
+  const auto chain = [&](const std::shared_ptr<EVP_PKEY>& signer) {
+    const Issued inter =
+        naming({server.url()},
+               {.subject = "O=Test,CN=Inter", .issuer = &root, .ca = true, .signer = signer});
+    return std::pair(naming({server.url()}, {.subject = "O=Test,CN=Leaf", .issuer = &inter}),
+                     inter);
+  };
+  const ConnectWatch watch;
+  const auto [leaf, inter] = chain(strangers);
+  EXPECT_EQ(Verifier(world.store, handle(leaf), stackOf({inter}), false).isValid(), kNoCRL);
+  EXPECT_TRUE(watch.ports().empty()) << log.text();
+  EXPECT_EQ(log.count("no trust anchor vouches for: CN=Leaf,O=Test"), 1U) << log.text();
+  // With the root's signature the responder is asked, about each of the two.
+  const auto [genuine, between] = chain(root.key);
+  EXPECT_EQ(Verifier(world.store, handle(genuine), stackOf({between}), false).isValid(), 0);
+  EXPECT_EQ(watch.ports().size(), 2U) << log.text();
 }
 
 // --- Bounds.
