@@ -27,6 +27,10 @@ namespace Velantrix {
 /// **Threads.** Lines come from every thread that verifies, at the same time. An override must cope
 /// with that; the default does.
 ///
+/// **How many.** A verification writes at most 200 lines, then one that says so and, when it ends,
+/// one that says how many were left out; with the lines that say what is not valid, and why, there
+/// may be a few more.
+///
 /// **Failure.** A line that cannot be written is lost and nothing else happens: what a logger
 /// throws while the library logs is swallowed, because logging must not change a verdict.
 class PKX509_EXPORT Logger : NonCopyable {

@@ -1,5 +1,7 @@
 #include "verify/FailureText.h"
 
+#include "foundation/base/Log.h"
+
 #include <velantrix/Exception.h>
 
 #include <openssl/x509_vfy.h>
@@ -21,6 +23,12 @@ std::string failureText(const RefCertificate& certificate, int error) {
   }
   text << ") is not valid, " << X509_verify_cert_error_string(error);
   return text.str();
+}
+
+void logFailure(const RefCertificate& certificate, int error, std::string_view detail) {
+  std::string text = failureText(certificate, error);
+  if (!detail.empty()) text.append(": ").append(detail);
+  logAlways(kPriorityDebug, text);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -97,7 +97,7 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
     }
     const int code = contextError();
     if (code != X509_V_OK) {
-      log(kPriorityDebug, failureText(current, code));
+      logFailure(current, code);
       X509_STORE_CTX_set_error_depth(state_->context.get(), depth);
       return 0;
     }

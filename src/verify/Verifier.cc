@@ -1,4 +1,3 @@
-#include "foundation/base/Log.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
 #include "verify/FailureText.h"
@@ -180,7 +179,7 @@ int Verifier::isValid() {
   if (run.refusal() != nullptr) {
     error = X509_V_ERR_CRL_PATH_VALIDATION_ERROR;
     contextError(error);
-    log(kPriorityDebug, failureText(certificate, error) + ": " + run.refusal());
+    logFailure(certificate, error, run.refusal());
     return error;
   }
   if (state_->used) prepareAgain();
@@ -194,9 +193,9 @@ int Verifier::isValid() {
   } else if (run.fellShort() && error == X509_V_OK) {
     error = X509_V_ERR_UNABLE_TO_GET_CRL;
     contextError(error);
-    log(kPriorityDebug, failureText(certificate, error) +
-                            ": something that all of the verification shares ran out before its "
-                            "revocation was settled");
+    logFailure(certificate, error,
+               "something that all of the verification shares ran out before its revocation was "
+               "settled");
   }
   return error;
 }
@@ -260,8 +259,7 @@ int Verifier::verifyCallback(int ok, X509_STORE_CTX* context) {
     if (code == X509_V_ERR_UNABLE_TO_GET_CRL && X509_STORE_CTX_get_get_crl(context) == nullptr) {
       return ok;
     }
-    log(kPriorityDebug,
-        failureText(CertificateFactory()(X509_STORE_CTX_get0_cert(context), false), code));
+    logFailure(CertificateFactory()(X509_STORE_CTX_get0_cert(context), false), code);
     return ok;
   });
 }

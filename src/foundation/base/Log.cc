@@ -1,5 +1,6 @@
 #include "foundation/base/Log.h"
 
+#include "foundation/base/LogBudget.h"
 #include "foundation/base/LogFormat.h"
 #include "foundation/base/Text.h"
 
@@ -18,6 +19,10 @@ void writeLine(int priority, const char* text) {
 }  // namespace
 
 void log(int priority, std::string_view text) noexcept {
+  if (LogBudget::admitLine()) logAlways(priority, text);
+}
+
+void logAlways(int priority, std::string_view text) noexcept {
   const int callersErrno = errno;
   try {
     writeLine(priority, escapeControls(text, kMaxLogText).c_str());
@@ -28,6 +33,7 @@ void log(int priority, std::string_view text) noexcept {
 }
 
 void logMisplaced(std::string_view) noexcept {
+  if (!LogBudget::admitLine()) return;
   const int callersErrno = errno;
   try {
     writeLine(0, "");

@@ -76,6 +76,7 @@ void VerificationRun::begin(std::optional<NetworkBudget::Clock::duration> networ
     own_.processorEnd =
         processorTimeUsed().value_or(std::chrono::nanoseconds::zero()) + *processorTime;
   }
+  own_.lines.emplace(kMaximumLines);
   own_.shortfall.emplace();
   own_.network.emplace(NetworkBudget::Limits{networkTime, kMaximumCRLBytes}, sayThatItIsSpent);
   installed_.emplace(*own_.network);

@@ -6,6 +6,7 @@
 // certificate that the CRL speaks about is; the runs of one thread form a stack.
 #pragma once
 
+#include "foundation/base/LogBudget.h"
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/NetworkBudget.h"
 
@@ -37,6 +38,8 @@ class VerificationRun {
   static constexpr std::size_t kMaximumCRLBytes = std::size_t{128} * 1024 * 1024;
   // The bytes of certificates and CRLs, from whatever source, that one outermost run decodes.
   static constexpr std::size_t kMaximumDecodedBytes = std::size_t{256} * 1024 * 1024;
+  // The lines that one outermost run logs, beside those that say what is not valid and why.
+  static constexpr unsigned int kMaximumLines = 200;
 
   // Marks a frame that only parks exceptions, for OpenSSL calls of destructors. It is not counted.
   struct Shelter {};
@@ -109,6 +112,7 @@ class VerificationRun {
     std::optional<std::chrono::nanoseconds> processorEnd;  // by the thread's processor clock
     bool processorTold = false;
     std::map<std::type_index, std::shared_ptr<void>> kept;
+    std::optional<LogBudget> lines;
     std::optional<Shortfall::Watch> shortfall;
     std::optional<NetworkBudget> network;
   };

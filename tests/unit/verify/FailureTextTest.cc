@@ -1,3 +1,5 @@
+#include "foundation/base/LogBudget.h"
+#include "support/LogCapture.h"
 #include "unit/verify/World.h"
 #include "verify/FailureText.h"
 
@@ -38,6 +40,15 @@ TEST(FailureText, Code_IsSaidInOpenSSLsWords) {
 TEST(FailureText, EmptyHandle_LeavesTheNamesOut) {
   EXPECT_EQ(failureText(RefCertificate(), X509_V_ERR_CERT_REVOKED),
             ") is not valid, certificate revoked");
+}
+
+TEST(FailureText, Logged_IsALineOfItsOwnBeyondEveryBudget) {
+  const LogCapture log;
+  const LogBudget none(0);
+  logFailure(handle(root()), X509_V_ERR_CERT_REVOKED);
+  logFailure(handle(root()), X509_V_ERR_CERT_REVOKED, "so it is said");
+  const std::string text = failureText(handle(root()), X509_V_ERR_CERT_REVOKED);
+  EXPECT_EQ(log.text(), "7 " + text + "\n7 " + text + ": so it is said\n");
 }
 
 // Names are a stranger's, and the text is a line of the log.

@@ -195,6 +195,17 @@ TEST_F(RevocationTest, AccessWithoutAUsableResponder_CRLsAreChecked) {
   }
 }
 
+// Every location is worth a line, and a stranger writes as many as a certificate has room for.
+TEST_F(RevocationTest, ThousandLocations_200LinesAndTheFailure) {
+  std::string value;
+  for (int i = 0; i < 1000; ++i) value += ",OCSP;URI:ldap://a.test/" + std::to_string(i);
+  const Issued issued = person({.extensions = {{kAccess, value.substr(1)}}});
+  EXPECT_EQ(verdict(issued), 3);
+  EXPECT_EQ(log.count("unhandled uri"), 200U);
+  EXPECT_EQ(log.count(failureLine(issued, 3)), 1U) << log.text();
+  EXPECT_EQ(log.lines().size(), 203U) << log.text();
+}
+
 TEST_F(RevocationTest, CheckOCSPWithoutLocations_IsNoAnswer) {
   const RefCertificate certificate =
       handle(person({.extensions = {{kAccess, "caIssuers;URI:http://a.test/ca,OCSP;DNS:a.test"}}}));

@@ -1,3 +1,4 @@
+#include "foundation/base/Log.h"
 #include "foundation/run/VerificationRun.h"
 #include "support/LogCapture.h"
 #include "support/Pki.h"
@@ -472,6 +473,24 @@ TEST(CRLBytes, NextOutermostRun_BeginsAnew) {
   }
   const VerificationRun run(nullptr);
   EXPECT_EQ(NetworkBudget::admittedBytes(1000), 1000U);
+}
+
+TEST(LogLines, OneVerificationWithAllThatAreNested_Writes200AndTheNextOneAgain) {
+  for (int i = 0; i < 2; ++i) {
+    const LogCapture log;
+    {
+      const VerificationRun outermost(nullptr);
+      for (int k = 0; k < 50; ++k) {
+        const VerificationRun nested(nullptr);
+        Velantrix::log(7, "nested");
+        const VerificationRun shelter{VerificationRun::Shelter()};
+        for (int line = 0; line < 9; ++line) Velantrix::log(7, "sheltered");
+      }
+      EXPECT_EQ(log.count("nested") + log.count("sheltered"), 200U);
+    }
+    EXPECT_EQ(log.lines().size(), 202U);
+    EXPECT_EQ(log.texts().back(), "Verifier: 300 lines of this verification are left out");
+  }
 }
 
 }  // namespace
