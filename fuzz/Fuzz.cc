@@ -1,5 +1,7 @@
 #include "Fuzz.h"
 
+#include "foundation/base/Utf8.h"
+
 #include <velantrix/Logger.h>
 
 #include <algorithm>
@@ -14,9 +16,14 @@ namespace {
 
 using Crypto::PKX509::DistinguishedName;
 
-bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }
-
-bool hasControl(std::string_view text) { return std::any_of(text.begin(), text.end(), isControl); }
+bool isFitToShow(std::string_view text) {
+  while (!text.empty()) {
+    const Utf8Character character = firstUtf8Character(text);
+    if (character.value && isUnfitToShow(*character.value)) return false;
+    text.remove_prefix(character.length);
+  }
+  return true;
+}
 
 class CheckedLog : public Logger {
  public:
@@ -32,7 +39,7 @@ class CheckedLog : public Logger {
                                  std::min(static_cast<std::size_t>(length), line.size() - 1));
     const std::size_t mark = shown.find('\x01');  // the end of the priority
     PKX509_ASSERT(mark != std::string_view::npos);
-    PKX509_ASSERT(!hasControl(shown.substr(mark + 1)));
+    PKX509_ASSERT(isFitToShow(shown.substr(mark + 1)));
   }
 };
 
@@ -55,7 +62,7 @@ void checkName(const DistinguishedName& name) {
   PKX509_ASSERT(accepted([&] { hash = name.hash(); }));
   PKX509_ASSERT(name == name);
   PKX509_ASSERT(shown.empty() == name.empty());
-  PKX509_ASSERT(!hasControl(shown));
+  PKX509_ASSERT(isFitToShow(shown));
   if (name.empty()) return;
 
   DistinguishedName again;

@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 namespace Velantrix::Fuzz {
 
 /// Comes first in every target. The log goes nowhere from then on, and each of its lines is looked
-/// at: no stranger gets a control character into it.
+/// at: no stranger gets a character that is unfit to show into it.
 void begin();
 
 /// Runs `work`; false when the library refused with its own exception. Other exceptions leave, and

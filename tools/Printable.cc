@@ -5,17 +5,6 @@
 
 namespace Velantrix::Tool {
 
-namespace {
-
-// Beside what a terminal acts on: line and paragraph separators, and what is no character.
-bool mustBeEscaped(const Utf8Character& character) {
-  if (!character.value) return true;
-  const char32_t value = *character.value;
-  return isControlCharacter(value) || isBidiControl(value) || value == 0x2028 || value == 0x2029;
-}
-
-}  // namespace
-
 std::string printable(std::string_view text) {
   std::string out;
   out.reserve(text.size());
@@ -23,13 +12,10 @@ std::string printable(std::string_view text) {
     const Utf8Character character = firstUtf8Character(text);
     const std::string_view bytes = text.substr(0, character.length);
     text.remove_prefix(character.length);
-    if (!mustBeEscaped(character)) {
+    if (character.value && !isUnfitToShow(*character.value)) {
       out += bytes;
-      continue;
-    }
-    for (const char c : bytes) {
-      out += '\\';
-      appendHex(out, static_cast<unsigned char>(c));
+    } else {
+      appendEscaped(out, bytes);
     }
   }
   return out;

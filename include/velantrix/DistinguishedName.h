@@ -11,9 +11,10 @@
 /// **Text.** RFC 4514: the most specific RDN first, "," between RDNs and "+" inside one, without
 /// blanks. A type is OpenSSL's short name where that is a name RFC 4514 allows and OpenSSL maps
 /// back to the same type, and otherwise its dotted numbers, followed by the value as "#" and the
-/// hexadecimal DER. UTF-8 stays readable; controls (C0, DEL, C1), bidirectional controls and octets
-/// that are not UTF-8 are printed as `\HH`, so that a name can neither forge a log line nor reorder
-/// what a reader sees. What is printed can be read back to an equal name.
+/// hexadecimal DER. UTF-8 stays readable; controls (C0, DEL, C1), bidirectional controls, what is
+/// invisible (U+200B to U+200D, U+2060 to U+206F, U+FEFF, tags), line and paragraph separators and
+/// octets that are not UTF-8 are printed as `\HH`, so that a name can neither forge a log line nor
+/// hide or reorder what a reader sees. What is printed can be read back to an equal name.
 ///
 /// **Equality.** OpenSSL's canonical comparison (RFC 5280, 7.1): string types, the case of ASCII
 /// letters, runs of blanks and the order inside one RDN do not count.

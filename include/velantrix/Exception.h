@@ -53,7 +53,8 @@ class PKX509_EXPORT Exception : public std::exception {
   unsigned int line() const noexcept;
 
   /// The exception as one line: `context: parameter (code, file:line)`; the parameter and the place
-  /// are left out when there are none.
+  /// are left out when there are none. Control characters, and what hides or reorders text, are
+  /// escaped.
   std::string asString() const;
 
   /// What `asString()` says, for handlers of `std::exception`.

@@ -62,7 +62,8 @@ class PKX509_EXPORT Logger : NonCopyable {
  protected:
   /// One line, taken apart. This implementation calls syslog(3).
   /// @param priority a syslog priority, 0 to 7
-  /// @param text     without a line end; control characters were replaced by whoever logged
+  /// @param text     without a line end; control characters, and what hides or reorders text,
+  ///                 were replaced by whoever logged
   virtual void line(int priority, const std::string& text);
 };
 

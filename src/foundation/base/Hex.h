@@ -16,6 +16,14 @@ inline void appendHex(std::string& text, unsigned char octet) {
   text += kHexDigits[octet & 0x0f];
 }
 
+/// Appends each octet as \HH.
+inline void appendEscaped(std::string& text, std::string_view octets) {
+  for (const char octet : octets) {
+    text += '\\';
+    appendHex(text, static_cast<unsigned char>(octet));
+  }
+}
+
 /// @p length octets in upper case, two digits each, with @p separator between them; 0 is none.
 inline std::string hexText(const unsigned char* data, std::size_t length, char separator = '\0') {
   std::string text;

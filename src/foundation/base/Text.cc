@@ -1,6 +1,7 @@
 #include "foundation/base/Text.h"
 
 #include "foundation/base/Hex.h"
+#include "foundation/base/Utf8.h"
 
 namespace Velantrix {
 
@@ -20,19 +21,18 @@ std::string_view cutText(std::string_view text, std::size_t limit) noexcept {
 std::string escapeControls(std::string_view text, std::size_t limit) {
   std::string out;
   out.reserve(text.size() < limit ? text.size() : limit);
-  for (const char character : text) {
-    const std::size_t room = limit - out.size();
-    if (isControl(character)) {
-      if (room < 3) break;
-      out += '\\';
-      appendHex(out, static_cast<unsigned char>(character));
-    } else if (room == 0) {
-      // One byte too many lets cutText() see whether the character before it is whole.
-      out += character;
-      return std::string(cutText(out, limit));
+  while (!text.empty()) {
+    const Utf8Character character = firstUtf8Character(text);
+    const bool unfit = character.value && isUnfitToShow(*character.value);
+    // An escape is three bytes long.
+    if (character.length * (unfit ? 3 : 1) > limit - out.size()) break;
+    const std::string_view octets = text.substr(0, character.length);
+    if (unfit) {
+      appendEscaped(out, octets);
     } else {
-      out += character;
+      out += octets;
     }
+    text.remove_prefix(character.length);
   }
   return out;
 }

@@ -17,8 +17,9 @@ constexpr bool isControl(char c) noexcept {
 /// character. Borrows from @p text.
 std::string_view cutText(std::string_view text, std::size_t limit) noexcept;
 
-/// @p text with every control character as \HH, and no longer than @p limit bytes: the cut falls
-/// neither into such an escape nor into a UTF-8 character.
+/// @p text with every character that is unfit to show (`Utf8.h`) as \HH, octet by octet, and no
+/// longer than @p limit bytes: the cut falls neither into such a character's escapes nor into a
+/// UTF-8 character. Octets that are not UTF-8 stay as they are.
 std::string escapeControls(std::string_view text, std::size_t limit);
 
 }  // namespace Velantrix

@@ -58,4 +58,18 @@ constexpr bool isBidiControl(char32_t character) noexcept {
          (character >= 0x2066 && character <= 0x2069);
 }
 
+/// What a reader does not see, or takes for the end of the line: blanks of no width, joiners and
+/// other invisible format characters, line and paragraph separators, the byte order mark, tags.
+constexpr bool isHiddenCharacter(char32_t character) noexcept {
+  return (character >= 0x200b && character <= 0x200d) || character == 0x2028 ||
+         character == 0x2029 || (character >= 0x2060 && character <= 0x206f) ||
+         character == 0xfeff || (character >= 0xe0000 && character <= 0xe007f);
+}
+
+/// What must not reach a log or a terminal as it is, whoever wrote it: text that ends the line,
+/// drives the terminal, is not seen, or is seen in another order.
+constexpr bool isUnfitToShow(char32_t character) noexcept {
+  return isControlCharacter(character) || isBidiControl(character) || isHiddenCharacter(character);
+}
+
 }  // namespace Velantrix

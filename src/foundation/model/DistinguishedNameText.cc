@@ -41,11 +41,6 @@ std::string_view shortName(const ASN1_OBJECT* type) {
   return name;
 }
 
-// What must not reach a log or a terminal as it is.
-bool isUnprintable(char32_t character) {
-  return isControlCharacter(character) || isBidiControl(character);
-}
-
 // RFC 4514, 2.4.
 void appendEscaped(std::string& out, std::string_view value) {
   constexpr std::string_view kSpecial = "\"+,;<>\\";
@@ -53,11 +48,8 @@ void appendEscaped(std::string& out, std::string_view value) {
   while (i < value.size()) {
     const Utf8Character character = firstUtf8Character(value.substr(i));
     const std::string_view encoded = value.substr(i, character.length);
-    if (!character.value || isUnprintable(*character.value)) {
-      for (const char c : encoded) {
-        out += '\\';
-        appendHex(out, static_cast<unsigned char>(c));
-      }
+    if (!character.value || isUnfitToShow(*character.value)) {
+      Velantrix::appendEscaped(out, encoded);
     } else {
       const char c = value[i];
       const bool edge = i == 0 || i + 1 == value.size();

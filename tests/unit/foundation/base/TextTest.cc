@@ -43,6 +43,18 @@ TEST(Text, EscapeControls_AnyControl_IsWrittenAsHex) {
   EXPECT_EQ(escapeControls("\u00fc \\ ~", 100), "\u00fc \\ ~");
 }
 
+TEST(Text, EscapeControls_WhatHidesOrReorders_IsWrittenAsHexOctetByOctet) {
+  EXPECT_EQ(escapeControls("a\u200bb\u202ec\u2028d\ufeff\u0085", 100),
+            "a\\E2\\80\\8Bb\\E2\\80\\AEc\\E2\\80\\A8d\\EF\\BB\\BF\\C2\\85");
+  EXPECT_EQ(escapeControls("\u2030\u3000\U0001F600", 100), "\u2030\u3000\U0001F600");
+}
+
+TEST(Text, EscapeControls_NotUtf8_StaysAsItIs) {
+  const std::string octets = "\xff\xc0\xaf\xed\xa0\x80\xe2\x80";
+  EXPECT_EQ(escapeControls(octets, 100), octets);
+  EXPECT_EQ(escapeControls("\xe2\x80\n", 100), "\xe2\x80\\0A");
+}
+
 TEST(Text, EscapeControls_Limit_SplitsNeitherEscapeNorCharacter) {
   const std::vector<CutRow> rows = {
       {"escape fits", "ab\n", 5, "ab\\0A"},
@@ -51,6 +63,8 @@ TEST(Text, EscapeControls_Limit_SplitsNeitherEscapeNorCharacter) {
       {"character does not fit", "ab\u00e4", 3, "ab"},
       {"escape at the limit", "\u00e4\n", 2, "\u00e4"},
       {"exact", "abc", 3, "abc"},
+      {"escapes of one character fit", "a\u200b", 10, "a\\E2\\80\\8B"},
+      {"escapes of one character do not fit", "a\u200b", 9, "a"},
   };
   for (const CutRow& row : rows) {
     SCOPED_TRACE(row.name);

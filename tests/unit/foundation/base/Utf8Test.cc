@@ -13,6 +13,7 @@ using namespace std::string_view_literals;
 using Velantrix::firstUtf8Character;
 using Velantrix::isBidiControl;
 using Velantrix::isControlCharacter;
+using Velantrix::isUnfitToShow;
 using Velantrix::Utf8Character;
 
 static_assert(firstUtf8Character("a").value == U'a', "is to be had at compile time");
@@ -97,6 +98,21 @@ TEST(Utf8, IsBidiControl_TheTwelve_NothingBeside) {
   for (const char32_t control :
        {U'\u061c', U'\u200e', U'\u200f', U'\u202a', U'\u202e', U'\u2066', U'\u2069'}) {
     EXPECT_TRUE(isBidiControl(control)) << static_cast<std::uint32_t>(control);
+  }
+}
+
+TEST(Utf8, IsUnfitToShow_WhatEndsDrivesHidesOrReorders_NothingBeside) {
+  const struct {
+    char32_t first;
+    char32_t last;
+  } unfit[] = {{0, 0x1f},        {0x7f, 0x9f},     {0x61c, 0x61c},   {0x200b, 0x200f},
+               {0x2028, 0x202e}, {0x2060, 0x206f}, {0xfeff, 0xfeff}, {0xe0000, 0xe007f}};
+  for (char32_t character = 0; character <= 0x10ffff; ++character) {
+    bool expected = false;
+    for (const auto& [first, last] : unfit) {
+      expected = expected || (first <= character && character <= last);
+    }
+    ASSERT_EQ(isUnfitToShow(character), expected) << static_cast<std::uint32_t>(character);
   }
 }
 

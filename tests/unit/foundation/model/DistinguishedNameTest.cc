@@ -95,6 +95,8 @@ TEST(DistinguishedName, Printed_EscapesOfRfc4514) {
       {"\xe2\x80\xae\xe2\x81\xa6\xe2\x80\x8e\xd8\x9c",
        "CN=\\E2\\80\\AE\\E2\\81\\A6\\E2\\80\\8E\\D8\\9C"},
       {"\xe2\x80\x90", "CN=\xe2\x80\x90"},
+      // What has no width.
+      {"a\xe2\x80\x8bz\xef\xbb\xbf", "CN=a\\E2\\80\\8Bz\\EF\\BB\\BF"},
   };
   for (const Row& row : rows) {
     const DistinguishedName name = dn({attribute("CN", V_ASN1_UTF8STRING, row.value)});
