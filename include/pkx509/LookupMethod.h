@@ -151,6 +151,8 @@ class PKX509_EXPORT RefLookupMethod {
   /// Borrowed; null for an empty handle.
   LookupMethod* get() const noexcept { return method_.get(); }
   bool empty() const noexcept { return method_.get() == nullptr; }
+  /// True when the handle holds a method.
+  explicit operator bool() const noexcept { return !empty(); }
   /// Whether both hold the same method.
   bool operator==(const RefLookupMethod& other) const noexcept { return method_ == other.method_; }
 

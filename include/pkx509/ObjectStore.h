@@ -41,7 +41,7 @@ class PKX509_EXPORT RefObjectStore : public Ref<ObjectStore> {
   RefObjectStore(const std::string& name, int fileType);
 
   /// The OpenSSL store, borrowed. Asking an empty handle is a programming error and stops the
-  /// process; no exception is thrown.
+  /// process; no exception is thrown. `if (store)` and `store == nullptr` do not ask.
   operator x509_store_st*() const;
 };
 

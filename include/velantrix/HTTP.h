@@ -29,6 +29,8 @@ class PKX509_EXPORT RefConnection {
   explicit RefConnection(RefStream& stream);
 
   bool empty() const noexcept { return connection_ == nullptr; }
+  /// True when the handle holds a connection.
+  explicit operator bool() const noexcept { return !empty(); }
   /// @throws Exception with code 1 on an empty handle
   Connection* operator->() const;
 

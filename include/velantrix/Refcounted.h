@@ -3,17 +3,17 @@
 ///
 /// A handle is in one of three states, and code that tests handles must keep them apart:
 ///
-/// | state            | `counted()` | `get()`  | `operator->`     |
-/// |------------------|-------------|----------|------------------|
-/// | empty            | null        | null     | throws           |
-/// | holds null       | non-null    | null     | returns null     |
-/// | holds an object  | non-null    | non-null | returns the object |
+/// | state            | `if (handle)` | `empty()` | `counted()` | `get()`  | `operator->`       |
+/// |------------------|---------------|-----------|-------------|----------|--------------------|
+/// | empty            | no            | true      | null        | null     | throws             |
+/// | holds null       | no            | false     | non-null    | null     | returns null       |
+/// | holds an object  | yes           | false     | non-null    | non-null | returns the object |
 ///
 /// @code
 ///   class Thing : public RefImpl { ... };
 ///   Ref<Thing> a(new Thing);        // adopts the count of 1 that a new object carries
 ///   Ref<Thing> b(a);                // a second owner
-///   if (!b.empty()) b->work();
+///   if (b) b->work();
 /// @endcode
 ///
 /// **Threads.** Counts are atomic, so handles to one object may be copied and released on different
@@ -24,6 +24,7 @@
 #include <velantrix/NonCopyable.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 
@@ -146,6 +147,11 @@ class Ref {
 
   /// True when the handle holds nothing at all. A handle that holds null is not empty.
   bool empty() const noexcept { return counted_ == nullptr; }
+  /// True when the handle holds an object, which `operator->` then reaches. A handle that converts
+  /// to an OpenSSL pointer as well is tested by this one: it is not asked for its pointer.
+  explicit operator bool() const noexcept { return get() != nullptr; }
+  /// True when the handle holds no object.
+  friend bool operator==(const Ref& handle, std::nullptr_t) noexcept { return !handle; }
   /// The held object, borrowed; null for an empty handle and for one that holds null. Never throws.
   T* get() const noexcept { return counted_ == nullptr ? nullptr : counted_->get(); }
   /// The holder itself, borrowed; null for an empty handle.
