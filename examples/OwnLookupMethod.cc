@@ -14,6 +14,7 @@
 #include <exception>
 #include <iostream>
 #include <list>
+#include <new>
 #include <string>
 
 using namespace Velantrix::Crypto::PKX509;
@@ -36,21 +37,24 @@ class InMemory : public LookupMethod {
     std::list<RefCertificate> certificates = certificatesIn(file);
     certificates_.splice(certificates_.end(), certificates);
     const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(Path(file));
-    if (!crl.empty()) crls_.push_back(crl);
+    if (crl) crls_.push_back(crl);
   }
 
   // The other forms of getBySubject are hidden by those below otherwise.
   using LookupMethod::getBySubject;
 
   // OpenSSL asks here while it builds a path. What it gets is trusted: a self-signed certificate is
-  // a trust anchor.
+  // a trust anchor. It takes one answer and finds others with that name, of which a CA that has
+  // changed its key has two, in its store; so all of them are added there.
   RefObject getBySubject(Object::Type type, const DistinguishedName& subject) override {
-    if (type == Object::TypeCertificate) {
-      for (const RefCertificate& certificate : certificates_) {
-        if (certificate->subject() == subject) return RefObject(certificate);
-      }
+    RefObject first;
+    if (type != Object::TypeCertificate) return first;
+    for (const RefCertificate& certificate : certificates_) {
+      if (certificate->subject() != subject) continue;
+      if (X509_STORE_add_cert(askingStore(), certificate) != 1) throw std::bad_alloc();
+      if (!first) first = RefObject(certificate);
     }
-    return RefObject();
+    return first;
   }
 
   // The store asks here for the issuers of CRLs,

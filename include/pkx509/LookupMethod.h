@@ -2,12 +2,38 @@
 /// The base of every source of certificates and CRLs that plugs into OpenSSL's certificate store.
 ///
 /// @code
-///   class Directory : public LookupMethod {
+///   class Memory : public LookupMethod {
 ///    public:
-///     Directory() : LookupMethod("Directory") {}
-///     RefObject getBySubject(Object::Type type, const DistinguishedName& name) override;
+///     Memory() : LookupMethod("Memory") {}
+///     using LookupMethod::getBySubject;  // an override of one form hides the other two
+///
+///     RefObject getBySubject(Object::Type type, const DistinguishedName& name) override {
+///       RefObject first;
+///       for (const RefCertificate& certificate : certificates) {
+///         if (type != Object::TypeCertificate || certificate->subject() != name) continue;
+///         if (!first) first = RefObject(certificate);
+///         X509_STORE_add_cert(askingStore(), certificate);  // all that have the name
+///       }
+///       return first;
+///     }
+///     void getBySubject(const DistinguishedName& name, std::list<RefCertificate>& out) override {
+///       for (const RefCertificate& certificate : certificates) {
+///         if (certificate->subject() == name) out.push_back(certificate);
+///       }
+///     }
+///     void getBySubject(const DistinguishedName& name,
+///                       std::list<RefCertificateRevocationList>& out) override {
+///       for (const RefCertificateRevocationList& crl : crls) {
+///         if (crl->crlInfo().issuer() == name) out.push_back(crl);
+///       }
+///     }
+///
+///     std::list<RefCertificate> certificates;
+///     std::list<RefCertificateRevocationList> crls;
 ///   };
-///   store->add(RefLookupMethod(new Directory));
+///
+///   RefObjectStore store("", X509_FILETYPE_PEM);
+///   store->add(RefLookupMethod(new Memory));
 /// @endcode
 #pragma once
 
@@ -41,8 +67,28 @@ class RefObjectStore;
 /// which of its lookups belongs to which method, and a table that somebody registers with
 /// `X509_STORE_add_lookup` by hand answers "not found".
 ///
-/// **Two families of queries.** The four that return a `RefObject` serve OpenSSL. The list forms
-/// serve the store's own `find` operations; they append to the caller's list and never clear it.
+/// **Who asks for what.** A source overrides every form that is asked for what it has; what it does
+/// not override finds nothing, and a verification that finds no CRL ends with code 3.
+///
+/// | operation | who asks, and when | what becomes of the answer |
+/// |---|---|---|
+/// | `RefObject getBySubject(TypeCertificate, ...)` | OpenSSL, for the issuer of each certificate while it builds a path: of the certificate, of the issuer of a CRL, of an OCSP responder. Only where its store has no certificate of that name | **trusted**: a self-signed certificate becomes a trust anchor, and with `X509_V_FLAG_PARTIAL_CHAIN` every certificate does. Others still need the signature of their issuer |
+/// | `RefObject getBySubject(TypeCRL, ...)` | OpenSSL, with `useOpenSSLRevocation`, on the path of a CRL's issuer | checked by OpenSSL; it uses only what was added to its store |
+/// | `getBySubject(..., std::list<RefCertificate>&)` | `ObjectStore::findIssuer`, for the issuer of each CRL that neither the store's objects nor its directory know | not trusted: it is on the path, or is verified, and the CRL's signature with it |
+/// | `getBySubject(..., std::list<RefCertificateRevocationList>&)` | `Verifier::getCRLs`, for the CRLs of a certificate: by its issuer's name, by directory names in its distribution points | not trusted: checked in full. Delta CRLs belong to the answer; the verifier chooses |
+/// | `getByEmailAddress` | no verification; programs, the tool's `find` | up to who asks |
+/// | the other `RefObject` forms | nobody in the library, nor OpenSSL while it verifies | |
+///
+/// The list forms append to the caller's list and never clear it.
+///
+/// **Several certificates with one name**, as a CA has after a change of its key, or one that others
+/// have cross-certified: OpenSSL takes one answer, and where it did not issue what it looks the
+/// issuer of for, it goes on with the others of that name *in its store*. A `RefObject` form that
+/// has several answers therefore adds all of them to the store that asks, see `askingStore()`, and
+/// returns any. Otherwise what the other key signed is not valid. Names and key identifiers tell
+/// who issued what: two roots with one name are told apart where they have an authority key
+/// identifier of their own. What was added stays as long as that store, and a name that is in there
+/// is not asked for again.
 ///
 /// **Lifetime of answers.** What a query hands to OpenSSL is kept alive by the store until the same
 /// lookup answers again, so an implementation need not keep a reference of its own.
@@ -69,7 +115,7 @@ class PKX509_EXPORT LookupMethod : private NonCopyable {
   /// A control request of OpenSSL, see `s_ctrl`.
   virtual int control(int cmd, const char* argc, long argl, char** ret);
   /// One object with that name: a certificate's subject, a CRL's issuer. An object of another type
-  /// than the one asked for counts as not found.
+  /// than the one asked for counts as not found. Where there are several, see above.
   virtual RefObject getBySubject(Object::Type type, const DistinguishedName& name);
   virtual RefObject getByIssuerSerial(Object::Type type, const DistinguishedName& issuer,
                                       const ASN1::Integer& serial);
@@ -122,6 +168,12 @@ class PKX509_EXPORT LookupMethod : private NonCopyable {
   LookupMethod* self;                  ///< this object; what the table's functions dispatch through
   std::string name;                    ///< as given to the constructor
   ObjectStore* objectStore = nullptr;  ///< not owned; null until `store()` is called
+
+  /// OpenSSL's store that asks, while one of the forms that return a `RefObject` answers it on this
+  /// thread; borrowed. Null otherwise. It is not always that of `objectStore`: a method may serve
+  /// several stores, and the issuers of CRLs are verified against clones. A certificate that it has
+  /// already may be added again.
+  static X509_STORE* askingStore() noexcept;
 
  private:
   friend class ObjectStore;

@@ -7,6 +7,7 @@
 #include <velantrix/Assert.h>
 
 #include <new>
+#include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -57,12 +58,27 @@ int handOut(StoreRecord::Item& item, X509_LOOKUP_TYPE type, const RefObject& obj
   return object->type;
 }
 
+thread_local X509_STORE* askedBy = nullptr;
+
+// While a query goes on. It may start a verification, which asks by another store.
+class Asking {
+ public:
+  explicit Asking(X509_STORE* store) noexcept : outer_(std::exchange(askedBy, store)) {}
+  ~Asking() { askedBy = outer_; }
+  Asking(const Asking&) = delete;
+  Asking& operator=(const Asking&) = delete;
+
+ private:
+  X509_STORE* outer_;
+};
+
 // `query` is called with the method and gives a RefObject.
 template <class Query>
 int answer(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, X509_OBJECT* ret, const Query& query) {
   return guardedCallback(0, [&] {
     StoreRecord::Item* const item = itemOf(lookup);
     if (item == nullptr || !VerificationRun::admitStep()) return 0;
+    const Asking asking(X509_LOOKUP_get_store(lookup));
     return handOut(*item, type, query(*item->method), ret);
   });
 }
@@ -128,6 +144,8 @@ void LookupMethod::getBySubject(const DistinguishedName& /*issuer*/,
                                 std::list<RefCertificateRevocationList>& /*out*/) {}
 void LookupMethod::getByEmailAddress(const std::string& /*base*/, const std::string& /*address*/,
                                      std::list<RefCertificate>& /*out*/) {}
+
+X509_STORE* LookupMethod::askingStore() noexcept { return askedBy; }
 
 void LookupMethod::store(RefObjectStore& s) {
   if (s.empty() || s.get() == objectStore) return;

@@ -13,6 +13,7 @@
 #include <iterator>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace Velantrix::Test {
@@ -97,6 +98,67 @@ const Query kQueries[] = {
     {"alias", [](X509_LOOKUP* lookup, X509_LOOKUP_TYPE type,
                  X509_OBJECT* ret) { return X509_LOOKUP_by_alias(lookup, type, "alias", 5, ret); }},
 };
+
+// ------------------------------------------------------------------------------- the store that asks
+
+class Asked : public LookupMethod {
+ public:
+  Asked() : LookupMethod("Asked") {}
+  using LookupMethod::askingStore;
+  using LookupMethod::getBySubject;
+  RefObject getBySubject(Object::Type, const DistinguishedName&) override { return answer(); }
+  RefObject getByIssuerSerial(Object::Type, const DistinguishedName&,
+                              const ASN1::Integer&) override {
+    return answer();
+  }
+  RefObject getByFingerPrint(Object::Type, const Buffer&) override { return answer(); }
+  RefObject getByAlias(Object::Type, const Buffer&) override { return answer(); }
+
+  std::function<void()> inside;
+  std::vector<X509_STORE*> stores;
+
+ private:
+  RefObject answer() {
+    stores.push_back(askingStore());
+    if (const auto once = std::exchange(inside, nullptr)) once();
+    stores.push_back(askingStore());
+    return RefObject();
+  }
+};
+
+X509_LOOKUP* lookupOf(const RefObjectStore& store, const RefLookupMethod& method) {
+  return X509_STORE_add_lookup(store, method);  // gives the one that is there
+}
+
+TEST(LookupMethod, AskingStore_IsThatOfTheLookupWhileItIsAsked) {
+  auto* const asked = new Asked;
+  const RefLookupMethod method(asked);
+  const RefObjectStore first("", X509_FILETYPE_PEM);
+  RefObjectStore(first)->add(method);
+  const RefObjectStore second = first->clone();
+  const Owned<X509_OBJECT> object(X509_OBJECT_new());
+  for (const Query& query : kQueries) {
+    SCOPED_TRACE(query.name);
+    asked->stores.clear();
+    asked->inside = [&] { query.call(lookupOf(second, method), X509_LU_X509, object.get()); };
+    EXPECT_EQ(Asked::askingStore(), nullptr);
+    query.call(lookupOf(first, method), X509_LU_X509, object.get());
+    EXPECT_EQ(asked->stores, (std::vector<X509_STORE*>{first, second, second, first}));
+    EXPECT_EQ(Asked::askingStore(), nullptr);
+  }
+}
+
+TEST(LookupMethod, AskingStore_IsNoneAgainAfterAnException) {
+  auto* const asked = new Asked;
+  const RefLookupMethod method(asked);
+  RefObjectStore store("", X509_FILETYPE_PEM);
+  store->add(method);
+  const Owned<X509_OBJECT> object(X509_OBJECT_new());
+  asked->inside = [] { throw FakeMethod::Failure{"inside"}; };
+  EXPECT_THROW(kQueries[0].call(lookupOf(store, method), X509_LU_X509, object.get()),
+               FakeMethod::Failure);
+  EXPECT_EQ(Asked::askingStore(), nullptr);
+}
 
 // ---------------------------------------------------------------------- the base class's defaults
 
