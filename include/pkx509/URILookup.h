@@ -35,7 +35,9 @@ namespace Velantrix::Crypto::PKX509 {
 ///
 /// **The cache** is a hash directory, see `HashDirLookupMethod::add(const Uri&, ...)`. It holds at
 /// most 1 GiB and 1,000 files: what has expired is removed first, then the oldest. Files are
-/// replaced as a whole, and only by what could be read as a CRL. A cache that cannot be read or
+/// replaced as a whole, and only by what could be read as a CRL. What a URI with dot segments in its
+/// path ("/a/../b", also percent-encoded) gave is not stored: the file would be that of the URI
+/// without them, which another server directory may stand behind. A cache that cannot be read or
 /// written costs a fetch, not the result.
 ///
 /// **Threads.** There is no state; several threads and processes may fetch at once, and the last

@@ -1,4 +1,5 @@
 #include "crl/CRLCache.h"
+#include "foundation/base/DotSegments.h"
 #include "foundation/base/Log.h"
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/NetworkBudget.h"
@@ -82,10 +83,10 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
   if (uri.isNull()) return;
   try {
     askOnce(kCRLCacheDirectory, uri, crls, [&](std::list<RefCertificateRevocationList>& found) {
-      // What this verification has fetched need not be read again.
-      if (!recallAnswer(kHosts, requestKey(uri), found)) {
-        HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, found);
-      }
+      // What this verification has fetched need not be read again. It is the answer to this request,
+      // and none of the cache to whatever URI has the same key.
+      if (recallAnswer(kHosts, requestKey(uri), found)) return false;
+      HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, found);
       return !found.empty();
     });
   } catch (const std::bad_alloc&) {
@@ -102,7 +103,9 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
     askOnce(kHosts, requestKey(uri), crls, [&](std::list<RefCertificateRevocationList>& found) {
       if (!connectionAdmitted()) return false;
       fetch(uri, found);
-      cache(uri, found);
+      // The cache's key has no dot segments (RFC 3986, 5.2.4) and the request does, so the server
+      // may answer with what it keeps elsewhere than where the key says: nobody else is to find that.
+      if (!hasDotSegments(uri.path())) cache(uri, found);
       return true;
     });
   } catch (const std::bad_alloc&) {

@@ -291,11 +291,37 @@ TEST_F(URILookupIntegration, CRLWithoutNextUpdate_ServesForADay) {
 TEST_F(URILookupIntegration, URIsOfOneNormalForm_ShareTheCache) {
   const FaultServer server(Scripts::answer(der(crl(7).get())));
   const std::string port = std::to_string(server.port());
-  EXPECT_EQ(found("http://127.0.0.1:" + port + "/a/../%63a.crl"), Numbers{"7"});
+  EXPECT_EQ(found("http://127.0.0.1:" + port + "/%63a.crl"), Numbers{"7"});
   EXPECT_EQ(found("HTTP://127.0.0.1:" + port + "/ca.crl"), Numbers{"7"});
+  EXPECT_EQ(found("http://127.0.0.1:" + port + "/a/../ca.crl"), Numbers{"7"});
   EXPECT_EQ(server.connections().size(), 1U);
   EXPECT_EQ(found("http://127.0.0.1:" + port + "/ca.crl?other"), Numbers{"7"});
   EXPECT_EQ(server.connections().size(), 2U);
+}
+
+// What the server keeps there may be anybody's: it is sent the path as it is spelled.
+TEST_F(URILookupIntegration, PathWithDotSegments_IsNeverStored) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const char* const paths[] = {"/~mallory/%2e%2e/ca.crl",
+                               "/~mallory/../ca.crl",
+                               "/~mallory/.%2E/ca.crl",
+                               "/./ca.crl",
+                               "/%2e/ca.crl",
+                               "/ca.crl/.",
+                               "/../ca.crl"};
+  std::size_t fetches = 0;
+  for (const char* const path : paths) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(found(server.url(path)), Numbers{"7"});
+    EXPECT_EQ(cacheNames(), std::vector<std::string>{});
+    ASSERT_EQ(server.connections().size(), ++fetches);
+    EXPECT_TRUE(server.connections().back().received.starts_with("GET " + std::string(path)));
+  }
+  // Dots that are no segment, and those of the query, change nothing.
+  for (const char* const path : {"/.../ca.crl", "/..ca.crl", "/a.crl?x=/../y"}) {
+    EXPECT_EQ(found(server.url(path)), Numbers{"7"});
+    EXPECT_TRUE(fs::exists(cacheFile(server.url(path)))) << path;
+  }
 }
 
 // --------------------------------------------------------------------------- what is in the list

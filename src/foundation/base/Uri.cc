@@ -1,3 +1,4 @@
+#include "foundation/base/DotSegments.h"
 #include "foundation/base/Hex.h"
 
 #include <velantrix/Uri.h>
@@ -137,6 +138,17 @@ std::string normalForm(const boost::urls::url_view& url, const std::string& sche
 }
 
 }  // namespace
+
+bool hasDotSegments(std::string_view path) {
+  const std::string text = normalEncoding(path, true);
+  for (std::string_view rest = text;;) {
+    const std::size_t end = rest.find('/');
+    const std::string_view segment = rest.substr(0, end);
+    if (segment == "." || segment == "..") return true;
+    if (end == std::string_view::npos) return false;
+    rest.remove_prefix(end + 1);
+  }
+}
 
 Uri::Uri(const std::string& text) {
   if (text.size() > kMaxLength) return;

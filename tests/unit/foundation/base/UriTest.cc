@@ -1,3 +1,5 @@
+#include "foundation/base/DotSegments.h"
+
 #include <velantrix/Uri.h>
 
 #include <cstddef>
@@ -219,6 +221,17 @@ TEST(Uri, Equality_SameNormalForm_IsEqual) {
   EXPECT_TRUE(Uri("http://h/") != Uri("https://h/"));
   EXPECT_TRUE(Uri("http://h/") != Uri());
   EXPECT_TRUE(Uri() == Uri());
+}
+
+TEST(Uri, DotSegments_AreSeenInAnyEncoding) {
+  for (const char* const path : {"/.", "/..", "/a/./b", "/a/../b", "/%2e", "/%2E%2e/b", "/.%2e/",
+                                 "/a/%2e./b", "/a/%2E", ".", "../a", "//./"}) {
+    EXPECT_TRUE(Velantrix::hasDotSegments(path)) << path;
+  }
+  for (const char* const path : {"", "/", "//", "/...", "/.a", "/a.", "/..a", "/a..", "/a..b",
+                                 "/%2e%2e%2e", "/.%2f.", "/%252e", "/.%00", "/.;/a"}) {
+    EXPECT_FALSE(Velantrix::hasDotSegments(path)) << path;
+  }
 }
 
 }  // namespace
