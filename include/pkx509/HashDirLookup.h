@@ -61,12 +61,15 @@ class PKX509_EXPORT HashDirLookupMethod : public LookupMethod {
   /// As the form below, with @p address made an `EmailAddress`.
   void getByEmailAddress(const std::string& base, const std::string& address,
                          std::list<RefCertificate>& out) override;
+  /// Certificates that were added for that address. A file that names another address, because the
+  /// keys collide, is passed over.
   /// @param base not used: a hash directory has no parts to choose from
   virtual void getByEmailAddress(const std::string& base, const EmailAddress& address,
                                  std::list<RefCertificate>& out);
 
-  /// Writes the certificate under the key of the address, replacing what was there. A null address
-  /// writes nothing.
+  /// Writes the certificate under the key of the address, replacing what was there, also when that
+  /// was another address of the same key. The file begins with a line that names the address. A null
+  /// address writes nothing.
   virtual void add(const EmailAddress& address, const RefCertificate& certificate);
   /// Writes each CRL under the key of the URI. All go to one name, so the last one stays; an empty
   /// list changes nothing. The file begins with lines that name the URI and the time at which the
@@ -94,9 +97,12 @@ class PKX509_EXPORT DirectoryParser : public File::Processor, private NonCopyabl
   /// @param type `TypeCertificate` or `TypeCRL`; any other value loads nothing
   DirectoryParser(unsigned int hash, Object::Type type, std::list<RefCertificate>& certificates,
                   std::list<RefCertificateRevocationList>& crls);
-  /// As above; CRL files that name another URI than @p canonicalURI are passed over.
+  /// As above; files that say that they were written for something else are passed over. Files that
+  /// say nothing are not.
+  /// @param writtenFor for CRLs the normal form of a URI, for certificates a mail address as the
+  ///                   files have it; nothing to take all files
   DirectoryParser(unsigned int hash, Object::Type type, std::list<RefCertificate>& certificates,
-                  std::list<RefCertificateRevocationList>& crls, const std::string& canonicalURI);
+                  std::list<RefCertificateRevocationList>& crls, const std::string& writtenFor);
   ~DirectoryParser() override;
 
   /// Whether a file of that name is opened at all.
@@ -105,6 +111,7 @@ class PKX509_EXPORT DirectoryParser : public File::Processor, private NonCopyabl
   int process(const File::Path& path) override;
 
  private:
+  void loadCertificates(const File::Path& path);
   void loadCRL(const File::Path& path);
 
   std::list<RefObject> objects;
@@ -113,7 +120,7 @@ class PKX509_EXPORT DirectoryParser : public File::Processor, private NonCopyabl
   Object::Type type;
   std::list<RefCertificate>& certificates;
   std::list<RefCertificateRevocationList>& crls;
-  std::string uri;  // canonical; empty when files of any URI will do
+  std::string origin;  // what files have to name if they name any; empty when all will do
 };
 
 }  // namespace Velantrix::Crypto::PKX509

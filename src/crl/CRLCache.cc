@@ -2,7 +2,7 @@
 
 #include "foundation/base/Hex.h"
 #include "foundation/base/TemporaryName.h"
-#include "store/CRLFileHeader.h"
+#include "store/HashFileHeader.h"
 
 #include <pkx509/HashDirLookup.h>
 #include <velantrix/File.h>
@@ -70,19 +70,19 @@ std::optional<Time> expiryOf(const File::Path& path) {
   constexpr std::size_t kFirstBlock = std::size_t{4} * 1024;
   std::ifstream file(path.asString(), std::ios::binary);
   std::string head;
-  for (const std::size_t size : {kFirstBlock, CRLFileHeader::kMaximumSize}) {
+  for (const std::size_t size : {kFirstBlock, HashFileHeader::kMaximumSize}) {
     const std::size_t had = head.size();
     head.resize(size);
     file.read(head.data() + had, static_cast<std::streamsize>(size - had));
     head.resize(had + static_cast<std::size_t>(file.gcount()));
-    const CRLFileHeader header = CRLFileHeader::parse(head);
+    const HashFileHeader header = HashFileHeader::parse(head);
     // A number that the block cuts off is not whole.
     if (header.expires.has_value() && head.find("-----BEGIN") != std::string::npos) {
       return header.expires;
     }
     if (head.size() < size) break;
   }
-  return CRLFileHeader::parse(head).expires;
+  return HashFileHeader::parse(head).expires;
 }
 
 // The size of the file for a CRL, generously: in PEM there are four characters for three octets,

@@ -1,6 +1,6 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
-#include "store/CRLFileHeader.h"
+#include "store/HashFileHeader.h"
 
 #include <pkx509/HashDirLookup.h>
 #include <velantrix/CertificateFactory.h>
@@ -57,6 +57,20 @@ Time expiryOf(const RefCertificateRevocationList& crl, const Time& since) {
   return nextUpdate.empty() ? Time::then(since.seconds() + kDay, true) : nextUpdate->asTime();
 }
 
+// Has the content of the file read unless its header says that it was written for something else.
+template <class IsOurs, class Read>
+void readUnlessForeign(const File::Path& path, IsOurs isOurs, Read read) {
+  const std::vector<unsigned char> content = readFile(path);
+  const std::string_view text(reinterpret_cast<const char*>(content.data()), content.size());
+  if (!isOurs(HashFileHeader::parse(text))) return;
+  try {
+    read(Buffer(content.data(), static_cast<unsigned int>(content.size()), false));
+  } catch (Exception& failure) {
+    failure.stringParameter(path.asString() + ": " + failure.stringParameter());
+    throw;
+  }
+}
+
 void scan(const std::string& directory, DirectoryParser& parser) {
   File::Selector(File::Path(directory), parser, [&parser](std::string_view fileName) {
     return parser.wants(fileName);
@@ -101,14 +115,17 @@ void HashDirLookupMethod::getByEmailAddress(const std::string& /*base*/,
                                             const EmailAddress& address,
                                             std::list<RefCertificate>& out) {
   std::list<RefCertificateRevocationList> crls;
-  DirectoryParser parser(keyOf(address.address()), Object::TypeCertificate, out, crls);
+  DirectoryParser parser(keyOf(address.address()), Object::TypeCertificate, out, crls,
+                         HashFileHeader::emailText(address));
   scan(directory_, parser);
 }
 
 void HashDirLookupMethod::add(const EmailAddress& address, const RefCertificate& certificate) {
   if (address.isNull()) return;
   const File::Path path(directory_, nameOf(keyOf(address.address()), ".0"));
+  const std::string header = HashFileHeader::text(address);
   FileMediaOut out(path.asString());
+  out.write(header.data(), header.size());
   certificate->writePEM(out);
 }
 
@@ -116,7 +133,8 @@ void HashDirLookupMethod::add(const Uri& uri, const std::list<RefCertificateRevo
   if (crls.empty()) return;
   const File::Path path(directory_, fileName(uri));
   for (const RefCertificateRevocationList& crl : crls) {
-    const std::string header = CRLFileHeader::text(uri.canonicalized(), expiryOf(crl, Time::now()));
+    const std::string header =
+        HashFileHeader::text(uri.canonicalized(), expiryOf(crl, Time::now()));
     FileMediaOut out(path.asString());
     out.write(header.data(), header.size());
     crl->writePEM(out);
@@ -135,13 +153,13 @@ DirectoryParser::DirectoryParser(unsigned int key, Object::Type objectType,
 DirectoryParser::DirectoryParser(unsigned int key, Object::Type objectType,
                                  std::list<RefCertificate>& certificateList,
                                  std::list<RefCertificateRevocationList>& crlList,
-                                 const std::string& canonicalURI)
+                                 const std::string& writtenFor)
     : now(Time::now()),
       hash(key),
       type(objectType),
       certificates(certificateList),
       crls(crlList),
-      uri(canonicalURI) {}
+      origin(writtenFor) {}
 
 DirectoryParser::~DirectoryParser() = default;
 
@@ -158,29 +176,33 @@ bool DirectoryParser::wants(std::string_view fileName) const {
 int DirectoryParser::process(const File::Path& path) {
   if (!wants(path.name())) return 0;
   if (type == Object::TypeCertificate) {
-    CertificateFactory::read(path, certificates);
+    loadCertificates(path);
   } else {
     loadCRL(path);
   }
   return 0;
 }
 
+void DirectoryParser::loadCertificates(const File::Path& path) {
+  if (origin.empty()) {
+    CertificateFactory::read(path, certificates);
+    return;
+  }
+  readUnlessForeign(
+      path,
+      [this](const HashFileHeader& header) { return header.email.value_or(origin) == origin; },
+      [this](const Buffer& content) { CertificateFactory::read(content, certificates); });
+}
+
 void DirectoryParser::loadCRL(const File::Path& path) {
   RefCertificateRevocationList crl;
-  if (uri.empty()) {
+  if (origin.empty()) {
     crl = CertificateRevocationListFactory::read(path);
   } else {
-    const std::vector<unsigned char> content = readFile(path);
-    const CRLFileHeader header = CRLFileHeader::parse(
-        std::string_view(reinterpret_cast<const char*>(content.data()), content.size()));
-    if (header.uri.has_value() && *header.uri != uri) return;
-    try {
-      crl = CertificateRevocationListFactory::read(
-          Buffer(content.data(), static_cast<unsigned int>(content.size()), false));
-    } catch (Exception& failure) {
-      failure.stringParameter(path.asString() + ": " + failure.stringParameter());
-      throw;
-    }
+    readUnlessForeign(
+        path,
+        [this](const HashFileHeader& header) { return header.uri.value_or(origin) == origin; },
+        [&crl](const Buffer& content) { crl = CertificateRevocationListFactory::read(content); });
   }
   if (crl.empty()) return;
   // The file is looked at only where the CRL does not say when it runs out.

@@ -1,5 +1,5 @@
 #include "crl/CRLCache.h"
-#include "store/CRLFileHeader.h"
+#include "store/HashFileHeader.h"
 #include "unit/store/Model.h"
 #include "unit/store/Unprivileged.h"
 
@@ -28,7 +28,7 @@ class CRLCacheDirectory : public testing::Test {
   /// A file of `size` bytes, made `age` seconds ago, that says that it runs out in `expires`
   /// seconds.
   void plant(const std::string& name, long age, long expires, std::size_t size = 500) {
-    std::string content = CRLFileHeader::text("http://other.test/", Time::then(expires, false));
+    std::string content = HashFileHeader::text("http://other.test/", Time::then(expires, false));
     content.resize(size, '\n');
     plant(name, age, content);
   }
@@ -178,7 +178,7 @@ TEST_F(CRLCacheDirectory, LongURI_ItsExpiryIsFoundBehindIt) {
     for (const long expires : {-kHour, kHour}) {
       plant(
           "1.r0", 1 * kHour,
-          CRLFileHeader::text(longURI, Time::then(expires, false)) + "-----BEGIN X509 CRL-----\n");
+          HashFileHeader::text(longURI, Time::then(expires, false)) + "-----BEGIN X509 CRL-----\n");
       plant("2.r0", 2 * kHour, kHour);
       add({.files = 2, .bytes = kPlenty});
       EXPECT_EQ(others(), (Names{expires < 0 ? "2.r0" : "1.r0"})) << length;
@@ -191,7 +191,7 @@ TEST_F(CRLCacheDirectory, CRLWithoutNextUpdate_ExpiresADayAfterItWasWritten) {
   const std::string name = HashDirLookupMethod::fileName(other);
   CRLCache(directory.string())
       .add(other, CRLs{crlHandle({.issuer = &root, .nextUpdate = std::nullopt})});
-  const CRLFileHeader header = CRLFileHeader::parse(readFile(directory / name));
+  const HashFileHeader header = HashFileHeader::parse(readFile(directory / name));
   ASSERT_TRUE(header.expires.has_value());
   EXPECT_GE(*header.expires, Time::then(86400 - 60, false));
   EXPECT_LE(*header.expires, Time::then(86400, false));

@@ -3,6 +3,7 @@
 #include "unit/store/Unprivileged.h"
 
 #include <pkx509/HashDirLookup.h>
+#include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
 #include <openssl/evp.h>
@@ -45,6 +46,8 @@ std::vector<std::string> filesIn(const TempDir& directory) {
   std::sort(names.begin(), names.end());
   return names;
 }
+
+const std::string kEmailHeader = "Email: someone@example.test\n";
 
 class HashDir : public testing::Test {
  protected:
@@ -342,7 +345,7 @@ TEST_F(HashDir, CertificateAddedForAnAddress_IsFoundByIt) {
   method.add(EmailAddress("someone@example.test"), certificate);
   const std::string name = keyOf("someone@example.test") + ".0";
   EXPECT_EQ(filesIn(directory), (std::vector<std::string>{name}));
-  EXPECT_EQ(readFile(directory / name), pem(root.get()));
+  EXPECT_EQ(readFile(directory / name), kEmailHeader + pem(root.get()));
 
   Certificates out{certificate};
   method.getByEmailAddress("any base", EmailAddress("someone@example.test"), out);
@@ -381,6 +384,98 @@ TEST_F(HashDir, KeyThatBeginsWithZeros_IsWrittenWithoutThem) {
   EXPECT_EQ(out.size(), 1U);
 }
 
+TEST_F(HashDir, AddressesWithOneKey_AreNotTakenForEachOther) {
+  const std::string alice = "alice3386@example.test";
+  const std::string mallory = "mallory55072@example.test";
+  ASSERT_EQ(keyOf(alice), keyOf(mallory));
+  const auto found = [&](const std::string& address) {
+    Certificates out;
+    method.getByEmailAddress("", address, out);
+    return out.size();
+  };
+  method.add(EmailAddress(mallory), certificate);
+  EXPECT_EQ(found(mallory), 1U);
+  EXPECT_EQ(found(alice), 0U);
+  method.add(EmailAddress(alice), certificate);  // one file for both: the last one stays
+  EXPECT_EQ(filesIn(directory).size(), 1U);
+  EXPECT_EQ(found(mallory), 0U);
+  EXPECT_EQ(found(alice), 1U);
+}
+
+TEST_F(HashDir, FileThatNamesAnotherAddress_IsPassedOver) {
+  const struct {
+    const char* head;
+    std::size_t found;
+  } rows[] = {
+      {"", 1},  // as written before there was such a line
+      {"Email: a@b.test\n", 1},
+      {"Email: a@b.test\r\n", 1},
+      {"Email: A@b.test\n", 0},
+      {"Email: a@b.test2\n", 0},
+      {"Email: a@b.tes\n", 0},
+      {"Email: \n", 0},
+      {"Email: a%40b.test\n", 0},                  // not how it is written
+      {"some text\nEmail: c@b.test\n", 1},         // only the first line counts
+      {"URI: http://example.test/c@b.test\n", 1},  // says nothing of an address
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.head);
+    writeFile(directory / (keyOf("a@b.test") + ".0"), row.head + pem(root.get()));
+    Certificates out;
+    method.getByEmailAddress("", "a@b.test", out);
+    EXPECT_EQ(out.size(), row.found);
+  }
+  writeFile(directory / (keyOf("a@b.test") + ".0"), "Email: c@b.test\ngarbage");
+  Certificates out;
+  method.getByEmailAddress("", "a@b.test", out);
+  EXPECT_TRUE(out.empty());
+}
+
+// Whoever reads the file by its path, and cuts long lines into pieces of whatever size.
+TEST_F(HashDir, HostileAddresses_NeitherForgeNorBreakTheFile) {
+  const std::string block = pem(root.get());
+  const std::string begin = "-----BEGIN CERTIFICATE-----";
+  std::vector<std::string> addresses = {begin + "@x",
+                                        "x@" + begin,
+                                        "-----END CERTIFICATE-----@" + begin,
+                                        "Email: a@b.test",
+                                        "URI: http://example.test/@x",
+                                        "%@%",
+                                        " @ ",
+                                        "\xc2\x9b@\xff",
+                                        "--@--",
+                                        std::string(1000000, 'a') + "@b.test"};
+  for (std::size_t length = 230; length < 280; ++length) {
+    addresses.push_back(std::string(length, 'a') + "@" + begin);
+  }
+  for (const std::string& address : addresses) {
+    SCOPED_TRACE(address.substr(0, 300));
+    method.add(EmailAddress(address), certificate);
+    const std::filesystem::path file = directory / (keyOf(address) + ".0");
+    const std::string content = readFile(file);
+    EXPECT_TRUE(content.ends_with(block));
+    EXPECT_EQ(content.find('\n'), content.size() - block.size() - 1) << "one line more";
+    EXPECT_LT(content.size(), block.size() + 2000);
+    Certificates out;
+    method.getByEmailAddress("", address, out);
+    EXPECT_EQ(out.size(), 1U);
+    CertificateFactory::read(File::Path(file.string()), out);
+    EXPECT_EQ(out.size(), 2U);
+    std::filesystem::remove(file);
+  }
+  // What is no address writes nothing.
+  for (const char* const text : {"a\n@b", "a@b\nURI: x", "a\r@b", "\x01@b", "a\x7f@b"}) {
+    method.add(EmailAddress(text), certificate);
+    EXPECT_TRUE(filesIn(directory).empty());
+  }
+}
+
+TEST_F(HashDir, FileOfAnAddress_IsReadByTheOpenSSLCommand) {
+  method.add(EmailAddress(std::string(226, 'a') + "@-----BEGIN CERTIFICATE-----"), certificate);
+  const std::string file = (directory / filesIn(directory).front()).string();
+  EXPECT_EQ(runCommand({"openssl", "x509", "-noout", "-in", file}).status, 0);
+}
+
 TEST_F(HashDir, NullAddress_WritesNothing) {
   method.add(EmailAddress(), certificate);
   method.add(EmailAddress(), RefCertificate());
@@ -404,10 +499,10 @@ TEST_F(HashDir, CertificateAddedAgain_ReplacesTheOldOneWhole) {
   EXPECT_NE(before.st_ino, after.st_ino);
   std::string content(static_cast<std::size_t>(before.st_size), '\0');
   EXPECT_EQ(::read(old, content.data(), content.size()), before.st_size);
-  EXPECT_EQ(content, pem(root.get()));
+  EXPECT_EQ(content, kEmailHeader + pem(root.get()));
   ::close(old);
 
-  EXPECT_EQ(readFile(file), pem(other.get()));
+  EXPECT_EQ(readFile(file), kEmailHeader + pem(other.get()));
   EXPECT_EQ(filesIn(directory).size(), 1U);
 }
 
@@ -416,7 +511,7 @@ TEST_F(HashDir, EmptyCertificateAdded_ThrowsAndKeepsTheOldFile) {
   method.add(address, certificate);
   EXPECT_THROW(method.add(address, RefCertificate()), Exception);
   EXPECT_EQ(filesIn(directory), (std::vector<std::string>{keyOf("someone@example.test") + ".0"}));
-  EXPECT_EQ(readFile(directory / filesIn(directory).front()), pem(root.get()));
+  EXPECT_EQ(readFile(directory / filesIn(directory).front()), kEmailHeader + pem(root.get()));
 }
 
 TEST_F(HashDir, DirectoryThatCannotBeWritten_IsAnException) {
