@@ -29,6 +29,9 @@ namespace Velantrix::Crypto::PKX509 {
 /// in the URI it goes to port 80, for https as well. An https server is shown the client
 /// certificate of `kClientCertificateFile` and is not verified itself.
 ///
+/// **The answer** is a CRL in DER or PEM. Of its body only the first CRL is read; what follows may be
+/// anything.
+///
 /// **Bounds.** 5 s to resolve the host, 10 s to connect, 15 s for request and answer, 64 MiB for a
 /// CRL, no redirects; inside a verification its limits for the network as well (see
 /// `Verifier::maxNetworkTime`).

@@ -2,6 +2,7 @@
 #include "foundation/base/DotSegments.h"
 #include "foundation/base/Log.h"
 #include "foundation/base/Shortfall.h"
+#include "foundation/model/ObjectReader.h"
 #include "foundation/net/NetworkBudget.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/run/ConnectionSubject.h"
@@ -58,10 +59,7 @@ void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   if (outcome == HTTP::Connection::kTooLarge && limit < kMaximumCRL) Shortfall::note();
   if (outcome != HTTP::Connection::kComplete) return;
   const LW::Buffer& body = connection->content();
-  // The limit keeps the length inside 32 bits. The connection outlives the reading, so the bytes
-  // are lent and not copied.
-  const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(
-      Buffer(body.data(), static_cast<unsigned int>(body.length()), false));
+  const RefCertificateRevocationList crl = readFirstCRL(body.data(), body.length());
   if (!crl.empty()) crls.push_back(crl);
 }
 

@@ -105,7 +105,6 @@ TEST_F(URIFaults, FaultThatShowsAtOnce_FindsNothingAndCachesNothing) {
       {"garbage with 200", Scripts::answer(std::string(10000, '\xff'))},
       {"zeros", Scripts::answer(std::string(10000, '\0'))},
       {"DER that ends early", Scripts::answer(body.substr(0, body.size() - 1))},
-      {"DER with a byte behind", Scripts::answer(body + "x")},
       {"PEM without its end", Scripts::answer(block.substr(0, block.size() - 10))},
       {"PEM with nothing in it",
        Scripts::answer("-----BEGIN X509 CRL-----\n-----END X509 CRL-----\n")},
@@ -128,6 +127,32 @@ TEST_F(URIFaults, FaultThatShowsAtOnce_FindsNothingAndCachesNothing) {
     EXPECT_TRUE(server.waitForEnds(1)) << "the connection is left open";
   }
   EXPECT_EQ(log.text(), "");
+}
+
+// One object is read. What follows is the server's to choose, up to 64 MiB of it, and costs nothing.
+TEST_F(URIFaults, WhatStandsBehindTheCRL_IsNotRead) {
+  const std::string body = der(crl(7).get());
+  const std::string block = pem(crl(7).get());
+  std::string many;
+  while (many.size() < 8000000) many += der(expiredCRL(1).get());
+  const struct {
+    const char* name;
+    std::string body;
+  } rows[] = {
+      {"a byte", body + "x"},
+      {"a line end", body + "\r\n"},
+      {"CRLs", body + many},
+      {"CRLs that end early", body + many + "\x30\x82"},
+      {"a broken PEM block", block + "-----BEGIN X509 CRL-----\nMIIB\n-----END X509 CRL-----\n"},
+      {"another CRL in PEM", block + pem(crl(8).get())},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    clearPrivateView();
+    const FaultServer server(Scripts::answer(row.body));
+    EXPECT_EQ(found(server.url("/ca.crl")), Numbers{"7"});
+    EXPECT_TRUE(isCached(server.url("/ca.crl"), crl(7)));
+  }
 }
 
 TEST_F(URIFaults, FaultOverTls_FindsNothingAndCachesNothing) {

@@ -17,9 +17,12 @@ namespace {
 constexpr Origin kHere{"X509::CertificateRevocationListFactory",
                        "CertificateRevocationListFactory"};
 
-// Keeps the first CRL; the others are decoded all the same, so that a damaged input is noticed.
+// Keeps the first CRL. The others are decoded all the same, so that a damaged input is noticed,
+// unless only the first is asked for.
 class CRLSink : public ObjectSink {
  public:
+  explicit CRLSink(bool onlyFirst = false) : onlyFirst_(onlyFirst) {}
+
   bool wants(std::string_view label) const override { return isCRLLabel(label); }
 
   bool take(std::string_view /*label*/, const unsigned char* der, std::size_t length) override {
@@ -29,9 +32,12 @@ class CRLSink : public ObjectSink {
     return true;
   }
 
+  bool hasEnough() const override { return onlyFirst_; }
+
   const RefCertificateRevocationList& first() const { return first_; }
 
  private:
+  bool onlyFirst_;
   RefCertificateRevocationList first_;
 };
 
@@ -44,6 +50,12 @@ RefCertificateRevocationList decodeCRL(const unsigned char* der, std::size_t len
   Owned<X509_CRL> decoded = decodeWhole(d2i_X509_CRL, der, length);
   if (decoded == nullptr) return RefCertificateRevocationList();
   return CertificateRevocationListFactory()(decoded.release(), true);
+}
+
+RefCertificateRevocationList readFirstCRL(const unsigned char* data, std::size_t length) {
+  CRLSink sink(true);
+  readObjects(data, length, sink);
+  return sink.first();
 }
 
 RefCertificateRevocationList CertificateRevocationListFactory::read(const File::Path& path) {

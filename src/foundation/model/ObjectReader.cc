@@ -69,11 +69,13 @@ bool readDer(const unsigned char* data, std::size_t length, ObjectSink& sink) {
   while (position < length) {
     const unsigned char* der = data + position;
     const std::size_t size = sequenceSize(der, length - position);
-    if (size == 0 || (!sink.take({}, der, size) && !isKnownObject(der, size))) {
+    const bool taken = size != 0 && sink.take({}, der, size);
+    if (!taken && (size == 0 || !isKnownObject(der, size))) {
       if (position == 0) return false;
       sink.refuse("neither PEM nor DER from octet " + std::to_string(position));
       return true;
     }
+    if (taken && sink.hasEnough()) return true;
     position += size;
   }
   return true;
@@ -121,6 +123,8 @@ void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
       sink.refuse("encrypted " + label);
     } else if (!sink.take(label, block.der, static_cast<std::size_t>(block.length))) {
       sink.refuse("malformed " + label);
+    } else if (sink.hasEnough()) {
+      return;
     }
   }
 }
@@ -128,6 +132,8 @@ void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
 }  // namespace
 
 ObjectSink::~ObjectSink() = default;
+
+bool ObjectSink::hasEnough() const { return false; }
 
 void ObjectSink::refuse(const std::string& reason) { fail(kHere, reason); }
 

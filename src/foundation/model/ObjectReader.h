@@ -23,6 +23,8 @@ class ObjectSink {
   /// @param label the PEM block's label, empty for an element of DER input
   /// @return false when the octets are no object of the kind looked for, to the last one
   virtual bool take(std::string_view label, const unsigned char* der, std::size_t length) = 0;
+  /// Whether what stands behind the last object that was taken need not be read; by default it is.
+  virtual bool hasEnough() const;
   /// Hears what cannot be read, as often as there is such a place. Unless it throws, reading goes on
   /// behind a PEM block; what is no block at all, and an element of DER, is where it ends.
   /// @throws Exception with that reason, unless an implementation does something else
@@ -58,5 +60,9 @@ bool isCRLLabel(std::string_view label);
 /// The CRL that all of the octets are; empty when they are none.
 /// @throws Exception when they are a broken one
 RefCertificateRevocationList decodeCRL(const unsigned char* der, std::size_t length);
+/// The first CRL of an input as `readObjects()` reads it; empty when there is none. What follows is
+/// not even looked at: from a stranger it may be anything, and much of it.
+/// @throws Exception when what stands before the end of the CRL cannot be read
+RefCertificateRevocationList readFirstCRL(const unsigned char* data, std::size_t length);
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -1,3 +1,4 @@
+#include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "support/Files.h"
@@ -67,6 +68,24 @@ TEST(CertificateRevocationListFactory, ExtensionBrokenOrTwice_RefusesTheCRLNamin
       EXPECT_THROW(CertificateRevocationListFactory()(crl.get(), true), Exception);
     }
   }
+}
+
+TEST(CertificateRevocationListFactory, FirstCRL_IsReadWithoutWhatFollows) {
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  const Owned<X509_CRL> crl = Pki::makeCRL({.issuer = &ca});
+  const auto first = [](const std::string& input) {
+    return readFirstCRL(octets(input), input.size());
+  };
+  for (const std::string& input :
+       {Pki::der(crl.get()), Pki::der(crl.get()) + "x", Pki::der(ca.get()) + Pki::der(crl.get()),
+        Pki::pem(crl.get()) + "-----BEGIN X509 CRL-----\n!", "text\n" + Pki::pem(crl.get())}) {
+    const RefCertificateRevocationList found = first(input);
+    ASSERT_FALSE(found.empty());
+    EXPECT_EQ(X509_CRL_cmp(found, crl.get()), 0);
+  }
+  EXPECT_TRUE(first("").empty());
+  EXPECT_TRUE(first(Pki::der(ca.get())).empty());
+  EXPECT_THROW(first("x" + Pki::der(crl.get())), Exception);
 }
 
 TEST(CertificateRevocationListFactory, TimeThatIsNone_RefusesTheCRL) {

@@ -32,7 +32,10 @@ class Sink : public ObjectSink {
     return octets.starts_with(takes_);
   }
 
+  bool hasEnough() const override { return !takesAll && !offered.empty(); }
+
   std::vector<std::string> offered;
+  bool takesAll = true;
 
  private:
   std::string takes_;
@@ -94,6 +97,26 @@ TEST(ObjectReader, Readable_EachObjectOfTheKindIsHandedOverInOrder) {
     EXPECT_EQ(sink.offered, row.offered);
     EXPECT_EQ(ERR_peek_error(), 0UL);
   }
+}
+
+TEST(ObjectReader, SinkThatHasEnough_IsOfferedNoMore) {
+  for (const std::string& rest : {""s, kOne, "x"s, "\x30\xff"s, block("WANTED", kOne)}) {
+    Sink sink;
+    sink.takesAll = false;
+    read(kTwo + rest, sink);
+    EXPECT_EQ(sink.offered, std::vector<std::string>{":" + kTwo});
+  }
+  for (const std::string& rest :
+       {""s, "text"s, block("WANTED", kOne), block("WANTED", kOne, "Proc-Type: 4,ENCRYPTED\n"),
+        "-----BEGIN WANTED-----\n!"s}) {
+    Sink sink;
+    sink.takesAll = false;
+    read(block("OTHER", kOne) + block("WANTED", kTwo) + rest, sink);
+    EXPECT_EQ(sink.offered, std::vector<std::string>{"WANTED:" + kTwo});
+  }
+  Sink sink("\x30\x03\x02\x01\x02");  // what is passed over is not enough
+  sink.takesAll = false;
+  EXPECT_EQ(thrownBy(kOne + kTwo, sink), "neither PEM nor DER");
 }
 
 TEST(ObjectReader, Unreadable_Throws) {
