@@ -37,11 +37,12 @@ namespace Velantrix::Crypto::PKX509 {
 /// `Verifier::maxNetworkTime`).
 ///
 /// **The cache** is a hash directory, see `HashDirLookupMethod::add(const Uri&, ...)`. It holds at
-/// most 1 GiB and 1,000 files: what has expired is removed first, then the oldest. Files are
+/// most 1 GiB and 1,000 files, whatever the number of threads and processes: what has expired is
+/// removed first, then the oldest. On a full disk what has expired makes room, too. Files are
 /// replaced as a whole, and only by what could be read as a CRL. What a URI with dot segments in its
 /// path ("/a/../b", also percent-encoded) gave is not stored: the file would be that of the URI
 /// without them, which another server directory may stand behind. A cache that cannot be read or
-/// written costs a fetch, not the result.
+/// written, or that another writer keeps locked for 0.3 s, costs a fetch, not the result.
 ///
 /// **Threads.** There is no state; several threads and processes may fetch at once, and the last
 /// one that finishes leaves its CRL in the cache.

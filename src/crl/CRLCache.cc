@@ -1,5 +1,8 @@
 #include "crl/CRLCache.h"
 
+#include "foundation/base/DirectoryLock.h"
+#include "foundation/base/Fail.h"
+#include "foundation/base/FileDescriptor.h"
 #include "foundation/base/Hex.h"
 #include "foundation/base/TemporaryName.h"
 #include "store/HashFileHeader.h"
@@ -11,17 +14,31 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
+#include <fcntl.h>
 #include <filesystem>
-#include <fstream>
+#include <limits>
 #include <optional>
 #include <string_view>
+#include <sys/statvfs.h>
 #include <system_error>
+#include <unistd.h>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
+
+constexpr Origin kHere{"CRLCache", "CRLCache"};
+
+// How long a writer waits for the one before it. One that is stopped in the middle, and whoever else
+// may read the directory, can keep the lock; then nothing is stored, which costs a fetch.
+constexpr std::chrono::milliseconds kLockTime{300};
+
+// Who finds the cache full frees a sixteenth of it: looking into every file, for which that one
+// makes way, is then not to be done again for each of the next.
+constexpr unsigned int kFreedShare = 16;
 
 // "4a6481c9.r0", and the file beside it that a killed writer leaves.
 bool isCacheName(std::string_view name) {
@@ -45,10 +62,7 @@ struct CachedFile {
 
 class Collector : public File::Processor {
  public:
-  explicit Collector(const std::string& except) : except_(except) {}
-
   int process(const File::Path& path) override {
-    if (path.name() == except_) return 0;
     try {
       const File::Status status = path.status(false);
       if (status.isRegular()) files.push_back({path, status.size(), status.creationTime()});
@@ -59,73 +73,144 @@ class Collector : public File::Processor {
   }
 
   std::vector<CachedFile> files;
-
- private:
-  const std::string& except_;
 };
+
+std::vector<CachedFile> filesIn(const std::string& directory) {
+  Collector collector;
+  File::Selector(File::Path(directory), collector, isCacheName).start();
+  return std::move(collector.files);
+}
+
+// Appends up to `wanted` octets that follow. False at the end of the file, and when it cannot be
+// read.
+bool readOn(int file, std::string& content, std::size_t wanted) {
+  const std::size_t had = content.size();
+  content.resize(had + wanted);
+  ssize_t got = 0;
+  do {
+    got = ::read(file, content.data() + had, wanted);
+  } while (got < 0 && errno == EINTR);
+  content.resize(had + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+  return got > 0;
+}
 
 // When the CRL in the file runs out, by the file's header; none when it does not say. Hardly a URI
 // needs more than the first block, and there may be a thousand files to look into.
 std::optional<Time> expiryOf(const File::Path& path) {
-  constexpr std::size_t kFirstBlock = std::size_t{4} * 1024;
-  std::ifstream file(path.asString(), std::ios::binary);
+  constexpr std::size_t kBlock = std::size_t{4} * 1024;
+  // What was a regular file a moment ago may be a FIFO now: neither is waited for nor followed.
+  const FileDescriptor file(
+      ::open(systemPath(path.asString()), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+  if (!file.valid()) return std::nullopt;
   std::string head;
-  for (const std::size_t size : {kFirstBlock, HashFileHeader::kMaximumSize}) {
-    const std::size_t had = head.size();
-    head.resize(size);
-    file.read(head.data() + had, static_cast<std::streamsize>(size - had));
-    head.resize(had + static_cast<std::size_t>(file.gcount()));
-    const HashFileHeader header = HashFileHeader::parse(head);
+  while (head.size() < HashFileHeader::kMaximumSize && readOn(file.get(), head, kBlock)) {
     // A number that the block cuts off is not whole.
-    if (header.expires.has_value() && head.find("-----BEGIN") != std::string::npos) {
-      return header.expires;
-    }
-    if (head.size() < size) break;
+    if (head.find("-----BEGIN") != std::string::npos) break;
   }
   return HashFileHeader::parse(head).expires;
+}
+
+// Whether nobody will read the file any more. The lock is held, so no writer is at work, and what
+// has a temporary name is what a killed one left.
+bool isSpent(const File::Path& path, const Time& now) {
+  if (path.name().find(kTemporaryMark) != std::string::npos) return true;
+  const std::optional<Time> expires = expiryOf(path);
+  return expires.has_value() && *expires < now;
+}
+
+// True when it is gone, by whomever.
+bool removeFile(const File::Path& path) {
+  std::error_code error;
+  return std::filesystem::remove(path.asString(), error) || !error;
+}
+
+std::uint64_t derSize(const RefCertificateRevocationList& crl) {
+  return static_cast<std::uint64_t>(std::max(i2d_X509_CRL(crl, nullptr), 0));
 }
 
 // The size of the file for a CRL, generously: in PEM there are four characters for three octets,
 // and line ends.
 std::uint64_t fileSize(const Uri& uri, const RefCertificateRevocationList& crl) {
   constexpr std::uint64_t kFrame = 4096;
-  const int der = i2d_X509_CRL(crl, nullptr);
-  return static_cast<std::uint64_t>(std::max(der, 0)) / 2 * 3 + uri.canonicalized().size() + kFrame;
+  return derSize(crl) / 2 * 3 + uri.canonicalized().size() + kFrame;
+}
+
+// What can still be written.
+struct Disk {
+  explicit Disk(const std::string& directory) {
+    struct statvfs status = {};
+    if (::statvfs(systemPath(directory), &status) != 0) return;
+    bytes = std::uint64_t{status.f_bavail} * status.f_frsize;
+    // Some file systems make as many as are needed, and say that they have none.
+    if (status.f_files != 0) files = status.f_favail;
+  }
+
+  std::uint64_t bytes = std::numeric_limits<std::uint64_t>::max();
+  std::uint64_t files = std::numeric_limits<std::uint64_t>::max();
+};
+
+// What a file takes on the disk, about.
+std::uint64_t onDisk(std::uint64_t size) {
+  constexpr std::uint64_t kBlock = 4096;
+  return (size + kBlock - 1) / kBlock * kBlock;
 }
 
 }  // namespace
 
 void CRLCache::add(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) {
   if (crls.empty()) return;
+  const DirectoryLock lock(directory_, kLockTime);
+  if (!lock.held()) fail(kHere, directory_ + ": Another writer is at it.");
   makeRoom(HashDirLookupMethod::fileName(uri), fileSize(uri, crls.back()));
-  HashDirLookupMethod(directory_).add(uri, crls);
+  try {
+    HashDirLookupMethod(directory_).add(uri, crls);
+  } catch (const std::exception&) {
+    if (!makeRoomOnDisk(fileSize(uri, crls.back()), derSize(crls.back()) / 3 * 4)) throw;
+    HashDirLookupMethod(directory_).add(uri, crls);
+  }
 }
 
 void CRLCache::makeRoom(const std::string& replaced, std::uint64_t bytes) {
-  Collector collector(replaced);
-  File::Selector(File::Path(directory_), collector, isCacheName).start();
-  std::vector<CachedFile>& files = collector.files;
+  std::vector<CachedFile> files = filesIn(directory_);
+  std::erase_if(files, [&](const CachedFile& file) { return file.path.name() == replaced; });
   std::size_t count = files.size() + 1;
   for (const CachedFile& file : files) bytes += file.size;
-  const auto fits = [&] { return count <= limits_.files && bytes <= limits_.bytes; };
+  const auto fit = [&](const Limits& limits) {
+    return count <= limits.files && bytes <= limits.bytes;
+  };
+  if (fit(limits_)) return;
+
   const auto remove = [&](const CachedFile& file) {
-    std::error_code error;
-    if (!std::filesystem::remove(file.path.asString(), error) && error) return;
+    if (!removeFile(file.path)) return;
     --count;
     bytes -= file.size;
   };
-  if (fits()) return;
-
   const Time now = Time::now();
   std::erase_if(files, [&](const CachedFile& file) {
-    const std::optional<Time> expires = expiryOf(file.path);
-    if (!expires.has_value() || !(*expires < now)) return false;
-    remove(file);
-    return true;
+    const bool spent = isSpent(file.path, now);
+    if (spent) remove(file);
+    return spent;
   });
+  const Limits freed{limits_.files - limits_.files / kFreedShare,
+                     limits_.bytes - limits_.bytes / kFreedShare};
   std::sort(files.begin(), files.end(),
             [](const CachedFile& a, const CachedFile& b) { return a.created < b.created; });
-  for (auto oldest = files.begin(); oldest != files.end() && !fits(); ++oldest) remove(*oldest);
+  for (auto oldest = files.begin(); oldest != files.end() && !fit(freed); ++oldest) {
+    remove(*oldest);
+  }
+}
+
+bool CRLCache::makeRoomOnDisk(std::uint64_t atMost, std::uint64_t atLeast) {
+  Disk disk(directory_);
+  if (disk.bytes >= atMost && disk.files > 0) return false;
+  std::vector<CachedFile> files = filesIn(directory_);
+  const Time now = Time::now();
+  std::erase_if(files, [&](const CachedFile& file) { return !isSpent(file.path, now); });
+  for (const CachedFile& file : files) disk.bytes += onDisk(file.size);
+  disk.files += files.size();
+  if (files.empty() || disk.bytes < atLeast || disk.files == 0) return false;
+  for (const CachedFile& file : files) removeFile(file.path);
+  return true;
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -16,6 +16,9 @@ namespace Velantrix::Crypto::PKX509 {
 //
 // Only files that HashDirLookupMethod::add(const Uri&, ...) can have named are counted and removed:
 // whatever else lies in the directory is somebody else's.
+//
+// One writer at a time makes room and writes, over all threads and processes: each counts on what
+// it has counted.
 class CRLCache {
  public:
   struct Limits {
@@ -28,13 +31,18 @@ class CRLCache {
       : directory_(directory), limits_(limits) {}
 
   // Stores what was fetched from `uri`; of several CRLs the last one stays. Throws Exception when
-  // the directory cannot be read or written.
+  // the directory cannot be read or written, and when another writer does not come to its end.
   void add(const Uri& uri, const std::list<RefCertificateRevocationList>& crls);
 
  private:
-  // Removes files until one more, of `bytes` bytes, fits: expired ones, then the oldest. The file
-  // named `replaced` makes way in any case.
+  // Where one more file of `bytes` bytes would not fit, removes what has expired and what killed
+  // writers left, and then the oldest files until it fits with some to spare. The file named
+  // `replaced` makes way in any case.
   void makeRoom(const std::string& replaced, std::uint64_t bytes);
+  // After a failure to write: when the disk may be too full for it, removes all that has expired or
+  // was left, unless that cannot be enough either. True when something was removed. The size of
+  // what is to be written is between the two.
+  bool makeRoomOnDisk(std::uint64_t atMost, std::uint64_t atLeast);
 
   std::string directory_;
   Limits limits_;

@@ -1,5 +1,8 @@
 #include "crl/CRLCache.h"
+#include "foundation/base/DirectoryLock.h"
 #include "store/HashFileHeader.h"
+#include "support/Descriptor.h"
+#include "support/Stopwatch.h"
 #include "unit/store/Model.h"
 #include "unit/store/Unprivileged.h"
 
@@ -7,17 +10,22 @@
 #include <velantrix/Exception.h>
 #include <velantrix/File.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <set>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <thread>
+#include <vector>
 
 namespace Velantrix::Test {
 namespace {
 
 using namespace Crypto::PKX509;
+using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 using CRLs = std::list<RefCertificateRevocationList>;
@@ -60,6 +68,24 @@ class CRLCacheDirectory : public testing::Test {
     CRLs found;
     HashDirLookupMethod(directory.string()).getBySubject(uri, found);
     return found.size() == 1;
+  }
+
+  static std::string nameOf(int number) { return std::to_string(100000 + number) + ".r0"; }
+  /// How many files in the watched directory were opened since the last call.
+  static std::size_t filesOpened(const Descriptor& watch) {
+    alignas(inotify_event) char events[16384];
+    std::size_t opened = 0;
+    ssize_t size = 0;
+    while ((size = ::read(watch.number(), events, sizeof events)) > 0) {
+      for (ssize_t at = 0; at < size;) {
+        inotify_event event = {};
+        std::memcpy(&event, events + at, sizeof event);
+        EXPECT_EQ(event.mask & IN_Q_OVERFLOW, 0U);
+        if ((event.mask & IN_ISDIR) == 0) ++opened;
+        at += static_cast<ssize_t>(sizeof event + event.len);
+      }
+    }
+    return opened;
   }
 
   static constexpr long kHour = 3600;
@@ -123,10 +149,10 @@ TEST_F(CRLCacheDirectory, SizeOfWhatIsWritten_CountsBeforeItIsWritten) {
       crlHandle({.issuer = &root, .rawExtensions = {{"1.2.3.4", false, std::string(100000, 'x')}}});
   plant("1.r0", 2 * kHour, kHour, 100000);
   plant("2.r0", 1 * kHour, kHour, 100000);
-  add({.files = 100, .bytes = 260000});
+  add({.files = 100, .bytes = 280000});
   EXPECT_TRUE(ownIsThere());
   EXPECT_EQ(others(), (Names{"2.r0"}));
-  EXPECT_LE(fs::file_size(directory / own) + 100000, 260000U);
+  EXPECT_LE(fs::file_size(directory / own) + 100000, 280000U);
 }
 
 TEST_F(CRLCacheDirectory, LengthOfTheURI_Counts) {
@@ -144,6 +170,42 @@ TEST_F(CRLCacheDirectory, FileThatIsReplaced_DoesNotCount) {
   add({.files = 2, .bytes = 150000});
   EXPECT_TRUE(ownIsThere());
   EXPECT_EQ(others(), (Names{"1.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, FullCache_IsEmptiedByASixteenth) {
+  for (int i = 0; i < 32; ++i) plant(nameOf(i), kHour - i, kHour);
+  add({.files = 32, .bytes = kPlenty});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others().size(), 29U);  // 30 of 32 with the new one
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(others().contains(nameOf(i)));
+}
+
+TEST_F(CRLCacheDirectory, FullCache_IsEmptiedByASixteenthOfItsBytes) {
+  for (int i = 0; i < 20; ++i) plant(nameOf(i), kHour - i, kHour, 100000);
+  add({.files = 100, .bytes = 2000000});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others().size(), 18U);
+}
+
+// Every file is looked into when the cache is full. If each new one made room for itself only, n of
+// them would look into n times as many.
+TEST_F(CRLCacheDirectory, ManyFilesAddedToAFullCache_LookIntoEachFewTimes) {
+  constexpr int kLimit = 160;
+  constexpr int kAdded = 40;
+  for (int i = 0; i < kLimit; ++i) plant(nameOf(i), kHour, i % 4 == 0 ? -kHour + i : kHour);
+  const Descriptor watch(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK), "inotify_init1");
+  ASSERT_GE(::inotify_add_watch(watch.number(), directory.path().c_str(), IN_OPEN), 0);
+  std::size_t opened = 0;
+  for (int i = 0; i < kAdded; ++i) {
+    // Each runs out at once, so that there is always one to be found.
+    crl = crlHandle({.issuer = &root, .lastUpdate = -48h, .nextUpdate = -24h});
+    add({.files = kLimit, .bytes = kPlenty}, Uri("http://example.test/" + std::to_string(i)));
+    opened += filesOpened(watch);
+    plant(nameOf(kLimit + i), kHour, kHour);
+    static_cast<void>(filesOpened(watch));
+  }
+  EXPECT_GE(opened, std::size_t{kLimit + kAdded});  // or nothing was seen
+  EXPECT_LE(opened, std::size_t{20} * kAdded + kLimit);
 }
 
 TEST_F(CRLCacheDirectory, AllOfItExpiredOrOld_OnlyTheNewOneStays) {
@@ -290,6 +352,57 @@ TEST_F(CRLCacheDirectory, WhatIsNoRegularFile_IsNeitherRemovedNorCounted) {
   add({.files = 0, .bytes = 0});
   EXPECT_EQ(others(), before);
   EXPECT_TRUE(fs::exists(elsewhere / "target"));
+}
+
+// ---------------------------------------------------------------------------------- many writers
+
+TEST_F(CRLCacheDirectory, EightWriters_KeepTheLimits) {
+  constexpr std::size_t kLimit = 40;
+  for (int i = 0; i < 40; ++i) plant(nameOf(i), kHour, kHour);
+  std::atomic<int> added = 0;
+  std::atomic<int> writing = 8;
+  std::vector<std::thread> writers;
+  for (int writer = 0; writer < 8; ++writer) {
+    writers.emplace_back([&, writer] {
+      for (int i = 0; i < 15; ++i) {
+        const Uri one("http://example.test/" + std::to_string(writer * 1000 + i));
+        try {
+          add({.files = kLimit, .bytes = kPlenty}, one);
+          ++added;
+        } catch (const Exception& busy) {
+          EXPECT_NE(busy.asString().find("Another writer"), std::string::npos) << busy.asString();
+        }
+      }
+      --writing;
+    });
+  }
+  std::size_t most = 0;
+  while (writing > 0) {
+    const Names names = others();
+    most = std::max(most, static_cast<std::size_t>(std::count_if(
+                              names.begin(), names.end(),
+                              [](const std::string& name) { return name.ends_with(".r0"); })));
+  }
+  for (std::thread& writer : writers) writer.join();
+  EXPECT_LE(most, kLimit);
+  EXPECT_LE(others().size(), kLimit);
+  EXPECT_GT(added, 20);
+}
+
+TEST_F(CRLCacheDirectory, WriterThatIsStuck_IsNotWaitedForLong) {
+  plant("1.r0", 5 * kHour, -kHour);
+  {
+    const DirectoryLock stuck(directory.string(), std::chrono::milliseconds(0));
+    ASSERT_TRUE(stuck.held());
+    const Stopwatch watch;
+    EXPECT_THROW(add({.files = 1, .bytes = kPlenty}), Exception);
+    EXPECT_TRUE(watch.took(std::chrono::milliseconds(300)));
+    EXPECT_EQ(others(), (Names{"1.r0"}));
+    EXPECT_FALSE(ownIsThere());
+  }
+  add({.files = 1, .bytes = kPlenty});
+  EXPECT_TRUE(ownIsThere());
+  EXPECT_EQ(others(), Names{});
 }
 
 // --------------------------------------------------------------------------------------- failures
