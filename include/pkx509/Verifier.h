@@ -9,6 +9,7 @@
 /// @endcode
 #pragma once
 
+#include <pkx509/AddressPolicy.h>
 #include <pkx509/CRLContainer.h>
 #include <pkx509/ObjectStore.h>
 #include <velantrix/ASN1.h>
@@ -60,7 +61,10 @@ namespace Velantrix::Crypto::PKX509 {
 /// the trust anchor is verified; for a forgery, and for all below one, every host counts as
 /// unreachable. The anchor is the end of the chain if it comes from the store: a verification
 /// callback that lets an untrusted end pass makes nobody vouched for. `maxNetworkTime()` bounds the
-/// time that one verification spends on the network, and 128 MiB the bytes of CRLs that it fetches.
+/// time that one verification spends on the network, and 128 MiB the bytes of CRLs that it fetches. `addressPolicy()` says which kinds
+/// of addresses are contacted at all; without one a certificate that is vouched for may name any,
+/// the machine's own and its network's among them. The LDAP server and the name servers are the
+/// operator's and not subject to it.
 ///
 /// **Bounds.** The issuer of a CRL may need a verification of its own. A nested verification fails
 /// with `X509_V_ERR_CRL_PATH_VALIDATION_ERROR` (54) when an enclosing one is about the same
@@ -155,6 +159,11 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   /// and the verification does not end valid.
   /// @param seconds 20 by default; 0 for no such bound
   void maxTime(unsigned int seconds) noexcept;
+
+  /// Which addresses may be contacted for the certificates of this verification and of all that are
+  /// nested in it; everything by default. The process may refuse more (`AddressPolicy::process()`).
+  /// Nested in another verification, it has that one's policy and not this.
+  void addressPolicy(const AddressPolicy& policy) noexcept;
 
   /// Adds an acceptable certificate policy. The identifier gives its OpenSSL object to the context;
   /// one that has given it away before is copied.

@@ -174,8 +174,9 @@ int Verifier::isValid() {
   ERR_clear_error();
   // First of all, so that an override which verifies again while it is asked for CRLs is refused as
   // a circle before it takes the context away from OpenSSL.
-  VerificationRun run(certificate, limitOf(state_->networkSeconds),
-                      limitOf(state_->processorSeconds));
+  VerificationRun run(certificate, {.networkTime = limitOf(state_->networkSeconds),
+                                    .processorTime = limitOf(state_->processorSeconds),
+                                    .addresses = state_->addresses});
   if (run.refusal() != nullptr) {
     error = X509_V_ERR_CRL_PATH_VALIDATION_ERROR;
     contextError(error);
@@ -219,6 +220,8 @@ Verifier::operator X509_STORE_CTX*() const noexcept { return state_->context.get
 X509_STORE_CTX* Verifier::parent() const noexcept { return state_->parent; }
 
 void Verifier::parent(X509_STORE_CTX* outer) noexcept { state_->parent = outer; }
+
+void Verifier::addressPolicy(const AddressPolicy& policy) noexcept { state_->addresses = policy; }
 
 void Verifier::maxNetworkTime(unsigned int seconds) noexcept { state_->networkSeconds = seconds; }
 

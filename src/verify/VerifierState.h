@@ -26,6 +26,7 @@ struct Verifier::State {
   bool remainingApplied = false;  // every CRL that is left for `lastCertificate` has counted
   unsigned int networkSeconds = 60;
   unsigned int processorSeconds = 20;
+  AddressPolicy addresses;
   X509_STORE_CTX_cert_crl_fn certCRL = nullptr;  // what certCRLCallback stands in front of
   X509_STORE_CTX* parent = nullptr;              // borrowed
   unsigned int currentCRLScore = 0;

@@ -160,7 +160,7 @@ TEST(HTTPBounds, TimeOfTheVerification_BoundsEveryStep) {
   for (const auto& row : rows) {
     const FaultServer server(row.script);
     const Stopwatch watch;
-    VerificationRun run(nullptr, kShort);
+    VerificationRun run(nullptr, {.networkTime = kShort});
     HTTPClient client;
     ASSERT_TRUE(client.connect(server.port())) << row.what;
     EXPECT_EQ(client.get(), Connection::kTimedOut) << row.what;
@@ -173,7 +173,7 @@ TEST(HTTPBounds, TimeOfTheVerification_BoundsEveryStep) {
 
 TEST(HTTPBounds, VerificationWithoutTimeLeft_ConnectsNowhere) {
   const FaultServer server(Scripts::answer("x"));
-  VerificationRun run(nullptr, 1s);
+  VerificationRun run(nullptr, {.networkTime = 1s});
   HTTPClient client;
   ASSERT_TRUE(client.connect(server.port()));
   EXPECT_EQ(client.get(), Connection::kComplete);
@@ -192,7 +192,7 @@ TEST(HTTPBounds, TimeUsed_IsCountedOnce) {
     peer.pause(100ms);
     peer.write(Scripts::response("x"));
   });
-  VerificationRun run(nullptr, 10s);
+  VerificationRun run(nullptr, {.networkTime = 10s});
   HTTPClient client;
   const Stopwatch watch;
   ASSERT_TRUE(client.connect(server.port()));
@@ -217,7 +217,7 @@ TEST(HTTPBounds, HostThatDoesNotAnswer_EndsWithTheTimeOfTheVerification) {
       ASSERT_EQ(errno, EINPROGRESS);
     }
   }
-  VerificationRun run(nullptr, kShort);
+  VerificationRun run(nullptr, {.networkTime = kShort});
   HTTPClient client;
   const Stopwatch watch;
   EXPECT_FALSE(client.connect(boundPort(listener)));

@@ -329,7 +329,7 @@ TEST_F(HTTPTls, HandshakeThatNeverEnds_EndsWithTheTimeOfTheVerification) {
       peer.waitForPeerToClose();
     });
     HTTPClient client(streamFor(Uri("https://127.0.0.1/")));
-    VerificationRun run(nullptr, 250ms);
+    VerificationRun run(nullptr, {.networkTime = 250ms});
     const Stopwatch watch;
     EXPECT_FALSE(client.connect(server.port()));
     EXPECT_TRUE(watch.took(250ms));
@@ -347,7 +347,7 @@ TEST_F(HTTPTls, SilenceAndTrickle_EndWithTheTimeOfTheVerification) {
     const FaultServer server(script, withTls());
     HTTPClient client = clientFor(server);
     const Stopwatch watch;
-    VerificationRun run(nullptr, 300ms);
+    VerificationRun run(nullptr, {.networkTime = 300ms});
     ASSERT_TRUE(client.connect(server.port()));
     EXPECT_EQ(client.get(), Connection::kTimedOut);
     EXPECT_TRUE(watch.took(300ms));
@@ -362,7 +362,7 @@ TEST_F(HTTPTls, PeerThatDoesNotRead_EndsWithTheTimeOfTheVerification) {
   HTTPClient client = clientFor(server);
   const LW::RefBuffer body = bodyOf(std::string(std::size_t{32} * 1024 * 1024, 'x'));
   const Stopwatch watch;
-  VerificationRun run(nullptr, 500ms);
+  VerificationRun run(nullptr, {.networkTime = 500ms});
   ASSERT_TRUE(client.connect(server.port()));
   client->send("POST / HTTP/1.0\r\n\r\n");
   client->send(body);

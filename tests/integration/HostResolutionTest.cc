@@ -118,7 +118,7 @@ TEST_F(HostResolution, NamesThatNobodyHas_HaveNoAddress) {
         "[::1]"s, "\\"s, "\\300"s, std::string(64, 'a') + ".test", std::string(254, 'a'),
         "host.example.test:80"s}) {
     const Stopwatch watch;
-    VerificationRun run(nullptr, 2s);
+    VerificationRun run(nullptr, {.networkTime = 2s});
     EXPECT_EQ(resolve(name), "") << name;
     EXPECT_TRUE(watch.tookNoTime()) << name;
   }
@@ -126,7 +126,7 @@ TEST_F(HostResolution, NamesThatNobodyHas_HaveNoAddress) {
 
 // Refused is not always quick: one of two questions may get what the kernel says about the other.
 TEST_F(HostResolution, NobodyIsTheNameServer_HasNoAddressInTime) {
-  const VerificationRun run(nullptr, kShort);
+  const VerificationRun run(nullptr, {.networkTime = kShort});
   const Stopwatch watch;
   EXPECT_EQ(resolve("host.example.test"), "");
   EXPECT_LE(watch.elapsed(), kShort + kSlack);
@@ -189,7 +189,7 @@ TEST_F(HostResolution, NoAddress_IsRememberedToo) {
 
 TEST_F(HostResolution, Silence_EndsWithTheTimeOfTheVerificationAndIsCounted) {
   const DnsServer server([](const DnsQuery&) { return std::string(); });
-  VerificationRun run(nullptr, 10s);
+  VerificationRun run(nullptr, {.networkTime = 10s});
   run.network().countTime(10s - kShort);
   const Stopwatch watch;
   EXPECT_EQ(resolve("host.example.test"), "");
@@ -233,7 +233,7 @@ TEST_F(HostResolution, SocketIsClosedAndTheNextNameServerIsSilent_WaitsWithoutWo
     return answerTo(query, {}, kServerFailure);
   });
 
-  const VerificationRun run(nullptr, 1s);
+  const VerificationRun run(nullptr, {.networkTime = 1s});
   const Stopwatch watch;
   const auto before = processorTime();
   EXPECT_EQ(resolve("host.example.test"), "");
@@ -306,7 +306,7 @@ TEST_F(HostResolution, AnswersThatAreNone_GiveNoAddressInTime) {
   };
   for (const auto& row : rows) {
     const DnsServer server(row.answer);
-    VerificationRun run(nullptr, 150ms);
+    VerificationRun run(nullptr, {.networkTime = 150ms});
     const Stopwatch watch;
     EXPECT_EQ(resolve("host.example.test"), "") << row.what;
     EXPECT_LE(watch.elapsed(), 150ms + kSlack) << row.what;
@@ -334,7 +334,7 @@ TEST_F(HostResolution, DescriptorsAndMemory_AreGivenBack) {
   };
   const auto before = descriptors();
   for (int i = 0; i < 20; ++i) {
-    const VerificationRun run(nullptr, 5ms);
+    const VerificationRun run(nullptr, {.networkTime = 5ms});
     EXPECT_EQ(resolve("host.example.test"), "");
   }
   EXPECT_EQ(descriptors(), before);

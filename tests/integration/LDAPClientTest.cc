@@ -235,7 +235,7 @@ TEST_F(LDAPClient, LookupOfASilentServer_BindTenSecondsAndAnswerThirty) {
 TEST_F(LDAPClient, InsideAVerification_ItsTimeForTheNetworkCounts) {
   using Crypto::PKX509::VerificationRun;
   const LDAPPeer peer([](Connection& connection) { connection.hold(); });
-  const VerificationRun run(nullptr, std::chrono::seconds(1));
+  const VerificationRun run(nullptr, {.networkTime = std::chrono::seconds(1)});
   EXPECT_TEXT("The server did not answer in time.", search(peer, 20));
   EXPECT_GE(took, std::chrono::milliseconds(900));
   EXPECT_LT(took, std::chrono::seconds(3));

@@ -311,6 +311,22 @@ TEST_F(OCSPVerification, ChainOfAForgedCA_NobodyIsConnectedTo) {
   EXPECT_EQ(watch.ports().size(), 2U) << log.text();
 }
 
+// --- The address is refused.
+
+TEST_F(OCSPVerification, AddressThatIsRefused_TheResponderCannotBeReachedAndTheCRLsDecide) {
+  const FaultServer server(answering(revoked()));
+  const Issued leaf = person({server.url()});
+  world.publish({.issuer = &root});
+  Verifier verifier(world.store, handle(leaf), false);
+  verifier.addressPolicy(AddressPolicy::publicAndPrivate());
+  const ConnectWatch watch;
+  EXPECT_EQ(verifier.isValid(), 0);
+  EXPECT_TRUE(watch.ports().empty());
+  EXPECT_EQ(log.text(),
+            "6 HTTP::Connection: the address policy refuses a loopback address: 127.0.0.1\n" +
+                unreachableLine(server.url()));
+}
+
 // --- Bounds.
 
 TEST_F(OCSPVerification, NetworkTime_IsSharedByOCSPAndCRLs) {

@@ -37,6 +37,7 @@ class URIVerification : public URIFixture {
     bool useOpenSSL = false;
     int flags = Verifier::Config().flags;
     unsigned int networkTime = 60;
+    AddressPolicy addresses = {};
   };
   /// In a store of its own in which the CA is trusted.
   int verdict(const Issued& leaf) { return verdict(leaf, How()); }
@@ -51,6 +52,7 @@ class URIVerification : public URIFixture {
     config.flags = how.flags;
     Verifier verifier(world.store, handle(leaf), RefStackOfCertificate(), config, how.useOpenSSL);
     verifier.maxNetworkTime(how.networkTime);
+    verifier.addressPolicy(how.addresses);
     return verifier.isValid();
   }
 
@@ -255,6 +257,47 @@ TEST_F(URIVerification, EndThatACallersCallbackLetPass_MakesNoConnection) {
     EXPECT_GE(forgeryLines(), 1U);
   }
   EXPECT_EQ(server.connections().size(), 0U);
+}
+
+// ---------------------------------------------------------------------------------- the addresses
+
+TEST_F(URIVerification, AddressThatIsRefused_IsAHostThatCannotBeReached) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const std::string port = std::to_string(server.port());
+  const std::string refused = "HTTP::Connection: the address policy refuses a loopback address: ";
+  for (const char* host : {"127.0.0.1", "localhost", "[::ffff:127.0.0.1]"}) {
+    SCOPED_TRACE(host);
+    std::string uri = "http://";
+    uri.append(host).append(":").append(port);
+    const Issued leaf = leafWith({uri + "/a", uri + "/b"});
+    for (const bool useOpenSSL : {false, true}) {
+      log.clear();
+      clearPrivateView();
+      const std::size_t before = server.connections().size();
+      How how{.useOpenSSL = useOpenSSL, .addresses = AddressPolicy::publicAndPrivate()};
+      EXPECT_EQ(verdict(leaf, how), X509_V_ERR_UNABLE_TO_GET_CRL);
+      EXPECT_EQ(linesOf(6, refused), 1U) << log.text();
+      EXPECT_EQ(linesOf(6, ""), 1U) << log.text();
+      EXPECT_EQ(server.connections().size(), before);
+      how.addresses.allow(AddressPolicy::Kind::kLoopback);
+      EXPECT_EQ(verdict(leaf, how), X509_V_OK) << log.text();
+      EXPECT_GT(server.connections().size(), before);
+    }
+  }
+}
+
+TEST_F(URIVerification, PolicyOfTheProcess_HoldsForEveryVerification) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const Issued leaf = leafWith({server.url("/ca.crl")});
+  AddressPolicy::process(AddressPolicy::publicAndPrivate());
+  const int refused = verdict(leaf);
+  CRLs found;
+  URILookup().find(Uri(server.url("/ca.crl")), found);
+  AddressPolicy::process(AddressPolicy::everything());
+  EXPECT_EQ(refused, X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_TRUE(found.empty());
+  EXPECT_EQ(server.connections().size(), 0U);
+  EXPECT_EQ(verdict(leaf), X509_V_OK) << log.text();
 }
 
 // ------------------------------------------------------------------------------------- the bounds

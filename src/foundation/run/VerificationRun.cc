@@ -49,19 +49,17 @@ VerificationRun::VerificationRun(Shelter /*shelter*/) noexcept
       level_(outer_ == nullptr ? 0 : outer_->level_),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(nullptr) {
-  begin({}, {});
+  begin({});
   currentRun = this;
 }
 
-VerificationRun::VerificationRun(const X509* target,
-                                 std::optional<NetworkBudget::Clock::duration> networkTime,
-                                 std::optional<std::chrono::nanoseconds> processorTime) noexcept
+VerificationRun::VerificationRun(const X509* target, const Limits& limits) noexcept
     : target_(target),
       outer_(currentRun),
       level_(outer_ == nullptr ? 1 : outer_->level_ + 1),
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(judge()) {
-  begin(networkTime, processorTime);
+  begin(limits);
   currentRun = this;
 }
 
@@ -69,17 +67,18 @@ VerificationRun::~VerificationRun() { currentRun = outer_; }
 
 VerificationRun* VerificationRun::current() noexcept { return currentRun; }
 
-void VerificationRun::begin(std::optional<NetworkBudget::Clock::duration> networkTime,
-                            std::optional<std::chrono::nanoseconds> processorTime) noexcept {
+void VerificationRun::begin(const Limits& limits) noexcept {
   if (outer_ != nullptr) return;
-  if (processorTime.has_value()) {
+  if (limits.processorTime.has_value()) {
     own_.processorEnd =
-        processorTimeUsed().value_or(std::chrono::nanoseconds::zero()) + *processorTime;
+        processorTimeUsed().value_or(std::chrono::nanoseconds::zero()) + *limits.processorTime;
   }
   own_.lines.emplace(kMaximumLines);
   own_.shortfall.emplace();
-  own_.network.emplace(NetworkBudget::Limits{networkTime, kMaximumCRLBytes}, sayThatItIsSpent);
+  own_.network.emplace(NetworkBudget::Limits{limits.networkTime, kMaximumCRLBytes},
+                       sayThatItIsSpent);
   installed_.emplace(*own_.network);
+  addresses_.emplace(limits.addresses);
 }
 
 const char* VerificationRun::judge() noexcept {

@@ -8,6 +8,7 @@
 
 #include "foundation/base/LogBudget.h"
 #include "foundation/base/Shortfall.h"
+#include "foundation/net/AddressAdmission.h"
 #include "foundation/net/NetworkBudget.h"
 
 #include <openssl/types.h>
@@ -41,16 +42,22 @@ class VerificationRun {
   // The lines that one outermost run logs, beside those that say what is not valid and why.
   static constexpr unsigned int kMaximumLines = 200;
 
+  // What the caller of an outermost run bounds.
+  struct Limits {
+    std::optional<NetworkBudget::Clock::duration> networkTime = {};  ///< none: no limit
+    std::optional<std::chrono::nanoseconds> processorTime = {};      ///< none: no limit
+    AddressPolicy addresses = {};
+  };
+
   // Marks a frame that only parks exceptions, for OpenSSL calls of destructors. It is not counted.
   struct Shelter {};
 
   explicit VerificationRun(Shelter /*shelter*/) noexcept;
   // Enters a run on this thread. The target is borrowed and outlives the run; it may be null. The
   // limits of an outermost run hold for all that are nested in it, whatever theirs: the outermost
-  // run installs the thread's network budget. No limit on processor time: none is looked at.
-  explicit VerificationRun(const X509* target,
-                           std::optional<NetworkBudget::Clock::duration> networkTime = {},
-                           std::optional<std::chrono::nanoseconds> processorTime = {}) noexcept;
+  // run installs the thread's network budget and address policy.
+  explicit VerificationRun(const X509* target) noexcept : VerificationRun(target, Limits()) {}
+  VerificationRun(const X509* target, const Limits& limits) noexcept;
   ~VerificationRun();
   VerificationRun(const VerificationRun&) = delete;
   VerificationRun& operator=(const VerificationRun&) = delete;
@@ -123,8 +130,7 @@ class VerificationRun {
   };
 
   // On the outermost run only: what is bounded and watched for all of them.
-  void begin(std::optional<NetworkBudget::Clock::duration> networkTime,
-             std::optional<std::chrono::nanoseconds> processorTime) noexcept;
+  void begin(const Limits& limits) noexcept;
   const char* judge() noexcept;
 
   const X509* target_;
@@ -133,6 +139,7 @@ class VerificationRun {
   Totals own_;                                         // counted only on the outermost run
   Totals* totals_;                                     // the outermost run's
   std::optional<NetworkBudget::Installed> installed_;  // on the outermost run, which holds `own_`
+  std::optional<AddressAdmission> addresses_;          // on the outermost run
   const char* refusal_;
   std::exception_ptr parked_;
   std::vector<Known> known_;

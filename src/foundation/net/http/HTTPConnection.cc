@@ -2,6 +2,7 @@
 
 #include "foundation/base/Fail.h"
 #include "foundation/base/Shortfall.h"
+#include "foundation/net/AddressAdmission.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/Assert.h>
@@ -176,7 +177,8 @@ void Connection::disconnect() {
 bool Connection::open() {
   const ErrorScope errors;  // Asio takes one error of TLS and may leave others behind it
   const NetworkTimer timer(kConnectTime);
-  if (timer.expired()) return false;
+  // The very address that is connected to: a name might resolve to another one the next time.
+  if (timer.expired() || !AddressAdmission::admits(endpoint_->address())) return false;
   transport_ = std::make_unique<Transport>(*stream_);
   Tcp::socket& socket = transport_->socket();
   error_code error = openSocket(socket, endpoint_->protocol());

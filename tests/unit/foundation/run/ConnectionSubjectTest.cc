@@ -98,7 +98,7 @@ TEST(ConnectionAdmitted, EachThread_HasItsOwn) {
 
 TEST(ConnectionAdmitted, NoTimeLeftForTheNetwork_IsRefusedWithOneLine) {
   LogCapture log;
-  VerificationRun run(nullptr, 60s);
+  VerificationRun run(nullptr, {.networkTime = 60s});
   const Subject subject(true);
   EXPECT_TRUE(connectionAdmitted());
   run.network().countTime(60s);
@@ -110,7 +110,7 @@ TEST(ConnectionAdmitted, NoTimeLeftForTheNetwork_IsRefusedWithOneLine) {
 // Nothing that a genuine certificate would need is given up for a forged one.
 TEST(ConnectionAdmitted, RefusedBySubjectAndNoTime_SaysNothingOfTheTime) {
   LogCapture log;
-  VerificationRun run(nullptr, 1s);
+  VerificationRun run(nullptr, {.networkTime = 1s});
   run.network().countTime(2s);
   const Subject subject(false);
   EXPECT_FALSE(connectionAdmitted());

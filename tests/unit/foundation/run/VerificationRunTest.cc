@@ -132,13 +132,13 @@ void busyWhile(const std::function<bool()>& condition) {
 
 TEST(VerificationRun, ProcessorTime_IsOneForAllRunsAndRefusedWithOneLine) {
   const LogCapture log;
-  const VerificationRun outermost(nullptr, {}, 20ms);
+  const VerificationRun outermost(nullptr, {.processorTime = 20ms});
   EXPECT_TRUE(VerificationRun::admitStep());
   EXPECT_TRUE(VerificationRun::admitLookup());
   EXPECT_FALSE(outermost.fellShort());
   {
     // Its own limit would be longer.
-    const VerificationRun nested(nullptr, {}, 1h);
+    const VerificationRun nested(nullptr, {.processorTime = 1h});
     busyWhile([] { return VerificationRun::admitStep(); });
     EXPECT_TRUE(nested.fellShort());
   }
@@ -150,7 +150,7 @@ TEST(VerificationRun, ProcessorTime_IsOneForAllRunsAndRefusedWithOneLine) {
 }
 
 TEST(VerificationRun, TimeThatIsWaited_IsNoProcessorTime) {
-  const VerificationRun run(nullptr, {}, 200ms);
+  const VerificationRun run(nullptr, {.processorTime = 200ms});
   const auto end = std::chrono::steady_clock::now() + 300ms;
   while (std::chrono::steady_clock::now() < end) std::this_thread::sleep_until(end);
   EXPECT_TRUE(VerificationRun::admitStep());
@@ -160,7 +160,7 @@ TEST(VerificationRun, WithoutALimitOrARun_ProcessorTimeIsNotLookedAt) {
   EXPECT_TRUE(VerificationRun::admitStep());
   const VerificationRun run(nullptr);
   EXPECT_TRUE(VerificationRun::admitStep());
-  const VerificationRun none(nullptr, {}, 0ns);
+  const VerificationRun none(nullptr, {.processorTime = 0ns});
   EXPECT_TRUE(VerificationRun::admitStep()) << "the outermost run's limit holds";
 }
 
@@ -201,6 +201,21 @@ TEST(VerificationRun, WhatIsKept_LastsAsLongAsTheOutermostRun) {
   }
   const VerificationRun next(nullptr);
   EXPECT_EQ(VerificationRun::kept<Kept>()->value, 0);
+}
+
+TEST(VerificationRun, AddressPolicy_IsTheOutermostRuns) {
+  using Crypto::PKX509::AddressPolicy;
+  const auto loopback = boost::asio::ip::make_address("127.0.0.1");
+  {
+    const VerificationRun outermost(nullptr, {.addresses = AddressPolicy::publicOnly()});
+    EXPECT_FALSE(AddressAdmission::admits(loopback));
+    const VerificationRun nested(nullptr, {.addresses = AddressPolicy::everything()});
+    EXPECT_FALSE(AddressAdmission::admits(loopback));
+  }
+  const VerificationRun outermost(nullptr, {.addresses = AddressPolicy::everything()});
+  EXPECT_TRUE(AddressAdmission::admits(loopback));
+  const VerificationRun nested(nullptr, {.addresses = AddressPolicy::publicOnly()});
+  EXPECT_TRUE(AddressAdmission::admits(loopback));
 }
 
 TEST(VerificationRun, Shelter_IsNeitherALevelNorCounted) {
@@ -325,7 +340,7 @@ TEST(GuardedCleanup, WorksAlsoWhenAnExceptionIsParked) {
 
 TEST(NetworkTime, Spent_IsRefusedWithOneLine) {
   LogCapture log;
-  VerificationRun run(nullptr, 60s);
+  VerificationRun run(nullptr, {.networkTime = 60s});
   EXPECT_TRUE(NetworkBudget::hasTime());
   run.network().countTime(60s - 1ns);
   EXPECT_TRUE(NetworkBudget::hasTime());
@@ -333,7 +348,7 @@ TEST(NetworkTime, Spent_IsRefusedWithOneLine) {
   run.network().countTime(1ns);
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(NetworkBudget::hasTime());
   {
-    const VerificationRun nested(nullptr, 60s);
+    const VerificationRun nested(nullptr, {.networkTime = 60s});
     EXPECT_FALSE(NetworkBudget::hasTime());
   }
   EXPECT_EQ(log.text(), kTimeSpent);
@@ -342,7 +357,7 @@ TEST(NetworkTime, Spent_IsRefusedWithOneLine) {
 TEST(NetworkTime, NextOutermostRun_BeginsAnew) {
   LogCapture log;
   for (int i = 0; i < 2; ++i) {
-    VerificationRun run(nullptr, 60s);
+    VerificationRun run(nullptr, {.networkTime = 60s});
     EXPECT_TRUE(NetworkBudget::hasTime());
     run.network().countTime(61s);
     EXPECT_FALSE(NetworkBudget::hasTime());
@@ -363,13 +378,13 @@ TEST(NetworkTime, LimitOfANestedRun_DoesNotCount) {
   {
     VerificationRun unlimited(nullptr);
     unlimited.network().countTime(1h);
-    const VerificationRun nested(nullptr, 1s);
+    const VerificationRun nested(nullptr, {.networkTime = 1s});
     EXPECT_TRUE(NetworkBudget::hasTime());
   }
   {
-    VerificationRun limited(nullptr, 1s);
+    VerificationRun limited(nullptr, {.networkTime = 1s});
     limited.network().countTime(2s);
-    const VerificationRun nested(nullptr, 1h);
+    const VerificationRun nested(nullptr, {.networkTime = 1h});
     EXPECT_FALSE(NetworkBudget::hasTime());
     const VerificationRun unlimited(nullptr);
     EXPECT_FALSE(NetworkBudget::hasTime());
@@ -377,7 +392,7 @@ TEST(NetworkTime, LimitOfANestedRun_DoesNotCount) {
 }
 
 TEST(NetworkTime, WhatATimerTakes_CountsAgainstTheOutermostRun) {
-  VerificationRun run(nullptr, 60s);
+  VerificationRun run(nullptr, {.networkTime = 60s});
   VerificationRun nested(nullptr);
   EXPECT_EQ(&nested.network(), &run.network());
   { const NetworkTimer timer(10s); }
@@ -453,7 +468,7 @@ TEST(FellShort, EachShare_MarksAllRunsOfTheThread) {
   };
   for (const auto& row : rows) {
     LogCapture log;
-    const VerificationRun outer(nullptr, 60s);
+    const VerificationRun outer(nullptr, {.networkTime = 60s});
     {
       const VerificationRun inner(nullptr);
       row.use();
