@@ -40,6 +40,8 @@ CacheTrouble drawCacheTrouble(Dice& dice) {
       {CacheTrouble::Garbled, CacheTrouble::CutShort, CacheTrouble::ReadOnly, CacheTrouble::Full});
 }
 
+bool isNetwork(Source source) { return source != Source::Machine; }
+
 bool checksRevocation(const Round& round) { return (round.flags & X509_V_FLAG_CRL_CHECK) != 0; }
 bool checksAll(const Round& round) { return (round.flags & X509_V_FLAG_CRL_CHECK_ALL) != 0; }
 
@@ -70,16 +72,12 @@ int rightVerdict(const Round& round) {
       return X509_V_ERR_CERT_NOT_YET_VALID;
     case Truth::Forged:
       // Nobody is connected to for its sake, so its CRL is missing before its signature is wrong.
-      return checksRevocation(round) &&
-                     (plan.source == Source::Web || plan.source == Source::OwnWeb)
-                 ? X509_V_ERR_UNABLE_TO_GET_CRL
-                 : X509_V_ERR_CERT_SIGNATURE_FAILURE;
+      return checksRevocation(round) && isNetwork(plan.source) ? X509_V_ERR_UNABLE_TO_GET_CRL
+                                                               : X509_V_ERR_CERT_SIGNATURE_FAILURE;
     default:
       return X509_V_OK;
   }
 }
-
-bool isNetwork(Source source) { return source != Source::Machine; }
 
 /// Can the CRLs from there be had, and are they the right ones?
 bool isWell(Source source, const Round& round, bool cacheIsRight) {
