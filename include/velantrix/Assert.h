@@ -6,6 +6,7 @@
 /// decides about trust must stop rather than go on from a state that nobody meant.
 ///
 /// @code
+///   const ObjectStore* const px = store.get();
 ///   PKX509_ASSERT(px != 0);
 /// @endcode
 #pragma once

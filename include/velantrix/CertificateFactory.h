@@ -7,7 +7,7 @@
 ///   CertificateFactory::read(File::Path("/etc/ssl/certs/ca-certificates.crt"), certificates);
 ///   RefCertificate shared = CertificateFactory()(X509_STORE_CTX_get0_cert(ctx), false);
 ///   RefCertificate owned = CertificateFactory()(X509_dup(x), true);
-///   for (const CertificateFactory::Item& item : CertificateFactory::readAll(data)) show(item);
+///   for (const CertificateFactory::Item& item : CertificateFactory::readAll(value)) show(item);
 /// @endcode
 ///
 /// **What is read.** PEM: every block of type CERTIFICATE, X509 CERTIFICATE and TRUSTED

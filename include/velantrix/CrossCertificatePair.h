@@ -2,7 +2,7 @@
 /// Pairs of cross-certificates, as directories keep them (RFC 4523, 2.3).
 ///
 /// @code
-///   RefCrossCertificatePair pair(Buffer(value.data(), value.size(), false));
+///   RefCrossCertificatePair pair(value);                  // a value of the directory
 ///   if (!pair->forward().empty()) use(pair->forward());   // issued to the directory entry's CA
 ///   if (!pair->reverse().empty()) use(pair->reverse());   // issued by it
 /// @endcode
@@ -17,7 +17,7 @@ namespace Velantrix::Crypto::PKX509 {
 
 /// An immutable CertificatePair, with explicit tags. Several threads may read it at once.
 ///
-/// @code
+/// @code{.asn1}
 ///   SEQUENCE { forward [0] Certificate OPTIONAL, reverse [1] Certificate OPTIONAL }
 /// @endcode
 ///

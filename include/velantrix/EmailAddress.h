@@ -3,6 +3,7 @@
 ///
 /// @code
 ///   const EmailAddress address("someone@example.com");
+///   std::list<RefCertificate> found;
 ///   if (!address.isNull()) lookup.getByEmailAddress("", address, found);
 /// @endcode
 #pragma once

@@ -2,9 +2,11 @@
 /// The one exception type of the library.
 ///
 /// @code
-///   throw Exception("OCSP::Response", 4, "OCSP", __LINE__).stringParameter("Decode failed.");
-///   ...
-///   catch (const Velantrix::Exception& e) { std::cerr << e.asString() << '\n'; }
+///   try {
+///     throw Exception("OCSP::Response", 4, "OCSP", __LINE__).stringParameter("Decode failed.");
+///   } catch (const Velantrix::Exception& e) {
+///     std::cerr << e.asString() << '\n';
+///   }
 /// @endcode
 #pragma once
 

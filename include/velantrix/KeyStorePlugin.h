@@ -3,7 +3,7 @@
 ///
 /// @code
 ///   class MyKeyStore : public KeyStorePlugin { ... };
-///   KeyStorePlugin& keys = ...;
+///   KeyStorePlugin& keys = program.keyStore();   // one of those
 ///   RefCertificate to = keys.findEncryptionCertificate(EmailAddress("alice@example.com"));
 ///   KeyCertificatePair from = keys.findSigningKey(EmailAddress("bob@example.com"));
 /// @endcode

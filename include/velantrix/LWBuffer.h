@@ -3,9 +3,9 @@
 ///
 /// @code
 ///   LW::RefBuffer body(4096);                          // room for 4096 bytes, none in it yet
-///   std::memcpy(body->data(), message, size);
-///   body->length(size);
-///   connection->send(body);
+///   std::memcpy(body->data(), bytes.data(), length);
+///   body->length(length);
+///   const OCSP::Response response(*body);
 /// @endcode
 #pragma once
 

@@ -10,7 +10,9 @@
 /// | holds an object  | yes           | false     | non-null    | non-null | returns the object |
 ///
 /// @code
-///   class Thing : public RefImpl { ... };
+///   struct Thing : public RefImpl {
+///     void work() {}
+///   };
 ///   Ref<Thing> a(new Thing);        // adopts the count of 1 that a new object carries
 ///   Ref<Thing> b(a);                // a second owner
 ///   if (b) b->work();

@@ -5,7 +5,7 @@
 ///   std::list<RefCertificate> intermediates;
 ///   CertificateFactory::read(File::Path("intermediates.pem"), intermediates);
 ///   RefStackOfCertificate untrusted(intermediates);
-///   X509_STORE_CTX_init(ctx, store, leaf, untrusted);
+///   X509_STORE_CTX_init(ctx, store, certificate, untrusted);
 /// @endcode
 #pragma once
 
