@@ -93,11 +93,23 @@ std::optional<std::int64_t> dayStart(std::string_view text) {
   return std::chrono::seconds(std::chrono::sys_days(date).time_since_epoch()).count();
 }
 
-// Seconds of "THH:MM:SSZ".
+// Takes a fraction of a second, ".5", off the end of the text. False when what follows the point is
+// none.
+bool cutFraction(std::string_view& text) {
+  const std::size_t point = text.find('.');
+  if (point == std::string_view::npos) return true;
+  const std::string_view fraction = text.substr(point + 1);
+  text = text.substr(0, point);
+  return !fraction.empty() && fraction.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// Seconds of "THH:MM:SSZ" or "THH:MM:SS.5Z". OpenSSL verifies as of whole seconds, so a fraction is
+// cut off: the time that is meant has not come before that second has.
 std::optional<std::int64_t> timeOfDay(std::string_view text) {
-  if (text.size() != 10 || text[0] != 'T' || text[3] != ':' || text[6] != ':' || text[9] != 'Z') {
-    return std::nullopt;
-  }
+  if (!text.ends_with('Z')) return std::nullopt;
+  text.remove_suffix(1);
+  if (!cutFraction(text)) return std::nullopt;
+  if (text.size() != 9 || text[0] != 'T' || text[3] != ':' || text[6] != ':') return std::nullopt;
   const auto hour = digits(text, 1, 2);
   const auto minute = digits(text, 4, 2);
   const auto second = digits(text, 7, 2);
@@ -108,7 +120,10 @@ std::optional<std::int64_t> timeOfDay(std::string_view text) {
 }
 
 std::optional<std::int64_t> secondsOf(std::string_view text) {
-  if (text.starts_with('@')) return number(text.substr(1));
+  if (text.starts_with('@')) {
+    text.remove_prefix(1);
+    return cutFraction(text) ? number(text) : std::nullopt;
+  }
   const auto day = dayStart(text.substr(0, 10));
   if (!day || text.size() <= 10) return day;
   const auto time = timeOfDay(text.substr(10));

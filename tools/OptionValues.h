@@ -9,7 +9,8 @@
 namespace Velantrix::Tool {
 
 /// A point in time: "2026-11-21T05:00:00Z" and "2026-11-21" (the begin of that day), both UTC, or
-/// "@" and seconds since the epoch. Always positive.
+/// "@" and seconds since the epoch. Seconds may have a fraction, "05:00:00.5", which is cut off.
+/// Always positive.
 /// @throws ToolError for anything else, also for days and hours that no calendar has
 std::time_t parseTime(const std::string& text);
 

@@ -124,7 +124,7 @@ OpenSSL's default directory of trusted certificates vouches for. With the flag E
 must have one of the policies.
 
 TIME is in UTC: 2026-11-21T05:00:00Z, 2026-11-21 (the begin of that day), or @ and seconds since the
-epoch.
+epoch. OpenSSL verifies as of a whole second: of 05:00:00.5 and @1795237200.5 the fraction is cut off.
 
 NAME is that of a constant of OpenSSL, with or without X509_V_FLAG_, in any case, with "_" or "-":
 )";

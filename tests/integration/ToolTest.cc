@@ -351,6 +351,13 @@ TEST_F(Tool, At_TakesThreeForms_AndMovesTheVerification) {
       {"@1893456001", X509_V_ERR_CERT_HAS_EXPIRED},
       {"2030-01-02", X509_V_ERR_CERT_HAS_EXPIRED},
       {"9999-12-31T23:59:59Z", X509_V_ERR_CERT_HAS_EXPIRED},
+      // Fractions are cut off: rounded up these would be in the next day.
+      {"2020-02-28T23:59:59.999Z", X509_V_ERR_CERT_NOT_YET_VALID},
+      {"@1582934399.999", X509_V_ERR_CERT_NOT_YET_VALID},
+      {"2020-02-29T00:00:00.000000001Z", 0},
+      {"2029-12-31T23:59:59.99999999999999999999Z", 0},
+      {"@1893455999.5", 0},
+      {"9999-12-31T23:59:59.9Z", X509_V_ERR_CERT_HAS_EXPIRED},
   };
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.at);
