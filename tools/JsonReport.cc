@@ -25,6 +25,9 @@ Value valueOf(const Report& report) {
     members.emplace_back("depth", report.depth);
     members.emplace_back("chain", chainOf(report));
   }
+  if (!report.notes.empty()) {
+    members.emplace_back("notes", Value::Array(report.notes.begin(), report.notes.end()));
+  }
   members.emplace_back("log", logValue(report.log));
   return members;
 }

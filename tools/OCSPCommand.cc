@@ -4,6 +4,7 @@
 #include "LogCollector.h"
 #include "Printable.h"
 #include "Report.h"
+#include "Responders.h"
 #include "StandardStreams.h"
 #include "Status.h"
 #include "Subcommands.h"
@@ -12,10 +13,7 @@
 #include <pkx509/OCSP.h>
 #include <pkx509/ObjectStore.h>
 #include <pkx509/Verifier.h>
-#include <velantrix/AuthorityInformationAccess.h>
 #include <velantrix/Uri.h>
-
-#include <openssl/x509v3.h>
 
 #include <algorithm>
 #include <exception>
@@ -69,18 +67,6 @@ const char* wordOf(int code) {
   return code == OCSP::kRevoked ? "revoked" : "none";
 }
 
-// The URIs among the responders that a certificate names.
-std::vector<Uri> namedBy(const RefCertificate& certificate) {
-  std::vector<Uri> uris;
-  const RefAuthorityInformationAccess access(
-      certificate->find(ASN1::RefObjectIdentifier("1.3.6.1.5.5.7.1.1")));
-  if (access.empty()) return uris;
-  for (const RefGeneralName& name : access->ocspGeneralNames()) {
-    if (name->type() == GEN_URI) uris.push_back(name->uri());
-  }
-  return uris;
-}
-
 std::vector<Uri> respondersOf(const Options& options, const std::list<RefCertificate>& chain) {
   if (options.uri) {
     Uri uri(*options.uri);
@@ -96,7 +82,7 @@ std::vector<Uri> respondersOf(const Options& options, const std::list<RefCertifi
   }
   std::vector<Uri> uris;
   try {
-    uris = namedBy(certificate);
+    uris = respondersNamedBy(certificate);
   } catch (const std::exception& error) {
     throw ToolError(describe(options.file, error));
   }

@@ -30,6 +30,7 @@ struct Report {
   bool pathKnown = true;              ///< false: depth and chain are no part of the report
   int depth = 0;                      ///< of the certificate that failed; 0 is the one verified
   std::vector<Link> chain;            ///< as far as it was built, the certificate verified first
+  std::vector<std::string> notes;     ///< what whoever chose the flags may not expect of them
   std::vector<LogLine> log;
 };
 

@@ -25,6 +25,7 @@ std::string textReport(const Report& report, bool colour) {
     out += "           issuer  " + printable(link.issuer) + '\n';
     out += "           serial  " + printable(link.serial) + '\n';
   }
+  for (const std::string& note : report.notes) out += "  note: " + printable(note) + '\n';
   return out;
 }
 

@@ -1,5 +1,7 @@
 #include "Verification.h"
 
+#include "Responders.h"
+
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/ObjectStore.h>
 #include <velantrix/CertificateFactory.h>
@@ -53,6 +55,20 @@ std::vector<Report::Link> chainOf(X509_STORE_CTX* context) {
   return links;
 }
 
+// With CRL_CHECK alone the library's check is about the one certificate, and its OCSP client is not
+// told of the issuer, without which nobody can be asked.
+bool leavesResponderOut(const VerificationSettings& settings, const Verifier& verifier,
+                        const RefCertificate& certificate) {
+  const unsigned long flags = X509_VERIFY_PARAM_get_flags(X509_STORE_CTX_get0_param(verifier));
+  constexpr unsigned long kBoth = X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
+  if (settings.openSSLRevocation || (flags & kBoth) != X509_V_FLAG_CRL_CHECK) return false;
+  try {
+    return !respondersNamedBy(certificate).empty();
+  } catch (const Exception&) {
+    return false;  // the verdict was reached without that extension
+  }
+}
+
 }  // namespace
 
 Report verify(const VerificationSettings& settings, const std::list<RefCertificate>& certificates) {
@@ -69,6 +85,10 @@ Report verify(const VerificationSettings& settings, const std::list<RefCertifica
   report.text = X509_verify_cert_error_string(report.code);
   if (!report.valid()) report.depth = X509_STORE_CTX_get_error_depth(verifier);
   report.chain = chainOf(verifier);
+  if (leavesResponderOut(settings, verifier, certificates.front())) {
+    report.notes.emplace_back(
+        "its OCSP responder is asked only with the flag CRL_CHECK_ALL; CRLs decide");
+  }
   return report;
 }
 

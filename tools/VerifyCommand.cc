@@ -131,14 +131,16 @@ NAME is that of a constant of OpenSSL, with or without X509_V_FLAG_, in any case
 
 constexpr std::string_view kAfterFlags = R"(
 Set by default are CRL_CHECK, CRL_CHECK_ALL, X509_STRICT, POLICY_CHECK, EXTENDED_CRL_SUPPORT and
-USE_DELTAS. --flag and --no-flag work in the order in which they are given.
+USE_DELTAS. --flag and --no-flag work in the order in which they are given. With CRL_CHECK and without
+CRL_CHECK_ALL only the certificate itself is checked for revocation, and only by CRLs: no OCSP responder
+is asked. A note says so where the certificate names one.
 
 Output:
   For each certificate its verdict, OpenSSL's code and text for it, the depth at which it failed and
   the path that was built. Log lines that explain it go to standard error, as "FILE: <priority> text".
   With --json everything goes to standard output, as an array of an object for each certificate:
   file, verdict ("valid" or "invalid"), code, text, depth, chain (objects with subject, issuer,
-  serial), log (objects with priority, text). JSON is never coloured, and --color=auto is "never"
+  serial), notes (texts; only where there are some), log (objects with priority, text). JSON is never coloured, and --color=auto is "never"
   when NO_COLOR is set in the environment or TERM is "dumb".
 
 Exit status:

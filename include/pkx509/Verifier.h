@@ -102,6 +102,11 @@ class PKX509_EXPORT Verifier : private NonCopyable {
     /// Acceptable policies as dotted identifiers; anyPolicy by default.
     std::set<std::string> policies;
     /// `X509_V_FLAG_*`, handed to OpenSSL sign-extended.
+    ///
+    /// Without `CRL_CHECK` nothing is checked for revocation. With it and without `CRL_CHECK_ALL`
+    /// the certificate itself is, and **by CRLs only**: the list that is checked ends with it, so
+    /// that its issuer, which an OCSP request has to name, is not known to `OCSP::Client`. A
+    /// responder that the certificate names may be connected to, but is asked nothing.
     int flags;
   };
 
@@ -141,6 +146,7 @@ class PKX509_EXPORT Verifier : private NonCopyable {
 
   /// Asks the OCSP responders that the certificate names: the first one with an URI that can be
   /// connected to; see `OCSP::Client`.
+  /// @param chain the certificate's issuer has to be in it, or nothing is asked
   /// @return an `OCSP::Answer`; one that says that the answer is not signed as it should be counts
   ///         as none
   int checkOCSP(const RefCertificate& certificate, const RefAuthorityInformationAccess& aia,

@@ -330,6 +330,38 @@ TEST_F(Tool, EveryFlagOfHelp_IsAccepted) {
   EXPECT_EQ(count, 23);
 }
 
+TEST_F(Tool, FlagThatLeavesTheResponderOut_IsNoted) {
+  constexpr char kNote[] =
+      "  note: its OCSP responder is asked only with the flag CRL_CHECK_ALL; CRLs decide\n";
+  const std::string named = "OCSP;URI:http://127.0.0.1:1/";
+  const struct {
+    const char* what;
+    std::string access;
+    Arguments options;
+    bool noted;
+  } rows[] = {
+      {"only the leaf", named, {"--no-flag", "CRL_CHECK_ALL"}, true},
+      {"the whole chain", named, {}, false},
+      {"no revocation", named, {"--no-flag", "CRL_CHECK", "--no-flag", "CRL_CHECK_ALL"}, false},
+      {"OpenSSL's revocation",
+       named,
+       {"--no-flag", "CRL_CHECK_ALL", "--openssl-revocation"},
+       false},
+      {"no responder", "caIssuers;URI:http://a.test/", {"--no-flag", "CRL_CHECK_ALL"}, false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const Pair pair =
+        makePair({.subject = "CN=Leaf", .extensions = {{"authorityInfoAccess", row.access}}});
+    const CommandResult text = tool(pair.verify() + row.options);
+    EXPECT_EQ(text.out.find(kNote) != std::string::npos, row.noted) << text.out << text.err;
+    const nlohmann::json json = parsed(tool(pair.verify() + row.options + Arguments{"--json"}));
+    EXPECT_EQ(json.at(0).contains("notes"), row.noted) << json;
+    if (!row.noted) continue;
+    EXPECT_EQ("  note: " + json.at(0).at("notes").at(0).get<std::string>() + "\n", kNote);
+  }
+}
+
 TEST_F(Tool, At_TakesThreeForms_AndMovesTheVerification) {
   const Pair pair = makePair(
       {.subject = "CN=Leaf", .notBefore = "20200229000000Z", .notAfter = "20300101000000Z"});
