@@ -1,6 +1,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/Der.h"
+#include "foundation/openssl/ObjectShape.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
 #include "foundation/run/VerificationRun.h"
@@ -71,6 +72,7 @@ bool isCertificateLabel(std::string_view label) {
 
 RefCertificate decodeCertificate(std::string_view label, const unsigned char* der,
                                  std::size_t length) {
+  if (!ObjectKinds::possible(der, length).has(ObjectKind::kCertificate)) return RefCertificate();
   const ErrorScope errors;
   if (label != PEM_STRING_X509_TRUSTED) {
     if (X509* const known = VerificationRun::known(der, length)) {

@@ -1,6 +1,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/Der.h"
+#include "foundation/openssl/ObjectShape.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
 
@@ -46,6 +47,9 @@ class CRLSink : public ObjectSink {
 bool isCRLLabel(std::string_view label) { return label == PEM_STRING_X509_CRL; }
 
 RefCertificateRevocationList decodeCRL(const unsigned char* der, std::size_t length) {
+  if (!ObjectKinds::possible(der, length).has(ObjectKind::kCRL)) {
+    return RefCertificateRevocationList();
+  }
   const ErrorScope errors;
   Owned<X509_CRL> decoded = decodeWhole(d2i_X509_CRL, der, length);
   if (decoded == nullptr) return RefCertificateRevocationList();

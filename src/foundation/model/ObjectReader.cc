@@ -2,14 +2,15 @@
 
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
+#include "foundation/openssl/Der.h"
 #include "foundation/openssl/MemoryCheck.h"
+#include "foundation/openssl/ObjectShape.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <openssl/pem.h>
-#include <openssl/pkcs12.h>
-#include <openssl/pkcs7.h>
 
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,44 +23,9 @@ constexpr Origin kHere{"X509::ObjectReader", "ObjectReader"};
 // The size of the DER SEQUENCE that @p data starts with; 0 when it starts with none that ends
 // within the input.
 std::size_t sequenceSize(const unsigned char* data, std::size_t length) {
-  const ErrorScope errors;
-  const unsigned char* content = data;
-  long contentLength = 0;
-  int tag = 0;
-  int tagClass = 0;
-  const int form =
-      ASN1_get_object(&content, &contentLength, &tag, &tagClass, static_cast<long>(length));
-  // 0x80 is an error, which includes an end beyond the input; bit 0 is the indefinite length.
-  if ((form & 0x81) != 0 || tag != V_ASN1_SEQUENCE || tagClass != V_ASN1_UNIVERSAL) return 0;
-  return static_cast<std::size_t>(content - data) + static_cast<std::size_t>(contentLength);
-}
-
-bool decodesAs(const ASN1_ITEM* item, const unsigned char* der, std::size_t length) {
-  const ErrorScope errors;
-  const unsigned char* end = der;
-  ASN1_VALUE* value = ASN1_item_d2i(nullptr, &end, static_cast<long>(length), item);
-  if (value == nullptr) return false;
-  ASN1_item_free(value, item);
-  return end == der + length;
-}
-
-// What else is kept in DER files beside certificates and CRLs. None of them has the shape of a
-// damaged certificate or CRL.
-bool isKnownObject(const unsigned char* der, std::size_t length) {
-  const ASN1_ITEM* const kinds[] = {
-      ASN1_ITEM_rptr(X509),
-      ASN1_ITEM_rptr(X509_CRL),
-      ASN1_ITEM_rptr(X509_REQ),
-      ASN1_ITEM_rptr(X509_PUBKEY),
-      ASN1_ITEM_rptr(PKCS8_PRIV_KEY_INFO),
-      ASN1_ITEM_rptr(X509_SIG),
-      ASN1_ITEM_rptr(PKCS7),
-      ASN1_ITEM_rptr(PKCS12),
-  };
-  for (const ASN1_ITEM* kind : kinds) {
-    if (decodesAs(kind, der, length)) return true;
-  }
-  return false;
+  const std::optional<DerHeader> header = derHeader(data, data + length);
+  if (!header || !header->is(V_ASN1_SEQUENCE) || header->next == nullptr) return 0;
+  return static_cast<std::size_t>(header->next - data);
 }
 
 // False when the first element is nothing known, so that the input may still be text that happens

@@ -26,4 +26,17 @@ void appendDer(std::string& out, int tag, bool constructed, std::string_view con
   out.append(content);
 }
 
+std::optional<DerHeader> derHeader(const unsigned char* der, const unsigned char* end) noexcept {
+  DerHeader header{};
+  header.content = der;
+  long length = 0;
+  const int form = ASN1_get_object(&header.content, &length, &header.tag, &header.tagClass,
+                                   static_cast<long>(end - der));
+  // 0x80 is an error, which includes an end beyond the input; bit 0 is the indefinite length.
+  if ((form & 0x80) != 0) return std::nullopt;
+  header.constructed = (form & V_ASN1_CONSTRUCTED) != 0;
+  header.next = (form & 1) != 0 ? nullptr : header.content + length;
+  return header;
+}
+
 }  // namespace Velantrix::Crypto

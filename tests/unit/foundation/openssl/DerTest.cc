@@ -1,4 +1,5 @@
 #include "foundation/openssl/Der.h"
+#include "foundation/openssl/OpenSSLOwners.h"
 
 #include <velantrix/Exception.h>
 
@@ -6,6 +7,7 @@
 
 #include <climits>
 #include <gtest/gtest.h>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -61,6 +63,67 @@ TEST(Der, ContentLongerThanOpenSSLCounts_ThrowsAndAppendsNothing) {
     EXPECT_THROW(appendDer(out, V_ASN1_OCTET_STRING, false, std::string_view("", size)), Exception);
     EXPECT_EQ(out, "x");
   }
+}
+
+TEST(Der, HeaderRead_SaysWhereTheElementEnds) {
+  const std::string input = "\x30\x03\x02\x01\x05\xa1\0"s;
+  const unsigned char* const end = octets(input) + input.size();
+  const std::optional<DerHeader> first = derHeader(octets(input), end);
+  ASSERT_TRUE(first.has_value());
+  EXPECT_TRUE(first->is(V_ASN1_SEQUENCE));
+  EXPECT_TRUE(first->isWholeSequence());
+  EXPECT_EQ(first->content, octets(input) + 2);
+  EXPECT_EQ(first->next, octets(input) + 5);
+  const std::optional<DerHeader> second = derHeader(first->next, end);
+  ASSERT_TRUE(second.has_value());
+  EXPECT_EQ(second->tag, 1);
+  EXPECT_EQ(second->tagClass, V_ASN1_CONTEXT_SPECIFIC);
+  EXPECT_TRUE(second->constructed);
+  EXPECT_FALSE(second->is(1));
+  EXPECT_EQ(second->next, end);
+  const std::optional<DerHeader> inner = derHeader(first->content, first->next);
+  ASSERT_TRUE(inner.has_value());
+  EXPECT_FALSE(inner->constructed);
+  EXPECT_FALSE(inner->isWholeSequence());
+}
+
+TEST(Der, HeaderRead_OfIndefiniteLengthHasNoEnd) {
+  const std::string input = "\x30\x80\0\0"s;
+  const std::optional<DerHeader> header = derHeader(octets(input), octets(input) + input.size());
+  ASSERT_TRUE(header.has_value());
+  EXPECT_EQ(header->next, nullptr);
+  EXPECT_FALSE(header->isWholeSequence());
+}
+
+TEST(Der, HeaderRead_NothingWhereNoElementIs) {
+  const ErrorScope errors;
+  for (const std::string& input :
+       {""s, "\x30"s, "\x30\x01"s, "\x30\x85\1\1\1\1\1"s, "\x02\x80\0\0"s}) {
+    EXPECT_FALSE(derHeader(octets(input), octets(input) + input.size()).has_value());
+  }
+}
+
+TEST(Der, DecodedNext_IsPassed) {
+  const ErrorScope errors;
+  const std::string input = "\x02\x01\x05\x02\x01\x06\x30\0"s;
+  const unsigned char* position = octets(input);
+  const unsigned char* const end = position + input.size();
+  for (const long value : {5L, 6L}) {
+    const Owned<ASN1_INTEGER> next = decodeNext(d2i_ASN1_INTEGER, position, end);
+    ASSERT_NE(next, nullptr);
+    EXPECT_EQ(ASN1_INTEGER_get(next.get()), value);
+  }
+  EXPECT_EQ(decodeNext(d2i_ASN1_INTEGER, position, end), nullptr);
+  EXPECT_EQ(position, octets(input) + 6);
+}
+
+TEST(Der, DecodedWhole_IsNothingLess) {
+  const ErrorScope errors;
+  const std::string input = "\x02\x01\x05\x02\x01\x06"s;
+  EXPECT_NE(decodeWhole(d2i_ASN1_INTEGER, octets(input), 3), nullptr);
+  EXPECT_EQ(decodeWhole(d2i_ASN1_INTEGER, octets(input), 2), nullptr);
+  EXPECT_EQ(decodeWhole(d2i_ASN1_INTEGER, octets(input), 6), nullptr);
+  EXPECT_EQ(decodeWhole(d2i_ASN1_INTEGER, static_cast<const unsigned char*>(nullptr), 0), nullptr);
 }
 
 TEST(Der, Octets_AreThoseOfTheText) {
