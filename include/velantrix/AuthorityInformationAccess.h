@@ -14,7 +14,9 @@
 #include <velantrix/GeneralName.h>
 #include <velantrix/Refcounted.h>
 
+#include <cstddef>
 #include <list>
+#include <string>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -26,10 +28,16 @@ class PKX509_EXPORT AuthorityInformationAccess : public RefImpl {
 
   /// The access locations of method id-ad-ocsp, in their order, of whatever type they are.
   /// Locations of other methods (id-ad-caIssuers) are left out.
-  std::list<RefGeneralName> ocspGeneralNames() const { return ocsp_; }
+  std::list<RefGeneralName> ocspGeneralNames() const;
+
+  /// One of them after the other, for who may need only the first: a stranger can name a hundred
+  /// thousand.
+  /// @param position 0 for the first one; it is moved behind what is returned
+  /// @return an empty handle behind the last one
+  RefGeneralName nextOCSPGeneralName(std::size_t& position) const;
 
  private:
-  std::list<RefGeneralName> ocsp_;
+  std::string ocsp_;  // their encodings, end to end
 };
 
 /// A handle to an `AuthorityInformationAccess`.

@@ -9,7 +9,8 @@
 ///   }
 /// @endcode
 ///
-/// All objects here are immutable copies; several threads may read them at once.
+/// All objects here are immutable; several threads may read them at once. A stranger's list of names
+/// can be long: what is decoded is kept once, and handles are made when they are asked for.
 #pragma once
 
 #include <velantrix/DistinguishedName.h>
@@ -20,6 +21,7 @@
 #include <openssl/x509v3.h>
 
 #include <list>
+#include <memory>
 #include <string>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -37,11 +39,18 @@ class PKX509_EXPORT CRLDistributionPointName : public RefImpl {
   /// Copies @p native, which must not be null and stays the caller's.
   /// @throws Exception when a name in it cannot be copied
   explicit CRLDistributionPointName(const DIST_POINT_NAME* native);
+  /// Shares @p native, which nobody changes any more, together with what it is a part of; null
+  /// makes a full name without names.
+  /// @throws Exception when a relative name in it cannot be encoded
+  explicit CRLDistributionPointName(std::shared_ptr<const DIST_POINT_NAME> native);
 
   /// `kFullName` or `kRelativeName`.
   int type() const noexcept { return type_; }
   /// The general names of a full name, in their order; empty for a relative one.
-  std::list<RefGeneralName> fullName() const { return fullName_; }
+  std::list<RefGeneralName> fullName() const;
+  /// The same names as OpenSSL holds them, for who looks at them without a handle for each; null
+  /// for a relative name.
+  std::shared_ptr<const GENERAL_NAMES> nativeFullName() const;
   /// The text of the RDN of a relative name, ready to be put before "," and the text of the
   /// issuer's name; empty for a full name.
   std::string relativeName() const { return relativeName_.asString(); }
@@ -58,8 +67,8 @@ class PKX509_EXPORT CRLDistributionPointName : public RefImpl {
   bool operator!=(const DistinguishedName& name) const noexcept { return !(*this == name); }
 
  private:
-  int type_;
-  std::list<RefGeneralName> fullName_;
+  int type_ = kFullName;
+  std::shared_ptr<const DIST_POINT_NAME> native_;  // null when there was nothing to copy
   DistinguishedName relativeName_;
 };
 
@@ -78,19 +87,25 @@ class PKX509_EXPORT CRLDistributionPoint : public RefImpl {
   /// Copies @p native, which must not be null and stays the caller's.
   /// @throws Exception when a name in it cannot be copied
   explicit CRLDistributionPoint(const DIST_POINT* native);
+  /// Shares @p native, which must not be null and nobody changes any more, together with what it
+  /// is a part of.
+  /// @throws Exception when a relative name in it cannot be encoded
+  explicit CRLDistributionPoint(std::shared_ptr<const DIST_POINT> native);
 
   /// Empty when the point has none; RFC 5280 then wants CRL issuers.
-  RefCRLDistributionPointName distributionPointName() const { return name_; }
+  RefCRLDistributionPointName distributionPointName() const;
   /// The names of the CRL issuer field; empty when the certificate's issuer issues the CRL too.
-  std::list<RefGeneralName> issuers() const { return issuers_; }
+  std::list<RefGeneralName> issuers() const;
+  /// The same names as OpenSSL holds them, for who looks at them without a handle for each; null
+  /// when the field is absent.
+  std::shared_ptr<const GENERAL_NAMES> nativeIssuers() const;
   /// OpenSSL's reason bits, `kAllReasons` when the field is absent. Bits that RFC 5280 does not
   /// define are dropped.
   unsigned int reasons() const noexcept { return reasons_; }
 
  private:
-  RefCRLDistributionPointName name_;
-  std::list<RefGeneralName> issuers_;
   unsigned int reasons_;
+  std::shared_ptr<const DIST_POINT> native_;
 };
 
 /// A handle to a `CRLDistributionPoint`.

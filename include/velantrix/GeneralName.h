@@ -21,7 +21,7 @@
 
 namespace Velantrix::Crypto::PKX509 {
 
-/// An immutable copy of a GENERAL_NAME. Several threads may read it at once.
+/// An immutable GENERAL_NAME. Several threads may read it at once.
 ///
 /// It does not check what the name says: an URI that is none is kept, with a null `uri()`.
 class PKX509_EXPORT GeneralName : public RefImpl {
@@ -29,14 +29,18 @@ class PKX509_EXPORT GeneralName : public RefImpl {
   /// Copies @p native, which must not be null and stays the caller's.
   /// @throws Exception when OpenSSL cannot copy it
   explicit GeneralName(const GENERAL_NAME* native);
+  /// Shares @p native, which must not be null and nobody changes any more. A shared pointer that
+  /// points into an extension and owns that extension makes a name without a copy.
+  /// @throws Exception when a directory name cannot be encoded
+  explicit GeneralName(std::shared_ptr<const GENERAL_NAME> native);
 
   /// OpenSSL's number: `GEN_DIRNAME` 4, `GEN_URI` 6, ...
   int type() const noexcept;
   /// The name of a directoryName; the empty name for every other type.
   const DistinguishedName& dn() const noexcept { return dn_; }
   /// The URI of a uniformResourceIdentifier; null for every other type, and for text that is no
-  /// URI.
-  Uri uri() const { return uri_; }
+  /// URI. It is read anew each time.
+  Uri uri() const;
 
   /// OpenSSL's `GENERAL_NAME_cmp`: directory names by the canonical comparison, everything else
   /// octet for octet, types included.
@@ -49,7 +53,6 @@ class PKX509_EXPORT GeneralName : public RefImpl {
  private:
   std::shared_ptr<const GENERAL_NAME> native_;
   DistinguishedName dn_;
-  Uri uri_;
 };
 
 /// A handle to a `GeneralName`.

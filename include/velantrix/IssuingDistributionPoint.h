@@ -15,9 +15,11 @@
 
 #include <openssl/x509v3.h>
 
+#include <memory>
+
 namespace Velantrix::Crypto::PKX509 {
 
-/// An immutable copy of an IssuingDistributionPoint. Several threads may read it at once.
+/// An immutable IssuingDistributionPoint. Several threads may read it at once.
 ///
 /// It reports what the extension says and does not judge it: RFC 5280 allows at most one of
 /// `onlyUser()`, `onlyCA()` and `onlyAttr()`, and wants the extension critical.
@@ -26,6 +28,9 @@ class PKX509_EXPORT IssuingDistributionPoint : public RefImpl {
   /// Copies @p native, which must not be null and stays the caller's.
   /// @throws Exception when a name in it cannot be copied
   explicit IssuingDistributionPoint(const ISSUING_DIST_POINT* native);
+  /// Shares @p native, which must not be null and nobody changes any more.
+  /// @throws Exception when a relative name in it cannot be encoded
+  explicit IssuingDistributionPoint(const std::shared_ptr<const ISSUING_DIST_POINT>& native);
 
   /// Empty when the extension names no distribution point.
   RefCRLDistributionPointName distributionPointName() const { return name_; }
@@ -38,6 +43,8 @@ class PKX509_EXPORT IssuingDistributionPoint : public RefImpl {
   unsigned int reasons() const noexcept { return reasons_; }
 
  private:
+  IssuingDistributionPoint(const ISSUING_DIST_POINT& native, RefCRLDistributionPointName name);
+
   RefCRLDistributionPointName name_;
   unsigned int reasons_;
   bool onlyUser_;

@@ -3,6 +3,7 @@
 // issuing distribution point of a CRL, interim_reasons_mask an entry's `reasons`, reasons_mask
 // `mask`, cert_status `reason`, and the complete CRL a base.
 #include "foundation/base/Log.h"
+#include "foundation/model/GeneralNames.h"
 #include "foundation/model/RelativeName.h"
 #include "foundation/openssl/CRLScore.h"
 #include "foundation/openssl/OpenSSLOwners.h"
@@ -12,7 +13,6 @@
 #include <pkx509/CRLContainer.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/Exception.h>
-#include <velantrix/GeneralName.h>
 #include <velantrix/IssuingDistributionPoint.h>
 #include <velantrix/StackOfCertificate.h>
 #include <velantrix/Time.h>
@@ -80,21 +80,14 @@ unsigned int CRLContainer::Entry::tallyScore(Verifier& owner) const {
   // Without one it ought to be the certificate's issuer, and any will do here: it is meant so,
   // since others may speak for it. CRLs that were not found through a DP were compared before.
   if (!distributionPoint.empty()) {
-    const std::list<RefGeneralName> issuers =
-        static_cast<const RefCRLDistributionPoint&>(distributionPoint)->issuers();
-    if (!issuers.empty()) {
-      const DistinguishedName& crlIssuer = crlOf(*this).crlInfo().issuer();
-      bool acceptable = false;
-      for (const RefGeneralName& name : issuers) {
-        acceptable = name->type() == GEN_DIRNAME && name->dn() == crlIssuer;
-        if (acceptable) break;
-      }
-      if (!acceptable) {
-        owner.contextError(X509_V_ERR_UNABLE_TO_GET_CRL_ISSUER);
-        logMisplaced("The CRL was not issued by an acceptable issuer.");
-        reject();
-        return 0;
-      }
+    const std::shared_ptr<const GENERAL_NAMES> issuers =
+        static_cast<const RefCRLDistributionPoint&>(distributionPoint)->nativeIssuers();
+    if (countOf(issuers) > 0 &&
+        !holdDirectoryName(issuers.get(), crlOf(*this).crlInfo().issuer())) {
+      owner.contextError(X509_V_ERR_UNABLE_TO_GET_CRL_ISSUER);
+      logMisplaced("The CRL was not issued by an acceptable issuer.");
+      reject();
+      return 0;
     }
   }
   issuingDistributionPointIssuerCheck(owner);
@@ -112,7 +105,7 @@ void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifi
   if (idp.empty()) {
     // 6.3.3 (b)(1): with a cRLIssuer in the DP the CRL has an IDP. That this asserts indirectCRL as
     // well is not asked for.
-    if (!point.empty() && !point->issuers().empty()) {
+    if (!point.empty() && countOf(point->nativeIssuers()) > 0) {
       log(kPriorityDebug,
           "Certificate contains CRL Issuers. The CRL must contain an Issuing Distribution Point.");
       reject();

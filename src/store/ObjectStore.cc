@@ -1,5 +1,6 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/Log.h"
+#include "foundation/model/GeneralNames.h"
 #include "foundation/model/RelativeName.h"
 #include "foundation/openssl/CRLScore.h"
 #include "foundation/openssl/OpenSSLOwners.h"
@@ -165,26 +166,21 @@ void ObjectStore::find(const RefCertificate& certificate, const RefCRLDistributi
                        std::list<RefCertificateRevocationList>& out) const {
   if (point.empty()) return;
   const RefCRLDistributionPointName pointName = point->distributionPointName();
-  std::list<RefGeneralName> issuers = point->issuers();
-  if (pointName.empty()) {
-    for (RefGeneralName& issuer : issuers) find(*issuer, out);
-    return;
-  }
-  if (pointName->type() == CRLDistributionPointName::kFullName) {
-    std::list<RefGeneralName> fullName = pointName->fullName();
-    for (RefGeneralName& element : fullName) {
-      if (!element.empty()) find(*element, out);
-    }
+  const std::shared_ptr<const GENERAL_NAMES> issuers = point->nativeIssuers();
+  if (pointName.empty() || pointName->type() == CRLDistributionPointName::kFullName) {
+    const auto places = pointName.empty() ? issuers : pointName->nativeFullName();
+    for (int i = 0; i < countOf(places); ++i) find(*generalName(places, i), out);
     return;
   }
   const std::string relative = pointName->relativeName();
   if (relative.empty()) return;
-  if (issuers.empty()) {
+  if (countOf(issuers) == 0) {
     const DistinguishedName full = completed(relative, certificate->issuer());
     if (!full.empty()) find(full, out);
     return;
   }
-  for (const RefGeneralName& issuer : issuers) {
+  for (int i = 0; i < countOf(issuers); ++i) {
+    const RefGeneralName issuer = generalName(issuers, i);
     if (issuer->type() == GEN_DIRNAME) find(completed(relative, issuer->dn()), out);
   }
 }

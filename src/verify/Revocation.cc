@@ -1,6 +1,7 @@
 // The verifier's own revocation logic: which certificates of a chain are checked, OCSP before CRLs,
 // and where CRLs are looked for.
 #include "foundation/base/Log.h"
+#include "foundation/model/DistributionPoints.h"
 #include "foundation/run/VerificationRun.h"
 #include "store/LookupMemory.h"
 #include "verify/FailureText.h"
@@ -107,7 +108,9 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
 
 int Verifier::checkOCSP(const RefCertificate& target, const RefAuthorityInformationAccess& aia,
                         const std::list<RefCertificate>& chain) {
-  for (const RefGeneralName& location : aia->ocspGeneralNames()) {
+  std::size_t position = 0;
+  for (RefGeneralName location = aia->nextOCSPGeneralName(position); !location.empty();
+       location = aia->nextOCSPGeneralName(position)) {
     if (!VerificationRun::admitStep()) break;
     if (location->type() != GEN_URI) continue;
     OCSP::Client client(*this, chain);
@@ -137,10 +140,10 @@ RefCertificateRevocationList Verifier::getCRL(const RefCertificate& target) {
 
 void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
   if (target.empty()) return;
-  const std::list<RefCRLDistributionPoint> points = target->crlDistributionPoints();
+  const DistributionPoints points(*target.get());
   // RFC 5280, 6.3.3, its last paragraph: CRLs of the certificate's issuer that no distribution
   // point names. They are looked for only where the certificate has none, and not after them.
-  if (points.empty()) {
+  if (points.count() == 0) {
     const DistinguishedName& issuer = target->issuer();
     std::list<RefCertificateRevocationList> found;
     if (VerificationRun::admitLookup()) {
@@ -166,7 +169,8 @@ void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
   // 6.3.3: each distribution point, and each CRL that it leads to. Here the issuers of certificate
   // and CRL are not compared, not even without a cRLIssuer (b)(1): it is meant so, since indirect
   // CRLs are allowed.
-  for (const RefCRLDistributionPoint& point : points) {
+  for (int i = 0; i < points.count(); ++i) {
+    const RefCRLDistributionPoint point = points[i];
     std::list<RefCertificateRevocationList> found;
     store->find(target, point, found);
     for (const RefCertificateRevocationList& crl : found) {

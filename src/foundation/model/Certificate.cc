@@ -1,4 +1,5 @@
 #include "foundation/base/Fail.h"
+#include "foundation/model/DistributionPoints.h"
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/model/PemOut.h"
 #include "foundation/openssl/BitString.h"
@@ -11,6 +12,7 @@
 #include <openssl/x509v3.h>
 
 #include <limits>
+#include <memory>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -58,13 +60,21 @@ unsigned int Certificate::keyUsage() const {
   return namedBits(decoded.get());
 }
 
+DistributionPoints::DistributionPoints(const Certificate& certificate)
+    : points_(decodeOnlyExtension(X509_get0_extensions(certificate.native()),
+                                  NID_crl_distribution_points, d2i_CRL_DIST_POINTS, kContext)) {
+  for (int i = 0; i < count(); ++i) static_cast<void>((*this)[i]);
+}
+
+RefCRLDistributionPoint DistributionPoints::operator[](int index) const {
+  return RefCRLDistributionPoint(new CRLDistributionPoint(
+      std::shared_ptr<const DIST_POINT>(points_, sk_DIST_POINT_value(points_.get(), index))));
+}
+
 std::list<RefCRLDistributionPoint> Certificate::crlDistributionPoints() const {
-  const Owned<CRL_DIST_POINTS> decoded = decodeOnlyExtension(
-      X509_get0_extensions(native()), NID_crl_distribution_points, d2i_CRL_DIST_POINTS, kContext);
+  const DistributionPoints all(*this);
   std::list<RefCRLDistributionPoint> points;
-  for (int i = 0; i < sk_DIST_POINT_num(decoded.get()); ++i) {
-    points.emplace_back(sk_DIST_POINT_value(decoded.get(), i));
-  }
+  for (int i = 0; i < all.count(); ++i) points.push_back(all[i]);
   return points;
 }
 

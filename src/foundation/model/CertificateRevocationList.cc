@@ -32,6 +32,14 @@ ASN1::Integer decodeNumber(const X509_CRL* crl, int nid) {
       decodeOnlyExtension(X509_CRL_get0_extensions(crl), nid, d2i_ASN1_INTEGER, kContext).get());
 }
 
+RefIssuingDistributionPoint decodeIssuingDistributionPoint(const X509_CRL* crl) {
+  const std::shared_ptr<const ISSUING_DIST_POINT> decoded =
+      decodeOnlyExtension(X509_CRL_get0_extensions(crl), NID_issuing_distribution_point,
+                          d2i_ISSUING_DIST_POINT, kContext);
+  if (decoded == nullptr) return RefIssuingDistributionPoint();
+  return RefIssuingDistributionPoint(new IssuingDistributionPoint(decoded));
+}
+
 // A critical extension of a type for which @p handled is false.
 template <class Handled>
 bool hasCritical(const STACK_OF(X509_EXTENSION) * extensions, Handled handled) {
@@ -105,10 +113,7 @@ CertificateRevocationList::CertificateRevocationList(X509_CRL* native)
       nextUpdate_(X509_CRL_get0_nextUpdate(native), true),
       crlNumber_(decodeNumber(native, NID_crl_number)),
       baseCRLNumber_(decodeNumber(native, NID_delta_crl)),
-      issuingDistributionPoint_(decodeOnlyExtension(X509_CRL_get0_extensions(native),
-                                                    NID_issuing_distribution_point,
-                                                    d2i_ISSUING_DIST_POINT, kContext)
-                                    .get()),
+      issuingDistributionPoint_(decodeIssuingDistributionPoint(native)),
       derived_(std::make_unique<Derived>()) {}
 
 CertificateRevocationList::~CertificateRevocationList() = default;

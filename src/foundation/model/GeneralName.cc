@@ -6,23 +6,17 @@
 
 #include <algorithm>
 #include <new>
-#include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-DistinguishedName directoryName(const GENERAL_NAME* name) {
-  if (name->type != GEN_DIRNAME) return DistinguishedName();
-  return DistinguishedName(name->d.directoryName);
-}
-
-Uri uniformResourceIdentifier(const GENERAL_NAME* name) {
-  if (name->type != GEN_URI) return Uri();
-  const ASN1_IA5STRING* text = name->d.uniformResourceIdentifier;
-  const unsigned char* data = ASN1_STRING_get0_data(text);
-  return Uri(std::string(data, data + ASN1_STRING_length(text)));
+DistinguishedName directoryName(const std::shared_ptr<const GENERAL_NAME>& name) {
+  if (notNull(name.get())->type != GEN_DIRNAME) return DistinguishedName();
+  return DistinguishedName(std::shared_ptr<const X509_NAME>(name, name->d.directoryName));
 }
 
 // An order of general names: 0 exactly where GENERAL_NAME_cmp says 0, which by itself only tells
@@ -67,64 +61,97 @@ int order(const GENERAL_NAME* a, const GENERAL_NAME* b) {
   }
 }
 
-struct Before {
-  bool operator()(const RefGeneralName* a, const RefGeneralName* b) const {
-    return order(a->get()->native(), b->get()->native()) < 0;
+bool isBefore(const GENERAL_NAME* a, const GENERAL_NAME* b) { return order(a, b) < 0; }
+
+std::shared_ptr<const GENERAL_NAME> copyOf(const GENERAL_NAME* name) {
+  return newCopy(GENERAL_NAME_dup, name, {"X509::GeneralName", "GeneralName"},
+                 "name cannot be copied");
+}
+
+bool equal(const GENERAL_NAME* a, const GENERAL_NAME* b) noexcept {
+  // GENERAL_NAME_cmp takes non-const pointers but only reads.
+  return GENERAL_NAME_cmp(const_cast<GENERAL_NAME*>(a), const_cast<GENERAL_NAME*>(b)) == 0;
+}
+
+template <class Test>
+bool anyOf(const GENERAL_NAMES* names, Test test) {
+  for (int i = 0; i < sk_GENERAL_NAME_num(names); ++i) {
+    if (test(sk_GENERAL_NAME_value(names, i))) return true;
   }
-};
+  return false;
+}
 
 }  // namespace
 
-GeneralName::GeneralName(const GENERAL_NAME* native)
-    : native_(newCopy(GENERAL_NAME_dup, native, {"X509::GeneralName", "GeneralName"},
-                      "name cannot be copied")),
-      dn_(directoryName(native_.get())),
-      uri_(uniformResourceIdentifier(native_.get())) {}
+GeneralName::GeneralName(const GENERAL_NAME* native) : GeneralName(copyOf(native)) {}
+
+GeneralName::GeneralName(std::shared_ptr<const GENERAL_NAME> native)
+    : native_(std::move(native)), dn_(directoryName(native_)) {}
 
 int GeneralName::type() const noexcept { return native_->type; }
 
+Uri GeneralName::uri() const {
+  if (native_->type != GEN_URI) return Uri();
+  const ASN1_IA5STRING* text = native_->d.uniformResourceIdentifier;
+  const unsigned char* data = ASN1_STRING_get0_data(text);
+  return Uri(std::string(data, data + ASN1_STRING_length(text)));
+}
+
 bool GeneralName::operator==(const GeneralName& other) const noexcept {
   const ErrorScope errors;
-  // GENERAL_NAME_cmp takes non-const pointers but only reads.
-  return GENERAL_NAME_cmp(const_cast<GENERAL_NAME*>(native()),
-                          const_cast<GENERAL_NAME*>(other.native())) == 0;
+  return equal(native(), other.native());
 }
 
 RefGeneralName::RefGeneralName(const GENERAL_NAME* native) {
   if (native != nullptr) *this = RefGeneralName(new GeneralName(native));
 }
 
-// Both lists may be a stranger's, and a megabyte holds a hundred thousand names: not each is held
+// Both lists may be a stranger's, and a megabyte holds half a million names: not each is held
 // against each. Where there is no memory for that they are.
-bool haveOneInCommon(const std::list<RefGeneralName>& left,
-                     const std::list<RefGeneralName>& right) {
-  constexpr std::size_t kFew = 8;
-  const std::list<RefGeneralName>& fewer = left.size() < right.size() ? left : right;
-  const std::list<RefGeneralName>& more = &fewer == &left ? right : left;
+bool haveOneInCommon(const GENERAL_NAMES* left, const GENERAL_NAMES* right) noexcept {
+  constexpr int kFew = 8;
+  const bool leftIsShorter = sk_GENERAL_NAME_num(left) < sk_GENERAL_NAME_num(right);
+  const GENERAL_NAMES* fewer = leftIsShorter ? left : right;
+  const GENERAL_NAMES* more = leftIsShorter ? right : left;
   const ErrorScope errors;
-  if (fewer.size() > kFew) {
+  if (sk_GENERAL_NAME_num(fewer) > kFew) {
     try {
-      std::set<const RefGeneralName*, Before> known;
-      for (const RefGeneralName& name : fewer) known.insert(&name);
-      return std::any_of(more.begin(), more.end(), [&known](const RefGeneralName& name) {
-        return known.find(&name) != known.end();
+      std::vector<const GENERAL_NAME*> known;
+      known.reserve(static_cast<std::size_t>(sk_GENERAL_NAME_num(fewer)));
+      anyOf(fewer, [&known](const GENERAL_NAME* name) {
+        known.push_back(name);
+        return false;
+      });
+      std::sort(known.begin(), known.end(), isBefore);
+      return anyOf(more, [&known](const GENERAL_NAME* name) {
+        return std::binary_search(known.begin(), known.end(), name, isBefore);
       });
     } catch (const std::bad_alloc&) {
     }
   }
-  return std::any_of(more.begin(), more.end(), [&fewer](const RefGeneralName& theirs) {
-    return std::any_of(fewer.begin(), fewer.end(), [&theirs](const RefGeneralName& mine) {
-      return *mine.get() == *theirs.get();
-    });
+  return anyOf(more, [fewer](const GENERAL_NAME* theirs) {
+    return anyOf(fewer, [theirs](const GENERAL_NAME* mine) { return equal(mine, theirs); });
   });
 }
 
-std::list<RefGeneralName> generalNames(const GENERAL_NAMES* names) {
-  std::list<RefGeneralName> copies;
-  for (int i = 0; i < sk_GENERAL_NAME_num(names); ++i) {
-    copies.emplace_back(sk_GENERAL_NAME_value(names, i));
-  }
-  return copies;
+bool holdDirectoryName(const GENERAL_NAMES* names, const DistinguishedName& name) {
+  const X509_NAME* const wanted = name.native();
+  const ErrorScope errors;
+  return anyOf(names, [wanted](const GENERAL_NAME* mine) {
+    return mine->type == GEN_DIRNAME && X509_NAME_cmp(mine->d.directoryName, wanted) == 0;
+  });
+}
+
+RefGeneralName generalName(const std::shared_ptr<const GENERAL_NAMES>& names, int index) {
+  return RefGeneralName(new GeneralName(
+      std::shared_ptr<const GENERAL_NAME>(names, sk_GENERAL_NAME_value(names.get(), index))));
+}
+
+std::list<RefGeneralName> generalNames(const std::shared_ptr<const GENERAL_NAMES>& names) {
+  std::list<RefGeneralName> handles;
+  const int count = countOf(names);
+  for (int i = 0; i < count; ++i) handles.push_back(generalName(names, i));
+  return handles;
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -1,3 +1,4 @@
+#include "foundation/model/GeneralNames.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "support/Handles.h"
 #include "support/Pki.h"
@@ -5,6 +6,7 @@
 #include <velantrix/CRLDistributionPoint.h>
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateFactory.h>
+#include <velantrix/Exception.h>
 
 #include <chrono>
 #include <gtest/gtest.h>
@@ -86,6 +88,68 @@ TEST(CRLDistributionPoint, ReasonsWithoutABit_AreNone) {
   const auto points = Pki::handle(issued)->crlDistributionPoints();
   ASSERT_EQ(points.size(), 1U);
   EXPECT_EQ(points.front()->reasons(), 0U);
+}
+
+// Octets that are no UTF-8 are no name; whichever point has them, and however long its name is.
+TEST(CRLDistributionPoint, RelativeNameThatIsNone_IsRefusedWithAllOfTheExtension) {
+  const auto attribute = [](const std::string& value) {
+    return "\x30\x08\x06\x03\x55\x04\x03\x0c\x01"s + value;
+  };
+  const auto point = [](const std::string& attributes) {
+    const auto wrapped = [](char tag, const std::string& content) {
+      return std::string(1, tag) + '\x82' + static_cast<char>(content.size() >> 8) +
+             static_cast<char>(content.size() & 0xff) + content;
+    };
+    return wrapped('\x30', wrapped('\xa0', wrapped('\xa1', attributes)));
+  };
+  const auto read = [](const std::string& points) {
+    std::string extension = "\x30\x82"s;
+    extension += static_cast<char>(points.size() >> 8);
+    extension += static_cast<char>(points.size() & 0xff);
+    const Pki::Issued issued =
+        Pki::issue({.rawExtensions = {{"2.5.29.31", false, extension + points}}});
+    return Pki::handle(issued)->crlDistributionPoints().size();
+  };
+  std::string many;
+  for (char c = 'A'; c <= 'Z'; ++c) many += attribute(std::string(1, c));
+  EXPECT_EQ(read(point(attribute("a")) + point(many)), 2U);
+  EXPECT_THROW(read(point(attribute("a")) + point(attribute("\xff"))), Exception);
+  EXPECT_THROW(read(point(attribute("a")) + point(many + attribute("\xff"))), Exception);
+}
+
+// What is decoded once is shared; a name outlives the point that it was taken from.
+TEST(CRLDistributionPoint, NamesOutliveTheirPoint) {
+  const RefGeneralName name = nameOf({.fullNames = {"dirName:CN=A"}})->fullName().front();
+  const DistinguishedName issuer =
+      pointsOf({{.crlIssuers = {"dirName:CN=B"}}}).front()->issuers().front()->dn();
+  EXPECT_EQ(name->dn().asString(), "CN=A");
+  EXPECT_EQ(issuer.asString(), "CN=B");
+}
+
+// OpenSSL's object is the caller's again when it was copied.
+TEST(CRLDistributionPoint, Copy_OutlivesWhatWasCopied) {
+  Owned<DIST_POINT> native(DIST_POINT_new());
+  native->distpoint = DIST_POINT_NAME_new();
+  native->CRLissuer = GENERAL_NAMES_new();
+  ASSERT_GT(sk_GENERAL_NAME_push(native->CRLissuer, Pki::makeGeneralName("dirName:CN=B").release()),
+            0);
+  const RefCRLDistributionPoint point(native.get());
+  native.reset();
+  EXPECT_EQ(point->issuers().front()->dn().asString(), "CN=B");
+  EXPECT_EQ(countOf(point->nativeIssuers()), 1);
+  EXPECT_EQ(point->reasons(), kAllReasons);
+  EXPECT_TRUE(RefCRLDistributionPoint(static_cast<const DIST_POINT*>(nullptr)).empty());
+}
+
+// A name of neither type, which nothing decodes to, is a full name of none.
+TEST(CRLDistributionPointName, WithoutAType_HasNoNames) {
+  const Owned<DIST_POINT_NAME> native(DIST_POINT_NAME_new());
+  const RefCRLDistributionPointName name(native.get());
+  EXPECT_EQ(name->type(), CRLDistributionPointName::kFullName);
+  EXPECT_TRUE(name->fullName().empty());
+  EXPECT_EQ(name->nativeFullName(), nullptr);
+  EXPECT_EQ(name->relativeName(), "");
+  EXPECT_TRUE(*name.get() != *name.get());
 }
 
 TEST(CRLDistributionPointName, Compared_FullNamesByOneInCommonRelativeByRdnNeverMixed) {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <list>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,10 +22,14 @@ Owned<GENERAL_NAMES> stackOf(const std::vector<std::string>& texts) {
 }
 
 std::list<RefGeneralName> listOf(const std::vector<std::string>& texts) {
-  return generalNames(stackOf(texts).get());
+  return generalNames(stackOf(texts));
 }
 
-TEST(GeneralNames, Copies_InTheirOrderAndOutliveTheStack) {
+bool inCommon(const std::vector<std::string>& left, const std::vector<std::string>& right) {
+  return haveOneInCommon(stackOf(left).get(), stackOf(right).get());
+}
+
+TEST(GeneralNames, Handles_InTheirOrderAndKeepTheStack) {
   const std::list<RefGeneralName> names = listOf({"URI:http://a/", "dirName:CN=A", "DNS:a"});
   ASSERT_EQ(names.size(), 3U);
   auto name = names.begin();
@@ -65,16 +70,37 @@ TEST(GeneralNames, OneInCommon_WhereverItStandsAndHoweverLongTheLists) {
         right.push_back("DNS:" + std::to_string(i));
       }
       right.emplace_back(row.right);
-      EXPECT_EQ(haveOneInCommon(listOf(left), listOf(right)), row.common) << others;
-      EXPECT_EQ(haveOneInCommon(listOf(right), listOf(left)), row.common) << others;
+      EXPECT_EQ(inCommon(left, right), row.common) << others;
+      EXPECT_EQ(inCommon(right, left), row.common) << others;
     }
   }
 }
 
 TEST(GeneralNames, EmptyList_HasNothingInCommon) {
-  EXPECT_FALSE(haveOneInCommon({}, {}));
-  EXPECT_FALSE(haveOneInCommon(listOf({"DNS:a"}), {}));
-  EXPECT_FALSE(haveOneInCommon({}, listOf({"DNS:a"})));
+  EXPECT_FALSE(inCommon({}, {}));
+  EXPECT_FALSE(inCommon({"DNS:a"}, {}));
+  EXPECT_FALSE(inCommon({}, {"DNS:a"}));
+  EXPECT_FALSE(haveOneInCommon(nullptr, nullptr));
+  EXPECT_FALSE(haveOneInCommon(stackOf({"DNS:a"}).get(), nullptr));
+}
+
+TEST(GeneralNames, DirectoryName_IsHeldOrNot) {
+  const DistinguishedName name("CN=A,C=DE");
+  EXPECT_TRUE(holdDirectoryName(stackOf({"DNS:a", "dirName:C=de,CN=a"}).get(), name));
+  EXPECT_FALSE(holdDirectoryName(stackOf({"DNS:a", "dirName:CN=A"}).get(), name));
+  EXPECT_FALSE(holdDirectoryName(stackOf({"DNS:a"}).get(), DistinguishedName()));
+  EXPECT_FALSE(holdDirectoryName(nullptr, name));
+}
+
+TEST(GeneralNames, SingleOne_KeepsTheStackToo) {
+  std::shared_ptr<const GENERAL_NAMES> names = stackOf({"DNS:a", "dirName:CN=A"});
+  EXPECT_EQ(countOf(names), 2);
+  EXPECT_EQ(countOf(nullptr), 0);
+  const RefGeneralName second = generalName(names, 1);
+  const DistinguishedName name = second->dn();
+  EXPECT_EQ(second->native(), sk_GENERAL_NAME_value(names.get(), 1));
+  names.reset();
+  EXPECT_EQ(name.asString(), "CN=A");
 }
 
 }  // namespace

@@ -1,0 +1,28 @@
+// The distribution points of a certificate, without a handle for each: a stranger's certificate can
+// have one for each two octets of the extension.
+#pragma once
+
+#include <velantrix/CRLDistributionPoint.h>
+#include <velantrix/Certificate.h>
+
+#include <openssl/x509v3.h>
+
+#include <memory>
+
+namespace Velantrix::Crypto::PKX509 {
+
+class DistributionPoints {
+ public:
+  /// @throws Exception as `Certificate::crlDistributionPoints` does, whichever point is broken
+  explicit DistributionPoints(const Certificate& certificate);
+
+  /// 0 when the certificate has none.
+  int count() const { return points_ == nullptr ? 0 : sk_DIST_POINT_num(points_.get()); }
+  /// The point at @p index. It keeps all of the extension, and copies nothing of it.
+  RefCRLDistributionPoint operator[](int index) const;
+
+ private:
+  std::shared_ptr<const CRL_DIST_POINTS> points_;
+};
+
+}  // namespace Velantrix::Crypto::PKX509

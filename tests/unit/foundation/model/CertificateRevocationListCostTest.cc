@@ -1,0 +1,77 @@
+// What a CRL costs that nobody vouches for, held against what OpenSSL's own object costs.
+#include "foundation/model/ObjectReader.h"
+#include "foundation/openssl/Der.h"
+#include "support/Bulk.h"
+#include "support/Cost.h"
+
+#include <velantrix/CertificateFactory.h>
+#include <velantrix/CertificateRevocationList.h>
+
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <string>
+
+namespace Velantrix::Test {
+namespace {
+
+using namespace Bulk;
+using Crypto::octets;
+using Crypto::Owned;
+using namespace Crypto::PKX509;
+
+// Enough for a hundred octets of memory for each to be noticed.
+constexpr std::size_t kSize = 600000;
+constexpr int kIssuingDistributionPoint = 28;
+constexpr int kAuthorityKeyIdentifier = 35;
+
+Owned<X509_CRL> bare(const std::string& der) {
+  const unsigned char* position = octets(der);
+  Owned<X509_CRL> decoded(d2i_X509_CRL(nullptr, &position, static_cast<long>(der.size())));
+  if (decoded == nullptr) throw std::runtime_error("OpenSSL cannot decode it");
+  return decoded;
+}
+
+// What a verification asks a CRL before it looks at its signature.
+void look(const std::string& der) {
+  const RefCertificateRevocationList crl = decodeCRL(octets(der), der.size());
+  const std::string issuerDer = certificate(
+      name("ca"),
+      extension(31, sequence(sequence(element(0xa0, element(0xa0, repeated("\x86\x01x", 60)))))));
+  const RefCertificate issuer = decodeCertificate({}, octets(issuerDer), issuerDer.size());
+  crl->issuedBy(issuer, true);
+  crl->hasUnhandledCriticalExtension();
+  const RefAuthorityKeyIdentifier authority = crl->crlInfo().authorityKeyIdentifier();
+  if (!authority.empty() && !authority->keyId().empty()) throw std::runtime_error("a key id");
+  const RefIssuingDistributionPoint scope = crl->issuingDistributionPoint();
+  if (scope.empty()) return;
+  const RefCRLDistributionPointName place = scope->distributionPointName();
+  if (*place.get() == issuer->issuer()) throw std::runtime_error("the issuer's name");
+  for (const RefCRLDistributionPoint& point : issuer->crlDistributionPoints()) {
+    if (*place.get() == *point->distributionPointName().get()) throw std::runtime_error("a name");
+  }
+}
+
+testing::AssertionResult isInProportion(const std::string& der) {
+  return costInProportion([&der] { look(der); }, [&der] { bare(der); });
+}
+
+std::string scopedTo(const std::string& names) {
+  return crl(extension(kIssuingDistributionPoint, sequence(element(0xa0, element(0xa0, names)))));
+}
+
+TEST(CertificateRevocationListCost, IssuingDistributionPointOfEmptyNames) {
+  EXPECT_TRUE(isInProportion(scopedTo(repeated("\x82\0"s, kSize))));
+}
+
+TEST(CertificateRevocationListCost, IssuingDistributionPointOfEmptyDirectoryNames) {
+  EXPECT_TRUE(isInProportion(scopedTo(repeated("\xa4\x02\x30\0"s, kSize))));
+}
+
+TEST(CertificateRevocationListCost, AuthorityKeyIdentifierOfEmptyNames) {
+  const std::string names = repeated("\x82\0"s, kSize);
+  EXPECT_TRUE(isInProportion(crl(
+      extension(kAuthorityKeyIdentifier, sequence(element(0xa1, names) + element(0x82, "\x05"))))));
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
