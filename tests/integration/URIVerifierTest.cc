@@ -129,6 +129,21 @@ TEST_F(URIVerification, CRLOfAStranger_IsCachedAndDoesNotDecide) {
   EXPECT_EQ(server.connections().size(), 1U);
 }
 
+// The two have one key in the cache, and what is remembered while a verification goes on has it too.
+TEST_F(URIVerification, PathWithDotSegments_DoesNotStandForTheOneWithout) {
+  const std::string old = der(crl(7).get());
+  std::string current;
+  const FaultServer server(Scripts::answerWith([&](const std::string& request) {
+    return request.starts_with("GET /ca.crl ") ? current : old;
+  }));
+  const std::string dots = server.url("/~mallory/%2e%2e/ca.crl");
+  const Issued leaf = leafWith({dots, dots, server.url("/ca.crl")});
+  current = crlListing(leaf);
+  EXPECT_EQ(verdict(leaf), X509_V_ERR_CERT_REVOKED);
+  EXPECT_EQ(verdict(leaf, {.useOpenSSL = true}), X509_V_ERR_CERT_REVOKED);
+  EXPECT_TRUE(readFile(cacheFile(dots)).find(pem(crl(7).get())) == std::string::npos);
+}
+
 TEST_F(URIVerification, ExpiredCRL_IsJudgedAndFetchedAgainNextTime) {
   const FaultServer server(Scripts::inTurn(
       {Scripts::answer(der(expiredCRL(7).get())), Scripts::answer(der(crl(8).get()))}));
