@@ -16,6 +16,15 @@ Value chainOf(const Report& report) {
   return chain;
 }
 
+Value retrievalOf(const Report& report) {
+  Value::Array failures;
+  for (const Report::Retrieval& failure : report.retrieval) {
+    failures.push_back(
+        Value::Object{{"what", failure.what}, {"uri", failure.uri}, {"reason", failure.reason}});
+  }
+  return failures;
+}
+
 Value valueOf(const Report& report) {
   Value::Object members = {{"file", report.file},
                            {"verdict", report.valid() ? "valid" : "invalid"},
@@ -28,6 +37,7 @@ Value valueOf(const Report& report) {
   if (!report.notes.empty()) {
     members.emplace_back("notes", Value::Array(report.notes.begin(), report.notes.end()));
   }
+  if (!report.retrieval.empty()) members.emplace_back("retrieval", retrievalOf(report));
   members.emplace_back("log", logValue(report.log));
   return members;
 }

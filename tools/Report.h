@@ -22,6 +22,13 @@ struct Report {
     std::string text;
   };
 
+  /// What could not be fetched or cached, and why.
+  struct Retrieval {
+    std::string what;
+    std::string uri;
+    std::string reason;
+  };
+
   bool valid() const noexcept { return code == X509_V_OK; }
 
   std::string file;
@@ -32,6 +39,7 @@ struct Report {
   std::vector<Link> chain;            ///< as far as it was built, the certificate verified first
   std::vector<std::string> notes;     ///< what whoever chose the flags may not expect of them
   std::vector<LogLine> log;
+  std::vector<Retrieval> retrieval;
 };
 
 /// For people. Log lines are not part of it, see `writeLog`.
@@ -39,6 +47,9 @@ struct Report {
 std::string textReport(const Report& report, bool colour);
 /// Writes log lines to standard error, each as "SUBJECT: <priority> text".
 void writeLog(const std::string& subject, const std::vector<Report::LogLine>& lines);
+
+/// Writes what could not be fetched or cached to standard error, each as "SUBJECT: what: uri: reason".
+void writeRetrieval(const std::string& subject, const std::vector<Report::Retrieval>& failures);
 
 /// Log lines for programs: an array of objects.
 Value logValue(const std::vector<Report::LogLine>& lines);

@@ -35,4 +35,10 @@ void writeLog(const std::string& subject, const std::vector<Report::LogLine>& li
   }
 }
 
+void writeRetrieval(const std::string& subject, const std::vector<Report::Retrieval>& failures) {
+  for (const Report::Retrieval& failure : failures) {
+    writeErrorLine(subject + ": " + failure.what + ": " + failure.uri + ": " + failure.reason);
+  }
+}
+
 }  // namespace Velantrix::Tool

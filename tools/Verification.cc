@@ -89,6 +89,9 @@ Report verify(const VerificationSettings& settings, const std::list<RefCertifica
     report.notes.emplace_back(
         "its OCSP responder is asked only with the flag CRL_CHECK_ALL; CRLs decide");
   }
+  for (const Verifier::FetchNote& note : verifier.fetchNotes()) {
+    report.retrieval.push_back({note.what, note.uri, note.reason});
+  }
   return report;
 }
 

@@ -103,6 +103,7 @@ int run(Options& options) {
       reports.push_back(std::move(report));
     } else {
       writeLog(file, report.log);
+      writeRetrieval(file, report.retrieval);
       writeOutput(textReport(report, colour));
     }
   }
@@ -137,10 +138,13 @@ is asked. A note says so where the certificate names one.
 
 Output:
   For each certificate its verdict, OpenSSL's code and text for it, the depth at which it failed and
-  the path that was built. Log lines that explain it go to standard error, as "FILE: <priority> text".
+  the path that was built. Log lines that explain it go to standard error, as "FILE: <priority> text",
+  and so does which CRL could not be fetched or kept in the cache, as "FILE: not fetched: URI:
+  reason" and "FILE: not cached: URI: reason".
   With --json everything goes to standard output, as an array of an object for each certificate:
   file, verdict ("valid" or "invalid"), code, text, depth, chain (objects with subject, issuer,
-  serial), notes (texts; only where there are some), log (objects with priority, text). JSON is never coloured, and --color=auto is "never"
+  serial), log (objects with priority, text) and, where there are some, notes (texts) and retrieval
+  (objects with what, uri, reason). JSON is never coloured, and --color=auto is "never"
   when NO_COLOR is set in the environment or TERM is "dumb".
 
 Exit status:

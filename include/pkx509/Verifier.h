@@ -27,6 +27,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -170,6 +171,16 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   /// nested in it; everything by default. The process may refuse more (`AddressPolicy::process()`).
   /// Nested in another verification, it has that one's policy and not this.
   void addressPolicy(const AddressPolicy& policy) noexcept;
+
+  /// Why a CRL was not there: something that could not be fetched, or not be kept in the cache.
+  struct FetchNote {
+    std::string what;    ///< "not fetched" or "not cached"
+    std::string uri;     ///< without user information, query and fragment, which may be secret
+    std::string reason;  ///< for people: "could not connect", "HTTP status 404", ...
+  };
+  /// What the last `isValid()` has to tell, the verifications nested in it included: the first 32 of
+  /// them, each once. It explains a verdict and is none: a CRL may have come from another source.
+  std::vector<FetchNote> fetchNotes() const;
 
   /// Adds an acceptable certificate policy. The identifier gives its OpenSSL object to the context;
   /// one that has given it away before is copied.

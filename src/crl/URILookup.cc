@@ -6,12 +6,15 @@
 #include "foundation/net/NetworkBudget.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/run/ConnectionSubject.h"
+#include "foundation/run/FetchRecord.h"
 #include "store/LookupMemory.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/URILookup.h>
+#include <velantrix/Exception.h>
 
+#include <chrono>
 #include <exception>
 #include <new>
 #include <string>
@@ -42,14 +45,67 @@ std::string requestKey(const Uri& uri) {
   return uri.scheme() + uri.hostname() + ' ' + std::to_string(uri.port()) + ' ' + uri.path();
 }
 
+// What an exception says, without the path of the cache in front.
+std::string reasonOf(const std::exception& failure) {
+  const auto* const ours = dynamic_cast<const Exception*>(&failure);
+  const std::string text = ours == nullptr ? failure.what() : ours->stringParameter();
+  if (!text.starts_with(kCRLCacheDirectory)) return text;
+  const std::size_t end = text.find(": ");
+  return end == std::string::npos ? text : text.substr(end + 2);
+}
+
+// Why an exchange that was begun came to nothing.
+std::string reasonOf(int outcome, const HTTP::Connection& connection, bool whole) {
+  switch (outcome) {
+    case HTTP::Connection::kTimedOut:
+      return whole ? "no answer in " + std::to_string(kQueryTime) + " s"
+                   : "no answer in the time that was left for the network";
+    case HTTP::Connection::kCutShort:
+      return "the answer ends in the middle";
+    case HTTP::Connection::kTooLarge:
+      return "larger than 64 MiB or than what a verification may fetch, or its header than 16 KiB";
+    case HTTP::Connection::kOtherStatus:
+      return "HTTP status " + std::to_string(connection.status());
+    case HTTP::Connection::kMalformed:
+      return "the answer is not HTTP";
+    default:
+      return "the server closed the connection without an answer";
+  }
+}
+
+RefCertificateRevocationList read(const Uri& uri, const LW::Buffer& body) {
+  try {
+    const RefCertificateRevocationList crl = readFirstCRL(body.data(), body.length());
+    if (crl.empty()) FetchRecord::notFetched(uri, "the body is no CRL");
+    return crl;
+  } catch (const Exception& malformed) {
+    FetchRecord::notFetched(uri, "the body is no CRL: " + reasonOf(malformed));
+    throw;
+  }
+}
+
+HTTP::RefStream streamFor(const Uri& uri) {
+  try {
+    return HTTP::streamFor(uri, {kClientCertificateFile, kClientKeyFile});
+  } catch (const std::exception& failure) {
+    FetchRecord::notFetched(uri, "client certificate or key: " + reasonOf(failure));
+    throw;
+  }
+}
+
 void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   const std::size_t limit = NetworkBudget::admittedBytes(kMaximumCRL);
-  if (limit == 0) return;
-  HTTP::RefStream stream = HTTP::streamFor(uri, {kClientCertificateFile, kClientKeyFile});
+  if (limit == 0) {
+    return FetchRecord::notFetched(uri, "the verification has fetched too much already");
+  }
+  HTTP::RefStream stream = streamFor(uri);
   const Host host(uri.hostname());
-  if (host.address().empty()) return;
+  if (host.address().empty()) return FetchRecord::notFetched(uri, "could not resolve the host");
   const HTTP::RefConnection connection(stream);
-  if (!connection->connect(HTTP::endpointFor(host.address(), uri))) return;
+  if (!connection->connect(HTTP::endpointFor(host.address(), uri))) {
+    return FetchRecord::notFetched(uri, "could not connect");
+  }
+  const auto start = std::chrono::steady_clock::now();
   connection->maxQueryTime(kQueryTime);
   connection->maxContent(limit);
   connection->send(request(uri));
@@ -57,9 +113,12 @@ void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   NetworkBudget::countBytes(connection->contentReceived());
   // Cut by what is left for the whole verification, and not by what a CRL may have.
   if (outcome == HTTP::Connection::kTooLarge && limit < kMaximumCRL) Shortfall::note();
-  if (outcome != HTTP::Connection::kComplete) return;
-  const LW::Buffer& body = connection->content();
-  const RefCertificateRevocationList crl = readFirstCRL(body.data(), body.length());
+  if (outcome != HTTP::Connection::kComplete) {
+    const auto taken = std::chrono::steady_clock::now() - start;
+    return FetchRecord::notFetched(uri, reasonOf(outcome, *connection.operator->(),
+                                                 taken >= std::chrono::seconds(kQueryTime)));
+  }
+  const RefCertificateRevocationList crl = read(uri, connection->content());
   if (!crl.empty()) crls.push_back(crl);
 }
 
@@ -69,7 +128,8 @@ void cache(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) 
     CRLCache(kCRLCacheDirectory).add(uri, crls);
   } catch (const std::bad_alloc&) {
     Shortfall::note();
-  } catch (const std::exception&) {
+  } catch (const std::exception& failure) {
+    FetchRecord::notCached(uri, "cache cannot be written: " + reasonOf(failure));
   }
 }
 
@@ -89,8 +149,9 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
     });
   } catch (const std::bad_alloc&) {
     Shortfall::note();
-  } catch (const std::exception&) {
+  } catch (const std::exception& failure) {
     // A broken cache entry is as good as none: the fetch below replaces it.
+    FetchRecord::notCached(uri, "cache cannot be read: " + reasonOf(failure));
   }
   if (!crls.empty()) return;
   try {
@@ -99,7 +160,10 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
       return;
     }
     askOnce(kHosts, requestKey(uri), crls, [&](std::list<RefCertificateRevocationList>& found) {
-      if (!connectionAdmitted()) return false;
+      if (!connectionAdmitted()) {
+        FetchRecord::notFetched(uri, "no connection is made for it, and a log line says why");
+        return false;
+      }
       fetch(uri, found);
       // The cache's key has no dot segments (RFC 3986, 5.2.4) and the request does, so the server
       // may answer with what it keeps elsewhere than where the key says: nobody else is to find that.

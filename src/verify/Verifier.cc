@@ -186,6 +186,7 @@ int Verifier::isValid() {
   if (state_->used) prepareAgain();
   state_->used = true;
   const int result = X509_verify_cert(state_->context.get());
+  state_->fetchNotes = FetchRecord::notes();
   run.rethrowParked();
   if (result < 1) {
     error = contextError();
@@ -199,6 +200,14 @@ int Verifier::isValid() {
                "settled");
   }
   return error;
+}
+
+std::vector<Verifier::FetchNote> Verifier::fetchNotes() const {
+  std::vector<FetchNote> notes;
+  for (const FetchRecord::Note& note : state_->fetchNotes) {
+    notes.push_back({std::string(note.what), note.uri, note.reason});
+  }
+  return notes;
 }
 
 void Verifier::policy(const ASN1::RefObjectIdentifier& oid) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/FetchRecord.h"
 #include "verify/VouchedChain.h"
 
 #include <pkx509/Verifier.h>
@@ -9,6 +10,7 @@
 #include <openssl/x509_vfy.h>
 
 #include <optional>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -32,6 +34,7 @@ struct Verifier::State {
   unsigned int currentCRLScore = 0;
   unsigned int currentReasons = 0;
   RefCertificate currentIssuer;
+  std::vector<FetchRecord::Note> fetchNotes;  // of the last call
   std::optional<VouchedChain> vouched;
   Owned<X509_STORE_CTX> context;
 };

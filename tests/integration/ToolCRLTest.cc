@@ -294,6 +294,40 @@ TEST_F(ToolCRL, CacheThatCannotBeWritten_IsTold_AlsoWhenAnOldEntryStaysInIt) {
   EXPECT_EQ(cached().size(), 1U);
 }
 
+TEST_F(ToolCRL, Verify_TellsWhatCouldNotBeFetchedOrCached) {
+  const FaultServer missing(Scripts::notFound());
+  const std::string uri = missing.url("/ca.crl");
+  const std::string other = publish({});
+  const Issued leaf = issue(
+      {.subject = "CN=Leaf",
+       .issuer = &ca,
+       .crlDistributionPoints = {{.fullNames = {"URI:" + uri}}, {.fullNames = {"URI:" + other}}}});
+  const std::string file = own("leaf.pem");
+  writeFile(file, pem(leaf.get()));
+  fs::create_directory(own("ca"));
+  addToDirectory(own("ca"), ca.get());
+  const Arguments verify = {"verify", "--ca-dir", own("ca"), file};
+  const CommandResult text = tool(verify);
+  EXPECT_EQ(text.status, 0) << text.err;
+  EXPECT_EQ(text.err, file + ": not fetched: " + uri + ": HTTP status 404\n");
+  EXPECT_EQ(text.out.find("not fetched"), std::string::npos);
+
+  clearPrivateView();
+  fs::remove(kCRLCacheDirectory);
+  const CommandResult asJson = tool(verify + Arguments{"--json"});
+  fs::create_directory(kCRLCacheDirectory);
+  EXPECT_EQ(asJson.status, 0);
+  EXPECT_EQ(asJson.err, "");
+  EXPECT_EQ(
+      parsed(asJson).at(0).at("retrieval"),
+      json::parse(R"([{"what": "not fetched", "uri": ")" + uri +
+                  R"(", "reason": "HTTP status 404"}, {"what": "not cached", "uri": ")" + other +
+                  R"(", "reason": "cache cannot be written: No such file or directory"}])"));
+
+  const CommandResult quiet = tool(verify + Arguments{"--json", "--no-flag", "CRL_CHECK"});
+  EXPECT_FALSE(parsed(quiet).at(0).contains("retrieval"));
+}
+
 TEST_F(ToolCRL, HTTPS_ShowsTheClientCertificate) {
   const Issued name = issue({.subject = "CN=Server", .issuer = &ca});
   const Issued client = issue({.subject = "CN=Appliance", .issuer = &ca});

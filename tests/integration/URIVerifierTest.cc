@@ -1,5 +1,7 @@
 // Verifications of certificates whose distribution points name URIs.
+#include "integration/OwnNamespaces.h"
 #include "integration/URIFixture.h"
+#include "support/Loopback.h"
 #include "support/WebServer.h"
 
 #include <cstdlib>
@@ -54,6 +56,21 @@ class URIVerification : public URIFixture {
     verifier.maxNetworkTime(how.networkTime);
     verifier.addressPolicy(how.addresses);
     return verifier.isValid();
+  }
+
+  /// What the verification could not fetch or keep.
+  std::vector<std::string> notesOf(const Issued& leaf, unsigned int networkTime = 60) {
+    World world;
+    world.trust(ca);
+    Verifier verifier(world.store, handle(leaf), RefStackOfCertificate(), false);
+    verifier.maxNetworkTime(networkTime);
+    EXPECT_TRUE(verifier.fetchNotes().empty());
+    verifier.isValid();
+    std::vector<std::string> notes;
+    for (const Verifier::FetchNote& note : verifier.fetchNotes()) {
+      notes.push_back(note.what + ": " + note.uri + ": " + note.reason);
+    }
+    return notes;
   }
 
   std::string crlListing(const Issued& revoked) const {
@@ -127,6 +144,76 @@ TEST_F(URIVerification, CRLOfAStranger_IsCachedAndDoesNotDecide) {
   EXPECT_EQ(verdict(leaf), X509_V_ERR_CRL_SIGNATURE_FAILURE);
   EXPECT_EQ(verdict(leaf, {.useOpenSSL = true}), X509_V_ERR_CRL_SIGNATURE_FAILURE);
   EXPECT_EQ(server.connections().size(), 1U);
+}
+
+// ------------------------------------------------------------------ why something was not fetched
+
+TEST_F(URIVerification, WhatIsNotFetched_IsNotedWithItsReasonAndNotLogged) {
+  const ReservedPort closed;
+  const std::string body = der(crl(7).get());
+  const struct {
+    const char* name;
+    Script script;
+    std::string reason;
+  } rows[] = {
+      {"404", Scripts::notFound(), "HTTP status 404"},
+      {"500", Scripts::answer(body, "500 Internal Server Error"), "HTTP status 500"},
+      {"a page", Scripts::html(), "the body is no CRL: neither PEM nor DER"},
+      {"nothing", Scripts::answer(""), "the body is no CRL"},
+      {"a certificate", Scripts::answer(der(ca.get())), "the body is no CRL"},
+      {"closed", Scripts::closeAtOnce(), "the server closed the connection without an answer"},
+      {"cut short", Scripts::cutShort(body, body.size() + 1), "the answer ends in the middle"},
+      {"garbage", Scripts::garbage(), "the answer is not HTTP"},
+      {"a promise of 4 GiB", Scripts::hugePromise(),
+       "larger than 64 MiB or than what a verification may fetch, or its header than 16 KiB"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const FaultServer server(row.script);
+    const std::string at = "127.0.0.1:" + std::to_string(server.port()) + "/ca.crl";
+    EXPECT_EQ(notesOf(leafWith({"http://user:secret@" + at + "?token"})),
+              std::vector<std::string>{"not fetched: http://" + at + ": " + row.reason});
+  }
+  const std::string down = "http://127.0.0.1:" + closed.text() + "/ca.crl";
+  EXPECT_EQ(notesOf(leafWith({down, down})),
+            std::vector<std::string>{"not fetched: " + down + ": could not connect"});
+  const FaultServer silent(Scripts::silence());
+  EXPECT_EQ(notesOf(leafWith({silent.url("/ca.crl")}), 1),
+            std::vector<std::string>{"not fetched: " + silent.url("/ca.crl") +
+                                     ": no answer in the time that was left for the network"});
+  EXPECT_EQ(notesOf(leafWith({"http:///ca.crl"})),
+            std::vector<std::string>{"not fetched: http:/ca.crl: could not resolve the host"});
+  EXPECT_EQ(log.text().find("not fetched"), std::string::npos);
+  EXPECT_EQ(log.text().find("127.0.0.1"), std::string::npos);
+}
+
+TEST_F(URIVerification, CacheThatCannotBeUsed_IsNoted) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const std::string uri = server.url("/ca.crl");
+  const Issued leaf = leafWith({uri});
+  EXPECT_EQ(notesOf(leaf), std::vector<std::string>{});
+  writeFile(cacheFile(uri), "garbage");
+  EXPECT_EQ(notesOf(leaf), std::vector<std::string>{"not cached: " + uri +
+                                                    ": cache cannot be read: neither PEM nor DER"});
+  clearPrivateView();
+  fs::remove(kCRLCacheDirectory);
+  EXPECT_EQ(notesOf(leaf),
+            std::vector<std::string>{"not cached: " + uri +
+                                     ": cache cannot be written: No such file or directory"});
+  fs::create_directory(kCRLCacheDirectory);
+}
+
+TEST_F(URIVerification, FullDiskOfTheCache_IsNoted) {
+  inOwnNamespaces([this] {
+    bringUpLoopback();
+    mountMemory(kCRLCacheDirectory, "size=32k");
+    writeFile(fs::path(kCRLCacheDirectory) / "1.r0", std::string(32768, 'x'));
+    const FaultServer server(Scripts::answer(der(crl(7).get())));
+    const std::string uri = server.url("/ca.crl");
+    EXPECT_EQ(notesOf(leafWith({uri})),
+              std::vector<std::string>{"not cached: " + uri +
+                                       ": cache cannot be written: No space left on device"});
+  });
 }
 
 // The two have one key in the cache, and what is remembered while a verification goes on has it too.

@@ -238,6 +238,7 @@ void Connection::send(const RefBuffer& body) {
 int Connection::receive() {
   content_.clear();
   contentReceived_ = 0;
+  status_ = 0;
   const int outcome = failure_ != 0 ? failure_ : readAnswer();
   if (outcome != kComplete) content_.clear();
   transport_.reset();
@@ -267,7 +268,8 @@ int Connection::readAnswer() {
   if (error) return outcomeOf(error, parser.got_some());
   const unsigned int version = parser.get().version();
   if (version != 10 && version != 11) return kMalformed;
-  if (parser.get().result_int() != 200) return kOtherStatus;
+  status_ = parser.get().result_int();
+  if (status_ != 200) return kOtherStatus;
 
   error = read(
       [&](auto& stream, auto done) { http::async_read(stream, buffer, parser, std::move(done)); });

@@ -112,6 +112,8 @@ class Connection : NonCopyable {
   /// Reads the answer to the request that was sent.
   /// @return an `Outcome`
   int receive();
+  /// The status of the last answer; 0 when there was no header of HTTP/1.0 or 1.1.
+  unsigned int status() const noexcept { return status_; }
   /// The body of the last answer, not copied; no bytes unless it was complete.
   const Buffer& content() const noexcept { return content_; }
   /// How many bytes of the body arrived, also when the answer was not complete.
@@ -135,6 +137,7 @@ class Connection : NonCopyable {
   int failure_ = kClosed;  // why the request cannot be answered; 0 while it can
   std::size_t maxContent_ = kDefaultContent;
   std::size_t contentReceived_ = 0;
+  unsigned int status_ = 0;
   Buffer content_;
 };
 
