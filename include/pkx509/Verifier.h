@@ -156,7 +156,8 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   /// Bounds what one verification spends on the network, over all that it fetches and asks and all
   /// verifications nested in it. When the time is spent, further hosts count as unreachable, and
   /// whatever is found without them, the verification does not end valid: the host that was not
-  /// asked may be the one that would have told of a revocation.
+  /// asked may be the one that would have told of a revocation. The OCSP responders of one
+  /// certificate get half of what is left, and the CRLs are asked for in the rest.
   /// @param seconds 60 by default; 0 for no such bound
   void maxNetworkTime(unsigned int seconds) noexcept;
 

@@ -2,6 +2,7 @@
 // and where CRLs are looked for.
 #include "foundation/base/Log.h"
 #include "foundation/model/DistributionPoints.h"
+#include "foundation/net/NetworkBudget.h"
 #include "foundation/run/VerificationRun.h"
 #include "store/LookupMemory.h"
 #include "verify/FailureText.h"
@@ -108,6 +109,8 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
 
 int Verifier::checkOCSP(const RefCertificate& target, const RefAuthorityInformationAccess& aia,
                         const std::list<RefCertificate>& chain) {
+  // A responder that keeps one waiting must not cost the CRLs that would be asked after it.
+  const NetworkBudget::HalfOfTime half;
   std::size_t position = 0;
   for (RefGeneralName location = aia->nextOCSPGeneralName(position); !location.empty();
        location = aia->nextOCSPGeneralName(position)) {

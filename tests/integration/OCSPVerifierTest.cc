@@ -349,7 +349,34 @@ TEST_F(OCSPVerification, NetworkTime_IsSharedByOCSPAndCRLs) {
                 "reaches no host\n" +
                 verdictLine(leaf, kNoCRL));
   EXPECT_EQ(responder.connections().size(), 1U);
-  EXPECT_TRUE(lists.connections().empty());
+  EXPECT_EQ(lists.connections().size(), 1U);
+}
+
+// Whoever keeps the responder from answering must not keep the CRLs away with it.
+TEST_F(OCSPVerification, ResponderThatNeverAnswers_LeavesHalfOfTheTimeToTheCRLs) {
+  const FaultServer responder(Scripts::silence());
+  std::string crl;
+  const FaultServer lists([&crl](Peer& peer) {
+    if (peer.readRequest()) peer.write(Scripts::response(crl));
+  });
+  // Which responders do not matter: they share the half.
+  const Issued leaf = naming({responder.url("/a"), responder.url("/b")},
+                             {.subject = "O=Test,CN=Person",
+                              .issuer = &root,
+                              .crlDistributionPoints = {{.fullNames = {"URI:" + lists.url()}}}});
+  for (const bool revokes : {false, true}) {
+    clearPrivateView();
+    log.clear();
+    crl = der(makeCRL(revokes ? CRLOptions{.issuer = &root, .revoked = {{.serial = leaf}}}
+                              : CRLOptions{.issuer = &root})
+                  .get());
+    Verifier verifier(world.store, handle(leaf), false);
+    verifier.maxNetworkTime(1);
+    EXPECT_EQ(verifier.isValid(), revokes ? kRevoked : 0) << log.text();
+    EXPECT_EQ(log.text(),
+              noDataLine(leaf) + (revokes ? verdictLine(leaf, kRevoked) : std::string()));
+  }
+  EXPECT_EQ(lists.connections().size(), 2U);
 }
 
 // --- The responder's own certificate.

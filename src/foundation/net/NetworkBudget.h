@@ -47,6 +47,19 @@ class NetworkBudget : private NonCopyable {
     NetworkBudget* outer_;
   };
 
+  /// Leaves what is done while it lives half of the time that is left on this thread, so that the
+  /// other half is there for what comes after it. Whoever uses up this half has come to the end of
+  /// a single exchange, which is no shortfall. Where time is not limited it does nothing.
+  class HalfOfTime : private NonCopyable {
+   public:
+    HalfOfTime() noexcept;
+    ~HalfOfTime();
+
+   private:
+    NetworkBudget* budget_;  // null where there is none
+    std::optional<Clock::duration> outer_;
+  };
+
   /// Whether time is left on this thread. To be asked before a host is contacted.
   static bool hasTime();
 
@@ -64,12 +77,13 @@ class NetworkBudget : private NonCopyable {
   friend class NetworkTimer;
 
   bool timeLeft() const noexcept { return !limits_.time.has_value() || time_ < *limits_.time; }
-  // What may still be spent; none: no limit.
-  std::optional<Clock::duration> left() const noexcept;
+  // What may still be spent until then; none: no limit.
+  std::optional<Clock::duration> left(const std::optional<Clock::duration>& end) const noexcept;
   void refuse(Resource resource, bool& told) const;
 
   Limits limits_;
   SpentHandler onSpent_;
+  std::optional<Clock::duration> half_;  // up to when the half lasts, as `time_` counts; see there
   Clock::duration time_{};
   std::size_t bytes_ = 0;
   bool timeTold_ = false;
@@ -93,7 +107,7 @@ class NetworkTimer : private NonCopyable {
  private:
   Clock::time_point start_;
   Clock::time_point deadline_;
-  bool cut_;  // the deadline is the budget's, before the use's own
+  bool cut_;  // the deadline is the whole budget's, before the use's own
 };
 
 }  // namespace Velantrix

@@ -101,6 +101,77 @@ TEST_F(NetworkBudgetInForce, UseThatTheBudgetCutsShort_IsAShortfall) {
   }));
 }
 
+// --- half of the time
+
+Clock::duration boundOf(Clock::duration wanted) {
+  const auto before = Clock::now();
+  return NetworkTimer(wanted).deadline() - before;
+}
+
+TEST_F(NetworkBudgetInForce, HalfOfTime_IsOfWhatIsLeftAndEnds) {
+  budget_.countTime(20s);
+  {
+    const NetworkBudget::HalfOfTime half;
+    EXPECT_LE(boundOf(60s), 20s + 1s);
+    EXPECT_GE(boundOf(60s), 19s);
+    EXPECT_LE(boundOf(5s), 6s);
+    budget_.countTime(20s);
+    EXPECT_FALSE(NetworkBudget::hasTime());
+    EXPECT_LE(boundOf(60s), 1s);
+  }
+  EXPECT_TRUE(NetworkBudget::hasTime());
+  EXPECT_GE(boundOf(60s), 19s);
+  EXPECT_TRUE(s_told.empty());
+}
+
+TEST_F(NetworkBudgetInForce, HalfOfTimeUsedUp_IsNoShortfall) {
+  budget_.countTime(60s - 2ms);
+  EXPECT_FALSE(fallsShort([] {
+    const NetworkBudget::HalfOfTime half;
+    const NetworkTimer timer(10s);
+    while (!timer.expired()) {
+    }
+  }));
+}
+
+TEST_F(NetworkBudgetInForce, AllOfTheTimeUsedUpInAHalf_IsAShortfall) {
+  EXPECT_TRUE(fallsShort([this] {
+    const NetworkBudget::HalfOfTime half;
+    budget_.countTime(60s);
+    EXPECT_FALSE(NetworkBudget::hasTime());
+  }));
+  EXPECT_EQ(s_told, std::vector{Resource::kTime});
+  EXPECT_TRUE(fallsShort([] {
+    const NetworkBudget::HalfOfTime half;
+    const NetworkTimer timer(10s);
+    EXPECT_TRUE(timer.expired());
+  }));
+}
+
+TEST_F(NetworkBudgetInForce, HalfInAHalf_IsAQuarter) {
+  const NetworkBudget::HalfOfTime half;
+  {
+    const NetworkBudget::HalfOfTime quarter;
+    EXPECT_LE(boundOf(60s), 15s + 1s);
+    EXPECT_GE(boundOf(60s), 14s);
+  }
+  EXPECT_GE(boundOf(60s), 29s);
+}
+
+TEST(NetworkBudget, HalfOfNoLimit_IsNone) {
+  {
+    const NetworkBudget::HalfOfTime half;
+    EXPECT_TRUE(NetworkBudget::hasTime());
+    EXPECT_GE(boundOf(1h), 1h);
+  }
+  NetworkBudget budget({std::nullopt, 0}, tell);
+  const NetworkBudget::Installed installed(budget);
+  const NetworkBudget::HalfOfTime half;
+  budget.countTime(1h);
+  EXPECT_TRUE(NetworkBudget::hasTime());
+  EXPECT_GE(boundOf(1h), 1h);
+}
+
 TEST_F(NetworkBudgetInForce, InnerOne_StandsInFrontUntilItEnds) {
   budget_.countTime(60s);
   {
