@@ -83,7 +83,11 @@ namespace Velantrix::Crypto::PKX509 {
 /// the machine's client certificate or key (`kClientCertificateFile`, `kClientKeyFile`) cannot be
 /// loaded.
 ///
-/// **Threads.** One thread at a time. Construction writes the configured flags into the store.
+/// **Threads.** One thread at a time. Construction writes the configured flags into the store. A
+/// thread that is cancelled (`pthread_cancel`) meanwhile is cancelled after `isValid()` has
+/// returned its verdict, at the next cancellation point; `maxNetworkTime()` bounds the wait. The
+/// same goes for `SimpleVerifier`, `OCSP::Client`, `URILookup` and `LDAPLookupMethod`. Threads that
+/// can be cancelled asynchronously must not call the library.
 class PKX509_EXPORT Verifier : private NonCopyable {
  public:
   /// How strictly to verify. A plain value; edit it between construction and use.

@@ -1,6 +1,7 @@
 #include "crl/CRLCache.h"
 #include "foundation/base/DotSegments.h"
 #include "foundation/base/Log.h"
+#include "foundation/base/NoCancellation.h"
 #include "foundation/base/Shortfall.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/net/NetworkBudget.h"
@@ -139,6 +140,7 @@ URILookup::~URILookup() = default;
 
 void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   if (uri.isNull()) return;
+  const NoCancellation untilReturn;
   try {
     askOnce(kCRLCacheDirectory, uri, crls, [&](std::list<RefCertificateRevocationList>& found) {
       // What this verification has fetched need not be read again. It is the answer to this request,

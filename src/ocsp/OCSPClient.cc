@@ -2,6 +2,7 @@
 // RFC 6960, 3.2, and who may sign it in 4.2.2.2; the clauses stand beside the steps.
 #include "foundation/base/Fail.h"
 #include "foundation/base/Log.h"
+#include "foundation/base/NoCancellation.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/ConnectionSubject.h"
@@ -59,9 +60,13 @@ RefCertificate findResponder(const Identifier& identifier, const BasicResponse& 
 Client::Client(Verifier& asking, const std::list<RefCertificate>& path)
     : verifier(asking), chain(path) {}
 
-Client::~Client() = default;
+Client::~Client() {
+  const NoCancellation untilReturn;
+  connection = HTTP::RefConnection();
+}
 
 bool Client::connect(const Uri& responder) {
+  const NoCancellation untilReturn;
   if (uri.isNull() || uri != responder) {
     uri = responder;
     if (!connection.empty()) {
@@ -91,6 +96,7 @@ bool Client::connect(const Uri& responder) {
 }
 
 int Client::isRevoked(const RefCertificate& certificate) {
+  const NoCancellation untilReturn;
   for (const RefCertificate& candidate : chain) {
     try {
       if (!certificate->issuedBy(candidate, true)) continue;

@@ -1,3 +1,4 @@
+#include "foundation/base/NoCancellation.h"
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/ldap/LDAPSearch.h"
 #include "foundation/openssl/OpenSSLOwners.h"
@@ -39,6 +40,7 @@ void s_addAttributes(const LDAPLookupMethod::Config& config, Object::Type type,
                      const std::string& base, const std::string& filter, std::list<Buffer>& out) {
   const std::list<LDAPAttributeType> types = attributeTypes(type);
   if (base.empty() && filter.empty()) return;
+  const NoCancellation untilReturn;
   LDAPConnection connection(config.server, false);
   // Meant this way round: a configured name stands for searching without a bind.
   if (config.bindDn.empty()) {

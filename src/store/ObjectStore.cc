@@ -1,5 +1,6 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/Log.h"
+#include "foundation/base/NoCancellation.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/model/RelativeName.h"
 #include "foundation/openssl/CRLScore.h"
@@ -58,6 +59,7 @@ ObjectStore::ObjectStore(const std::string& directory, int type)
 }
 
 ObjectStore::~ObjectStore() {
+  const NoCancellation untilReturn;
   for (LookupMethod* const method : pointedFrom) method->objectStore = nullptr;
   // OpenSSL shuts its lookups down while every lookup method is still held. What a method throws
   // then has nowhere to go.

@@ -1,4 +1,5 @@
 #include "foundation/base/Log.h"
+#include "foundation/base/NoCancellation.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/ObjectStore.h>
@@ -38,6 +39,7 @@ CertificateVerifier* SimpleVerifier::instance() {
 void SimpleVerifier::add(const RefLookupMethod& method) { lookupMethods.push_back(method); }
 
 int SimpleVerifier::isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage) {
+  const NoCancellation untilReturn;
   try {
     if (keyUsage != 0 && !allows(certificate, keyUsage)) {
       log(kPriorityDebug, "SimpleVerifier: Requested value is not present in the Key Usage.");

@@ -1,3 +1,4 @@
+#include "foundation/base/NoCancellation.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
 #include "verify/FailureText.h"
@@ -171,6 +172,7 @@ void Verifier::prepareAgain() {
 const RefObjectStore& Verifier::objectStore() const { return store; }
 
 int Verifier::isValid() {
+  const NoCancellation untilReturn;
   ERR_clear_error();
   // First of all, so that an override which verifies again while it is asked for CRLs is refused as
   // a circle before it takes the context away from OpenSSL.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "foundation/base/Fail.h"
+#include "foundation/base/NoCancellation.h"
 #include "foundation/base/Shortfall.h"
 
 #include <cerrno>
@@ -24,7 +25,9 @@ class FileDescriptor {
   }
   ~FileDescriptor() {
     // Whether close() succeeds matters to nobody: what has to reach the disk was synced before.
-    if (descriptor_ >= 0) static_cast<void>(::close(descriptor_));
+    if (descriptor_ < 0) return;
+    const NoCancellation untilReturn;
+    static_cast<void>(::close(descriptor_));
   }
 
   int get() const noexcept { return descriptor_; }

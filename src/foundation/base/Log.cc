@@ -2,6 +2,7 @@
 
 #include "foundation/base/LogBudget.h"
 #include "foundation/base/LogFormat.h"
+#include "foundation/base/NoCancellation.h"
 #include "foundation/base/Text.h"
 
 #include <velantrix/Logger.h>
@@ -13,6 +14,7 @@ namespace Velantrix {
 namespace {
 
 void writeLine(int priority, const char* text) {
+  const NoCancellation untilReturn;  // the callers below let nothing through, and that would end it
   Logger::instance(false).write(kCategory, 0, "%d\001%s", priority, text);
 }
 

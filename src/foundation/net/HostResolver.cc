@@ -1,5 +1,6 @@
 #include "foundation/net/HostResolver.h"
 
+#include "foundation/base/NoCancellation.h"
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/NetworkBudget.h"
 
@@ -167,6 +168,7 @@ std::vector<std::string> resolveHost(const std::string& name) {
   boost::asio::ip::make_address(name, notNumeric);
   if (!notNumeric) return {name};
   if (name.size() > kMaximumName) return {};
+  const NoCancellation untilReturn;
   return Resolution().run(name);
 }
 

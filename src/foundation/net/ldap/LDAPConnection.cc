@@ -1,4 +1,5 @@
 #include "foundation/base/Fail.h"
+#include "foundation/base/NoCancellation.h"
 #include "foundation/net/ldap/LDAPRequest.h"
 #include "foundation/net/ldap/LDAPSession.h"
 
@@ -40,9 +41,13 @@ LDAPConnection::LDAPConnection(const RefServer& server, bool connectNow)
   if (connectNow) static_cast<void>(session());
 }
 
-LDAPConnection::~LDAPConnection() = default;
+LDAPConnection::~LDAPConnection() {
+  const NoCancellation untilReturn;
+  session_.reset();
+}
 
 LDAPSession& LDAPConnection::session() {
+  const NoCancellation untilReturn;
   if (session_ == nullptr) {
     try {
       session_ = std::make_unique<LDAPSession>(*server_);
@@ -57,6 +62,7 @@ LDAPSession& LDAPConnection::session() {
 void LDAPConnection::bind(const std::string& dn, const std::string& password, BindMode mode) {
   if (mode != BindSimple) fail(kHere, "Only simple binds are made.");
   if (dn.find('\0') != std::string::npos) fail(kHere, "A name contains a NUL byte.");
+  const NoCancellation untilReturn;
   BindRequest request(session(), dn, password);
   request.send();
   request.wait(kBindBound);
