@@ -193,6 +193,36 @@ TEST_F(CRLContainerDeltaTest, AnyBaseWillDo) {
   EXPECT_EQ(container.chainState, OpenContainer::ChainComplete);
 }
 
+// Meant so, though 5.2.4 (d) wants the base to be the older one.
+TEST_F(CRLContainerDeltaTest, DeltaOlderThanItsBase_HasTheLastWordAllTheSame) {
+  add({.issuer = &root, .lastUpdate = hours(-1), .number = Serial(9), .revoked = list(1)});
+  addDelta(8, hours(-50));  // its number is 6
+  EXPECT_EQ(container.isRevoked(reason), 0);
+  container.clear();
+  reason = 0;
+  add({.issuer = &root, .lastUpdate = hours(-1), .number = Serial(9)});
+  addDelta(1, hours(-50));
+  EXPECT_EQ(container.isRevoked(reason), kRevoked);
+}
+
+// Meant so, though 5.2.4 (a) and (b) want one issuer and one scope.
+TEST_F(CRLContainerDeltaTest, BaseOfAnotherIssuerOrScope_IsABaseAllTheSame) {
+  const Issued other = issueCA("O=Test,CN=Other");
+  add({.issuer = &other, .number = Serial(5)});
+  add({.issuer = &root, .number = Serial(6), .deltaBase = Serial(5), .revoked = list(1)});
+  EXPECT_TRUE(container.isDeltaCRLChainComplete());
+  EXPECT_EQ(container.isRevoked(reason), kRevoked);
+  container.clear();
+  reason = 0;
+  addBase(1);
+  add({.issuer = &root,
+       .number = Serial(6),
+       .deltaBase = Serial(5),
+       .revoked = list(8),
+       .idp = Scope{.onlyUser = true}});
+  EXPECT_EQ(container.isRevoked(reason), 0);
+}
+
 TEST_F(CRLContainerDeltaTest, ChainState_IsKeptUntilClear) {
   addDelta(-2);
   EXPECT_FALSE(container.isDeltaCRLChainComplete());

@@ -169,6 +169,31 @@ TEST_F(CRLContainerExtendedChecksTest, ExpiredBaseBesideADelta_IsAccepted) {
   EXPECT_EQ(check(), 0);
 }
 
+TEST_F(CRLContainerExtendedChecksTest, ExpiredBaseAndExpiredDelta_AreAccepted) {
+  add(expired());
+  CRLOptions delta = expired();
+  delta.deltaBase = Serial(1);
+  add(delta);
+  EXPECT_EQ(check(), 0);
+}
+
+// Meant so. The signature of a CRL that is out of scope is never looked at.
+TEST_F(CRLContainerExtendedChecksTest, ExpiredBaseBesideARejectedForgery_IsAccepted) {
+  add(expired());
+  EXPECT_EQ(check(), 12);
+  container.clear();
+  verifier.contextError(0);
+  add(expired());
+  add({.issuer = &root,
+       .deltaBase = Serial(1),
+       .idp = Scope{.onlyCA = true},
+       .badSignature = true});
+  EXPECT_EQ(container.entries.size(), 1U);
+  EXPECT_EQ(check(), 0);
+  int reason = 0;
+  EXPECT_EQ(container.isRevoked(reason), 0);
+}
+
 TEST_F(CRLContainerExtendedChecksTest, ExpiredDelta_IsAcceptedAndAnEarlyOneIsNot) {
   add({.issuer = &root});
   CRLOptions delta = expired();

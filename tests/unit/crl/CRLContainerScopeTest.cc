@@ -61,6 +61,8 @@ const std::vector<Row>& rows() {
       {"only attributes, a user", {}, Scope{.onlyAttributes = true}, false, false},
       {"only attributes, a CA", {}, Scope{.onlyAttributes = true}, true, false},
       {"indirect", {}, Scope{.indirect = true}, false, true},
+      // Meant so, though 6.3.3 (b)(1) wants it to be indirect.
+      {"not indirect, point with CRL issuers", kUnnamed, Scope{.onlyUser = true}, false, true},
 
       {"no point, name of the certificate's issuer",
        {},

@@ -10,8 +10,11 @@
 
 #include <openssl/err.h>
 
+#include <cstring>
 #include <ctime>
+#include <functional>
 #include <gtest/gtest.h>
+#include <memory>
 
 namespace Velantrix::Test {
 namespace {
@@ -25,6 +28,8 @@ constexpr int kUnknown = 118;
 
 constexpr char kNotValidLine[] = "6 OCSP::Client: Could not validate Responder's certificate.\n";
 constexpr char kSignatureLine[] = "6 OCSP::Client: Response Signature check failed.\n";
+
+constexpr unsigned char kNothing[] = {0x05, 0x00};  // NULL
 
 class OCSPClient : public testing::Test {
  protected:
@@ -149,6 +154,63 @@ TEST_F(OCSPClient, WhoMayAnswer) {
 }
 
 // The time that the caller set is that of the responder's certificate as well.
+// What an answer says beside the status, changed and signed again by whoever it names.
+std::string resigned(const std::string& der, const Issued& signer,
+                     const std::function<void(OCSP_BASICRESP*)>& edit) {
+  const auto* position = reinterpret_cast<const unsigned char*>(der.data());
+  const std::unique_ptr<OCSP_BASICRESP, decltype(&OCSP_BASICRESP_free)> basic(
+      d2i_OCSP_BASICRESP(nullptr, &position, static_cast<long>(der.size())), OCSP_BASICRESP_free);
+  EXPECT_NE(basic, nullptr);
+  edit(basic.get());
+  EXPECT_EQ(OCSP_basic_sign(basic.get(), signer.get(), signer.key.get(), EVP_sha256(), nullptr,
+                            OCSP_NOTIME),
+            1);
+  unsigned char* encoded = nullptr;
+  const int length = i2d_OCSP_BASICRESP(basic.get(), &encoded);
+  std::string out(encoded, encoded + length);
+  OPENSSL_free(encoded);
+  return out;
+}
+
+// Meant so, though RFC 6960, 4.4, has extensions that are critical refused when they are unknown.
+TEST_F(OCSPClient, CriticalExtensions_AreNotLookedAt) {
+  const Owned<ASN1_OBJECT> oid(OBJ_txt2obj("1.2.3.4.5", 1));
+  const Owned<ASN1_OCTET_STRING> value(ASN1_OCTET_STRING_new());
+  ASSERT_EQ(ASN1_OCTET_STRING_set(value.get(), kNothing, sizeof kNothing), 1);
+  const Owned<X509_EXTENSION> critical(
+      X509_EXTENSION_create_by_OBJ(nullptr, oid.get(), 1, value.get()));
+  for (const bool ofTheWhole : {false, true}) {
+    OCSPAnswer description{.signer = &root};
+    description.change = [&](std::string& der) {
+      der = resigned(der, root, [&](OCSP_BASICRESP* basic) {
+        EXPECT_EQ(ofTheWhole
+                      ? OCSP_BASICRESP_add_ext(basic, critical.get(), -1)
+                      : OCSP_SINGLERESP_add_ext(OCSP_resp_get0(basic, 0), critical.get(), -1),
+                  1);
+      });
+    };
+    const std::string der = answer(description);
+    EXPECT_NE(der.find("\x06\x04\x2a\x03\x04\x05\x01\x01\xff"), std::string::npos);
+    EXPECT_EQ(judge(der), 0) << log.text();
+  }
+}
+
+// Meant so, as with thisUpdate and nextUpdate.
+TEST_F(OCSPClient, TimeOfProduction_IsNotLookedAt) {
+  for (const char* time : {"20010101000000Z", "20990101000000Z"}) {
+    OCSPAnswer description{.signer = &root};
+    description.change = [&](std::string& der) {
+      const std::size_t at = der.find("\x18\x0f") + 2;  // the first time of the answer
+      der = resigned(der.replace(at, std::strlen(time), time), root, [](OCSP_BASICRESP*) {});
+    };
+    const std::string der = answer(description);
+    const Answer read(der);
+    const ASN1_GENERALIZEDTIME* const produced = OCSP_resp_get0_produced_at(read.basic);
+    EXPECT_EQ(std::string(produced->data, produced->data + produced->length), time);
+    EXPECT_EQ(judge(der), 0) << log.text();
+  }
+}
+
 TEST_F(OCSPClient, TimeOfTheOuterVerification_CountsForTheResponder) {
   const Issued now = responder({.notAfter = hours(24)});
   const Issued later = responder({.notBefore = hours(24), .notAfter = hours(72)});

@@ -302,6 +302,43 @@ TEST_F(RevocationTest, ThroughAPoint_IssuersMayDifferAndThePointGoesAlong) {
   EXPECT_EQ(verdict(issued), 0);
 }
 
+// Meant so: RFC 5280, 6.3.3 (f), asks for a valid path, and for cRLSign only where there is a key
+// usage. It does not ask for a CA.
+TEST_F(RevocationTest, ThroughAPoint_EndEntityOrTheCertificateItselfMayIssueTheCRL) {
+  const CertificateOptions unrestricted = {.keyUsage = kAbsent};
+  world.publish({.issuer = &root});
+  CertificateOptions options = unrestricted;
+  options.subject = "O=Test,CN=Speaker";
+  options.issuer = &root;
+  const Issued speaker = issue(options);
+  world.trust(speaker);
+  world.publish({.issuer = &speaker});
+  options = unrestricted;
+  options.crlDistributionPoints = {{.fullNames = {"dirName:O=Test,CN=Speaker"}}};
+  EXPECT_EQ(verdict(person(options)), 0) << log.text();
+
+  options.crlDistributionPoints = {{.fullNames = {"dirName:O=Test,CN=Person"}}};
+  const Issued itself = person(options);
+  world.trust(itself);
+  world.publish({.issuer = &itself});
+  EXPECT_EQ(verdict(itself), 0) << log.text();
+}
+
+// Meant so: RFC 5280, 6.3.3 (f), wants the trust anchor of the path that is verified.
+TEST_F(RevocationTest, NamesakeUnderAnotherRoot_SpeaksForTheCertificatesIssuer) {
+  const Issued otherRoot = issueCA("O=Test,CN=Other Root");
+  const Issued namesake = issueCA("O=Test,CN=Inter", &otherRoot);
+  world.trust(otherRoot);
+  world.trust(namesake);
+  world.publish({.issuer = &root});
+  world.publish({.issuer = &otherRoot});
+  EXPECT_EQ(verdict(leaf), 3);
+  world.publish({.issuer = &namesake});
+  EXPECT_EQ(verdict(leaf), 0) << log.text();
+  world.publish({.issuer = &namesake, .revoked = {{.serial = leaf}}});
+  EXPECT_EQ(verdict(leaf), kRevoked);
+}
+
 TEST_F(RevocationTest, WithPoints_TheIssuersNameIsNotLookedUp) {
   world.publish({.issuer = &root});
   const Issued issued = through({{.fullNames = {"dirName:CN=Elsewhere"}}});

@@ -43,6 +43,43 @@ TEST_F(VerifierTest, ValidChain_IsZeroAndNothingIsLogged) {
   }
 }
 
+Issued signedAgain(const Issued& issued, const Issued& issuer, const EVP_MD* digest) {
+  const Owned<X509> copy(X509_dup(issued.get()));
+  EXPECT_GT(X509_sign(copy.get(), issuer.key.get(), digest), 0);
+  return Issued{certFromDer(der(copy.get())), issued.key};
+}
+
+// Meant so: OpenSSL's level for verification is 0 unless the caller sets one on the context.
+TEST_F(VerifierTest, WeakDigestsAndKeys_AreAcceptedUnlessALevelIsSet) {
+  const std::shared_ptr<EVP_PKEY> weakKey(EVP_RSA_gen(512), EVP_PKEY_free);
+  ASSERT_NE(weakKey, nullptr);
+  const Issued rsaRoot =
+      issue({.subject = "O=Test,CN=RSA Root", .ca = true, .keyKind = KeyKind::Rsa2048});
+  world.trust(rsaRoot);
+  world.publish({.issuer = &rsaRoot});
+  const CertificateOptions options = {.subject = "O=Test,CN=Person", .issuer = &rsaRoot};
+  CertificateOptions weak = options;
+  weak.key = weakKey;
+  const Issued strong = issue(options);
+  const struct {
+    const char* name;
+    Issued issued;
+    int atLevelTwo;
+  } rows[] = {
+      {"SHA-256", strong, 0},
+      {"SHA-1", signedAgain(strong, rsaRoot, EVP_sha1()), X509_V_ERR_CA_MD_TOO_WEAK},
+      {"MD5", signedAgain(strong, rsaRoot, EVP_md5()), X509_V_ERR_CA_MD_TOO_WEAK},
+      {"RSA with 512 bits", issue(weak), X509_V_ERR_EE_KEY_TOO_SMALL},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(Verifier(world.store, handle(row.issued), false).isValid(), 0);
+    Verifier verifier(world.store, handle(row.issued), false);
+    X509_VERIFY_PARAM_set_auth_level(param(verifier), 2);
+    EXPECT_EQ(verifier.isValid(), row.atLevelTwo);
+  }
+}
+
 TEST_F(VerifierTest, UntrustedIntermediate_IsUsedForThePath) {
   world.publish({.issuer = &root});
   world.publish({.issuer = &inter});
