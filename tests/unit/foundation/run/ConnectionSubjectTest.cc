@@ -16,10 +16,6 @@ using Crypto::PKX509::ConnectionSubject;
 using Crypto::PKX509::isVouchedFor;
 using Crypto::PKX509::VerificationRun;
 
-constexpr char kTimeSpent[] =
-    "6 Verifier: the time for the network is spent, the rest of this verification reaches no "
-    "host\n";
-
 // Says what it was told to say.
 class Subject final : public ConnectionSubject {
  public:
@@ -103,7 +99,9 @@ TEST(ConnectionAdmitted, NoTimeLeftForTheNetwork_IsRefusedWithOneLine) {
   EXPECT_TRUE(connectionAdmitted());
   run.network().countTime(60s);
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(connectionAdmitted());
-  EXPECT_EQ(log.text(), kTimeSpent);
+  EXPECT_EQ(log.text(),
+            "6 Verifier: the time for the network is spent, the rest of this verification reaches "
+            "no host\n");
   EXPECT_TRUE(run.fellShort());
 }
 
