@@ -29,6 +29,13 @@ const ASN1::RefObjectIdentifier& authorityInformationAccess() {
   return oid;
 }
 
+// The subject where an override of checkRevocationStatus() asks about the certificates of the chain
+// in its own way.
+void beSubject(X509* target, VouchedChain& chain, std::optional<ChainSubject>& subject) {
+  if (VerificationRun::current() == nullptr || ConnectionSubject::current() != nullptr) return;
+  if (chain.contains(target)) subject.emplace(target, chain);
+}
+
 std::string noIssuerText(const RefCertificateRevocationList& crl) {
   return "Could not find issuing certificate for CRL issued by " +
          crl->crlInfo().issuer().asString();
@@ -109,6 +116,8 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
 
 int Verifier::checkOCSP(const RefCertificate& target, const RefAuthorityInformationAccess& aia,
                         const std::list<RefCertificate>& chain) {
+  std::optional<ChainSubject> subject;
+  beSubject(target, state_->vouchedChain(), subject);
   // A responder that keeps one waiting must not cost the CRLs that would be asked after it.
   const NetworkBudget::HalfOfTime half;
   std::size_t position = 0;
@@ -143,6 +152,8 @@ RefCertificateRevocationList Verifier::getCRL(const RefCertificate& target) {
 
 void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
   if (target.empty()) return;
+  std::optional<ChainSubject> subject;
+  beSubject(target, state_->vouchedChain(), subject);
   const DistributionPoints points(*target.get());
   // RFC 5280, 6.3.3, its last paragraph: CRLs of the certificate's issuer that no distribution
   // point names. They are looked for only where the certificate has none, and not after them.

@@ -85,14 +85,18 @@ bool VouchedChain::beginsWith(const std::list<RefCertificate>& chain) const noex
   return true;
 }
 
-bool VouchedChain::vouchesFor(const X509* certificate) {
-  std::size_t wanted = chain_.size();
+std::size_t VouchedChain::find(const X509* certificate) const noexcept {
+  std::size_t position = chain_.size();
   // From the anchor down: one that stands there twice is vouched for where it stands first.
-  while (wanted > 0) {
-    const X509* const candidate = chain_[wanted - 1].get();
+  for (; position > 0; --position) {
+    const X509* const candidate = chain_[position - 1].get();
     if (candidate != nullptr && X509_cmp(candidate, certificate) == 0) break;
-    --wanted;
   }
+  return position;
+}
+
+bool VouchedChain::vouchesFor(const X509* certificate) {
+  std::size_t wanted = find(certificate);
   if (wanted-- == 0 || !anchored()) return false;
   while (lowest_ > wanted && !broken_) {
     if (verifyNext()) {

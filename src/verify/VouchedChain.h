@@ -36,9 +36,12 @@ class VouchedChain : private NonCopyable {
   // Whether the list is the lower end of it, down to the very objects.
   bool beginsWith(const std::list<RefCertificate>& chain) const noexcept;
 
+  bool contains(const X509* certificate) const noexcept { return find(certificate) != 0; }
   bool vouchesFor(const X509* certificate);
 
  private:
+  // One more than its index; 0 when it is not there.
+  std::size_t find(const X509* certificate) const noexcept;
   bool anchored();
   bool verifyNext() const;
 

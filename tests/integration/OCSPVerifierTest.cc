@@ -311,6 +311,30 @@ TEST_F(OCSPVerification, ChainOfAForgedCA_NobodyIsConnectedTo) {
   EXPECT_EQ(watch.ports().size(), 2U) << log.text();
 }
 
+TEST_F(OCSPVerification, OverrideThatAsksByItself_ConnectsForNoForgeryEither) {
+  const FaultServer server(answering(good()));
+  const std::string uri = "URI:" + server.url("/ca.crl");
+  for (const bool forgery : {false, true}) {
+    const Issued leaf = naming({server.url()}, {.subject = "O=Test,CN=Leaf",
+                                                .issuer = &root,
+                                                .crlDistributionPoints = {{.fullNames = {uri}}},
+                                                .badSignature = forgery});
+    Probe verifier(world.store, handle(leaf), false);
+    verifier.onCheck = [&](const std::list<RefCertificate>& chain) {
+      const RefAuthorityInformationAccess aia(
+          chain.front()->find(ASN1::RefObjectIdentifier("1.3.6.1.5.5.7.1.1")));
+      EXPECT_EQ(verifier.checkOCSP(chain.front(), aia, chain),
+                forgery ? OCSP::kNoAnswer : OCSP::kGood);
+      CRLContainer container(verifier);
+      verifier.getCRLs(chain.front(), container);
+      return 1;
+    };
+    const ConnectWatch watch;
+    EXPECT_EQ(verifier.isValid(), forgery ? X509_V_ERR_CERT_SIGNATURE_FAILURE : 0) << log.text();
+    EXPECT_EQ(watch.ports().size(), forgery ? 0U : 2U) << log.text();
+  }
+}
+
 // --- The address is refused.
 
 TEST_F(OCSPVerification, AddressThatIsRefused_TheResponderCannotBeReachedAndTheCRLsDecide) {

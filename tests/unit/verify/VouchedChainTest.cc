@@ -117,6 +117,8 @@ TEST_F(VouchedChainTest, Copy_IsTheSameCertificate) {
   Verifier verifier(world.store, handle(leaf), false);
   VouchedChain vouching({handle(leaf), handle(inter), handle(root)}, verifier);
   const Owned<X509> copy = certFromDer(der(leaf.get()));
+  EXPECT_TRUE(vouching.contains(copy.get()));
+  EXPECT_FALSE(vouching.contains(faked.get()));
   EXPECT_TRUE(vouching.vouchesFor(copy.get()));
   const Owned<X509> other = certFromDer(der(faked.get()));
   EXPECT_FALSE(vouching.vouchesFor(other.get()));
