@@ -175,15 +175,20 @@ void ObjectStore::find(const RefCertificate& certificate, const RefCRLDistributi
     return;
   }
   const std::string relative = pointName->relativeName();
-  if (relative.empty()) return;
+  // Nobody to ask: a name under an issuer's of kilobytes takes milliseconds to make.
+  if (relative.empty() || methodList.empty()) return;
   if (countOf(issuers) == 0) {
-    const DistinguishedName full = completed(relative, certificate->issuer());
+    const DistinguishedName& issuer = certificate->issuer();
+    if (issuer.empty() || !VerificationRun::mayLookUp()) return;
+    const DistinguishedName full = completed(relative, issuer);
     if (!full.empty()) find(full, out);
     return;
   }
   for (int i = 0; i < countOf(issuers); ++i) {
     const RefGeneralName issuer = generalName(issuers, i);
-    if (issuer->type() == GEN_DIRNAME) find(completed(relative, issuer->dn()), out);
+    if (issuer->type() != GEN_DIRNAME) continue;
+    if (!VerificationRun::mayLookUp()) return;
+    find(completed(relative, issuer->dn()), out);
   }
 }
 

@@ -111,6 +111,12 @@ bool VerificationRun::admitLookup() {
   return false;
 }
 
+bool VerificationRun::mayLookUp() {
+  if (currentRun == nullptr) return true;
+  if (currentRun->totals_->lookups >= kMaximumLookups) return admitLookup();
+  return admitStep();
+}
+
 bool VerificationRun::admitStep() {
   if (currentRun == nullptr) return true;
   Totals& totals = *currentRun->totals_;

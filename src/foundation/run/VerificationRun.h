@@ -73,6 +73,9 @@ class VerificationRun {
   // then to find nothing, and the run has fallen short. The first refusal is logged. Always true
   // outside a run.
   static bool admitLookup();
+  // Whether there is one to admit, before what is looked for is made. It counts nothing; a refusal
+  // is the same.
+  static bool mayLookUp();
 
   // Whether there is processor time left for another step. False when the outermost run has used up
   // its share: the step is then left out, and the run has fallen short. To be asked between steps

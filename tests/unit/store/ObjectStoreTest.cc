@@ -1,4 +1,6 @@
 #include "foundation/run/VerificationRun.h"
+#include "support/Bulk.h"
+#include "support/Cost.h"
 #include "support/LogCapture.h"
 #include "unit/store/FakeMethod.h"
 #include "unit/store/Model.h"
@@ -14,6 +16,8 @@
 
 namespace Velantrix::Test {
 namespace {
+
+using namespace std::string_literals;
 
 static_assert(std::is_base_of_v<RefImpl, ObjectStore>);
 static_assert(!std::is_copy_constructible_v<ObjectStore>);
@@ -475,6 +479,29 @@ TEST(ObjectStore, RelativeNameThatMakesNoName_IsAskedForUnderACRLIssuer) {
   store->find(handle(ca), RefCRLDistributionPoint(native.get()), out);
   ASSERT_EQ(source->names.size(), 1U);
   EXPECT_TRUE(source->names.front().empty());
+}
+
+// A name under an issuer's of 60 kB takes ten milliseconds to make.
+TEST(ObjectStore, RelativeNamesUnderALongIssuer_AreMadeOnlyWhereSomebodyIsAsked) {
+  const std::string rdn = Bulk::element(0x31, Bulk::sequence("\x06\x03\x55\x04\x03\x0c\x01x"s));
+  const std::string long60 = Bulk::sequence(Bulk::repeated(rdn, 60000));
+  const RefCertificate certificate =
+      CertificateFactory()(certFromDer(Bulk::certificate(long60, {})).release(), true);
+  const RefCertificate other = certificateWith({.relativeName = "CN=CRL1"}, issueCA("CN=CA"));
+  const RefCRLDistributionPoint point = other->crlDistributionPoints().front();
+  const auto findAll = [&](const RefObjectStore& store) {
+    CRLs out;
+    for (int i = 0; i < 100; ++i) store->find(certificate, point, out);
+  };
+  RefObjectStore store = emptyStore();
+  EXPECT_TRUE(costInProportion([&] { findAll(store); }, [] {}));
+  const Source source;
+  store->add(source.handle);
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  while (VerificationRun::admitLookup()) {
+  }
+  EXPECT_TRUE(costInProportion([&] { findAll(store); }, [] {}));
+  EXPECT_TRUE(source->names.empty());
 }
 
 // -------------------------------------------------------------------------------- the issuer of a

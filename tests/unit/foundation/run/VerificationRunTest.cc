@@ -122,6 +122,18 @@ TEST(VerificationRun, Lookups_AreCountedOverAllRunsAndRefusedWithOneLine) {
 
 TEST(VerificationRun, LookupsOutsideARun_AreNotCounted) {
   for (int i = 0; i < 1000; ++i) EXPECT_TRUE(VerificationRun::admitLookup());
+  EXPECT_TRUE(VerificationRun::mayLookUp());
+}
+
+TEST(VerificationRun, AskingAhead_CountsNothingAndIsRefusedAsALookup) {
+  LogCapture log;
+  const VerificationRun outermost(nullptr);
+  for (int i = 0; i < 1000; ++i) EXPECT_TRUE(VerificationRun::mayLookUp());
+  for (int i = 0; i < 256; ++i) EXPECT_TRUE(VerificationRun::admitLookup());
+  EXPECT_FALSE(outermost.fellShort());
+  for (int i = 0; i < 2; ++i) EXPECT_FALSE(VerificationRun::mayLookUp());
+  EXPECT_TRUE(outermost.fellShort());
+  EXPECT_EQ(log.text(), std::string("7 ") + kTooMany + "\n");
 }
 
 /// Keeps the processor busy for as long as the condition holds.
