@@ -123,6 +123,9 @@ class PKX509_EXPORT ObjectStore : public RefImpl, private NonCopyable {
   /// @return a reference into the store, valid as long as the store; empty when nothing was found
   const RefCertificate& findIssuer(const RefCertificateRevocationList& crl,
                                    unsigned int& score) const;
+  /// Every certificate with that subject that the store knows: among its objects, in its directory,
+  /// from the lookup methods. Duplicates are kept.
+  void findAll(const DistinguishedName& subject, std::list<RefCertificate>& out) const;
   /// @}
 
  private:
@@ -134,6 +137,7 @@ class PKX509_EXPORT ObjectStore : public RefImpl, private NonCopyable {
   const RefCertificate* firstIssuer(const RefCertificateRevocationList& crl,
                                     const std::list<RefCertificate>& candidates,
                                     unsigned int& score) const;
+  void findInDirectory(const DistinguishedName& subject, std::list<RefCertificate>& out) const;
   void remember(LookupMethod* method);
   void forget(LookupMethod* method) noexcept;
 

@@ -3,8 +3,10 @@
 #include "foundation/base/DirectoryLock.h"
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileDescriptor.h"
+#include "foundation/base/FileReader.h"
 #include "foundation/base/Hex.h"
 #include "foundation/base/TemporaryName.h"
+#include "foundation/model/ObjectReader.h"
 #include "store/HashFileHeader.h"
 
 #include <pkx509/HashDirLookup.h>
@@ -124,6 +126,13 @@ bool removeFile(const File::Path& path) {
   return std::filesystem::remove(path.asString(), error) || !error;
 }
 
+std::vector<unsigned char> derOf(const RefCertificateRevocationList& crl) {
+  std::vector<unsigned char> der(static_cast<std::size_t>(std::max(i2d_X509_CRL(crl, nullptr), 0)));
+  unsigned char* end = der.data();
+  if (!der.empty()) static_cast<void>(i2d_X509_CRL(crl, &end));
+  return der;
+}
+
 std::uint64_t derSize(const RefCertificateRevocationList& crl) {
   return static_cast<std::uint64_t>(std::max(i2d_X509_CRL(crl, nullptr), 0));
 }
@@ -155,6 +164,16 @@ std::uint64_t onDisk(std::uint64_t size) {
   return (size + kBlock - 1) / kBlock * kBlock;
 }
 
+// Whether the file is one for the URI and has that CRL in it.
+bool holds(const File::Path& path, const Uri& uri, const RefCertificateRevocationList& crl) {
+  const std::vector<unsigned char> content = readFile(path);
+  const std::string_view text(reinterpret_cast<const char*>(content.data()), content.size());
+  const std::string& canonical = uri.canonicalized();
+  if (HashFileHeader::parse(text).uri.value_or(canonical) != canonical) return false;
+  const RefCertificateRevocationList held = readFirstCRL(content.data(), content.size());
+  return !held.empty() && derOf(held) == derOf(crl);
+}
+
 }  // namespace
 
 void CRLCache::add(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) {
@@ -168,6 +187,15 @@ void CRLCache::add(const Uri& uri, const std::list<RefCertificateRevocationList>
     if (!makeRoomOnDisk(fileSize(uri, crls.back()), derSize(crls.back()) / 3 * 4)) throw;
     HashDirLookupMethod(directory_).add(uri, crls);
   }
+}
+
+void CRLCache::remove(const Uri& uri, const RefCertificateRevocationList& crl) {
+  const File::Path path(directory_, HashDirLookupMethod::fileName(uri));
+  std::error_code error;
+  const auto status = std::filesystem::symlink_status(path.asString(), error);
+  if (!std::filesystem::is_regular_file(status)) return;  // it need not have come from the cache
+  const DirectoryLock lock(directory_, kLockTime);
+  if (lock.held() && holds(path, uri, crl)) removeFile(path);
 }
 
 void CRLCache::makeRoom(const std::string& replaced, std::uint64_t bytes) {

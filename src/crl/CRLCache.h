@@ -33,6 +33,9 @@ class CRLCache {
   // Stores what was fetched from `uri`; of several CRLs the last one stays. Throws Exception when
   // the directory cannot be read or written, and when another writer does not come to its end.
   void add(const Uri& uri, const std::list<RefCertificateRevocationList>& crls);
+  // Removes the file for `uri` if it still holds just that CRL: another process may have put a
+  // better one in its place. Throws Exception when the file cannot be read.
+  void remove(const Uri& uri, const RefCertificateRevocationList& crl);
 
  private:
   // Where one more file of `bytes` bytes would not fit, removes what has expired and what killed

@@ -2,15 +2,19 @@
 // branches that follow them, with its words: a DP is an entry's `distributionPoint`, an IDP the
 // issuing distribution point of a CRL, interim_reasons_mask an entry's `reasons`, reasons_mask
 // `mask`, cert_status `reason`, and the complete CRL a base.
+#include "crl/CRLCache.h"
 #include "foundation/base/Log.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/model/RelativeName.h"
 #include "foundation/openssl/CRLScore.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/ConnectionSubject.h"
 #include "foundation/run/VerificationRun.h"
 #include "verify/CheckTime.h"
 
 #include <pkx509/CRLContainer.h>
+#include <pkx509/FixedPaths.h>
+#include <pkx509/ObjectStore.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/Exception.h>
 #include <velantrix/IssuingDistributionPoint.h>
@@ -18,7 +22,9 @@
 #include <velantrix/Time.h>
 
 #include <climits>
+#include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <set>
 
@@ -59,6 +65,49 @@ void applyEntry(const CRLContainer::Entry& entry, unsigned int& mask, int& reaso
   // 1 is a hit and so is 2, which says that the entry's reason is removeFromCRL.
   if (X509_CRL_get0_by_cert(crlOf(entry).native(), &revoked, entry.certificate) != 0) {
     reason = reasonOf(revoked);
+  }
+}
+
+// How many certificates of one name are tried: a stranger may send any number of them, and keys that
+// take their time.
+constexpr std::size_t kMaximumNamesakes = 16;
+
+// Whether one of the certificates with the name of the issuer may have signed the CRL: one has, or
+// not every one of them could be tried.
+bool someNamesakeMayHaveSigned(const CertificateRevocationList& list, const RefObjectStore& store) {
+  std::list<RefCertificate> namesakes;
+  store->findAll(list.crlInfo().issuer(), namesakes);
+  if (namesakes.size() > kMaximumNamesakes) return true;
+  const ErrorScope errors;
+  for (const RefCertificate& namesake : namesakes) {
+    if (!VerificationRun::admitStep()) return true;
+    const Owned<EVP_PKEY> key(X509_get_pubkey(namesake));
+    if (key == nullptr || list.isSignedBy(key.get())) return true;
+  }
+  return false;
+}
+
+// The names by which the CRLs of a distribution point are looked for.
+std::list<RefGeneralName> namesOf(const RefCRLDistributionPoint& point) {
+  if (point.empty()) return {};
+  const RefCRLDistributionPointName name = point->distributionPointName();
+  return name.empty() ? point->issuers() : name->fullName();
+}
+
+// A CRL in the cache that its issuer did not sign: whoever could answer for its URI once would keep
+// everybody from the right one until the day that the forgery names. So it is taken out, and the
+// next verification fetches again. This one goes on with it, and a forged certificate changes
+// nothing in the cache.
+void takeOutOfCache(const CRLContainer::Entry& entry, const RefObjectStore& store) {
+  try {
+    if (!isVouchedFor(entry.certificate)) return;
+    if (someNamesakeMayHaveSigned(crlOf(entry), store)) return;
+    for (const RefGeneralName& name : namesOf(entry.distributionPoint)) {
+      if (name.empty() || name->type() != GEN_URI || name->uri().isNull()) continue;
+      CRLCache(kCRLCacheDirectory).remove(name->uri(), entry.crl->crl);
+    }
+  } catch (const std::exception&) {
+    // It stays until it runs out.
   }
 }
 
@@ -274,6 +323,9 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
     }
     if (!list.isSignedBy(key.get())) {  // 6.3.3 (g), and (h) for a delta CRL
       verifier.contextError(X509_V_ERR_CRL_SIGNATURE_FAILURE);
+      // What is not signed on the path has an issuer here that a trust anchor vouches for: its own
+      // verification has just ended valid.
+      if (!issuedOnPath) takeOutOfCache(entry, verifier.objectStore());
       return false;
     }
   }

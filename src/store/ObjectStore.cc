@@ -214,18 +214,37 @@ const RefCertificate& ObjectStore::findIssuer(const RefCertificateRevocationList
   }
   const DistinguishedName& issuer = crl->crlInfo().issuer();
   {
-    // OpenSSL serves the same directory, but by one certificate a name; here all of them count.
     std::list<RefCertificate> candidates;
-    askOnce(name, issuer, candidates, [&](std::list<RefCertificate>& found) {
-      HashDirLookupMethod(name).getBySubject(issuer, found);
-      return true;
-    });
+    findInDirectory(issuer, candidates);
     if (const RefCertificate* const found = firstIssuer(crl, candidates, score)) return *found;
   }
   std::list<RefCertificate> candidates;
   find(issuer, candidates);
   if (const RefCertificate* const found = firstIssuer(crl, candidates, score)) return *found;
   return spareCertificate;
+}
+
+void ObjectStore::findAll(const DistinguishedName& subject, std::list<RefCertificate>& out) const {
+  for (const RefObject& object : objectList) {
+    if (object->type == Object::TypeCertificate && object->certificate->subject() == subject) {
+      out.push_back(object->certificate);
+    }
+  }
+  std::list<RefCertificate> found;
+  findInDirectory(subject, found);
+  // Files are found by a hash of the name, which others can have as well.
+  found.remove_if([&](const RefCertificate& other) { return other->subject() != subject; });
+  out.splice(out.end(), found);
+  find(subject, out);
+}
+
+// OpenSSL serves the same directory, but by one certificate a name; here all of them count.
+void ObjectStore::findInDirectory(const DistinguishedName& subject,
+                                  std::list<RefCertificate>& out) const {
+  askOnce(name, subject, out, [&](std::list<RefCertificate>& found) {
+    HashDirLookupMethod(name).getBySubject(subject, found);
+    return true;
+  });
 }
 
 void ObjectStore::remember(LookupMethod* method) { pointedFrom.insert(method); }

@@ -73,6 +73,14 @@ class URIVerification : public URIFixture {
     return notes;
   }
 
+  /// With the issuer's name and another key.
+  static std::string crlOfAStranger(const Issued* stranger = nullptr) {
+    static const Issued other = issueCA("O=Test,CN=Root");
+    return der(makeCRL({.issuer = stranger == nullptr ? &other : stranger,
+                        .authorityKeyId = KeyId::Absent})
+                   .get());
+  }
+
   std::string crlListing(const Issued& revoked) const {
     return der(makeCRL({.issuer = &ca, .revoked = {{.serial = revoked, .reason = 1}}}).get());
   }
@@ -141,9 +149,101 @@ TEST_F(URIVerification, CRLOfAStranger_IsCachedAndDoesNotDecide) {
   const FaultServer server(
       Scripts::answer(der(makeCRL({.issuer = &other, .authorityKeyId = KeyId::Absent}).get())));
   const Issued leaf = leafWith({server.url("/ca.crl")});
-  EXPECT_EQ(verdict(leaf), X509_V_ERR_CRL_SIGNATURE_FAILURE);
   EXPECT_EQ(verdict(leaf, {.useOpenSSL = true}), X509_V_ERR_CRL_SIGNATURE_FAILURE);
+  EXPECT_EQ(verdict(leaf), X509_V_ERR_CRL_SIGNATURE_FAILURE);
   EXPECT_EQ(server.connections().size(), 1U);
+}
+
+// ----------------------------------------------------------- CRLs that their issuer did not sign
+
+TEST_F(URIVerification, CRLThatItsIssuerDidNotSign_IsTakenOutAndFetchedAgainNextTime) {
+  const FaultServer server(
+      Scripts::inTurn({Scripts::answer(crlOfAStranger()), Scripts::answer(der(crl(7).get()))}));
+  const std::string uri = server.url("/ca.crl");
+  const Issued person = leafWith({uri});
+  EXPECT_EQ(verdict(person), X509_V_ERR_CRL_SIGNATURE_FAILURE);
+  EXPECT_EQ(log.text(), "7 " + failureLine(person, X509_V_ERR_CRL_SIGNATURE_FAILURE) + "\n");
+  EXPECT_EQ(cacheNames(), std::vector<std::string>{});
+  EXPECT_EQ(verdict(person), X509_V_OK);
+  EXPECT_TRUE(isCached(uri, crl(7)));
+  EXPECT_EQ(server.connections().size(), 2U);
+}
+
+TEST_F(URIVerification, CRLThatANamesakeOfItsIssuerSigned_StaysInTheCache) {
+  const Issued rekeyed = issueCA("O=Test,CN=Root");
+  const std::string uri = "http://127.0.0.1:1/ca.crl";
+  const Issued leaf = leafWith({uri});
+  const Owned<X509_CRL> made = makeCRL({.issuer = &rekeyed, .authorityKeyId = KeyId::Absent});
+  const struct {
+    const char* name;
+    std::function<void(World&)> know;
+  } rows[] = {
+      {"among the objects",
+       [&](World& world) {
+         world.store->add({handle(ca), handle(rekeyed)});
+       }},
+      {"from a lookup method",
+       [&](World& world) {
+         world.trust(ca);
+         world.trust(rekeyed);
+       }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    World world;
+    row.know(world);
+    writeFile(cacheFile(uri), pem(made.get()));
+    EXPECT_EQ(verdict(world, leaf, How()), X509_V_ERR_CRL_SIGNATURE_FAILURE) << log.text();
+    EXPECT_TRUE(fs::exists(cacheFile(uri)));
+  }
+  EXPECT_EQ(verdict(leaf), X509_V_ERR_CRL_SIGNATURE_FAILURE);
+  EXPECT_FALSE(fs::exists(cacheFile(uri))) << "nobody who is known signed it";
+}
+
+TEST_F(URIVerification, CRLOfADirectory_IsTriedWithAllNamesakesThere) {
+  const Issued rekeyed = issueCA("O=Test,CN=Root");
+  const TempDir directory;
+  const std::string uri = "http://127.0.0.1:1/ca.crl";
+  const Issued leaf = leafWith({uri});
+  addToDirectory(directory.path(), ca.get());
+  const auto verify = [&] {
+    Verifier verifier(RefObjectStore(directory.string(), X509_FILETYPE_PEM), handle(leaf), false);
+    return verifier.isValid();
+  };
+  writeFile(cacheFile(uri), crlOfAStranger(&rekeyed));
+  addToDirectory(directory.path(), rekeyed.get());
+  EXPECT_EQ(verify(), X509_V_ERR_CRL_SIGNATURE_FAILURE) << log.text();
+  EXPECT_TRUE(fs::exists(cacheFile(uri)));
+  fs::remove(directory / hashName(rekeyed.get(), 1));
+  EXPECT_EQ(verify(), X509_V_ERR_CRL_SIGNATURE_FAILURE) << log.text();
+  EXPECT_FALSE(fs::exists(cacheFile(uri)));
+}
+
+// Whoever sends one could empty the cache.
+TEST_F(URIVerification, ForgedCertificate_TakesNothingOutOfTheCache) {
+  const std::string uri = "http://127.0.0.1:1/ca.crl";
+  const Issued other = issueCA("O=Test,CN=Other");
+  const Owned<X509_CRL> bad = crlFromDer(crlOfAStranger());
+  for (const Issued& forged :
+       {leafWith({uri}, {.signer = other.key}), leafWith({uri}, {.badSignature = true})}) {
+    writeFile(cacheFile(uri), pem(bad.get()));
+    EXPECT_EQ(verdict(forged), X509_V_ERR_CRL_SIGNATURE_FAILURE) << log.text();
+    EXPECT_TRUE(fs::exists(cacheFile(uri)));
+  }
+}
+
+TEST_F(URIVerification, CRLThatSomebodyReplacedMeanwhile_StaysInTheCache) {
+  const std::string uri = "http://127.0.0.1:1/ca.crl";
+  const Issued leaf = leafWith({uri});
+  World world;
+  writeFile(cacheFile(uri), pem(crlFromDer(crlOfAStranger()).get()));
+  // Issuers are looked for after the CRL has been read.
+  world.source->onQuery = [&](Query query, const DistinguishedName&) {
+    if (query == Query::Certificates) writeFile(cacheFile(uri), pem(crl(7).get()));
+  };
+  EXPECT_EQ(verdict(world, leaf, How()), X509_V_ERR_CRL_SIGNATURE_FAILURE) << log.text();
+  EXPECT_EQ(readFile(cacheFile(uri)), pem(crl(7).get()));
+  EXPECT_EQ(verdict(leaf), X509_V_OK);
 }
 
 // ------------------------------------------------------------------ why something was not fetched

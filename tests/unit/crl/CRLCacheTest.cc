@@ -354,6 +354,55 @@ TEST_F(CRLCacheDirectory, WhatIsNoRegularFile_IsNeitherRemovedNorCounted) {
   EXPECT_TRUE(fs::exists(elsewhere / "target"));
 }
 
+// -------------------------------------------------------------------------------------- removing
+
+TEST_F(CRLCacheDirectory, FileThatHoldsTheCRL_IsRemoved) {
+  plant("1.r0", kHour, kHour);
+  add({});
+  CRLCache(directory.string()).remove(Uri("HTTP://example.test:80/root.crl"), crl);
+  EXPECT_FALSE(ownIsThere());
+  for (const std::string& content : {pem(crl->native()), der(crl->native())}) {
+    plant(own, kHour, content);  // by somebody else
+    CRLCache(directory.string()).remove(uri, crl);
+    EXPECT_FALSE(fs::exists(directory / own));
+  }
+  EXPECT_EQ(others(), (Names{"1.r0"}));
+  EXPECT_NO_THROW(CRLCache(directory.string()).remove(uri, crl));
+}
+
+TEST_F(CRLCacheDirectory, FileThatHoldsAnythingElse_StaysWhenOneIsToBeRemoved) {
+  const RefCertificateRevocationList other = crlHandle({.issuer = &root, .number = 7});
+  const std::string block = pem(crl->native());
+  for (const std::string& content :
+       {pem(other->native()), pem(other->native()) + block, std::string(),
+        "URI: http://example.test/other.crl\nExpires: 99999999999\n" + block}) {
+    writeFile(directory / own, content);
+    CRLCache(directory.string()).remove(uri, crl);
+    EXPECT_EQ(readFile(directory / own), content);
+  }
+  writeFile(directory / own, "garbage");
+  EXPECT_THROW(CRLCache(directory.string()).remove(uri, crl), Exception);
+  EXPECT_TRUE(fs::exists(directory / own));
+  // Another name, a link, a directory in its place.
+  fs::rename(directory / own, directory / "1.r0");
+  writeFile(directory / "1.r0", block);
+  fs::create_symlink("1.r0", directory / own);
+  CRLCache(directory.string()).remove(uri, crl);
+  EXPECT_TRUE(fs::is_symlink(directory / own));
+  EXPECT_TRUE(fs::exists(directory / "1.r0"));
+  fs::remove(directory / own);
+  fs::create_directory(directory / own);
+  EXPECT_NO_THROW(CRLCache(directory.string()).remove(uri, crl));
+  EXPECT_TRUE(fs::exists(directory / own));
+}
+
+TEST_F(CRLCacheDirectory, FileThatSomebodyIsWriting_IsNotRemoved) {
+  add({});
+  const DirectoryLock writer(directory.string(), 0ms);
+  CRLCache(directory.string()).remove(uri, crl);
+  EXPECT_TRUE(ownIsThere());
+}
+
 // ---------------------------------------------------------------------------------- many writers
 
 TEST_F(CRLCacheDirectory, EightWriters_KeepTheLimits) {

@@ -628,6 +628,32 @@ TEST(ObjectStore, FindIssuerOfNoCRL_IsEmptyAndLeavesTheScore) {
   EXPECT_EQ(events, Events());
 }
 
+TEST(ObjectStore, FindAll_GivesWhateverHasTheName) {
+  const TempDir directory;
+  Events events;
+  const Source source("Fake", &events);
+  RefObjectStore store{directory.string(), X509_FILETYPE_PEM};
+  store->add(source.handle);
+  const Issued object = issueCA("CN=CA");
+  const Issued first = issueCA("CN=CA");
+  const Issued second = issueCA("CN=CA");
+  const Issued other = issueCA("CN=Other");
+  Certificates out;
+  store->findAll(handle(object)->subject(), out);
+  EXPECT_TRUE(out.empty());
+
+  store->add({handle(other), handle(object)});
+  writeFile(directory / hashName(first.get(), 0), pem(first.get()) + pem(other.get()));
+  writeFile(directory / hashName(first.get(), 1), pem(second.get()));
+  events.clear();
+  store->findAll(handle(object)->subject(), out);
+  ASSERT_EQ(out.size(), 3U);
+  EXPECT_EQ(X509_cmp(out.front(), object.get()), 0);
+  EXPECT_EQ(X509_cmp(*std::next(out.begin()), first.get()), 0);
+  EXPECT_EQ(X509_cmp(out.back(), second.get()), 0);
+  EXPECT_EQ(events.size(), 1U) << "the method is asked as well";
+}
+
 /// One key under several certificates of one name, so that each of them passes.
 class FindIssuerOrder : public testing::Test {
  protected:
