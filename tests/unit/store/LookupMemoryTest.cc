@@ -1,5 +1,4 @@
 #include "store/LookupMemory.h"
-
 #include "unit/store/Model.h"
 
 #include <pkx509/LookupMethod.h>
@@ -16,7 +15,7 @@ using namespace Crypto::PKX509;
 using Answers = std::list<std::string>;
 
 // Answers with the name and how often it was asked.
-struct Asked {
+struct Questions {
   Answers operator()(const LookupSource& source, const std::string& name, bool settled = true) {
     Answers out{"before"};
     askOnce(source, name, out, [&](Answers& found) {
@@ -31,13 +30,13 @@ struct Asked {
 };
 
 TEST(LookupMemory, OutsideAVerification_EachIsAsked) {
-  Asked ask;
+  Questions ask;
   EXPECT_EQ(ask("place", "a"), (Answers{"before", "a 1"}));
   EXPECT_EQ(ask("place", "a"), (Answers{"before", "a 2"}));
 }
 
 TEST(LookupMemory, InAVerification_EachSourceIsAskedOnceForAName) {
-  Asked ask;
+  Questions ask;
   const LookupMethod first("first");
   const LookupMethod second("second");
   {
@@ -59,7 +58,7 @@ TEST(LookupMemory, InAVerification_EachSourceIsAskedOnceForAName) {
 }
 
 TEST(LookupMemory, WhatIsNoAnswerForTheRest_IsAskedAgain) {
-  Asked ask;
+  Questions ask;
   const VerificationRun run(static_cast<const X509*>(nullptr));
   EXPECT_EQ(ask("place", "a", false), (Answers{"before", "a 1"}));
   EXPECT_EQ(ask("place", "a"), (Answers{"before", "a 2"}));
