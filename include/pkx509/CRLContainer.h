@@ -28,18 +28,22 @@ class Verifier;
 ///
 /// Candidates are added in the order in which they were found and keep it. What is added is scored,
 /// and its issuing distribution point (RFC 5280, 5.2.5) is held against the certificate; an entry
-/// that does not fit is dropped with a log line.
+/// that does not fit is dropped. A log line says so where names do not fit, or an issuing
+/// distribution point is missing; one without text where the distribution point names other CRL
+/// issuers. A CRL that is meant for another kind of certificate (onlyContainsUserCerts,
+/// onlyContainsCACerts, onlyContainsAttributeCerts) is dropped **without a line**.
 ///
 /// The container then serves in two ways. `getCRL()` hands the entries one by one to OpenSSL's own
 /// revocation check and tells the verifier their scores. `extendedCRLChecks()` followed by
 /// `isRevoked()` decides here, with delta CRLs merged into their base.
 ///
 /// Nothing throws on bad data that could be decoded: decisions are the verifier's error, return
-/// values and log lines.
+/// values and, but for what is dropped without one, log lines.
 ///
 /// **Intended leniencies.** An entry whose reason is "unspecified" (0) does not revoke. An expired
-/// base CRL is accepted beside a delta CRL. An expiry error is overwritten when the issuer of a
-/// later CRL validates.
+/// base CRL is accepted beside a delta CRL, also beside one that is dropped. An expiry error is
+/// overwritten when the issuer of a later CRL validates. docs/ARCHITECTURE.md has the others, with
+/// the clauses of RFC 5280.
 ///
 /// **Threads.** One thread at a time. The container keeps a reference to its verifier, which
 /// outlives it.

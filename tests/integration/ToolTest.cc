@@ -330,6 +330,66 @@ TEST_F(Tool, EveryFlagOfHelp_IsAccepted) {
   EXPECT_EQ(count, 23);
 }
 
+// OpenSSL reads the trusted certificates of a path by itself and passes over what it cannot read; the
+// library reads those that may have issued a CRL, and does not.
+TEST_F(Tool, TrustedFileThatIsBroken_IsNotFoundOrAnError) {
+  const Issued root = issueCA("CN=Own Root");
+  writeFile(own("leaf.pem"), pem(issue({.subject = "CN=Leaf", .issuer = &root}).get()));
+  fs::create_directory(own("crls"));
+  addToDirectory(own("crls"), makeCRL({.issuer = &root}).get());
+  const std::string good = pem(root.get());
+  const struct {
+    const char* what;
+    std::vector<std::string> files;  // of the root's name, in the order of their numbers
+    int path;                        // the code without a revocation check
+    int status;                      // with one
+  } rows[] = {
+      {"good", {good}, 0, 0},
+      {"broken", {"garbage"}, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY, 1},
+      {"behind a broken one", {"garbage", good}, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY, 1},
+      {"before a broken one", {good, "garbage"}, 0, 2},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    fs::remove_all(own("ca"));
+    fs::create_directory(own("ca"));
+    for (std::size_t i = 0; i < row.files.size(); ++i) {
+      writeFile(own("ca/" + hashName(root.get(), static_cast<int>(i))), row.files[i]);
+    }
+    const Arguments verify = {"verify",    "--ca-dir",  own("ca"),
+                              "--crl-dir", own("crls"), own("leaf.pem")};
+    EXPECT_EQ(codeOf(verify + Arguments{"--no-flag", "CRL_CHECK"}), row.path);
+    const CommandResult result = tool(verify);
+    EXPECT_EQ(result.status, row.status) << result.err;
+    const bool named = result.err.find(own("ca")) != std::string::npos;
+    EXPECT_EQ(named, row.status == 2) << result.err;
+  }
+}
+
+// A hash is eight digits to OpenSSL and a number to the library.
+TEST_F(Tool, HashWithoutLeadingZeros_IsFoundForCRLsAndNotForThePath) {
+  Issued root;
+  for (int i = 0; root.get() == nullptr || hashName(root.get())[0] != '0'; ++i) {
+    root = issueCA("CN=Own Root " + std::to_string(i));
+  }
+  writeFile(own("leaf.pem"), pem(issue({.subject = "CN=Leaf", .issuer = &root}).get()));
+  const auto withoutZeros = [](const std::string& name) {
+    return name.substr(name.find_first_not_of('0'));
+  };
+  for (const bool shortTrusted : {false, true}) {
+    const std::string trusted = hashName(root.get());
+    const Owned<X509_CRL> crl = makeCRL({.issuer = &root});
+    for (const char* directory : {"ca", "crls"}) {
+      fs::remove_all(own(directory));
+      fs::create_directory(own(directory));
+    }
+    writeFile(own("ca/" + (shortTrusted ? withoutZeros(trusted) : trusted)), pem(root.get()));
+    writeFile(own("crls/" + withoutZeros(crlHashName(crl.get()))), pem(crl.get()));
+    EXPECT_EQ(codeOf({"verify", "--ca-dir", own("ca"), "--crl-dir", own("crls"), own("leaf.pem")}),
+              shortTrusted ? X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY : 0);
+  }
+}
+
 TEST_F(Tool, FlagThatLeavesTheResponderOut_IsNoted) {
   constexpr char kNote[] =
       "  note: its OCSP responder is asked only with the flag CRL_CHECK_ALL; CRLs decide\n";
