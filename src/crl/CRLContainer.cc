@@ -3,6 +3,7 @@
 // issuing distribution point of a CRL, interim_reasons_mask an entry's `reasons`, reasons_mask
 // `mask`, cert_status `reason`, and the complete CRL a base.
 #include "crl/CRLCache.h"
+#include "crl/StrangersKeys.h"
 #include "foundation/base/Log.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/model/RelativeName.h"
@@ -81,8 +82,10 @@ bool someNamesakeMayHaveSigned(const CertificateRevocationList& list, const RefO
   const ErrorScope errors;
   for (const RefCertificate& namesake : namesakes) {
     if (!VerificationRun::admitStep()) return true;
-    const Owned<EVP_PKEY> key(X509_get_pubkey(namesake));
-    if (key == nullptr || list.isSignedBy(key.get())) return true;
+    if (X509_get0_pubkey(namesake) == nullptr ||
+        StrangersKeys::signedBy(list, namesake, isVouchedFor(namesake))) {
+      return true;
+    }
   }
   return false;
 }
@@ -303,7 +306,9 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
   // verified. Its trust anchor may be another one of the same store.
   bool issuedOnPath = false;
   for (const RefCertificate& candidate : untrusted) {
-    issuedOnPath = list.issuedBy(candidate, false);
+    // What costs nothing comes first.
+    issuedOnPath = list.issuedBy(candidate, true) &&
+                   StrangersKeys::signedBy(list, candidate, isVouchedFor(candidate));
     if (issuedOnPath) break;
   }
   if (!issuedOnPath && !validateIssuer(entry, untrusted)) return false;
@@ -316,12 +321,12 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
   }
   {
     const ErrorScope errors;
-    const Owned<EVP_PKEY> key(X509_get_pubkey(issuer));
-    if (key == nullptr) {
+    if (X509_get0_pubkey(issuer) == nullptr) {
       verifier.contextError(X509_V_ERR_UNABLE_TO_DECODE_ISSUER_PUBLIC_KEY);
       return false;
     }
-    if (!list.isSignedBy(key.get())) {  // 6.3.3 (g), and (h) for a delta CRL
+    // 6.3.3 (g), and (h) for a delta CRL. An issuer that is not on the path has just been verified.
+    if (!StrangersKeys::signedBy(list, issuer, !issuedOnPath || isVouchedFor(issuer))) {
       verifier.contextError(X509_V_ERR_CRL_SIGNATURE_FAILURE);
       // What is not signed on the path has an issuer here that a trust anchor vouches for: its own
       // verification has just ended valid.

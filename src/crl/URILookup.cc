@@ -8,6 +8,7 @@
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/run/ConnectionSubject.h"
 #include "foundation/run/FetchRecord.h"
+#include "foundation/run/VerificationRun.h"
 #include "store/LookupMemory.h"
 
 #include <pkx509/FixedPaths.h>
@@ -118,6 +119,9 @@ void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
     const auto taken = std::chrono::steady_clock::now() - start;
     return FetchRecord::notFetched(uri, reasonOf(outcome, *connection.operator->(),
                                                  taken >= std::chrono::seconds(kQueryTime)));
+  }
+  if (!VerificationRun::admitDecoding(connection->content().length())) {
+    return FetchRecord::notFetched(uri, "the verification has read too much already");
   }
   const RefCertificateRevocationList crl = read(uri, connection->content());
   if (!crl.empty()) crls.push_back(crl);

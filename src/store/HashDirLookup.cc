@@ -1,5 +1,6 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
+#include "foundation/run/VerificationRun.h"
 #include "store/HashFileHeader.h"
 
 #include <pkx509/HashDirLookup.h>
@@ -175,6 +176,9 @@ bool DirectoryParser::wants(std::string_view fileName) const {
 
 int DirectoryParser::process(const File::Path& path) {
   if (!wants(path.name())) return 0;
+  if (!VerificationRun::admitStep() || !VerificationRun::admitDecoding(path.status(true).size())) {
+    return 0;
+  }
   if (type == Object::TypeCertificate) {
     loadCertificates(path);
   } else {

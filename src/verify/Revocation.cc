@@ -1,6 +1,7 @@
 // The verifier's own revocation logic: which certificates of a chain are checked, OCSP before CRLs,
 // and where CRLs are looked for.
 #include "foundation/base/Log.h"
+#include "foundation/base/Shortfall.h"
 #include "foundation/model/DistributionPoints.h"
 #include "foundation/net/NetworkBudget.h"
 #include "foundation/run/VerificationRun.h"
@@ -16,6 +17,7 @@
 
 #include <openssl/x509v3.h>
 
+#include <cstddef>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -35,6 +37,9 @@ void beSubject(X509* target, VouchedChain& chain, std::optional<ChainSubject>& s
   if (VerificationRun::current() == nullptr || ConnectionSubject::current() != nullptr) return;
   if (chain.contains(target)) subject.emplace(target, chain);
 }
+
+// How many are tried for a certificate that no trust anchor vouches for.
+constexpr std::size_t kMaximumStrangersResponders = 8;
 
 std::string noIssuerText(const RefCertificateRevocationList& crl) {
   return "Could not find issuing certificate for CRL issued by " +
@@ -121,10 +126,17 @@ int Verifier::checkOCSP(const RefCertificate& target, const RefAuthorityInformat
   // A responder that keeps one waiting must not cost the CRLs that would be asked after it.
   const NetworkBudget::HalfOfTime half;
   std::size_t position = 0;
+  std::size_t named = 0;
   for (RefGeneralName location = aia->nextOCSPGeneralName(position); !location.empty();
        location = aia->nextOCSPGeneralName(position)) {
     if (!VerificationRun::admitStep()) break;
     if (location->type() != GEN_URI) continue;
+    if (++named > kMaximumStrangersResponders && isForStranger()) {
+      Shortfall::note();
+      log(kPriorityInfo,
+          "Verifier: too many OCSP responders of a certificate that no trust anchor vouches for");
+      break;
+    }
     OCSP::Client client(*this, chain);
     if (client.connect(location->uri())) return client.isRevoked(target);
   }
@@ -183,7 +195,7 @@ void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
   // 6.3.3: each distribution point, and each CRL that it leads to. Here the issuers of certificate
   // and CRL are not compared, not even without a cRLIssuer (b)(1): it is meant so, since indirect
   // CRLs are allowed.
-  for (int i = 0; i < points.count(); ++i) {
+  for (int i = 0; i < points.count() && VerificationRun::admitStep(); ++i) {
     const RefCRLDistributionPoint point = points[i];
     std::list<RefCertificateRevocationList> found;
     store->find(target, point, found);

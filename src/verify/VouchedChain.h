@@ -58,6 +58,7 @@ class ChainSubject final : public ConnectionSubject {
   ChainSubject(X509* certificate, VouchedChain& chain) noexcept
       : certificate_(certificate), chain_(chain) {}
 
+  bool vouched() override { return chain_.vouchesFor(certificate_); }
   bool admits() override;
   bool vouchesFor(X509* certificate) override { return chain_.vouchesFor(certificate); }
 

@@ -27,6 +27,11 @@ bool connectionAdmitted() {
   return NetworkBudget::hasTime();
 }
 
+bool isForStranger() {
+  ConnectionSubject* const subject = ConnectionSubject::current();
+  return subject != nullptr && !subject->vouched();
+}
+
 bool isVouchedFor(X509* certificate) {
   ConnectionSubject* const subject = ConnectionSubject::current();
   return subject != nullptr && subject->vouchesFor(certificate);

@@ -1,6 +1,7 @@
 #include "foundation/run/VerificationRun.h"
 
 #include "foundation/base/Log.h"
+#include "foundation/run/ConnectionSubject.h"
 
 #include <openssl/x509.h>
 
@@ -98,6 +99,12 @@ bool VerificationRun::admitLookup() {
   if (currentRun == nullptr) return true;
   if (!admitStep()) return false;
   Totals& totals = *currentRun->totals_;
+  ConnectionSubject* const subject = ConnectionSubject::current();
+  if (subject != nullptr && !subject->admitsLookup()) {
+    return refuse(totals.strangersLookupsTold,
+                  "Verifier: too many CRL look-ups for a certificate that no trust anchor vouches "
+                  "for, the rest of them find no more CRLs");
+  }
   if (totals.lookups < kMaximumLookups) {
     ++totals.lookups;
     return true;

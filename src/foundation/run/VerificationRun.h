@@ -117,6 +117,7 @@ class VerificationRun {
   struct Totals {
     unsigned int nested = 0;
     unsigned int lookups = 0;
+    bool strangersLookupsTold = false;
     std::size_t decoded = 0;
     bool decodedTold = false;
     std::optional<std::chrono::nanoseconds> processorEnd;  // by the thread's processor clock

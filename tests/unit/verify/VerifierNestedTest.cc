@@ -1,5 +1,6 @@
 #include "foundation/run/VerificationRun.h"
 #include "support/LogCapture.h"
+#include "support/PublicKeys.h"
 #include "unit/verify/World.h"
 
 #include <gtest/gtest.h>
@@ -340,6 +341,29 @@ TEST_F(LookupBoundTest, RevocationBehindTheProcessorTime_IsNeverValid) {
     EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL) << useOpenSSL;
   }
   EXPECT_EQ(log.count("Verifier: the processor time is spent"), 2U);
+}
+
+// Names say that each of them may have issued the CRL. The chain is a forgery, so their keys are used
+// within bounds only: a stranger makes keys that take their time.
+TEST_F(VerifierNestedTest, NamesakesOfACRLIssuer_TheirKeysAreNotUsedWhereNobodyVouchesForThem) {
+  const Issued sub = ca("O=Test,CN=Sub");
+  const RefCertificateRevocationList crl =
+      world.publish({.issuer = &sub, .authorityKeyId = KeyId::Absent});
+  // OpenSSL compares the kind of the leaf's signature with that of the key above it.
+  const auto verdictBelow = [&](const std::shared_ptr<EVP_PKEY>& key) {
+    const Issued namesake = issue(
+        {.subject = "O=Test,CN=Sub", .issuer = &root, .ca = true, .key = key, .signer = makeKey()});
+    const Issued leaf = issue(
+        {.subject = "O=Test,CN=Person", .issuer = &namesake, .signer = makeKey(KeyKind::Rsa2048)});
+    return Verifier(world.store, handle(leaf), stackOf({namesake}), false).isValid();
+  };
+  const std::size_t before = crl->signatureChecks();
+  EXPECT_EQ(verdictBelow(publicRsaKey(8192, 17)), X509_V_ERR_CERT_SIGNATURE_FAILURE);
+  EXPECT_EQ(crl->signatureChecks() - before, 2U) << "the namesake's key and the right one";
+  EXPECT_EQ(log.count("Verifier: too many keys, or too large ones"), 0U);
+  EXPECT_EQ(verdictBelow(publicRsaKey(8200, 17)), X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_EQ(crl->signatureChecks() - before, 2U) << "the right one is remembered";
+  EXPECT_EQ(log.count("Verifier: too many keys, or too large ones"), 1U);
 }
 
 TEST_F(LookupBoundTest, ProcessorTimeOfZero_IsNoBound) {

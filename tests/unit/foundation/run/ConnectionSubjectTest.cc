@@ -13,6 +13,7 @@ namespace {
 using namespace std::chrono_literals;
 using Crypto::PKX509::connectionAdmitted;
 using Crypto::PKX509::ConnectionSubject;
+using Crypto::PKX509::isForStranger;
 using Crypto::PKX509::isVouchedFor;
 using Crypto::PKX509::VerificationRun;
 
@@ -21,6 +22,7 @@ class Subject final : public ConnectionSubject {
  public:
   explicit Subject(bool admitted, X509* vouched = nullptr)
       : admitted_(admitted), vouched_(vouched) {}
+  bool vouched() override { return admitted_; }
   bool admits() override {
     ++asked;
     return admitted_;
@@ -90,6 +92,31 @@ TEST(ConnectionAdmitted, EachThread_HasItsOwn) {
   bool admitted = false;
   std::thread([&admitted] { admitted = connectionAdmitted(); }).join();
   EXPECT_TRUE(admitted);
+}
+
+TEST(ConnectionSubject, EachStranger_HasFewLookups) {
+  const LogCapture log;
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  for (int i = 0; i < 100; ++i) EXPECT_TRUE(VerificationRun::admitLookup());
+  EXPECT_FALSE(isForStranger());
+  for (int stranger = 0; stranger < 2; ++stranger) {
+    const Subject subject(false);
+    EXPECT_TRUE(isForStranger());
+    for (int i = 0; i < 32; ++i) EXPECT_TRUE(VerificationRun::admitLookup());
+    EXPECT_EQ(run.fellShort(), stranger > 0);
+    for (int i = 0; i < 3; ++i) EXPECT_FALSE(VerificationRun::admitLookup());
+    EXPECT_TRUE(run.fellShort());
+  }
+  const Subject known(true);
+  EXPECT_FALSE(isForStranger());
+  for (int i = 164; i < 256; ++i) EXPECT_TRUE(VerificationRun::admitLookup());
+  EXPECT_FALSE(VerificationRun::admitLookup());
+  EXPECT_EQ(
+      log.texts(),
+      (std::vector<std::string>{
+          "Verifier: too many CRL look-ups for a certificate that no trust anchor vouches for, "
+          "the rest of them find no more CRLs",
+          "Verifier: too many CRL look-ups, the rest of this verification finds no more CRLs"}));
 }
 
 TEST(ConnectionAdmitted, NoTimeLeftForTheNetwork_IsRefusedWithOneLine) {

@@ -1,0 +1,33 @@
+// Signatures by keys that no trust anchor vouches for.
+//
+// Who issued a CRL is found among the certificates of a path before their own signatures are
+// verified. A stranger makes keys for it that take their time, sends as many as a mail holds, and
+// has them tried on every CRL.
+//
+//   if (StrangersKeys::signedBy(crl, candidate, isVouchedFor(candidate))) ...
+#pragma once
+
+#include <velantrix/Certificate.h>
+#include <velantrix/CertificateRevocationList.h>
+
+#include <cstddef>
+
+namespace Velantrix::Crypto::PKX509 {
+
+class StrangersKeys {
+ public:
+  // Of an RSA modulus, and of what stands for it in other keys.
+  static constexpr int kMaximumBits = 8192;
+  // Of a public exponent; 65537 has 17.
+  static constexpr int kMaximumExponentBits = 64;
+  // How many such signatures one outermost run verifies; what a CRL remembers is not counted.
+  static constexpr std::size_t kMaximumSignatures = 32;
+
+  // Whether the holder's key signed the CRL. Within bounds, unless a trust anchor is known to vouch
+  // for the holder: false beyond them, and then the run has fallen short. The first refusal is
+  // logged.
+  static bool signedBy(const CertificateRevocationList& crl, const RefCertificate& holder,
+                       bool vouchedFor);
+};
+
+}  // namespace Velantrix::Crypto::PKX509
