@@ -415,10 +415,10 @@ TEST_F(Tool, FlagThatLeavesTheResponderOut_IsNoted) {
         makePair({.subject = "CN=Leaf", .extensions = {{"authorityInfoAccess", row.access}}});
     const CommandResult text = tool(pair.verify() + row.options);
     EXPECT_EQ(text.out.find(kNote) != std::string::npos, row.noted) << text.out << text.err;
-    const nlohmann::json json = parsed(tool(pair.verify() + row.options + Arguments{"--json"}));
-    EXPECT_EQ(json.at(0).contains("notes"), row.noted) << json;
+    const nlohmann::json reports = parsed(tool(pair.verify() + row.options + Arguments{"--json"}));
+    EXPECT_EQ(reports.at(0).contains("notes"), row.noted) << reports;
     if (!row.noted) continue;
-    EXPECT_EQ("  note: " + json.at(0).at("notes").at(0).get<std::string>() + "\n", kNote);
+    EXPECT_EQ("  note: " + reports.at(0).at("notes").at(0).get<std::string>() + "\n", kNote);
   }
 }
 
