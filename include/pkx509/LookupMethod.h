@@ -70,21 +70,35 @@ class RefObjectStore;
 /// **Who asks for what.** A source overrides every form that is asked for what it has; what it does
 /// not override finds nothing, and a verification that finds no CRL ends with code 3.
 ///
-/// | operation | who asks, and when | what becomes of the answer |
-/// |---|---|---|
-/// | `RefObject getBySubject(TypeCertificate, ...)` | OpenSSL, for the issuer of each certificate while it builds a path: of the certificate, of the issuer of a CRL, of an OCSP responder. Only where its store has no certificate of that name | **trusted**: a self-signed certificate becomes a trust anchor, and with `X509_V_FLAG_PARTIAL_CHAIN` every certificate does. Others still need the signature of their issuer |
-/// | `RefObject getBySubject(TypeCRL, ...)` | OpenSSL, with `useOpenSSLRevocation`, on the path of a CRL's issuer | checked by OpenSSL; it uses only what was added to its store |
-/// | `getBySubject(..., std::list<RefCertificate>&)` | `ObjectStore::findIssuer`, for the issuer of each CRL that neither the store's objects nor its directory know | not trusted: it is on the path, or is verified, and the CRL's signature with it |
-/// | `getBySubject(..., std::list<RefCertificateRevocationList>&)` | `Verifier::getCRLs`, for the CRLs of a certificate: by its issuer's name, by directory names in its distribution points | not trusted: checked in full. Delta CRLs belong to the answer; the verifier chooses |
-/// | `getByEmailAddress` | no verification; programs, the tool's `find` | up to who asks |
-/// | the other `RefObject` forms | nobody in the library, nor OpenSSL while it verifies | |
+/// | form                                     | asked by                          | trusted |
+/// |------------------------------------------|-----------------------------------|---------|
+/// | `RefObject getBySubject` (a certificate) | OpenSSL, while it builds a path   | **yes** |
+/// | `RefObject getBySubject` (a CRL)         | OpenSSL's own revocation check    | no      |
+/// | `getBySubject` (list of certificates)    | `ObjectStore::findIssuer`         | no      |
+/// | `getBySubject` (list of CRLs)            | `Verifier::getCRLs`               | no      |
+/// | `getByEmailAddress`                      | programs, the tool's `find`       | up to them |
+/// | the other `RefObject` forms              | nobody in a verification          |         |
 ///
-/// The list forms append to the caller's list and never clear it.
+/// - *A certificate, by OpenSSL*: the issuer of each certificate of a path, that of the issuer of a
+///   CRL and of an OCSP responder included; only where OpenSSL's store has none of that name yet.
+///   **A self-signed certificate becomes a trust anchor**, and with `X509_V_FLAG_PARTIAL_CHAIN`
+///   every certificate does. Others still need the signature of their issuer.
+/// - *A CRL, by OpenSSL*: with `useOpenSSLRevocation`, on the path of a CRL's issuer. OpenSSL uses
+///   only what was added to its store, and checks it.
+/// - *A list of certificates*: for the issuer of a CRL that neither the store's objects nor its
+///   directory know. It has to be on the path, or is verified by itself, and the CRL's signature
+///   with its key.
+/// - *A list of CRLs*: those of a certificate, by its issuer's name and by the directory names in
+///   its distribution points. They are checked in full. Delta CRLs belong to the answer; the
+///   verifier chooses.
 ///
-/// **Several certificates with one name**, as a CA has after a change of its key, or one that others
-/// have cross-certified: OpenSSL takes one answer, and where it did not issue what it looks the
-/// issuer of for, it goes on with the others of that name *in its store*. A `RefObject` form that
-/// has several answers therefore adds all of them to the store that asks, see `askingStore()`, and
+/// The list forms append to the caller's list and never clear it. In one verification, those that
+/// are nested in it included, each of them is asked once for a name.
+///
+/// **Several certificates with one name**, as a CA has after a change of its key, or one that
+/// others have cross-certified: OpenSSL takes one answer, and where that is not the issuer that it
+/// looks for, it goes on with the others of that name *in its store*. A `RefObject` form that has
+/// several answers therefore adds all of them to the store that asks, see `askingStore()`, and
 /// returns any. Otherwise what the other key signed is not valid. Names and key identifiers tell
 /// who issued what: two roots with one name are told apart where they have an authority key
 /// identifier of their own. What was added stays as long as that store, and a name that is in there

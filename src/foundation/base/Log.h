@@ -14,10 +14,11 @@ inline constexpr unsigned int kCategory = 0x4000000;
 inline constexpr int kPriorityInfo = 6;
 inline constexpr int kPriorityDebug = 7;
 
-/// Writes one line through `Logger::instance(false)`. Control characters, and what
-/// hides or reorders text (`Utf8.h`), are written as \HH, so that a text from a stranger stays one
-/// line and looks like what it is; the result is cut at 8 KiB. Whatever the logger throws is swallowed, and errno is left as it was: logging changes nothing for its caller.
-/// Within a `LogBudget`, a line beyond it is left out.
+/// Writes one line through `Logger::instance(false)`. Control characters, and what hides or
+/// reorders text (`Utf8.h`), are written as \HH, so that a text from a stranger stays one line and
+/// looks like what it is; the result is cut at 8 KiB. Whatever the logger throws is swallowed, and
+/// errno is left as it was: logging changes nothing for its caller. Within a `LogBudget`, a line
+/// beyond it is left out.
 void log(int priority, std::string_view text) noexcept;
 
 /// The same for the few lines that no budget leaves out: what is wrong with a certificate that was
