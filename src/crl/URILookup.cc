@@ -50,7 +50,7 @@ std::string requestKey(const Uri& uri) {
 // What an exception says, without the path of the cache in front.
 std::string reasonOf(const std::exception& failure) {
   const auto* const ours = dynamic_cast<const Exception*>(&failure);
-  const std::string text = ours == nullptr ? failure.what() : ours->stringParameter();
+  std::string text = ours == nullptr ? failure.what() : ours->stringParameter();
   if (!text.starts_with(kCRLCacheDirectory)) return text;
   const std::size_t end = text.find(": ");
   return end == std::string::npos ? text : text.substr(end + 2);
@@ -77,7 +77,7 @@ std::string reasonOf(int outcome, const HTTP::Connection& connection, bool whole
 
 RefCertificateRevocationList read(const Uri& uri, const LW::Buffer& body) {
   try {
-    const RefCertificateRevocationList crl = readFirstCRL(body.data(), body.length());
+    RefCertificateRevocationList crl = readFirstCRL(body.data(), body.length());
     if (crl.empty()) FetchRecord::notFetched(uri, "the body is no CRL");
     return crl;
   } catch (const Exception& malformed) {
