@@ -239,6 +239,7 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   void prepare(STACK_OF(X509) * intermediates);
   void prepareAgain();
   bool applyRemaining(X509* x);
+  void dropCurrentCRL();
   int checkChain();
   bool addCandidate(CRLContainer& container, const RefCertificate& certificate,
                     const RefCertificateRevocationList& crl, const RefCRLDistributionPoint& point);

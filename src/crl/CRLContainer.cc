@@ -2,8 +2,8 @@
 // branches that follow them, with its words: a DP is an entry's `distributionPoint`, an IDP the
 // issuing distribution point of a CRL, interim_reasons_mask an entry's `reasons`, reasons_mask
 // `mask`, cert_status `reason`, and the complete CRL a base.
-#include "crl/CRLCache.h"
 #include "crl/StrangersKeys.h"
+#include "crl/UnsignedCRL.h"
 #include "foundation/base/Log.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/model/RelativeName.h"
@@ -14,7 +14,6 @@
 #include "verify/CheckTime.h"
 
 #include <pkx509/CRLContainer.h>
-#include <pkx509/FixedPaths.h>
 #include <pkx509/ObjectStore.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/Exception.h>
@@ -23,9 +22,7 @@
 #include <velantrix/Time.h>
 
 #include <climits>
-#include <cstddef>
 #include <cstdint>
-#include <exception>
 #include <functional>
 #include <set>
 
@@ -66,51 +63,6 @@ void applyEntry(const CRLContainer::Entry& entry, unsigned int& mask, int& reaso
   // 1 is a hit and so is 2, which says that the entry's reason is removeFromCRL.
   if (X509_CRL_get0_by_cert(crlOf(entry).native(), &revoked, entry.certificate) != 0) {
     reason = reasonOf(revoked);
-  }
-}
-
-// How many certificates of one name are tried: a stranger may send any number of them, and keys that
-// take their time.
-constexpr std::size_t kMaximumNamesakes = 16;
-
-// Whether one of the certificates with the name of the issuer may have signed the CRL: one has, or
-// not every one of them could be tried.
-bool someNamesakeMayHaveSigned(const CertificateRevocationList& list, const RefObjectStore& store) {
-  std::list<RefCertificate> namesakes;
-  store->findAll(list.crlInfo().issuer(), namesakes);
-  if (namesakes.size() > kMaximumNamesakes) return true;
-  const ErrorScope errors;
-  for (const RefCertificate& namesake : namesakes) {
-    if (!VerificationRun::admitStep()) return true;
-    if (X509_get0_pubkey(namesake) == nullptr ||
-        StrangersKeys::signedBy(list, namesake, isVouchedFor(namesake))) {
-      return true;
-    }
-  }
-  return false;
-}
-
-// The names by which the CRLs of a distribution point are looked for.
-std::list<RefGeneralName> namesOf(const RefCRLDistributionPoint& point) {
-  if (point.empty()) return {};
-  const RefCRLDistributionPointName name = point->distributionPointName();
-  return name.empty() ? point->issuers() : name->fullName();
-}
-
-// A CRL in the cache that its issuer did not sign: whoever could answer for its URI once would keep
-// everybody from the right one until the day that the forgery names. So it is taken out, and the
-// next verification fetches again. This one goes on with it, and a forged certificate changes
-// nothing in the cache.
-void takeOutOfCache(const CRLContainer::Entry& entry, const RefObjectStore& store) {
-  try {
-    if (!isVouchedFor(entry.certificate)) return;
-    if (someNamesakeMayHaveSigned(crlOf(entry), store)) return;
-    for (const RefGeneralName& name : namesOf(entry.distributionPoint)) {
-      if (name.empty() || name->type() != GEN_URI || name->uri().isNull()) continue;
-      CRLCache(kCRLCacheDirectory).remove(name->uri(), entry.crl->crl);
-    }
-  } catch (const std::exception&) {
-    // It stays until it runs out.
   }
 }
 
@@ -330,7 +282,10 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
       verifier.contextError(X509_V_ERR_CRL_SIGNATURE_FAILURE);
       // What is not signed on the path has an issuer here that a trust anchor vouches for: its own
       // verification has just ended valid.
-      if (!issuedOnPath) takeOutOfCache(entry, verifier.objectStore());
+      if (!issuedOnPath) {
+        takeOutOfCache(entry.crl->crl, entry.certificate, entry.distributionPoint,
+                       verifier.objectStore());
+      }
       return false;
     }
   }

@@ -1,3 +1,4 @@
+#include "crl/UnsignedCRL.h"
 #include "foundation/base/NoCancellation.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
@@ -274,8 +275,24 @@ int Verifier::verifyCallback(int ok, X509_STORE_CTX* context) {
       return ok;
     }
     logFailure(CertificateFactory()(X509_STORE_CTX_get0_cert(context), false), code);
+    Verifier* const verifier = of(context);
+    if (code == X509_V_ERR_CRL_SIGNATURE_FAILURE && verifier != nullptr) verifier->dropCurrentCRL();
     return ok;
   });
+}
+
+// The CRL that OpenSSL is checking is not signed by the issuer on whose path it agreed before.
+void Verifier::dropCurrentCRL() {
+  X509_STORE_CTX* const context = state_->context.get();
+  X509* const current = X509_STORE_CTX_get_current_cert(context);
+  X509_CRL* const native = X509_STORE_CTX_get0_current_crl(context);
+  if (current == nullptr || native == nullptr) return;
+  const ChainSubject subject(current, state_->vouchedChain());
+  const RefCertificate target = CertificateFactory()(current, false);
+  const RefCertificateRevocationList crl = CertificateRevocationListFactory()(native, false);
+  for (const RefCRLDistributionPoint& point : target->crlDistributionPoints()) {
+    takeOutOfCache(crl, target, point, store);
+  }
 }
 
 int Verifier::getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x) {

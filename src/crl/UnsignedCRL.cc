@@ -1,0 +1,63 @@
+#include "crl/UnsignedCRL.h"
+
+#include "crl/CRLCache.h"
+#include "crl/StrangersKeys.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/ConnectionSubject.h"
+#include "foundation/run/VerificationRun.h"
+
+#include <pkx509/FixedPaths.h>
+#include <velantrix/GeneralName.h>
+
+#include <cstddef>
+#include <exception>
+#include <list>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+// How many certificates of one name are tried: a stranger may send any number of them, and keys that
+// take their time.
+constexpr std::size_t kMaximumNamesakes = 16;
+
+// Whether one of the certificates with the name of the issuer may have signed the CRL: one has, or
+// not every one of them could be tried.
+bool someNamesakeMayHaveSigned(const CertificateRevocationList& list, const RefObjectStore& store) {
+  std::list<RefCertificate> namesakes;
+  store->findAll(list.crlInfo().issuer(), namesakes);
+  if (namesakes.size() > kMaximumNamesakes) return true;
+  const ErrorScope errors;
+  for (const RefCertificate& namesake : namesakes) {
+    if (!VerificationRun::admitStep()) return true;
+    if (X509_get0_pubkey(namesake) == nullptr ||
+        StrangersKeys::signedBy(list, namesake, isVouchedFor(namesake))) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The names by which the CRLs of a distribution point are looked for.
+std::list<RefGeneralName> namesOf(const RefCRLDistributionPoint& point) {
+  if (point.empty()) return {};
+  const RefCRLDistributionPointName name = point->distributionPointName();
+  return name.empty() ? point->issuers() : name->fullName();
+}
+
+}  // namespace
+
+void takeOutOfCache(const RefCertificateRevocationList& crl, const RefCertificate& certificate,
+                    const RefCRLDistributionPoint& point, const RefObjectStore& store) noexcept {
+  try {
+    if (!isVouchedFor(certificate) || someNamesakeMayHaveSigned(*crl.get(), store)) return;
+    for (const RefGeneralName& name : namesOf(point)) {
+      if (name.empty() || name->type() != GEN_URI || name->uri().isNull()) continue;
+      CRLCache(kCRLCacheDirectory).remove(name->uri(), crl);
+    }
+  } catch (const std::exception&) {
+    // It stays until it runs out.
+  }
+}
+
+}  // namespace Velantrix::Crypto::PKX509
