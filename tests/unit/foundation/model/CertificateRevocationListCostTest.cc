@@ -20,11 +20,11 @@ using Crypto::Owned;
 using namespace Crypto::PKX509;
 
 // Enough for a hundred octets of memory for each to be noticed.
-constexpr std::size_t kSize = 600000;
+constexpr std::size_t kNames = 600000;
 constexpr int kIssuingDistributionPoint = 28;
 constexpr int kAuthorityKeyIdentifier = 35;
 
-Owned<X509_CRL> bare(const std::string& der) {
+Owned<X509_CRL> bareCRL(const std::string& der) {
   const unsigned char* position = octets(der);
   Owned<X509_CRL> decoded(d2i_X509_CRL(nullptr, &position, static_cast<long>(der.size())));
   if (decoded == nullptr) throw std::runtime_error("OpenSSL cannot decode it");
@@ -32,7 +32,7 @@ Owned<X509_CRL> bare(const std::string& der) {
 }
 
 // What a verification asks a CRL before it looks at its signature.
-void look(const std::string& der) {
+void lookAtCRL(const std::string& der) {
   const RefCertificateRevocationList crl = decodeCRL(octets(der), der.size());
   const std::string issuerDer = certificate(
       name("ca"),
@@ -51,8 +51,8 @@ void look(const std::string& der) {
   }
 }
 
-testing::AssertionResult isInProportion(const std::string& der) {
-  return costInProportion([&der] { look(der); }, [&der] { bare(der); });
+testing::AssertionResult isCRLInProportion(const std::string& der) {
+  return costInProportion([&der] { lookAtCRL(der); }, [&der] { bareCRL(der); });
 }
 
 std::string scopedTo(const std::string& names) {
@@ -60,16 +60,16 @@ std::string scopedTo(const std::string& names) {
 }
 
 TEST(CertificateRevocationListCost, IssuingDistributionPointOfEmptyNames) {
-  EXPECT_TRUE(isInProportion(scopedTo(repeated("\x82\0"s, kSize))));
+  EXPECT_TRUE(isCRLInProportion(scopedTo(repeated("\x82\0"s, kNames))));
 }
 
 TEST(CertificateRevocationListCost, IssuingDistributionPointOfEmptyDirectoryNames) {
-  EXPECT_TRUE(isInProportion(scopedTo(repeated("\xa4\x02\x30\0"s, kSize))));
+  EXPECT_TRUE(isCRLInProportion(scopedTo(repeated("\xa4\x02\x30\0"s, kNames))));
 }
 
 TEST(CertificateRevocationListCost, AuthorityKeyIdentifierOfEmptyNames) {
-  const std::string names = repeated("\x82\0"s, kSize);
-  EXPECT_TRUE(isInProportion(crl(
+  const std::string names = repeated("\x82\0"s, kNames);
+  EXPECT_TRUE(isCRLInProportion(crl(
       extension(kAuthorityKeyIdentifier, sequence(element(0xa1, names) + element(0x82, "\x05"))))));
 }
 

@@ -22,7 +22,7 @@ using namespace Crypto::PKX509;
 constexpr std::size_t kSize = 1000000;
 
 // OpenSSL reads the CRL and does not care what comes behind it.
-testing::AssertionResult isInProportion(const std::string& object) {
+testing::AssertionResult isReadingInProportion(const std::string& object) {
   const std::string input = crl({}) + repeated(object, kSize);
   const auto read = [&input] {
     const Buffer data(input.data(), static_cast<unsigned int>(input.size()), false);
@@ -36,23 +36,23 @@ testing::AssertionResult isInProportion(const std::string& object) {
 }
 
 TEST(ObjectReaderCost, PublicKeys) {
-  EXPECT_TRUE(isInProportion(sequence("\x30\x03\x06\x01\x2a\x03\x01\0"s)));
+  EXPECT_TRUE(isReadingInProportion(sequence("\x30\x03\x06\x01\x2a\x03\x01\0"s)));
 }
 
 TEST(ObjectReaderCost, Requests) {
   const std::string key = sequence("\x30\x03\x06\x01\x2a\x03\x01\0"s);
-  EXPECT_TRUE(isInProportion(sequence(sequence("\x02\x01\0\x30\0"s + key + "\xa0\0"s) +
-                                      "\x30\x03\x06\x01\x2a\x03\x01\0"s)));
+  EXPECT_TRUE(isReadingInProportion(sequence(sequence("\x02\x01\0\x30\0"s + key + "\xa0\0"s) +
+                                             "\x30\x03\x06\x01\x2a\x03\x01\0"s)));
 }
 
 TEST(ObjectReaderCost, PrivateKeys) {
-  EXPECT_TRUE(isInProportion(sequence("\x02\x01\0\x30\x03\x06\x01\x2a\x04\0"s)));
-  EXPECT_TRUE(isInProportion(sequence("\x30\x03\x06\x01\x2a\x04\0"s)));  // encrypted
+  EXPECT_TRUE(isReadingInProportion(sequence("\x02\x01\0\x30\x03\x06\x01\x2a\x04\0"s)));
+  EXPECT_TRUE(isReadingInProportion(sequence("\x30\x03\x06\x01\x2a\x04\0"s)));  // encrypted
 }
 
 TEST(ObjectReaderCost, Pkcs7) {
-  EXPECT_TRUE(isInProportion("\x30\x03\x06\x01\x2a"s));
-  EXPECT_TRUE(isInProportion("\x30\x07\x06\x01\x2a\xa0\x02\x05\0"s));
+  EXPECT_TRUE(isReadingInProportion("\x30\x03\x06\x01\x2a"s));
+  EXPECT_TRUE(isReadingInProportion("\x30\x07\x06\x01\x2a\xa0\x02\x05\0"s));
 }
 
 }  // namespace

@@ -59,26 +59,26 @@ bool decodes(const std::string& der, const ASN1_ITEM* item) {
 }
 
 template <class Object>
-struct Freed {
+struct FreedBy {
   void (*free)(Object*);
   void operator()(Object* object) const { free(object); }
 };
 
 template <class Object>
-std::unique_ptr<Object, Freed<Object>> freed(Object* object, void (*free)(Object*)) {
+std::unique_ptr<Object, FreedBy<Object>> freedBy(Object* object, void (*free)(Object*)) {
   EXPECT_NE(object, nullptr);
   return {object, {free}};
 }
 
 std::string request(const Pki::Issued& issued) {
   const auto made =
-      freed(X509_to_X509_REQ(issued.get(), issued.key.get(), EVP_sha256()), X509_REQ_free);
+      freedBy(X509_to_X509_REQ(issued.get(), issued.key.get(), EVP_sha256()), X509_REQ_free);
   return encoded(made.get(), ASN1_ITEM_rptr(X509_REQ));
 }
 
 std::string requestWithAttributes(const Pki::Issued& issued) {
   const auto made =
-      freed(X509_to_X509_REQ(issued.get(), issued.key.get(), EVP_sha256()), X509_REQ_free);
+      freedBy(X509_to_X509_REQ(issued.get(), issued.key.get(), EVP_sha256()), X509_REQ_free);
   for (const int type : {NID_pkcs9_challengePassword, NID_pkcs9_unstructuredName}) {
     EXPECT_EQ(X509_REQ_add1_attr_by_NID(made.get(), type, MBSTRING_ASC,
                                         reinterpret_cast<const unsigned char*>("word"), -1),
@@ -89,15 +89,15 @@ std::string requestWithAttributes(const Pki::Issued& issued) {
 }
 
 std::string encryptedKey(const Pki::Issued& issued) {
-  const auto key = freed(EVP_PKEY2PKCS8(issued.key.get()), PKCS8_PRIV_KEY_INFO_free);
+  const auto key = freedBy(EVP_PKEY2PKCS8(issued.key.get()), PKCS8_PRIV_KEY_INFO_free);
   unsigned char salt[] = "salt";
-  const auto made =
-      freed(PKCS8_encrypt(-1, EVP_aes_128_cbc(), "word", 4, salt, 4, 1, key.get()), X509_SIG_free);
+  const auto made = freedBy(PKCS8_encrypt(-1, EVP_aes_128_cbc(), "word", 4, salt, 4, 1, key.get()),
+                            X509_SIG_free);
   return encoded(made.get(), ASN1_ITEM_rptr(X509_SIG));
 }
 
 std::string pkcs7(const Pki::Issued& issued) {
-  const auto made = freed(PKCS7_new(), PKCS7_free);
+  const auto made = freedBy(PKCS7_new(), PKCS7_free);
   EXPECT_EQ(PKCS7_set_type(made.get(), NID_pkcs7_signed), 1);
   EXPECT_EQ(PKCS7_content_new(made.get(), NID_pkcs7_data), 1);
   EXPECT_EQ(PKCS7_add_certificate(made.get(), issued.get()), 1);
@@ -106,8 +106,8 @@ std::string pkcs7(const Pki::Issued& issued) {
 
 std::string pkcs12(const Pki::Issued& issued) {
   const auto made =
-      freed(PKCS12_create("word", "name", issued.key.get(), issued.get(), nullptr, 0, 0, 1, 1, 0),
-            PKCS12_free);
+      freedBy(PKCS12_create("word", "name", issued.key.get(), issued.get(), nullptr, 0, 0, 1, 1, 0),
+              PKCS12_free);
   return encoded(made.get(), ASN1_ITEM_rptr(PKCS12));
 }
 
@@ -118,7 +118,7 @@ struct Sample {
 
 std::vector<Sample> samples() {
   const Pki::Issued issued = Pki::issueCA("CN=CA,O=Test");
-  const auto key = freed(EVP_PKEY2PKCS8(issued.key.get()), PKCS8_PRIV_KEY_INFO_free);
+  const auto key = freedBy(EVP_PKEY2PKCS8(issued.key.get()), PKCS8_PRIV_KEY_INFO_free);
   // Version 1 is not said.
   using namespace Velantrix::Test::Bulk;
   const std::string oldCertificate = sequence(
