@@ -107,6 +107,31 @@ TEST(HandleThreads, Certificate_IsReadWithoutARace) {
   });
 }
 
+// Handles are made when they are asked for, and share what was decoded.
+TEST(HandleThreads, DistributionPoints_AreReadWithoutARace) {
+  const Issued ca = issueCA("CN=CA");
+  const RefCertificate leaf =
+      handle(issue({.issuer = &ca,
+                    .crlDistributionPoints = {{.fullNames = {"URI:http://a/", "dirName:CN=A"}},
+                                              {.relativeName = "CN=B+O=C"}}}));
+  const RefCertificateRevocationList crl =
+      crlHandle({.issuer = &ca,
+                 .idp = Velantrix::Test::IssuingDistributionPoint{.fullNames = {"dirName:CN=a"}}});
+  const std::list<RefCRLDistributionPoint> points = leaf->crlDistributionPoints();
+  const RefIssuingDistributionPoint scope = crl->issuingDistributionPoint();
+  onThreads(kThreads, [&](int) {
+    for (int i = 0; i < 50; ++i) {
+      const RefCRLDistributionPointName full = points.front()->distributionPointName();
+      EXPECT_EQ(full->fullName().front()->uri().asString(), "http://a/");
+      EXPECT_EQ(full->fullName().back()->dn(), DistinguishedName("CN=A"));
+      EXPECT_TRUE(*full.get() == *scope->distributionPointName().get());
+      const RefCRLDistributionPointName relative = points.back()->distributionPointName();
+      EXPECT_EQ(DistinguishedName(relative->relativeName()), DistinguishedName("CN=B+O=C"));
+      EXPECT_TRUE(*relative.get() == *points.back()->distributionPointName().get());
+    }
+  });
+}
+
 TEST(HandleThreads, CRL_OneSignatureIsComputed) {
   const Issued ca = issueCA("CN=CA");
   for (int round = 0; round < 20; ++round) {

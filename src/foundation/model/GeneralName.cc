@@ -134,11 +134,14 @@ bool haveOneInCommon(const GENERAL_NAMES* left, const GENERAL_NAMES* right) noex
   });
 }
 
-bool holdDirectoryName(const GENERAL_NAMES* names, const DistinguishedName& name) {
-  const X509_NAME* const wanted = name.native();
+bool holdDirectoryName(const GENERAL_NAMES* names, const DistinguishedName& name) noexcept {
+  // The empty name may have nothing native yet, and no memory for it.
+  const X509_NAME* const wanted = name.empty() ? nullptr : name.native();
   const ErrorScope errors;
   return anyOf(names, [wanted](const GENERAL_NAME* mine) {
-    return mine->type == GEN_DIRNAME && X509_NAME_cmp(mine->d.directoryName, wanted) == 0;
+    if (mine->type != GEN_DIRNAME) return false;
+    if (wanted == nullptr) return X509_NAME_entry_count(mine->d.directoryName) <= 0;
+    return X509_NAME_cmp(mine->d.directoryName, wanted) == 0;
   });
 }
 

@@ -16,7 +16,7 @@ namespace Velantrix::Crypto::PKX509 {
 bool haveOneInCommon(const GENERAL_NAMES* left, const GENERAL_NAMES* right) noexcept;
 
 /// Whether one of @p names, which may be null, is the directory name @p name.
-bool holdDirectoryName(const GENERAL_NAMES* names, const DistinguishedName& name);
+bool holdDirectoryName(const GENERAL_NAMES* names, const DistinguishedName& name) noexcept;
 
 /// How many names there are; none for null.
 inline int countOf(const std::shared_ptr<const GENERAL_NAMES>& names) {

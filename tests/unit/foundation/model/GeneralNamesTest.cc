@@ -89,6 +89,13 @@ TEST(GeneralNames, DirectoryName_IsHeldOrNot) {
   EXPECT_TRUE(holdDirectoryName(stackOf({"DNS:a", "dirName:C=de,CN=a"}).get(), name));
   EXPECT_FALSE(holdDirectoryName(stackOf({"DNS:a", "dirName:CN=A"}).get(), name));
   EXPECT_FALSE(holdDirectoryName(stackOf({"DNS:a"}).get(), DistinguishedName()));
+  EXPECT_FALSE(holdDirectoryName(stackOf({"dirName:CN=A"}).get(), DistinguishedName()));
+  const Owned<GENERAL_NAMES> nameless = stackOf({"DNS:a"});
+  GENERAL_NAME* const empty = GENERAL_NAME_new();
+  GENERAL_NAME_set0_value(empty, GEN_DIRNAME, X509_NAME_new());
+  ASSERT_GT(sk_GENERAL_NAME_push(nameless.get(), empty), 0);
+  EXPECT_TRUE(holdDirectoryName(nameless.get(), DistinguishedName()));
+  EXPECT_FALSE(holdDirectoryName(nameless.get(), name));
   EXPECT_FALSE(holdDirectoryName(nullptr, name));
 }
 
