@@ -22,6 +22,11 @@ namespace {
 // Callers know a failed construction by this line.
 constexpr unsigned int kNoStoreLine = 18;
 
+// A CRL is looked for by names of these types.
+bool isLookedFor(const GENERAL_NAME* name) {
+  return name->type == GEN_DIRNAME || name->type == GEN_URI;
+}
+
 // Whether `candidate` may have issued `crl`; `score` tells how far the match went.
 bool mayHaveIssued(const RefCertificate& candidate, const RefCertificateRevocationList& crl,
                    unsigned int& score) {
@@ -171,7 +176,9 @@ void ObjectStore::find(const RefCertificate& certificate, const RefCRLDistributi
   const std::shared_ptr<const GENERAL_NAMES> issuers = point->nativeIssuers();
   if (pointName.empty() || pointName->type() == CRLDistributionPointName::kFullName) {
     const auto places = pointName.empty() ? issuers : pointName->nativeFullName();
-    for (int i = 0; i < countOf(places); ++i) find(*generalName(places, i), out);
+    for (int i = 0; i < countOf(places); ++i) {
+      if (isLookedFor(sk_GENERAL_NAME_value(places.get(), i))) find(*generalName(places, i), out);
+    }
     return;
   }
   const std::string relative = pointName->relativeName();
