@@ -71,7 +71,7 @@ Facts distributionPoints(const RefCertificate& certificate) {
   for (const RefCRLDistributionPoint& point : certificate->crlDistributionPoints()) {
     Facts fact = pointNameFact(point->distributionPointName());
     fact["reasons"] = reasonsFact(point->reasons());
-    fact["crlIssuers"] = namesFact(point->issuers());
+    fact["crlIssuers"] = namesFact(point->nativeIssuers());
     points.push_back(std::move(fact));
   }
   return points;
@@ -80,7 +80,14 @@ Facts distributionPoints(const RefCertificate& certificate) {
 Facts ocspLocations(const RefCertificate& certificate) {
   const RefAuthorityInformationAccess access(
       certificate->find(ASN1::RefObjectIdentifier("1.3.6.1.5.5.7.1.1")));
-  return access.empty() ? Facts(Facts::Array()) : namesFact(access->ocspGeneralNames());
+  Facts::Array names;
+  if (access.empty()) return names;
+  std::size_t position = 0;
+  for (RefGeneralName name = access->nextOCSPGeneralName(position); !name.empty();
+       name = access->nextOCSPGeneralName(position)) {
+    names.push_back(nameFact(name));
+  }
+  return names;
 }
 
 // Those of the subject alternative name and of the subject. They are sorted, because OpenSSL's

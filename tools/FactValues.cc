@@ -61,9 +61,8 @@ std::string addressOf(const ASN1_OCTET_STRING* octets) {
   return ASN1::RefOctetString(octets)->asString();
 }
 
-std::string textOf(const RefGeneralName& name) {
-  const GENERAL_NAME* const native = name->native();  // borrowed
-  switch (name->type()) {
+std::string textOf(const GENERAL_NAME* native) {
+  switch (native->type) {
     case GEN_EMAIL:
       return "email:" + bytesOf(native->d.rfc822Name);
     case GEN_DNS:
@@ -71,7 +70,7 @@ std::string textOf(const RefGeneralName& name) {
     case GEN_URI:
       return "URI:" + bytesOf(native->d.uniformResourceIdentifier);
     case GEN_DIRNAME:
-      return "dirName:" + name->dn().asString();
+      return "dirName:" + DistinguishedName(native->d.directoryName).asString();
     case GEN_IPADD:
       return "IP:" + addressOf(native->d.iPAddress);
     case GEN_RID:
@@ -116,16 +115,23 @@ Facts keyIdFact(const RefAuthorityKeyIdentifier& identifier) {
   return identifier.empty() ? Facts() : octetsFact(identifier->keyId());
 }
 
-Facts namesFact(const std::list<RefGeneralName>& names) {
+Facts nameFact(const RefGeneralName& name) { return textOf(name->native()); }
+
+Facts namesFact(const std::shared_ptr<const GENERAL_NAMES>& names) {
   Facts::Array texts;
-  for (const RefGeneralName& name : names) texts.emplace_back(textOf(name));
+  const int count = names == nullptr ? 0 : sk_GENERAL_NAME_num(names.get());
+  texts.reserve(static_cast<std::size_t>(count));
+  for (int i = 0; i < count; ++i) {
+    texts.emplace_back(textOf(sk_GENERAL_NAME_value(names.get(), i)));
+  }
   return texts;
 }
 
 Facts pointNameFact(const RefCRLDistributionPointName& name) {
   const bool relative = !name.empty() && name->type() == CRLDistributionPointName::kRelativeName;
-  return Facts::Object{{"fullName", name.empty() ? Facts::Array() : namesFact(name->fullName())},
-                       {"relativeName", relative ? Facts(name->relativeName()) : Facts()}};
+  return Facts::Object{
+      {"fullName", name.empty() ? Facts::Array() : namesFact(name->nativeFullName())},
+      {"relativeName", relative ? Facts(name->relativeName()) : Facts()}};
 }
 
 Facts reasonsFact(unsigned int reasons) { return bitNames(kReasons, reasons); }

@@ -8,7 +8,7 @@
 #include <velantrix/CRLDistributionPoint.h>
 #include <velantrix/GeneralName.h>
 
-#include <list>
+#include <memory>
 #include <string>
 
 namespace Velantrix::Tool {
@@ -23,9 +23,11 @@ Facts octetsFact(const Crypto::ASN1::RefOctetString& octets);
 /// certificate otherwise.
 Facts keyIdFact(const Crypto::PKX509::RefAuthorityKeyIdentifier& identifier);
 
-/// Each with its type in front, "URI:http://crl.example.com/ca.crl", as OpenSSL's configuration
+/// With its type in front, "URI:http://crl.example.com/ca.crl", as OpenSSL's configuration
 /// files write them.
-Facts namesFact(const std::list<Crypto::PKX509::RefGeneralName>& names);
+Facts nameFact(const Crypto::PKX509::RefGeneralName& name);
+/// Those of a list, none for null.
+Facts namesFact(const std::shared_ptr<const GENERAL_NAMES>& names);
 /// The keys "fullName" and "relativeName" of a distribution point's @p name, which may be empty.
 Facts pointNameFact(const Crypto::PKX509::RefCRLDistributionPointName& name);
 /// RFC 5280's names of OpenSSL's reason bits.
