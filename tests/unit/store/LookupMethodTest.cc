@@ -101,9 +101,9 @@ const Query kQueries[] = {
 
 // ------------------------------------------------------------------------------- the store that asks
 
-class Asked : public LookupMethod {
+class AskingMethod : public LookupMethod {
  public:
-  Asked() : LookupMethod("Asked") {}
+  AskingMethod() : LookupMethod("AskingMethod") {}
   using LookupMethod::askingStore;
   using LookupMethod::getBySubject;
   RefObject getBySubject(Object::Type, const DistinguishedName&) override { return answer(); }
@@ -131,7 +131,7 @@ X509_LOOKUP* lookupOf(const RefObjectStore& store, const RefLookupMethod& method
 }
 
 TEST(LookupMethod, AskingStore_IsThatOfTheLookupWhileItIsAsked) {
-  auto* const asked = new Asked;
+  auto* const asked = new AskingMethod;
   const RefLookupMethod method(asked);
   const RefObjectStore first("", X509_FILETYPE_PEM);
   RefObjectStore(first)->add(method);
@@ -141,15 +141,15 @@ TEST(LookupMethod, AskingStore_IsThatOfTheLookupWhileItIsAsked) {
     SCOPED_TRACE(query.name);
     asked->stores.clear();
     asked->inside = [&] { query.call(lookupOf(second, method), X509_LU_X509, object.get()); };
-    EXPECT_EQ(Asked::askingStore(), nullptr);
+    EXPECT_EQ(AskingMethod::askingStore(), nullptr);
     query.call(lookupOf(first, method), X509_LU_X509, object.get());
     EXPECT_EQ(asked->stores, (std::vector<X509_STORE*>{first, second, second, first}));
-    EXPECT_EQ(Asked::askingStore(), nullptr);
+    EXPECT_EQ(AskingMethod::askingStore(), nullptr);
   }
 }
 
 TEST(LookupMethod, AskingStore_IsNoneAgainAfterAnException) {
-  auto* const asked = new Asked;
+  auto* const asked = new AskingMethod;
   const RefLookupMethod method(asked);
   RefObjectStore store("", X509_FILETYPE_PEM);
   store->add(method);
@@ -157,7 +157,7 @@ TEST(LookupMethod, AskingStore_IsNoneAgainAfterAnException) {
   asked->inside = [] { throw FakeMethod::Failure{"inside"}; };
   EXPECT_THROW(kQueries[0].call(lookupOf(store, method), X509_LU_X509, object.get()),
                FakeMethod::Failure);
-  EXPECT_EQ(Asked::askingStore(), nullptr);
+  EXPECT_EQ(AskingMethod::askingStore(), nullptr);
 }
 
 // ---------------------------------------------------------------------- the base class's defaults
