@@ -483,6 +483,63 @@ void containerSeeds() {
   }
 }
 
+// What chain.cc draws, in its order.
+void chainSeeds() {
+  const auto chain = [](const char* name, const std::vector<std::vector<int>>& parts) {
+    std::string octets;
+    for (const std::vector<int>& part : parts) {
+      for (const int octet : part) octets += static_cast<char>(octet);
+    }
+    seed("chain", name, octets);
+  };
+  // Intermediates, forgery, where, whether its anchor comes along, flags, whose revocation check.
+  const std::vector<int> genuine{0, 0, 0, 0, 0, 0};
+  const std::vector<int> genuineThree{3, 0, 0, 0, 0, 0};
+  // Key identifier, distribution points, responders.
+  const std::vector<int> plain{0, 0, 0};
+  // There, signature, expired, critical, delta, scope, names (long or
+  // few), strangers (the same), revoked, place, slot, copies
+  const std::vector<int> good{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  const std::vector<int> fromMemory{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0};
+  const std::vector<int> revokes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0};
+  const std::vector<int> revokesAll{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9, 0, 0, 0};
+  const std::vector<int> none{7};
+
+  chain("good", {genuine, plain, good});
+  chain("good-openssl", {{0, 0, 0, 0, 0, 7}, plain, good});
+  chain("good-three-intermediates",
+        {genuineThree, plain, plain, plain, plain, good, fromMemory, good, fromMemory});
+  chain("no-crl", {genuine, plain, none});
+  chain("revoked", {genuine, plain, revokes});
+  chain("revoked-ca", {{1, 0, 0, 0, 0, 0}, plain, plain, good, revokesAll});
+  chain("crl-forged", {genuine, plain, {0, 7, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}});
+  chain("crl-expired", {genuine, plain, {0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}});
+  chain("crl-critical", {genuine, plain, {0, 0, 0, 15, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}});
+  chain("crl-out-of-scope", {genuine, plain, {0, 0, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 0}});
+  chain("crl-long", {genuine, plain, {0, 0, 0, 0, 0, 0, 15, 15, 0, 0, 0, 11}});
+  chain("delta-revokes", {genuine, plain, good, {4, 0, 0, 0, 0, 0, 7, 0, 0, 0, 0, 0, 5, 0, 0, 0}});
+  // A point with a URI, whose CRL is on the web server, and in the cache.
+  const std::vector<int> pointed{0, 2, 0, 0, 0};
+  chain("good-web", {genuine, pointed, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0}});
+  chain("good-cache", {genuine, pointed, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0}});
+  chain("revoked-web", {genuine, pointed, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5, 3, 0, 0}});
+  chain("missing-web", {genuine, pointed, none});
+  // A hundred points of each kind in turn, and 40 responders.
+  const std::vector<int> many{0, 6, 0, 0, 1, 1, 2, 0, 3, 1, 0, 4, 0, 5, 6, 1, 0, 7, 0, 5};
+  chain("many-points", {genuine, many, good});
+  chain("responders", {genuine, {0, 0, 5}, good});
+  for (const auto& [name, forgery] :
+       {std::pair{"signature", 1}, std::pair{"signer", 2}, std::pair{"anchor", 3}}) {
+    const std::string prefix = std::string("forged-") + name;
+    chain(prefix.c_str(), {{0, forgery, 0, 0, 0, 0}, plain, good});
+    chain((prefix + "-many-points").c_str(), {{0, forgery, 0, 1, 0, 0}, many, good});
+    chain((prefix + "-above").c_str(),
+          {{2, forgery, 1, 1, 0, 0}, pointed, pointed, plain, good, good, good});
+  }
+  chain("forged-no-key-identifier", {{0, 3, 0, 1, 5, 0}, {7, 2, 0, 0, 1}, revokes});
+  chain("forged-long-crls", {{0, 1, 0, 0, 0, 0}, plain, {0, 0, 0, 0, 0, 0, 15, 15, 0, 0, 0, 11}});
+}
+
 void makeAll() {
   std::string chain;
   for (const auto& [name, issued] : certificates()) {
@@ -503,6 +560,7 @@ void makeAll() {
     seed("crl", "certificate-first.pem", Test::pem(root().get()) + Test::pem(crl.get()));
   }
   containerSeeds();
+  chainSeeds();
   extensionSeeds();
   ocspSeeds();
   nameSeeds();

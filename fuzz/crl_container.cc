@@ -4,6 +4,7 @@
 //
 // Runs in a private view of the file system, since the machine's CRL directory is looked into. A
 // description takes the model's words, so that a finding reads as one of tests/model's does.
+#include "Draws.h"
 #include "Fuzz.h"
 #include "model/Generator.h"
 #include "model/Model.h"
@@ -24,25 +25,6 @@ constexpr int kRoot = 0;
 constexpr int kOther = 1;
 constexpr int kTarget = 2;
 constexpr int kFirstSerial = 0x11;
-
-// Reads choices off the input. When it has come to its end every choice is the first one, which is
-// the one in order. It has most of the chances too: what is wrong with one CRL hides the others.
-class Choices {
- public:
-  Choices(const std::uint8_t* data, std::size_t size) : data_(data), end_(data + size) {}
-
-  bool atEnd() const { return data_ == end_; }
-  int below(int bound) { return atEnd() ? 0 : *data_++ % bound; }
-  bool one(int in) { return below(in) == in - 1; }
-  template <class T>
-  T pick(std::initializer_list<T> values) {
-    return *(values.begin() + below(static_cast<int>(values.size())));
-  }
-
- private:
-  const std::uint8_t* data_;
-  const std::uint8_t* end_;
-};
 
 class Reader {
  public:
@@ -185,7 +167,7 @@ class Reader {
   // Where it is filed: mostly where it is looked for.
   Name crlName() { return choices_.one(4) ? name() : Name{"O=Test", "CN=Root"}; }
 
-  Choices choices_;
+  Draws choices_;
   Description pki_;
 };
 
