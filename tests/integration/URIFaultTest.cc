@@ -290,6 +290,17 @@ TEST_F(URIFaults, ServerThatIsTooSlow_IsGivenFifteenSecondsAndTenForAHandshake) 
       EXPECT_LE(time, row.bound + kSlack) << row.name;
     });
   }
+  // A revocation that comes too slowly is not found, and the certificate not valid.
+  lookups.emplace_back([this] {
+    std::string list;
+    const FaultServer server([&](Peer& peer) { Scripts::trickle(list, 1s)(peer); });
+    const Issued leaf =
+        issue({.issuer = &ca, .crlDistributionPoints = {{.fullNames = {"URI:" + server.url()}}}});
+    list = Scripts::response(der(makeCRL({.issuer = &ca, .revoked = {{.serial = leaf}}}).get()));
+    World world;
+    world.trust(ca);
+    EXPECT_EQ(Verifier(world.store, handle(leaf), false).isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
+  });
   for (std::thread& lookup : lookups) lookup.join();
   EXPECT_EQ(cacheNames(), std::vector<std::string>{});
 }

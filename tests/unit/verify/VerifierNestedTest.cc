@@ -196,6 +196,21 @@ TEST_F(DepthTest, NinthLevel_54AndOneLineThatSaysWhy) {
   EXPECT_EQ(log.lines().size(), 9U);
 }
 
+// The last level's certificate is revoked, and the CRL that says so is not used any more.
+TEST_F(DepthTest, RevocationBehindTheLastLevel_IsNeverValid) {
+  for (const auto& [levels, expected] : {std::pair(8, kRevoked), std::pair(9, kPath)}) {
+    world.source->certificates.clear();
+    world.source->crls.clear();
+    world.trust(root);
+    world.publish({.issuer = &root});
+    const Issued first = chainOf(levels);
+    const auto last = std::prev(world.source->certificates.end());
+    world.source->crls.front() =
+        crlHandle({.issuer = &root, .revoked = {{.serial = (*last)->native(), .reason = 1}}});
+    EXPECT_EQ(verdict(first), expected) << levels;
+  }
+}
+
 class BreadthTest : public VerifierNestedTest {
  protected:
   Issued personOf(int issuers) {
@@ -223,6 +238,23 @@ TEST_F(BreadthTest, SixtyFifthNested_54AndOneLineThatSaysWhy) {
   log.clear();
   EXPECT_EQ(verdict(issued), kPath);
   EXPECT_EQ(log.count(": too many nested verifications"), 1U);
+}
+
+// The certificate's revocation is told by the last of the issuers.
+TEST_F(BreadthTest, RevocationBehindTheLastNested_IsNeverValid) {
+  for (const auto& [issuers, expected] : {std::pair(64, kRevoked), std::pair(65, kPath)}) {
+    world.source->certificates.clear();
+    world.source->crls.clear();
+    world.trust(root);
+    world.publish({.issuer = &root});
+    const Issued issued = personOf(issuers);
+    const std::string last = "O=Test,CN=Lists " + std::to_string(issuers);
+    world.source->crls.pop_back();
+    world.source->certificates.pop_back();
+    publishIndirect(ca(last),
+                    {{.serial = issued, .reason = 1, .certificateIssuer = "O=Test,CN=Root"}});
+    EXPECT_EQ(verdict(issued), expected) << issuers;
+  }
 }
 
 class LookupBoundTest : public VerifierNestedTest {
