@@ -139,6 +139,21 @@ TEST_F(Bounds, RevocationBehindTheDecodedBytes_IsNeverValid) {
   EXPECT_EQ(verdict(leaf), kNoCRLCode) << log.text();
 }
 
+// In the machine's directory, and by URI from the cache.
+TEST_F(Bounds, RevocationInADirectoryBehindTheDecodedBytes_IsNeverValid) {
+  const Issued leaf = leafWith({});
+  world.publish({.issuer = &ca, .number = Serial(7)});
+  addToDirectory(kCRLDirectory, deltaListing(leaf).get());
+  std::string crl;
+  const FaultServer server([&](Peer& peer) { Scripts::answer(crl)(peer); });
+  const Issued cached = leafWith({server.url("/ca.crl")});
+  crl = der(listing(cached).get());
+  for (const Issued& one : {leaf, cached}) EXPECT_EQ(verdict(one), kRevokedCode) << log.text();
+  spendDecoding();
+  for (const Issued& one : {leaf, cached}) EXPECT_EQ(verdict(one), kNoCRLCode) << log.text();
+  EXPECT_EQ(log.count("too many bytes of certificates and CRLs"), 2U);
+}
+
 TEST_F(Bounds, AnswerOfAWebServerThatIsTooLarge_IsNeverValid) {
   std::string crl;
   const struct {
