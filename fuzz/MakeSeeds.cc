@@ -538,6 +538,13 @@ void chainSeeds() {
   }
   chain("forged-no-key-identifier", {{0, 3, 0, 1, 5, 0}, {7, 2, 0, 0, 1}, revokes});
   chain("forged-long-crls", {{0, 1, 0, 0, 0, 0}, plain, {0, 0, 0, 0, 0, 0, 15, 15, 0, 0, 0, 11}});
+  // One that lies in the cache, by a hundred points that name it alone, or among 59 others.
+  const std::vector<int> cachedLong{0, 0, 0, 0, 0, 0, 15, 15, 0, 2, 0, 0};
+  chain(
+      "forged-long-crl-many-points",
+      {{0, 1, 0, 0, 0, 0}, {0, 6, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, cachedLong});
+  chain("forged-long-crl-many-names",
+        {{0, 1, 0, 0, 0, 0}, {0, 6, 5, 5, 5, 5, 5, 5, 5, 5, 0}, cachedLong});
 }
 
 void makeAll() {

@@ -37,9 +37,18 @@
 
 #ifdef PKX509_SANITIZED
 #include <atomic>
-#include <sanitizer/allocator_interface.h>
 #else
 #include <malloc.h>
+#endif
+
+#ifdef PKX509_SANITIZED
+// Of <sanitizer/allocator_interface.h>, which does not come with every g++.
+// NOLINTBEGIN(bugprone-reserved-identifier): the names are the sanitizer's
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*taken)(const volatile void* block,
+                                                                       std::size_t size),
+                                                         void (*given)(const volatile void* block));
+extern "C" std::size_t __sanitizer_get_allocated_size(const volatile void* block);
+// NOLINTEND(bugprone-reserved-identifier)
 #endif
 
 namespace Velantrix::Fuzz {
@@ -439,9 +448,10 @@ class Real {
 
 #ifdef PKX509_SANITIZED
 
-// Sanitizers keep what was freed, so what is held is counted instead of what is resident.
-std::atomic<std::size_t> held{0};
-std::atomic<std::size_t> mostHeld{0};
+// Sanitizers keep what was freed, so what is held is counted instead of what is resident. What was
+// taken before counting began may be given back: it can be less than nothing.
+std::atomic<std::ptrdiff_t> held{0};
+std::atomic<std::ptrdiff_t> mostHeld{0};
 
 class MemoryUse {
  public:
@@ -450,18 +460,19 @@ class MemoryUse {
     PKX509_ASSERT(installed > 0);
     mostHeld = before_ = held.load();
   }
-  std::size_t most() const { return mostHeld - before_; }
+  std::size_t most() const { return static_cast<std::size_t>(mostHeld - before_); }
 
  private:
   static void s_taken(const volatile void* /*block*/, std::size_t size) {
-    const std::size_t now = held += size;
+    const std::ptrdiff_t now = held += static_cast<std::ptrdiff_t>(size);
     if (now > mostHeld) mostHeld = now;
   }
   static void s_given(const volatile void* block) {
-    if (block != nullptr) held -= __sanitizer_get_allocated_size(block);
+    if (block == nullptr) return;
+    held -= static_cast<std::ptrdiff_t>(__sanitizer_get_allocated_size(block));
   }
 
-  std::size_t before_;
+  std::ptrdiff_t before_;
 };
 
 #else
