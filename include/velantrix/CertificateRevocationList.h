@@ -33,6 +33,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -89,6 +90,8 @@ class PKX509_EXPORT CertificateRevocationList : public RefImpl {
   /// `EVP_PKEY_eq`: digesting a long CRL is the dearest step of a revocation check, and several
   /// steps ask. Threads that ask about one CRL at once wait for each other.
   bool isSignedBy(EVP_PKEY* key) const;
+  /// What `isSignedBy()` would return, where it is remembered; none where it has to be computed.
+  std::optional<bool> rememberedSignature(EVP_PKEY* key) const;
 
   /// How often a signature was really computed. A snapshot, meant for tests and diagnosis.
   std::size_t signatureChecks() const;

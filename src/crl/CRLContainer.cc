@@ -259,8 +259,9 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
   bool issuedOnPath = false;
   for (const RefCertificate& candidate : untrusted) {
     // What costs nothing comes first.
-    issuedOnPath = list.issuedBy(candidate, true) &&
-                   StrangersKeys::signedBy(list, candidate, isVouchedFor(candidate));
+    issuedOnPath = list.issuedBy(candidate, true) && StrangersKeys::signedBy(list, candidate, [&] {
+                     return isVouchedFor(candidate);
+                   });
     if (issuedOnPath) break;
   }
   if (!issuedOnPath && !validateIssuer(entry, untrusted)) return false;
@@ -278,7 +279,8 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
       return false;
     }
     // 6.3.3 (g), and (h) for a delta CRL. An issuer that is not on the path has just been verified.
-    if (!StrangersKeys::signedBy(list, issuer, !issuedOnPath || isVouchedFor(issuer))) {
+    if (!StrangersKeys::signedBy(list, issuer,
+                                 [&] { return !issuedOnPath || isVouchedFor(issuer); })) {
       verifier.contextError(X509_V_ERR_CRL_SIGNATURE_FAILURE);
       // What is not signed on the path has an issuer here that a trust anchor vouches for: its own
       // verification has just ended valid.

@@ -5,9 +5,10 @@
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
 
-#include <openssl/core_names.h>
 #include <openssl/evp.h>
+#include <openssl/x509.h>
 
+#include <optional>
 #include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -19,25 +20,53 @@ struct Use {
   bool told = false;
 };
 
-bool isModest(const EVP_PKEY* key) {
+// One element of DER: moves `position` to its content and gives the length of that.
+std::optional<long> enter(const unsigned char*& position, const unsigned char* end, int tag) {
+  long length = 0;
+  int found = 0;
+  int kind = 0;
+  const int result = ASN1_get_object(&position, &length, &found, &kind, end - position);
+  if ((result & 0x80) != 0 || found != tag || kind != V_ASN1_UNIVERSAL) return std::nullopt;
+  return length;
+}
+
+// RFC 8017, A.1.1: the modulus, then the exponent. OpenSSL's way to ask for it takes as long as a
+// signature.
+bool hasModestExponent(const X509* holder) {
+  const unsigned char* position = nullptr;
+  int size = 0;
+  if (X509_PUBKEY_get0_param(nullptr, &position, &size, nullptr, X509_get_X509_PUBKEY(holder)) !=
+      1) {
+    return false;
+  }
+  const unsigned char* const end = position + size;
+  if (!enter(position, end, V_ASN1_SEQUENCE).has_value()) return false;
+  const std::optional<long> modulus = enter(position, end, V_ASN1_INTEGER);
+  if (!modulus.has_value()) return false;
+  position += *modulus;
+  const std::optional<long> exponent = enter(position, end, V_ASN1_INTEGER);
+  if (!exponent.has_value()) return false;
+  constexpr long kOctets = StrangersKeys::kMaximumExponentBits / 8;
+  return *exponent <= kOctets || (*exponent == kOctets + 1 && *position == 0);
+}
+
+bool isModest(const X509* holder, const EVP_PKEY* key) {
   if (EVP_PKEY_get_bits(key) > StrangersKeys::kMaximumBits) return false;
-  BIGNUM* exponent = nullptr;
-  // Other keys than those of RSA have none.
-  if (EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_E, &exponent) != 1) return true;
-  const Owned<BIGNUM> owner(exponent);
-  return BN_num_bits(exponent) <= StrangersKeys::kMaximumExponentBits;
+  const int kind = EVP_PKEY_get_base_id(key);
+  return (kind != EVP_PKEY_RSA && kind != EVP_PKEY_RSA_PSS) || hasModestExponent(holder);
 }
 
 }  // namespace
 
 bool StrangersKeys::signedBy(const CertificateRevocationList& crl, const RefCertificate& holder,
-                             bool vouchedFor) {
+                             const std::function<bool()>& vouchedFor) {
   const ErrorScope errors;
   EVP_PKEY* const key = X509_get0_pubkey(holder);
   if (key == nullptr) return false;
-  Use* const use = vouchedFor ? nullptr : VerificationRun::kept<Use>();
+  if (const std::optional<bool> known = crl.rememberedSignature(key)) return *known;
+  Use* const use = VerificationRun::kept<Use>();
   if (use == nullptr) return crl.isSignedBy(key);
-  if (use->signatures >= kMaximumSignatures || !isModest(key)) {
+  if ((use->signatures >= kMaximumSignatures || !isModest(holder, key)) && !vouchedFor()) {
     Shortfall::note();
     if (!std::exchange(use->told, true)) {
       log(kPriorityInfo,
@@ -48,10 +77,8 @@ bool StrangersKeys::signedBy(const CertificateRevocationList& crl, const RefCert
     }
     return false;
   }
-  const std::size_t before = crl.signatureChecks();
-  const bool result = crl.isSignedBy(key);
-  if (crl.signatureChecks() != before) ++use->signatures;
-  return result;
+  ++use->signatures;
+  return crl.isSignedBy(key);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -4,13 +4,14 @@
 // verified. A stranger makes keys for it that take their time, sends as many as a mail holds, and
 // has them tried on every CRL.
 //
-//   if (StrangersKeys::signedBy(crl, candidate, isVouchedFor(candidate))) ...
+//   if (StrangersKeys::signedBy(crl, candidate, [&] { return isVouchedFor(candidate); })) ...
 #pragma once
 
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateRevocationList.h>
 
 #include <cstddef>
+#include <functional>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -20,14 +21,15 @@ class StrangersKeys {
   static constexpr int kMaximumBits = 8192;
   // Of a public exponent; 65537 has 17.
   static constexpr int kMaximumExponentBits = 64;
-  // How many such signatures one outermost run verifies; what a CRL remembers is not counted.
+  // After how many signatures of one outermost run, what a CRL remembers not counted, it is asked who
+  // vouches.
   static constexpr std::size_t kMaximumSignatures = 32;
 
-  // Whether the holder's key signed the CRL. Within bounds, unless a trust anchor is known to vouch
-  // for the holder: false beyond them, and then the run has fallen short. The first refusal is
-  // logged.
+  // Whether the holder's key signed the CRL. Beyond the bounds it is used only if a trust anchor
+  // vouches for the holder, which costs signatures too and so is asked only then; otherwise the
+  // answer is false, and the run has fallen short. The first refusal is logged.
   static bool signedBy(const CertificateRevocationList& crl, const RefCertificate& holder,
-                       bool vouchedFor);
+                       const std::function<bool()>& vouchedFor);
 };
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -31,7 +31,7 @@ bool someNamesakeMayHaveSigned(const CertificateRevocationList& list, const RefO
   for (const RefCertificate& namesake : namesakes) {
     if (!VerificationRun::admitStep()) return true;
     if (X509_get0_pubkey(namesake) == nullptr ||
-        StrangersKeys::signedBy(list, namesake, isVouchedFor(namesake))) {
+        StrangersKeys::signedBy(list, namesake, [&] { return isVouchedFor(namesake); })) {
       return true;
     }
   }

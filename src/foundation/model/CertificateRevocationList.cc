@@ -94,6 +94,9 @@ struct CertificateRevocationList::Derived {
 
   static constexpr std::size_t kMaxKeys = 8;
 
+  // With the mutex held.
+  std::optional<bool> remembered(EVP_PKEY* key);
+
   std::mutex mutex;
   std::vector<Checked> checked;  // the key asked about last comes last
   std::size_t signatureChecks = 0;
@@ -135,24 +138,33 @@ bool CertificateRevocationList::issuedBy(const RefCertificate& issuer, bool name
   return namesOnly || isSignedBy(X509_get0_pubkey(candidate));
 }
 
+std::optional<bool> CertificateRevocationList::Derived::remembered(EVP_PKEY* key) {
+  auto known = std::find_if(checked.begin(), checked.end(),
+                            [key](const Checked& entry) { return entry.key.get() == key; });
+  if (known == checked.end()) {
+    known = std::find_if(checked.begin(), checked.end(), [key](const Checked& entry) {
+      return EVP_PKEY_eq(entry.key.get(), key) == 1;
+    });
+  }
+  if (known == checked.end()) return std::nullopt;
+  std::rotate(known, known + 1, checked.end());
+  return checked.back().signedBy;
+}
+
+std::optional<bool> CertificateRevocationList::rememberedSignature(EVP_PKEY* key) const {
+  if (key == nullptr) return false;
+  const ErrorScope errors;
+  const std::lock_guard<std::mutex> lock(derived_->mutex);
+  return derived_->remembered(key);
+}
+
 bool CertificateRevocationList::isSignedBy(EVP_PKEY* key) const {
   if (key == nullptr) return false;
   const ErrorScope errors;
   // Held while the signature is computed: of several threads that ask one computes.
   const std::lock_guard<std::mutex> lock(derived_->mutex);
+  if (const std::optional<bool> known = derived_->remembered(key)) return *known;
   std::vector<Derived::Checked>& checked = derived_->checked;
-  auto known = std::find_if(checked.begin(), checked.end(), [key](const Derived::Checked& entry) {
-    return entry.key.get() == key;
-  });
-  if (known == checked.end()) {
-    known = std::find_if(checked.begin(), checked.end(), [key](const Derived::Checked& entry) {
-      return EVP_PKEY_eq(entry.key.get(), key) == 1;
-    });
-  }
-  if (known != checked.end()) {
-    std::rotate(known, known + 1, checked.end());
-    return checked.back().signedBy;
-  }
   ++derived_->signatureChecks;
   const bool signedBy = X509_CRL_verify(native(), key) == 1;
   if (EVP_PKEY_up_ref(key) == 1) {

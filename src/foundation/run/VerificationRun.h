@@ -16,12 +16,9 @@
 #include <chrono>
 #include <cstddef>
 #include <exception>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <typeindex>
-#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -120,9 +117,11 @@ class VerificationRun {
     bool strangersLookupsTold = false;
     std::size_t decoded = 0;
     bool decodedTold = false;
-    std::optional<std::chrono::nanoseconds> processorEnd;  // by the thread's processor clock
+    std::optional<std::chrono::nanoseconds> processorLimit;
+    std::optional<std::chrono::nanoseconds> processorStart;  // by the thread's processor clock
+    std::chrono::nanoseconds start{};                        // by the coarse clock
     bool processorTold = false;
-    std::map<std::type_index, std::shared_ptr<void>> kept;
+    std::vector<std::pair<const void*, std::shared_ptr<void>>> kept;  // a handful, by their tags
     std::optional<LogBudget> lines;
     std::optional<Shortfall::Watch> shortfall;
     std::optional<NetworkBudget> network;
@@ -153,9 +152,13 @@ template <class T>
 T* VerificationRun::kept() {
   VerificationRun* const run = current();
   if (run == nullptr) return nullptr;
-  std::shared_ptr<void>& slot = run->totals_->kept[std::type_index(typeid(T))];
-  if (slot == nullptr) slot = std::make_shared<T>();
-  return static_cast<T*>(slot.get());
+  static const char tag = 0;  // its address stands for the type
+  for (const auto& [owner, slot] : run->totals_->kept) {
+    if (owner == &tag) return static_cast<T*>(slot.get());
+  }
+  const auto made = std::make_shared<T>();
+  run->totals_->kept.emplace_back(&tag, made);
+  return made.get();
 }
 
 // The one shape of every callback that OpenSSL gets from us: nothing is done once an exception is

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <gtest/gtest.h>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -123,6 +124,20 @@ TEST(CertificateRevocationList, IssuedBy_NamesOnlyOrWithTheSignature) {
     EXPECT_EQ(row.crl->issuedBy(row.issuer, true), row.names);
     EXPECT_EQ(row.crl->issuedBy(row.issuer, false), row.signature);
   }
+}
+
+TEST(CertificateRevocationList, SignatureThatIsRemembered_IsToldWithoutComputing) {
+  const Pki::Issued root = Pki::issueCA("CN=Root");
+  const auto other = Pki::makeKey();
+  const RefCertificateRevocationList crl = Pki::crlHandle({.issuer = &root});
+  EXPECT_EQ(crl->rememberedSignature(root.key.get()), std::nullopt);
+  EXPECT_EQ(crl->rememberedSignature(nullptr), false);
+  EXPECT_EQ(crl->signatureChecks(), 0U);
+  EXPECT_TRUE(crl->isSignedBy(root.key.get()));
+  EXPECT_FALSE(crl->isSignedBy(other.get()));
+  EXPECT_EQ(crl->rememberedSignature(root.key.get()), true);
+  EXPECT_EQ(crl->rememberedSignature(other.get()), false);
+  EXPECT_EQ(crl->signatureChecks(), 2U);
 }
 
 TEST(CertificateRevocationList, IsSignedBy_ComputedOncePerKey) {
