@@ -16,7 +16,14 @@ namespace Velantrix::Crypto::PKX509 {
 namespace {
 
 struct Use {
+  // Whether another signature may be verified that no trust anchor is asked about, or none vouches for.
+  bool admits(bool modest, const std::function<bool()>& vouchedFor) {
+    if (modest && ++signatures <= StrangersKeys::kMaximumSignatures) return true;
+    return vouchedFor() || (modest && ++strangers <= StrangersKeys::kMaximumSignatures);
+  }
+
   std::size_t signatures = 0;
+  std::size_t strangers = 0;
   bool told = false;
 };
 
@@ -66,7 +73,7 @@ bool StrangersKeys::signedBy(const CertificateRevocationList& crl, const RefCert
   if (const std::optional<bool> known = crl.rememberedSignature(key)) return *known;
   Use* const use = VerificationRun::kept<Use>();
   if (use == nullptr) return crl.isSignedBy(key);
-  if ((use->signatures >= kMaximumSignatures || !isModest(holder, key)) && !vouchedFor()) {
+  if (!use->admits(isModest(holder, key), vouchedFor)) {
     Shortfall::note();
     if (!std::exchange(use->told, true)) {
       log(kPriorityInfo,
@@ -77,7 +84,6 @@ bool StrangersKeys::signedBy(const CertificateRevocationList& crl, const RefCert
     }
     return false;
   }
-  ++use->signatures;
   return crl.isSignedBy(key);
 }
 

@@ -22,7 +22,7 @@ class StrangersKeys {
   // Of a public exponent; 65537 has 17.
   static constexpr int kMaximumExponentBits = 64;
   // After how many signatures of one outermost run, what a CRL remembers not counted, it is asked who
-  // vouches.
+  // vouches; and how many are verified after that for whom nobody does.
   static constexpr std::size_t kMaximumSignatures = 32;
 
   // Whether the holder's key signed the CRL. Beyond the bounds it is used only if a trust anchor

@@ -89,6 +89,13 @@ TEST_F(StrangersKeysTest, Signatures_AreCountedOverTheRunUntilSomebodyHasToVouch
     }
   }
   EXPECT_FALSE(run.fellShort());
+  for (int i = 0; i < 40; ++i) {
+    EXPECT_FALSE(StrangersKeys::signedBy(*crl.get(), holderOf(makeKey()), [] { return true; }));
+  }
+  for (int i = 0; i < 32; ++i) {
+    EXPECT_FALSE(StrangersKeys::signedBy(*crl.get(), holderOf(makeKey()), [] { return false; }));
+  }
+  EXPECT_FALSE(run.fellShort());
   const std::size_t before = crl->signatureChecks();
   const auto nobody = [] { return false; };
   EXPECT_FALSE(StrangersKeys::signedBy(*crl.get(), handle(root), nobody)) << "right, but too late";
