@@ -78,8 +78,7 @@ bool StrangersKeys::signedBy(const CertificateRevocationList& crl, const RefCert
     if (!std::exchange(use->told, true)) {
       log(kPriorityInfo,
           "Verifier: too many keys, or too large ones, of certificates that no trust anchor "
-          "vouches "
-          "for; no signature is verified with that of " +
+          "vouches for; no signature is verified with that of " +
               holder->subject().asString());
     }
     return false;

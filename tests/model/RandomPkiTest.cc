@@ -24,6 +24,12 @@ namespace {
 
 constexpr int kShards = 4;
 constexpr std::uint64_t kCases = 3200;
+// The same ones, as far as they go: a sanitizer is five times as slow, and looks at the same code.
+#ifdef PKX509_SANITIZED
+constexpr std::uint64_t kCasesToRun = 800;
+#else
+constexpr std::uint64_t kCasesToRun = kCases;
+#endif
 
 std::uint64_t firstSeed() {
   const int given = testing::GTEST_FLAG(random_seed);
@@ -32,7 +38,7 @@ std::uint64_t firstSeed() {
 
 std::uint64_t caseCount() {
   const char* const given = std::getenv("PKX509_MODEL_CASES");
-  return given == nullptr ? kCases : std::strtoull(given, nullptr, 10);
+  return given == nullptr ? kCasesToRun : std::strtoull(given, nullptr, 10);
 }
 
 std::string shown(const std::vector<std::string>& lines) {
