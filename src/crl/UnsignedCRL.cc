@@ -2,6 +2,7 @@
 
 #include "crl/CRLCache.h"
 #include "crl/StrangersKeys.h"
+#include "foundation/base/Shortfall.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/ConnectionSubject.h"
 #include "foundation/run/VerificationRun.h"
@@ -28,6 +29,8 @@ bool someNamesakeMayHaveSigned(const CertificateRevocationList& list, const RefO
   store->findAll(list.crlInfo().issuer(), namesakes);
   if (namesakes.size() > kMaximumNamesakes) return true;
   const ErrorScope errors;
+  const Shortfall::Watch
+      watch;  // a key that is too large, or one too many, is refused and not tried
   for (const RefCertificate& namesake : namesakes) {
     if (!VerificationRun::admitStep()) return true;
     if (X509_get0_pubkey(namesake) == nullptr ||
@@ -35,7 +38,7 @@ bool someNamesakeMayHaveSigned(const CertificateRevocationList& list, const RefO
       return true;
     }
   }
-  return false;
+  return watch.noted();
 }
 
 // The names by which the CRLs of a distribution point are looked for.

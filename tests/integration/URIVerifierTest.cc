@@ -2,6 +2,7 @@
 #include "integration/OwnNamespaces.h"
 #include "integration/URIFixture.h"
 #include "support/Loopback.h"
+#include "support/PublicKeys.h"
 #include "support/WebServer.h"
 
 #include <cstdlib>
@@ -194,6 +195,18 @@ TEST_F(URIVerification, CRLThatANamesakeOfItsIssuerSigned_StaysInTheCache) {
   }
   EXPECT_EQ(verdict(leaf), X509_V_ERR_CRL_SIGNATURE_FAILURE);
   EXPECT_FALSE(fs::exists(cacheFile(uri))) << "nobody who is known signed it";
+}
+
+// A key that takes its time is not tried where nobody vouches for it, so it may be the one.
+TEST_F(URIVerification, CRLOfANamesakeWhoseKeyIsNotTried_StaysInTheCache) {
+  const Issued enormous = issue(
+      {.subject = "O=Test,CN=Root", .issuer = &ca, .ca = true, .key = publicRsaKey(8200, 17)});
+  const std::string uri = "http://127.0.0.1:1/ca.crl";
+  World world;
+  world.store->add({handle(ca), handle(enormous)});
+  writeFile(cacheFile(uri), pem(crlFromDer(crlOfAStranger()).get()));
+  EXPECT_EQ(verdict(world, leafWith({uri}), How()), X509_V_ERR_CRL_SIGNATURE_FAILURE);
+  EXPECT_TRUE(fs::exists(cacheFile(uri)));
 }
 
 TEST_F(URIVerification, CRLOfADirectory_IsTriedWithAllNamesakesThere) {

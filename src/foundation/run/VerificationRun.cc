@@ -138,7 +138,8 @@ bool VerificationRun::admitStep() {
   if (!totals.processorLimit.has_value()) return true;
   // A thread computes no longer than the time that goes by, and that costs no system call to know.
   const std::chrono::nanoseconds now = coarseTime();
-  if (now != std::chrono::nanoseconds::max() && now - totals.start < *totals.processorLimit) {
+  constexpr auto kUnknown = std::chrono::nanoseconds::max();
+  if (now != kUnknown && totals.start != kUnknown && now - totals.start < *totals.processorLimit) {
     return true;
   }
   const std::optional<std::chrono::nanoseconds> used = processorTimeUsed();
