@@ -64,9 +64,14 @@ void add(OCSP_BASICRESP* basic, const OCSPSingle& single, OCSP_REQUEST* request)
   const Owned<ASN1_TIME> revoked = makeTime(single.revoked);
   const Owned<ASN1_TIME> thisUpdate = makeTime(single.thisUpdate);
   const Owned<ASN1_TIME> nextUpdate = makeTime(single.nextUpdate);
-  must(OCSP_basic_add1_status(basic, id.get(), single.status, single.reason, revoked.get(),
-                              thisUpdate.get(), nextUpdate.get()) != nullptr,
-       "OCSP_basic_add1_status");
+  OCSP_SINGLERESP* const added =
+      OCSP_basic_add1_status(basic, id.get(), single.status, single.reason, revoked.get(),
+                             thisUpdate.get(), nextUpdate.get());
+  must(added != nullptr, "OCSP_basic_add1_status");
+  for (const RawExtension& description : single.extensions) {
+    must(OCSP_SINGLERESP_add_ext(added, makeExtension(description).get(), -1) == 1,
+         "OCSP_SINGLERESP_add_ext");
+  }
 }
 
 void addNonce(OCSP_BASICRESP* basic, OCSPNonce nonce, OCSP_REQUEST* request) {
@@ -76,6 +81,43 @@ void addNonce(OCSP_BASICRESP* basic, OCSPNonce nonce, OCSP_REQUEST* request) {
     must(OCSP_basic_add1_nonce(basic, other.data(), static_cast<int>(other.size())) == 1,
          "OCSP_basic_add1_nonce");
   }
+}
+
+void setProducedAt(OCSP_BASICRESP* basic, const When& when) {
+  // There is a getter only.
+  auto* const producedAt = const_cast<ASN1_GENERALIZEDTIME*>(OCSP_resp_get0_produced_at(basic));
+  must(ASN1_GENERALIZEDTIME_set(producedAt, when.time()) != nullptr, "ASN1_GENERALIZEDTIME_set");
+}
+
+std::string signatureOf(const std::string& data, EVP_PKEY* key, const EVP_MD* digest) {
+  const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
+                                                                        EVP_MD_CTX_free);
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(data.data());
+  std::size_t length = 0;
+  must(EVP_DigestSignInit(context.get(), nullptr, digest, nullptr, key) == 1 &&
+           EVP_DigestSign(context.get(), nullptr, &length, bytes, data.size()) == 1,
+       "EVP_DigestSignInit");
+  std::string signature(length, '\0');
+  must(EVP_DigestSign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &length,
+                      bytes, data.size()) == 1,
+       "EVP_DigestSign");
+  signature.resize(length);
+  return signature;
+}
+
+/// The same answer with its data changed, and with a signature by another key.
+std::string signedAgain(OCSP_BASICRESP* basic, const OCSPAnswer& description) {
+  std::string data = encoded(OCSP_resp_get0_respdata(basic), i2d_OCSP_RESPDATA);
+  if (description.changeData) description.changeData(data);
+  EVP_PKEY* const key = description.key ? description.key.get() : description.signer->key.get();
+  std::string certificates;
+  const STACK_OF(X509)* const stack = OCSP_resp_get0_certs(basic);
+  for (int i = 0; i < sk_X509_num(stack); ++i) certificates += der(sk_X509_value(stack, i));
+  if (!certificates.empty()) certificates = derElement(0xa0, derElement(0x30, certificates));
+  return derElement(0x30, data + encoded(OCSP_resp_get0_tbs_sigalg(basic), i2d_X509_ALGOR) +
+                              derElement(0x03, std::string(1, '\0') +
+                                                   signatureOf(data, key, description.digest)) +
+                              certificates);
 }
 
 /// Changes the octet of the whole that stands so far before the end of this part of it. It is the
@@ -118,12 +160,19 @@ std::string ocspAnswer(const OCSPAnswer& description, std::string_view request) 
   for (const Issued* const one : description.firstCertificates) {
     must(OCSP_basic_add1_cert(basic.get(), one->get()) == 1, "OCSP_basic_add1_cert");
   }
-  const unsigned long flags =
-      (description.byKey ? OCSP_RESPID_KEY : 0UL) | (description.certificates ? 0UL : OCSP_NOCERTS);
+  for (const RawExtension& extension : description.extensions) {
+    must(OCSP_BASICRESP_add_ext(basic.get(), makeExtension(extension).get(), -1) == 1,
+         "OCSP_BASICRESP_add_ext");
+  }
+  const unsigned long flags = (description.byKey ? OCSP_RESPID_KEY : 0UL) |
+                              (description.certificates ? 0UL : OCSP_NOCERTS) |
+                              (description.producedAt ? OCSP_NOTIME : 0UL);
+  if (description.producedAt) setProducedAt(basic.get(), *description.producedAt);
   must(OCSP_basic_sign(basic.get(), description.signer->get(), description.signer->key.get(),
-                       EVP_sha256(), nullptr, flags) == 1,
+                       description.digest, nullptr, flags) == 1,
        "OCSP_basic_sign");
   std::string der = encoded(basic.get(), i2d_OCSP_BASICRESP);
+  if (description.key || description.changeData) der = signedAgain(basic.get(), description);
   if (description.badSignature) changeNearEnd(der, OCSP_resp_get0_signature(basic.get()), 0);
   // The time ends with its zone.
   if (description.tampered) changeNearEnd(der, OCSP_resp_get0_produced_at(basic.get()), 1);

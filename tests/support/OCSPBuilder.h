@@ -36,6 +36,7 @@ struct OCSPSingle {
   const Issued* certificate = nullptr;
   const Issued* issuer = nullptr;
   const EVP_MD* digest = EVP_sha1();  ///< of a certificate named here
+  std::vector<RawExtension> extensions = {};
 };
 
 enum class OCSPNonce {
@@ -55,6 +56,12 @@ struct OCSPAnswer {
   int status = OCSP_RESPONSE_STATUS_SUCCESSFUL;       ///< others have no answer with them
   bool badSignature = false;                          ///< the signature is changed after signing
   bool tampered = false;  ///< what was signed is changed after that: the time of production
+  std::vector<RawExtension> extensions = {};  ///< behind the nonce
+  std::optional<When> producedAt = {};        ///< in place of now
+  const EVP_MD* digest = EVP_sha256();        ///< of the signature
+  std::shared_ptr<EVP_PKEY> key = {};         ///< signs in place of the signer's, but as P-256
+  /// Changes the DER of the ResponseData before it is signed. Then, too, the key has to be P-256.
+  std::function<void(std::string& data)> changeData = nullptr;
   /// Changes the DER of the BasicOCSPResponse after it was signed.
   std::function<void(std::string& basic)> change = nullptr;
 };

@@ -187,14 +187,7 @@ Owned<X509_EXTENSION> makeExtension(int nid, bool critical, void* value) {
 
 void append(Extensions& extensions, const std::vector<RawExtension>& descriptions) {
   for (const RawExtension& description : descriptions) {
-    const auto oid = made(OBJ_txt2obj(description.oid.c_str(), 0), "OBJ_txt2obj");
-    const auto value = made(ASN1_OCTET_STRING_new(), "ASN1_OCTET_STRING_new");
-    const std::vector<unsigned char> bytes(description.der.begin(), description.der.end());
-    mustBeTrue(ASN1_OCTET_STRING_set(value.get(), bytes.data(), static_cast<int>(bytes.size())),
-               "ASN1_OCTET_STRING_set");
-    extensions.push_back(made(
-        X509_EXTENSION_create_by_OBJ(nullptr, oid.get(), description.critical ? 1 : 0, value.get()),
-        "X509_EXTENSION_create_by_OBJ"));
+    extensions.push_back(makeExtension(description));
   }
 }
 
@@ -361,6 +354,17 @@ std::shared_ptr<EVP_PKEY> makeKey(KeyKind kind) {
     key = made(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", std::size_t{2048}), "EVP_PKEY_Q_keygen");
   }
   return key;
+}
+
+Owned<X509_EXTENSION> makeExtension(const RawExtension& description) {
+  const auto oid = made(OBJ_txt2obj(description.oid.c_str(), 0), "OBJ_txt2obj");
+  const auto value = made(ASN1_OCTET_STRING_new(), "ASN1_OCTET_STRING_new");
+  const std::vector<unsigned char> bytes(description.der.begin(), description.der.end());
+  mustBeTrue(ASN1_OCTET_STRING_set(value.get(), bytes.data(), static_cast<int>(bytes.size())),
+             "ASN1_OCTET_STRING_set");
+  return made(
+      X509_EXTENSION_create_by_OBJ(nullptr, oid.get(), description.critical ? 1 : 0, value.get()),
+      "X509_EXTENSION_create_by_OBJ");
 }
 
 Issued issue(const CertificateOptions& options) {

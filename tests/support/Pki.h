@@ -187,6 +187,8 @@ Issued issueCA(const std::string& subject, const Issued* issuer = nullptr);
 
 Owned<X509_CRL> makeCRL(const CRLOptions& options);
 
+Owned<X509_EXTENSION> makeExtension(const RawExtension& description);
+
 /// The name whose RDNs are encoded in the order of the text: "C=DE,O=Mail,CN=A+serialNumber=7". A
 /// backslash takes the next character as it is. Values are UTF-8, types OpenSSL's names or dotted.
 Owned<X509_NAME> makeName(const std::string& text);
