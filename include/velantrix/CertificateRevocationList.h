@@ -101,6 +101,11 @@ class PKX509_EXPORT CertificateRevocationList : public RefImpl {
   /// an entry other than certificate issuer. Derived on the first call.
   bool hasUnhandledCriticalExtension() const;
 
+  /// The first rule of RFC 5280, 5.1 to 5.3, that the encoding breaks, for people: a version, a time
+  /// or an extension where or as it must not be. Null when it keeps them. Derived on the first call,
+  /// which walks through the entries.
+  const char* brokenRule() const;
+
   /// The number of revoked certificates listed.
   std::size_t entryCount() const noexcept;
 

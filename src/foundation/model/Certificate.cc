@@ -61,8 +61,12 @@ unsigned int Certificate::keyUsage() const {
 }
 
 DistributionPoints::DistributionPoints(const Certificate& certificate)
-    : points_(decodeOnlyExtension(X509_get0_extensions(certificate.native()),
-                                  NID_crl_distribution_points, d2i_CRL_DIST_POINTS, kContext)) {
+    : DistributionPoints(X509_get0_extensions(certificate.native()), NID_crl_distribution_points,
+                         kContext) {}
+
+DistributionPoints::DistributionPoints(const STACK_OF(X509_EXTENSION) * extensions, int nid,
+                                       const char* context)
+    : points_(decodeOnlyExtension(extensions, nid, d2i_CRL_DIST_POINTS, context)) {
   for (int i = 0; i < count(); ++i) static_cast<void>((*this)[i]);
 }
 

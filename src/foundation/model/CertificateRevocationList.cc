@@ -1,4 +1,5 @@
 #include "foundation/base/Fail.h"
+#include "foundation/model/CRLForm.h"
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/model/PemOut.h"
 #include "foundation/openssl/OpenSSLOwners.h"
@@ -53,6 +54,19 @@ bool hasCritical(const STACK_OF(X509_EXTENSION) * extensions, Handled handled) {
   return false;
 }
 
+// The first look-up in a CRL sorts its entries, under OpenSSL's lock. This does one, so that another
+// thread's does not move them while they are walked through. What it finds does not matter. False when
+// there is no memory for it.
+bool sortEntries(X509_CRL* crl) {
+  static constexpr unsigned char kZero[] = {0x02, 0x01, 0x00};
+  const unsigned char* position = kZero;
+  const Owned<ASN1_INTEGER> zero(d2i_ASN1_INTEGER(nullptr, &position, sizeof kZero));
+  X509_REVOKED* found = nullptr;
+  if (zero == nullptr) return false;
+  static_cast<void>(X509_CRL_get0_by_serial(crl, &found, zero.get()));
+  return true;
+}
+
 bool deriveUnhandledCritical(X509_CRL* crl) {
   const ErrorScope errors;
   if (hasCritical(X509_CRL_get0_extensions(crl), [](int nid) {
@@ -61,15 +75,7 @@ bool deriveUnhandledCritical(X509_CRL* crl) {
       })) {
     return true;
   }
-  // The first look-up in a CRL sorts its entries, under OpenSSL's lock. Do one, so that another
-  // thread's does not move them while they are walked through here. What it finds does not matter.
-  static constexpr unsigned char kZero[] = {0x02, 0x01, 0x00};
-  const unsigned char* position = kZero;
-  const Owned<ASN1_INTEGER> zero(d2i_ASN1_INTEGER(nullptr, &position, sizeof kZero));
-  X509_REVOKED* found = nullptr;
-  if (zero == nullptr) return true;
-  static_cast<void>(X509_CRL_get0_by_serial(crl, &found, zero.get()));
-
+  if (!sortEntries(crl)) return true;
   const STACK_OF(X509_REVOKED)* entries = X509_CRL_get_REVOKED(crl);
   for (int i = 0; i < sk_X509_REVOKED_num(entries); ++i) {
     if (hasCritical(X509_REVOKED_get0_extensions(sk_X509_REVOKED_value(entries, i)),
@@ -102,6 +108,8 @@ struct CertificateRevocationList::Derived {
   std::size_t signatureChecks = 0;
   std::once_flag criticalOnce;
   bool unhandledCritical = true;
+  std::once_flag formOnce;
+  const char* brokenRule = "not looked at";
 };
 
 void CertificateRevocationList::Release::operator()(X509_CRL* native) const noexcept {
@@ -184,6 +192,14 @@ bool CertificateRevocationList::hasUnhandledCriticalExtension() const {
   std::call_once(derived_->criticalOnce,
                  [this] { derived_->unhandledCritical = deriveUnhandledCritical(native()); });
   return derived_->unhandledCritical;
+}
+
+const char* CertificateRevocationList::brokenRule() const {
+  std::call_once(derived_->formOnce, [this] {
+    derived_->brokenRule =
+        sortEntries(native()) ? brokenRuleOf(native()) : "no memory to look at its entries";
+  });
+  return derived_->brokenRule;
 }
 
 std::size_t CertificateRevocationList::entryCount() const noexcept {

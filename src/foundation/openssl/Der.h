@@ -68,4 +68,19 @@ Owned<T> decodeWhole(T* (*d2i)(T**, const unsigned char**, long), const unsigned
   return decoded;
 }
 
+/// The octets that OpenSSL's @p i2d makes of @p object; none when it cannot.
+/// @throws std::bad_alloc when there is no memory for them
+template <class T>
+std::string encodeWhole(int (*i2d)(const T*, unsigned char**), const T* object) {
+  const MemoryCheck memory;
+  unsigned char* der = nullptr;
+  const int length = i2d(object, &der);
+  const OwnedMemory<unsigned char> owner(der);
+  if (length <= 0) {
+    memory.orThrow();
+    return {};
+  }
+  return std::string(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
+}
+
 }  // namespace Velantrix::Crypto

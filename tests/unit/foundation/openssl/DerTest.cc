@@ -132,5 +132,13 @@ TEST(Der, Octets_AreThoseOfTheText) {
   EXPECT_EQ(static_cast<const void*>(octets(text)), text.data());
 }
 
+TEST(Der, EncodedWhole_IsWhatWasDecoded) {
+  const std::string integer = der(V_ASN1_INTEGER, false, "\x05");
+  const Owned<ASN1_STRING> decoded = decodeWhole(d2i_ASN1_INTEGER, octets(integer), integer.size());
+  ASSERT_NE(decoded, nullptr);
+  EXPECT_EQ(encodeWhole(i2d_ASN1_INTEGER, decoded.get()), integer);
+  EXPECT_EQ(encodeWhole<ASN1_STRING>(i2d_ASN1_INTEGER, nullptr), "");
+}
+
 }  // namespace
 }  // namespace Velantrix::Crypto
