@@ -34,8 +34,10 @@ namespace Velantrix::Crypto::PKX509 {
 /// Every value of every attribute that comes back is taken, whatever the attribute is called and
 /// whichever entry under the base it stands in.
 ///
-/// **Who is trusted.** What the single-object queries find enters OpenSSL's store, so that a
-/// self-signed certificate in the directory *is a trust anchor from then on*: whoever can write to
+/// **Who is trusted.** A `ConformingVerifier` lets nothing that only this source has end a path
+/// (`isTrustSource()` is false, and may be set). For a `Verifier` what the single-object queries find
+/// enters OpenSSL's store, so that a self-signed certificate in the directory *is a trust anchor from
+/// then on*: whoever can write to
 /// the directory, or answer in its place, decides what is trusted. Use "ldaps:" or StartTLS with
 /// the peer verified, and a directory whose writers you would let into your trust store. CRLs, and
 /// certificates that the list forms find, are only candidates.

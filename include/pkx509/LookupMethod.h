@@ -82,12 +82,13 @@ class RefObjectStore;
 /// - *A certificate, by OpenSSL*: the issuer of each certificate of a path, that of the issuer of a
 ///   CRL and of an OCSP responder included; only where OpenSSL's store has none of that name yet.
 ///   **A self-signed certificate becomes a trust anchor**, and with `X509_V_FLAG_PARTIAL_CHAIN`
-///   every certificate does. Others still need the signature of their issuer.
+///   every certificate does. Others still need the signature of their issuer. In a
+///   `ConformingVerifier` that goes for sources of trust only, see `isTrustSource()`.
 /// - *A CRL, by OpenSSL*: with `useOpenSSLRevocation`, on the path of a CRL's issuer. OpenSSL uses
 ///   only what was added to its store, and checks it.
 /// - *A list of certificates*: for the issuer of a CRL that neither the store's objects nor its
 ///   directory know. It has to be on the path, or is verified by itself, and the CRL's signature
-///   with its key.
+///   with its key. A `ConformingVerifier` has all of them as candidates for its paths.
 /// - *A list of CRLs*: those of a certificate, by its issuer's name and by the directory names in
 ///   its distribution points. They are checked in full. Delta CRLs belong to the answer; the
 ///   verifier chooses.
@@ -117,6 +118,9 @@ class PKX509_EXPORT LookupMethod : private NonCopyable {
   /// @throws std::bad_alloc when OpenSSL cannot allocate the table
   explicit LookupMethod(const std::string& name);
   virtual ~LookupMethod();
+
+  /// As given to the constructor.
+  const std::string& methodName() const noexcept { return name; }
 
   /// Nothing in the library calls it; `s_new_item` answers 1 without asking.
   virtual int newItem();
@@ -150,8 +154,19 @@ class PKX509_EXPORT LookupMethod : private NonCopyable {
   /// point to it.
   void store(RefObjectStore& s);
 
+  /// Whether what this source has may end a path in a `ConformingVerifier`. It may by default, and
+  /// not for an `LDAPLookupMethod`, where users write what stands under their names.
+  ///
+  /// What only other sources answer is then a candidate for the middle of a path and never its end,
+  /// self-signed or not. Of a source that may, the `RefObject` form says so: of a name for which it
+  /// has an answer all count that the list form has, of another name none does. A `Verifier` takes
+  /// no notice.
+  bool isTrustSource() const noexcept;
+  /// To be said before a store has asked: what it was answered before stays as it was.
+  void trustSource(bool is) noexcept;
+
   /// The table, borrowed; it lives as long as this object.
-  operator x509_lookup_method_st*() const noexcept { return table_.get(); }
+  operator x509_lookup_method_st*() const noexcept;
 
   /// @name What OpenSSL calls
   /// All of them answer 0 (or nothing) for a lookup that no store attached to a method. A query
@@ -191,11 +206,10 @@ class PKX509_EXPORT LookupMethod : private NonCopyable {
 
  private:
   friend class ObjectStore;
-  struct PKX509_EXPORT TableDeleter {
-    void operator()(X509_LOOKUP_METHOD* table) const noexcept;
-  };
+  struct State;
+  struct Answering;
 
-  std::unique_ptr<X509_LOOKUP_METHOD, TableDeleter> table_;
+  std::unique_ptr<State> state_;
 };
 
 /// Shared ownership of a `LookupMethod`. Dereferencing an empty handle is a programming error and

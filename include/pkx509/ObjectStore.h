@@ -79,6 +79,8 @@ class PKX509_EXPORT ObjectStore : public RefImpl, private NonCopyable {
 
   /// The OpenSSL store, borrowed.
   X509_STORE* native() const noexcept { return x509Store.get(); }
+  /// As given to the constructor.
+  const std::string& directory() const noexcept { return name; }
   const std::list<RefLookupMethod>& methods() const noexcept { return methodList; }
   const std::list<RefObject>& objects() const noexcept { return objectList; }
 

@@ -1,4 +1,5 @@
 #include "crl/CRLCache.h"
+#include "crl/RetrievedCRLs.h"
 #include "foundation/base/DotSegments.h"
 #include "foundation/base/Log.h"
 #include "foundation/base/NoCancellation.h"
@@ -9,14 +10,15 @@
 #include "foundation/run/ConnectionSubject.h"
 #include "foundation/run/FetchRecord.h"
 #include "foundation/run/VerificationRun.h"
+#include "store/CRLExpiry.h"
 #include "store/LookupMemory.h"
+#include "store/TolerantReading.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/URILookup.h>
 #include <velantrix/Exception.h>
 
-#include <chrono>
 #include <exception>
 #include <new>
 #include <string>
@@ -56,25 +58,6 @@ std::string reasonOf(const std::exception& failure) {
   return end == std::string::npos ? text : text.substr(end + 2);
 }
 
-// Why an exchange that was begun came to nothing.
-std::string reasonOf(int outcome, const HTTP::Connection& connection, bool whole) {
-  switch (outcome) {
-    case HTTP::Connection::kTimedOut:
-      return whole ? "no answer in " + std::to_string(kQueryTime) + " s"
-                   : "no answer in the time that was left for the network";
-    case HTTP::Connection::kCutShort:
-      return "the answer ends in the middle";
-    case HTTP::Connection::kTooLarge:
-      return "larger than 64 MiB or than what a verification may fetch, or its header than 16 KiB";
-    case HTTP::Connection::kOtherStatus:
-      return "HTTP status " + std::to_string(connection.status());
-    case HTTP::Connection::kMalformed:
-      return "the answer is not HTTP";
-    default:
-      return "the server closed the connection without an answer";
-  }
-}
-
 RefCertificateRevocationList read(const Uri& uri, const LW::Buffer& body) {
   try {
     RefCertificateRevocationList crl = readFirstCRL(body.data(), body.length());
@@ -86,44 +69,29 @@ RefCertificateRevocationList read(const Uri& uri, const LW::Buffer& body) {
   }
 }
 
-HTTP::RefStream streamFor(const Uri& uri) {
-  try {
-    return HTTP::streamFor(uri, {kClientCertificateFile, kClientKeyFile});
-  } catch (const std::exception& failure) {
-    FetchRecord::notFetched(uri, "client certificate or key: " + reasonOf(failure));
-    throw;
-  }
-}
-
 void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   const std::size_t limit = NetworkBudget::admittedBytes(kMaximumCRL);
   if (limit == 0) {
     return FetchRecord::notFetched(uri, "the verification has fetched too much already");
   }
-  HTTP::RefStream stream = streamFor(uri);
-  const Host host(uri.hostname());
-  if (host.address().empty()) return FetchRecord::notFetched(uri, "could not resolve the host");
-  const HTTP::RefConnection connection(stream);
-  if (!connection->connect(HTTP::endpointFor(host.address(), uri))) {
-    return FetchRecord::notFetched(uri, "could not connect");
-  }
-  const auto start = std::chrono::steady_clock::now();
-  connection->maxQueryTime(kQueryTime);
-  connection->maxContent(limit);
-  connection->send(request(uri));
-  const int outcome = connection->receive();
-  NetworkBudget::countBytes(connection->contentReceived());
+  const HTTP::Answer answer =
+      HTTP::exchange(uri, {kClientCertificateFile, kClientKeyFile},
+                     {.header = request(uri),
+                      .queryTime = kQueryTime,
+                      .maxContent = limit,
+                      .tooLarge = "larger than 64 MiB or than what a verification may fetch, or "
+                                  "its header than 16 KiB"});
+  if (answer.outcome != 0) NetworkBudget::countBytes(answer.connection->contentReceived());
   // Cut by what is left for the whole verification, and not by what a CRL may have.
-  if (outcome == HTTP::Connection::kTooLarge && limit < kMaximumCRL) Shortfall::note();
-  if (outcome != HTTP::Connection::kComplete) {
-    const auto taken = std::chrono::steady_clock::now() - start;
-    return FetchRecord::notFetched(uri, reasonOf(outcome, *connection.operator->(),
-                                                 taken >= std::chrono::seconds(kQueryTime)));
+  if (answer.outcome == HTTP::Connection::kTooLarge && limit < kMaximumCRL) Shortfall::note();
+  if (answer.outcome != HTTP::Connection::kComplete) {
+    return FetchRecord::notFetched(uri, answer.problem);
   }
-  if (!VerificationRun::admitDecoding(connection->content().length())) {
+  const LW::Buffer& content = answer.connection->content();
+  if (!VerificationRun::admitDecoding(content.length())) {
     return FetchRecord::notFetched(uri, "the verification has read too much already");
   }
-  const RefCertificateRevocationList crl = read(uri, connection->content());
+  const RefCertificateRevocationList crl = read(uri, content);
   if (!crl.empty()) crls.push_back(crl);
 }
 
@@ -138,28 +106,13 @@ void cache(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) 
   }
 }
 
-}  // namespace
+// A broken cache entry is as good as none: a fetch replaces it.
+void notReadable(const Uri& uri, const std::string& reason) {
+  FetchRecord::notCached(uri, "cache cannot be read: " + reason);
+}
 
-URILookup::~URILookup() = default;
-
-void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
-  if (uri.isNull()) return;
-  const NoCancellation untilReturn;
-  try {
-    askOnce(kCRLCacheDirectory, uri, crls, [&](std::list<RefCertificateRevocationList>& found) {
-      // What this verification has fetched need not be read again. It is the answer to this request,
-      // and none of the cache to whatever URI has the same key.
-      if (recallAnswer(kHosts, requestKey(uri), found)) return false;
-      HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, found);
-      return !found.empty();
-    });
-  } catch (const std::bad_alloc&) {
-    Shortfall::note();
-  } catch (const std::exception& failure) {
-    // A broken cache entry is as good as none: the fetch below replaces it.
-    FetchRecord::notCached(uri, "cache cannot be read: " + reasonOf(failure));
-  }
-  if (!crls.empty()) return;
+// Appends what the host answers, in this verification once for equal requests. Never throws.
+void askHost(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   try {
     if (!HTTP::isHandled(uri)) {
       log(kPriorityDebug, "Crypto::URILookup. Scheme not handled. " + uri.asString());
@@ -181,6 +134,65 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
   } catch (const std::exception&) {
     // Whatever went wrong, nothing was found.
   }
+}
+
+// All that the cache has for the URI, whatever its dates.
+void readCache(const Uri& uri, RetrievedCRLs& answer) {
+  const TolerantReading reading;
+  try {
+    HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, answer.cached);
+    if (!answer.cached.empty()) {
+      const File::Path path(kCRLCacheDirectory, HashDirLookupMethod::fileName(uri));
+      answer.cachedAt = path.status(true).creationTime();
+    }
+    if (!reading.reason().empty()) notReadable(uri, reading.reason());
+  } catch (const std::bad_alloc&) {
+    Shortfall::note();
+  } catch (const std::exception& failure) {
+    notReadable(uri, reasonOf(failure));
+  }
+}
+
+bool isFresh(const RefCertificateRevocationList& crl, const Time& since) {
+  const Time now = Time::now();
+  const ASN1::RefGeneralizedTime thisUpdate = crl->lastUpdate();
+  return !thisUpdate.empty() && thisUpdate->asTime() <= now && now <= expiryOf(crl, since);
+}
+
+}  // namespace
+
+URILookup::~URILookup() = default;
+
+void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
+  if (uri.isNull()) return;
+  const NoCancellation untilReturn;
+  try {
+    askOnce(kCRLCacheDirectory, uri, crls, [&](std::list<RefCertificateRevocationList>& found) {
+      // What this verification has fetched need not be read again. It is the answer to this request,
+      // and none of the cache to whatever URI has the same key.
+      if (recallAnswer(kHosts, requestKey(uri), found)) return false;
+      HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, found);
+      return !found.empty();
+    });
+  } catch (const std::bad_alloc&) {
+    Shortfall::note();
+  } catch (const std::exception& failure) {
+    notReadable(uri, reasonOf(failure));
+  }
+  if (crls.empty()) askHost(uri, crls);
+}
+
+RetrievedCRLs retrieveCRLs(const Uri& uri) {
+  RetrievedCRLs answer;
+  if (uri.isNull()) return answer;
+  const NoCancellation untilReturn;
+  readCache(uri, answer);
+  for (const RefCertificateRevocationList& crl : answer.cached) {
+    if (isFresh(crl, answer.cachedAt)) return answer;
+  }
+  askHost(uri, answer.fetched);
+  answer.cut = HTTP::isHandled(uri) && answer.fetched.empty();
+  return answer;
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -1,7 +1,9 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
 #include "foundation/run/VerificationRun.h"
+#include "store/CRLExpiry.h"
 #include "store/HashFileHeader.h"
+#include "store/TolerantReading.h"
 
 #include <pkx509/HashDirLookup.h>
 #include <velantrix/CertificateFactory.h>
@@ -23,7 +25,6 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-constexpr long kDay = 86400;  // seconds a CRL without nextUpdate counts as fresh
 constexpr std::string_view kNameCharacters = " .0123456789ABCDEFabcdefrS";
 
 // The key of a text: the first four bytes of its SHA-1, little endian.
@@ -54,12 +55,6 @@ unsigned int keyIn(std::string_view text) {
       std::from_chars(text.data() + start, text.data() + text.size(), key, 16);
   static_cast<void>(end);
   return error == std::errc() ? key : 0;
-}
-
-// When a CRL runs out. One that does not say stays for a day.
-Time expiryOf(const RefCertificateRevocationList& crl, const Time& since) {
-  const ASN1::RefGeneralizedTime nextUpdate = crl->nextUpdate();
-  return nextUpdate.empty() ? Time::then(since.seconds() + kDay, true) : nextUpdate->asTime();
 }
 
 // Has the content of the file read unless its header says that it was written for something else.
@@ -186,15 +181,18 @@ bool DirectoryParser::wants(std::string_view fileName) const {
 }
 
 int DirectoryParser::process(const File::Path& path) {
-  if (!wants(path.name()) || !VerificationRun::admitStep() ||
-      !VerificationRun::admitDecoding(sizeOf(path))) {
+  if (!wants(path.name())) return 0;
+  if (!VerificationRun::admitStep() || !VerificationRun::admitDecoding(sizeOf(path))) {
+    TolerantReading::leftOut();
     return 0;
   }
-  if (type == Object::TypeCertificate) {
-    loadCertificates(path);
-  } else {
-    loadCRL(path);
-  }
+  readOneOf(path.asString(), [&] {
+    if (type == Object::TypeCertificate) {
+      loadCertificates(path);
+    } else {
+      loadCRL(path);
+    }
+  });
   return 0;
 }
 
@@ -220,6 +218,10 @@ void DirectoryParser::loadCRL(const File::Path& path) {
         [&crl](const Buffer& content) { crl = CertificateRevocationListFactory::read(content); });
   }
   if (crl.empty()) return;
+  if (TolerantReading::current() != nullptr) {
+    crls.push_back(crl);
+    return;
+  }
   // The file is looked at only where the CRL does not say when it runs out.
   const Time since = crl->nextUpdate().empty() ? path.status(true).creationTime() : now;
   if (!(expiryOf(crl, since) < now)) crls.push_back(crl);

@@ -1,12 +1,14 @@
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
 #include "store/StoreRecord.h"
+#include "store/TrustSources.h"
 
 #include <pkx509/LookupMethod.h>
 #include <pkx509/ObjectStore.h>
 #include <velantrix/Assert.h>
 
 #include <new>
+#include <set>
 #include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -59,29 +61,54 @@ int handOut(StoreRecord::Item& item, X509_LOOKUP_TYPE type, const RefObject& obj
 }
 
 thread_local X509_STORE* askedBy = nullptr;
+thread_local bool trustedOnly = false;
 
-// While a query goes on. It may start a verification, which asks by another store.
+// While a query goes on. It may start a verification, which asks by another store, and asks all.
 class Asking {
  public:
-  explicit Asking(X509_STORE* store) noexcept : outer_(std::exchange(askedBy, store)) {}
-  ~Asking() { askedBy = outer_; }
+  explicit Asking(X509_STORE* store) noexcept
+      : outer_(std::exchange(askedBy, store)), outerTrusted_(std::exchange(trustedOnly, false)) {}
+  ~Asking() {
+    askedBy = outer_;
+    trustedOnly = outerTrusted_;
+  }
   Asking(const Asking&) = delete;
   Asking& operator=(const Asking&) = delete;
 
  private:
   X509_STORE* outer_;
+  bool outerTrusted_;
 };
 
-// `query` is called with the method and gives a RefObject.
-template <class Query>
-int answer(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, X509_OBJECT* ret, const Query& query) {
-  return guardedCallback(0, [&] {
-    StoreRecord::Item* const item = itemOf(lookup);
-    if (item == nullptr || !VerificationRun::admitStep()) return 0;
-    const Asking asking(X509_LOOKUP_get_store(lookup));
-    return handOut(*item, type, query(*item->method), ret);
-  });
-}
+// What enters an OpenSSL store while a source that is not trusted answers.
+class Intake {
+ public:
+  explicit Intake(X509_STORE* store) : store_(store) {
+    if (store_ == nullptr) return;
+    forEach([this](X509* certificate) { before_.insert(certificate); });
+  }
+
+  void distrust() const {
+    StoreRecord* const record = store_ == nullptr ? nullptr : StoreRecord::of(store_);
+    if (record == nullptr) return;
+    forEach([&](X509* certificate) {
+      if (!before_.contains(certificate)) record->distrust(certificate);
+    });
+  }
+
+ private:
+  template <class Body>
+  void forEach(const Body& body) const {
+    const STACK_OF(X509_OBJECT)* const objects = X509_STORE_get0_objects(store_);
+    for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
+      X509* const certificate = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i));
+      if (certificate != nullptr) body(certificate);
+    }
+  }
+
+  X509_STORE* store_;  // borrowed, may be null
+  std::set<const X509*> before_;
+};
 
 Object::Type objectType(X509_LOOKUP_TYPE type) { return static_cast<Object::Type>(type); }
 
@@ -92,14 +119,70 @@ unsigned int bufferLength(int length) {
 
 }  // namespace
 
-void LookupMethod::TableDeleter::operator()(X509_LOOKUP_METHOD* table) const noexcept {
-  X509_LOOKUP_meth_free(table);
-}
+OnlyTrustSources::OnlyTrustSources() noexcept : outer_(std::exchange(trustedOnly, true)) {}
+
+OnlyTrustSources::~OnlyTrustSources() { trustedOnly = outer_; }
+
+struct LookupMethod::State {
+  Owned<X509_LOOKUP_METHOD> table;
+  bool trustSource = true;
+};
+
+struct LookupMethod::Answering {
+  // `query` is called with the method and gives a RefObject.
+  template <class Query>
+  static int answer(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, X509_OBJECT* ret,
+                    const Query& query) {
+    return guardedCallback(0, [&] {
+      StoreRecord::Item* const item = itemOf(lookup);
+      if (item == nullptr) return 0;
+      const bool trusted = item->method->isTrustSource();
+      if (trustedOnly && !trusted && type == X509_LU_X509) return 0;
+      if (!VerificationRun::admitStep()) return 0;
+      X509_STORE* const store = X509_LOOKUP_get_store(lookup);
+      const Asking asking(store);
+      const RefObject object =
+          trusted ? query(*item->method) : distrusted(*item->method, store, query);
+      const int result = handOut(*item, type, object, ret);
+      // It may have had it from somebody else before.
+      if (trusted && result == X509_LU_X509) {
+        StoreRecord::of(store)->trust(static_cast<X509*>(object->data));
+      }
+      return result;
+    });
+  }
+
+  // What a source that is not trusted answers, and adds to the store that asks or to its own.
+  template <class Query>
+  static RefObject distrusted(LookupMethod& method, X509_STORE* store, const Query& query) {
+    X509_STORE* const pointed =
+        method.objectStore == nullptr ? nullptr : method.objectStore->native();
+    const Intake ofAsking(store);
+    const Intake ofPointed(pointed == store ? nullptr : pointed);
+    const auto distrust = [&] {
+      ofAsking.distrust();
+      ofPointed.distrust();
+    };
+    RefObject object;
+    try {
+      object = query(method);
+    } catch (...) {
+      distrust();
+      throw;
+    }
+    distrust();
+    if (!object.empty() && object->type == Object::TypeCertificate && object->data != nullptr) {
+      StoreRecord::of(store)->distrust(static_cast<X509*>(object->data));
+    }
+    return object;
+  }
+};
 
 LookupMethod::LookupMethod(const std::string& methodName)
-    : self(this), name(methodName), table_(X509_LOOKUP_meth_new(name.c_str())) {
-  if (table_ == nullptr) throw std::bad_alloc();
-  X509_LOOKUP_METHOD* const table = table_.get();
+    : self(this), name(methodName), state_(std::make_unique<State>()) {
+  state_->table.reset(X509_LOOKUP_meth_new(name.c_str()));
+  X509_LOOKUP_METHOD* const table = state_->table.get();
+  if (table == nullptr) throw std::bad_alloc();
   const bool filled =
       X509_LOOKUP_meth_set_new_item(table, s_new_item) == 1 &&
       X509_LOOKUP_meth_set_free(table, s_free) == 1 &&
@@ -116,6 +199,12 @@ LookupMethod::LookupMethod(const std::string& methodName)
 LookupMethod::~LookupMethod() {
   if (objectStore != nullptr) objectStore->forget(this);
 }
+
+bool LookupMethod::isTrustSource() const noexcept { return state_->trustSource; }
+
+void LookupMethod::trustSource(bool is) noexcept { state_->trustSource = is; }
+
+LookupMethod::operator x509_lookup_method_st*() const noexcept { return state_->table.get(); }
 
 int LookupMethod::newItem() { return 0; }
 void LookupMethod::clear() {}
@@ -187,7 +276,7 @@ int LookupMethod::s_ctrl(X509_LOOKUP* lookup, int cmd, const char* argc, long ar
 
 int LookupMethod::s_get_by_subject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type,
                                    const X509_NAME* name, X509_OBJECT* ret) {
-  return answer(lookup, type, ret, [&](LookupMethod& method) {
+  return Answering::answer(lookup, type, ret, [&](LookupMethod& method) {
     return method.self->getBySubject(objectType(type), DistinguishedName(name));
   });
 }
@@ -195,7 +284,7 @@ int LookupMethod::s_get_by_subject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type,
 int LookupMethod::s_get_by_issuer_serial(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type,
                                          const X509_NAME* name, const ASN1_INTEGER* serial,
                                          X509_OBJECT* ret) {
-  return answer(lookup, type, ret, [&](LookupMethod& method) {
+  return Answering::answer(lookup, type, ret, [&](LookupMethod& method) {
     return method.self->getByIssuerSerial(objectType(type), DistinguishedName(name),
                                           ASN1::Integer(serial));
   });
@@ -203,14 +292,14 @@ int LookupMethod::s_get_by_issuer_serial(X509_LOOKUP* lookup, X509_LOOKUP_TYPE t
 
 int LookupMethod::s_get_by_fingerprint(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type,
                                        const unsigned char* bytes, int len, X509_OBJECT* ret) {
-  return answer(lookup, type, ret, [&](LookupMethod& method) {
+  return Answering::answer(lookup, type, ret, [&](LookupMethod& method) {
     return method.self->getByFingerPrint(objectType(type), Buffer(bytes, bufferLength(len), true));
   });
 }
 
 int LookupMethod::s_get_by_alias(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const char* str,
                                  int len, X509_OBJECT* ret) {
-  return answer(lookup, type, ret, [&](LookupMethod& method) {
+  return Answering::answer(lookup, type, ret, [&](LookupMethod& method) {
     return method.self->getByAlias(objectType(type), Buffer(str, bufferLength(len), true));
   });
 }

@@ -88,6 +88,9 @@ int ObjectStore::add(const std::string& dir, int type) {
   const ErrorScope errors;
   X509_LOOKUP* const lookup = X509_STORE_add_lookup(x509Store.get(), X509_LOOKUP_hash_dir());
   if (lookup == nullptr) return 0;
+  StoreRecord* const record = StoreRecord::of(x509Store.get());
+  PKX509_ASSERT(record != nullptr);
+  record->addDirectory(dir, type);
   return X509_LOOKUP_ctrl(lookup, X509_L_ADD_DIR, dir.c_str(), type, nullptr);
 }
 

@@ -1,11 +1,16 @@
 #include "store/StoreRecord.h"
 
+#include "foundation/openssl/References.h"
+
+#include <algorithm>
 #include <memory>
 #include <new>
 
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
+
+constexpr Origin kHere{"X509::ObjectStore", "StoreRecord"};
 
 void freeRecord(void* /*store*/, void* record, CRYPTO_EX_DATA* /*data*/, int /*index*/,
                 long /*argl*/, void* /*argp*/) {
@@ -43,6 +48,54 @@ StoreRecord::Item* StoreRecord::find(const X509_LOOKUP* lookup) {
 
 void StoreRecord::add(const X509_LOOKUP* lookup, const boost::shared_ptr<LookupMethod>& method) {
   items_.push_back(Item{lookup, method, RefObject()});
+}
+
+void StoreRecord::addDirectory(const std::string& directory, int fileType) {
+  const ErrorScope errors;
+  if (directories_ == nullptr) directories_.reset(X509_STORE_new());
+  if (directories_ == nullptr) throw std::bad_alloc();
+  X509_LOOKUP* const lookup = X509_STORE_add_lookup(directories_.get(), X509_LOOKUP_hash_dir());
+  if (lookup == nullptr) throw std::bad_alloc();
+  // One that cannot be attached has nothing.
+  static_cast<void>(X509_LOOKUP_ctrl(lookup, X509_L_ADD_DIR, directory.c_str(), fileType, nullptr));
+}
+
+bool StoreRecord::BySubject::operator()(const Owned<X509>& left, const Owned<X509>& right) const {
+  return X509_NAME_cmp(X509_get_subject_name(left.get()), X509_get_subject_name(right.get())) < 0;
+}
+
+bool StoreRecord::BySubject::operator()(const Owned<X509>& left, const X509_NAME* right) const {
+  return X509_NAME_cmp(X509_get_subject_name(left.get()), right) < 0;
+}
+
+bool StoreRecord::BySubject::operator()(const X509_NAME* left, const Owned<X509>& right) const {
+  return X509_NAME_cmp(left, X509_get_subject_name(right.get())) < 0;
+}
+
+StoreRecord::Certificates::const_iterator StoreRecord::findDistrusted(X509* certificate) const {
+  const auto [first, last] =
+      distrusted_.equal_range<const X509_NAME*>(X509_get_subject_name(certificate));
+  const auto found = std::find_if(first, last, [&](const Owned<X509>& candidate) {
+    return X509_cmp(candidate.get(), certificate) == 0;
+  });
+  return found == last ? distrusted_.end() : found;
+}
+
+void StoreRecord::distrust(X509* certificate) {
+  if (!distrusts(certificate)) distrusted_.insert(newReference(certificate, kHere));
+}
+
+void StoreRecord::trust(X509* certificate) {
+  const auto found = findDistrusted(certificate);
+  if (found != distrusted_.end()) distrusted_.erase(found);
+}
+
+bool StoreRecord::distrusts(X509* certificate) const {
+  return findDistrusted(certificate) != distrusted_.end();
+}
+
+bool StoreRecord::distrusts(const X509_NAME* subject) const {
+  return distrusted_.contains(subject);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

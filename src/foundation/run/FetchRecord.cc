@@ -1,6 +1,7 @@
 #include "foundation/run/FetchRecord.h"
 
 #include "foundation/base/Text.h"
+#include "foundation/base/URIText.h"
 #include "foundation/run/VerificationRun.h"
 
 #include <algorithm>
@@ -8,20 +9,9 @@
 
 namespace Velantrix::Crypto::PKX509 {
 
-namespace {
-
-std::string withoutSecrets(const Uri& uri) {
-  const std::string& host = uri.hostname();
-  std::string text = uri.scheme();
-  if (!host.empty()) {
-    text += "//";
-    text += host.find(':') == std::string::npos ? host : "[" + host + "]";
-    if (uri.port() != 0) text += ":" + std::to_string(uri.port());
-  }
-  return text + uri.path();
+std::string FetchRecord::placeOf(const Uri& uri) {
+  return escapeControls(withoutSecrets(uri), kMaximumURI);
 }
-
-}  // namespace
 
 void FetchRecord::notFetched(const Uri& uri, std::string_view reason) noexcept {
   add("not fetched", uri, reason);
@@ -45,8 +35,7 @@ void FetchRecord::add(std::string_view what, const Uri& uri, std::string_view re
   try {
     auto* const record = VerificationRun::kept<FetchRecord>();
     if (record == nullptr || record->notes_.size() >= kMaximumNotes) return;
-    Note note{what, escapeControls(withoutSecrets(uri), kMaximumURI),
-              escapeControls(reason, kMaximumReason)};
+    Note note{what, placeOf(uri), escapeControls(reason, kMaximumReason)};
     const std::vector<Note>& notes = record->notes_;
     if (std::find(notes.begin(), notes.end(), note) != notes.end()) return;
     record->notes_.push_back(std::move(note));

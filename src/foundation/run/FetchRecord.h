@@ -31,6 +31,9 @@ class FetchRecord {
     bool operator==(const Note& other) const = default;
   };
 
+  // A URI as notes have it.
+  static std::string placeOf(const Uri& uri);
+
   // For the outermost run of this thread, once for equal notes. Nothing happens outside a run, nor
   // when there is no memory for it.
   static void notFetched(const Uri& uri, std::string_view reason) noexcept;

@@ -49,6 +49,15 @@ Exception thrownBy(const std::function<void()>& action) {
   return Exception("", 0, nullptr, 0);
 }
 
+// Users write what stands under their names.
+TEST(LDAPLookup, Made_IsNoSourceOfTrustUnlessItIsToldTo) {
+  LDAPLookupMethod method;
+  EXPECT_FALSE(method.isTrustSource());
+  EXPECT_FALSE(LDAPLookupMethod(LDAPLookupMethod::Config()).isTrustSource());
+  method.trustSource(true);
+  EXPECT_TRUE(method.isTrustSource());
+}
+
 TEST(LDAPLookup, NamesAreAskedByTheirText_ThroughTheVirtualTable) {
   Asked method;
   LookupMethod& base = method;

@@ -1,4 +1,4 @@
-// How CRL retrieval and the OCSP client reach the host of a URI.
+// How CRL retrieval and OCSP reach the host of a URI.
 #pragma once
 
 #include "foundation/net/http/HTTPConnection.h"
@@ -7,6 +7,9 @@
 #include <velantrix/Uri.h>
 
 #include <boost/asio/ip/tcp.hpp>
+
+#include <cstddef>
+#include <string>
 
 namespace Velantrix::LW::HTTP {
 
@@ -27,5 +30,24 @@ RefStream streamFor(const Uri& uri, const ClientIdentity& identity);
 
 /// @throws boost::system::system_error when the address is no numeric one
 boost::asio::ip::tcp::endpoint endpointFor(const IPAddress& address, const Uri& uri);
+
+/// One request, and the bounds of its answer.
+struct Request {
+  std::string header;
+  std::string body = {};
+  unsigned int queryTime = Connection::kDefaultQueryTime;  ///< in seconds
+  std::size_t maxContent = Connection::kDefaultContent;
+  const char* tooLarge = "";  ///< what is said of an answer above the bounds
+};
+
+struct Answer {
+  int outcome = 0;                ///< a `Connection::Outcome`; 0 when nothing was sent
+  std::string problem = {};       ///< why there is no whole answer, for people
+  RefConnection connection = {};  ///< has the content of a whole answer
+};
+
+/// Resolves the host of a URI whose scheme is handled, connects, and makes the request. What keeps it
+/// from that is a problem in the answer.
+Answer exchange(const Uri& uri, const ClientIdentity& identity, const Request& request);
 
 }  // namespace Velantrix::LW::HTTP

@@ -1,0 +1,27 @@
+// CRLs by URI for whoever judges dates for himself, who may be asking about a moment in the past.
+//
+//   const RetrievedCRLs answer = retrieveCRLs(uri);
+//   for (const RefCertificateRevocationList& crl : answer.cached) ...
+//   for (const RefCertificateRevocationList& crl : answer.fetched) ...
+#pragma once
+
+#include <velantrix/CertificateRevocationList.h>
+#include <velantrix/Time.h>
+#include <velantrix/Uri.h>
+
+#include <list>
+
+namespace Velantrix::Crypto::PKX509 {
+
+struct RetrievedCRLs {
+  std::list<RefCertificateRevocationList> cached;
+  Time cachedAt = {};  // when the file of the cache came to be
+  std::list<RefCertificateRevocationList> fetched;
+  bool cut = false;  // the host was to be asked, and gave none
+};
+
+// As `URILookup`, but for the cache: all that it has is there, expired or not, and the network is
+// asked where nothing of it is fresh now. Never throws for what cannot be read or fetched.
+RetrievedCRLs retrieveCRLs(const Uri& uri);
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,67 @@
+#include "ocsp/OCSPExchange.h"
+
+#include "foundation/base/Log.h"
+#include "foundation/base/NoCancellation.h"
+#include "foundation/base/Shortfall.h"
+#include "foundation/base/URIText.h"
+#include "foundation/net/http/HTTPAccess.h"
+#include "foundation/run/ConnectionSubject.h"
+#include "foundation/run/FetchRecord.h"
+
+#include <pkx509/FixedPaths.h>
+
+#include <exception>
+#include <new>
+
+namespace Velantrix::Crypto::PKX509::OCSP {
+
+namespace HTTP = LW::HTTP;
+
+namespace {
+
+// RFC 6960, A.1: a POST to the URI that the certificate names, with the DER of the request.
+std::string postHeader(const Uri& uri, std::size_t length) {
+  return "POST " + requestTarget(uri) + " HTTP/1.0\r\nHost: " + authorityOf(uri) +
+         "\r\nContent-Type: application/ocsp-request\r\nContent-Length: " + std::to_string(length) +
+         "\r\n\r\n";
+}
+
+std::optional<std::string> ask(const Uri& uri, const std::string& request) {
+  if (!connectionAdmitted()) {
+    FetchRecord::notFetched(uri, "no connection is made for it, and a log line says why");
+    return std::nullopt;
+  }
+  const HTTP::Answer answer =
+      HTTP::exchange(uri, {kClientCertificateFile, kClientKeyFile},
+                     {.header = postHeader(uri, request.size()),
+                      .body = request,
+                      .tooLarge = "the answer is larger than 1 MiB, or its header than 16 KiB"});
+  if (answer.outcome != HTTP::Connection::kComplete) {
+    FetchRecord::notFetched(uri, answer.problem);
+    return std::nullopt;
+  }
+  const LW::Buffer& content = answer.connection->content();
+  return std::string(reinterpret_cast<const char*>(content.data()), content.length());
+}
+
+}  // namespace
+
+ResponderAnswer askResponder(const Uri& responder, const std::string& request) {
+  const NoCancellation untilReturn;
+  ResponderAnswer answer;
+  if (!HTTP::isHandled(responder)) {
+    log(kPriorityDebug, "OCSP: Scheme not handled. " + responder.asString());
+    return answer;
+  }
+  try {
+    answer.body = ask(responder, request);
+  } catch (const std::bad_alloc&) {
+    Shortfall::note();
+  } catch (const std::exception& failure) {
+    FetchRecord::notFetched(responder, failure.what());
+  }
+  answer.missing = !answer.body.has_value();
+  return answer;
+}
+
+}  // namespace Velantrix::Crypto::PKX509::OCSP
