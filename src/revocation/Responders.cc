@@ -1,0 +1,52 @@
+#include "revocation/Responders.h"
+
+#include "foundation/run/VerificationRun.h"
+
+#include <velantrix/ASN1.h>
+#include <velantrix/GeneralName.h>
+
+namespace Velantrix::Crypto::PKX509::Revocation {
+
+namespace {
+
+const ASN1::RefObjectIdentifier& authorityInformationAccess() {
+  static const ASN1::RefObjectIdentifier oid("1.3.6.1.5.5.7.1.1");
+  return oid;
+}
+
+}  // namespace
+
+Responders::Responders(const Path& path, RevocationSources& sources,
+                       const RevocationSettings& settings, const Moment& moment)
+    : path_(path),
+      sources_(sources),
+      settings_(settings),
+      moment_(moment),
+      access_(path.front()->find(authorityInformationAccess())) {}
+
+const OCSPReading* Responders::answer(std::size_t index) {
+  while (index >= answers_.size()) {
+    if (!askNext()) return nullptr;
+  }
+  return &answers_[index];
+}
+
+// False when there is none left.
+bool Responders::askNext() {
+  if (access_.empty() || path_.size() < 2 || !VerificationRun::admitStep()) return false;
+  const RefGeneralName location = access_->nextOCSPGeneralName(next_);
+  if (location.empty()) return false;
+  const Uri uri = location->uri();
+  if (uri.isNull()) return true;
+  if (!question_) question_.emplace(path_[0], path_[1]);
+  if (question_->request().empty()) return false;
+  if (share_ == nullptr) share_ = sources_.shareForResponders();
+  const Offers<std::string> offers = sources_.ocsp(uri, question_->request());
+  cut_ = cut_ || offers.cut;
+  for (const Offered<std::string>& offered : offers.found) {
+    answers_.push_back(question_->read(offered, settings_, moment_));
+  }
+  return true;
+}
+
+}  // namespace Velantrix::Crypto::PKX509::Revocation

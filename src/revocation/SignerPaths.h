@@ -1,0 +1,21 @@
+// Paths of those who sign what is said about revocation: issuers of CRLs, and OCSP responders.
+#pragma once
+
+#include <velantrix/Certificate.h>
+#include <velantrix/NonCopyable.h>
+
+#include <vector>
+
+namespace Velantrix::Crypto::PKX509::Revocation {
+
+class SignerPaths : private NonCopyable {
+ public:
+  virtual ~SignerPaths() = default;
+
+  // The path of the certificate, from itself to the trust anchor of the path that is being verified
+  // (RFC 5280, 6.3.3 (f): the same, by name and key). It is valid at the check time but for
+  // revocation, which is not looked at. Empty when there is none.
+  virtual std::vector<RefCertificate> pathOf(const RefCertificate& signer) = 0;
+};
+
+}  // namespace Velantrix::Crypto::PKX509::Revocation

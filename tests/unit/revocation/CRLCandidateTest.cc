@@ -1,0 +1,78 @@
+#include "revocation/CRLCandidate.h"
+#include "support/Handles.h"
+
+#include <gtest/gtest.h>
+
+namespace Velantrix::Test {
+namespace {
+
+using namespace Crypto::PKX509;
+using namespace Crypto::PKX509::Revocation;
+
+const Issued& authority() {
+  static const Issued made = issueCA("O=Test,CN=CA");
+  return made;
+}
+
+Time at(const char* text) { return Time::then(When(text).time(), true); }
+
+TEST(CRLCandidate, Statement_SaysWhatTheListIs) {
+  CRLOptions options{.issuer = &authority(),
+                     .lastUpdate = "20260102000000Z",
+                     .nextUpdate = When("20260109000000Z"),
+                     .number = Serial(42)};
+  const Provenance from{Provenance::Kind::kCache, "http://crl.test/"};
+  const Statement complete = statementOf({.crl = crlHandle(options), .from = from});
+  EXPECT_EQ(complete.kind, Statement::Kind::kCRL);
+  EXPECT_EQ(complete.issuer, "CN=CA,O=Test");
+  EXPECT_EQ(complete.number, "2A");
+  EXPECT_EQ(complete.thisUpdate, at("20260102000000Z"));
+  EXPECT_EQ(complete.nextUpdate, at("20260109000000Z"));
+  EXPECT_EQ(complete.from.kind, from.kind);
+  EXPECT_EQ(complete.from.place, from.place);
+
+  options.deltaBase = Serial(41);
+  EXPECT_EQ(statementOf({.crl = crlHandle(options)}).kind, Statement::Kind::kDeltaCRL);
+}
+
+TEST(CRLCandidate, StatementOfAListThatSaysLess_HasLess) {
+  const Statement statement =
+      statementOf({.crl = crlHandle({.issuer = &authority(), .nextUpdate = {}, .number = {}})});
+  EXPECT_EQ(statement.number, "");
+  EXPECT_EQ(statement.nextUpdate, std::nullopt);
+  EXPECT_TRUE(statement.thisUpdate);
+}
+
+// 5.1.2.4, 5.1.2.5: both ends belong to it.
+TEST(CRLCandidate, Times_IncludeTheirEnds) {
+  CRLOptions options{.issuer = &authority(),
+                     .lastUpdate = "20260102000000Z",
+                     .nextUpdate = When("20260109000000Z")};
+  const auto dated = crlHandle(options);
+  EXPECT_FALSE(isIssuedBy(*dated.get(), at("20260101235959Z")));
+  EXPECT_TRUE(isIssuedBy(*dated.get(), at("20260102000000Z")));
+  EXPECT_TRUE(isCurrentAt(*dated.get(), at("20260109000000Z"), 1));
+  EXPECT_FALSE(isCurrentAt(*dated.get(), at("20260109000001Z"), 1));
+  options.nextUpdate.reset();
+  const auto undated = crlHandle(options);
+  EXPECT_TRUE(isCurrentAt(*undated.get(), at("20260102010000Z"), 3600));
+  EXPECT_FALSE(isCurrentAt(*undated.get(), at("20260102010001Z"), 3600));
+}
+
+TEST(CRLCandidate, Counts_WhenNothingIsAgainstItAndItsSignerIsKnown) {
+  CRLCandidate candidate{.crl = crlHandle({.issuer = &authority()})};
+  EXPECT_FALSE(candidate.counts());
+  candidate.signer = handle(authority());
+  EXPECT_TRUE(candidate.counts());
+  candidate.unauthentic = Reason::kSignerRevoked;
+  EXPECT_FALSE(candidate.counts());
+  candidate.forgetSigner();
+  EXPECT_FALSE(candidate.unauthentic);
+  EXPECT_TRUE(candidate.signer.empty());
+  candidate.signer = handle(authority());
+  candidate.refused = Reason::kExpired;
+  EXPECT_FALSE(candidate.counts());
+}
+
+}  // namespace
+}  // namespace Velantrix::Test

@@ -1,0 +1,372 @@
+// OCSP in a revocation check: who is asked, whose word counts, and what follows from it (RFC 6960).
+#include "support/OCSPBuilder.h"
+#include "unit/revocation/Surroundings.h"
+
+#include <gtest/gtest.h>
+
+namespace Velantrix::Test {
+namespace {
+
+using namespace std::string_literals;
+using Asked = std::vector<std::string>;
+
+constexpr char kOne[] = "http://one.test/";
+constexpr char kTwo[] = "http://two.test/";
+constexpr char kThree[] = "http://three.test/";
+const ConfigExtension kResponder{"extendedKeyUsage", "OCSPSigning"};
+const ConfigExtension kNoCheck{"noCheck", "yes"};
+
+OCSPSingle single(int status) { return {.status = status}; }
+
+class RevocationOCSPTest : public testing::Test {
+ protected:
+  const VerificationRun run{nullptr};
+  const Issued root = issueCA("O=Test,CN=Root");
+  const Issued ca = issueCA("O=Test,CN=CA", &root);
+  const Issued leaf = person(std::string("OCSP;URI:") + kOne);
+  const Issued three = person(std::string("OCSP;URI:") + kOne + ",caIssuers;URI:http://ca.test/" +
+                              ",OCSP;DNS:x.test,OCSP;URI:" + kTwo + ",OCSP;URI:" + kThree);
+  Surroundings around{root};
+
+  RevocationOCSPTest() { around.know(ca); }
+
+  Issued person(const std::string& access) {
+    return issue({.subject = "O=Test,CN=Person",
+                  .issuer = &ca,
+                  .extensions = {{"authorityInfoAccess", access}}});
+  }
+  // Somebody whom the CA has made a responder.
+  Issued responder(const std::vector<ConfigExtension>& more = {}) {
+    CertificateOptions options{.subject = "O=Test,CN=Responder", .issuer = &ca};
+    options.extensions = {kResponder};
+    options.extensions.insert(options.extensions.end(), more.begin(), more.end());
+    const Issued made = issue(options);
+    around.know(made);
+    return made;
+  }
+  void answer(const std::string& uri, const OCSPAnswer& description) {
+    around.sources.responders[uri] = [description](const std::string& request) {
+      return ocspAnswer(description, request);
+    };
+  }
+  // The CA is good by the root's CRL.
+  Outcome decide(const Issued& certificate) {
+    around.publish({.issuer = &root});
+    const std::vector<Outcome> outcomes = around.decide({certificate, ca, root});
+    EXPECT_EQ(outcomes.at(1).status, Status::kGood);
+    return outcomes.front();
+  }
+  bool wasAsked(const std::string& what) const {
+    const Asked& asked = around.sources.asked;
+    return std::find(asked.begin(), asked.end(), what) != asked.end();
+  }
+};
+
+TEST_F(RevocationOCSPTest, Good_EndsItAndNoListIsAsked) {
+  answer(kOne, {.signer = &ca});
+  around.publish({.issuer = &ca, .revoked = {{.serial = leaf}}});
+  const Outcome outcome = decide(leaf);
+  EXPECT_EQ(outcome.status, Status::kGood);
+  EXPECT_EQ(outcome.code, X509_V_OK);
+  ASSERT_EQ(outcome.decidedBy.size(), 1U);
+  EXPECT_EQ(outcome.decidedBy[0].kind, Statement::Kind::kOCSP);
+  EXPECT_FALSE(outcome.cut);
+  EXPECT_EQ(around.sources.asked,
+            (Asked{"CRLs CN=Root,O=Test", "share", "OCSP "s + kOne, "share ends"}));
+}
+
+TEST_F(RevocationOCSPTest, Revoked_EndsItWithReasonAndDate) {
+  answer(kOne, {.signer = &ca,
+                .singles = {{.status = V_OCSP_CERTSTATUS_REVOKED,
+                             .reason = 1,
+                             .revoked = When("20260102030405Z")}}});
+  around.publish({.issuer = &ca});
+  const Outcome outcome = decide(leaf);
+  EXPECT_EQ(outcome.status, Status::kRevoked);
+  EXPECT_EQ(outcome.code, X509_V_ERR_CERT_REVOKED);
+  EXPECT_EQ(outcome.revoked.reason, 1);
+  EXPECT_EQ(outcome.revoked.date, Time::then(When("20260102030405Z").time(), true));
+  ASSERT_EQ(outcome.decidedBy.size(), 1U);
+  EXPECT_EQ(outcome.decidedBy[0].kind, Statement::Kind::kOCSP);
+}
+
+TEST_F(RevocationOCSPTest, Unknown_TheListsDecide) {
+  answer(kOne, {.signer = &ca, .singles = {single(V_OCSP_CERTSTATUS_UNKNOWN)}});
+  answer(kTwo, {.signer = &ca});
+  EXPECT_EQ(decide(three).status, Status::kUndetermined);
+  around.publish({.issuer = &ca, .revoked = {{.serial = three}}});
+  around.sources.asked.clear();
+  const Outcome outcome = decide(three);
+  EXPECT_EQ(outcome.status, Status::kRevoked);
+  ASSERT_EQ(outcome.decidedBy.size(), 1U);
+  EXPECT_EQ(outcome.decidedBy[0].kind, Statement::Kind::kCRL);
+  EXPECT_EQ(around.sources.asked, (Asked{"CRLs CN=Root,O=Test", "share", "OCSP "s + kOne,
+                                         "share ends", "CRLs CN=CA,O=Test"}));
+}
+
+TEST_F(RevocationOCSPTest, RespondersInTurn_UntilOneAnswerIsUsable) {
+  answer(kTwo, {.signer = &ca, .badSignature = true});
+  answer(kThree, {.signer = &ca});
+  const Outcome outcome = decide(three);
+  EXPECT_EQ(outcome.status, Status::kGood);
+  EXPECT_TRUE(has(outcome, Reason::kWrongSignature));
+  EXPECT_EQ(around.sources.asked, (Asked{"CRLs CN=Root,O=Test", "share", "OCSP "s + kOne,
+                                         "OCSP "s + kTwo, "OCSP "s + kThree, "share ends"}));
+}
+
+TEST_F(RevocationOCSPTest, NoUsableAnswer_TheListsDecideAndTheCodeIsTheirs) {
+  answer(kOne, {.signer = &ca, .badSignature = true});
+  const Outcome none = decide(leaf);
+  EXPECT_EQ(none.status, Status::kUndetermined);
+  EXPECT_EQ(none.code, X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_TRUE(has(none, Reason::kWrongSignature));
+
+  around.publish({.issuer = &ca,
+                  .lastUpdate = -std::chrono::hours(9),
+                  .nextUpdate = When(-std::chrono::hours(8))});
+  const Outcome expired = decide(leaf);
+  EXPECT_EQ(expired.code, X509_V_ERR_CRL_HAS_EXPIRED);
+  EXPECT_EQ(expired.setAside.size(), 2U) << "the answer and the list, each once";
+
+  around.publish({.issuer = &ca, .number = Serial(2)});
+  const Outcome good = decide(leaf);
+  EXPECT_EQ(good.status, Status::kGood);
+  EXPECT_EQ(good.decidedBy.at(0).kind, Statement::Kind::kCRL);
+}
+
+TEST_F(RevocationOCSPTest, WithoutOCSP_NobodyIsAsked) {
+  answer(kOne, {.signer = &ca, .singles = {single(V_OCSP_CERTSTATUS_REVOKED)}});
+  around.publish({.issuer = &ca});
+  around.scope.useOCSP = false;
+  EXPECT_EQ(decide(leaf).status, Status::kGood);
+  EXPECT_FALSE(wasAsked("OCSP "s + kOne));
+}
+
+TEST_F(RevocationOCSPTest, SourceThatMayHaveMore_IsTold) {
+  answer(kTwo, {.signer = &ca});
+  around.sources.cut = {"OCSP "s + kOne};
+  EXPECT_TRUE(decide(three).cut);
+  EXPECT_FALSE(around.decide({leaf, ca, root}).at(1).cut);
+}
+
+// 4.2.2.2, the delegate.
+
+TEST_F(RevocationOCSPTest, Delegate_CountsWhenTheListsSayThatItIsGood) {
+  const Issued delegate = responder({{"authorityInfoAccess", "OCSP;URI:"s + kTwo}});
+  answer(kOne, {.signer = &delegate});
+  answer(kTwo, {.signer = &ca});
+  const Outcome undetermined = decide(leaf);
+  EXPECT_EQ(undetermined.status, Status::kUndetermined);
+  EXPECT_EQ(undetermined.code, X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_TRUE(has(undetermined, Reason::kSignerUndetermined));
+
+  around.publish({.issuer = &ca, .revoked = {{.serial = leaf}}});
+  const Outcome good = decide(leaf);
+  EXPECT_EQ(good.status, Status::kGood);
+  EXPECT_EQ(good.decidedBy.at(0).kind, Statement::Kind::kOCSP);
+  EXPECT_FALSE(wasAsked("OCSP "s + kTwo)) << "lists alone decide about a delegate";
+
+  around.publish({.issuer = &ca, .number = Serial(2), .revoked = {{.serial = delegate}}});
+  const Outcome revoked = decide(leaf);
+  EXPECT_TRUE(has(revoked, Reason::kSignerRevoked));
+  EXPECT_EQ(revoked.status, Status::kGood);
+  EXPECT_EQ(revoked.decidedBy.at(0).kind, Statement::Kind::kCRL);
+}
+
+TEST_F(RevocationOCSPTest, DelegateThatNeedsNoCheck_CountsWithoutLists) {
+  const Issued delegate = responder({kNoCheck});
+  answer(kOne, {.signer = &delegate});
+  EXPECT_EQ(decide(leaf).status, Status::kGood);
+  around.publish({.issuer = &ca, .revoked = {{.serial = delegate}}});
+  const Outcome outcome = decide(leaf);
+  EXPECT_EQ(outcome.status, Status::kGood);
+  EXPECT_EQ(outcome.decidedBy.at(0).kind, Statement::Kind::kOCSP);
+}
+
+TEST_F(RevocationOCSPTest, DelegateWithoutAPath_DoesNotCount) {
+  const Issued expired = issue({.subject = "O=Test,CN=Responder",
+                                .issuer = &ca,
+                                .notBefore = -std::chrono::hours(48),
+                                .notAfter = -std::chrono::hours(24),
+                                .extensions = {kResponder, kNoCheck}});
+  around.know(expired);
+  answer(kOne, {.signer = &expired});
+  const Outcome outcome = decide(leaf);
+  EXPECT_EQ(outcome.status, Status::kUndetermined);
+  EXPECT_TRUE(has(outcome, Reason::kSignerNotValid));
+}
+
+TEST_F(RevocationOCSPTest, DelegateOfANamesakeWithAnotherKey_DoesNotCount) {
+  const Issued namesake = issueCA("O=Test,CN=CA", &root);
+  around.know(namesake);
+  const Issued delegate = issue({.subject = "O=Test,CN=Responder",
+                                 .issuer = &namesake,
+                                 .extensions = {kResponder, kNoCheck}});
+  around.know(delegate);
+  answer(kOne, {.signer = &delegate});
+  const Outcome outcome = decide(leaf);
+  EXPECT_EQ(outcome.status, Status::kUndetermined);
+  EXPECT_EQ(outcome.setAside.size(), 1U);
+}
+
+// Whoever builds paths may find another certificate above the delegate than the one that is asked for.
+TEST_F(RevocationOCSPTest, PathOfTheDelegate_LeadsThroughTheKeyOfTheIssuer) {
+  const Issued namesake = issueCA("O=Test,CN=CA", &root);
+  const Issued delegate = responder({kNoCheck});
+  answer(kOne, {.signer = &delegate});
+  around.paths.given = {handle(delegate), handle(namesake), handle(root)};
+  const Outcome outcome = decide(leaf);
+  EXPECT_EQ(outcome.status, Status::kUndetermined);
+  EXPECT_TRUE(has(outcome, Reason::kSignerNotAllowed));
+}
+
+TEST_F(RevocationOCSPTest, RevokedCertificateAboveTheDelegate_TakesItsWordAway) {
+  const Issued again =
+      issue({.subject = "O=Test,CN=CA", .issuer = &root, .ca = true, .key = ca.key});
+  for (const bool noCheck : {false, true}) {
+    const Issued delegate =
+        responder(noCheck ? std::vector{kNoCheck} : std::vector<ConfigExtension>{});
+    answer(kOne, {.signer = &delegate});
+    around.paths.given = {handle(delegate), handle(again), handle(root)};
+    around.sources.byIssuer.clear();
+    around.publish({.issuer = &ca});
+    EXPECT_EQ(decide(leaf).decidedBy.at(0).kind, Statement::Kind::kOCSP);
+    around.publish({.issuer = &root, .number = Serial(2), .revoked = {{.serial = again}}});
+    const Outcome outcome = decide(leaf);
+    EXPECT_TRUE(has(outcome, Reason::kSignerRevoked));
+    EXPECT_EQ(outcome.decidedBy.at(0).kind, Statement::Kind::kCRL);
+    // Where the leaf alone is checked, so is the signer alone.
+    around.scope.wholePath = false;
+    EXPECT_EQ(around.decide({leaf, ca, root}).at(0).decidedBy.at(0).kind, Statement::Kind::kOCSP);
+    around.scope.wholePath = true;
+  }
+}
+
+// Lists alone decide about the delegate, but not about who is above it.
+TEST_F(RevocationOCSPTest, IssuerOfTheDelegate_IsGoodByOCSP) {
+  const Issued issuer = issue({.subject = "O=Test,CN=CA 2",
+                               .issuer = &root,
+                               .ca = true,
+                               .extensions = {{"authorityInfoAccess", "OCSP;URI:"s + kTwo}}});
+  const Issued certificate =
+      issue({.issuer = &issuer, .extensions = {{"authorityInfoAccess", "OCSP;URI:"s + kOne}}});
+  around.know(issuer);
+  for (const bool noCheck : {false, true}) {
+    CertificateOptions options{.subject = "O=Test,CN=Responder", .issuer = &issuer};
+    options.extensions = {kResponder};
+    if (noCheck) options.extensions.push_back(kNoCheck);
+    const Issued delegate = issue(options);
+    around.know(delegate);
+    around.publish({.issuer = &issuer});
+    answer(kOne, {.signer = &delegate});
+    answer(kTwo, {.signer = &root});
+    const std::vector<Outcome> outcomes = around.decide({certificate, issuer, root});
+    EXPECT_EQ(outcomes.at(1).status, Status::kGood);
+    EXPECT_EQ(outcomes.at(0).status, Status::kGood);
+    EXPECT_EQ(outcomes.at(0).decidedBy.at(0).kind, Statement::Kind::kOCSP);
+  }
+}
+
+TEST_F(RevocationOCSPTest, CertificateInQuestion_DoesNotVouchForItself) {
+  const Issued self =
+      issue({.issuer = &ca,
+             .extensions = {{"authorityInfoAccess", "OCSP;URI:"s + kOne}, kResponder, kNoCheck}});
+  around.know(self);
+  answer(kOne, {.signer = &self});
+  EXPECT_EQ(decide(self).status, Status::kUndetermined);
+}
+
+// The key of the lists' issuer is certified by the CA as well: whether it is revoked is told by its own
+// list, if at all, which is believed only while nothing else says so.
+TEST_F(RevocationOCSPTest, DelegateThatRestsOnAnAssumption_CountsWhereItMay) {
+  const Issued crlKey = issue({.subject = "O=Test,CN=CA", .issuer = &ca, .keyUsage = KU_CRL_SIGN});
+  around.know(crlKey);
+  const Issued delegate = responder();
+  answer(kOne, {.signer = &delegate});
+  around.publish({.issuer = &crlKey});
+  const Outcome outcome = decide(leaf);
+  EXPECT_EQ(outcome.status, Status::kGood);
+  EXPECT_EQ(outcome.decidedBy.at(0).kind, Statement::Kind::kOCSP);
+}
+
+TEST_F(RevocationOCSPTest, NestedTooDeep_FallsShort) {
+  const Issued delegate = responder({kNoCheck});
+  answer(kOne, {.signer = &delegate});
+  around.publish({.issuer = &ca});
+  atDepth(VerificationRun::kMaximumLevel - 1, [&] {
+    EXPECT_FALSE(VerificationRun::current()->fellShort());
+    const Outcome outcome = decide(leaf);
+    EXPECT_TRUE(has(outcome, Reason::kTooManyNested));
+    EXPECT_TRUE(VerificationRun::current()->fellShort());
+  });
+}
+
+// The path.
+
+TEST_F(RevocationOCSPTest, Intermediate_HasResponderOfItsOwn) {
+  const Issued inner = issue({.subject = "O=Test,CN=CA 2",
+                              .issuer = &root,
+                              .ca = true,
+                              .extensions = {{"authorityInfoAccess", "OCSP;URI:"s + kTwo}}});
+  const Issued certificate =
+      issue({.issuer = &inner, .extensions = {{"authorityInfoAccess", "OCSP;URI:"s + kOne}}});
+  answer(kOne, {.signer = &inner});
+  answer(kTwo, {.signer = &root});
+  std::vector<Outcome> outcomes = around.decide({certificate, inner, root});
+  EXPECT_EQ(outcomes.at(1).status, Status::kGood);
+  EXPECT_EQ(outcomes.at(0).status, Status::kGood);
+
+  // The good answer for the leaf does not hide it.
+  answer(kTwo, {.signer = &root, .singles = {single(V_OCSP_CERTSTATUS_REVOKED)}});
+  around.sources.asked.clear();
+  outcomes = around.decide({certificate, inner, root});
+  EXPECT_EQ(outcomes.at(1).status, Status::kRevoked);
+  EXPECT_EQ(outcomes.at(0).status, Status::kUndetermined);
+  EXPECT_EQ(outcomes.at(0).code, X509_V_OK);
+  EXPECT_FALSE(wasAsked("OCSP "s + kOne));
+}
+
+TEST_F(RevocationOCSPTest, GoodLeafBelowAnIntermediateThatAListRevokes_IsNotGood) {
+  answer(kOne, {.signer = &ca});
+  around.publish({.issuer = &root, .revoked = {{.serial = ca}}});
+  const std::vector<Outcome> outcomes = around.decide({leaf, ca, root});
+  EXPECT_EQ(outcomes.at(1).status, Status::kRevoked);
+  EXPECT_EQ(outcomes.at(0).status, Status::kUndetermined);
+}
+
+// RFC 9608
+
+TEST_F(RevocationOCSPTest, NoRevocationAvailable_NobodyIsAsked) {
+  const RawExtension none{.oid = "2.5.29.56", .der = "\x05\0"s};
+  const Issued certificate = issue({.issuer = &ca, .rawExtensions = {none}});
+  around.publish({.issuer = &ca, .revoked = {{.serial = certificate}}});
+  const Outcome outcome = decide(certificate);
+  EXPECT_EQ(outcome.status, Status::kNotNeeded);
+  EXPECT_EQ(outcome.code, X509_V_OK);
+  EXPECT_EQ(around.sources.asked, Asked{"CRLs CN=Root,O=Test"});
+
+  answer(kOne, {.signer = &ca});
+  const Issued misused = issue({.issuer = &ca,
+                                .extensions = {{"authorityInfoAccess", "OCSP;URI:"s + kOne}},
+                                .rawExtensions = {none}});
+  around.sources.asked.clear();
+  const Outcome error = decide(misused);
+  EXPECT_EQ(error.status, Status::kUndetermined);
+  EXPECT_EQ(error.code, X509_V_ERR_INVALID_EXTENSION);
+  EXPECT_EQ(around.sources.asked, Asked{"CRLs CN=Root,O=Test"});
+}
+
+TEST_F(RevocationOCSPTest, ExtensionThatCannotBeRead_IsAnErrorOfTheCertificate) {
+  const Issued certificate =
+      issue({.issuer = &ca, .rawExtensions = {{.oid = "1.3.6.1.5.5.7.1.1", .der = "\x30\x05\0"s}}});
+  around.publish({.issuer = &ca});
+  const Outcome outcome = decide(certificate);
+  EXPECT_EQ(outcome.status, Status::kUndetermined);
+  EXPECT_EQ(outcome.code, X509_V_ERR_INVALID_EXTENSION);
+  ASSERT_EQ(outcome.setAside.size(), 1U);
+  EXPECT_EQ(outcome.setAside[0].reason, Reason::kMalformed);
+  EXPECT_EQ(outcome.setAside[0].statement.kind, Statement::Kind::kCertificate);
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
