@@ -42,7 +42,7 @@ class Verifier;
 ///
 /// **Intended leniencies.** An entry whose reason is "unspecified" (0) does not revoke. An expired
 /// base CRL is accepted beside a delta CRL, also beside one that is dropped. An expiry error is
-/// overwritten when the issuer of a later CRL validates. docs/ARCHITECTURE.md has the others, with
+/// overwritten when the issuer of a later CRL validates. docs/CONFORMANCE.md has the others, with
 /// the clauses of RFC 5280.
 ///
 /// **Threads.** One thread at a time. The container keeps a reference to its verifier, which

@@ -1,5 +1,12 @@
 /// @file
 /// What a `ConformingVerifier` leaves to local policy.
+///
+/// @code
+///   RevocationSettings settings;
+///   settings.securityLevel = 3;                        // 128 bits
+///   settings.ocspResponders.push_back(ourResponder);   // may speak about any certificate
+///   ConformingVerifier verifier(store, certificate, untrusted, config, settings);
+/// @endcode
 #pragma once
 
 #include <velantrix/Certificate.h>

@@ -25,6 +25,14 @@ namespace Velantrix::Crypto::PKX509 {
 /// check. Nothing of one verification survives into the next but what the lookup methods keep, so
 /// what is put into the directories counts from the next call on.
 ///
+/// **Which verifier.** `Verifier` has leniencies that others rely on. A program that does not says
+/// so once, at start-up, and has `ConformingVerifier` in its place:
+///
+/// @code
+///   SimpleVerifier::useConformingVerifier();
+///   CertificateVerifier* const verifier = SimpleVerifier::instance();
+/// @endcode
+///
 /// **Whose it is.** `instance()` makes one object, which `CertificateVerifier::s_instance` owns and
 /// which lives until the process ends; the library never deletes it. An object may also be made
 /// like any other and be registered there, or not at all.
@@ -56,6 +64,16 @@ class PKX509_EXPORT SimpleVerifier : public CertificateVerifier {
   ///
   /// Calls are guarded against each other only. Whoever writes `s_instance` does so before.
   static CertificateVerifier* instance();
+
+  /// From now on every object of this class, in all of the process, verifies with a
+  /// `ConformingVerifier` in its default settings, or with @p on = false again with a `Verifier`,
+  /// which is how it begins. The conforming verifier contacts no address of the machine itself or of
+  /// its links: OCSP responders and CRL servers on loopback are out of its reach here.
+  ///
+  /// May be called at any time by any thread; verifications that run end with the verifier that they
+  /// began with. It is the program's choice, for start-up, and not that of a library in it: others
+  /// may rely on the leniencies.
+  static void useConformingVerifier(bool on = true) noexcept;
 
   /// Attaches a lookup method to every store made from now on, behind those added before. An empty
   /// handle is a programming error that stops the process at the next verification.

@@ -22,6 +22,7 @@
 
 #include <openssl/x509_vfy.h>
 
+#include <functional>
 #include <iosfwd>
 #include <list>
 #include <memory>
@@ -55,7 +56,8 @@ namespace Velantrix::Crypto::PKX509 {
 /// certificate's issuer, because indirect CRLs are allowed: whoever serves the distribution point
 /// chooses the CRL, as long as its issuer can be validated. CRLs found by the issuer's name are
 /// compared. An OCSP answer that does not mention the certificate counts as good, and the times in
-/// an answer are not compared with the clock (see `OCSP::Client`).
+/// an answer are not compared with the clock (see `OCSP::Client`). docs/CONFORMANCE.md has all of
+/// them, beside what `ConformingVerifier` does, which has none.
 ///
 /// **The network.** Revocation is checked before signatures, so before a host is reached for a
 /// certificate (OCSP, a CRL by URI, what LDAP has for a name in it) every signature from it up to
@@ -228,14 +230,21 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   CRLContainer crls;
 
  private:
+  friend class ConformingVerifier;
   struct State;
+  using InstallCallbacks = void(X509_STORE*) noexcept;
+
+  Verifier(InstallCallbacks* installCallbacks, const RefObjectStore& store,
+           const RefCertificate& certificate, const RefStackOfCertificate& untrusted,
+           const Config& config);
 
   static int verifyCallback(int ok, X509_STORE_CTX* context);
   static int getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x);
   static int certCRLCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x);
   static int checkRevocationCallback(X509_STORE_CTX* context);
 
-  void initialize(bool useOpenSSLRevocation);
+  void initialize(bool useOpenSSLRevocation, InstallCallbacks* installCallbacks = nullptr);
+  int runs(const std::function<int()>& verify);
   void prepare(STACK_OF(X509) * intermediates);
   void prepareAgain();
   bool applyRemaining(X509* x);

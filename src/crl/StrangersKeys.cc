@@ -57,13 +57,14 @@ bool hasModestExponent(const X509* holder) {
   return *exponent <= kOctets || (*exponent == kOctets + 1 && *position == 0);
 }
 
-bool isModest(const X509* holder, const EVP_PKEY* key) {
-  if (EVP_PKEY_get_bits(key) > StrangersKeys::kMaximumBits) return false;
+}  // namespace
+
+bool StrangersKeys::isModest(X509* holder) {
+  const EVP_PKEY* const key = X509_get0_pubkey(holder);
+  if (key == nullptr || EVP_PKEY_get_bits(key) > kMaximumBits) return false;
   const int kind = EVP_PKEY_get_base_id(key);
   return (kind != EVP_PKEY_RSA && kind != EVP_PKEY_RSA_PSS) || hasModestExponent(holder);
 }
-
-}  // namespace
 
 bool StrangersKeys::signedBy(const CertificateRevocationList& crl, const RefCertificate& holder,
                              const std::function<bool()>& vouchedFor) {
@@ -73,7 +74,7 @@ bool StrangersKeys::signedBy(const CertificateRevocationList& crl, const RefCert
   if (const std::optional<bool> known = crl.rememberedSignature(key)) return *known;
   Use* const use = VerificationRun::kept<Use>();
   if (use == nullptr) return crl.isSignedBy(key);
-  if (!use->admits(isModest(holder, key), vouchedFor)) {
+  if (!use->admits(isModest(holder), vouchedFor)) {
     Shortfall::note();
     if (!std::exchange(use->told, true)) {
       log(kPriorityInfo,

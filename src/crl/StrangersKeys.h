@@ -25,6 +25,9 @@ class StrangersKeys {
   // vouches; and how many are verified after that for whom nobody does.
   static constexpr std::size_t kMaximumSignatures = 32;
 
+  // Whether its key is below those bounds, as far as they have something to do with its kind.
+  static bool isModest(X509* holder);
+
   // Whether the holder's key signed the CRL. Beyond the bounds it is used only if a trust anchor
   // vouches for the holder, which costs signatures too and so is asked only then; otherwise the
   // answer is false, and the run has fallen short. The first refusal is logged.

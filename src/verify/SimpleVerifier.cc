@@ -1,6 +1,7 @@
 #include "foundation/base/Log.h"
 #include "foundation/base/NoCancellation.h"
 
+#include <pkx509/ConformingVerifier.h>
 #include <pkx509/FixedPaths.h>
 #include <pkx509/ObjectStore.h>
 #include <pkx509/SimpleVerifier.h>
@@ -9,6 +10,7 @@
 
 #include <openssl/x509.h>
 
+#include <atomic>
 #include <mutex>
 #include <string>
 
@@ -17,6 +19,13 @@ namespace Velantrix::Crypto::PKX509 {
 namespace {
 
 constexpr int kRefused = -1;  // beside OpenSSL's codes, which are not negative
+
+std::atomic<bool> conforming = false;
+
+int verdictOn(const RefCertificate& certificate, const RefObjectStore& store) {
+  if (conforming) return ConformingVerifier(store, certificate).isValid();
+  return Verifier(store, certificate, false).isValid();
+}
 
 // A certificate without key-usage bits does not restrict its use.
 bool allows(const RefCertificate& certificate, int keyUsage) {
@@ -36,6 +45,8 @@ CertificateVerifier* SimpleVerifier::instance() {
   return s_instance;
 }
 
+void SimpleVerifier::useConformingVerifier(bool on) noexcept { conforming = on; }
+
 void SimpleVerifier::add(const RefLookupMethod& method) { lookupMethods.push_back(method); }
 
 int SimpleVerifier::isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage) {
@@ -50,7 +61,7 @@ int SimpleVerifier::isValid(const RefCertificate& certificate, int keyUsage, boo
       method->store(store);
       store->add(method);
     }
-    return Verifier(store, certificate, false).isValid();
+    return verdictOn(certificate, store);
   } catch (const Exception& failure) {
     log(kPriorityDebug, "Cryptod::CMS::SimpleVerifier: Caught " + failure.asString());
     return kRefused;

@@ -3,15 +3,14 @@
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
 #include "verify/FailureText.h"
+#include "verify/StoreCallbacks.h"
 #include "verify/VerifierState.h"
 
 #include <velantrix/Assert.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
-#include <chrono>
 #include <new>
-#include <optional>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -29,51 +28,6 @@ int contextIndex() {
   PKX509_ASSERT(index > 0);
   return index;
 }
-
-// What OpenSSL uses where a store has no cert_crl of its own. It is not exported; a context that
-// belongs to no store has it.
-X509_STORE_CTX_cert_crl_fn defaultCertCRL() {
-  static const X509_STORE_CTX_cert_crl_fn function = [] {
-    const Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
-    if (context == nullptr || X509_STORE_CTX_init(context.get(), nullptr, nullptr, nullptr) != 1) {
-      throw std::bad_alloc();
-    }
-    return X509_STORE_CTX_get_cert_crl(context.get());
-  }();
-  return function;
-}
-
-// 0 stands for no limit.
-std::optional<std::chrono::seconds> limitOf(unsigned int seconds) noexcept {
-  if (seconds == 0) return std::nullopt;
-  return std::chrono::seconds(seconds);
-}
-
-// Installs callbacks on a store and puts the former ones back. OpenSSL has no setters for them on a
-// context; a context copies them from its store when it is initialised.
-class StoreCallbacks {
- public:
-  explicit StoreCallbacks(X509_STORE* store) noexcept
-      : store_(store),
-        checkRevocation_(X509_STORE_get_check_revocation(store)),
-        getCRL_(X509_STORE_get_get_crl(store)),
-        certCRL_(X509_STORE_get_cert_crl(store)) {}
-  ~StoreCallbacks() {
-    X509_STORE_set_check_revocation(store_, checkRevocation_);
-    X509_STORE_set_get_crl(store_, getCRL_);
-    X509_STORE_set_cert_crl(store_, certCRL_);
-  }
-  StoreCallbacks(const StoreCallbacks&) = delete;
-  StoreCallbacks& operator=(const StoreCallbacks&) = delete;
-
-  X509_STORE_CTX_cert_crl_fn formerCertCRL() const noexcept { return certCRL_; }
-
- private:
-  X509_STORE* store_;  // borrowed
-  X509_STORE_CTX_check_revocation_fn checkRevocation_;
-  X509_STORE_CTX_get_crl_fn getCRL_;
-  X509_STORE_CTX_cert_crl_fn certCRL_;
-};
 
 }  // namespace
 
@@ -101,12 +55,20 @@ Verifier::Verifier(const RefObjectStore& trustStore, const RefCertificate& targe
   initialize(useOpenSSLRevocation);
 }
 
+Verifier::Verifier(InstallCallbacks* installCallbacks, const RefObjectStore& trustStore,
+                   const RefCertificate& target, const RefStackOfCertificate& stack,
+                   const Config& configuration)
+    : store(trustStore), certificate(target), untrusted(stack), config(configuration), crls(*this) {
+  initialize(false, installCallbacks);
+}
+
 // The context goes first, while the store and everything it borrows is still held: it is the last
 // member. The others follow in the reverse order of their declaration.
 Verifier::~Verifier() = default;
 
-void Verifier::initialize(bool useOpenSSLRevocation) {
+void Verifier::initialize(bool useOpenSSLRevocation, InstallCallbacks* installCallbacks) {
   state_ = std::make_unique<State>(useOpenSSLRevocation);
+  state_->installCallbacks = installCallbacks;
   // The flags go to the shared store, and every later context on it inherits them.
   const auto flags = static_cast<unsigned long>(static_cast<long>(config.flags));
   state_->context.reset(X509_STORE_CTX_new());
@@ -126,11 +88,12 @@ void Verifier::prepare(STACK_OF(X509) * intermediates) {
     X509_STORE_set_get_crl(x509Store, getCrlCallback);
     if (state_->useOpenSSLRevocation) {
       state_->certCRL =
-          former.formerCertCRL() != nullptr ? former.formerCertCRL() : defaultCertCRL();
+          former.formerCertCRL() != nullptr ? former.formerCertCRL() : defaultCallbacks().certCRL;
       X509_STORE_set_cert_crl(x509Store, certCRLCallback);
     } else {
       X509_STORE_set_check_revocation(x509Store, checkRevocationCallback);
     }
+    if (state_->installCallbacks != nullptr) state_->installCallbacks(x509Store);
     initialized = X509_STORE_CTX_init(state_->context.get(), x509Store, certificate, intermediates);
   }
   // Initialising wipes ex-data, so the way back is attached after it.
@@ -173,13 +136,15 @@ void Verifier::prepareAgain() {
 const RefObjectStore& Verifier::objectStore() const { return store; }
 
 int Verifier::isValid() {
+  return runs([this] { return X509_verify_cert(state_->context.get()); });
+}
+
+int Verifier::runs(const std::function<int()>& verify) {
   const NoCancellation untilReturn;
   ERR_clear_error();
   // First of all, so that an override which verifies again while it is asked for CRLs is refused as
   // a circle before it takes the context away from OpenSSL.
-  VerificationRun run(certificate, {.networkTime = limitOf(state_->networkSeconds),
-                                    .processorTime = limitOf(state_->processorSeconds),
-                                    .addresses = state_->addresses});
+  VerificationRun run(certificate, state_->limits());
   if (run.refusal() != nullptr) {
     error = X509_V_ERR_CRL_PATH_VALIDATION_ERROR;
     contextError(error);
@@ -188,7 +153,7 @@ int Verifier::isValid() {
   }
   if (state_->used) prepareAgain();
   state_->used = true;
-  const int result = X509_verify_cert(state_->context.get());
+  const int result = verify();
   state_->fetchNotes = FetchRecord::notes();
   run.rethrowParked();
   if (result < 1) {
@@ -314,7 +279,7 @@ int Verifier::getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x) {
 int Verifier::certCRLCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x) {
   return guardedCallback(0, [&] {
     Verifier* const verifier = of(context);
-    if (verifier == nullptr) return defaultCertCRL()(context, crl, x);
+    if (verifier == nullptr) return defaultCallbacks().certCRL(context, crl, x);
     const int result = verifier->state_->certCRL(context, crl, x);
     return result != 0 && verifier->applyRemaining(x) ? result : 0;
   });

@@ -66,6 +66,11 @@ VouchedChain::VouchedChain(const std::list<RefCertificate>& chain, X509_STORE_CT
   for (const RefCertificate& certificate : chain) chain_.push_back(hold(certificate));
 }
 
+VouchedChain::VouchedChain(const std::list<RefCertificate>& chain, bool anchored)
+    : VouchedChain(chain, nullptr) {
+  anchored_ = anchored;
+}
+
 bool VouchedChain::isOf(const X509_STORE_CTX* context) const noexcept {
   const STACK_OF(X509)* const built = X509_STORE_CTX_get0_chain(context);
   const std::size_t length = lengthOf(built);

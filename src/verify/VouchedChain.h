@@ -30,6 +30,8 @@ class VouchedChain : private NonCopyable {
   // A list that somebody made, leaf first. It is anchored when its end is in the store of the
   // context, which is borrowed and looked at when the first signature is to be verified.
   VouchedChain(const std::list<RefCertificate>& chain, X509_STORE_CTX* context);
+  // One of whose end it is known whether it is trusted.
+  VouchedChain(const std::list<RefCertificate>& chain, bool anchored);
 
   // Whether it is what OpenSSL has built in the context now.
   bool isOf(const X509_STORE_CTX* context) const noexcept;

@@ -23,14 +23,17 @@ using namespace Velantrix::Crypto::PKX509;
 
 extern RefObjectStore store;
 extern Verifier verifier;
+extern Verifier::Config config;
 
 extern RefCertificate certificate;
 extern RefCertificate ca;
 extern RefCertificate candidate;
 extern RefCertificate responder;
+extern RefCertificate ourResponder;
 extern std::list<RefCertificate> certificates;
 extern std::list<RefCertificate> chain;
 extern std::list<RefCertificate> intermediates;
+extern RefStackOfCertificate untrusted;
 extern RefCertificateRevocationList crl;
 extern RefCRLDistributionPoint point;
 extern DistinguishedName issuer;

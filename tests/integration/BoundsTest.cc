@@ -23,32 +23,6 @@ constexpr std::size_t kMebibyte = std::size_t{1024} * 1024;
 constexpr char kAttribute[] = "certificateRevocationList;binary";
 constexpr char kDeltaAttribute[] = "deltaRevocationList;binary";
 
-// The number of a request, which its answer repeats.
-int numberOf(const std::string& request) {
-  const std::size_t head = request[1] == '\x81' ? 3 : 2;
-  return static_cast<unsigned char>(request.at(head + 2));
-}
-
-// The next search; 0 when the client is gone. A bind before it succeeds.
-int nextSearch(LDAPPeer::Connection& connection) {
-  for (std::string request = connection.read(); !request.empty(); request = connection.read()) {
-    const int number = numberOf(request);
-    const auto operation = request.at(request[1] == '\x81' ? 6 : 5);
-    if (operation == '\x63') return number;
-    if (operation == '\x60') connection.write(message(number, done(0, {}, 0x61)));
-  }
-  return 0;
-}
-
-void answerSearches(LDAPPeer::Connection& connection, const std::vector<std::string>& entries) {
-  while (const int number = nextSearch(connection)) {
-    for (const std::string& one : entries) {
-      if (!connection.write(message(number, one))) return;
-    }
-    connection.write(message(number, done(0)));
-  }
-}
-
 // What follows does not come.
 void answerAndHold(LDAPPeer::Connection& connection, const std::vector<std::string>& entries) {
   const int number = nextSearch(connection);

@@ -24,6 +24,12 @@ static_assert(!std::is_copy_constructible_v<SimpleVerifier>);
 constexpr char kMismatch[] = "SimpleVerifier: Requested value is not present in the Key Usage.";
 constexpr char kCaught[] = "Cryptod::CMS::SimpleVerifier: Caught ";
 
+// Switched on for a scope.
+struct ConformingHere {
+  ConformingHere() { SimpleVerifier::useConformingVerifier(); }
+  ~ConformingHere() { SimpleVerifier::useConformingVerifier(false); }
+};
+
 class SimpleVerifierTest : public testing::Test {
  protected:
   const Issued root = issueCA("O=Test,CN=Root");
@@ -118,6 +124,39 @@ TEST_F(SimpleVerifierTest, Verdict_IsThatOfADefaultVerifierWithItsOwnRevocationC
                              .deltaBase = Serial(1),
                              .revoked = {{.serial = held, .reason = CRL_REASON_REMOVE_FROM_CRL}}})};
   EXPECT_EQ(isValid(held), 0) << log.text();
+}
+
+TEST_F(SimpleVerifierTest,
+       ConformingVerifier_ServesAllObjectsFromTheNextCallOn_UntilItIsSwitchedOff) {
+  // A reason that does not revoke for a Verifier.
+  source->crls = {crlHandle(
+      {.issuer = &root, .revoked = {{.serial = leaf, .reason = CRL_REASON_UNSPECIFIED}}})};
+  EXPECT_EQ(isValid(leaf), 0) << log.text();
+  {
+    const ConformingHere switched;
+    EXPECT_EQ(isValid(leaf), X509_V_ERR_CERT_REVOKED);
+    SimpleVerifier other;
+    other.add(method);
+    EXPECT_EQ(other.isValid(handle(leaf), 0, true), X509_V_ERR_CERT_REVOKED);
+    source->crls = {crlHandle({.issuer = &root})};
+    EXPECT_EQ(isValid(leaf), 0) << log.text();
+    source->onQuery = [](Query, const DistinguishedName&) {
+      throw Exception("Source", Exception::kFailure, "Source", 12).stringParameter("It is down.");
+    };
+    EXPECT_NE(isValid(leaf), 0);
+    source->onQuery = nullptr;
+    source->crls = {crlHandle(
+        {.issuer = &root, .revoked = {{.serial = leaf, .reason = CRL_REASON_UNSPECIFIED}}})};
+  }
+  EXPECT_EQ(isValid(leaf), 0) << log.text();
+}
+
+TEST_F(SimpleVerifierTest, KeyUsage_IsAskedForWithTheConformingVerifierToo) {
+  const Issued issued =
+      issue({.subject = "O=Test,CN=Leaf", .issuer = &root, .keyUsage = KU_KEY_ENCIPHERMENT});
+  const ConformingHere switched;
+  EXPECT_EQ(isValid(issued, KU_KEY_ENCIPHERMENT), 0) << log.text();
+  EXPECT_EQ(isValid(issued, KU_DIGITAL_SIGNATURE), -1);
 }
 
 TEST_F(SimpleVerifierTest, NothingOfOneVerificationSurvivesIntoTheNext) {

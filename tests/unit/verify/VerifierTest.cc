@@ -43,12 +43,6 @@ TEST_F(VerifierTest, ValidChain_IsZeroAndNothingIsLogged) {
   }
 }
 
-Issued signedAgain(const Issued& issued, const Issued& issuer, const EVP_MD* digest) {
-  const Owned<X509> copy(X509_dup(issued.get()));
-  EXPECT_GT(X509_sign(copy.get(), issuer.key.get(), digest), 0);
-  return Issued{certFromDer(der(copy.get())), issued.key};
-}
-
 // Meant so: OpenSSL's level for verification is 0 unless the caller sets one on the context.
 TEST_F(VerifierTest, WeakDigestsAndKeys_AreAcceptedUnlessALevelIsSet) {
   const std::shared_ptr<EVP_PKEY> weakKey(EVP_RSA_gen(512), EVP_PKEY_free);
@@ -67,8 +61,8 @@ TEST_F(VerifierTest, WeakDigestsAndKeys_AreAcceptedUnlessALevelIsSet) {
     int atLevelTwo;
   } rows[] = {
       {"SHA-256", strong, 0},
-      {"SHA-1", signedAgain(strong, rsaRoot, EVP_sha1()), X509_V_ERR_CA_MD_TOO_WEAK},
-      {"MD5", signedAgain(strong, rsaRoot, EVP_md5()), X509_V_ERR_CA_MD_TOO_WEAK},
+      {"SHA-1", signedWith(EVP_sha1(), strong, rsaRoot), X509_V_ERR_CA_MD_TOO_WEAK},
+      {"MD5", signedWith(EVP_md5(), strong, rsaRoot), X509_V_ERR_CA_MD_TOO_WEAK},
       {"RSA with 512 bits", issue(weak), X509_V_ERR_EE_KEY_TOO_SMALL},
   };
   for (const auto& row : rows) {

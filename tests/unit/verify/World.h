@@ -19,6 +19,7 @@
 
 #include <functional>
 #include <list>
+#include <stdexcept>
 #include <string>
 
 namespace Velantrix::Test {
@@ -34,6 +35,13 @@ inline RefStackOfCertificate stackOf(const std::list<Issued>& certificates) {
   std::list<RefCertificate> handles;
   for (const Issued& issued : certificates) handles.push_back(handle(issued));
   return RefStackOfCertificate(handles);
+}
+
+/// The same certificate, signed by its issuer with another digest.
+inline Issued signedWith(const EVP_MD* digest, const Issued& issued, const Issued& issuer) {
+  const Owned<X509> copy(X509_dup(issued.get()));
+  if (X509_sign(copy.get(), issuer.key.get(), digest) <= 0) throw std::runtime_error("X509_sign");
+  return Issued{certFromDer(der(copy.get())), issued.key};
 }
 
 /// What the library asks a source for.

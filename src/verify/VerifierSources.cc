@@ -1,0 +1,245 @@
+#include "verify/VerifierSources.h"
+
+#include "crl/CRLCache.h"
+#include "crl/RetrievedCRLs.h"
+#include "foundation/base/Shortfall.h"
+#include "foundation/net/NetworkBudget.h"
+#include "foundation/run/FetchRecord.h"
+#include "foundation/run/VerificationRun.h"
+#include "ocsp/OCSPExchange.h"
+#include "store/LookupMemory.h"
+#include "store/TolerantReading.h"
+
+#include <pkx509/FixedPaths.h>
+#include <pkx509/HashDirLookup.h>
+#include <velantrix/CertificateFactory.h>
+#include <velantrix/Exception.h>
+
+#include <algorithm>
+#include <exception>
+#include <functional>
+#include <list>
+#include <new>
+#include <set>
+#include <utility>
+
+namespace Velantrix::Crypto::PKX509 {
+
+using Revocation::Offered;
+using Revocation::Offers;
+using Revocation::Provenance;
+
+namespace {
+
+// The answer of one source, which is kept as long as the verification lasts.
+template <class Handle>
+using Known = std::shared_ptr<const Offers<Handle>>;
+
+// An order in which those that are equal octet for octet are equal. Where OpenSSL has no fingerprint
+// of a CRL it is that of the objects.
+struct ByOctets {
+  bool operator()(const X509* a, const X509* b) const { return X509_cmp(a, b) < 0; }
+  bool operator()(const X509_CRL* a, const X509_CRL* b) const {
+    constexpr int kNoFingerprint = -2;
+    const int order = X509_CRL_match(a, b);
+    return order == kNoFingerprint ? std::less<>()(a, b) : order < 0;
+  }
+};
+
+bool isCalled(const RefCertificate& certificate, const DistinguishedName& name) {
+  return certificate->subject() == name;
+}
+// A directory entry holds lists of other issuers as well; their scope tells whom they speak about.
+bool isCalled(const RefCertificateRevocationList& /*crl*/, const DistinguishedName& /*name*/) {
+  return true;
+}
+
+// A look-up of CRLs is counted, one of certificates only bounded in time.
+bool admits(const Offers<RefCertificate>& /*offers*/) { return VerificationRun::admitStep(); }
+bool admits(const Offers<RefCertificateRevocationList>& /*offers*/) {
+  return VerificationRun::admitLookup();
+}
+
+// What was read in one go, and whether there may be more. `read` appends to the list it is given.
+template <class Handle, class Read>
+void readInto(Offers<Handle>& offers, const Provenance& from, const TolerantReading& reading,
+              const Read& read) {
+  std::list<Handle> found;
+  try {
+    read(found);
+  } catch (const std::bad_alloc&) {
+    Shortfall::note();
+    offers.cut = true;
+  }
+  const Time now = Time::now();
+  for (const Handle& one : found) {
+    if (one) offers.found.push_back({one, from, now});
+  }
+  offers.cut = offers.cut || reading.cut();
+}
+
+// Gathers what sources have under one name.
+template <class Handle>
+class Gathering {
+ public:
+  explicit Gathering(const DistinguishedName& name) : name_(name) {}
+
+  void ask(const std::string& directory, Provenance::Kind kind) {
+    if (directory.empty()) return;
+    ask(directory, {kind, directory}, directory, [&](std::list<Handle>& found) {
+      HashDirLookupMethod(directory).getBySubject(name_, found);
+    });
+  }
+  void ask(LookupMethod& method) {
+    const std::string& title = method.methodName();
+    ask(&method, {Provenance::Kind::kLookupMethod, title}, "what lookup method " + title + " has",
+        [&](std::list<Handle>& found) { method.getBySubject(name_, found); });
+  }
+  void add(const Offered<Handle>& one) {
+    if (isCalled(one.object, name_) && seen_.insert(one.object->native()).second) {
+      all_.found.push_back(one);
+    }
+  }
+  void cut() { all_.cut = true; }
+  template <class Test>
+  bool hasAny(const Test& test) const {
+    return std::any_of(all_.found.begin(), all_.found.end(),
+                       [&](const Offered<Handle>& one) { return test(one.object); });
+  }
+  Offers<Handle> take() { return std::move(all_); }
+
+ private:
+  using Native = decltype(std::declval<const Handle&>()->native());
+
+  template <class Query>
+  void ask(const LookupSource& source, const Provenance& from, const std::string& what,
+           const Query& query) {
+    if (!admits(all_)) return cut();
+    std::list<Known<Handle>> answer;
+    // Not shared with who reads as ever: what has expired is not in there.
+    askOnce(source, name_, answer, [&](std::list<Known<Handle>>& known) {
+      const auto offers = std::make_shared<Offers<Handle>>();
+      const TolerantReading reading;
+      readInto(*offers, from, reading,
+               [&](std::list<Handle>& found) { readOneOf(what, [&] { query(found); }); });
+      known.push_back(offers);
+      return !reading.unsettled();
+    });
+    all_.cut = all_.cut || answer.front()->cut;
+    for (const Offered<Handle>& one : answer.front()->found) add(one);
+  }
+
+  const DistinguishedName& name_;
+  Offers<Handle> all_;
+  std::set<Native, ByOctets> seen_;
+};
+
+// Those of a message with the subject. The others are not even made handles of.
+void addMessage(STACK_OF(X509) * untrusted, const DistinguishedName& subject,
+                Gathering<RefCertificate>& all) {
+  const TolerantReading reading;
+  Offers<RefCertificate> offers;
+  readInto(offers, {Provenance::Kind::kMessage}, reading, [&](std::list<RefCertificate>& found) {
+    for (int i = 0; i < sk_X509_num(untrusted); ++i) {
+      X509* const x509 = sk_X509_value(untrusted, i);
+      if (X509_NAME_cmp(X509_get_subject_name(x509), subject.native()) != 0) continue;
+      readOneOf("a certificate that came along",
+                [&] { found.push_back(CertificateFactory()(x509, false)); });
+    }
+  });
+  if (offers.cut) all.cut();
+  for (const Offered<RefCertificate>& one : offers.found) all.add(one);
+}
+
+void add(Offers<RefCertificateRevocationList>& offers,
+         const std::list<RefCertificateRevocationList>& crls, Provenance::Kind kind,
+         const std::string& place, const Time& fetched) {
+  for (const RefCertificateRevocationList& crl : crls) {
+    offers.found.push_back({crl, {kind, place}, fetched});
+  }
+}
+
+// A complete list of that issuer, issued and not run out by now.
+bool isCurrent(const CertificateRevocationList& crl, const DistinguishedName& issuer) {
+  const Time now = Time::now();
+  const ASN1::RefGeneralizedTime nextUpdate = crl.nextUpdate();
+  return !crl.isDeltaCRL() && crl.crlInfo().issuer() == issuer && !nextUpdate.empty() &&
+         now < nextUpdate->asTime() && !(now < crl.lastUpdate()->asTime());
+}
+
+Offers<RefCertificateRevocationList> retrieved(const Uri& uri) {
+  const RetrievedCRLs answer = retrieveCRLs(uri);
+  const std::string place = FetchRecord::placeOf(uri);
+  Offers<RefCertificateRevocationList> offers;
+  add(offers, answer.cached, Provenance::Kind::kCache, place, answer.cachedAt);
+  add(offers, answer.fetched, Provenance::Kind::kNetwork, place, Time::now());
+  offers.cut = answer.cut;
+  return offers;
+}
+
+}  // namespace
+
+Offers<RefCertificate> VerifierSources::certificates(const DistinguishedName& subject) {
+  Gathering<RefCertificate> all(subject);
+  all.ask(store_->directory(), Provenance::Kind::kTrustDirectory);
+  for (const RefLookupMethod& method : store_->methods()) all.ask(*method);
+  for (const RefObject& object : store_->objects()) {
+    if (!object || object->type != Object::TypeCertificate || !object->certificate) continue;
+    all.add({object->certificate, {Provenance::Kind::kStore}, Time::now()});
+  }
+  addMessage(untrusted_, subject, all);
+  return all.take();
+}
+
+Offers<RefCertificateRevocationList> VerifierSources::crls(const DistinguishedName& name) {
+  Gathering<RefCertificateRevocationList> all(name);
+  all.ask(kCRLDirectory, Provenance::Kind::kCRLDirectory);
+  for (const RefLookupMethod& method : store_->methods()) all.ask(*method);
+  // CRLs that lie beside the trust anchors are read where the places for CRLs have none that is current.
+  if (!all.hasAny(
+          [&](const RefCertificateRevocationList& crl) { return isCurrent(*crl.get(), name); })) {
+    all.ask(store_->directory(), Provenance::Kind::kTrustDirectory);
+  }
+  return all.take();
+}
+
+Offers<RefCertificateRevocationList> VerifierSources::crls(const Uri& uri) {
+  if (uri.isNull()) return {};
+  Offers<RefCertificateRevocationList> cut;
+  cut.cut = true;
+  if (!VerificationRun::admitLookup()) return cut;
+  std::list<Known<RefCertificateRevocationList>> answer;
+  // By the whole text: URIs with one normal form need not make one request.
+  askOnce("URI", uri.asString(), answer, [&](auto& known) {
+    known.push_back(std::make_shared<const Offers<RefCertificateRevocationList>>(retrieved(uri)));
+    return !known.front()->cut;
+  });
+  return *answer.front();
+}
+
+void VerifierSources::isForged(const Uri& uri, const RefCertificateRevocationList& crl) {
+  if (uri.isNull()) return;
+  try {
+    CRLCache(kCRLCacheDirectory).remove(uri, crl);
+  } catch (const std::exception&) {
+    // It stays until it runs out.
+  }
+}
+
+std::shared_ptr<void> VerifierSources::shareForResponders() {
+  return std::make_shared<NetworkBudget::HalfOfTime>();
+}
+
+Offers<std::string> VerifierSources::ocsp(const Uri& responder, const std::string& request) {
+  Offers<std::string> offers;
+  if (responder.isNull()) return offers;
+  const OCSP::ResponderAnswer answer = OCSP::askResponder(responder, request);
+  offers.cut = answer.missing;
+  if (answer.body.has_value()) {
+    offers.found.push_back(
+        {*answer.body, {Provenance::Kind::kNetwork, FetchRecord::placeOf(responder)}, Time::now()});
+  }
+  return offers;
+}
+
+}  // namespace Velantrix::Crypto::PKX509
