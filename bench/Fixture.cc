@@ -2,6 +2,7 @@
 
 #include "support/Handles.h"
 
+#include <pkx509/ConformingVerifier.h>
 #include <pkx509/Verifier.h>
 
 namespace Velantrix::Bench {
@@ -75,6 +76,11 @@ bool libraryVerify(const RefObjectStore& store, const RefCertificate& leaf,
                    const RefStackOfCertificate& untrusted) {
   Verifier verifier(store, leaf, untrusted, false);
   return verifier.isValid() == X509_V_OK;
+}
+
+bool conformingVerify(const RefObjectStore& store, const RefCertificate& leaf,
+                      const RefStackOfCertificate& untrusted) {
+  return ConformingVerifier(store, leaf, untrusted).isValid() == X509_V_OK;
 }
 
 }  // namespace Velantrix::Bench

@@ -67,9 +67,15 @@ Crypto::Owned<X509_STORE> openSSLStore(const Chain& chain);
 // One bare verification; false when the certificate is not valid.
 bool openSSLVerify(X509_STORE* store, X509* leaf, STACK_OF(X509) * untrusted);
 
-// One verification by the library.
+// One verification by the library, with the one verifier or the other.
+using Verify = bool (*)(const Crypto::PKX509::RefObjectStore& store,
+                        const Crypto::PKX509::RefCertificate& leaf,
+                        const Crypto::PKX509::RefStackOfCertificate& untrusted);
 bool libraryVerify(const Crypto::PKX509::RefObjectStore& store,
                    const Crypto::PKX509::RefCertificate& leaf,
                    const Crypto::PKX509::RefStackOfCertificate& untrusted);
+bool conformingVerify(const Crypto::PKX509::RefObjectStore& store,
+                      const Crypto::PKX509::RefCertificate& leaf,
+                      const Crypto::PKX509::RefStackOfCertificate& untrusted);
 
 }  // namespace Velantrix::Bench

@@ -85,19 +85,19 @@ void floorOf(benchmark::State& state, Test::KeyKind kind) {
 }
 
 // The CRLs have been found and checked before, as for a daemon that keeps them.
-void foundVerifier(benchmark::State& state, Test::KeyKind kind) {
+void foundVerifier(benchmark::State& state, Test::KeyKind kind, Verify verify) {
   const LibraryChain chain(chainOf(kind));
-  for (auto _ : state) require(state, libraryVerify(chain.store, chain.leaf, chain.untrusted));
+  for (auto _ : state) require(state, verify(chain.store, chain.leaf, chain.untrusted));
 }
 
 // The same with CRL objects that no verification has seen, so that every signature is checked.
-void unseenVerifier(benchmark::State& state, Test::KeyKind kind) {
+void unseenVerifier(benchmark::State& state, Test::KeyKind kind, Verify verify) {
   const LibraryChain chain(chainOf(kind));
   for (auto _ : state) {
     state.PauseTiming();
     chain.renewCRLs(chainOf(kind));
     state.ResumeTiming();
-    require(state, libraryVerify(chain.store, chain.leaf, chain.untrusted));
+    require(state, verify(chain.store, chain.leaf, chain.untrusted));
   }
 }
 
@@ -110,7 +110,7 @@ void foundOpenSSL(benchmark::State& state, Test::KeyKind kind) {
 }
 
 // Everything out of the directory each time, nothing kept.
-void freshVerifier(benchmark::State& state, Test::KeyKind kind) {
+void freshVerifier(benchmark::State& state, Test::KeyKind kind, Verify verify) {
   const Chain& chain = chainOf(kind);
   const LibraryChain objects(chain);
   const std::list<RefCertificate> intermediates{Test::handle(chain.intermediate)};
@@ -119,7 +119,7 @@ void freshVerifier(benchmark::State& state, Test::KeyKind kind) {
     RefObjectStore store(directory, X509_FILETYPE_PEM);
     store->add(RefLookupMethod(new HashDirLookupMethod(directory)));
     store->add(intermediates);
-    require(state, libraryVerify(store, objects.leaf, objects.untrusted));
+    require(state, verify(store, objects.leaf, objects.untrusted));
   }
 }
 
@@ -161,18 +161,32 @@ constexpr Test::KeyKind kRsa = Test::KeyKind::Rsa2048;
 constexpr Test::KeyKind kP256 = Test::KeyKind::P256;
 
 // A name is group/variant; Main.cc prints the variants of a group as ratios.
-BENCHMARK_CAPTURE(foundVerifier, rsa, kRsa)->Name("found CRLs, RSA-2048/library");
-BENCHMARK_CAPTURE(unseenVerifier, rsa, kRsa)->Name("found CRLs, RSA-2048/library, CRLs unseen");
+BENCHMARK_CAPTURE(foundVerifier, rsa, kRsa, libraryVerify)->Name("found CRLs, RSA-2048/library");
+BENCHMARK_CAPTURE(foundVerifier, rsa_conforming, kRsa, conformingVerify)
+    ->Name("found CRLs, RSA-2048/conforming");
+BENCHMARK_CAPTURE(unseenVerifier, rsa, kRsa, libraryVerify)
+    ->Name("found CRLs, RSA-2048/library, CRLs unseen");
+BENCHMARK_CAPTURE(unseenVerifier, rsa_conforming, kRsa, conformingVerify)
+    ->Name("found CRLs, RSA-2048/conforming, CRLs unseen");
 BENCHMARK_CAPTURE(foundOpenSSL, rsa, kRsa)->Name("found CRLs, RSA-2048/openssl");
 BENCHMARK_CAPTURE(floorOf, rsa, kRsa)->Name("found CRLs, RSA-2048/floor");
-BENCHMARK_CAPTURE(foundVerifier, p256, kP256)->Name("found CRLs, P-256/library");
-BENCHMARK_CAPTURE(unseenVerifier, p256, kP256)->Name("found CRLs, P-256/library, CRLs unseen");
+BENCHMARK_CAPTURE(foundVerifier, p256, kP256, libraryVerify)->Name("found CRLs, P-256/library");
+BENCHMARK_CAPTURE(foundVerifier, p256_conforming, kP256, conformingVerify)
+    ->Name("found CRLs, P-256/conforming");
+BENCHMARK_CAPTURE(unseenVerifier, p256, kP256, libraryVerify)
+    ->Name("found CRLs, P-256/library, CRLs unseen");
+BENCHMARK_CAPTURE(unseenVerifier, p256_conforming, kP256, conformingVerify)
+    ->Name("found CRLs, P-256/conforming, CRLs unseen");
 BENCHMARK_CAPTURE(foundOpenSSL, p256, kP256)->Name("found CRLs, P-256/openssl");
 BENCHMARK_CAPTURE(floorOf, p256, kP256)->Name("found CRLs, P-256/floor");
-BENCHMARK_CAPTURE(freshVerifier, rsa, kRsa)->Name("fresh store, RSA-2048/library");
+BENCHMARK_CAPTURE(freshVerifier, rsa, kRsa, libraryVerify)->Name("fresh store, RSA-2048/library");
+BENCHMARK_CAPTURE(freshVerifier, rsa_conforming, kRsa, conformingVerify)
+    ->Name("fresh store, RSA-2048/conforming");
 BENCHMARK_CAPTURE(freshOpenSSL, rsa, kRsa)->Name("fresh store, RSA-2048/openssl");
 BENCHMARK_CAPTURE(floorOf, rsa, kRsa)->Name("fresh store, RSA-2048/floor");
-BENCHMARK_CAPTURE(freshVerifier, p256, kP256)->Name("fresh store, P-256/library");
+BENCHMARK_CAPTURE(freshVerifier, p256, kP256, libraryVerify)->Name("fresh store, P-256/library");
+BENCHMARK_CAPTURE(freshVerifier, p256_conforming, kP256, conformingVerify)
+    ->Name("fresh store, P-256/conforming");
 BENCHMARK_CAPTURE(freshOpenSSL, p256, kP256)->Name("fresh store, P-256/openssl");
 BENCHMARK_CAPTURE(floorOf, p256, kP256)->Name("fresh store, P-256/floor");
 BENCHMARK_CAPTURE(parsedVerifier, rsa, kRsa)->Name("leaf parsed, RSA-2048/library");
