@@ -102,6 +102,10 @@ void Subcommand::needs(const std::string& name, const std::string& other) {
   app_.get_option(name)->needs(app_.get_option(other));
 }
 
+void Subcommand::excludes(const std::string& name, const std::string& other) {
+  app_.get_option(name)->excludes(app_.get_option(other));
+}
+
 void Subcommand::footer(const std::string& text) { app_.footer(text); }
 
 void Subcommand::action(const Action& run) {

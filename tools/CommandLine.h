@@ -59,6 +59,8 @@ class Subcommand {
   void flag(const std::string& name, const std::string& description, bool& value);
   /// Refuses the option @p name where @p other is not given.
   void needs(const std::string& name, const std::string& other);
+  /// Refuses the option @p name where @p other is given.
+  void excludes(const std::string& name, const std::string& other);
 
   /// What help says below the list of options.
   void footer(const std::string& text);

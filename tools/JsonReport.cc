@@ -29,7 +29,8 @@ Value valueOf(const Report& report) {
   Value::Object members = {{"file", report.file},
                            {"verdict", report.valid() ? "valid" : "invalid"},
                            {"code", report.code},
-                           {"text", report.text}};
+                           {"text", report.text},
+                           {"verifier", report.verifier}};
   if (report.pathKnown) {
     members.emplace_back("depth", report.depth);
     members.emplace_back("chain", chainOf(report));

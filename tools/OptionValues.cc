@@ -58,6 +58,20 @@ constexpr std::array kFlags = {
     Flag{"X509_STRICT", X509_V_FLAG_X509_STRICT},
 };
 
+using Crypto::PKX509::AddressPolicy;
+
+struct AddressKind {
+  std::string_view name;
+  AddressPolicy::Kind kind;
+};
+
+constexpr std::array kAddressKinds = {
+    AddressKind{"loopback", AddressPolicy::Kind::kLoopback},
+    AddressKind{"link-local", AddressPolicy::Kind::kLinkLocal},
+    AddressKind{"multicast", AddressPolicy::Kind::kMulticast},
+    AddressKind{"unspecified", AddressPolicy::Kind::kUnspecified},
+};
+
 static_assert(std::all_of(kFlags.begin(), kFlags.end(),
                           [](const Flag& flag) { return flag.value <= INT_MAX; }),
               "a verifier's configuration holds its flags in an int");
@@ -198,6 +212,20 @@ int parseKeyUsage(const std::string& names) {
     bits |= bit;
   }
   return static_cast<int>(bits);
+}
+
+void allowAddresses(const std::string& kind, AddressPolicy& policy) {
+  if (kind == "all") {
+    policy = AddressPolicy::everything();
+    return;
+  }
+  for (const AddressKind& known : kAddressKinds) {
+    if (known.name != kind) continue;
+    policy.allow(known.kind);
+    return;
+  }
+  throw ToolError("--allow-address: \"" + kind +
+                  "\" is none of loopback, link-local, multicast, unspecified and all");
 }
 
 void requirePolicy(const std::string& text) {

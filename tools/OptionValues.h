@@ -1,6 +1,8 @@
 // Reads the values of options that are more than a text.
 #pragma once
 
+#include <pkx509/AddressPolicy.h>
+
 #include <ctime>
 #include <string>
 #include <string_view>
@@ -27,6 +29,12 @@ std::vector<std::string_view> flagNames();
 /// which is the newer name of the second, is known as well.
 /// @throws ToolError for an unknown name
 int parseKeyUsage(const std::string& names);
+
+/// A kind of addresses that `AddressPolicy::publicAndPrivate()` refuses, by its name: "loopback",
+/// "link-local", "multicast" or "unspecified"; "all" for all of them.
+/// @param policy allows it from then on
+/// @throws ToolError for an unknown name
+void allowAddresses(const std::string& kind, Crypto::PKX509::AddressPolicy& policy);
 
 /// Checks that @p text is a dotted object identifier that the library takes.
 /// @throws ToolError when it is not

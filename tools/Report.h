@@ -29,15 +29,19 @@ struct Report {
     std::string reason;
   };
 
+  static constexpr const char* kClassic = "classic";
+  static constexpr const char* kConforming = "conforming";
+
   bool valid() const noexcept { return code == X509_V_OK; }
 
   std::string file;
-  int code = X509_V_ERR_UNSPECIFIED;  ///< `X509_V_ERR_*`, or -1 of the simple verifier
-  std::string text;                   ///< OpenSSL's, for the code
-  bool pathKnown = true;              ///< false: depth and chain are no part of the report
-  int depth = 0;                      ///< of the certificate that failed; 0 is the one verified
-  std::vector<Link> chain;            ///< as far as it was built, the certificate verified first
-  std::vector<std::string> notes;     ///< what whoever chose the flags may not expect of them
+  int code = X509_V_ERR_UNSPECIFIED;   ///< `X509_V_ERR_*`, or -1 of the simple verifier
+  std::string text;                    ///< OpenSSL's, for the code
+  std::string verifier = kConforming;  ///< which one decided
+  bool pathKnown = true;               ///< false: depth and chain are no part of the report
+  int depth = 0;                       ///< of the certificate that failed; 0 is the one verified
+  std::vector<Link> chain;             ///< as far as it was built, the certificate verified first
+  std::vector<std::string> notes;      ///< what whoever chose the flags may not expect of them
   std::vector<LogLine> log;
   std::vector<Retrieval> retrieval;
 };

@@ -31,6 +31,7 @@ struct Options {
   std::string file;
   int keyUsage = 0;
   bool requireKeyUsage = false;
+  bool conforming = false;
   bool json = false;
   std::string colour = "auto";
 };
@@ -39,6 +40,7 @@ Report verify(const Options& options, const RefCertificate& certificate) {
   LogCollector log;
   Report report;
   report.file = options.file;
+  report.verifier = options.conforming ? Report::kConforming : Report::kClassic;
   report.pathKnown = false;
   try {
     report.code =
@@ -57,6 +59,7 @@ Report verify(const Options& options, const RefCertificate& certificate) {
 
 int run(const Options& options) {
   const bool colour = wantsColour(options.colour);
+  SimpleVerifier::useConformingVerifier(options.conforming);
   const Report report = verify(options, readCertificates(options.file).front());
   if (options.json) {
     writeOutput(jsonReport({report}));
@@ -71,7 +74,8 @@ constexpr std::string_view kBeforeNames = R"(
 The first certificate of CERT is verified as daemons verify it that have no trust store of their own:
 trusted certificates come from /opsadmin/etc/cert/server/ca and CRLs from
 /opsadmin/etc/cert/server/crl, both of them directories of PEM files that are named by a hash.
-Intermediate certificates have to stand in the former; others in CERT play no part.
+Intermediate certificates have to stand in the former; others in CERT play no part. --conforming is for
+daemons that ask for the conforming verifier, which "pkx509 verify" uses; others have the classic one.
 
 NAMES are key usages, in any case of letters and separated by commas:
 )";
@@ -81,12 +85,13 @@ Without --require-key-usage a key usage that does not fit is a log line and noth
 certificate that does not restrict its key usage always fits.
 
 Output:
-  The verdict, OpenSSL's code and text for it. The code is -1 when the key usage was refused or when
-  the verification could not be carried out. Log lines that explain it go to standard error, as
-  "CERT: <priority> text".
+  The verdict, OpenSSL's code and text for it, the verifier that decided. The code is -1 when the key
+  usage was refused or when the verification could not be carried out. Log lines that explain it go to
+  standard error, as "CERT: <priority> text".
   With --json everything goes to standard output, as an array of one object: file, verdict ("valid"
-  or "invalid"), code, text, log (objects with priority, text). JSON is never coloured, and with
-  NO_COLOR set in the environment or TERM being "dumb", --color=auto is "never".
+  or "invalid"), code, text, verifier ("classic" or "conforming"), log (objects with priority, text).
+  JSON is never coloured, and with NO_COLOR set in the environment or TERM being "dumb", --color=auto
+  is "never".
 
 Exit status:
   0  The certificate is valid.
@@ -118,6 +123,8 @@ void addSimpleCommand(CommandLine& commandLine) {
   command.flag("--require-key-usage", "refuses a certificate whose key usage does not fit",
                options->requireKeyUsage);
   command.needs("--require-key-usage", "--key-usage");
+  command.flag("--conforming", "with the conforming verifier, as daemons that ask for it",
+               options->conforming);
   command.flag("--json", "prints JSON", options->json);
   command.option("--color", "WHEN", kColourHelp, options->colour);
   command.footer(helpText());

@@ -18,7 +18,7 @@ std::string textReport(const Report& report, bool colour) {
   std::string out = printable(report.file) + ": " + verdict(report, colour) + ", code " +
                     std::to_string(report.code) + " (" + report.text + ")";
   if (!report.valid() && report.pathKnown) out += ", depth " + std::to_string(report.depth);
-  out += '\n';
+  out += "\n  verifier: " + report.verifier + '\n';
   int depth = 0;
   for (const Report::Link& link : report.chain) {
     out += "  chain " + std::to_string(depth++) + ": subject " + printable(link.subject) + '\n';

@@ -2,8 +2,10 @@
 
 #include "Responders.h"
 
+#include <pkx509/ConformingVerifier.h>
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/ObjectStore.h>
+#include <pkx509/Verifier.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 #include <velantrix/StackOfCertificate.h>
@@ -11,6 +13,7 @@
 #include <openssl/x509_vfy.h>
 
 #include <iterator>
+#include <memory>
 
 namespace Velantrix::Tool {
 
@@ -18,8 +21,9 @@ using namespace Crypto::PKX509;
 
 namespace {
 
-// The untrusted certificates are known to this store only: the search for a CRL's issuer looks
-// there, and must not meet the certificates that came with somebody else's.
+// The untrusted certificates are known to this store only: a Verifier's search for a CRL's issuer
+// looks there, and must not meet the certificates that came with somebody else's. A
+// ConformingVerifier takes them from the stack that it is given.
 RefObjectStore makeStore(const VerificationSettings& settings,
                          const std::list<RefCertificate>& untrusted) {
   RefObjectStore store(settings.caDirectory, X509_FILETYPE_PEM);
@@ -32,8 +36,34 @@ RefObjectStore makeStore(const VerificationSettings& settings,
     directory->store(store);
     store->add(method);
   }
-  store->add(untrusted);
+  if (settings.classic) store->add(untrusted);
   return store;
+}
+
+Verifier::Config configOf(const VerificationSettings& settings) {
+  Verifier::Config config;
+  if (!settings.policies.empty()) config.policies = settings.policies;
+  const int defaults =
+      settings.classic ? Verifier::Config::kDefaultFlags : ConformingVerifier::kDefaultFlags;
+  config.flags =
+      (defaults | static_cast<int>(settings.setFlags)) & ~static_cast<int>(settings.clearedFlags);
+  return config;
+}
+
+std::unique_ptr<Verifier> makeVerifier(const VerificationSettings& settings,
+                                       const RefCertificate& certificate,
+                                       const std::list<RefCertificate>& untrusted) {
+  const RefObjectStore store = makeStore(settings, untrusted);
+  const RefStackOfCertificate stack(untrusted);
+  Verifier::Config config = configOf(settings);
+  if (settings.classic) {
+    return std::make_unique<Verifier>(store, certificate, stack, config,
+                                      settings.openSSLRevocation);
+  }
+  auto verifier =
+      std::make_unique<ConformingVerifier>(store, certificate, stack, config, settings.revocation);
+  verifier->addressPolicy(settings.addresses);
+  return verifier;
 }
 
 void applyParameters(const VerificationSettings& settings, Verifier& verifier) {
@@ -55,13 +85,14 @@ std::vector<Report::Link> chainOf(X509_STORE_CTX* context) {
   return links;
 }
 
-// With CRL_CHECK alone the library's check is about the one certificate, and its OCSP client is not
+// With CRL_CHECK alone a Verifier's check is about the one certificate, and its OCSP client is not
 // told of the issuer, without which nobody can be asked.
 bool leavesResponderOut(const VerificationSettings& settings, const Verifier& verifier,
                         const RefCertificate& certificate) {
   const unsigned long flags = X509_VERIFY_PARAM_get_flags(X509_STORE_CTX_get0_param(verifier));
   constexpr unsigned long kBoth = X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
-  if (settings.openSSLRevocation || (flags & kBoth) != X509_V_FLAG_CRL_CHECK) return false;
+  if (!settings.classic || settings.openSSLRevocation) return false;
+  if ((flags & kBoth) != X509_V_FLAG_CRL_CHECK) return false;
   try {
     return !respondersNamedBy(certificate).empty();
   } catch (const Exception&) {
@@ -75,12 +106,12 @@ Report verify(const VerificationSettings& settings, const std::list<RefCertifica
   std::list<RefCertificate> untrusted(std::next(certificates.begin()), certificates.end());
   untrusted.insert(untrusted.end(), settings.untrusted.begin(), settings.untrusted.end());
 
-  Verifier::Config config = settings.config;
-  Verifier verifier(makeStore(settings, untrusted), certificates.front(),
-                    RefStackOfCertificate(untrusted), config, settings.openSSLRevocation);
+  const std::unique_ptr<Verifier> owner = makeVerifier(settings, certificates.front(), untrusted);
+  Verifier& verifier = *owner;
   applyParameters(settings, verifier);
 
   Report report;
+  report.verifier = settings.classic ? Report::kClassic : Report::kConforming;
   report.code = verifier.isValid();
   report.text = X509_verify_cert_error_string(report.code);
   if (!report.valid()) report.depth = X509_STORE_CTX_get_error_depth(verifier);

@@ -31,6 +31,7 @@ struct Options {
   std::vector<std::string> untrustedFiles;
   std::vector<std::string> policies;
   VerificationSettings settings;
+  unsigned int securityLevel = static_cast<unsigned int>(settings.revocation.securityLevel);
   std::optional<std::string> ldap;
   std::optional<std::string> bindDn;
   bool json = false;
@@ -43,16 +44,14 @@ void prepare(Options& options) {
   files.insert(files.end(), options.untrustedFiles.begin(), options.untrustedFiles.end());
   requireOneStandardInput(files);
   VerificationSettings& settings = options.settings;
+  settings.revocation.securityLevel = static_cast<int>(options.securityLevel);
   if (options.bindDn && !options.ldap) throw ToolError("--bind-dn goes with --ldap");
   if (options.ldap) {
     settings.ldap = {ldapServer(*options.ldap), options.bindDn.value_or(""), ""};
   }
-  if (!options.policies.empty()) {
-    settings.config.policies.clear();
-    for (const std::string& policy : options.policies) {
-      requirePolicy(policy);
-      settings.config.policies.insert(policy);
-    }
+  for (const std::string& policy : options.policies) {
+    requirePolicy(policy);
+    settings.policies.insert(policy);
   }
   requireHashDirectory("--ca-dir", settings.caDirectory);
   for (const std::string& directory : settings.crlDirectories) {
@@ -114,15 +113,25 @@ int run(Options& options) {
 constexpr std::string_view kBeforeFlags = R"(
 The first certificate of a FILE is the one verified; others in the same file count as untrusted
 certificates, from which the path may be built. CRLs are looked for in every --crl-dir, and in
-/opsadmin/etc/cert/server/crl for certificates without CRL distribution points. Directories hold PEM
-files that are named by a hash, as "openssl rehash" names them.
+/opsadmin/etc/cert/server/crl for what CRL distribution points do not settle. Directories hold PEM files
+that are named by a hash, as "openssl rehash" names them.
 
 With --ldap certificates and CRLs are looked for in that LDAP directory as well, in the entry with the
-name of whom they belong to. What it gives is trusted like what is in --ca-dir: a root found there is a
-trust anchor. Without --bind-dn the tool binds with an empty name and no password; with a DN, whatever
-it is, it does not bind at all and searches as nobody. ldaps servers have to show a certificate that
-OpenSSL's default directory of trusted certificates vouches for. With the flag EXPLICIT_POLICY a path
-must have one of the policies.
+name of whom they belong to. A root that is found there only is not trusted. Without --bind-dn the tool
+binds with an empty name and no password; with a DN, whatever it is, it does not bind at all and searches
+as nobody. ldaps servers have to show a certificate that OpenSSL's default directory of trusted
+certificates vouches for. With the flag EXPLICIT_POLICY a path must have one of the policies.
+
+Path and revocation are held against RFC 5280, 6960 and 9608 to the letter. --security-level is
+OpenSSL's, 0, 80, 112, 128, 192 or 256 bits, of certificates, CRLs and OCSP answers. CRL servers and OCSP
+responders are contacted at public and private addresses; KIND allows others: loopback, link-local,
+multicast, unspecified or all.
+
+With --classic the verifier is the one of daemons that do not ask for another. It has leniencies that
+others rely on: they are listed in docs/CONFORMANCE.md, and a good OCSP answer hides a revoked CA, to name
+one. What an LDAP directory gives is trusted then, a root found there is a trust anchor. CRLs of
+directories are looked for only where a certificate names no distribution point. There is no security
+level, and every address is contacted.
 
 TIME is in UTC: 2026-11-21T05:00:00Z, 2026-11-21 (the begin of that day), or @ and seconds since the
 epoch. OpenSSL verifies as of a whole second: of 05:00:00.5 and @1795237200.5 the fraction is cut off.
@@ -131,21 +140,21 @@ NAME is that of a constant of OpenSSL, with or without X509_V_FLAG_, in any case
 )";
 
 constexpr std::string_view kAfterFlags = R"(
-Set by default are CRL_CHECK, CRL_CHECK_ALL, X509_STRICT, POLICY_CHECK, EXTENDED_CRL_SUPPORT and
-USE_DELTAS. --flag and --no-flag work in the order in which they are given. With CRL_CHECK and without
-CRL_CHECK_ALL only the certificate itself is checked for revocation, and only by CRLs: no OCSP responder
-is asked. A note says so where the certificate names one.
+Set by default are CRL_CHECK, CRL_CHECK_ALL, POLICY_CHECK, EXTENDED_CRL_SUPPORT and USE_DELTAS, and with
+--classic X509_STRICT. --flag and --no-flag work in the order in which they are given. With CRL_CHECK and
+without CRL_CHECK_ALL only the certificate itself is checked for revocation, with --classic only by CRLs:
+no OCSP responder is asked. A note says so where the certificate names one.
 
 Output:
-  For each certificate its verdict, OpenSSL's code and text for it, the depth at which it failed and
-  the path that was built. Log lines that explain it go to standard error, as "FILE: <priority> text",
-  and so does which CRL could not be fetched or kept in the cache, as "FILE: not fetched: URI:
-  reason" and "FILE: not cached: URI: reason".
+  For each certificate its verdict, OpenSSL's code and text for it, the depth at which it failed, the
+  verifier that decided and the path that was built. Log lines that explain it go to standard error,
+  as "FILE: <priority> text", and so does which CRL could not be fetched or kept in the cache, as
+  "FILE: not fetched: URI: reason" and "FILE: not cached: URI: reason".
   With --json everything goes to standard output, as an array of an object for each certificate:
-  file, verdict ("valid" or "invalid"), code, text, depth, chain (objects with subject, issuer,
-  serial), log (objects with priority, text) and, where there are some, notes (texts) and retrieval
-  (objects with what, uri, reason). JSON is never coloured, and --color=auto is "never"
-  when NO_COLOR is set in the environment or TERM is "dumb".
+  file, verdict ("valid" or "invalid"), code, text, verifier ("conforming" or "classic"), depth, chain
+  (objects with subject, issuer, serial), log (objects with priority, text) and, where there are some,
+  notes (texts) and retrieval (objects with what, uri, reason). JSON is never coloured, and with
+  NO_COLOR set in the environment or TERM being "dumb", --color=auto is "never".
 
 Exit status:
   0  All certificates are valid.
@@ -157,6 +166,7 @@ Exit status:
 Examples:
   pkx509 verify person.pem
   pkx509 verify --ca-dir /etc/ssl/certs --crl-dir crls --untrusted chain.pem person.pem
+  pkx509 verify --classic person.pem
   pkx509 verify --json --at 2026-11-21T05:00:00Z a.pem b.der
   openssl s_client -showcerts -connect mx.example.com:465 </dev/null | pkx509 verify -
 )";
@@ -209,19 +219,31 @@ void addVerifyCommand(CommandLine& commandLine) {
   command.repeatableOption("--flag", "NAME", "sets a verification flag, see below; repeatable",
                            [options](const std::string& name) {
                              const unsigned long bits = parseFlag(name);
-                             options->settings.config.flags |= static_cast<int>(bits);
+                             options->settings.setFlags |= bits;
                              options->settings.clearedFlags &= ~bits;
                            });
   command.repeatableOption("--no-flag", "NAME", "clears a verification flag; repeatable",
                            [options](const std::string& name) {
                              const unsigned long bits = parseFlag(name);
-                             options->settings.config.flags &= ~static_cast<int>(bits);
+                             options->settings.setFlags &= ~bits;
                              options->settings.clearedFlags |= bits;
                            });
   command.option("--at", "TIME", "verifies as of that time, see below",
                  [options](const std::string& text) { options->settings.at = parseTime(text); });
-  command.flag("--openssl-revocation", "OpenSSL's revocation check in place of the library's",
+  command.numberOption("--security-level", "N",
+                       "how strong keys and signatures have to be, 0 to 5, default 2",
+                       options->securityLevel, 0, 5);
+  command.repeatableOption(
+      "--allow-address", "KIND", "hosts at such addresses may be contacted, see below; repeatable",
+      [options](const std::string& kind) { allowAddresses(kind, options->settings.addresses); });
+  command.flag("--classic", "verifies with the leniencies that daemons rely on, see below",
+               settings.classic);
+  command.excludes("--security-level", "--classic");
+  command.excludes("--allow-address", "--classic");
+  command.flag("--openssl-revocation",
+               "OpenSSL's revocation check in place of the library's, with --classic",
                settings.openSSLRevocation);
+  command.needs("--openssl-revocation", "--classic");
   command.flag("--json", "prints JSON", options->json);
   command.option("--color", "WHEN", kColourHelp, options->colour);
   command.footer(helpText());

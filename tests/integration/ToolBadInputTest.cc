@@ -145,6 +145,7 @@ TEST_F(ToolBadInput, CommandLinesThatMakeNoSense_AreExplained) {
   const std::string noPolicy = "\" is no object identifier; give one like 2.5.29.32.0";
   const std::string noFlag =
       "\" is no verification flag of OpenSSL; pkx509 verify --help lists them";
+  const std::string noKind = "\" is none of loopback, link-local, multicast, unspecified and all";
   struct Row {
     Arguments arguments;
     std::string text;
@@ -166,6 +167,14 @@ TEST_F(ToolBadInput, CommandLinesThatMakeNoSense_AreExplained) {
       {{"verify", "x", "--no-flag", ""}, "\"" + noFlag},
       {{"verify", "x", "--no-flag", "X509_V_FLAG_"}, "\"X509_V_FLAG_" + noFlag},
       {{"verify", "x", "--flag", "0x20"}, "\"0x20" + noFlag},
+      {{"verify", "x", "--openssl-revocation"}, "--openssl-revocation requires --classic" + usage},
+      {{"verify", "x", "--classic", "--security-level", "2"},
+       "--security-level excludes --classic" + usage},
+      {{"verify", "x", "--classic", "--allow-address", "all"},
+       "--allow-address excludes --classic" + usage},
+      {{"verify", "x", "--allow-address", "private"}, "--allow-address: \"private" + noKind},
+      {{"verify", "x", "--allow-address", ""}, "--allow-address: \"" + noKind},
+      {{"verify", "x", "--allow-address", "Loopback"}, "--allow-address: \"Loopback" + noKind},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(testing::PrintToString(row.arguments));
@@ -175,6 +184,10 @@ TEST_F(ToolBadInput, CommandLinesThatMakeNoSense_AreExplained) {
   for (const Arguments& arguments :
        {Arguments{"verify"}, Arguments{"verify", "x", "--at"}, Arguments{"verify", "--ca-dir"},
         Arguments{"verify", "x", "--at", "@1", "--at", "@2"},
+        Arguments{"verify", "x", "--security-level", "6"},
+        Arguments{"verify", "x", "--security-level", "-1"},
+        Arguments{"verify", "x", "--security-level", "high"},
+        Arguments{"verify", "x", "--security-level", "1", "--security-level", "2"},
         Arguments{"verify", "x", "--json=maybe"}}) {
     SCOPED_TRACE(testing::PrintToString(arguments));
     const CommandResult result = tool(arguments);
@@ -263,7 +276,7 @@ TEST_F(ToolBadInput, OneOfSeveralFiles_LeavesTheOthersTheirReports) {
             nlohmann::json::array());
 }
 
-TEST_F(ToolBadInput, MalformedCRL_IsAnErrorForTheCertificatesThatNeedIt) {
+TEST_F(ToolBadInput, MalformedCRL_IsAnErrorOfTheClassicVerifierForTheCertificatesThatNeedIt) {
   const std::string directory = own("crls");
   fs::copy(pki("crl/good"), directory,
            fs::copy_options::recursive | fs::copy_options::copy_symlinks);
@@ -273,8 +286,8 @@ TEST_F(ToolBadInput, MalformedCRL_IsAnErrorForTheCertificatesThatNeedIt) {
   }
   writeFile(directory + "/base.crl", "garbage");
   const Arguments verify = {
-      "verify",    "--ca-dir", pki("ca"),      "--untrusted",     pki("intermediates.pem"),
-      "--crl-dir", directory,  person("good"), person("stranger")};
+      "verify",    "--ca-dir", pki("ca"),      "--untrusted",      pki("intermediates.pem"),
+      "--crl-dir", directory,  person("good"), person("stranger"), "--classic"};
   const CommandResult text = tool(verify);
   EXPECT_EQ(text.status, 2);
   EXPECT_TRUE(text.err.starts_with("pkx509: " + person("good") + ": " + malformed + ": "))
@@ -286,6 +299,25 @@ TEST_F(ToolBadInput, MalformedCRL_IsAnErrorForTheCertificatesThatNeedIt) {
   ASSERT_EQ(parsed(json).size(), 1U);
   EXPECT_EQ(parsed(json).at(0).at("file"), person("stranger"));
   EXPECT_EQ(parsed(json).at(0).at("log").size(), 1U);
+}
+
+TEST_F(ToolBadInput, WhatCannotBeRead_IsPassedOverByTheConformingVerifier_WithALine) {
+  const std::string directory = own("crls");
+  fs::copy(pki("crl/good"), directory,
+           fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  writeFile(directory + "/base.crl", "garbage");
+  const Arguments broken = {
+      "verify",    "--ca-dir", pki("ca"),     "--untrusted", pki("intermediates.pem"),
+      "--crl-dir", directory,  person("good")};
+  const CommandResult missing = tool(broken);
+  EXPECT_TRUE(missing.out.starts_with(person("good") + ": invalid, code 3 ")) << missing.out;
+  EXPECT_EQ(missing.status, 1);
+  const std::string line = person("good") + ": <7> Passed over " + directory + "/";
+  EXPECT_EQ(missing.err.find(line), 0U) << missing.err;
+  // With the right one beside it nothing is missing.
+  const CommandResult beside = tool(broken + Arguments{"--crl-dir", pki("crl/good")});
+  EXPECT_EQ(beside.status, 0) << beside.out;
+  EXPECT_NE(beside.err.find(line), std::string::npos) << beside.err;
 }
 
 TEST_F(ToolBadInput, LogLinesBeforeAnError_AreShownAsText_AndBelongToNobodyElseInJson) {
@@ -300,8 +332,8 @@ TEST_F(ToolBadInput, LogLinesBeforeAnError_AreShownAsText_AndBelongToNobodyElseI
   command({"openssl", "rehash", directory});
   writeFile(directory + "/one.crl", "garbage");
   const Arguments verify = {
-      "verify",    "--ca-dir", pki("ca"),      "--untrusted",     pki("intermediates.pem"),
-      "--crl-dir", directory,  person("good"), person("stranger")};
+      "verify",    "--ca-dir", pki("ca"),      "--untrusted",      pki("intermediates.pem"),
+      "--crl-dir", directory,  person("good"), person("stranger"), "--classic"};
   const CommandResult text = tool(verify);
   EXPECT_EQ(text.status, 2);
   EXPECT_TRUE(text.err.starts_with(person("good") + ": <0> \npkx509: " + person("good") + ": " +
@@ -314,12 +346,15 @@ TEST_F(ToolBadInput, LogLinesBeforeAnError_AreShownAsText_AndBelongToNobodyElseI
   EXPECT_EQ(parsed(json).at(0).at("log").size(), 1U) << json.out;
 }
 
-TEST_F(ToolBadInput, UnreadableFixedCRLDirectory_IsAnError) {
+TEST_F(ToolBadInput, UnreadableFixedCRLDirectory_IsAnErrorOfTheClassicVerifier) {
   ASSERT_EQ(::chmod(kCRLDirectory, 0), 0);
   obeyPermissions();
   ASSERT_FALSE(mayRead(kCRLDirectory)) << "the test needs a user whom permissions bind";
-  const CommandResult result = tool(verifyWith("good") + Arguments{person("good")});
+  const CommandResult result = tool(classicWith("good") + Arguments{person("good")});
+  const CommandResult conforming = tool(verifyWith("good") + Arguments{person("good")});
   ASSERT_EQ(::chmod(kCRLDirectory, 0755), 0);
+  EXPECT_EQ(conforming.status, 0) << conforming.out;
+  EXPECT_NE(conforming.err.find(kCRLDirectory), std::string::npos) << conforming.err;
   expectRefused(result, person("good") + ": " + kCRLDirectory + ": Permission denied");
 }
 
@@ -376,7 +411,9 @@ TEST_F(ToolBadInput, DamagedCertificatesAndCRLs_GiveAVerdictOrAnError) {
   const std::string goodLeaf = der(leaf.get());
   const std::string goodCRL = der(crl.get());
   writeFile(leafFile, goodLeaf);
+  const Arguments classic = verify + Arguments{"--classic"};
   ASSERT_EQ(tool(verify).status, 0);
+  ASSERT_EQ(tool(classic).status, 0);
 
   std::mt19937 random(20261121);
   const auto damaged = [&random](std::string bytes) {
@@ -399,7 +436,7 @@ TEST_F(ToolBadInput, DamagedCertificatesAndCRLs_GiveAVerdictOrAnError) {
     const bool leafIsDamaged = i % 2 == 0;
     writeFile(leafFile, leafIsDamaged ? damaged(goodLeaf) : goodLeaf);
     writeFile(crlFile, leafIsDamaged ? goodCRL : damaged(goodCRL));
-    const CommandResult result = tool(verify);
+    const CommandResult result = tool(i % 4 < 2 ? verify : classic);
     ASSERT_LE(result.status, 2) << result.err;
     if (result.status != 2) continue;
     EXPECT_NE(result.err.find("pkx509: " + leafFile + ": "), std::string::npos) << result.err;

@@ -80,10 +80,10 @@ TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
   EXPECT_EQ(offered({"--v"}), (Words{"--version"}));
   EXPECT_EQ(offered({"x"}), (Words{}));
   const Words verify = optionsIn(tool({"verify", "--help"}).out);
-  EXPECT_EQ(verify.size(), 13U);
+  EXPECT_EQ(verify.size(), 16U);
   EXPECT_EQ(offered({"verify", "-"}), verify);
   EXPECT_EQ(offered({"verify", "a.pem", "--json", "--"}), verify);
-  EXPECT_EQ(offered({"verify", "--c"}), (Words{"--ca-dir", "--crl-dir", "--color"}));
+  EXPECT_EQ(offered({"verify", "--c"}), (Words{"--ca-dir", "--classic", "--crl-dir", "--color"}));
   for (const char* subcommand : {"simple", "show", "find", "add", "crl", "ocsp"}) {
     EXPECT_EQ(offered({subcommand, "--"}), optionsIn(tool({subcommand, "--help"}).out));
   }
@@ -97,6 +97,8 @@ TEST_F(ToolCompletion, Values_AreThoseOfTheirOption) {
     EXPECT_EQ(offered({"verify", "--flag", typed}), crl) << typed;
   }
   EXPECT_EQ(offered({"verify", "--color", ""}), (Words{"auto", "always", "never"}));
+  EXPECT_EQ(offered({"verify", "--security-level", ""}), (Words{"0", "1", "2", "3", "4", "5"}));
+  EXPECT_EQ(offered({"verify", "--allow-address", "l"}), (Words{"loopback", "link-local"}));
   EXPECT_EQ(offered({"verify", "--at", ""}), (Words{}));
   EXPECT_EQ(offered({"verify", "--policy", "2"}), (Words{"2.5.29.32.0"}));
   // As bash breaks words at "=", and as it does when "=" is taken out of COMP_WORDBREAKS.

@@ -59,6 +59,10 @@ Arguments ToolFixture::verifyWith(const std::string& crls) {
           "--crl-dir", pki("crl/" + crls)};
 }
 
+Arguments ToolFixture::classicWith(const std::string& crls) {
+  return verifyWith(crls) + Arguments{"--classic"};
+}
+
 nlohmann::json ToolFixture::parsed(const CommandResult& result) {
   return nlohmann::json::parse(result.out);
 }

@@ -45,6 +45,8 @@ class ToolFixture : public testing::Test {
 
   /// "verify" over the PKI's root and intermediates and one of its CRL directories.
   static Arguments verifyWith(const std::string& crls);
+  /// The same with --classic.
+  static Arguments classicWith(const std::string& crls);
 
   /// The objects of a JSON report, by file.
   static nlohmann::json parsed(const CommandResult& result);

@@ -3,6 +3,7 @@
 #include "support/Pki.h"
 #include "support/Slapd.h"
 
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -11,6 +12,7 @@ namespace Velantrix::Test {
 namespace {
 
 using nlohmann::json;
+namespace fs = std::filesystem;
 
 // A directory with a root, its CRL and two people, of whom the root's CRL revokes one.
 class ToolLDAP : public ToolFixture {
@@ -47,25 +49,42 @@ class ToolLDAP : public ToolFixture {
   std::string revoked;
 };
 
-TEST_F(ToolLDAP, Verify_TakesRootAndCRLFromTheDirectory) {
-  EXPECT_EQ(parsed(tool(verify(good))).at(0).at("code"), 0);
-  EXPECT_EQ(parsed(tool(verify(revoked))).at(0).at("code"), 23);
+TEST_F(ToolLDAP, ClassicVerify_TakesRootAndCRLFromTheDirectory) {
+  const Arguments classic = {"--classic"};
+  EXPECT_EQ(parsed(tool(verify(good) + classic)).at(0).at("code"), 0);
+  EXPECT_EQ(parsed(tool(verify(revoked) + classic)).at(0).at("code"), 23);
   // Without the directory nobody knows the root.
   const json report = parsed(tool({"verify", "--json", "--ca-dir", pki("ca"), good})).at(0);
   EXPECT_EQ(report.at("verdict"), "invalid");
 }
 
+TEST_F(ToolLDAP, Verify_TakesCRLsFromTheDirectory_AndNoRoot) {
+  EXPECT_NE(parsed(tool(verify(good))).at(0).at("code"), 0);
+  fs::create_directory(own("ca"));
+  addToDirectory(own("ca"), root_.get());
+  const auto trusting = [&](const std::string& file) {
+    return Arguments{"verify", "--json", "--ca-dir", own("ca"), "--ldap", directory_.uri(), file};
+  };
+  EXPECT_EQ(parsed(tool(trusting(good))).at(0).at("code"), 0);
+  EXPECT_EQ(parsed(tool(trusting(revoked))).at(0).at("code"), 23);
+}
+
 TEST_F(ToolLDAP, BindDn_SuppressesTheBind) {
   // A name that the server does not know, without a password: a bind with it would be refused.
-  const CommandResult result = tool(verify(good) + Arguments{"--bind-dn", "cn=Nobody,o=Test"});
+  const CommandResult result =
+      tool(verify(good) + Arguments{"--classic", "--bind-dn", "cn=Nobody,o=Test"});
   EXPECT_EQ(parsed(result).at(0).at("code"), 0) << result.err;
   const std::string help = tool({"verify", "--help"}).out;
   EXPECT_NE(help.find("a name suppresses the bind"), std::string::npos);
 }
 
-TEST_F(ToolLDAP, DirectoryThatIsDown_IsNoVerdict) {
+TEST_F(ToolLDAP, DirectoryThatIsDown_IsNoVerdictOfTheClassicVerifier_AndALineOfTheOther) {
   directory_.stop();
-  const CommandResult result = tool(verify(good));
+  const json report = parsed(tool(verify(good))).at(0);
+  EXPECT_EQ(report.at("code"), X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
+  const std::string line = report.at("log").at(0).at("text");
+  EXPECT_NE(line.find(directory_.uri()), std::string::npos) << line;
+  const CommandResult result = tool(verify(good) + Arguments{"--classic"});
   EXPECT_EQ(result.status, 2);
   EXPECT_NE(result.err.find(directory_.uri()), std::string::npos) << result.err;
   EXPECT_EQ(linesIn(result.err), 1) << result.err;

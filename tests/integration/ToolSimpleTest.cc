@@ -69,11 +69,12 @@ TEST_F(ToolSimple, Json_HasExactlyTheKeysInOrder) {
   const auto report = nlohmann::ordered_json::parse(result.out).at(0);
   std::string keys;
   for (const auto& item : report.items()) keys += item.key() + " ";
-  EXPECT_EQ(keys, "file verdict code text log ");
+  EXPECT_EQ(keys, "file verdict code text verifier log ");
   EXPECT_EQ(report.at("file"), person("revoked"));
   EXPECT_EQ(report.at("verdict"), "invalid");
   EXPECT_EQ(report.at("code"), 23);
   EXPECT_EQ(report.at("text"), "certificate revoked");
+  EXPECT_EQ(report.at("verifier"), "classic");
   ASSERT_EQ(report.at("log").size(), 1U);
   EXPECT_EQ(report.at("log").at(0).at("priority"), 7);
 }
@@ -81,15 +82,34 @@ TEST_F(ToolSimple, Json_HasExactlyTheKeysInOrder) {
 TEST_F(ToolSimple, Text_HasTheVerdict_AndLogsToStandardError) {
   const CommandResult good = tool({"simple", person("good")});
   EXPECT_EQ(good.status, 0);
-  EXPECT_EQ(good.out, person("good") + ": valid, code 0 (ok)\n");
+  EXPECT_EQ(good.out, person("good") + ": valid, code 0 (ok)\n  verifier: classic\n");
   EXPECT_EQ(good.err, "");
   const CommandResult revoked = tool({"simple", "--color=always", person("revoked")});
   EXPECT_EQ(revoked.status, 1);
-  EXPECT_EQ(revoked.out,
-            person("revoked") + ": \x1b[31minvalid\x1b[0m, code 23 (certificate revoked)\n");
+  EXPECT_EQ(revoked.out, person("revoked") +
+                             ": \x1b[31minvalid\x1b[0m, code 23 (certificate "
+                             "revoked)\n  verifier: classic\n");
   EXPECT_TRUE(revoked.err.starts_with(person("revoked") + ": <7> Certificate, ( CN=revoked,"))
       << revoked.err;
   EXPECT_EQ(linesIn(revoked.err), 1);
+}
+
+TEST_F(ToolSimple, Conforming_IsTheOtherVerifier) {
+  EXPECT_EQ(codeOf({"--conforming", person("good")}), 0);
+  EXPECT_EQ(codeOf({"--conforming", person("revoked")}), 23);
+  // A reason that does not revoke for the classic verifier.
+  const Issued root = issueCA("CN=Own Root");
+  const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
+  addToDirectory(kCADirectory, root.get());
+  addToDirectory(
+      kCRLDirectory,
+      makeCRL({.issuer = &root, .revoked = {{.serial = leaf, .reason = CRL_REASON_UNSPECIFIED}}})
+          .get());
+  writeFile(own("leaf.pem"), pem(leaf.get()));
+  EXPECT_EQ(codeOf({own("leaf.pem")}), 0);
+  const nlohmann::json report = reportOn({"--conforming", own("leaf.pem")}, 1);
+  EXPECT_EQ(report.at("code"), 23);
+  EXPECT_EQ(report.at("verifier"), "conforming");
 }
 
 TEST_F(ToolSimple, KeyUsage_IsLoggedOrRefused) {
@@ -192,8 +212,9 @@ TEST_F(ToolSimple, Help_NamesKeysStatusAndExamples) {
   const CommandResult help = tool({"simple", "--help"});
   EXPECT_EQ(help.status, 0);
   EXPECT_EQ(help.err, "");
-  for (const char* text : {"--json", "--key-usage", "--require-key-usage", "--color", kCADirectory,
-                           kCRLDirectory, "Exit status", "Examples", "pkx509 simple "}) {
+  for (const char* text :
+       {"--json", "--key-usage", "--require-key-usage", "--conforming", "--color", kCADirectory,
+        kCRLDirectory, "Exit status", "Examples", "pkx509 simple "}) {
     EXPECT_NE(help.out.find(text), std::string::npos) << text;
   }
   const nlohmann::json report = reportOn({person("good")}, 0);

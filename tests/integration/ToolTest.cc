@@ -4,6 +4,7 @@
 #include "support/PrivateView.h"
 
 #include <openssl/crypto.h>
+#include <openssl/rsa.h>
 
 #include <ctime>
 #include <filesystem>
@@ -64,41 +65,83 @@ TEST_F(Tool, EachPersonWithEachDirectoryOfCRLs_HasItsVerdict) {
     const char* person;
     int code;
     int depth;
-    const char* log;  // what the last line says
+    int classicCode;
   };
   static constexpr Row kRows[] = {
-      {"good", "good", 0, 0, ""},
-      {"good", "revoked", 23, 0, "certificate revoked"},
-      {"good", "delta-revoked", 0, 0, ""},
-      {"delta", "delta-revoked", 23, 0, "certificate revoked"},
-      {"good", "delta-restored", 23, 0, "certificate revoked"},
-      {"delta", "delta-restored", 0, 0, ""},
-      {"good", "expired", 10, 0, "certificate has expired"},
-      {"good", "stranger", 20, 0, "unable to get local issuer certificate"},
-      {"missing", "good", 3, 0, "unable to get certificate CRL"},
-      {"expired", "good", 3, 0, "unable to get certificate CRL"},
-      {"wrong-key", "good", 8, 1, "CRL signature failure"},
-      {"wrong-scope", "good", 3, 0, "unable to get certificate CRL"},
+      {"good", "good", 0, 0, 0},
+      {"good", "revoked", 23, 0, 23},
+      {"good", "delta-revoked", 0, 0, 0},
+      {"delta", "delta-revoked", 23, 0, 23},
+      {"good", "delta-restored", 23, 0, 23},
+      {"delta", "delta-restored", 0, 0, 0},
+      {"good", "expired", 10, 0, 10},
+      {"good", "stranger", 20, 0, 20},
+      {"missing", "good", 3, 0, 3},
+      {"expired", "good", X509_V_ERR_CRL_HAS_EXPIRED, 0, 3},
+      {"wrong-key", "good", 8, 1, 8},
+      {"wrong-scope", "good", X509_V_ERR_DIFFERENT_CRL_SCOPE, 0, 3},
+      {"revoked-ca", "good", 23, 1, 23},
+  };
+  const auto expectReport = [](const Arguments& verify, const Row& row, int code) {
+    const CommandResult result = tool(verify + Arguments{"--json", person(row.person)});
+    EXPECT_EQ(result.status, code == 0 ? 0 : 1);
+    EXPECT_EQ(result.err, "");
+    const nlohmann::json report = parsed(result).at(0);
+    EXPECT_EQ(report.at("code"), code);
+    EXPECT_EQ(report.at("depth"), row.depth);
+    if (code == 0) {
+      EXPECT_EQ(report.at("log"), nlohmann::json::array());
+      return;
+    }
+    const nlohmann::json last = report.at("log").back();
+    EXPECT_EQ(last.at("priority"), 7);
+    const std::string text = last.at("text");
+    EXPECT_TRUE(text.starts_with("Certificate, ( CN=")) << text;
+    EXPECT_TRUE(
+        text.ends_with(std::string(") is not valid, ") + X509_verify_cert_error_string(code)))
+        << text;
   };
   for (const Row& row : kRows) {
     SCOPED_TRACE(std::string(row.person) + ", " + row.crls);
-    const CommandResult result =
-        tool(verifyWith(row.crls) + Arguments{"--json", person(row.person)});
-    EXPECT_EQ(result.status, row.code == 0 ? 0 : 1);
-    EXPECT_EQ(result.err, "");
-    const nlohmann::json report = parsed(result).at(0);
-    EXPECT_EQ(report.at("code"), row.code);
-    EXPECT_EQ(report.at("depth"), row.depth);
-    if (row.code == 0) {
-      EXPECT_EQ(report.at("log"), nlohmann::json::array());
-    } else {
-      const nlohmann::json last = report.at("log").back();
-      EXPECT_EQ(last.at("priority"), 7);
-      const std::string text = last.at("text");
-      EXPECT_TRUE(text.starts_with("Certificate, ( CN=")) << text;
-      EXPECT_TRUE(text.ends_with(std::string(") is not valid, ") + row.log)) << text;
-    }
+    expectReport(verifyWith(row.crls), row, row.code);
+    expectReport(classicWith(row.crls), row, row.classicCode);
   }
+}
+
+TEST_F(Tool, Classic_HasTheLeniencies_AndBothSayWhoDecided) {
+  // A reason that does not revoke for the classic verifier.
+  const Issued root = issueCA("CN=Own Root");
+  const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
+  for (const char* directory : {"ca", "crls"}) fs::create_directory(own(directory));
+  addToDirectory(own("ca"), root.get());
+  addToDirectory(
+      own("crls"),
+      makeCRL({.issuer = &root, .revoked = {{.serial = leaf, .reason = CRL_REASON_UNSPECIFIED}}})
+          .get());
+  writeFile(own("leaf.pem"), pem(leaf.get()));
+  const Arguments verify = {"verify",    "--ca-dir",  own("ca"),
+                            "--crl-dir", own("crls"), own("leaf.pem")};
+  const Arguments classic = verify + Arguments{"--classic"};
+  EXPECT_EQ(codeOf(verify), X509_V_ERR_CERT_REVOKED);
+  EXPECT_EQ(codeOf(classic), 0);
+  EXPECT_EQ(parsed(tool(verify + Arguments{"--json"})).at(0).at("verifier"), "conforming");
+  EXPECT_EQ(parsed(tool(classic + Arguments{"--json"})).at(0).at("verifier"), "classic");
+  EXPECT_NE(tool(verify).out.find("\n  verifier: conforming\n"), std::string::npos);
+  EXPECT_NE(tool(classic).out.find("\n  verifier: classic\n"), std::string::npos);
+}
+
+TEST_F(Tool, SecurityLevel_BindsThePath_AndIsTwo) {
+  const Pair pair = makePair({.subject = "CN=Leaf", .key = {EVP_RSA_gen(1024), EVP_PKEY_free}});
+  const Arguments verify = pair.verify() + Arguments{"--no-flag", "CRL_CHECK"};
+  const auto at = [&](const char* level) {
+    return codeOf(verify + Arguments{"--security-level", level});
+  };
+  EXPECT_EQ(codeOf(verify), X509_V_ERR_EE_KEY_TOO_SMALL);
+  EXPECT_EQ(at("2"), X509_V_ERR_EE_KEY_TOO_SMALL);
+  EXPECT_EQ(at("1"), 0);
+  EXPECT_EQ(at("0"), 0);
+  EXPECT_EQ(at("5"), X509_V_ERR_EE_KEY_TOO_SMALL);
+  EXPECT_EQ(codeOf(verify + Arguments{"--classic"}), 0);
 }
 
 TEST_F(Tool, Json_HasExactlyTheKeysInOrder) {
@@ -111,11 +154,12 @@ TEST_F(Tool, Json_HasExactlyTheKeysInOrder) {
   const auto& report = reports.at(1);
   std::string keys;
   for (const auto& item : report.items()) keys += item.key() + " ";
-  EXPECT_EQ(keys, "file verdict code text depth chain log ");
+  EXPECT_EQ(keys, "file verdict code text verifier depth chain log ");
   EXPECT_EQ(report.at("file"), person("revoked"));
   EXPECT_EQ(report.at("verdict"), "invalid");
   EXPECT_EQ(report.at("code"), 23);
   EXPECT_EQ(report.at("text"), "certificate revoked");
+  EXPECT_EQ(report.at("verifier"), "conforming");
   EXPECT_EQ(report.at("depth"), 0);
   ASSERT_EQ(report.at("chain").size(), 4U);
   EXPECT_EQ(report.at("chain").at(0).dump(),
@@ -140,6 +184,7 @@ TEST_F(Tool, Text_NamesVerdictAndPath_AndLogsToStandardError) {
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, file +
                             ": invalid, code 20 (unable to get local issuer certificate), depth 0\n"
+                            "  verifier: conforming\n"
                             "  chain 0: subject CN=stranger,O=Example Mail\n"
                             "           issuer  CN=Unknown Root,O=Example Mail\n"
                             "           serial  " +
@@ -154,9 +199,10 @@ TEST_F(Tool, Text_NamesVerdictAndPath_AndLogsToStandardError) {
 TEST_F(Tool, Text_OfAValidCertificate_HasNoDepthAndNoLog) {
   const CommandResult result = tool(verifyWith("good") + Arguments{person("good")});
   EXPECT_EQ(result.status, 0);
-  EXPECT_TRUE(result.out.starts_with(person("good") + ": valid, code 0 (ok)\n  chain 0: subject "))
+  EXPECT_TRUE(result.out.starts_with(
+      person("good") + ": valid, code 0 (ok)\n  verifier: conforming\n  chain 0: subject "))
       << result.out;
-  EXPECT_EQ(linesIn(result.out), 1 + 4 * 3);
+  EXPECT_EQ(linesIn(result.out), 2 + 4 * 3);
   EXPECT_EQ(result.err, "");
 }
 
@@ -293,8 +339,12 @@ TEST_F(Tool, Flags_DoWhatTheirConstantsDo) {
             X509_V_ERR_SUITE_B_LOS_NOT_ALLOWED);
   const Pair pair = makePair({.subject = "CN=Leaf", .authorityKeyId = KeyId::Absent});
   const Arguments own = pair.verify() + Arguments{"--no-flag", "crl_check"};
-  EXPECT_EQ(codeOf(own), X509_V_ERR_MISSING_AUTHORITY_KEY_IDENTIFIER);
-  EXPECT_EQ(codeOf(own + Arguments{"--no-flag", "x509_strict"}), 0);
+  const Arguments classic = own + Arguments{"--classic"};
+  EXPECT_EQ(codeOf(classic), X509_V_ERR_MISSING_AUTHORITY_KEY_IDENTIFIER);
+  EXPECT_EQ(codeOf(classic + Arguments{"--no-flag", "x509_strict"}), 0);
+  EXPECT_EQ(codeOf(own), 0);
+  EXPECT_EQ(codeOf(own + Arguments{"--flag", "x509_strict"}),
+            X509_V_ERR_MISSING_AUTHORITY_KEY_IDENTIFIER);
 }
 
 TEST_F(Tool, NoFlag_AlsoClearsWhatOpenSSLSetsItself) {
@@ -307,8 +357,8 @@ TEST_F(Tool, NoFlag_AlsoClearsWhatOpenSSLSetsItself) {
   addToDirectory(own("ca"), root.get());
   const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
   writeFile(own("leaf.pem"), pem(leaf.get()) + pem(expired.get()));
-  const Arguments verify = {"verify",    "--ca-dir",  own("ca"), own("leaf.pem"),
-                            "--no-flag", "CRL_CHECK", "--flag",  "NO_ALT_CHAINS"};
+  const Arguments verify = {"verify",    "--ca-dir", own("ca"),       own("leaf.pem"), "--no-flag",
+                            "CRL_CHECK", "--flag",   "NO_ALT_CHAINS", "--classic"};
   EXPECT_EQ(codeOf(verify), 0);
   EXPECT_NE(codeOf(verify + Arguments{"--no-flag", "TRUSTED_FIRST"}), 0);
 }
@@ -330,24 +380,28 @@ TEST_F(Tool, EveryFlagOfHelp_IsAccepted) {
   EXPECT_EQ(count, 23);
 }
 
-// OpenSSL reads the trusted certificates of a path by itself and passes over what it cannot read; the
-// library reads those that may have issued a CRL, and does not.
+// OpenSSL reads the trusted certificates of a path by itself and passes over what it cannot read; a
+// Verifier reads those that may have issued a CRL, and does not. To a ConformingVerifier a root that
+// OpenSSL does not find is known all the same, and not trusted.
 TEST_F(Tool, TrustedFileThatIsBroken_IsNotFoundOrAnError) {
   const Issued root = issueCA("CN=Own Root");
   writeFile(own("leaf.pem"), pem(issue({.subject = "CN=Leaf", .issuer = &root}).get()));
   fs::create_directory(own("crls"));
   addToDirectory(own("crls"), makeCRL({.issuer = &root}).get());
   const std::string good = pem(root.get());
+  constexpr int kUnknown = X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY;
+  constexpr int kNotTrusted = X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN;
   const struct {
     const char* what;
     std::vector<std::string> files;  // of the root's name, in the order of their numbers
-    int path;                        // the code without a revocation check
-    int status;                      // with one
+    int code;
+    int path;    // the code of a Verifier without a revocation check
+    int status;  // with one
   } rows[] = {
-      {"good", {good}, 0, 0},
-      {"broken", {"garbage"}, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY, 1},
-      {"behind a broken one", {"garbage", good}, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY, 1},
-      {"before a broken one", {good, "garbage"}, 0, 2},
+      {"good", {good}, 0, 0, 0},
+      {"broken", {"garbage"}, kUnknown, kUnknown, 1},
+      {"behind a broken one", {"garbage", good}, kNotTrusted, kUnknown, 1},
+      {"before a broken one", {good, "garbage"}, 0, 0, 2},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
@@ -358,8 +412,10 @@ TEST_F(Tool, TrustedFileThatIsBroken_IsNotFoundOrAnError) {
     }
     const Arguments verify = {"verify",    "--ca-dir",  own("ca"),
                               "--crl-dir", own("crls"), own("leaf.pem")};
-    EXPECT_EQ(codeOf(verify + Arguments{"--no-flag", "CRL_CHECK"}), row.path);
-    const CommandResult result = tool(verify);
+    EXPECT_EQ(codeOf(verify), row.code);
+    const Arguments classic = verify + Arguments{"--classic"};
+    EXPECT_EQ(codeOf(classic + Arguments{"--no-flag", "CRL_CHECK"}), row.path);
+    const CommandResult result = tool(classic);
     EXPECT_EQ(result.status, row.status) << result.err;
     const bool named = result.err.find(own("ca")) != std::string::npos;
     EXPECT_EQ(named, row.status == 2) << result.err;
@@ -385,7 +441,10 @@ TEST_F(Tool, HashWithoutLeadingZeros_IsFoundForCRLsAndNotForThePath) {
     }
     writeFile(own("ca/" + (shortTrusted ? withoutZeros(trusted) : trusted)), pem(root.get()));
     writeFile(own("crls/" + withoutZeros(crlHashName(crl.get()))), pem(crl.get()));
-    EXPECT_EQ(codeOf({"verify", "--ca-dir", own("ca"), "--crl-dir", own("crls"), own("leaf.pem")}),
+    const Arguments verify = {"verify",    "--ca-dir",  own("ca"),
+                              "--crl-dir", own("crls"), own("leaf.pem")};
+    EXPECT_EQ(codeOf(verify), shortTrusted ? X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN : 0);
+    EXPECT_EQ(codeOf(verify + Arguments{"--classic"}),
               shortTrusted ? X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY : 0);
   }
 }
@@ -400,14 +459,21 @@ TEST_F(Tool, FlagThatLeavesTheResponderOut_IsNoted) {
     Arguments options;
     bool noted;
   } rows[] = {
-      {"only the leaf", named, {"--no-flag", "CRL_CHECK_ALL"}, true},
-      {"the whole chain", named, {}, false},
-      {"no revocation", named, {"--no-flag", "CRL_CHECK", "--no-flag", "CRL_CHECK_ALL"}, false},
+      {"only the leaf", named, {"--classic", "--no-flag", "CRL_CHECK_ALL"}, true},
+      {"the whole chain", named, {"--classic"}, false},
+      {"no revocation",
+       named,
+       {"--classic", "--no-flag", "CRL_CHECK", "--no-flag", "CRL_CHECK_ALL"},
+       false},
       {"OpenSSL's revocation",
        named,
-       {"--no-flag", "CRL_CHECK_ALL", "--openssl-revocation"},
+       {"--classic", "--no-flag", "CRL_CHECK_ALL", "--openssl-revocation"},
        false},
-      {"no responder", "caIssuers;URI:http://a.test/", {"--no-flag", "CRL_CHECK_ALL"}, false},
+      {"no responder",
+       "caIssuers;URI:http://a.test/",
+       {"--classic", "--no-flag", "CRL_CHECK_ALL"},
+       false},
+      {"the conforming verifier asks it", named, {"--no-flag", "CRL_CHECK_ALL"}, false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
@@ -464,7 +530,7 @@ TEST_F(Tool, At_AfterNextUpdateOfACRLThatIsStillFresh_IsAnExpiredCRL) {
 }
 
 TEST_F(Tool, OpenSSLRevocation_LeavesTheCheckToOpenSSL) {
-  const Arguments openssl = {"--openssl-revocation"};
+  const Arguments openssl = {"--classic", "--openssl-revocation"};
   EXPECT_EQ(codeOf(verifyWith("good") + openssl + Arguments{person("good")}), 0);
   EXPECT_EQ(codeOf(verifyWith("good") + openssl + Arguments{person("revoked")}), 23);
   EXPECT_EQ(codeOf(verifyWith("delta") + openssl + Arguments{person("delta-revoked")}), 23);
@@ -526,7 +592,7 @@ TEST_F(Tool, NamesInCertificates_ReachTheTerminalEscaped) {
     EXPECT_EQ(text.find("\xe2\x80"), std::string::npos) << text;
     EXPECT_NE(text.find("CN=a\\1B[31m\\0Ab"), std::string::npos) << text;
   }
-  EXPECT_EQ(linesIn(result.out), 1 + 2 * 3);
+  EXPECT_EQ(linesIn(result.out), 2 + 2 * 3);
 }
 
 TEST_F(Tool, FileNamesThatLookLikeSomethingElse_AreFiles) {
@@ -548,9 +614,10 @@ TEST_F(Tool, Help_NamesEverything) {
   const CommandResult verify = tool({"verify", "--help"});
   EXPECT_EQ(verify.status, 0);
   EXPECT_EQ(verify.err, "");
-  for (const char* text : {"--ca-dir", "--untrusted", "--crl-dir", "--policy", "--flag",
-                           "--no-flag", "--at", "--openssl-revocation", "--json", "--color",
-                           "--help", kCADirectory, kCRLDirectory, "Exit status", "Examples"}) {
+  for (const char* text :
+       {"--ca-dir", "--untrusted", "--crl-dir", "--policy", "--flag", "--no-flag", "--at",
+        "--openssl-revocation", "--classic", "--security-level", "--allow-address", "--json",
+        "--color", "--help", kCADirectory, kCRLDirectory, "Exit status", "Examples"}) {
     EXPECT_NE(verify.out.find(text), std::string::npos) << text;
   }
 }
