@@ -62,12 +62,6 @@ bool visitPoint(const CRLDistributionPoint& point, const DistinguishedName& issu
   return visitNames(issuers, visit);
 }
 
-bool holdsName(const CRLDistributionPointName& name, const DistinguishedName& wanted,
-               const DistinguishedName& crlIssuer) {
-  if (name.type() == CRLDistributionPointName::kFullName) return name == wanted;
-  return completed(name.relativeName(), crlIssuer) == wanted;
-}
-
 }  // namespace
 
 void forEachPlace(const DistributionPoints& points, const DistinguishedName& issuer,
@@ -154,8 +148,9 @@ bool CRLScope::issuerMatches(const CertificateRevocationList& crl, const Point& 
 // one name are the same (4.2.1.13 and 5.2.5).
 bool CRLScope::namesMatch(const CRLDistributionPointName& idp, const Point& point,
                           const DistinguishedName& crlIssuer) const {
+  // A relative name makes another name of it.
   if (point.assumed) {
-    return holdsName(idp, certificate_->issuer(), crlIssuer) ||
+    return idp == certificate_->issuer() ||
            haveOneInCommon(idp.nativeFullName().get(), issuerAltName_.get());
   }
   // The distribution field is omitted from the DP: the names in its cRLIssuer.

@@ -1,3 +1,4 @@
+#include "foundation/run/VerificationRun.h"
 #include "revocation/CRLScope.h"
 #include "support/Handles.h"
 
@@ -340,6 +341,13 @@ TEST(CRLScope, RefusalOfSeveralPoints_TellsMoreThanTheIssuer) {
   EXPECT_EQ(words(verdict(certificateWith({named, reasons}),
                           IDP{.fullNames = {"URI:http://b.test/"}, .onlySomeReasons = 0x40})),
             kOtherPoint);
+}
+
+TEST(CRLScope, ProcessorTimeUsedUp_NoPointIsLookedAt) {
+  const VerificationRun run(nullptr, {.processorTime = std::chrono::nanoseconds(0)});
+  EXPECT_EQ(words(verdict(certificateWith({{.fullNames = {"URI:http://a.test/"}}}), std::nullopt)),
+            kOtherIssuer);
+  EXPECT_TRUE(run.fellShort());
 }
 
 TEST(CRLScope, BrokenExtensionThatDecides_Throws) {

@@ -582,6 +582,25 @@ TEST_F(RevocationCheckTest, FormThatIsWrong_MakesAListUnusable) {
   }
 }
 
+// The failures in the order in which they tell most: a list with each that stands behind in the order is
+// offered as well.
+TEST_F(RevocationCheckTest, CodeOfSeveralFailures_IsTheMostTelling) {
+  const Issued other = issueCA("O=Test,CN=Other", &root);
+  around.know(other);
+  const Issued leaf = through({{.fullNames = {"URI:"s + kHere}}});
+  EXPECT_EQ(decide(leaf).code, X509_V_ERR_UNABLE_TO_GET_CRL);
+  around.publishAt(kHere, {.issuer = &ca, .lastUpdate = -hours(9), .nextUpdate = When(-hours(8))});
+  EXPECT_EQ(decide(leaf).code, X509_V_ERR_CRL_HAS_EXPIRED);
+  around.publishAt(
+      kHere,
+      {.issuer = &ca, .rawExtensions = {{.oid = "1.2.3.4", .critical = true, .der = "\x05\0"s}}});
+  EXPECT_EQ(decide(leaf).code, X509_V_ERR_UNHANDLED_CRITICAL_CRL_EXTENSION);
+  around.publishAt(kHere, {.issuer = &other});
+  EXPECT_EQ(decide(leaf).code, X509_V_ERR_DIFFERENT_CRL_SCOPE);
+  around.publishAt(kHere, {.issuer = &ca, .badSignature = true});
+  EXPECT_EQ(decide(leaf).code, X509_V_ERR_CRL_SIGNATURE_FAILURE);
+}
+
 // The settings.
 
 TEST_F(RevocationCheckTest, LeafAlone_OnlyTheLeafAndWhoSpeaksForIt) {
@@ -603,6 +622,7 @@ TEST_F(RevocationCheckTest, WeakSignature_DoesNotCountAboveItsLevel) {
   const std::vector<Outcome> outcomes = around.decide({leaf, ca, root});
   EXPECT_EQ(outcomes[1].status, Status::kUndetermined);
   EXPECT_TRUE(has(outcomes[1], Reason::kTooWeak));
+  EXPECT_EQ(outcomes[1].code, X509_V_ERR_CRL_SIGNATURE_FAILURE);
 }
 
 TEST_F(RevocationCheckTest, AnchorAlone_NothingIsChecked) {

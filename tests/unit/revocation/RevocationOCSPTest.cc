@@ -3,6 +3,7 @@
 #include "unit/revocation/Surroundings.h"
 
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace Velantrix::Test {
 namespace {
@@ -299,6 +300,16 @@ TEST_F(RevocationOCSPTest, NestedTooDeep_FallsShort) {
     EXPECT_TRUE(has(outcome, Reason::kTooManyNested));
     EXPECT_TRUE(VerificationRun::current()->fellShort());
   });
+}
+
+TEST_F(RevocationOCSPTest, ProcessorTimeUsedUp_NobodyIsAsked) {
+  answer(kOne, {.signer = &ca});
+  std::thread([this] {
+    const VerificationRun bounded(nullptr, {.processorTime = std::chrono::nanoseconds(0)});
+    EXPECT_EQ(around.decide({leaf, ca, root}).at(1).status, Status::kUndetermined);
+    EXPECT_TRUE(bounded.fellShort());
+  }).join();
+  EXPECT_TRUE(around.sources.asked.empty());
 }
 
 // The path.
