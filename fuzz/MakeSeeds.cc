@@ -192,6 +192,7 @@ struct Answer {
   unsigned long flags = 0;
   bool otherCertificate = false;
   bool badSignature = false;
+  bool nonce = true;
 };
 
 std::string ocspResponse(const Answer& answer) {
@@ -210,7 +211,7 @@ std::string ocspResponse(const Answer& answer) {
   notNull(OCSP_basic_add1_status(basic.get(), id.get(), answer.status, answer.reason, from.get(),
                                  from.get(), until.get()));
   unsigned char nonce[] = "sixteen octets !";
-  OCSP_basic_add1_nonce(basic.get(), nonce, 16);
+  if (answer.nonce) OCSP_basic_add1_nonce(basic.get(), nonce, 16);
   const std::unique_ptr<STACK_OF(X509), void (*)(STACK_OF(X509)*)> sent(
       sk_X509_new_null(), [](STACK_OF(X509) * stack) { sk_X509_free(stack); });
   for (const Issued& issued : answer.sent) sk_X509_push(sent.get(), issued.get());
@@ -257,6 +258,31 @@ void ocspSeeds() {
   seed("ocsp_response", "empty", "");
   seed("ocsp_response", "try-later", "\x30\x03\x0a\x01\x03");
   seed("ocsp_response", "nothing", "\x30\x03\x0a\x01\x00"s);
+}
+
+// To be read against a question whose nonce nobody knows.
+void revocationSeeds() {
+  CertificateOptions options = certificateOptions("CN=Responder", 30, 5);
+  options.extensions = {{"extendedKeyUsage", "OCSPSigning"}, {"noCheck", "yes"}};
+  const Answer answers[] = {
+      {.name = "good", .flags = OCSP_NOCERTS, .nonce = false},
+      {.name = "revoked",
+       .status = V_OCSP_CERTSTATUS_REVOKED,
+       .reason = CRL_REASON_KEY_COMPROMISE,
+       .flags = OCSP_NOCERTS | OCSP_RESPID_KEY,
+       .nonce = false},
+      {.name = "unknown",
+       .status = V_OCSP_CERTSTATUS_UNKNOWN,
+       .flags = OCSP_NOCERTS,
+       .nonce = false},
+      {.name = "delegated", .responder = Test::issue(options), .nonce = false},
+      {.name = "forged", .flags = OCSP_NOCERTS, .badSignature = true, .nonce = false}};
+  for (const Answer& answer : answers) seed("revocation", answer.name, ocspResponse(answer));
+  for (const auto& [name, crl] : crls()) seed("revocation", "list-" + name, Test::der(crl.get()));
+  CRLOptions named = crlOptions();
+  named.idp = Test::IssuingDistributionPoint{.fullNames = {"URI:http://crl.example/"}};
+  named.revoked = {{.serial = leaf(), .reason = CRL_REASON_UNSPECIFIED}};
+  seed("revocation", "list-named", Test::der(Test::makeCRL(named).get()));
 }
 
 void nameSeeds() {
@@ -570,6 +596,7 @@ void makeAll() {
   chainSeeds();
   extensionSeeds();
   ocspSeeds();
+  revocationSeeds();
   nameSeeds();
   textSeeds();
   httpSeeds();
