@@ -29,9 +29,17 @@ if(PKX509_SANITIZE)
   endif()
 endif()
 
+# For what is around the library: without the checks that stand at every access to a member, it compiles in
+# two thirds of the time. A null pointer ends the process anyway, and AddressSanitizer watches it. To be
+# named behind pkx509_options, which switches them on.
+add_library(pkx509_fewer_checks INTERFACE)
+if(PKX509_SANITIZE MATCHES "undefined")
+  target_compile_options(pkx509_fewer_checks INTERFACE -fno-sanitize=null,alignment,vptr,object-size)
+endif()
+
 # What tests, fuzz targets and what they share are compiled with. It is the library that has to be as it is
 # shipped; what is around it compiles twice as fast when it is not optimised.
 add_library(pkx509_test_options INTERFACE)
-target_link_libraries(pkx509_test_options INTERFACE pkx509_options)
+target_link_libraries(pkx509_test_options INTERFACE pkx509_options pkx509_fewer_checks)
 target_compile_options(pkx509_test_options INTERFACE
   "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-O0>")
