@@ -48,11 +48,13 @@ void CRLCollection::gatherAnnouncedDeltas() {
 
 // False when there is nothing left to ask with.
 bool CRLCollection::ask(const Place& place, bool throughPoint) {
-  if (!VerificationRun::admitStep()) return false;
+  if (!VerificationRun::mayLookUp()) {
+    cut_ = true;
+    return false;
+  }
   const std::string key =
       place.uri ? place.uri->asString() : (throughPoint ? "at " : "of ") + place.name->asString();
-  if (std::find(asked_.begin(), asked_.end(), key) != asked_.end()) return true;
-  asked_.push_back(key);
+  if (!asked_.insert(key).second) return true;
   take(place.uri ? sources_.crls(*place.uri) : sources_.crls(*place.name), place, throughPoint);
   return true;
 }

@@ -7,8 +7,8 @@
 #include "revocation/RevocationSources.h"
 
 #include <list>
+#include <set>
 #include <string>
-#include <vector>
 
 namespace Velantrix::Crypto::PKX509::Revocation {
 
@@ -41,7 +41,7 @@ class CRLCollection : private NonCopyable {
   const bool useDeltas_;
   CRLScope scope_;
   std::list<CRLCandidate> candidates_;
-  std::vector<std::string> asked_;
+  std::set<std::string> asked_;
   bool fromPoints_ = false;
   bool byIssuer_ = false;
   bool cut_ = false;

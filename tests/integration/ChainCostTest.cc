@@ -4,6 +4,8 @@
 #include "support/Bulk.h"
 #include "support/Cost.h"
 
+#include <pkx509/ConformingVerifier.h>
+
 #include <openssl/x509v3.h>
 
 #include <gtest/gtest.h>
@@ -33,11 +35,17 @@ class ChainCost : public URIFixture {
     return crl;
   }
 
-  // Is it in proportion, and what comes out? The verdict is looked at in the child process; without a
-  // list, anything but "valid".
+  // Is it in proportion, and what comes out, of both verifiers? The verdict is looked at in the child
+  // process; without a list, and of the conforming one, anything but "valid".
   testing::AssertionResult inBounds(const std::list<Issued>& path,
                                     const std::list<std::string>& local,
                                     const std::set<int>& verdicts = {}) {
+    const testing::AssertionResult classic = inBounds(path, local, verdicts, false);
+    return classic ? inBounds(path, local, {}, true) : classic;
+  }
+  testing::AssertionResult inBounds(const std::list<Issued>& path,
+                                    const std::list<std::string>& local,
+                                    const std::set<int>& verdicts, bool conforming) {
     std::list<std::string> input;
     for (const Issued& issued : path) input.push_back(der(issued.get()));
     const auto ours = [&] {
@@ -49,8 +57,9 @@ class ChainCost : public URIFixture {
       const RefCertificate target = certificates.front();
       certificates.pop_front();
       world.store->add(certificates);
-      const int verdict =
-          Verifier(world.store, target, RefStackOfCertificate(certificates), false).isValid();
+      const RefStackOfCertificate stack(certificates);
+      const int verdict = conforming ? ConformingVerifier(world.store, target, stack).isValid()
+                                     : Verifier(world.store, target, stack, false).isValid();
       const bool possible = verdicts.empty() ? verdict != X509_V_OK : verdicts.contains(verdict);
       if (!possible) throw std::runtime_error(std::to_string(verdict));
       // The lines that say what is not valid are few, and 202 of the others at most.
@@ -120,6 +129,22 @@ TEST_F(ChainCost, HundredThousandPlacesThatLeadNowhere) {
        .issuer = &fake,
        .rawExtensions = {points(content), {"1.3.6.1.5.5.7.1.1", false, sequence(responders)}}});
   EXPECT_TRUE(inBounds({leaf, fake}, {}, {X509_V_ERR_UNABLE_TO_GET_CRL}));
+}
+
+// A CA that is trusted may be careless, or somebody's who means harm.
+TEST_F(ChainCost, PlacesThatLeadNowhereOfAGenuineLeaf) {
+  std::string content;
+  std::string responders;
+  for (int i = 0; i < 20000; ++i) {
+    const std::string uri = "x:" + std::to_string(i);
+    content += uriPoint(uri);
+    responders += sequence("\x06\x08\x2b\x06\x01\x05\x05\x07\x30\x01"s + element(0x86, uri));
+  }
+  const Issued leaf = issue(
+      {.subject = "CN=Leaf",
+       .issuer = &ca,
+       .rawExtensions = {points(content), {"1.3.6.1.5.5.7.1.1", false, sequence(responders)}}});
+  EXPECT_TRUE(inBounds({leaf}, {}, {}, true));
 }
 
 }  // namespace
