@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -634,14 +635,22 @@ TEST_F(ToolShow, DamagedFiles_AreShownOrRefused) {
                                        .revoked = {{.serial = 7, .reason = 1}},
                                        .idp = IssuingDistributionPoint{.fullNames = {"DNS:a"}}})
                                   .get());
+  // Many at a time: what takes the time is the start of the tool.
+  constexpr std::size_t kAtATime = 16;
   for (const std::string& whole : {certificate, crl}) {
-    for (std::size_t place = 0; place < whole.size(); place += 7) {
-      std::string bytes = whole;
-      bytes[place] = static_cast<char>(bytes[place] ^ (1 << (place % 8)));
-      const CommandResult result = tool({"show", file("damaged", bytes)});
+    for (std::size_t place = 0; place < whole.size();) {
+      Arguments show = {"show"};
+      for (; place < whole.size() && show.size() <= kAtATime; place += 7) {
+        std::string bytes = whole;
+        bytes[place] = static_cast<char>(bytes[place] ^ (1 << (place % 8)));
+        show.push_back(file("damaged-" + std::to_string(place) + ".", bytes));
+      }
+      const CommandResult result = tool(show);
       ASSERT_TRUE(result.status == 0 || result.status == 2) << place << result.err;
-      EXPECT_LE(linesIn(result.err), 1) << place << result.err;
-      EXPECT_FALSE(result.out.empty() && result.err.empty()) << place;
+      EXPECT_LE(linesIn(result.err), std::ssize(show) - 1) << place << result.err;
+      for (std::size_t i = 1; i < show.size(); ++i) {
+        EXPECT_NE((result.out + result.err).find(show[i]), std::string::npos) << show[i];
+      }
     }
   }
 }
