@@ -406,6 +406,13 @@ TEST_F(RevocationCheckTest, TwoIssuersThatCoverEachOther_BothCountByHypothesis) 
                             .revoked = {{.serial = one, .certificateIssuer = "O=Test,CN=Root"}},
                             .idp = there});
   EXPECT_EQ(decide(leaf).status, Status::kUndetermined);
+  // What shows that the first is revoked holds only if it is not.
+  around.sources.byIssuer.clear();
+  const Outcome first = around.decide({one, root}).at(0);
+  EXPECT_EQ(first.status, Status::kUndetermined);
+  EXPECT_EQ(first.code, X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_TRUE(first.decidedBy.empty());
+  EXPECT_FALSE(first.revoked.date);
   EXPECT_FALSE(run.current()->fellShort());
 }
 

@@ -19,7 +19,7 @@ const ConfigExtension kNoCheck{"noCheck", "yes"};
 
 OCSPSingle single(int status) { return {.status = status}; }
 
-class RevocationOCSPTest : public testing::Test {
+class RespondersTest : public testing::Test {
  protected:
   const VerificationRun run{nullptr};
   const Issued root = issueCA("O=Test,CN=Root");
@@ -29,7 +29,7 @@ class RevocationOCSPTest : public testing::Test {
                               ",OCSP;DNS:x.test,OCSP;URI:" + kTwo + ",OCSP;URI:" + kThree);
   Surroundings around{root};
 
-  RevocationOCSPTest() { around.know(ca); }
+  RespondersTest() { around.know(ca); }
 
   Issued person(const std::string& access) {
     return issue({.subject = "O=Test,CN=Person",
@@ -63,7 +63,7 @@ class RevocationOCSPTest : public testing::Test {
   }
 };
 
-TEST_F(RevocationOCSPTest, Good_EndsItAndNoListIsAsked) {
+TEST_F(RespondersTest, Good_EndsItAndNoListIsAsked) {
   answer(kOne, {.signer = &ca});
   around.publish({.issuer = &ca, .revoked = {{.serial = leaf}}});
   const Outcome outcome = decide(leaf);
@@ -76,7 +76,7 @@ TEST_F(RevocationOCSPTest, Good_EndsItAndNoListIsAsked) {
             (Asked{"CRLs CN=Root,O=Test", "share", "OCSP "s + kOne, "share ends"}));
 }
 
-TEST_F(RevocationOCSPTest, Revoked_EndsItWithReasonAndDate) {
+TEST_F(RespondersTest, Revoked_EndsItWithReasonAndDate) {
   answer(kOne, {.signer = &ca,
                 .singles = {{.status = V_OCSP_CERTSTATUS_REVOKED,
                              .reason = 1,
@@ -91,7 +91,7 @@ TEST_F(RevocationOCSPTest, Revoked_EndsItWithReasonAndDate) {
   EXPECT_EQ(outcome.decidedBy[0].kind, Statement::Kind::kOCSP);
 }
 
-TEST_F(RevocationOCSPTest, Unknown_TheListsDecide) {
+TEST_F(RespondersTest, Unknown_TheListsDecide) {
   answer(kOne, {.signer = &ca, .singles = {single(V_OCSP_CERTSTATUS_UNKNOWN)}});
   answer(kTwo, {.signer = &ca});
   EXPECT_EQ(decide(three).status, Status::kUndetermined);
@@ -105,7 +105,7 @@ TEST_F(RevocationOCSPTest, Unknown_TheListsDecide) {
                                          "share ends", "CRLs CN=CA,O=Test"}));
 }
 
-TEST_F(RevocationOCSPTest, RespondersInTurn_UntilOneAnswerIsUsable) {
+TEST_F(RespondersTest, RespondersInTurn_UntilOneAnswerIsUsable) {
   answer(kTwo, {.signer = &ca, .badSignature = true});
   answer(kThree, {.signer = &ca});
   const Outcome outcome = decide(three);
@@ -115,7 +115,7 @@ TEST_F(RevocationOCSPTest, RespondersInTurn_UntilOneAnswerIsUsable) {
                                          "OCSP "s + kTwo, "OCSP "s + kThree, "share ends"}));
 }
 
-TEST_F(RevocationOCSPTest, NoUsableAnswer_TheListsDecideAndTheCodeIsTheirs) {
+TEST_F(RespondersTest, NoUsableAnswer_TheListsDecideAndTheCodeIsTheirs) {
   answer(kOne, {.signer = &ca, .badSignature = true});
   const Outcome none = decide(leaf);
   EXPECT_EQ(none.status, Status::kUndetermined);
@@ -135,7 +135,7 @@ TEST_F(RevocationOCSPTest, NoUsableAnswer_TheListsDecideAndTheCodeIsTheirs) {
   EXPECT_EQ(good.decidedBy.at(0).kind, Statement::Kind::kCRL);
 }
 
-TEST_F(RevocationOCSPTest, WithoutOCSP_NobodyIsAsked) {
+TEST_F(RespondersTest, WithoutOCSP_NobodyIsAsked) {
   answer(kOne, {.signer = &ca, .singles = {single(V_OCSP_CERTSTATUS_REVOKED)}});
   around.publish({.issuer = &ca});
   around.scope.useOCSP = false;
@@ -143,16 +143,18 @@ TEST_F(RevocationOCSPTest, WithoutOCSP_NobodyIsAsked) {
   EXPECT_FALSE(wasAsked("OCSP "s + kOne));
 }
 
-TEST_F(RevocationOCSPTest, SourceThatMayHaveMore_IsTold) {
+TEST_F(RespondersTest, SourceThatMayHaveMore_IsTold) {
   answer(kTwo, {.signer = &ca});
   around.sources.cut = {"OCSP "s + kOne};
   EXPECT_TRUE(decide(three).cut);
   EXPECT_FALSE(around.decide({leaf, ca, root}).at(1).cut);
+  around.sources.cut = {"CRLs CN=Root,O=Test"};
+  EXPECT_TRUE(around.decide({leaf, ca, root}).at(1).cut);
 }
 
 // 4.2.2.2, the delegate.
 
-TEST_F(RevocationOCSPTest, Delegate_CountsWhenTheListsSayThatItIsGood) {
+TEST_F(RespondersTest, Delegate_CountsWhenTheListsSayThatItIsGood) {
   const Issued delegate = responder({{"authorityInfoAccess", "OCSP;URI:"s + kTwo}});
   answer(kOne, {.signer = &delegate});
   answer(kTwo, {.signer = &ca});
@@ -174,7 +176,7 @@ TEST_F(RevocationOCSPTest, Delegate_CountsWhenTheListsSayThatItIsGood) {
   EXPECT_EQ(revoked.decidedBy.at(0).kind, Statement::Kind::kCRL);
 }
 
-TEST_F(RevocationOCSPTest, DelegateThatNeedsNoCheck_CountsWithoutLists) {
+TEST_F(RespondersTest, DelegateThatNeedsNoCheck_CountsWithoutLists) {
   const Issued delegate = responder({kNoCheck});
   answer(kOne, {.signer = &delegate});
   EXPECT_EQ(decide(leaf).status, Status::kGood);
@@ -184,7 +186,7 @@ TEST_F(RevocationOCSPTest, DelegateThatNeedsNoCheck_CountsWithoutLists) {
   EXPECT_EQ(outcome.decidedBy.at(0).kind, Statement::Kind::kOCSP);
 }
 
-TEST_F(RevocationOCSPTest, DelegateWithoutAPath_DoesNotCount) {
+TEST_F(RespondersTest, DelegateWithoutAPath_DoesNotCount) {
   const Issued expired = issue({.subject = "O=Test,CN=Responder",
                                 .issuer = &ca,
                                 .notBefore = -std::chrono::hours(48),
@@ -197,7 +199,18 @@ TEST_F(RevocationOCSPTest, DelegateWithoutAPath_DoesNotCount) {
   EXPECT_TRUE(has(outcome, Reason::kSignerNotValid));
 }
 
-TEST_F(RevocationOCSPTest, DelegateOfANamesakeWithAnotherKey_DoesNotCount) {
+TEST_F(RespondersTest, DelegateOfAnotherTrustAnchor_DoesNotCount) {
+  const Issued delegate = responder({kNoCheck});
+  answer(kOne, {.signer = &delegate});
+  around.publish({.issuer = &root});
+  around.paths.anchor = handle(issueCA("O=Test,CN=Root"));
+  around.paths.known.clear();
+  const Outcome outcome = around.decide({leaf, ca, root}).at(0);
+  EXPECT_EQ(outcome.status, Status::kUndetermined);
+  EXPECT_TRUE(has(outcome, Reason::kSignerNotValid));
+}
+
+TEST_F(RespondersTest, DelegateOfANamesakeWithAnotherKey_DoesNotCount) {
   const Issued namesake = issueCA("O=Test,CN=CA", &root);
   around.know(namesake);
   const Issued delegate = issue({.subject = "O=Test,CN=Responder",
@@ -211,7 +224,7 @@ TEST_F(RevocationOCSPTest, DelegateOfANamesakeWithAnotherKey_DoesNotCount) {
 }
 
 // Whoever builds paths may find another certificate above the delegate than the one that is asked for.
-TEST_F(RevocationOCSPTest, PathOfTheDelegate_LeadsThroughTheKeyOfTheIssuer) {
+TEST_F(RespondersTest, PathOfTheDelegate_LeadsThroughTheKeyOfTheIssuer) {
   const Issued namesake = issueCA("O=Test,CN=CA", &root);
   const Issued delegate = responder({kNoCheck});
   answer(kOne, {.signer = &delegate});
@@ -221,7 +234,7 @@ TEST_F(RevocationOCSPTest, PathOfTheDelegate_LeadsThroughTheKeyOfTheIssuer) {
   EXPECT_TRUE(has(outcome, Reason::kSignerNotAllowed));
 }
 
-TEST_F(RevocationOCSPTest, RevokedCertificateAboveTheDelegate_TakesItsWordAway) {
+TEST_F(RespondersTest, RevokedCertificateAboveTheDelegate_TakesItsWordAway) {
   const Issued again =
       issue({.subject = "O=Test,CN=CA", .issuer = &root, .ca = true, .key = ca.key});
   for (const bool noCheck : {false, true}) {
@@ -244,7 +257,7 @@ TEST_F(RevocationOCSPTest, RevokedCertificateAboveTheDelegate_TakesItsWordAway) 
 }
 
 // Lists alone decide about the delegate, but not about who is above it.
-TEST_F(RevocationOCSPTest, IssuerOfTheDelegate_IsGoodByOCSP) {
+TEST_F(RespondersTest, IssuerOfTheDelegate_IsGoodByOCSP) {
   const Issued issuer = issue({.subject = "O=Test,CN=CA 2",
                                .issuer = &root,
                                .ca = true,
@@ -268,7 +281,7 @@ TEST_F(RevocationOCSPTest, IssuerOfTheDelegate_IsGoodByOCSP) {
   }
 }
 
-TEST_F(RevocationOCSPTest, CertificateInQuestion_DoesNotVouchForItself) {
+TEST_F(RespondersTest, CertificateInQuestion_DoesNotVouchForItself) {
   const Issued self =
       issue({.issuer = &ca,
              .extensions = {{"authorityInfoAccess", "OCSP;URI:"s + kOne}, kResponder, kNoCheck}});
@@ -279,7 +292,7 @@ TEST_F(RevocationOCSPTest, CertificateInQuestion_DoesNotVouchForItself) {
 
 // The key of the lists' issuer is certified by the CA as well: whether it is revoked is told by its own
 // list, if at all, which is believed only while nothing else says so.
-TEST_F(RevocationOCSPTest, DelegateThatRestsOnAnAssumption_CountsWhereItMay) {
+TEST_F(RespondersTest, DelegateThatRestsOnAnAssumption_CountsWhereItMay) {
   const Issued crlKey = issue({.subject = "O=Test,CN=CA", .issuer = &ca, .keyUsage = KU_CRL_SIGN});
   around.know(crlKey);
   const Issued delegate = responder();
@@ -290,7 +303,7 @@ TEST_F(RevocationOCSPTest, DelegateThatRestsOnAnAssumption_CountsWhereItMay) {
   EXPECT_EQ(outcome.decidedBy.at(0).kind, Statement::Kind::kOCSP);
 }
 
-TEST_F(RevocationOCSPTest, NestedTooDeep_FallsShort) {
+TEST_F(RespondersTest, NestedTooDeep_FallsShort) {
   const Issued delegate = responder({kNoCheck});
   answer(kOne, {.signer = &delegate});
   around.publish({.issuer = &ca});
@@ -302,7 +315,7 @@ TEST_F(RevocationOCSPTest, NestedTooDeep_FallsShort) {
   });
 }
 
-TEST_F(RevocationOCSPTest, ProcessorTimeUsedUp_NobodyIsAsked) {
+TEST_F(RespondersTest, ProcessorTimeUsedUp_NobodyIsAsked) {
   answer(kOne, {.signer = &ca});
   std::thread([this] {
     const VerificationRun bounded(nullptr, {.processorTime = std::chrono::nanoseconds(0)});
@@ -314,7 +327,7 @@ TEST_F(RevocationOCSPTest, ProcessorTimeUsedUp_NobodyIsAsked) {
 
 // The path.
 
-TEST_F(RevocationOCSPTest, Intermediate_HasResponderOfItsOwn) {
+TEST_F(RespondersTest, Intermediate_HasResponderOfItsOwn) {
   const Issued inner = issue({.subject = "O=Test,CN=CA 2",
                               .issuer = &root,
                               .ca = true,
@@ -337,7 +350,7 @@ TEST_F(RevocationOCSPTest, Intermediate_HasResponderOfItsOwn) {
   EXPECT_FALSE(wasAsked("OCSP "s + kOne));
 }
 
-TEST_F(RevocationOCSPTest, GoodLeafBelowAnIntermediateThatAListRevokes_IsNotGood) {
+TEST_F(RespondersTest, GoodLeafBelowAnIntermediateThatAListRevokes_IsNotGood) {
   answer(kOne, {.signer = &ca});
   around.publish({.issuer = &root, .revoked = {{.serial = ca}}});
   const std::vector<Outcome> outcomes = around.decide({leaf, ca, root});
@@ -347,7 +360,7 @@ TEST_F(RevocationOCSPTest, GoodLeafBelowAnIntermediateThatAListRevokes_IsNotGood
 
 // RFC 9608
 
-TEST_F(RevocationOCSPTest, NoRevocationAvailable_NobodyIsAsked) {
+TEST_F(RespondersTest, NoRevocationAvailable_NobodyIsAsked) {
   const RawExtension none{.oid = "2.5.29.56", .der = "\x05\0"s};
   const Issued certificate = issue({.issuer = &ca, .rawExtensions = {none}});
   around.publish({.issuer = &ca, .revoked = {{.serial = certificate}}});
@@ -367,7 +380,7 @@ TEST_F(RevocationOCSPTest, NoRevocationAvailable_NobodyIsAsked) {
   EXPECT_EQ(around.sources.asked, Asked{"CRLs CN=Root,O=Test"});
 }
 
-TEST_F(RevocationOCSPTest, ExtensionThatCannotBeRead_IsAnErrorOfTheCertificate) {
+TEST_F(RespondersTest, ExtensionThatCannotBeRead_IsAnErrorOfTheCertificate) {
   const Issued certificate =
       issue({.issuer = &ca, .rawExtensions = {{.oid = "1.3.6.1.5.5.7.1.1", .der = "\x30\x05\0"s}}});
   around.publish({.issuer = &ca});
