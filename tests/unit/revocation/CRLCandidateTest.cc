@@ -9,7 +9,7 @@ namespace {
 using namespace Crypto::PKX509;
 using namespace Crypto::PKX509::Revocation;
 
-const Issued& authority() {
+const Issued& listIssuer() {
   static const Issued made = issueCA("O=Test,CN=CA");
   return made;
 }
@@ -17,7 +17,7 @@ const Issued& authority() {
 Time at(const char* text) { return Time::then(When(text).time(), true); }
 
 TEST(CRLCandidate, Statement_SaysWhatTheListIs) {
-  CRLOptions options{.issuer = &authority(),
+  CRLOptions options{.issuer = &listIssuer(),
                      .lastUpdate = "20260102000000Z",
                      .nextUpdate = When("20260109000000Z"),
                      .number = Serial(42)};
@@ -37,7 +37,7 @@ TEST(CRLCandidate, Statement_SaysWhatTheListIs) {
 
 TEST(CRLCandidate, StatementOfAListThatSaysLess_HasLess) {
   const Statement statement =
-      statementOf({.crl = crlHandle({.issuer = &authority(), .nextUpdate = {}, .number = {}})});
+      statementOf({.crl = crlHandle({.issuer = &listIssuer(), .nextUpdate = {}, .number = {}})});
   EXPECT_EQ(statement.number, "");
   EXPECT_EQ(statement.nextUpdate, std::nullopt);
   EXPECT_TRUE(statement.thisUpdate);
@@ -45,7 +45,7 @@ TEST(CRLCandidate, StatementOfAListThatSaysLess_HasLess) {
 
 // 5.1.2.4, 5.1.2.5: both ends belong to it.
 TEST(CRLCandidate, Times_IncludeTheirEnds) {
-  CRLOptions options{.issuer = &authority(),
+  CRLOptions options{.issuer = &listIssuer(),
                      .lastUpdate = "20260102000000Z",
                      .nextUpdate = When("20260109000000Z")};
   const auto dated = crlHandle(options);
@@ -60,16 +60,16 @@ TEST(CRLCandidate, Times_IncludeTheirEnds) {
 }
 
 TEST(CRLCandidate, Counts_WhenNothingIsAgainstItAndItsSignerIsKnown) {
-  CRLCandidate candidate{.crl = crlHandle({.issuer = &authority()})};
+  CRLCandidate candidate{.crl = crlHandle({.issuer = &listIssuer()})};
   EXPECT_FALSE(candidate.counts());
-  candidate.signer = handle(authority());
+  candidate.signer = handle(listIssuer());
   EXPECT_TRUE(candidate.counts());
   candidate.unauthentic = Reason::kSignerRevoked;
   EXPECT_FALSE(candidate.counts());
   candidate.forgetSigner();
   EXPECT_FALSE(candidate.unauthentic);
   EXPECT_TRUE(candidate.signer.empty());
-  candidate.signer = handle(authority());
+  candidate.signer = handle(listIssuer());
   candidate.refused = Reason::kExpired;
   EXPECT_FALSE(candidate.counts());
 }

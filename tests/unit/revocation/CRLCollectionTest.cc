@@ -12,10 +12,6 @@ using Crypto::PKX509::Revocation::CRLCollection;
 using Asked = std::vector<std::string>;
 using IDP = Velantrix::Test::IssuingDistributionPoint;
 
-constexpr char kHere[] = "http://crl.test/here";
-constexpr char kThere[] = "http://crl.test/there";
-constexpr char kDeltas[] = "http://crl.test/deltas";
-
 class CRLCollectionTest : public testing::Test {
  protected:
   const Issued ca = issueCA("O=Test,CN=CA");

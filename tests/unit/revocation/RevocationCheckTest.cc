@@ -15,10 +15,6 @@ using std::chrono::hours;
 using Scope = Velantrix::Test::IssuingDistributionPoint;
 
 constexpr int kRevoked = X509_V_ERR_CERT_REVOKED;
-constexpr char kHere[] = "http://crl.test/here";
-constexpr char kThere[] = "http://crl.test/there";
-constexpr char kDeltas[] = "http://crl.test/deltas";
-
 class RevocationCheckTest : public testing::Test {
  protected:
   const VerificationRun run{nullptr};

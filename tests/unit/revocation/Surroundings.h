@@ -41,6 +41,11 @@ using Crypto::PKX509::Revocation::RevocationCheck;
 using Crypto::PKX509::Revocation::Statement;
 using Crypto::PKX509::Revocation::Status;
 
+/// Places that tests have lists at.
+inline constexpr char kHere[] = "http://crl.test/here";
+inline constexpr char kThere[] = "http://crl.test/there";
+inline constexpr char kDeltas[] = "http://crl.test/deltas";
+
 /// CRLs are found by the name of their issuer, and by what they were added for. What is `cut` is asked for
 /// by the same words that `asked` has.
 class MemorySources : public Crypto::PKX509::Revocation::RevocationSources {
