@@ -263,6 +263,19 @@ TEST_F(CRLStatusTest, BaseWithANewerDelta_IsNewerThanAnotherBase) {
   EXPECT_EQ(setAside(Reason::kSuperseded), Names{"other"});
 }
 
+TEST_F(CRLStatusTest, BaseWithALaterDelta_IsNewerThanAListWithoutANumber) {
+  CRLOptions base = empty(5);
+  base.lastUpdate = -hours(5);
+  add("base", base);
+  add("delta", deltaOf(empty(9), 5));
+  CRLOptions other = list(1);
+  other.number.reset();
+  other.lastUpdate = -hours(3);
+  add("other", other);
+  EXPECT_EQ(decide(), Status::kGood);
+  EXPECT_EQ(setAside(Reason::kSuperseded), Names{"other"});
+}
+
 TEST_F(CRLStatusTest, DeltaThatUpdatesNothing_IsSetAside) {
   const Issued namesake = issueCA("O=Test,CN=CA");
   struct Row {

@@ -198,6 +198,7 @@ TEST_F(RevocationCheckTest, SomeReasons_AllOfThemHaveToBeCovered) {
   const Issued leaf = person();
   around.publish({.issuer = &ca, .idp = Scope{.onlySomeReasons = 0x60}});
   EXPECT_EQ(decide(leaf).status, Status::kUndetermined);
+  EXPECT_TRUE(decide(leaf).decidedBy.empty());
   around.publish({.issuer = &ca, .idp = Scope{.onlySomeReasons = 0x801f}});
   EXPECT_EQ(decide(leaf).status, Status::kGood);
   around.publish({.issuer = &ca,
@@ -353,6 +354,17 @@ TEST_F(SelfCoverTest, ListThatNamesItsOwnIssuer_SilencesItsKey) {
   around.publish({.issuer = &crlKey, .number = Serial(1), .revoked = {{.serial = crlKey}}});
   const Outcome outcome = decide(leaf);
   EXPECT_EQ(outcome.status, Status::kUndetermined);
+  around.publish({.issuer = &ca});
+  EXPECT_EQ(decide(leaf).status, Status::kGood) << "by another key";
+}
+
+TEST_F(SelfCoverTest, ExpiredListThatNamesItsOwnIssuer_SilencesNobody) {
+  around.publish({.issuer = &crlKey,
+                  .lastUpdate = -hours(48),
+                  .nextUpdate = When(-hours(24)),
+                  .revoked = {{.serial = crlKey}}});
+  around.publish({.issuer = &crlKey, .number = Serial(2)});
+  EXPECT_EQ(decide(leaf).status, Status::kGood);
 }
 
 TEST_F(SelfCoverTest, SilenceOfAKey_HoldsForListsThatAreFoundLater) {
@@ -582,6 +594,8 @@ TEST_F(RevocationCheckTest, FormThatIsWrong_MakesAListUnusable) {
     EXPECT_EQ(outcome.status, Status::kUndetermined) << row.what;
     EXPECT_TRUE(has(outcome, row.reason)) << row.what;
     EXPECT_EQ(outcome.code, row.code) << row.what;
+    EXPECT_EQ(outcome.setAside.at(0).detail.empty(),
+              row.reason == Reason::kUnknownCriticalExtension);
   }
 }
 
@@ -601,7 +615,9 @@ TEST_F(RevocationCheckTest, CodeOfSeveralFailures_IsTheMostTelling) {
   around.publishAt(kHere, {.issuer = &other});
   EXPECT_EQ(decide(leaf).code, X509_V_ERR_DIFFERENT_CRL_SCOPE);
   around.publishAt(kHere, {.issuer = &ca, .badSignature = true});
-  EXPECT_EQ(decide(leaf).code, X509_V_ERR_CRL_SIGNATURE_FAILURE);
+  const Outcome all = decide(leaf);
+  EXPECT_EQ(all.code, X509_V_ERR_CRL_SIGNATURE_FAILURE);
+  EXPECT_EQ(all.setAside.size(), 4U) << "each once, however often it was looked at";
 }
 
 // The settings.
