@@ -135,7 +135,7 @@ TEST_F(ChainCost, HundredThousandPlacesThatLeadNowhere) {
 TEST_F(ChainCost, PlacesThatLeadNowhereOfAGenuineLeaf) {
   std::string content;
   std::string responders;
-  for (int i = 0; i < 20000; ++i) {
+  for (int i = 0; i < 60000; ++i) {
     const std::string uri = "x:" + std::to_string(i);
     content += uriPoint(uri);
     responders += sequence("\x06\x08\x2b\x06\x01\x05\x05\x07\x30\x01"s + element(0x86, uri));
