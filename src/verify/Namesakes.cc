@@ -4,8 +4,6 @@
 #include "foundation/run/VerificationRun.h"
 #include "verify/StoreCallbacks.h"
 
-#include <velantrix/Assert.h>
-
 #include <algorithm>
 #include <limits>
 #include <list>
@@ -17,14 +15,9 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-// The ex-data slot of a context that leads to its namesakes. Slot 0 is the application's.
+// The ex-data slot of a context that leads to its namesakes.
 int namesakesIndex() {
-  static const int index = [] {
-    const int made = X509_STORE_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
-    if (made == -1) throw std::bad_alloc();  // its only way to fail; the next call tries again
-    return made;
-  }();
-  PKX509_ASSERT(index > 0);
+  static const int index = newContextIndex();
   return index;
 }
 

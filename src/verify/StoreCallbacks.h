@@ -1,4 +1,5 @@
-// The callbacks of an OpenSSL store, for as long as a context is made from it.
+// What a context is made with: the callbacks of its OpenSSL store, for as long as it is made from it, and
+// slots of its own.
 //
 //   const StoreCallbacks former(store);           // puts back what was there
 //   X509_STORE_set_get_crl(store, getCRLCallback);
@@ -6,6 +7,8 @@
 #pragma once
 
 #include "foundation/openssl/OpenSSLOwners.h"
+
+#include <velantrix/Assert.h>
 
 #include <openssl/x509_vfy.h>
 
@@ -67,6 +70,14 @@ inline const DefaultCallbacks& defaultCallbacks() {
                             X509_STORE_CTX_get_verify(context.get())};
   }();
   return functions;
+}
+
+// A new ex-data slot of contexts. Slot 0 is the application's.
+inline int newContextIndex() {
+  const int made = X509_STORE_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+  if (made == -1) throw std::bad_alloc();  // its only way to fail; the next call tries again
+  PKX509_ASSERT(made > 0);
+  return made;
 }
 
 }  // namespace Velantrix::Crypto::PKX509

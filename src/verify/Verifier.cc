@@ -10,22 +10,15 @@
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
-#include <new>
-
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
 constexpr char kAnyPolicy[] = "2.5.29.32.0";
 
-// The ex-data slot that leads from a context back to its verifier. Slot 0 is the application's.
+// The ex-data slot that leads from a context back to its verifier.
 int contextIndex() {
-  static const int index = [] {
-    const int made = X509_STORE_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
-    if (made == -1) throw std::bad_alloc();  // its only way to fail; the next call tries again
-    return made;
-  }();
-  PKX509_ASSERT(index > 0);
+  static const int index = newContextIndex();
   return index;
 }
 
