@@ -1,12 +1,12 @@
 #include "model/Generator.h"
 
+#include "model/Chance.h"
+
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
 #include <algorithm>
 #include <cctype>
-#include <initializer_list>
-#include <random>
 #include <utility>
 
 namespace Velantrix::Test::Random {
@@ -23,9 +23,9 @@ constexpr Parts kBySupersession{0x8067, 0x18};
 constexpr Parts kByCompromise{0x807d, 0x02};
 constexpr Parts kByAttributes{0x007f, 0x8000};
 
-class Generator {
+class Generator : private Chance {
  public:
-  explicit Generator(std::uint64_t seed) : random_(seed) {}
+  explicit Generator(std::uint64_t seed) : Chance(seed) {}
 
   Description make() {
     pki_.sources.resize(2);
@@ -43,19 +43,7 @@ class Generator {
   }
 
  private:
-  // Chance. The standard's distributions are not the same everywhere; a remainder is.
-  int below(int bound) { return static_cast<int>(random_() % static_cast<unsigned>(bound)); }
-  int between(int low, int high) { return low + below(high - low + 1); }
   bool one(int in) { return below(in) == 0; }
-  bool percent(int chance) { return below(100) < chance; }
-  template <class T>
-  T pick(std::initializer_list<T> values) {
-    return *(values.begin() + below(static_cast<int>(values.size())));
-  }
-  template <class List>
-  auto& any(List& list) {
-    return list[static_cast<std::size_t>(below(static_cast<int>(list.size())))];
-  }
   template <class T>
   void shuffle(std::vector<T>& list) {
     for (std::size_t i = list.size(); i > 1; --i) {
@@ -799,7 +787,6 @@ class Generator {
     }
   }
 
-  std::mt19937_64 random_;
   Description pki_;
   std::vector<int> path_;   // the intended one, root first
   std::vector<int> lists_;  // issuers of indirect CRLs

@@ -1,10 +1,10 @@
 #include "model/GroundTruthRealisation.h"
 
 #include "foundation/run/VerificationRun.h"
+#include "model/Chance.h"
 #include "model/GroundTruthOpenSSL.h"
 #include "model/GroundTruthSources.h"
 
-#include <array>
 #include <cctype>
 #include <stdexcept>
 
@@ -17,15 +17,6 @@ namespace Revocation = Crypto::PKX509::Revocation;
 const std::string kNull("\x05\0", 2);
 // An identifier that nobody handles (of the documentation arc).
 const RawExtension kUnknownCritical{"2.999.1", true, kNull};
-
-const std::shared_ptr<EVP_PKEY>& keyOf(int index) {
-  static const auto pool = [] {
-    std::array<std::shared_ptr<EVP_PKEY>, kKeys> keys;
-    for (std::shared_ptr<EVP_PKEY>& key : keys) key = makeKey();
-    return keys;
-  }();
-  return pool.at(static_cast<std::size_t>(index));
-}
 
 /// The same name (RFC 5280, 7.1).
 std::string inCapitals(std::string name) {
@@ -80,8 +71,8 @@ const Issued& Realisation::issued(int index) {
   if (described.ocspSigning) options.extensions.push_back({"extendedKeyUsage", "OCSPSigning"});
   if (described.noCheck) options.rawExtensions.push_back({"1.3.6.1.5.5.7.48.1.5", false, kNull});
   if (described.noRevAvail) options.rawExtensions.push_back({"2.5.29.56", false, kNull});
-  options.key = keyOf(described.key);
-  if (described.forger != kNobody) options.signer = keyOf(described.forger);
+  options.key = keyOf<kKeys>(described.key);
+  if (described.forger != kNobody) options.signer = keyOf<kKeys>(described.forger);
   return issued_[index] = issue(options);
 }
 
@@ -117,7 +108,7 @@ RefCertificateRevocationList Realisation::list(int index) {
   options.idp = described.scope;
   options.freshestCRL = described.freshest;
   if (described.unknownCritical) options.rawExtensions.push_back(kUnknownCritical);
-  options.signer = keyOf(described.key);
+  options.signer = keyOf<kKeys>(described.key);
   options.badSignature = described.badSignature;
   Owned<X509_CRL> made = makeCRL(options);
   if (described.version1) made = asVersion1(made.get(), options.signer.get());
@@ -131,7 +122,7 @@ std::string Realisation::answer(const Answer& description, const std::string& re
     return ocspAnswer(options, request);
   }
   options.signer = &issued(description.signer);
-  if (description.key != kNobody) options.key = keyOf(description.key);
+  if (description.key != kNobody) options.key = keyOf<kKeys>(description.key);
   options.singles.clear();
   for (const Single& single : description.singles) {
     OCSPSingle one{.status = single.status};

@@ -6,6 +6,7 @@
 //
 // Each world is its seed, and a case is an offer of it. The oracle decides it from the description; what
 // the authorities have really done, and OpenSSL where it is able to, are asked beside it.
+#include "model/Cases.h"
 #include "model/GroundTruthAdversary.h"
 #include "model/GroundTruthGenerator.h"
 #include "model/GroundTruthOpenSSL.h"
@@ -16,7 +17,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <map>
@@ -37,16 +37,6 @@ constexpr std::uint64_t kCasesToRun = kCases / 10;
 #else
 constexpr std::uint64_t kCasesToRun = kCases;
 #endif
-
-std::uint64_t firstSeed() {
-  const int given = testing::GTEST_FLAG(random_seed);
-  return given > 0 ? static_cast<std::uint64_t>(given) : 1;
-}
-
-std::uint64_t caseCount() {
-  const char* const given = std::getenv("PKX509_MODEL_CASES");
-  return given == nullptr ? kCasesToRun : std::strtoull(given, nullptr, 10);
-}
 
 Verdict verdictOf(Revocation::Status status) {
   switch (status) {
@@ -263,11 +253,11 @@ class GroundTruth : public testing::Test {
 };
 
 TEST_F(GroundTruth, IsWhatTheLibraryFinds) {
-  const std::uint64_t worlds = (caseCount() + kOffers - 1) / kOffers;
+  const std::uint64_t worlds = (caseCount(kCasesToRun) + kOffers - 1) / kOffers;
   for (std::uint64_t i = 0; i < worlds; ++i) {
     if (!judge(firstSeed() + i, kOffers)) return;
   }
-  if (caseCount() != kCases || firstSeed() != 1) {
+  if (caseCount(kCasesToRun) != kCases || firstSeed() != 1) {
     for (const auto& [what, times] : seen_) std::cout << times << "\t" << what << "\n";
     return;
   }

@@ -9,13 +9,13 @@
 // are minutes from the moment of the verification.
 #pragma once
 
+#include "model/Chance.h"
 #include "support/OCSPBuilder.h"
 #include "support/Pki.h"
 
 #include <iosfwd>
 #include <map>
 #include <optional>
-#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -167,26 +167,6 @@ bool sameScope(const std::optional<IssuingDistributionPoint>& a,
 /// Prints what matters of it.
 void print(std::ostream& out, const World& world, const Offer& offer);
 const char* text(Verdict verdict);
-
-/// Chance. The standard's distributions are not the same everywhere; a remainder is.
-class Chance {
- public:
-  explicit Chance(std::uint64_t seed) : random_(seed) {}
-  int below(int bound) { return static_cast<int>(random_() % static_cast<unsigned>(bound)); }
-  int between(int low, int high) { return low + below(high - low + 1); }
-  bool percent(int chance) { return below(100) < chance; }
-  template <class T>
-  T pick(std::initializer_list<T> values) {
-    return *(values.begin() + below(static_cast<int>(values.size())));
-  }
-  template <class List>
-  auto& any(List& list) {
-    return list[static_cast<std::size_t>(below(static_cast<int>(list.size())))];
-  }
-
- private:
-  std::mt19937_64 random_;
-};
 
 template <class List>
 auto& at(List& list, int index) {

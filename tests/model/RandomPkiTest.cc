@@ -6,13 +6,13 @@
 //
 // Each case is its seed. The first is --gtest_random_seed (1 by default), their number
 // PKX509_MODEL_CASES; both are fixed by default, so that CTest always sees the same cases.
+#include "model/Cases.h"
 #include "model/Generator.h"
 #include "model/Model.h"
 #include "model/Realisation.h"
 #include "model/Shrink.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <map>
 #include <sstream>
@@ -30,16 +30,6 @@ constexpr std::uint64_t kCasesToRun = 800;
 #else
 constexpr std::uint64_t kCasesToRun = kCases;
 #endif
-
-std::uint64_t firstSeed() {
-  const int given = testing::GTEST_FLAG(random_seed);
-  return given > 0 ? static_cast<std::uint64_t>(given) : 1;
-}
-
-std::uint64_t caseCount() {
-  const char* const given = std::getenv("PKX509_MODEL_CASES");
-  return given == nullptr ? kCasesToRun : std::strtoull(given, nullptr, 10);
-}
 
 std::string shown(const std::vector<std::string>& lines) {
   std::string all;
@@ -88,7 +78,8 @@ std::string difference(const Description& pki) {
 class RandomPki : public testing::TestWithParam<int> {};
 
 TEST_P(RandomPki, LibraryAndModelAgree) {
-  for (std::uint64_t i = static_cast<std::uint64_t>(GetParam()); i < caseCount(); i += kShards) {
+  for (std::uint64_t i = static_cast<std::uint64_t>(GetParam()); i < caseCount(kCasesToRun);
+       i += kShards) {
     const std::uint64_t seed = firstSeed() + i;
     const Description pki = generate(seed);
     if (difference(pki).empty()) continue;

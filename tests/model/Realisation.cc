@@ -1,10 +1,10 @@
 #include "model/Realisation.h"
 
+#include "model/Chance.h"
 #include "model/Generator.h"
 #include "support/LogCapture.h"
 #include "support/PrivateView.h"
 
-#include <array>
 #include <ctime>
 #include <list>
 #include <utility>
@@ -15,15 +15,6 @@ namespace {
 
 // An identifier that nobody handles (of the documentation arc), with the value NULL.
 const RawExtension kUnknownCritical{"2.999.1", true, std::string("\x05\0", 2)};
-
-const std::shared_ptr<EVP_PKEY>& keyOf(int index) {
-  static const auto pool = [] {
-    std::array<std::shared_ptr<EVP_PKEY>, kKeys> keys;
-    for (std::shared_ptr<EVP_PKEY>& key : keys) key = makeKey();
-    return keys;
-  }();
-  return pool.at(static_cast<std::size_t>(index));
-}
 
 /// Days count from here, the same for all cases of a process.
 std::time_t start() {
@@ -98,8 +89,8 @@ void Realisation::makeCertificate(const CertificateDescription& described) {
   }
   options.freshestCRL = freshest(described.freshestCRL);
   if (described.unknownCritical) options.rawExtensions.push_back(kUnknownCritical);
-  options.key = keyOf(described.key);
-  options.signer = keyOf(described.signer);
+  options.key = keyOf<kKeys>(described.key);
+  options.signer = keyOf<kKeys>(described.signer);
   options.badSignature = described.brokenSignature;
   issued_.push_back(issue(options));
   certificates_.push_back(handle(issued_.back()));
@@ -134,7 +125,7 @@ void Realisation::makeCRL(const CRLDescription& described) {
   options.freshestCRL = freshest(described.freshestCRL);
   options.authorityKeyId = described.authorityKeyId;
   if (described.unknownCritical) options.rawExtensions.push_back(kUnknownCritical);
-  options.signer = keyOf(described.signer);
+  options.signer = keyOf<kKeys>(described.signer);
   options.badSignature = described.brokenSignature;
   crls_.push_back(crlHandle(options));
 }
