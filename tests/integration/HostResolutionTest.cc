@@ -8,6 +8,7 @@
 #include <velantrix/Host.h>
 
 #include <algorithm>
+#include <ares.h>
 #include <atomic>
 #include <chrono>
 #include <ctime>
@@ -83,7 +84,7 @@ TEST_F(HostResolution, MoreThanSixteenAddresses_TheRestIsLeftOut) {
     std::vector<std::string> addresses;
     for (std::size_t i = 1; i <= served; ++i) addresses.push_back("192.0.2." + std::to_string(i));
     const DnsServer server(always(addresses));
-    const std::vector<std::string> found = resolveHost("host.example.test");
+    const std::vector<std::string> found = resolveHost("host.example.test").addresses;
     EXPECT_EQ(found.size(), std::min(served, std::size_t{16}));
     EXPECT_EQ(std::set<std::string>(found.begin(), found.end()).size(), found.size());
   }
@@ -109,6 +110,40 @@ TEST_F(HostResolution, NoSuchName_HasNoAddressAndTakesNoTime) {
   EXPECT_EQ(resolve("host.example.test"), "");
   EXPECT_TRUE(watch.tookNoTime());
   EXPECT_FALSE(server.queries().empty());
+}
+
+TEST_F(HostResolution, WhyThereIsNoAddress_IsTold) {
+  const struct {
+    const char* what;
+    DnsServer::Handler answer;
+    int status;
+    const char* reason;
+  } rows[] = {
+      {"no such name", [](const DnsQuery& query) { return answerTo(query, {}, kNoSuchName); },
+       ARES_ENOTFOUND, "Domain name not found"},
+      {"no address", always({}), ARES_ENODATA, "DNS server returned answer with no data"},
+      {"silence", [](const DnsQuery&) { return std::string(); }, ARES_ETIMEOUT,
+       "Timeout while contacting DNS servers"},
+  };
+  for (const auto& row : rows) {
+    const DnsServer server(row.answer);
+    const VerificationRun run(nullptr, {.networkTime = kShort});
+    const HostAddresses none = resolveHost("host.example.test");
+    EXPECT_EQ(none.status, row.status) << row.what;
+    EXPECT_EQ(none.reason(), row.reason) << row.what;
+    EXPECT_EQ(none.addresses.size(), 0U) << row.what;
+  }
+  for (const std::string& name : {""s, "a\0b"s, std::string(300, 'a')}) {
+    EXPECT_EQ(resolveHost(name).status, ARES_EBADNAME) << name;
+  }
+}
+
+TEST_F(HostResolution, NoTimeLeft_IsToldApartFromNoAddress) {
+  const DnsServer server(always({"192.0.2.1"}));
+  EXPECT_EQ(resolveHost("host.example.test").status, HostAddresses::kFound);
+  VerificationRun run(nullptr, {.networkTime = 10s});
+  run.network().countTime(10s);
+  EXPECT_EQ(resolveHost("host.example.test").status, HostAddresses::kNoTime);
 }
 
 TEST_F(HostResolution, NamesThatNobodyHas_HaveNoAddress) {

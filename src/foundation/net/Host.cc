@@ -2,6 +2,7 @@
 
 #include <velantrix/Host.h>
 
+#include <string>
 #include <vector>
 
 namespace Velantrix {
@@ -13,7 +14,7 @@ std::string IPAddress::asString(bool plain) const {
 
 const IPAddress& Host::address() const {
   if (!address_.has_value()) {
-    const std::vector<std::string> addresses = resolveHost(name_.asString());
+    const std::vector<std::string> addresses = resolveHost(name_.asString()).addresses;
     address_ = addresses.empty() ? IPAddress() : IPAddress(addresses.front());
   }
   return *address_;

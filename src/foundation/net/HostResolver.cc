@@ -62,16 +62,18 @@ std::string numericForm(const sockaddr* address) {
 // One question, and the sockets that c-ares asks it on.
 class Resolution {
  public:
-  std::vector<std::string> run(const std::string& name) {
+  HostAddresses run(const std::string& name) {
     const NetworkTimer timer(kResolveTime);
-    if (timer.expired() || !open()) return {};
+    if (timer.expired()) return {.status = HostAddresses::kNoTime};
+    if (!open()) return {.status = status_};
     ares_addrinfo_hints hints{};
     hints.ai_family = AF_UNSPEC;
     ares_getaddrinfo(channel_.get(), name.c_str(), nullptr, &hints, s_answer, this);
     while (!answered_ && !timer.expired()) step(timer.deadline());
     // Answers what is still open, so that nothing comes back here later.
     channel_.reset();
-    return std::move(addresses_);
+    if (!addresses_.empty()) return {.addresses = std::move(addresses_)};
+    return {.status = status_ == ARES_SUCCESS ? ARES_ENODATA : status_};
   }
 
  private:
@@ -81,6 +83,7 @@ class Resolution {
     auto& resolution = *static_cast<Resolution*>(self);
     resolution.answered_ = true;
     if (status == ARES_ENOMEM) Shortfall::note();
+    if (status != ARES_EDESTRUCTION) resolution.status_ = status;
     if (status != ARES_SUCCESS || found == nullptr) return;
     try {
       for (const ares_addrinfo_node* node = found->nodes;
@@ -92,6 +95,7 @@ class Resolution {
     } catch (const std::bad_alloc&) {
       Shortfall::note();
       resolution.addresses_.clear();
+      resolution.status_ = ARES_ENOMEM;
     }
   }
 
@@ -105,12 +109,16 @@ class Resolution {
       sockets.push_back({descriptor, static_cast<short>(events), 0});
     } catch (const std::bad_alloc&) {
       Shortfall::note();
+      resolution.status_ = ARES_ENOMEM;
       resolution.answered_ = true;
     }
   }
 
   bool open() {
-    if (!libraryReady()) return false;
+    if (!libraryReady()) {
+      status_ = ARES_ENOTINITIALIZED;
+      return false;
+    }
     ares_options options{};
     options.timeout = kTryMilliseconds;
     options.tries = kTries;
@@ -121,6 +129,7 @@ class Resolution {
         &made, &options, ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_SOCK_STATE_CB);
     if (status != ARES_SUCCESS) {
       if (status == ARES_ENOMEM) Shortfall::note();
+      status_ = status;
       return false;
     }
     channel_.reset(made);
@@ -156,18 +165,24 @@ class Resolution {
   Channel channel_;
   std::vector<pollfd> sockets_;
   std::vector<std::string> addresses_;
+  int status_ = ARES_ETIMEOUT;  // as long as nobody says anything else
   bool answered_ = false;
 };
 
 }  // namespace
 
-std::vector<std::string> resolveHost(const std::string& name) {
+std::string HostAddresses::reason() const {
+  if (status == kNoTime) return "no time was left for the network";
+  return ares_strerror(status);
+}
+
+HostAddresses resolveHost(const std::string& name) {
   // Parsers and c-ares see C strings: they would take what stands in front of a NUL for the whole.
-  if (name.empty() || name.find('\0') != std::string::npos) return {};
+  if (name.empty() || name.find('\0') != std::string::npos) return {.status = ARES_EBADNAME};
   boost::system::error_code notNumeric;
   boost::asio::ip::make_address(name, notNumeric);
-  if (!notNumeric) return {name};
-  if (name.size() > kMaximumName) return {};
+  if (!notNumeric) return {.addresses = {name}};
+  if (name.size() > kMaximumName) return {.status = ARES_EBADNAME};
   const NoCancellation untilReturn;
   return Resolution().run(name);
 }

@@ -74,7 +74,7 @@ LDAPStream::LDAPStream(const LDAPConnection::Server& server, const Deadline& dea
   if (!NetworkBudget::hasTime()) {
     fail(kHere, server.uri() + ": The time for the network is spent.");
   }
-  const std::vector<std::string> hosts = resolveHost(server.host());
+  const std::vector<std::string> hosts = resolveHost(server.host()).addresses;
   if (hosts.empty()) fail(kHere, server.host() + ": The host has no address.");
   auto left = static_cast<int>(hosts.size());
   int error = ETIMEDOUT;
