@@ -113,6 +113,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     PKX509_ASSERT(outcome >= Outcome::kClosed && outcome <= Outcome::kComplete);
     PKX509_ASSERT(outcome != Outcome::kTimedOut);  // the end of the answer was there at once
     PKX509_ASSERT(connection->contentReceived() <= limit);
+    const HTTP::Failure& failure = connection->failure();
+    PKX509_ASSERT((outcome == Outcome::kComplete) == (failure.kind == HTTP::Failure::Kind::kNone));
+    PKX509_ASSERT(failure.detail.size() <= HTTP::Failure::kMaximumDetail);
     if (outcome == Outcome::kComplete) {
       PKX509_ASSERT(body.size() == connection->contentReceived());
       checkBody(answer, body);

@@ -12,7 +12,6 @@
 #include <pkx509/OCSP.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/Exception.h>
-#include <velantrix/Host.h>
 
 #include <algorithm>
 #include <sstream>
@@ -83,9 +82,12 @@ bool Client::connect(const Uri& responder) {
     if (connectionAdmitted()) {
       HTTP::RefStream stream = HTTP::streamFor(uri, {kClientCertificateFile, kClientKeyFile});
       connection = HTTP::RefConnection(stream);
-      const Host host(uri.hostname());
-      if (!host.address().empty()) {
-        connected = connection->connect(HTTP::endpointFor(host.address(), uri));
+      HTTP::Failure failure;
+      const auto endpoint = HTTP::findEndpoint(uri, failure);
+      if (endpoint.has_value()) {
+        connected = connection->connect(*endpoint);
+      } else {
+        connection->unreachable(failure);
       }
     }
   }

@@ -21,6 +21,7 @@ namespace {
 using namespace std::chrono_literals;
 using Crypto::PKX509::VerificationRun;
 using HTTP::Connection;
+using Kind = HTTP::Failure::Kind;
 
 constexpr std::size_t kMegabyte = std::size_t{1024} * 1024;
 /// Sanitizers copy what is made larger, and keep what is freed for a while.
@@ -63,6 +64,7 @@ TEST(HTTPBounds, Silence_EndsWithTheQueryTime) {
   EXPECT_EQ(client.get(), Connection::kTimedOut);
   EXPECT_TRUE(watch.took(1s));
   EXPECT_EQ(client.content(), "");
+  expectFailure(client->failure(), {Kind::kTimedOut, ETIMEDOUT, 0, "no answer in 1 s"}, "silence");
   EXPECT_TRUE(server.waitForEnds(1)) << "the connection is still open";
 }
 
@@ -110,6 +112,7 @@ TEST(HTTPBounds, PeerThatDoesNotRead_EndsWithTheQueryTime) {
   EXPECT_TRUE(watch.took(1s));
   client->send(body);  // waits no second time
   EXPECT_EQ(client->receive(), Connection::kTimedOut);
+  expectFailure(client->failure(), {Kind::kTimedOut, ETIMEDOUT, 0, "no answer in 1 s"}, "sending");
   EXPECT_TRUE(watch.took(1s));
 }
 
@@ -166,6 +169,10 @@ TEST(HTTPBounds, TimeOfTheVerification_BoundsEveryStep) {
     EXPECT_EQ(client.get(), Connection::kTimedOut) << row.what;
     EXPECT_TRUE(watch.took(kShort)) << row.what;
     EXPECT_EQ(client.content(), "") << row.what;
+    expectFailure(
+        client->failure(),
+        {Kind::kTimedOut, ETIMEDOUT, 0, "no answer in the time that was left for the network"},
+        row.what);
     EXPECT_GE(run.network().timeSpent(), kShort) << row.what;
     EXPECT_TRUE(server.waitForEnds(1)) << row.what;
   }
@@ -180,7 +187,9 @@ TEST(HTTPBounds, VerificationWithoutTimeLeft_ConnectsNowhere) {
   run.network().countTime(1s);
   const Stopwatch watch;
   EXPECT_EQ(client.get(), Connection::kClosed);
+  EXPECT_EQ(client->failure().kind, Kind::kNoTime);
   EXPECT_FALSE(client.connect(server.port()));
+  EXPECT_EQ(client->failure(), HTTP::Failure{.kind = Kind::kNoTime});
   EXPECT_FALSE(HTTPClient().connect(server.port()));
   EXPECT_TRUE(watch.tookNoTime());
   EXPECT_EQ(server.connections().size(), 1U);
@@ -221,6 +230,7 @@ TEST(HTTPBounds, HostThatDoesNotAnswer_EndsWithTheTimeOfTheVerification) {
   HTTPClient client;
   const Stopwatch watch;
   EXPECT_FALSE(client.connect(boundPort(listener)));
+  expectFailure(client->failure(), {Kind::kConnect, ETIMEDOUT, 0, "Connection timed out"}, "host");
   EXPECT_TRUE(watch.took(kShort));
   EXPECT_EQ(client.get(), Connection::kClosed);
   EXPECT_TRUE(watch.took(kShort));

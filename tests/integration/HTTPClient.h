@@ -16,6 +16,7 @@
 #include <boost/asio/ip/address.hpp>
 
 #include <cstdint>
+#include <gtest/gtest.h>
 #include <string>
 
 namespace Velantrix::Test {
@@ -44,6 +45,14 @@ class HTTPClient {
  private:
   HTTP::RefConnection connection_;
 };
+
+inline void expectFailure(const HTTP::Failure& failure, const HTTP::Failure& expected,
+                          const std::string& what) {
+  EXPECT_EQ(static_cast<int>(failure.kind), static_cast<int>(expected.kind)) << what;
+  EXPECT_EQ(failure.error, expected.error) << what;
+  EXPECT_EQ(failure.httpStatus, expected.httpStatus) << what;
+  EXPECT_EQ(failure.detail, expected.detail) << what;
+}
 
 /// A body to be sent.
 inline LW::RefBuffer bodyOf(const std::string& bytes) {

@@ -1,4 +1,6 @@
 // What the HTTP client sends, and what it makes of answers.
+#include "foundation/net/AddressAdmission.h"
+#include "foundation/net/http/HTTPAccess.h"
 #include "integration/HTTPClient.h"
 #include "support/FaultScripts.h"
 #include "support/Files.h"
@@ -8,6 +10,7 @@
 #include <velantrix/Exception.h>
 #include <velantrix/Uri.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
 #include <future>
@@ -239,6 +242,161 @@ TEST(HTTPConnection, ResetInTheMiddle_IsCutShort) {
   EXPECT_EQ(client.get(), Connection::kCutShort);
   EXPECT_EQ(client.content(), "");
   EXPECT_EQ(client->contentReceived(), 4U);
+}
+
+using Kind = HTTP::Failure::Kind;
+
+// What a peer that closes with octets left unread does to the other side depends on the moment, so
+// each of these reads the request.
+TEST(HTTPConnection, Failure_SaysWhatWentWrongAndWhatThePeerSaid) {
+  const std::string ended = "the server closed the connection";
+  const std::string longReason(300, 'x');
+  const std::string ok = "HTTP/1.0 200 OK\r\n";
+  const struct {
+    const char* what;
+    Script script;
+    HTTP::Failure expected;
+  } rows[] = {
+      {"complete", Scripts::answer("body"), {}},
+      {"404", Scripts::notFound(), {Kind::kStatus, 0, 404, "Not Found"}},
+      {"302", Scripts::redirect("/elsewhere"), {Kind::kStatus, 0, 302, "Found"}},
+      {"no reason",
+       Scripts::raw("HTTP/1.0 503 \r\n\r\n"),
+       {Kind::kStatus, 0, 503, "Service Unavailable"}},
+      {"hostile reason",
+       Scripts::raw("HTTP/1.0 500 \t\xff" + longReason + "\r\n\r\n"),
+       {Kind::kStatus, 0, 500, "\t\xff" + longReason.substr(46)}},
+      {"cut short", Scripts::cutShort("half", 8), {Kind::kCutShort, 0, 0, ended}},
+      {"headers cut short", Scripts::raw(ok), {Kind::kCutShort, 0, 0, ended}},
+      {"long content",
+       Scripts::answer(std::string(1001, 'x')),
+       {Kind::kTooLarge, 0, 0, "content above 1000 octets"}},
+      {"long header",
+       Scripts::raw(ok + "X-Long: " + std::string(20'000, 'x') + "\r\n\r\n"),
+       {Kind::kTooLarge, 0, 0, "header above 16384 octets"}},
+      {"another protocol",
+       Scripts::raw("220 mail.example.com ESMTP\r\n\r\n"),
+       {Kind::kMalformed, 0, 0, "bad version"}},
+      {"another version",
+       Scripts::raw("HTTP/1.2 200 OK\r\n\r\n"),
+       {Kind::kMalformed, 0, 0, "bad version"}},
+      {"a length that is none",
+       Scripts::raw(ok + "Content-Length: x\r\n\r\n"),
+       {Kind::kMalformed, 0, 0, "bad Content-Length"}},
+      {"closed", Scripts::raw(""), {Kind::kClosed, 0, 0, ended}},
+      {"reset",
+       [](Peer& peer) {
+         if (peer.readRequest()) peer.reset();
+       },
+       {Kind::kClosed, ECONNRESET, 0, "Connection reset by peer"}},
+  };
+  for (const auto& row : rows) {
+    const FaultServer server(row.script);
+    HTTPClient client;
+    ASSERT_TRUE(client.connect(server.port())) << row.what;
+    EXPECT_EQ(client->failure(), HTTP::Failure()) << row.what;
+    client->maxContent(1000);
+    client.get();
+    expectFailure(client->failure(), row.expected, row.what);
+  }
+}
+
+TEST(HTTPConnection, FailureToConnect_SaysWhy) {
+  const ReservedPort port;
+  HTTPClient client;
+  EXPECT_FALSE(client.connect(port.number()));
+  const HTTP::Failure refused{Kind::kConnect, ECONNREFUSED, 0, "Connection refused"};
+  expectFailure(client->failure(), refused, "nobody listens");
+  EXPECT_EQ(client.get(), Connection::kClosed);  // has nothing to add
+  expectFailure(client->failure(), refused, "nobody listens, and asked all the same");
+
+  const FaultServer server(Scripts::answer("x"));
+  {
+    const AddressAdmission admission(Crypto::PKX509::AddressPolicy::publicOnly());
+    EXPECT_FALSE(client.connect(server.port()));
+  }
+  expectFailure(client->failure(), {Kind::kRefusedAddress, 0, 0, "127.0.0.1"}, "policy");
+  EXPECT_TRUE(client.connect(server.port()));
+  EXPECT_EQ(client->failure(), HTTP::Failure());
+}
+
+TEST(HTTPConnection, FailureToConnectAgain_SaysWhy) {
+  HTTPClient client;
+  {
+    const FaultServer server(Scripts::answer("first"));
+    ASSERT_TRUE(client.connect(server.port()));
+    EXPECT_EQ(client.get(), Connection::kComplete);
+    EXPECT_EQ(client->receive(), Connection::kClosed);
+    expectFailure(client->failure(), {Kind::kClosed, 0, 0, "no request was sent"}, "no request");
+  }
+  EXPECT_EQ(client.get(), Connection::kClosed);
+  expectFailure(client->failure(), {Kind::kConnect, ECONNREFUSED, 0, "Connection refused"}, "gone");
+}
+
+TEST(HTTPConnection, Unreachable_IsDisconnectedAndKeepsTheReason) {
+  const FaultServer server(Scripts::silence());
+  HTTPClient client;
+  ASSERT_TRUE(client.connect(server.port()));
+  const HTTP::Failure unknown{Kind::kResolve, 4, 0, "Domain name not found"};
+  client->unreachable(unknown);
+  EXPECT_TRUE(server.waitForEnds(1));
+  EXPECT_EQ(client.get(), Connection::kClosed);
+  expectFailure(client->failure(), unknown, "unreachable");
+  client->disconnect();
+  EXPECT_EQ(client->failure(), HTTP::Failure());
+}
+
+const HTTP::ClientIdentity kNobody{"/no/such.crt", "/no/such.key"};
+
+TEST(HTTPExchange, Answer_HasItsFailureOctetsAndTime) {
+  const ReservedPort port;
+  const struct {
+    const char* what;
+    Script script;
+    std::string problem;
+    HTTP::Failure expected;
+    std::size_t received;
+  } rows[] = {
+      {"whole", Scripts::answer("body"), "", {}, 4},
+      {"half",
+       Scripts::cutShort("half", 8),
+       "the answer ends in the middle",
+       {Kind::kCutShort, 0, 0, "the server closed the connection"},
+       4},
+      {"302", Scripts::redirect("/"), "HTTP status 302", {Kind::kStatus, 0, 302, "Found"}, 0},
+  };
+  for (const auto& row : rows) {
+    const FaultServer server([&row](Peer& peer) {
+      peer.pause(20ms);
+      row.script(peer);
+    });
+    const HTTP::Answer answer =
+        HTTP::exchange(Uri(server.url()), kNobody, {.header = "GET / HTTP/1.0\r\n\r\n"});
+    EXPECT_EQ(answer.problem, row.problem) << row.what;
+    expectFailure(answer.failure, row.expected, row.what);
+    EXPECT_EQ(answer.received, row.received) << row.what;
+    EXPECT_GE(answer.taken, 20ms) << row.what;
+  }
+}
+
+TEST(HTTPExchange, NothingSent_HasItsFailureToo) {
+  const ReservedPort port;
+  const std::string place = "//127.0.0.1:" + port.text() + '/';
+  const HTTP::Answer refused = HTTP::exchange(Uri("http:" + place), kNobody, {});
+  EXPECT_EQ(refused.outcome, 0);
+  EXPECT_EQ(refused.problem, "could not connect");
+  expectFailure(refused.failure, {Kind::kConnect, ECONNREFUSED, 0, "Connection refused"},
+                "refused");
+  EXPECT_EQ(refused.received, 0U);
+  EXPECT_GT(refused.taken, 0ns);
+
+  const HTTP::Answer nobody = HTTP::exchange(Uri("https:" + place), kNobody, {});
+  EXPECT_EQ(nobody.outcome, 0);
+  EXPECT_TRUE(nobody.problem.starts_with("client certificate or key: /no/such.crt: "))
+      << nobody.problem;
+  expectFailure(nobody.failure,
+                {Kind::kClientIdentity, ENOENT, 0, "/no/such.crt: No such file or directory"},
+                "no certificate");
 }
 
 TEST(HTTPConnection, Request_IsSentByteForByte) {

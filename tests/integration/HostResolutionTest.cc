@@ -1,5 +1,6 @@
 // Names of hosts, resolved by a name server of the test and by files of its own.
 #include "foundation/net/HostResolver.h"
+#include "foundation/net/http/HTTPAccess.h"
 #include "foundation/run/VerificationRun.h"
 #include "integration/DnsServer.h"
 #include "integration/HTTPClient.h"
@@ -112,6 +113,7 @@ TEST_F(HostResolution, NoSuchName_HasNoAddressAndTakesNoTime) {
   EXPECT_FALSE(server.queries().empty());
 }
 
+// What an exchange tells of a host that was not found; it asks for it once.
 TEST_F(HostResolution, WhyThereIsNoAddress_IsTold) {
   const struct {
     const char* what;
@@ -127,11 +129,23 @@ TEST_F(HostResolution, WhyThereIsNoAddress_IsTold) {
   };
   for (const auto& row : rows) {
     const DnsServer server(row.answer);
-    const VerificationRun run(nullptr, {.networkTime = kShort});
-    const HostAddresses none = resolveHost("host.example.test");
-    EXPECT_EQ(none.status, row.status) << row.what;
-    EXPECT_EQ(none.reason(), row.reason) << row.what;
-    EXPECT_EQ(none.addresses.size(), 0U) << row.what;
+    VerificationRun run(nullptr, {.networkTime = 4 * kShort});
+    run.network().countTime(2 * kShort);
+    {
+      const NetworkBudget::HalfOfTime half;
+      const HostAddresses none = resolveHost("host.example.test");
+      EXPECT_EQ(none.status, row.status) << row.what;
+      EXPECT_EQ(none.reason(), row.reason) << row.what;
+      EXPECT_EQ(none.addresses.size(), 0U) << row.what;
+    }
+    const std::size_t asked = server.queries().size();
+    const HTTP::Answer answer = HTTP::exchange(Uri("http://host.example.test/"), {"", ""}, {});
+    EXPECT_EQ(server.queries().size(), 2 * asked) << row.what;
+    EXPECT_EQ(answer.outcome, 0) << row.what;
+    EXPECT_EQ(answer.problem, "could not resolve the host") << row.what;
+    expectFailure(answer.failure, {HTTP::Failure::Kind::kResolve, row.status, 0, row.reason},
+                  row.what);
+    EXPECT_GT(answer.taken, 0ns) << row.what;
   }
   for (const std::string& name : {""s, "a\0b"s, std::string(300, 'a')}) {
     EXPECT_EQ(resolveHost(name).status, ARES_EBADNAME) << name;
@@ -141,9 +155,13 @@ TEST_F(HostResolution, WhyThereIsNoAddress_IsTold) {
 TEST_F(HostResolution, NoTimeLeft_IsToldApartFromNoAddress) {
   const DnsServer server(always({"192.0.2.1"}));
   EXPECT_EQ(resolveHost("host.example.test").status, HostAddresses::kFound);
+  const std::size_t asked = server.queries().size();
   VerificationRun run(nullptr, {.networkTime = 10s});
   run.network().countTime(10s);
-  EXPECT_EQ(resolveHost("host.example.test").status, HostAddresses::kNoTime);
+  const HTTP::Answer answer = HTTP::exchange(Uri("http://host.example.test/"), {"", ""}, {});
+  EXPECT_EQ(answer.problem, "could not resolve the host");
+  EXPECT_EQ(answer.failure, HTTP::Failure{.kind = HTTP::Failure::Kind::kNoTime});
+  EXPECT_EQ(server.queries().size(), asked);
 }
 
 TEST_F(HostResolution, NamesThatNobodyHas_HaveNoAddress) {

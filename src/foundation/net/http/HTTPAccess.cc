@@ -1,14 +1,17 @@
 #include "foundation/net/http/HTTPAccess.h"
 
+#include "foundation/net/HostResolver.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/address.hpp>
-#include <boost/system/system_error.hpp>
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 
-#include <chrono>
+#include <cerrno>
 #include <cstring>
+#include <system_error>
+#include <utility>
 
 namespace Velantrix::LW::HTTP {
 
@@ -17,19 +20,33 @@ namespace {
 // Also where the scheme is "https:". Certificates in use count on it.
 constexpr unsigned short kDefaultPort = 80;
 
-void require(bool loaded, const char* what) {
-  if (loaded) return;
-  throw boost::system::system_error(boost::system::error_code(boost::asio::error::invalid_argument),
-                                    what);
+// Why OpenSSL has not loaded a file. That the system refused it is OpenSSL's last error, and what the
+// system said stands in errno.
+Failure whyNotLoaded(const char* file) {
+  Failure failure{.kind = Failure::Kind::kClientIdentity};
+  const int system = errno;
+  const unsigned long error = ERR_peek_last_error();
+  std::string reason = "not loaded";
+  if (ERR_GET_REASON(error) == ERR_R_SYS_LIB && system != 0) {
+    failure.error = system;
+    reason = std::generic_category().message(system);
+  } else if (const char* const text = ERR_reason_error_string(error)) {
+    reason = text;
+  }
+  failure.detail = detailOf(std::string(file) + ": " + reason);
+  return failure;
 }
 
-// Why an exchange that was begun came to nothing. Whole: it had all of its time.
-std::string reasonOf(int outcome, const Connection& connection, const Request& request,
-                     bool whole) {
+void require(int (*load)(SSL_CTX*, const char*, int), SSL_CTX* context, const char* file) {
+  errno = 0;
+  if (load(context, file, SSL_FILETYPE_PEM) != 1) throw IdentityError(file, whyNotLoaded(file));
+}
+
+// Why an exchange that was begun came to nothing.
+std::string reasonOf(int outcome, const Connection& connection, const Request& request) {
   switch (outcome) {
     case Connection::kTimedOut:
-      return whole ? "no answer in " + std::to_string(request.queryTime) + " s"
-                   : "no answer in the time that was left for the network";
+      return connection.failure().detail;
     case Connection::kCutShort:
       return "the answer ends in the middle";
     case Connection::kTooLarge:
@@ -52,7 +69,50 @@ void send(Connection& connection, const Request& request) {
   connection.send(body);
 }
 
+RefStream streamOf(const Uri& uri, const ClientIdentity& identity, Answer& answer) {
+  try {
+    return streamFor(uri, identity);
+  } catch (const IdentityError& error) {
+    answer.problem = std::string("client certificate or key: ") + error.what();
+    answer.failure = error.failure;
+  } catch (const boost::system::system_error& error) {
+    answer.problem = std::string("client certificate or key: ") + error.what();
+    answer.failure = failureOf(Failure::Kind::kTls, error.code());
+  }
+  return {};
+}
+
+void attempt(const Uri& uri, const ClientIdentity& identity, const Request& request,
+             Answer& answer) {
+  RefStream stream = streamOf(uri, identity, answer);
+  if (stream.empty()) return;
+  const auto endpoint = findEndpoint(uri, answer.failure);
+  if (!endpoint.has_value()) {
+    answer.problem = "could not resolve the host";
+    return;
+  }
+  answer.connection = RefConnection(stream);
+  Connection& connection = *answer.connection.operator->();
+  if (!connection.connect(*endpoint)) {
+    answer.problem = "could not connect";
+    answer.failure = connection.failure();
+    return;
+  }
+  connection.maxQueryTime(request.queryTime);
+  connection.maxContent(request.maxContent);
+  send(connection, request);
+  answer.outcome = connection.receive();
+  answer.received = connection.contentReceived();
+  if (answer.outcome == Connection::kComplete) return;
+  answer.problem = reasonOf(answer.outcome, connection, request);
+  answer.failure = connection.failure();
+}
+
 }  // namespace
+
+IdentityError::IdentityError(const char* file, Failure why)
+    : system_error(boost::system::error_code(boost::asio::error::invalid_argument), file),
+      failure(std::move(why)) {}
 
 bool isHandled(const Uri& uri) { return uri.scheme() == "http:" || uri.scheme() == "https:"; }
 
@@ -64,10 +124,8 @@ RefStream streamFor(const Uri& uri, const ClientIdentity& identity) {
   // OpenSSL would ask for the passphrase of an encrypted key at the terminal.
   SSL_CTX_set_default_passwd_cb(context, [](char*, int, int, void*) { return -1; });
   const Crypto::ErrorScope errors;
-  require(SSL_CTX_use_certificate_file(context, identity.certificateFile, SSL_FILETYPE_PEM) == 1,
-          identity.certificateFile);
-  require(SSL_CTX_use_PrivateKey_file(context, identity.keyFile, SSL_FILETYPE_PEM) == 1,
-          identity.keyFile);
+  require(SSL_CTX_use_certificate_file, context, identity.certificateFile);
+  require(SSL_CTX_use_PrivateKey_file, context, identity.keyFile);
   return stream;
 }
 
@@ -80,36 +138,18 @@ boost::asio::ip::tcp::endpoint endpointFor(const IPAddress& address, const Uri& 
   return {parsed, uri.port() != 0 ? uri.port() : kDefaultPort};
 }
 
+std::optional<boost::asio::ip::tcp::endpoint> findEndpoint(const Uri& uri, Failure& failure) {
+  const HostAddresses host = resolveHost(uri.hostname());
+  if (!host.addresses.empty()) return endpointFor(IPAddress(host.addresses.front()), uri);
+  failure = failureOf(host);
+  return std::nullopt;
+}
+
 Answer exchange(const Uri& uri, const ClientIdentity& identity, const Request& request) {
-  Answer answer;
-  RefStream stream;
-  try {
-    stream = streamFor(uri, identity);
-  } catch (const boost::system::system_error& failure) {
-    answer.problem = std::string("client certificate or key: ") + failure.what();
-    return answer;
-  }
-  const Host host(uri.hostname());
-  if (host.address().empty()) {
-    answer.problem = "could not resolve the host";
-    return answer;
-  }
-  answer.connection = RefConnection(stream);
-  Connection& connection = *answer.connection.operator->();
-  if (!connection.connect(endpointFor(host.address(), uri))) {
-    answer.problem = "could not connect";
-    return answer;
-  }
   const auto start = std::chrono::steady_clock::now();
-  connection.maxQueryTime(request.queryTime);
-  connection.maxContent(request.maxContent);
-  send(connection, request);
-  answer.outcome = connection.receive();
-  if (answer.outcome != Connection::kComplete) {
-    const auto taken = std::chrono::steady_clock::now() - start;
-    answer.problem = reasonOf(answer.outcome, connection, request,
-                              taken >= std::chrono::seconds(request.queryTime));
-  }
+  Answer answer;
+  attempt(uri, identity, request, answer);
+  answer.taken = std::chrono::steady_clock::now() - start;
   return answer;
 }
 

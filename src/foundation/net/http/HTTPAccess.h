@@ -7,8 +7,11 @@
 #include <velantrix/Uri.h>
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/system/system_error.hpp>
 
+#include <chrono>
 #include <cstddef>
+#include <optional>
 #include <string>
 
 namespace Velantrix::LW::HTTP {
@@ -22,14 +25,24 @@ struct ClientIdentity {
   const char* keyFile;
 };
 
+/// That they cannot be loaded.
+struct IdentityError : boost::system::system_error {
+  IdentityError(const char* file, Failure why);
+
+  Failure failure;
+};
+
 /// The stream for a URI whose scheme is handled. For "https:" the client's certificate and key are
 /// loaded; the server is not verified, since what it serves is signed.
-/// @throws boost::system::system_error invalid_argument when the certificate or the key cannot be
-///         loaded
+/// @throws IdentityError invalid_argument when the certificate or the key cannot be loaded
 RefStream streamFor(const Uri& uri, const ClientIdentity& identity);
 
 /// @throws boost::system::system_error when the address is no numeric one
 boost::asio::ip::tcp::endpoint endpointFor(const IPAddress& address, const Uri& uri);
+
+/// The first address of the URI's host, resolved for this call, and the port.
+/// @param failure is told why there is none
+std::optional<boost::asio::ip::tcp::endpoint> findEndpoint(const Uri& uri, Failure& failure);
 
 /// One request, and the bounds of its answer.
 struct Request {
@@ -41,9 +54,12 @@ struct Request {
 };
 
 struct Answer {
-  int outcome = 0;                ///< a `Connection::Outcome`; 0 when nothing was sent
-  std::string problem = {};       ///< why there is no whole answer, for people
-  RefConnection connection = {};  ///< has the content of a whole answer
+  int outcome = 0;                   ///< a `Connection::Outcome`; 0 when nothing was sent
+  std::string problem = {};          ///< why there is no whole answer, for people
+  RefConnection connection = {};     ///< has the content of a whole answer
+  Failure failure = {};              ///< why there is no whole answer, in full
+  std::size_t received = 0;          ///< octets of content, also of an answer that is not whole
+  std::chrono::nanoseconds taken{};  ///< resolving and connecting included
 };
 
 /// Resolves the host of a URI whose scheme is handled, connects, and makes the request. What keeps it

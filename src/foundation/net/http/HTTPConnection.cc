@@ -24,6 +24,8 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <string>
+#include <utility>
 #include <variant>
 
 namespace Velantrix::LW::HTTP {
@@ -171,37 +173,88 @@ bool Connection::connect(const Tcp::endpoint& endpoint) {
 void Connection::disconnect() {
   transport_.reset();
   endpoint_.reset();
-  failure_ = kClosed;
+  ended_ = kClosed;
+  failure_ = {};
+}
+
+void Connection::unreachable(Failure why) {
+  disconnect();
+  failure_ = std::move(why);
 }
 
 bool Connection::open() {
   const ErrorScope errors;  // Asio takes one error of TLS and may leave others behind it
   const NetworkTimer timer(kConnectTime);
+  failure_ = {};
+  if (timer.expired()) {
+    failure_.kind = Failure::Kind::kNoTime;
+    return false;
+  }
   // The very address that is connected to: a name might resolve to another one the next time.
-  if (timer.expired() || !AddressAdmission::admits(endpoint_->address())) return false;
+  if (!AddressAdmission::admits(endpoint_->address())) {
+    failure_ = {.kind = Failure::Kind::kRefusedAddress,
+                .detail = detailOf(endpoint_->address().to_string())};
+    return false;
+  }
+  Failure::Kind step = Failure::Kind::kConnect;
+  const error_code error = establish(timer.deadline(), step);
+  if (!error) return true;
+  if (error.category() == boost::system::system_category()) {
+    Shortfall::noteIfExhausted(error.value());
+  }
+  transport_.reset();
+  failure_ = failureOf(step, error);
+  return false;
+}
+
+// Connects, and shakes hands where TLS is spoken. Step: what failed, if anything did.
+error_code Connection::establish(Clock::time_point deadline, Failure::Kind& step) {
   transport_ = std::make_unique<Transport>(*stream_);
   Tcp::socket& socket = transport_->socket();
   error_code error = openSocket(socket, endpoint_->protocol());
   if (!error) {
-    error = transport_->run(timer.deadline(),
+    error = transport_->run(deadline,
                             [&](auto done) { socket.async_connect(*endpoint_, std::move(done)); });
   }
-  if (!error) {
-    error_code ignored;  // a header and a body that leave one after the other need not wait
-    socket.set_option(Tcp::no_delay(true), ignored);
-    if (auto* const tls = std::get_if<Transport::Tls>(&transport_->stream)) {
-      error = transport_->run(timer.deadline(), [&](auto done) {
-        tls->async_handshake(asio::ssl::stream_base::client, std::move(done));
-      });
+  if (error) return error;
+  error_code ignored;  // a header and a body that leave one after the other need not wait
+  socket.set_option(Tcp::no_delay(true), ignored);
+  auto* const tls = std::get_if<Transport::Tls>(&transport_->stream);
+  if (tls == nullptr) return {};
+  step = Failure::Kind::kTls;
+  return transport_->run(deadline, [&](auto done) {
+    tls->async_handshake(asio::ssl::stream_base::client, std::move(done));
+  });
+}
+
+int Connection::fail(int outcome, const error_code& error) {
+  failure_ = failureAs(outcome, error);
+  return outcome;
+}
+
+Failure Connection::failureAs(int outcome, const error_code& error) const {
+  using Kind = Failure::Kind;
+  switch (outcome) {
+    case kTimedOut: {
+      Failure failure = failureOf(Kind::kTimedOut, error);
+      const auto whole = std::chrono::duration_cast<std::chrono::seconds>(queryTime_);
+      failure.detail = queryTimeLeft() <= Clock::duration::zero()
+                           ? "no answer in " + std::to_string(whole.count()) + " s"
+                           : "no answer in the time that was left for the network";
+      return failure;
     }
+    case kTooLarge:
+      return {.kind = Kind::kTooLarge,
+              .detail = error == http::error::body_limit
+                            ? "content above " + std::to_string(maxContent_) + " octets"
+                            : "header above " + std::to_string(kMaximumHeader) + " octets"};
+    case kCutShort:
+      return failureOf(Kind::kCutShort, error);
+    case kMalformed:
+      return failureOf(Kind::kMalformed, error);
+    default:
+      return failureOf(Kind::kClosed, error);
   }
-  if (error) {
-    if (error.category() == boost::system::system_category()) {
-      Shortfall::noteIfExhausted(error.value());
-    }
-    transport_.reset();
-  }
-  return !error;
 }
 
 void Connection::maxQueryTime(unsigned int seconds) noexcept {
@@ -218,31 +271,35 @@ void Connection::write(const Buffers& bytes) {
     std::visit([&](auto& stream) { asio::async_write(stream, bytes, std::move(done)); },
                transport_->stream);
   });
-  if (error) failure_ = error == asio::error::timed_out ? kTimedOut : kClosed;
+  if (error) ended_ = fail(error == asio::error::timed_out ? kTimedOut : kClosed, error);
 }
 
 void Connection::send(const std::string& text) {
   content_.clear();
   contentReceived_ = 0;
-  failure_ = kClosed;
+  ended_ = kClosed;
   if (!endpoint_.has_value() || (transport_ == nullptr && !open())) return;
-  failure_ = 0;
+  ended_ = 0;
+  failure_ = {};
   queryEnd_ = Clock::now() + queryTime_;
   write(asio::buffer(text));
 }
 
 void Connection::send(const RefBuffer& body) {
-  if (failure_ == 0) write(asio::buffer(body->data(), body->length()));
+  if (ended_ == 0) write(asio::buffer(body->data(), body->length()));
 }
 
 int Connection::receive() {
   content_.clear();
   contentReceived_ = 0;
   status_ = 0;
-  const int outcome = failure_ != 0 ? failure_ : readAnswer();
+  if (ended_ != 0 && failure_.kind == Failure::Kind::kNone) {
+    failure_ = {.kind = Failure::Kind::kClosed, .detail = "no request was sent"};
+  }
+  const int outcome = ended_ != 0 ? ended_ : readAnswer();
   if (outcome != kComplete) content_.clear();
   transport_.reset();
-  failure_ = kClosed;  // nothing more comes without another request
+  ended_ = kClosed;  // nothing more comes without another request
   return outcome;
 }
 
@@ -265,16 +322,21 @@ int Connection::readAnswer() {
   error_code error = read([&](auto& stream, auto done) {
     http::async_read_header(stream, buffer, parser, std::move(done));
   });
-  if (error) return outcomeOf(error, parser.got_some());
+  if (error) return fail(outcomeOf(error, parser.got_some()), error);
   const unsigned int version = parser.get().version();
-  if (version != 10 && version != 11) return kMalformed;
+  if (version != 10 && version != 11) return fail(kMalformed, http::error::bad_version);
   status_ = parser.get().result_int();
-  if (status_ != 200) return kOtherStatus;
+  if (status_ != 200) {
+    failure_ = {.kind = Failure::Kind::kStatus,
+                .httpStatus = static_cast<int>(status_),
+                .detail = detailOf(parser.get().reason())};
+    return kOtherStatus;
+  }
 
   error = read(
       [&](auto& stream, auto done) { http::async_read(stream, buffer, parser, std::move(done)); });
   contentReceived_ = content_.length();
-  return error ? outcomeOf(error, true) : static_cast<int>(kComplete);
+  return error ? fail(outcomeOf(error, true), error) : static_cast<int>(kComplete);
 }
 
 }  // namespace Velantrix::LW::HTTP

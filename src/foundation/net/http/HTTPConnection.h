@@ -12,6 +12,7 @@
 #pragma once
 
 #include "foundation/net/NetworkBudget.h"
+#include "foundation/net/http/HTTPFailure.h"
 
 #include <velantrix/HTTP.h>
 #include <velantrix/LWBuffer.h>
@@ -94,10 +95,13 @@ class Connection : NonCopyable {
   virtual ~Connection();
 
   /// Opens the connection.
-  /// @return true when it stands; a reason for false is not given
+  /// @return true when it stands; else `failure()` says why not
   virtual bool connect(const boost::asio::ip::tcp::endpoint& endpoint);
   /// Closes it; it is not opened again without another `connect()`.
   virtual void disconnect();
+  /// Closes it, and remembers why there is no endpoint to connect to: whoever holds the connection
+  /// finds every reason in `failure()`.
+  void unreachable(Failure why);
   /// Begins a request with its header. A failure shows in `receive()`.
   virtual void send(const std::string& text);
   /// Goes on with the request's body. A failure shows in `receive()`.
@@ -118,12 +122,19 @@ class Connection : NonCopyable {
   const Buffer& content() const noexcept { return content_; }
   /// How many bytes of the body arrived, also when the answer was not complete.
   std::size_t contentReceived() const noexcept { return contentReceived_; }
+  /// Why the connection does not stand, or the last request has no whole answer; `kNone` when that
+  /// is not so. May say more than the outcome does: TLS that fails while the answer is read is
+  /// `kClosed` or `kCutShort` there, and `kTls` here.
+  const Failure& failure() const noexcept { return failure_; }
 
  private:
   struct Transport;
   using Clock = NetworkTimer::Clock;
 
   bool open();
+  boost::system::error_code establish(Clock::time_point deadline, Failure::Kind& step);
+  int fail(int outcome, const boost::system::error_code& error);
+  Failure failureAs(int outcome, const boost::system::error_code& error) const;
   Clock::duration queryTimeLeft() const;
   template <class Buffers>
   void write(const Buffers& bytes);
@@ -134,7 +145,8 @@ class Connection : NonCopyable {
   std::unique_ptr<Transport> transport_;                    // null: not connected now
   Clock::duration queryTime_ = std::chrono::seconds(kDefaultQueryTime);
   Clock::time_point queryEnd_{};
-  int failure_ = kClosed;  // why the request cannot be answered; 0 while it can
+  int ended_ = kClosed;  // how the request ended before its answer; 0 while it goes on
+  Failure failure_;
   std::size_t maxContent_ = kDefaultContent;
   std::size_t contentReceived_ = 0;
   unsigned int status_ = 0;
