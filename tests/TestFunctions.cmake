@@ -31,10 +31,12 @@ function(_pkx509_test_program name)
 endfunction()
 
 # _pkx509_gtest(<name> <source>...)
-# Each test case that CTest finds in the executable is a CTest test, in a process of its own.
+# Each test case that CTest finds in the executable is a CTest test, in a process of its own. What
+# PKX509_GTEST_PROPERTIES holds are further properties of these tests.
 function(_pkx509_gtest name)
   _pkx509_test_program(${name} ${ARGN})
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT 120 ${PKX509_GTEST_PROPERTIES})
 endfunction()
 
 # _pkx509_quick_gtest(<name> <source>...)

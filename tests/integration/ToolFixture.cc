@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <linux/capability.h>
 #include <memory>
 #include <stdexcept>
@@ -12,6 +14,8 @@
 namespace Velantrix::Test {
 
 namespace {
+
+namespace fs = std::filesystem;
 
 std::unique_ptr<TempDir> pkiDirectory;
 
@@ -24,7 +28,11 @@ Arguments operator+(Arguments left, const Arguments& right) {
 
 void ToolFixture::SetUpTestSuite() {
   pkiDirectory = std::make_unique<TempDir>();
-  command({PKX509_DEMO_PKI, pki("")});
+  if (const char* made = std::getenv("PKX509_MADE_PKI")) {
+    fs::copy(made, pki(""), fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+  } else {
+    command({PKX509_DEMO_PKI, pki("")});
+  }
 }
 
 void ToolFixture::TearDownTestSuite() { pkiDirectory.reset(); }

@@ -17,8 +17,8 @@ using Arguments = std::vector<std::string>;
 /// Arguments one after the other.
 Arguments operator+(Arguments left, const Arguments& right);
 
-/// Each test process makes one PKI with scripts/demo-pki, which says what is in it, and a directory
-/// for what a test makes itself.
+/// Each test process has one PKI of its own, made by scripts/demo-pki, which says what is in it, and a
+/// directory for what a test makes itself. CTest has the PKI made once, for all of them to copy.
 class ToolFixture : public testing::Test {
  protected:
   static void SetUpTestSuite();
