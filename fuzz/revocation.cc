@@ -145,10 +145,10 @@ void decide(const std::string& body, const RefCertificateRevocationList& crl,
     }
   }
   const VerificationRun run(nullptr);
-  Outcome outcome;
+  Revocation::Outcome outcome;
   PKX509_ASSERT(ran([&] { outcome = around.decide({certificate, root()}).at(0); }));
   ERR_clear_error();
-  PKX509_ASSERT(outcome.setAside.size() <= Outcome::kMaximumSetAside);
+  PKX509_ASSERT(outcome.setAside.size() <= Revocation::Outcome::kMaximumSetAside);
   for (const auto& one : outcome.setAside) checkSize(one.statement, one.detail, body.size());
   PKX509_ASSERT((outcome.status == Status::kUndetermined) == outcome.decidedBy.empty());
   PKX509_ASSERT((outcome.status == Status::kRevoked) == (outcome.code == X509_V_ERR_CERT_REVOKED));

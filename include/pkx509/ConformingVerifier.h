@@ -88,7 +88,8 @@ class PKX509_EXPORT ConformingVerifier : public Verifier {
   /// As it was given to the constructor.
   const RevocationSettings& settings() const noexcept;
 
-  /// As `Verifier::isValid()`, a failure that sticks included.
+  /// As `Verifier::isValid()`, a failure that sticks included. An outermost one that fails logs the line
+  /// of its `report()` with priority 5.
   int isValid() override;
 
   /// Whether the certificates of a path are revoked, leaf first and its trust anchor last.
@@ -109,6 +110,7 @@ class PKX509_EXPORT ConformingVerifier : public Verifier {
 
   static int keepObjection(int ok, X509_STORE_CTX* context);
 
+  void begin() noexcept;
   int verifyPath();
   int buildPath(X509_STORE_CTX_verify_cb callback);
   int verifyRevocation();

@@ -8,6 +8,7 @@
 ///     const int answer = client.isRevoked(chain.front());
 ///     if (answer != OCSP::kGood && answer != OCSP::kRevoked) ...   // no usable answer
 ///   }
+///   std::cerr << client.report().line() << '\n';                   // why
 /// @endcode
 ///
 /// **Who judges what.** The messages are read and written by OpenSSL. They judge no times:
@@ -16,6 +17,7 @@
 /// believed all the same.
 #pragma once
 
+#include <pkx509/VerificationReport.h>
 #include <velantrix/ASN1.h>
 #include <velantrix/Certificate.h>
 #include <velantrix/DistinguishedName.h>
@@ -218,8 +220,24 @@ class PKX509_EXPORT Client : private NonCopyable {
   /// @throws Exception for an identifier of an unknown type
   int isSignatureValid(const Response& response, const BasicResponse& basic);
 
+  /// What the last `connect()` that failed, or the last `isRevoked()` on a connection, found out, in
+  /// the words of a verification's report. After `isRevoked()` its `code()` is 0 for `kGood`,
+  /// `X509_V_ERR_CERT_REVOKED` for `kRevoked`, `X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY` where
+  /// no certificate of the chain may have issued the one that was asked about, and
+  /// `X509_V_ERR_UNABLE_TO_GET_CRL` else, as after a `connect()` that failed. Its path is the
+  /// certificate that was asked about, without one after `connect()`; no path was verified.
+  ///
+  /// It is the report on nothing before the first question, after a `connect()` that did not fail, and
+  /// on what was asked within a verification, whose own report has it.
+  VerificationReport report() const;
+
  private:
+  struct State;
+
+  bool connectTo(const Uri& responder);
+  int ask(const RefCertificate& certificate, bool& issuerKnown);
   int query(const RefCertificate& certificate, const RefCertificate& issuer, bool& settled);
+  int judge(const BasicResponse& basic, RefCertificate& responder);
   bool validate(const RefCertificate& responder);
 
   Verifier& verifier;
@@ -228,6 +246,7 @@ class PKX509_EXPORT Client : private NonCopyable {
   Uri uri;
   std::uint32_t queryTime = 0;
   LW::HTTP::RefConnection connection;
+  std::unique_ptr<State> state;
 };
 
 }  // namespace OCSP

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <pkx509/LookupMethod.h>
+#include <pkx509/VerificationReport.h>
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateVerifier.h>
 #include <velantrix/Export.h>
@@ -88,7 +89,16 @@ class PKX509_EXPORT SimpleVerifier : public CertificateVerifier {
   ///         `Velantrix::Exception` was caught; the log says which
   int isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage) override;
 
+  /// The same, with what was found out. Nothing of it is kept here. For the result -1 the report says
+  /// `X509_V_ERR_UNSPECIFIED`.
+  /// @param report set whatever happens, also before an exception leaves
+  int isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
+              VerificationReport& report);
+
  private:
+  int verdictOn(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
+                VerificationReport* report);
+
   std::list<RefLookupMethod> lookupMethods;
 };
 

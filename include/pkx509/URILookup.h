@@ -5,9 +5,14 @@
 ///   std::list<RefCertificateRevocationList> crls;
 ///   URILookup().find(Uri("http://ca.example/ca.crl"), crls);
 ///   if (crls.empty()) ...   // nobody had it: no answer, no CRL in the answer, no such host, ...
+///
+///   VerificationReport report;
+///   URILookup().find(Uri("http://ca.example/ca.crl"), crls, report);
+///   if (crls.empty()) std::cerr << report.line() << '\n';   // which of these
 /// @endcode
 #pragma once
 
+#include <pkx509/VerificationReport.h>
 #include <velantrix/CertificateRevocationList.h>
 #include <velantrix/Export.h>
 #include <velantrix/Uri.h>
@@ -56,6 +61,16 @@ class PKX509_EXPORT URILookup {
   /// Never throws and reports nothing: nothing found is an empty list. When @p crls is not empty
   /// already, the network is not asked, whatever the list holds.
   void find(const Uri& uri, std::list<RefCertificateRevocationList>& crls);
+
+  /// The same, and says in @p report what was asked and what came of it, in the words of a
+  /// verification's: the cache and the host are its `sources()`, and why there is no CRL its decisive
+  /// finding. Its `code()` is 0 where @p crls is not empty afterwards, else
+  /// `X509_V_ERR_UNABLE_TO_GET_CRL`; it has no path, and its findings are about no certificate. What
+  /// only costs a fetch, as a cache that cannot be written, is a finding of a valid report.
+  ///
+  /// @throws std::bad_alloc where there is no memory for the report; @p crls has what was found
+  void find(const Uri& uri, std::list<RefCertificateRevocationList>& crls,
+            VerificationReport& report);
 };
 
 }  // namespace Velantrix::Crypto::PKX509

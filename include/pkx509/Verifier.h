@@ -12,6 +12,7 @@
 #include <pkx509/AddressPolicy.h>
 #include <pkx509/CRLContainer.h>
 #include <pkx509/ObjectStore.h>
+#include <pkx509/VerificationReport.h>
 #include <velantrix/ASN1.h>
 #include <velantrix/AuthorityInformationAccess.h>
 #include <velantrix/Certificate.h>
@@ -31,6 +32,8 @@
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
+
+class VerificationRun;
 
 /// Decides whether a certificate is valid: 0, or an OpenSSL `X509_V_ERR_*` code.
 ///
@@ -189,6 +192,22 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   /// them, each once. It explains a verdict and is none: a CRL may have come from another source.
   std::vector<FetchNote> fetchNotes() const;
 
+  /// What the last `isValid()` found out, and why it ended as it did; the report on nothing before the
+  /// first one. Its verdict is the one that `isValid()` returned. After an exception it is
+  /// `X509_V_ERR_UNSPECIFIED`, never 0.
+  ///
+  /// It is made when it is asked for. A failure that waiting may cure has the path verified once
+  /// more, without sources and revocation, so that nothing that is wrong with it for good stays
+  /// hidden; and where an issuer was not found, the trust directory is looked at. Set on the context
+  /// meanwhile, parameters hold for that too.
+  VerificationReport report() const;
+
+  /// From now on every outermost verification of the process that fails logs the line of its report
+  /// (`VerificationReport::line()`) with priority 5, or with @p on = false none but those of a
+  /// `ConformingVerifier`, which always does; that is how it begins. Any thread may call it at any
+  /// time. It is the program's choice, for start-up.
+  static void logReportLine(bool on = true) noexcept;
+
   /// Adds an acceptable certificate policy. The identifier gives its OpenSSL object to the context;
   /// one that has given it away before is copied.
   void policy(const ASN1::RefObjectIdentifier& oid);
@@ -245,11 +264,15 @@ class PKX509_EXPORT Verifier : private NonCopyable {
 
   void initialize(bool useOpenSSLRevocation, InstallCallbacks* installCallbacks = nullptr);
   int runs(const std::function<int()>& verify);
+  int runs(const std::function<int()>& verify, VerificationRun& run);
   void prepare(STACK_OF(X509) * intermediates);
   void prepareAgain();
   bool applyRemaining(X509* x);
   void dropCurrentCRL();
   int checkChain();
+  int checkAll(const std::list<RefCertificate>& chain);
+  void checkOne(const RefCertificate& certificate, const std::list<RefCertificate>& chain,
+                bool& needCrlCheck);
   bool addCandidate(CRLContainer& container, const RefCertificate& certificate,
                     const RefCertificateRevocationList& crl, const RefCRLDistributionPoint& point);
 

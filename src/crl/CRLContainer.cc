@@ -5,12 +5,16 @@
 #include "crl/StrangersKeys.h"
 #include "crl/UnsignedCRL.h"
 #include "foundation/base/Log.h"
+#include "foundation/base/Shortfall.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/model/RelativeName.h"
 #include "foundation/openssl/CRLScore.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/RevokedEntry.h"
 #include "foundation/run/ConnectionSubject.h"
 #include "foundation/run/VerificationRun.h"
+#include "report/FindingMaker.h"
+#include "report/OutcomeRecord.h"
 #include "verify/CheckTime.h"
 
 #include <pkx509/CRLContainer.h>
@@ -21,12 +25,14 @@
 #include <velantrix/StackOfCertificate.h>
 #include <velantrix/Time.h>
 
-#include <climits>
-#include <cstdint>
 #include <functional>
+#include <memory>
 #include <set>
+#include <string_view>
 
 namespace Velantrix::Crypto::PKX509 {
+
+using Revocation::Reason;
 
 namespace {
 
@@ -38,32 +44,77 @@ constexpr int kRemoveFromCRL = 8;  // RFC 5280, 5.3.1
 
 constexpr int kFullName = 0;
 
-const CertificateRevocationList& crlOf(const CRLContainer::Entry& entry) {
-  return *static_cast<const RefCertificateRevocationList&>(entry.crl->crl).operator->();
+const RefCertificateRevocationList& handleOf(const CRLContainer::Entry& entry) {
+  return entry.crl->crl;
 }
 
-// The reason of a revoked entry as OpenSSL keeps it internally: a CRLReason, or -1 when the entry
-// has none. A reason that cannot be read, or that an int cannot hold, must not become 0
-// (unspecified).
-int reasonOf(const X509_REVOKED* revoked) {
-  const ErrorScope errors;
-  int critical = 0;
-  const Owned<ASN1_ENUMERATED> reason(static_cast<ASN1_ENUMERATED*>(
-      X509_REVOKED_get_ext_d2i(revoked, NID_crl_reason, &critical, nullptr)));
-  std::int64_t value = -1;
-  if (reason == nullptr || ASN1_ENUMERATED_get_int64(&value, reason.get()) != 1) return -1;
-  return value < INT_MIN || value > INT_MAX ? -1 : static_cast<int>(value);
+const CertificateRevocationList& crlOf(const CRLContainer::Entry& entry) {
+  return *handleOf(entry).operator->();
 }
+
+// Where a certificate was found; borrowed.
+struct CRLOfEntry {
+  const CRLContainer::Entry* entry = nullptr;
+  X509_REVOKED* revoked = nullptr;
+};
 
 // 6.3.3 (i) and (j): looks the entry's certificate up in the entry's CRL. Issuer and serial number
 // decide (5.3.3).
-void applyEntry(const CRLContainer::Entry& entry, unsigned int& mask, int& reason) {
+void applyEntry(const CRLContainer::Entry& entry, unsigned int& mask, int& reason,
+                CRLOfEntry& listed) {
   mask |= entry.reasons;            // 6.3.3 (l)
   X509_REVOKED* revoked = nullptr;  // borrowed from the CRL
   // 1 is a hit and so is 2, which says that the entry's reason is removeFromCRL.
   if (X509_CRL_get0_by_cert(crlOf(entry).native(), &revoked, entry.certificate) != 0) {
     reason = reasonOf(revoked);
+    listed = {&entry, revoked};
   }
+}
+
+// All of the entries have counted: also those against whose times something was said before.
+void noteStatus(const std::list<CRLContainer::Entry>& entries, unsigned int mask, int reason,
+                const CRLOfEntry& listed) noexcept {
+  OutcomeRecord::note([&](Revocation::Outcome& outcome) {
+    std::erase_if(outcome.setAside, [&](const Revocation::SetAside& one) {
+      return one.reason == Reason::kExpired || one.reason == Reason::kNotYetValid;
+    });
+    outcome.uncoveredReasons = kAllReasons & ~mask;
+    if (reason != 0) {
+      outcome.status = Revocation::Status::kRevoked;
+      if (reason > 0) outcome.revoked.reason = reason;
+      outcome.revoked.date = timeOf(X509_REVOKED_get0_revocationDate(listed.revoked));
+      outcome.decidedBy = {OutcomeRecord::statementOn(handleOf(*listed.entry))};
+      return;
+    }
+    if (mask == kAllReasons) outcome.status = Revocation::Status::kGood;
+    for (const CRLContainer::Entry& entry : entries) {
+      if (outcome.decidedBy.size() >= OutcomeRecord::kMaximumDecisive) return;
+      outcome.decidedBy.push_back(OutcomeRecord::statementOn(handleOf(entry)));
+    }
+  });
+}
+
+// What is broken in a CRL, or in what its issuer is verified with, goes out to the caller, who is to
+// know in which one.
+template <class Check>
+auto blaming(const CRLContainer::Entry& entry, Check&& check) {
+  const RefObject candidate = entry.crl;  // outlives the entry's rejection
+  try {
+    return check();
+  } catch (const Exception& malformed) {
+    const std::shared_ptr<const LeftBehind> left = OutcomeRecord::take();
+    const bool inside = left != nullptr && left->evidence.thrown;
+    OutcomeRecord::setAside(inside ? Reason::kSignerNotValid : Reason::kMalformed, candidate->crl,
+                            malformed.asString(),
+                            {.certificate = inside ? entry.issuer : RefCertificate(),
+                             .verification = inside ? left : nullptr});
+    throw;
+  }
+}
+
+// What the entry is rejected for, the first of several.
+void noteRejection(const CRLContainer::Entry& entry, Reason reason, std::string_view why) noexcept {
+  if (!entry.crl.empty()) OutcomeRecord::setAside(reason, handleOf(entry), why);
 }
 
 }  // namespace
@@ -90,6 +141,8 @@ unsigned int CRLContainer::Entry::tallyScore(Verifier& owner) const {
         !holdDirectoryName(issuers.get(), crlOf(*this).crlInfo().issuer())) {
       owner.contextError(X509_V_ERR_UNABLE_TO_GET_CRL_ISSUER);
       logMisplaced("The CRL was not issued by an acceptable issuer.");
+      noteRejection(*this, Reason::kOtherIssuer,
+                    "its issuer is none of those that the distribution point names");
       reject();
       return 0;
     }
@@ -112,6 +165,9 @@ void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifi
     if (!point.empty() && countOf(point->nativeIssuers()) > 0) {
       log(kPriorityDebug,
           "Certificate contains CRL Issuers. The CRL must contain an Issuing Distribution Point.");
+      noteRejection(*this, Reason::kOutOfScope,
+                    "the distribution point names CRL issuers, and it has no issuing distribution "
+                    "point");
       reject();
     }
     return;
@@ -122,9 +178,13 @@ void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifi
   if (idp->reasons() != kAllReasons) reasons &= idp->reasons();
 
   const bool isCA = certificate->isCACert();
-  if (isCA && idp->onlyUser()) reject();  // 6.3.3 (b)(2)(ii)
-  if (!isCA && idp->onlyCA()) reject();   // 6.3.3 (b)(2)(iii)
-  if (idp->onlyAttr()) reject();          // 6.3.3 (b)(2)(iv)
+  const auto rejectAs = [this](std::string_view scope) {
+    noteRejection(*this, Reason::kOutOfScope, scope);
+    reject();
+  };
+  if (isCA && idp->onlyUser()) rejectAs("for end entities only");    // 6.3.3 (b)(2)(ii)
+  if (!isCA && idp->onlyCA()) rejectAs("for CAs only");              // 6.3.3 (b)(2)(iii)
+  if (idp->onlyAttr()) rejectAs("for attribute certificates only");  // 6.3.3 (b)(2)(iv)
 
   const RefCRLDistributionPointName idpName = idp->distributionPointName();
   if (idpName.empty()) return;
@@ -133,7 +193,7 @@ void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifi
     // names of an issuerAltName do not count.
     if (*idpName.get() != certificate->issuer()) {
       log(kPriorityDebug, "Certificate issuer and CRL distributionPointNames do not match");
-      reject();
+      rejectAs("for another distribution point");
     }
     return;
   }
@@ -153,7 +213,7 @@ void CRLContainer::Entry::issuingDistributionPointIssuerCheck(Verifier& /*verifi
   }
   if (!match) {
     log(kPriorityDebug, "Certificate and CRL distributionPointNames do not match");
-    reject();
+    rejectAs("for another distribution point");
   }
 }
 
@@ -168,7 +228,7 @@ CRLContainer::~CRLContainer() = default;
 void CRLContainer::add(const Entry& entry) {
   // Also a delta CRL that is rejected below puts the container into its delta mode.
   if (crlOf(entry).isDeltaCRL()) hasDeltaCRL = true;
-  entry.tallyScore(verifier);
+  blaming(entry, [&] { return entry.tallyScore(verifier); });
   if (!entry.crl.empty()) entries.push_back(entry);
 }
 
@@ -205,7 +265,9 @@ bool CRLContainer::isDeltaCRLChainComplete() const {
       found = !crlOf(base).isDeltaCRL() && wanted <= crlOf(base).crlNumber();
       if (found) break;
     }
-    if (!found) chainState = ChainIncomplete;
+    if (found) continue;
+    chainState = ChainIncomplete;
+    OutcomeRecord::setAside(Reason::kNoBase, handleOf(delta));
   }
   if (chainState == ChainIncomplete) {
     log(kPriorityDebug, "Could not find Base CRL");
@@ -220,8 +282,9 @@ int CRLContainer::isRevoked(int& reason) const {
   // 6.3.3 would pass over a CRL that adds no reason (e), and stop at the first one that lists the
   // certificate. Here every entry counts, and the last one that lists it decides.
   unsigned int mask = 0;
+  CRLOfEntry listed;
   if (!hasDeltaCRL) {
-    for (const Entry& entry : entries) applyEntry(entry, mask, reason);  // 6.3.3 (j)
+    for (const Entry& entry : entries) applyEntry(entry, mask, reason, listed);  // 6.3.3 (j)
   } else {
     if (!isDeltaCRLChainComplete()) return X509_V_ERR_UNABLE_TO_GET_CRL;
     std::set<std::reference_wrapper<const Entry>, DeltaCrlSorter> deltas;
@@ -229,13 +292,14 @@ int CRLContainer::isRevoked(int& reason) const {
       if (crlOf(entry).isDeltaCRL()) {
         deltas.insert(entry);
       } else {
-        applyEntry(entry, mask, reason);  // 6.3.3 (j)
+        applyEntry(entry, mask, reason, listed);  // 6.3.3 (j)
       }
     }
     // 6.3.3 (i): a delta CRL has the last word, the newest one among several.
-    for (const Entry& delta : deltas) applyEntry(delta, mask, reason);
+    for (const Entry& delta : deltas) applyEntry(delta, mask, reason, listed);
     if (reason == kRemoveFromCRL) reason = 0;  // 6.3.3 (k)
   }
+  noteStatus(entries, mask, listed.entry == nullptr ? 0 : reason, listed);
   // 6.3.3: the status is undetermined while a reason is not covered. It is so here also when the
   // certificate was found, which refuses it as well.
   if (mask != kAllReasons) return X509_V_ERR_UNABLE_TO_GET_CRL;
@@ -247,7 +311,8 @@ int CRLContainer::isRevoked(int& reason) const {
 void CRLContainer::extendedCRLChecks(const std::list<RefCertificate>& untrusted) {
   for (const Entry& entry : entries) {
     if (!VerificationRun::admitStep()) return;
-    if (!entry.crl.empty() && !checkEntry(entry, untrusted)) return;
+    if (entry.crl.empty()) continue;
+    if (!blaming(entry, [&] { return checkEntry(entry, untrusted); })) return;
   }
 }
 
@@ -268,19 +333,27 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
 
   const RefCertificate& issuer = entry.issuer;
   // 6.3.3 (f): with a key usage extension, cRLSign is set. Without one every bit reads as set.
+  const auto setAside = [&](Reason reason, std::string_view why = {}) {
+    OutcomeRecord::setAside(reason, handleOf(entry), why, {.certificate = issuer});
+  };
   if ((issuer->keyUsage() & KU_CRL_SIGN) == 0) {
+    setAside(Reason::kSignerNotAllowed);
     verifier.contextError(X509_V_ERR_KEYUSAGE_NO_CRL_SIGN);
     return false;
   }
   {
     const ErrorScope errors;
+    const Shortfall::Watch watch;
     if (X509_get0_pubkey(issuer) == nullptr) {
+      setAside(Reason::kSignerNotValid, "its key cannot be read");
       verifier.contextError(X509_V_ERR_UNABLE_TO_DECODE_ISSUER_PUBLIC_KEY);
       return false;
     }
     // 6.3.3 (g), and (h) for a delta CRL. An issuer that is not on the path has just been verified.
     if (!StrangersKeys::signedBy(list, issuer,
                                  [&] { return !issuedOnPath || isVouchedFor(issuer); })) {
+      setAside(Reason::kWrongSignature,
+               watch.noted() ? "not verified: nobody vouches for its signer's key" : "");
       verifier.contextError(X509_V_ERR_CRL_SIGNATURE_FAILURE);
       // What is not signed on the path has an issuer here that a trust anchor vouches for: its own
       // verification has just ended valid.
@@ -293,6 +366,7 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
   }
   // 5.2: a CRL with a critical extension that is not understood decides nothing.
   if (list.hasUnhandledCriticalExtension()) {
+    setAside(Reason::kUnknownCriticalExtension);
     verifier.contextError(X509_V_ERR_UNHANDLED_CRITICAL_CRL_EXTENSION);
     return false;
   }
@@ -304,11 +378,13 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
   // 6.3.3 (a)(1) and 5.1.2.5: the next update is still to come. As soon as there is a delta CRL,
   // what has expired counts all the same: it is meant so.
   if (!nextUpdate.empty() && time > nextUpdate->asTime() && !hasDeltaCRL) {
+    setAside(Reason::kExpired);
     verifier.contextError(X509_V_ERR_CRL_HAS_EXPIRED);
   }
   const ASN1::RefGeneralizedTime lastUpdate = list.lastUpdate();
   // 5.1.2.4: the CRL has been issued by then.
   if (!lastUpdate.empty() && time < lastUpdate->asTime()) {
+    setAside(Reason::kNotYetValid);
     verifier.contextError(X509_V_ERR_CRL_NOT_YET_VALID);
   }
   return true;
@@ -319,7 +395,13 @@ bool CRLContainer::validateIssuer(const Entry& entry, const std::list<RefCertifi
   Verifier nested(verifier.objectStore()->clone(), entry.issuer, RefStackOfCertificate(untrusted),
                   false);
   takeOverTime(verifier, nested);
+  OutcomeRecord::take();  // of another one before
   const int verdict = nested.isValid();
+  if (verdict != X509_V_OK) {
+    const std::shared_ptr<const LeftBehind> left = OutcomeRecord::take();
+    OutcomeRecord::setAside(reasonAgainstSigner(left.get()), handleOf(entry), {},
+                            {.certificate = entry.issuer, .verification = left});
+  }
   verifier.contextError(verdict);
   return verdict == X509_V_OK;
 }

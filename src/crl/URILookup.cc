@@ -10,6 +10,9 @@
 #include "foundation/run/ConnectionSubject.h"
 #include "foundation/run/FetchRecord.h"
 #include "foundation/run/VerificationRun.h"
+#include "report/ExchangeFacts.h"
+#include "report/ObjectOrigins.h"
+#include "report/OwnRecord.h"
 #include "store/CRLExpiry.h"
 #include "store/LookupMemory.h"
 #include "store/TolerantReading.h"
@@ -19,13 +22,21 @@
 #include <pkx509/URILookup.h>
 #include <velantrix/Exception.h>
 
+#include <openssl/x509_vfy.h>
+
+#include <cerrno>
 #include <exception>
 #include <new>
 #include <string>
+#include <string_view>
+#include <unistd.h>
+#include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
 
 namespace HTTP = LW::HTTP;
+using Kind = SourceRecord::Source::Kind;
+using Wanted = SourceRecord::Source::Wanted;
 
 namespace {
 
@@ -58,20 +69,26 @@ std::string reasonOf(const std::exception& failure) {
   return end == std::string::npos ? text : text.substr(end + 2);
 }
 
-RefCertificateRevocationList read(const Uri& uri, const LW::Buffer& body) {
+RefCertificateRevocationList read(const Uri& uri, const LW::Buffer& body, SourceUse& use) {
+  const auto malformed = [&](const std::string& what) {
+    FetchRecord::notFetched(uri, what);
+    use.failed({.failure = UseFacts::Failure::kMalformed, .reason = what});
+  };
   try {
     RefCertificateRevocationList crl = readFirstCRL(body.data(), body.length());
-    if (crl.empty()) FetchRecord::notFetched(uri, "the body is no CRL");
+    if (crl.empty()) malformed("the body is no CRL");
     return crl;
-  } catch (const Exception& malformed) {
-    FetchRecord::notFetched(uri, "the body is no CRL: " + reasonOf(malformed));
+  } catch (const Exception& failure) {
+    malformed("the body is no CRL: " + reasonOf(failure));
     throw;
   }
 }
 
-void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
+void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls, SourceUse& use) {
+  constexpr std::string_view kNetworkBytes = "network bytes";
   const std::size_t limit = NetworkBudget::admittedBytes(kMaximumCRL);
   if (limit == 0) {
+    use.refused({.failure = UseFacts::Failure::kBudget, .resource = kNetworkBytes});
     return FetchRecord::notFetched(uri, "the verification has fetched too much already");
   }
   const HTTP::Answer answer =
@@ -82,17 +99,42 @@ void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
                       .tooLarge = "larger than 64 MiB or than what a verification may fetch, or "
                                   "its header than 16 KiB"});
   if (answer.outcome != 0) NetworkBudget::countBytes(answer.connection->contentReceived());
+  use.bytes(answer.received);
   // Cut by what is left for the whole verification, and not by what a CRL may have.
-  if (answer.outcome == HTTP::Connection::kTooLarge && limit < kMaximumCRL) Shortfall::note();
+  const bool cut = answer.outcome == HTTP::Connection::kTooLarge && limit < kMaximumCRL;
+  if (cut) Shortfall::note();
   if (answer.outcome != HTTP::Connection::kComplete) {
+    tellFailure(use, answer.failure);
+    if (cut) use.spent(kNetworkBytes);
     return FetchRecord::notFetched(uri, answer.problem);
   }
   const LW::Buffer& content = answer.connection->content();
   if (!VerificationRun::admitDecoding(content.length())) {
+    use.refusedByBudget();
     return FetchRecord::notFetched(uri, "the verification has read too much already");
   }
-  const RefCertificateRevocationList crl = read(uri, content);
-  if (!crl.empty()) crls.push_back(crl);
+  const RefCertificateRevocationList crl = read(uri, content, use);
+  if (crl.empty()) return;
+  use.found(1);
+  ObjectOrigins::note(crl, {VerificationReport::Origin::Kind::kNetwork, FetchRecord::placeOf(uri)});
+  crls.push_back(crl);
+}
+
+File::Path cacheFile(const Uri& uri) {
+  return File::Path(kCRLCacheDirectory, HashDirLookupMethod::fileName(uri));
+}
+
+SourceUse cacheUse(const Uri& uri) {
+  return SourceUse(Kind::kCache, Wanted::kCRLs, FetchRecord::placeOf(uri));
+}
+
+UseFacts cacheFacts(const Uri& uri, const std::string& reason, const std::exception& failure) {
+  UseFacts facts = unreadableFacts(kCRLCacheDirectory, failure);
+  facts.reason = reason;
+  facts.file = cacheFile(uri).asString();
+  const std::string inside = std::string(kCRLCacheDirectory) + "/.";  // of what is a directory only
+  if (::access(inside.c_str(), W_OK) != 0) facts.errorNumber = errno;
+  return facts;
 }
 
 // A cache that cannot be written costs a fetch next time, not the result.
@@ -102,7 +144,9 @@ void cache(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) 
   } catch (const std::bad_alloc&) {
     Shortfall::note();
   } catch (const std::exception& failure) {
-    FetchRecord::notCached(uri, "cache cannot be written: " + reasonOf(failure));
+    const std::string reason = "cache cannot be written: " + reasonOf(failure);
+    FetchRecord::notCached(uri, reason);
+    cacheUse(uri).failed(cacheFacts(uri, reason, failure));
   }
 }
 
@@ -114,16 +158,20 @@ void notReadable(const Uri& uri, const std::string& reason) {
 // Appends what the host answers, in this verification once for equal requests. Never throws.
 void askHost(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   try {
+    const std::string place = FetchRecord::placeOf(uri);
     if (!HTTP::isHandled(uri)) {
+      SourceUse(Kind::kCRLServer, Wanted::kCRLs, place).refused(notSpoken(uri));
       log(kPriorityDebug, "Crypto::URILookup. Scheme not handled. " + uri.asString());
       return;
     }
     askOnce(kHosts, requestKey(uri), crls, [&](std::list<RefCertificateRevocationList>& found) {
+      SourceUse use(Kind::kCRLServer, Wanted::kCRLs, place);
       if (!connectionAdmitted()) {
+        use.refused(notAdmitted());
         FetchRecord::notFetched(uri, "no connection is made for it, and a log line says why");
         return false;
       }
-      fetch(uri, found);
+      use.during([&] { fetch(uri, found, use); });
       // The cache's key has no dot segments (RFC 3986, 5.2.4) and the request does, so the server
       // may answer with what it keeps elsewhere than where the key says: nobody else is to find that.
       if (!hasDotSegments(uri.path())) cache(uri, found);
@@ -136,14 +184,33 @@ void askHost(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   }
 }
 
+// Appends what the cache has for the URI. True when that is something.
+bool readCache(const Uri& uri, std::list<RefCertificateRevocationList>& crls, SourceUse& use) {
+  const std::size_t before = crls.size();
+  use.during([&] { HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, crls); });
+  use.found(crls.size() - before);
+  return crls.size() > before;
+}
+
+Time storedAt(const Uri& uri) { return cacheFile(uri).status(true).creationTime(); }
+
+// For those that only tell of it.
+void tellWhenStored(const Uri& uri, SourceUse& use) noexcept {
+  try {
+    use.stored(storedAt(uri));
+  } catch (const std::exception&) {
+    // It goes without.
+  }
+}
+
 // All that the cache has for the URI, whatever its dates.
 void readCache(const Uri& uri, RetrievedCRLs& answer) {
   const TolerantReading reading;
+  SourceUse use = cacheUse(uri);
   try {
-    HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, answer.cached);
-    if (!answer.cached.empty()) {
-      const File::Path path(kCRLCacheDirectory, HashDirLookupMethod::fileName(uri));
-      answer.cachedAt = path.status(true).creationTime();
+    if (readCache(uri, answer.cached, use)) {
+      answer.cachedAt = storedAt(uri);
+      use.stored(answer.cachedAt);
     }
     if (!reading.reason().empty()) notReadable(uri, reading.reason());
   } catch (const std::bad_alloc&) {
@@ -159,6 +226,28 @@ bool isFresh(const RefCertificateRevocationList& crl, const Time& since) {
   return !thisUpdate.empty() && thisUpdate->asTime() <= now && now <= expiryOf(crl, since);
 }
 
+// What the verification that goes on has asked for the URI before, too: it asks nobody twice.
+void takeUses(const std::string& place, SourceRecord& asked) {
+  const SourceRecord* const record = SourceRecord::current();
+  if (record == nullptr) return;
+  for (SourceRecord::Use use : record->uses()) {
+    use.about = nullptr;
+    if (use.origin == place) asked.add(std::move(use));
+  }
+}
+
+VerificationReport reportOn(const Uri& uri, bool found, Evidence& evidence) {
+  const bool within = !evidence.verified;
+  if (within) takeUses(FetchRecord::placeOf(uri), evidence.sources);
+  evidence.verified = true;
+  evidence.code = found ? X509_V_OK : X509_V_ERR_UNABLE_TO_GET_CRL;
+  Revocation::Outcome outcome;
+  outcome.status = found ? Revocation::Status::kGood : Revocation::Status::kUndetermined;
+  outcome.code = evidence.code;
+  evidence.revocation = {std::move(outcome)};
+  return makeReport(evidence, {.checked = Time::now()});
+}
+
 }  // namespace
 
 URILookup::~URILookup() = default;
@@ -171,8 +260,10 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
       // What this verification has fetched need not be read again. It is the answer to this request,
       // and none of the cache to whatever URI has the same key.
       if (recallAnswer(kHosts, requestKey(uri), found)) return false;
-      HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, found);
-      return !found.empty();
+      SourceUse use = cacheUse(uri);
+      const bool any = readCache(uri, found, use);
+      if (any) tellWhenStored(uri, use);
+      return any;
     });
   } catch (const std::bad_alloc&) {
     Shortfall::note();
@@ -180,6 +271,16 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
     notReadable(uri, reasonOf(failure));
   }
   if (crls.empty()) askHost(uri, crls);
+}
+
+void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& crls,
+                     VerificationReport& report) {
+  Evidence evidence;
+  {
+    const OwnRecord record(evidence, nullptr);
+    find(uri, crls);
+  }
+  report = reportOn(uri, !crls.empty(), evidence);
 }
 
 RetrievedCRLs retrieveCRLs(const Uri& uri) {

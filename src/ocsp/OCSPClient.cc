@@ -6,6 +6,10 @@
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/ConnectionSubject.h"
+#include "foundation/run/FetchRecord.h"
+#include "report/ExchangeFacts.h"
+#include "report/OutcomeRecord.h"
+#include "report/OwnRecord.h"
 #include "verify/CheckTime.h"
 
 #include <pkx509/FixedPaths.h>
@@ -13,19 +17,66 @@
 #include <pkx509/Verifier.h>
 #include <velantrix/Exception.h>
 
+#include <openssl/x509_vfy.h>
+
 #include <algorithm>
+#include <exception>
+#include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <utility>
 
 namespace Velantrix::Crypto::PKX509::OCSP {
 
 namespace HTTP = LW::HTTP;
+
+using Revocation::Reason;
 
 namespace {
 
 // What a responder says is handed on as it is.
 static_assert(kGood == V_OCSP_CERTSTATUS_GOOD && kRevoked == V_OCSP_CERTSTATUS_REVOKED &&
               kNoAnswer == V_OCSP_CERTSTATUS_UNKNOWN);
+
+Revocation::Statement placedAt(const Uri& uri) {
+  Revocation::Statement answer;
+  answer.kind = Revocation::Statement::Kind::kOCSP;
+  answer.from = {Revocation::Provenance::Kind::kNetwork, FetchRecord::placeOf(uri)};
+  return answer;
+}
+
+void setAside(const Uri& uri, Reason reason, std::string_view detail = {},
+              Revocation::AboutSigner signer = {}) noexcept {
+  OutcomeRecord::note([&](Revocation::Outcome& /*outcome*/) {
+    Revocation::Statement answer = placedAt(uri);
+    if (!signer.certificate.empty()) answer.issuer = signer.certificate->subject().asString();
+    OutcomeRecord::setAside(reason, answer, detail, std::move(signer));
+  });
+}
+
+std::optional<Time> timeOf(const ASN1::RefGeneralizedTime& time) {
+  return time.empty() ? std::nullopt : std::optional<Time>(time->asTime());
+}
+
+// What an answer says that counts.
+void noteStatus(const Uri& uri, const RefCertificate& responder, const Response::Status& said) {
+  if (said.status == V_OCSP_CERTSTATUS_UNKNOWN) {
+    return setAside(uri, Reason::kStatusUnknown, {}, {.certificate = responder});
+  }
+  OutcomeRecord::note([&](Revocation::Outcome& outcome) {
+    Revocation::Statement answer = placedAt(uri);
+    if (!responder.empty()) answer.issuer = responder->subject().asString();
+    answer.thisUpdate = timeOf(said.thisUpdate);
+    answer.nextUpdate = timeOf(said.nextUpdate);
+    const bool revoked = said.status == V_OCSP_CERTSTATUS_REVOKED;
+    if (revoked && said.reason >= 0) outcome.revoked.reason = said.reason;
+    if (revoked) outcome.revoked.date = timeOf(said.revocationTime);
+    outcome.status = revoked ? Revocation::Status::kRevoked : Revocation::Status::kGood;
+    outcome.decidedBy = {std::move(answer)};
+  });
+}
 
 // Lines about a certificate name it by the address of its object.
 std::string certificateText(const RefCertificate& certificate) {
@@ -44,6 +95,36 @@ std::string header(const Uri& uri, std::size_t length) {
          std::to_string(length) + "\r\n\r\n";
 }
 
+SourceUse useOf(const Uri& uri) {
+  return SourceUse(SourceRecord::Source::Kind::kOCSPResponder,
+                   SourceRecord::Source::Wanted::kAnswer, FetchRecord::placeOf(uri));
+}
+
+HTTP::RefStream streamFor(const Uri& uri, SourceUse& use) {
+  try {
+    return HTTP::streamFor(uri, {kClientCertificateFile, kClientKeyFile});
+  } catch (const HTTP::IdentityError& error) {
+    tellFailure(use, error.failure);
+    throw;
+  }
+}
+
+// True when there is an answer, whatever it is.
+bool exchange(HTTP::RefConnection& connection, const std::string& header, const LW::RefBuffer& body,
+              const Uri& uri) {
+  SourceUse use = useOf(uri);
+  connection->send(header);
+  connection->send(body);
+  const bool complete = connection->receive() == HTTP::Connection::kComplete;
+  use.bytes(connection->contentReceived());
+  if (complete) {
+    use.found(1);
+  } else {
+    tellFailure(use, connection->failure());
+  }
+  return complete;
+}
+
 // Finds the responder's certificate by the identifier of the answer: a name or the hash of a key
 // (RFC 6960, 4.2.1, ResponderID).
 template <class Identifier>
@@ -56,8 +137,50 @@ RefCertificate findResponder(const Identifier& identifier, const BasicResponse& 
 
 }  // namespace
 
+// What is known about the last question.
+struct Client::State {
+  // Has `ask` called, and notes what comes of it where nobody else does. About no certificate where the
+  // handle is empty. `ask` returns what its result comes to as the code of a report.
+  template <class Ask>
+  void during(const RefCertificate& about, const Ask& ask) {
+    certificate = about;
+    asked = Time::now();
+    OwnRecord own(evidence, about.empty() ? nullptr : about->native());
+    if (own.records()) evidence.revocation.front().code = X509_V_ERR_UNABLE_TO_GET_CRL;
+    record = &own;
+    try {
+      evidence.code = ask();
+    } catch (...) {
+      record = nullptr;
+      throw;
+    }
+    record = nullptr;
+    const bool isAboutRevocation = evidence.objections.empty();
+    if (own.records()) {
+      evidence.revocation.front().code = isAboutRevocation ? evidence.code : X509_V_OK;
+    }
+  }
+
+  // What a verification has asked that began while nothing was noted.
+  void take(const SourceRecord& sources) noexcept {
+    if (record == nullptr || !record->records()) return;
+    try {
+      for (const SourceRecord::Use& use : sources.uses()) {
+        evidence.sources.add(SourceRecord::Use(use));
+      }
+    } catch (const std::exception&) {
+      // What is only told must not cost more than the telling.
+    }
+  }
+
+  Evidence evidence = {};
+  Time asked = {};
+  RefCertificate certificate = {};  // none of a connection
+  OwnRecord* record = nullptr;      // while something is asked
+};
+
 Client::Client(Verifier& asking, const std::list<RefCertificate>& path)
-    : verifier(asking), chain(path) {}
+    : verifier(asking), chain(path), state(std::make_unique<State>()) {}
 
 Client::~Client() {
   const NoCancellation untilReturn;
@@ -66,6 +189,16 @@ Client::~Client() {
 
 bool Client::connect(const Uri& responder) {
   const NoCancellation untilReturn;
+  bool stands = false;
+  state->during({}, [&] {
+    stands = connectTo(responder);
+    return stands ? X509_V_OK : X509_V_ERR_UNABLE_TO_GET_CRL;
+  });
+  if (stands) state->evidence = Evidence();  // nothing has been asked yet
+  return stands;
+}
+
+bool Client::connectTo(const Uri& responder) {
   if (uri.isNull() || uri != responder) {
     uri = responder;
     if (!connection.empty()) {
@@ -73,14 +206,18 @@ bool Client::connect(const Uri& responder) {
       connection = HTTP::RefConnection();
     }
   }
+  SourceUse use = useOf(uri);
   if (connection.empty()) {
     if (!HTTP::isHandled(uri)) {
+      use.refused(notSpoken(uri));
       log(kPriorityDebug,
           "OCSP::Client: unhandled uri: " + uri.asString() + " scheme = " + uri.scheme());
       return false;
     }
-    if (connectionAdmitted()) {
-      HTTP::RefStream stream = HTTP::streamFor(uri, {kClientCertificateFile, kClientKeyFile});
+    if (!connectionAdmitted()) {
+      use.refused(notAdmitted());
+    } else {
+      HTTP::RefStream stream = streamFor(uri, use);
       connection = HTTP::RefConnection(stream);
       HTTP::Failure failure;
       const auto endpoint = HTTP::findEndpoint(uri, failure);
@@ -91,23 +228,56 @@ bool Client::connect(const Uri& responder) {
       }
     }
   }
-  if (!connected) {
+  if (connected) {
+    use.drop();
+  } else {
+    if (!connection.empty()) tellFailure(use, connection->failure());
     log(kPriorityInfo, "OCSP::Client: Could not connect to uri: " + uri.asString());
+    setAside(uri, Reason::kNoAnswer, "could not connect");
   }
   return connected;
 }
 
 int Client::isRevoked(const RefCertificate& certificate) {
   const NoCancellation untilReturn;
+  bool issuerKnown = false;
+  // What is known about the connection says why nothing can be asked.
+  if (!connected || connection.empty()) return ask(certificate, issuerKnown);
+  int answer = kNoAnswer;
+  state->during(certificate, [&] {
+    answer = ask(certificate, issuerKnown);
+    if (!issuerKnown) {
+      state->evidence.objections = {{certificate, 0, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY}};
+      return X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY;
+    }
+    if (answer == kRevoked) return X509_V_ERR_CERT_REVOKED;
+    return answer == kGood ? X509_V_OK : X509_V_ERR_UNABLE_TO_GET_CRL;
+  });
+  return answer;
+}
+
+VerificationReport Client::report() const {
+  const RefCertificate& about = state->certificate;
+  Surroundings surroundings{.checked = state->asked};
+  if (!about.empty()) {
+    surroundings.path = {about};
+    surroundings.origins = {{VerificationReport::Origin::Kind::kCaller, {}}};
+  }
+  return makeReport(state->evidence, surroundings);
+}
+
+int Client::ask(const RefCertificate& certificate, bool& issuerKnown) {
   for (const RefCertificate& candidate : chain) {
     try {
       if (!certificate->issuedBy(candidate, true)) continue;
+      issuerKnown = true;
       bool settled = false;
       const int answer = query(certificate, candidate, settled);
       if (settled) return answer;
     } catch (const Exception& failure) {
       // The line has always gone out without its text.
       logMisplaced("OCSP::Client::isRevoked: Caught " + failure.asString());
+      setAside(uri, Reason::kMalformed, failure.asString());
       return kNoAnswer;
     }
   }
@@ -123,15 +293,15 @@ int Client::query(const RefCertificate& certificate, const RefCertificate& issue
   const Request request(certificate, issuer);
   const LW::RefBuffer& pdu = request.pdu();
   if (pdu->length() == 0) return kNoAnswer;
-  connection->send(header(uri, pdu->length()));
-  connection->send(pdu);
-  if (connection->receive() != HTTP::Connection::kComplete) {
+  if (!exchange(connection, header(uri, pdu->length()), pdu, uri)) {
     log(kPriorityInfo, certificateText(certificate) + " : No data from OCSP server.");
+    setAside(uri, Reason::kNoAnswer, "no data");
     return kNoAnswer;
   }
   const Response response(connection->content());
   if (response.status() != OCSP_RESPONSE_STATUS_SUCCESSFUL) {
     log(kPriorityInfo, certificateText(certificate) + " : Invalid response from OCSP server.");
+    setAside(uri, Reason::kNotSuccessful, OCSP_response_status_str(response.status()));
     return kNoAnswer;
   }
 
@@ -140,13 +310,16 @@ int Client::query(const RefCertificate& certificate, const RefCertificate& issue
   // 4.4.1: the nonce is that of the request. An answer without one passes: it is meant so.
   if (!basic.matches(request)) {
     log(kPriorityDebug, "OCSP::Client. OCSP Response does not match the request");
+    setAside(uri, Reason::kOtherNonce);
     return kNoAnswer;
   }
-  if (const int refused = isSignatureValid(response, basic); refused != kGood) return refused;
+  RefCertificate responder;
+  if (const int refused = judge(basic, responder); refused != kGood) return refused;
   // 3.2, 1: the answer is about the certificate that was asked about. One that does not mention it
   // counts as good: it is meant so. So it is that thisUpdate and nextUpdate, 3.2, 5 and 6, are not
   // compared with the clock.
   const Response::Status status = response.find(basic, request.id());
+  noteStatus(uri, responder, status);
   if (status.status == V_OCSP_CERTSTATUS_REVOKED) {
     logMisplaced(certificateText(certificate) +
                  " is revoked: " + OCSP_crl_reason_str(status.reason));
@@ -155,13 +328,21 @@ int Client::query(const RefCertificate& certificate, const RefCertificate& issue
 }
 
 int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& basic) {
+  RefCertificate responder;
+  return judge(basic, responder);
+}
+
+// Sets the certificate of who signed the answer, where there is one.
+int Client::judge(const BasicResponse& basic, RefCertificate& responder) {
   OCSP_BASICRESP* const native = basic;
-  if (native == nullptr) return kNoAnswer;
+  if (native == nullptr) {
+    setAside(uri, Reason::kMalformed, "there is no basic response in it");
+    return kNoAnswer;
+  }
 
   const ASN1_OCTET_STRING* keyHash = nullptr;
   const X509_NAME* name = nullptr;
   bool cameWithAnswer = false;
-  RefCertificate responder;
   // 3.2, 3: who is to answer at a URI is not known beforehand; the signer is whom the answer names.
   if (OCSP_resp_get0_id(native, &keyHash, &name) == 1 && name != nullptr) {
     responder = findResponder(DistinguishedName(name), basic, chain, cameWithAnswer);
@@ -171,7 +352,10 @@ int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& 
     // OpenSSL has no name for the type of an identifier that is neither.
     fail({"Client::isSignatureValid", "OCSP"}, "OCSP response identifier not supported: -1");
   }
-  if (responder.empty()) return kResponderUnknown;
+  if (responder.empty()) {
+    setAside(uri, Reason::kSignerUnknown);
+    return kResponderUnknown;
+  }
 
   // 3.2, 4: the signer may speak about this certificate. Of the criteria of 4.2.2.2 the second,
   // the issuing CA, is widened to every certificate of the chain. In the place of the third, a
@@ -181,6 +365,10 @@ int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& 
   const bool inChain = std::find(chain.begin(), chain.end(), responder) != chain.end();
   if (cameWithAnswer && !inChain && !validate(responder)) {
     log(kPriorityInfo, "OCSP::Client: Could not validate Responder's certificate.");
+    const std::shared_ptr<const LeftBehind> left = OutcomeRecord::take();
+    if (left != nullptr) state->take(left->evidence.sources);
+    setAside(uri, reasonAgainstSigner(left.get()), {},
+             {.certificate = responder, .verification = left});
     return kResponderNotValid;
   }
 
@@ -191,6 +379,7 @@ int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& 
                        OCSP_resp_get0_signature(native), OCSP_resp_get0_respdata(native),
                        key->keyData()) < 1) {
     log(kPriorityInfo, "OCSP::Client: Response Signature check failed.");
+    setAside(uri, Reason::kWrongSignature, {}, {.certificate = responder});
     return kSignatureWrong;
   }
   return kGood;
@@ -199,6 +388,7 @@ int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& 
 // Verifies a responder's certificate that is in the answer only. The store is cloned, so that
 // nothing of it stays in the outer one.
 bool Client::validate(const RefCertificate& responder) {
+  const OwnRecord::Pause pause(state->record);  // it has bounds of its own
   const ErrorScope errors;
   Verifier nested(verifier.objectStore()->clone(), responder, RefStackOfCertificate(chain), false);
   X509_STORE_CTX* const context = nested;
@@ -209,6 +399,7 @@ bool Client::validate(const RefCertificate& responder) {
   }
   takeOverTime(verifier, nested);
   nested.parent(verifier);
+  OutcomeRecord::take();  // of another one before
   return nested.isValid() == X509_V_OK;
 }
 

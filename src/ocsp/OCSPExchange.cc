@@ -7,6 +7,7 @@
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/run/ConnectionSubject.h"
 #include "foundation/run/FetchRecord.h"
+#include "report/ExchangeFacts.h"
 
 #include <pkx509/FixedPaths.h>
 
@@ -26,8 +27,9 @@ std::string postHeader(const Uri& uri, std::size_t length) {
          "\r\n\r\n";
 }
 
-std::optional<std::string> ask(const Uri& uri, const std::string& request) {
+std::optional<std::string> ask(const Uri& uri, const std::string& request, SourceUse& use) {
   if (!connectionAdmitted()) {
+    use.refused(notAdmitted());
     FetchRecord::notFetched(uri, "no connection is made for it, and a log line says why");
     return std::nullopt;
   }
@@ -36,10 +38,13 @@ std::optional<std::string> ask(const Uri& uri, const std::string& request) {
                      {.header = postHeader(uri, request.size()),
                       .body = request,
                       .tooLarge = "the answer is larger than 1 MiB, or its header than 16 KiB"});
+  use.bytes(answer.received);
   if (answer.outcome != HTTP::Connection::kComplete) {
+    tellFailure(use, answer.failure);
     FetchRecord::notFetched(uri, answer.problem);
     return std::nullopt;
   }
+  use.found(1);
   const LW::Buffer& content = answer.connection->content();
   return std::string(reinterpret_cast<const char*>(content.data()), content.length());
 }
@@ -49,12 +54,15 @@ std::optional<std::string> ask(const Uri& uri, const std::string& request) {
 ResponderAnswer askResponder(const Uri& responder, const std::string& request) {
   const NoCancellation untilReturn;
   ResponderAnswer answer;
+  SourceUse use(SourceRecord::Source::Kind::kOCSPResponder, SourceRecord::Source::Wanted::kAnswer,
+                FetchRecord::placeOf(responder));
   if (!HTTP::isHandled(responder)) {
+    use.refused(notSpoken(responder));
     log(kPriorityDebug, "OCSP: Scheme not handled. " + responder.asString());
     return answer;
   }
   try {
-    answer.body = ask(responder, request);
+    use.during([&] { answer.body = ask(responder, request, use); });
   } catch (const std::bad_alloc&) {
     Shortfall::note();
   } catch (const std::exception& failure) {

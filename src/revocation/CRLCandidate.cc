@@ -3,15 +3,10 @@
 namespace Velantrix::Crypto::PKX509::Revocation {
 
 Statement statementOf(const CRLCandidate& candidate) {
-  const CertificateRevocationList& crl = *candidate.crl.get();
-  Statement statement;
-  statement.kind = crl.isDeltaCRL() ? Statement::Kind::kDeltaCRL : Statement::Kind::kCRL;
-  statement.issuer = crl.crlInfo().issuer().asString();
-  if (!crl.crlNumber().isNull()) statement.number = crl.crlNumber().asString();
-  statement.thisUpdate = crl.lastUpdate()->asTime();
-  if (!crl.nextUpdate().empty()) statement.nextUpdate = crl.nextUpdate()->asTime();
-  statement.from = candidate.from;
-  return statement;
+  const bool isDelta = candidate.crl->isDeltaCRL();
+  return {.kind = isDelta ? Statement::Kind::kDeltaCRL : Statement::Kind::kCRL,
+          .from = candidate.from,
+          .crl = candidate.crl};
 }
 
 bool isIssuedBy(const CertificateRevocationList& crl, const Time& time) {

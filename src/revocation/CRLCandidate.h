@@ -2,7 +2,7 @@
 #pragma once
 
 #include "foundation/model/DistributionPoints.h"
-#include "revocation/Outcome.h"
+#include "report/RevocationOutcome.h"
 #include "revocation/Standings.h"
 
 #include <velantrix/Certificate.h>
@@ -12,6 +12,7 @@
 
 #include <openssl/evp.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -34,16 +35,18 @@ struct CRLCandidate {
   RefCertificate signer = {};
   Hypotheses restsOn = {};
   std::optional<Reason> unauthentic = {};
+  std::shared_ptr<const AboutSigner> aboutSigner = {};  // where it is not authentic
 
   bool counts() const noexcept { return !refused && !unauthentic && !signer.empty(); }
   void forgetSigner() {
     signer = RefCertificate();
     unauthentic.reset();
+    aboutSigner.reset();
   }
   EVP_PKEY* key() const { return X509_get0_pubkey(signer); }
 };
 
-// A CRL as evidence.
+// A CRL as evidence: the handle, of which texts are made when somebody reads.
 Statement statementOf(const CRLCandidate& candidate);
 
 // 6.3.3 (a), 5.1.2.4 and 5.1.2.5: issued by then, and not run out. One that does not say when it runs

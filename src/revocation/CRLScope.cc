@@ -126,8 +126,8 @@ CRLScope::Verdict CRLScope::throughOne(const CertificateRevocationList& crl,
   if (!name.empty() && !namesMatch(*name.get(), point, crl.crlInfo().issuer())) {
     return {.refused = Reason::kOutOfScope, .detail = "it is of another distribution point"};
   }
-  if (!isAboutItsKind(*idp.get())) {
-    return {.refused = Reason::kOutOfScope, .detail = "it is about certificates of another kind"};
+  if (const char* const kind = otherKind(*idp.get())) {
+    return {.refused = Reason::kOutOfScope, .detail = kind};
   }
   // 6.3.3 (d)(1) and (2); what is left out stands for all reasons.
   const unsigned int interim_reasons_mask = point.reasons & idp->reasons();
@@ -167,12 +167,14 @@ bool CRLScope::namesMatch(const CRLDistributionPointName& idp, const Point& poin
   return idp == completed(point.name->relativeName(), crlIssuer);
 }
 
-bool CRLScope::isAboutItsKind(const IssuingDistributionPoint& idp) const {
-  if (idp.onlyUser() && isCA_) return false;  // 6.3.3 (b)(2)(ii)
-  if (idp.onlyCA() && !isCA_) return false;   // 6.3.3 (b)(2)(iii)
-  if (idp.onlyAttr()) return false;           // 6.3.3 (b)(2)(iv)
-  // 5.2.5: such a list is not about certificates of version 1 or 2.
-  return isVersion3_ || !(idp.onlyUser() || idp.onlyCA());
+// What kind of certificates it is about, where that is another one; else null.
+const char* CRLScope::otherKind(const IssuingDistributionPoint& idp) const {
+  if (idp.onlyUser() && isCA_) return "it is not about certificates of CAs";  // 6.3.3 (b)(2)(ii)
+  if (idp.onlyCA() && !isCA_) return "it is about certificates of CAs only";  // 6.3.3 (b)(2)(iii)
+  if (idp.onlyAttr()) return "it is about attribute certificates only";       // 6.3.3 (b)(2)(iv)
+  // 5.2.5
+  if (isVersion3_ || !(idp.onlyUser() || idp.onlyCA())) return nullptr;
+  return "it is not about certificates of version 1 or 2";
 }
 
 }  // namespace Velantrix::Crypto::PKX509::Revocation

@@ -8,7 +8,7 @@
 
 #include "foundation/model/DistributionPoints.h"
 #include "foundation/openssl/OpenSSLOwners.h"
-#include "revocation/Outcome.h"
+#include "report/RevocationOutcome.h"
 
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateRevocationList.h>
@@ -69,7 +69,7 @@ class CRLScope {
                      const RefIssuingDistributionPoint& idp) const;
   bool namesMatch(const CRLDistributionPointName& idp, const Point& point,
                   const DistinguishedName& crlIssuer) const;
-  bool isAboutItsKind(const IssuingDistributionPoint& idp) const;
+  const char* otherKind(const IssuingDistributionPoint& idp) const;
 
   RefCertificate certificate_;
   bool isCA_;

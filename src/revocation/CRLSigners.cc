@@ -34,7 +34,7 @@ void CRLSigners::authenticate(std::list<CRLCandidate>& candidates) {
 void CRLSigners::authenticate(CRLCandidate& candidate) {
   const DistinguishedName& issuer = candidate.crl->crlInfo().issuer();
   const std::vector<RefCertificate> known = onKnownPaths(issuer);
-  std::optional<Reason> best;
+  Standing best;
   if (tryAll(known, candidate, best)) return;
   std::vector<RefCertificate> others;
   for (const Offered<RefCertificate>& offered : sources_.certificates(issuer).found) {
@@ -43,8 +43,9 @@ void CRLSigners::authenticate(CRLCandidate& candidate) {
       others.push_back(one);
   }
   if (tryAll(std::move(others), candidate, best) || !candidate.signer.empty()) return;
-  candidate.unauthentic = best.value_or(Reason::kSignerUnknown);
-  if (best == Reason::kWrongSignature && candidate.uri) {
+  candidate.unauthentic = best.refused.value_or(Reason::kSignerUnknown);
+  candidate.aboutSigner = best.about;
+  if (best.refused == Reason::kWrongSignature && candidate.uri) {
     sources_.isForged(*candidate.uri, candidate.crl);
   }
 }
@@ -60,9 +61,10 @@ std::vector<RefCertificate> CRLSigners::onKnownPaths(const DistinguishedName& is
 }
 
 // True when one has signed it for whom nothing has to be assumed. One for whom something has is kept in
-// case that there is no other. `best` is the most telling reason why one has not.
+// case that there is no other. `best` is the most telling reason why one has not, with
+// the first one that it is true of where that is its path or a wrong signature.
 bool CRLSigners::tryAll(std::vector<RefCertificate> signers, CRLCandidate& candidate,
-                        std::optional<Reason>& best) {
+                        Standing& best) {
   const RefAuthorityKeyIdentifier authority = candidate.crl->crlInfo().authorityKeyIdentifier();
   if (!authority.empty()) {  // 5.2.1: it says whose key it is, and proves nothing
     std::stable_partition(signers.begin(), signers.end(), [&](const RefCertificate& signer) {
@@ -71,12 +73,13 @@ bool CRLSigners::tryAll(std::vector<RefCertificate> signers, CRLCandidate& candi
   }
   for (const RefCertificate& signer : signers) {
     if (!VerificationRun::admitStep()) return false;
-    const Standing standing = tryOne(signer, candidate);
+    Standing standing = tryOne(signer, candidate);
     if (standing.refused) {
       // One whose signature fits says more than a namesake.
       const bool fits = *standing.refused != Reason::kSignerNotValid &&
                         *standing.refused != Reason::kWrongSignature;
-      if (!best || fits || *best == Reason::kSignerNotValid) best = standing.refused;
+      const bool more = best.refused == Reason::kSignerNotValid && standing.refused != best.refused;
+      if (!best.refused || fits || more) best = std::move(standing);
       continue;
     }
     if (candidate.signer.empty() || standing.restsOn.empty()) {
@@ -100,9 +103,9 @@ Standing CRLSigners::tryOne(const RefCertificate& signer, const CRLCandidate& ca
   // 6.3.3 (f). The key is used only after its own certificate has been verified: a stranger's may have
   // been made to take its time.
   const Path path = standings_.pathOf(signer, path_);
-  if (path.empty()) return {.refused = Reason::kSignerNotValid};
+  if (path.empty()) return standings_.withoutPath(signer);
   if (const auto refused = signatureRefused(signer, *candidate.crl.get())) {
-    return {.refused = refused};
+    return {.refused = refused, .about = aboutAlone(signer)};
   }
   return standings_.of(path, By::kAll);
 }

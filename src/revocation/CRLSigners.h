@@ -24,8 +24,7 @@ class CRLSigners : private NonCopyable {
  private:
   void authenticate(CRLCandidate& candidate);
   std::vector<RefCertificate> onKnownPaths(const DistinguishedName& issuer) const;
-  bool tryAll(std::vector<RefCertificate> signers, CRLCandidate& candidate,
-              std::optional<Reason>& best);
+  bool tryAll(std::vector<RefCertificate> signers, CRLCandidate& candidate, Standing& best);
   Standing tryOne(const RefCertificate& signer, const CRLCandidate& candidate);
   std::optional<Reason> signatureRefused(const RefCertificate& signer,
                                          const CertificateRevocationList& crl) const;

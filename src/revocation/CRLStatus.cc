@@ -41,16 +41,30 @@ bool haveOneScope(const CRLCandidate& a, const CRLCandidate& b) {
 }
 
 // 5.2.4 and 6.3.3 (c): whether the delta CRL updates the complete one.
-bool updates(const CRLCandidate& delta, const CRLCandidate& complete) {
-  const ASN1::Integer number = listOf(complete).crlNumber();
-  const ASN1::Integer deltaNumber = listOf(delta).crlNumber();
+bool haveOneKey(const CRLCandidate& delta, const CRLCandidate& complete) {
   // 6.3.3 (c)(3)
   return extensionOf(delta, NID_authority_key_identifier) ==
              extensionOf(complete, NID_authority_key_identifier) &&
          // 6.3.3 (h): by the key that was validated for the complete CRL
-         EVP_PKEY_eq(delta.key(), complete.key()) == 1 &&
-         // 5.2.4 (c) and (d)
-         listOf(delta).baseCRLNumber() <= number && number <= deltaNumber && number != deltaNumber;
+         EVP_PKEY_eq(delta.key(), complete.key()) == 1;
+}
+
+bool updates(const CRLCandidate& delta, const CRLCandidate& complete) {
+  const ASN1::Integer number = listOf(complete).crlNumber();
+  const ASN1::Integer deltaNumber = listOf(delta).crlNumber();
+  // 5.2.4 (c) and (d)
+  return haveOneKey(delta, complete) && listOf(delta).baseCRLNumber() <= number &&
+         number <= deltaNumber && number != deltaNumber;
+}
+
+// Why none of the complete CRLs is what the delta CRL updates.
+const char* whyNoBase(const CRLCandidate& delta, const Candidates& bases) {
+  if (bases.empty()) return "there is no complete CRL of its issuer and scope";
+  const bool sameKey = std::any_of(bases.begin(), bases.end(), [&delta](const CRLCandidate* base) {
+    return haveOneKey(delta, *base);
+  });
+  return sameKey ? "the complete CRL is older than its base, or not older than itself"
+                 : "the complete CRL is signed with another key";
 }
 
 // A complete CRL, and what 5.2.4 makes of it with a delta CRL: the number and times are the delta's.
@@ -111,8 +125,8 @@ class Decision {
                std::vector<Combined>& combined);
   void apply(const Combined& combined);
   bool find(const CRLCandidate& candidate, int& reason);
-  void setAside(const CRLCandidate* candidate, Reason reason) {
-    result_.setAside.emplace_back(candidate, reason);
+  void setAside(const CRLCandidate* candidate, Reason reason, const char* detail = "") {
+    result_.setAside.push_back({candidate, reason, detail});
   }
   bool isCurrent(const CRLCandidate* candidate) const {
     return isCurrentAt(listOf(*candidate), time_, settings_.maximumCRLAge);
@@ -144,7 +158,7 @@ void Decision::process(const Candidates& oneScope) {
   for (const CRLCandidate* const delta : deltas) {
     if (std::none_of(bases.begin(), bases.end(),
                      [&](const CRLCandidate* base) { return updates(*delta, *base); })) {
-      setAside(delta, Reason::kNoBase);
+      setAside(delta, Reason::kNoBase, whyNoBase(*delta, bases));
     } else if (!hold(newest, delta)) {
       setAside(delta, Reason::kSuperseded);
     }
@@ -223,6 +237,9 @@ bool Decision::find(const CRLCandidate& candidate, int& reason) {
 CRLStatus Decision::end() {
   if (result_.status != Status::kRevoked && reasons_mask_ == kAllReasons) {
     result_.status = Status::kGood;
+  }
+  if (result_.status == Status::kUndetermined && reasons_mask_ != 0) {
+    result_.uncoveredReasons = kAllReasons & ~reasons_mask_;
   }
   return std::move(result_);
 }

@@ -8,7 +8,6 @@
 #include <velantrix/Certificate.h>
 #include <velantrix/Time.h>
 
-#include <utility>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509::Revocation {
@@ -16,8 +15,16 @@ namespace Velantrix::Crypto::PKX509::Revocation {
 struct CRLStatus {
   Status status = Status::kUndetermined;
   Revoked revoked = {};
-  std::vector<const CRLCandidate*> decidedBy = {};  // borrowed from what was asked about
-  std::vector<std::pair<const CRLCandidate*, Reason>> setAside = {};
+  // Borrowed from what was asked about; of an undetermined status, what counts and is not enough.
+  std::vector<const CRLCandidate*> decidedBy = {};
+  // As OpenSSL's reason bits; 0 where nothing counts.
+  unsigned int uncoveredReasons = 0;
+  struct SetAside {
+    const CRLCandidate* candidate;
+    Reason reason;
+    const char* detail = "";
+  };
+  std::vector<SetAside> setAside = {};
 };
 
 // Of the candidates only those that count are looked at. Each of them is about the certificate, and

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "foundation/openssl/OpenSSLOwners.h"
-#include "revocation/Outcome.h"
+#include "report/RevocationOutcome.h"
 
 #include <velantrix/Certificate.h>
 

@@ -1,5 +1,6 @@
 #include "revocation/OCSPReading.h"
 
+#include "foundation/base/Hex.h"
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
@@ -8,10 +9,14 @@
 #include "revocation/OCSPSigner.h"
 #include "revocation/OCSPSingleResponses.h"
 
+#include <velantrix/DistinguishedName.h>
 #include <velantrix/Exception.h>
 
 #include <openssl/rand.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <memory>
 #include <string_view>
 
 namespace Velantrix::Crypto::PKX509::Revocation {
@@ -20,6 +25,9 @@ namespace {
 
 // RFC 8954, 2.1: a client "MUST use a length of 32 octets".
 constexpr int kNonceLength = 32;
+
+// Octets of what an answer decides the length of.
+constexpr std::size_t kMaximumShown = 40;
 
 // Without random numbers there is none, and any nonce in an answer is another's.
 std::string newNonce() {
@@ -52,13 +60,30 @@ bool isNonce(X509_EXTENSION* extension, const std::string& nonce) {
                                       static_cast<std::size_t>(ASN1_STRING_length(value)));
 }
 
+std::string hexOf(const ASN1_OCTET_STRING* value) {
+  const auto length = static_cast<std::size_t>(ASN1_STRING_length(value));
+  return hexText(ASN1_STRING_get0_data(value), std::min(length, kMaximumShown));
+}
+
 // An answer without a nonce passes: responders sign beforehand (RFC 5019, 4). One that has one has
-// that of the request, and no other beside it.
-bool hasOtherNonce(OCSP_BASICRESP* basic, const std::string& nonce) {
+// that of the request, and no other beside it. Else what it has.
+std::optional<std::string> otherNonce(OCSP_BASICRESP* basic, const std::string& nonce) {
   const int first = OCSP_BASICRESP_get_ext_by_NID(basic, NID_id_pkix_OCSP_Nonce, -1);
-  if (first < 0) return false;
-  return OCSP_BASICRESP_get_ext_by_NID(basic, NID_id_pkix_OCSP_Nonce, first) >= 0 ||
-         !isNonce(OCSP_BASICRESP_get_ext(basic, first), nonce);
+  if (first < 0) return std::nullopt;
+  if (OCSP_BASICRESP_get_ext_by_NID(basic, NID_id_pkix_OCSP_Nonce, first) >= 0) {
+    return "it has several nonces";
+  }
+  X509_EXTENSION* const only = OCSP_BASICRESP_get_ext(basic, first);
+  if (isNonce(only, nonce)) return std::nullopt;
+  return "its nonce is " + hexOf(X509_EXTENSION_get_data(only));
+}
+
+// Who says to have signed it: 4.2.1, ResponderID. Nobody has looked at the signature.
+std::string namedResponder(const OCSP_BASICRESP* basic) {
+  const ASN1_OCTET_STRING* keyHash = nullptr;
+  const X509_NAME* name = nullptr;
+  if (OCSP_resp_get0_id(basic, &keyHash, &name) != 1) return {};
+  return name != nullptr ? DistinguishedName(name).asString() : "key " + hexOf(keyHash);
 }
 
 // 4.2.2.2.1: "trust a responder for the lifetime of the responder's certificate". What is not
@@ -75,7 +100,12 @@ bool hasNoCheck(const RefCertificate& delegate) {
 }
 
 bool takeSigner(const OCSPSigner& signer, OCSPReading& reading) {
-  if (signer.refused) return refuse(reading, *signer.refused, "");
+  if (signer.refused) {
+    if (!signer.about.certificate.empty()) {
+      reading.aboutSigner = std::make_shared<const AboutSigner>(signer.about);
+    }
+    return refuse(reading, *signer.refused, "");
+  }
   reading.statement.issuer = signer.certificate->subject().asString();
   if (!signer.isDelegate) return true;
   reading.delegate = signer.certificate;
@@ -115,12 +145,23 @@ bool OCSPQuestion::accept(const std::string& body, const RevocationSettings& set
   const OCSPMessage message = decodeOCSPResponse(body);
   if (message.refused) return refuse(reading, *message.refused, message.detail);
   OCSP_BASICRESP* const basic = message.basic.get();
+  const bool accepted = accept(basic, settings, moment, reading);
+  if (!accepted && reading.statement.issuer.empty()) {
+    reading.statement.issuer = namedResponder(basic);
+  }
+  return accepted;
+}
+
+bool OCSPQuestion::accept(OCSP_BASICRESP* basic, const RevocationSettings& settings,
+                          const Moment& moment, OCSPReading& reading) const {
   // 4.4
   if (hasUnknownCriticalExtension(basic)) {
     return refuse(reading, Reason::kUnknownCriticalExtension, "in the answer");
   }
   // 4.4.1
-  if (hasOtherNonce(basic, nonce_)) return refuse(reading, Reason::kOtherNonce, "");
+  if (const std::optional<std::string> other = otherNonce(basic, nonce_)) {
+    return refuse(reading, Reason::kOtherNonce, *other);
+  }
   // 3.2 (2) to (4), 4.2.2.2
   const OCSPSigner signer = findOCSPSigner(basic, certificate_, issuer_, settings, moment);
   if (!takeSigner(signer, reading)) return false;

@@ -7,13 +7,17 @@
 //   }
 #pragma once
 
-#include "revocation/Outcome.h"
+#include "report/RevocationOutcome.h"
+#include "revocation/Offered.h"
 
 #include <pkx509/RevocationSettings.h>
 #include <velantrix/Certificate.h>
 #include <velantrix/NonCopyable.h>
 #include <velantrix/Time.h>
 
+#include <openssl/ocsp.h>
+
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -28,11 +32,13 @@ struct Moment {
 struct OCSPReading {
   enum class Status { kGood, kRevoked, kUnknown };
 
-  // Why the answer does not count; none when it does. Then the members below it are set.
+  // Why the answer does not count; none when it does. Then the members below the statement are set.
   std::optional<Reason> refused = {};
   std::string detail = {};
-
+  std::shared_ptr<const AboutSigner> aboutSigner = {};  // where it is to blame
+  // Also of an answer that does not count, as far as it was read.
   Statement statement = {};
+
   Status status = Status::kUnknown;
   Revoked revoked = {};
   // Who signed it, when it is neither the CA itself nor a responder of the settings: a certificate that
@@ -57,6 +63,8 @@ class OCSPQuestion : private NonCopyable {
 
  private:
   bool accept(const std::string& body, const RevocationSettings& settings, const Moment& moment,
+              OCSPReading& reading) const;
+  bool accept(OCSP_BASICRESP* basic, const RevocationSettings& settings, const Moment& moment,
               OCSPReading& reading) const;
 
   RefCertificate certificate_;

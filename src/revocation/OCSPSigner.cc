@@ -9,6 +9,8 @@
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
+#include <openssl/x509_vfy.h>
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -39,13 +41,6 @@ bool isResponder(const OCSP_BASICRESP* basic, const X509* candidate) {
   if (OCSP_resp_get0_id(basic, &keyHash, &name) != 1) return false;
   if (name != nullptr) return X509_NAME_cmp(name, X509_get_subject_name(candidate)) == 0;
   return hasKeyHash(candidate, keyHash);
-}
-
-// RFC 5280, 4.1.2.5: from notBefore through notAfter.
-bool isWithinValidity(const X509* candidate, const Time& checked) {
-  const std::optional<Time> notBefore = strictTime(X509_get0_notBefore(candidate));
-  const std::optional<Time> notAfter = strictTime(X509_get0_notAfter(candidate));
-  return notBefore && notAfter && *notBefore <= checked && checked <= *notAfter;
 }
 
 // 4.2.2.2, 3: "Includes a value of id-kp-OCSPSigning in an extended key usage extension".
@@ -111,9 +106,8 @@ class SignerSearch {
   }
 
   bool isConfiguredSigner(const RefCertificate& responder) {
-    if (isInQuestion(responder)) return refuse(Reason::kSignerNotAllowed);
-    if (!isWithinValidity(responder, moment_.checked)) return refuse(Reason::kSignerNotValid);
-    return hasSigned(responder);
+    if (isInQuestion(responder)) return refuse(Reason::kSignerNotAllowed, responder);
+    return isTimely(responder) && hasSigned(responder);
   }
 
   // 4.2.2.2, 3: a certificate "issued by the CA that issued the certificate in question".
@@ -130,10 +124,9 @@ class SignerSearch {
 
   bool isDelegatedSigner(X509* sent) {
     const RefCertificate candidate = CertificateFactory()(sent, false);
-    if (!isDelegate(candidate)) return refuse(Reason::kSignerNotAllowed);
+    if (!isDelegate(candidate)) return refuse(Reason::kSignerNotAllowed, candidate);
     // One that has expired does not hide another of the same key.
-    if (!isWithinValidity(candidate, moment_.checked)) return refuse(Reason::kSignerNotValid);
-    signer_.isDelegate = hasSigned(candidate);
+    signer_.isDelegate = isTimely(candidate) && hasSigned(candidate);
     return signer_.isDelegate;
   }
 
@@ -158,26 +151,44 @@ class SignerSearch {
   // 3.2 (2): "The signature on the response is valid". The key is one that somebody vouches for.
   bool hasSigned(const RefCertificate& candidate) {
     EVP_PKEY* const key = X509_get0_pubkey(candidate);
-    if (key == nullptr) return refuse(Reason::kSignerNotAllowed);
+    if (key == nullptr) return refuse(Reason::kSignerNotAllowed, candidate);
     const X509_ALGOR* const algorithm = OCSP_resp_get0_tbs_sigalg(basic_);
     const MemoryCheck memory;
     if (ASN1_item_verify(ASN1_ITEM_rptr(OCSP_RESPDATA), algorithm, OCSP_resp_get0_signature(basic_),
                          OCSP_resp_get0_respdata(basic_), key) != 1) {
       memory.orThrow();
-      return refuse(Reason::kWrongSignature);
+      return refuse(Reason::kWrongSignature, candidate);
     }
-    if (!reachesLevel(settings_.securityLevel, algorithm, key)) return refuse(Reason::kTooWeak);
+    if (!reachesLevel(settings_.securityLevel, algorithm, key)) {
+      return refuse(Reason::kTooWeak, candidate);
+    }
     signer_.certificate = candidate;
     return true;
   }
 
-  // Of several candidates the one that came furthest says why there is no signer.
-  bool refuse(Reason reason) {
+  // RFC 5280, 4.1.2.5: from notBefore through notAfter.
+  bool isTimely(const RefCertificate& candidate) {
+    const std::optional<Time> notBefore = strictTime(X509_get0_notBefore(candidate));
+    const std::optional<Time> notAfter = strictTime(X509_get0_notAfter(candidate));
+    const bool hasBegun = notBefore && *notBefore <= moment_.checked;
+    if (hasBegun && notAfter && moment_.checked <= *notAfter) return true;
+    const int code = hasBegun ? X509_V_ERR_CERT_HAS_EXPIRED : X509_V_ERR_CERT_NOT_YET_VALID;
+    return refuse(Reason::kSignerNotValid, candidate, Objection{candidate, 0, code});
+  }
+
+  // Of several candidates the one that came furthest says why there is no signer; of those that came
+  // as far as each other, the first.
+  bool refuse(Reason reason, const RefCertificate& candidate,
+              const std::optional<Objection>& objection = {}) {
     constexpr std::array<Reason, 5> kOrder = {Reason::kSignerUnknown, Reason::kSignerNotAllowed,
                                               Reason::kSignerNotValid, Reason::kWrongSignature,
                                               Reason::kTooWeak};
     const auto reached = std::find(kOrder.begin(), kOrder.end(), *signer_.refused);
-    if (std::find(reached, kOrder.end(), reason) != kOrder.end()) signer_.refused = reason;
+    if (reason == *signer_.refused || std::find(reached, kOrder.end(), reason) == kOrder.end()) {
+      return false;
+    }
+    signer_.refused = reason;
+    signer_.about = {.certificate = candidate, .objection = objection};
     return false;
   }
 

@@ -13,6 +13,7 @@ struct OCSPSigner {
   std::optional<Reason> refused = {};
   RefCertificate certificate = {};  // set when nothing is refused
   bool isDelegate = false;          // 4.2.2.2, 3: neither the CA itself nor a configured responder
+  AboutSigner about = {};           // whoever the refusal is about; empty where there is nobody
 };
 
 OCSPSigner findOCSPSigner(const OCSP_BASICRESP* basic, const RefCertificate& certificate,

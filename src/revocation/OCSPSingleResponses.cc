@@ -166,6 +166,7 @@ class SingleResponses {
       return false;
     }
     producedAt_ = *producedAt;
+    reading_.statement.producedAt = producedAt;
     if (!isAhead(producedAt_, moment_.now, settings_.clockTolerance)) return true;
     refuse(Reason::kNotYetValid, "producedAt is in the future");
     return false;

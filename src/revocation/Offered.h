@@ -1,32 +1,13 @@
 // What sources answer: objects, and where each comes from.
 #pragma once
 
+#include "report/Provenance.h"
+
 #include <velantrix/Time.h>
 
-#include <string>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509::Revocation {
-
-// Where something comes from.
-struct Provenance {
-  enum class Kind {
-    kMessage,         // came along with the certificate, as an untrusted certificate
-    kPath,            // stands on the path that was verified
-    kStore,           // the store's own list of objects
-    kTrustDirectory,  // the directory of the store
-    kCRLDirectory,    // the machine's directory of CRLs
-    kLookupMethod,
-    kCache,    // of what was fetched before
-    kNetwork,  // fetched now
-    kAnswer,   // came along with an OCSP answer
-    kSettings  // named by the operator
-  };
-
-  Kind kind = Kind::kMessage;
-  std::string place =
-      {};  // a directory, a URI without what may be secret; empty where the kind says it
-};
 
 template <class T>
 struct Offered {

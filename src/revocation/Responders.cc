@@ -1,5 +1,6 @@
 #include "revocation/Responders.h"
 
+#include "foundation/run/FetchRecord.h"
 #include "foundation/run/VerificationRun.h"
 
 #include <velantrix/ASN1.h>
@@ -12,6 +13,14 @@ namespace {
 const ASN1::RefObjectIdentifier& authorityInformationAccess() {
   static const ASN1::RefObjectIdentifier oid("1.3.6.1.5.5.7.1.1");
   return oid;
+}
+
+OCSPReading noAnswer(const Uri& responder) {
+  OCSPReading reading;
+  reading.refused = Reason::kNoAnswer;
+  reading.statement.kind = Statement::Kind::kOCSP;
+  reading.statement.from = {Provenance::Kind::kNetwork, FetchRecord::placeOf(responder)};
+  return reading;
 }
 
 }  // namespace
@@ -51,6 +60,7 @@ bool Responders::askNext() {
   for (const Offered<std::string>& offered : offers.found) {
     answers_.push_back(question_->read(offered, settings_, moment_));
   }
+  if (offers.found.empty()) answers_.push_back(noAnswer(uri));
   return true;
 }
 

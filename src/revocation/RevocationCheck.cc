@@ -2,6 +2,7 @@
 
 #include "foundation/base/Shortfall.h"
 #include "foundation/run/VerificationRun.h"
+#include "report/SourceRecord.h"
 #include "revocation/CRLCollection.h"
 #include "revocation/CRLSigners.h"
 #include "revocation/CRLStatus.h"
@@ -74,6 +75,7 @@ class RevocationCheck::Run {
     Responders responders;
     CRLCollection crls;
     CRLSigners signers;
+    std::size_t answersLeftOut = 0;  // of what was set aside
   };
 
   Ruling decideOne(const RefCertificate& certificate, const Path& path, By by);
@@ -129,17 +131,23 @@ Ruling RevocationCheck::Run::decideOne(const RefCertificate& certificate, const 
 }
 
 Ruling RevocationCheck::Run::decideBySources(const Path& path, By by) {
+  const SourceRecord::About about(path.front()->native());
   Subject subject(path, *this);
   Ruling ruling = decideOnce(subject, by);
   if (ruling.outcome.status == Status::kUndetermined && standings_.assumeUnrevoked()) {
     for (CRLCandidate& candidate : subject.crls.candidates()) candidate.forgetSigner();
+    subject.answersLeftOut = 0;
     ruling = decideOnce(subject, by);
     // What shows that it is revoked, and holds only if it is not, shows nothing.
     if (ruling.outcome.status == Status::kRevoked) {
-      ruling.outcome.status = Status::kUndetermined;
-      ruling.outcome.code = codeOf(ruling.outcome);
-      ruling.outcome.decidedBy.clear();
-      ruling.outcome.revoked = {};
+      Outcome& outcome = ruling.outcome;
+      outcome.status = Status::kUndetermined;
+      outcome.code = codeOf(outcome);
+      for (const Statement& one : std::exchange(outcome.decidedBy, {})) {
+        outcome.setAsideFor(Reason::kRestsOnItself, one,
+                            "it revokes what its signer's validity depends on");
+      }
+      outcome.revoked = {};
     }
   }
   ruling.outcome.cut = subject.crls.wasCut() || subject.responders.wasCut();
@@ -162,14 +170,26 @@ Ruling RevocationCheck::Run::decideOnce(Subject& subject, By by) {
 // CRLs are asked.
 bool RevocationCheck::Run::settledByOCSP(Subject& subject, Ruling& ruling) {
   Outcome& outcome = ruling.outcome;
+  // However many responders a certificate names, there is room left for what becomes of the CRLs.
+  const auto setAside = [&](Reason reason, const OCSPReading& answer,
+                            const std::shared_ptr<const AboutSigner>& signer) {
+    if (outcome.setAside.size() < Outcome::kMaximumSetAside / 2) {
+      outcome.setAsideFor(reason, answer.statement, answer.detail, signer);
+    } else {
+      ++subject.answersLeftOut;
+    }
+  };
   for (std::size_t i = 0; const OCSPReading* const answer = subject.responders.answer(i); ++i) {
     Standing standing{.refused = answer->refused};
     if (!answer->refused && !answer->delegate.empty()) standing = standingOf(*answer, subject.path);
     if (standing.refused) {
-      outcome.setAsideFor(*standing.refused, answer->statement, answer->detail);
+      setAside(*standing.refused, *answer, answer->refused ? answer->aboutSigner : standing.about);
       continue;
     }
-    if (answer->status == OCSPReading::Status::kUnknown) return false;
+    if (answer->status == OCSPReading::Status::kUnknown) {
+      setAside(Reason::kStatusUnknown, *answer, {});
+      return false;
+    }
     outcome.decidedBy = {answer->statement};
     ruling.restsOn = standing.restsOn;
     if (answer->status == OCSPReading::Status::kRevoked) {
@@ -191,9 +211,9 @@ Standing RevocationCheck::Run::standingOf(const OCSPReading& answer, const Path&
     return {.refused = Reason::kTooManyNested};
   }
   const Path delegates = standings_.pathOf(answer.delegate, path);
-  if (delegates.size() < 2) return {.refused = Reason::kSignerNotValid};
+  if (delegates.size() < 2) return standings_.withoutPath(answer.delegate);
   if (EVP_PKEY_eq(X509_get0_pubkey(delegates[1]), X509_get0_pubkey(path[1])) != 1) {
-    return {.refused = Reason::kSignerNotAllowed};
+    return {.refused = Reason::kSignerNotAllowed, .about = aboutAlone(answer.delegate)};
   }
   if (!answer.delegateNeedsNoCheck) return standings_.of(delegates, By::kCRLsOnly);
   if (!scope_.wholePath) return {};
@@ -211,6 +231,7 @@ bool RevocationCheck::Run::settledByCRLs(Subject& subject, Ruling& ruling) {
   std::vector<const CRLCandidate*> all;
   for (const CRLCandidate& candidate : candidates) all.push_back(&candidate);
   const CRLStatus found = statusFrom(all, subject.path.front(), moment_.checked, settings_);
+  ruling.outcome.leftOut = subject.answersLeftOut;
   record(candidates, found, ruling);
   return found.status != Status::kUndetermined;
 }
@@ -231,7 +252,9 @@ void RevocationCheck::Run::dropListsThatNameTheirSigner(std::list<CRLCandidate>&
                       std::any_of(silenced.begin(), silenced.end(), [&](const RefCertificate& one) {
                         return EVP_PKEY_eq(X509_get0_pubkey(one), candidate.key()) == 1;
                       });
-    if (drop) candidate.unauthentic = Reason::kNamesItsSigner;
+    if (!drop) continue;
+    candidate.unauthentic = Reason::kNamesItsSigner;
+    candidate.aboutSigner = aboutAlone(candidate.signer);
   }
 }
 
@@ -243,16 +266,22 @@ void RevocationCheck::Run::record(const std::list<CRLCandidate>& candidates, con
                 [](const SetAside& one) { return one.statement.kind != Statement::Kind::kOCSP; });
   for (const CRLCandidate& candidate : candidates) {
     const auto reason = candidate.refused ? candidate.refused : candidate.unauthentic;
-    if (reason) outcome.setAsideFor(*reason, statementOf(candidate), candidate.detail);
+    if (!reason) continue;
+    outcome.setAsideFor(*reason, statementOf(candidate), candidate.detail, candidate.aboutSigner);
   }
-  for (const auto& [candidate, reason] : found.setAside) {
-    outcome.setAsideFor(reason, statementOf(*candidate));
+  for (const auto& [candidate, reason, detail] : found.setAside) {
+    outcome.setAsideFor(reason, statementOf(*candidate), detail);
   }
+  outcome.covering.clear();
   for (const CRLCandidate* const candidate : found.decidedBy) {
-    if (found.status == Status::kUndetermined) break;
+    if (found.status == Status::kUndetermined) {
+      outcome.covering.push_back(statementOf(*candidate));
+      continue;
+    }
     outcome.decidedBy.push_back(statementOf(*candidate));
     ruling.restsOn.insert(candidate->restsOn.begin(), candidate->restsOn.end());
   }
+  outcome.uncoveredReasons = found.uncoveredReasons;
   outcome.status = found.status;
   if (found.status == Status::kRevoked) beRevoked(outcome, found.revoked);
 }

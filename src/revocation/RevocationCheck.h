@@ -6,7 +6,7 @@
 #pragma once
 
 #include "revocation/OCSPReading.h"
-#include "revocation/Outcome.h"
+#include "report/RevocationOutcome.h"
 #include "revocation/RevocationSources.h"
 #include "revocation/SignerPaths.h"
 

@@ -8,12 +8,13 @@
 // list.
 #pragma once
 
-#include "revocation/Outcome.h"
+#include "report/RevocationOutcome.h"
 #include "revocation/Path.h"
 #include "revocation/SignerPaths.h"
 
 #include <functional>
 #include <list>
+#include <memory>
 #include <optional>
 #include <set>
 #include <utility>
@@ -38,7 +39,13 @@ struct Ruling {
 struct Standing {
   std::optional<Reason> refused = {};
   Hypotheses restsOn = {};
+  std::shared_ptr<const AboutSigner> about = {};  // where it is refused
 };
+
+// All that there is to say of a signer is who it is.
+inline std::shared_ptr<const AboutSigner> aboutAlone(const RefCertificate& signer) {
+  return std::make_shared<const AboutSigner>(AboutSigner{.certificate = signer});
+}
 
 class Standings : private NonCopyable {
  public:
@@ -63,6 +70,8 @@ class Standings : private NonCopyable {
   // The path of a signer of what speaks about the certificate whose path is given; empty when it has none.
   // That a new path is looked for is bounded by a VerificationRun of the caller's.
   Path pathOf(const RefCertificate& signer, const Path& subjectPath);
+  // The standing of a signer that has none, once it has been looked for.
+  Standing withoutPath(const RefCertificate& signer) const;
   // Whether nothing has to be found out about the signer any more.
   bool isSettled(const RefCertificate& signer, const Path& subjectPath) const;
   // Of the signer that the path begins with: nobody on it but the trust anchor is revoked.
@@ -79,11 +88,23 @@ class Standings : private NonCopyable {
   struct Decided {
     RefCertificate certificate;
     By by;
-    Outcome outcome;
+    std::shared_ptr<const Outcome> outcome;
+  };
+  // A Ruling whose outcome all who ask share.
+  struct Shared {
+    std::shared_ptr<const Outcome> outcome;
+    Hypotheses restsOn = {};
+  };
+  struct SignerPath {
+    RefCertificate certificate;
+    Path path;
+    std::optional<Objection> objection;  // where there is none
   };
 
-  const Outcome* decidedOf(const RefCertificate& certificate, By by) const;
-  Standing ofOne(const RefCertificate& certificate, const Path& path, By by);
+  std::shared_ptr<const Outcome> decidedOf(const RefCertificate& certificate, By by) const;
+  Shared decideOnce(const RefCertificate& certificate, const Path& path, By by);
+  Standing ofOne(const RefCertificate& signer, const RefCertificate& certificate, const Path& path,
+                 By by);
   std::optional<Standing> ofFrame(const RefCertificate& certificate);
 
   SignerPaths& paths_;
@@ -92,7 +113,7 @@ class Standings : private NonCopyable {
   Path main_;
   std::vector<Frame*> frames_;
   std::list<Decided> decided_;
-  std::list<std::pair<RefCertificate, Path>> signerPaths_;
+  std::list<SignerPath> signerPaths_;
 };
 
 }  // namespace Velantrix::Crypto::PKX509::Revocation

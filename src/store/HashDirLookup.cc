@@ -1,6 +1,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
 #include "foundation/run/VerificationRun.h"
+#include "store/AskMethod.h"
 #include "store/CRLExpiry.h"
 #include "store/HashFileHeader.h"
 #include "store/TolerantReading.h"
@@ -14,11 +15,16 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <filesystem>
+#include <iterator>
 #include <system_error>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -84,6 +90,52 @@ void scan(const std::string& directory, DirectoryParser& parser) {
   }).start();
 }
 
+// A directory that is not there has nothing. Where certificates are looked for it should be there.
+template <class Handle>
+void tellWhetherMissing(SourceUse& use, const std::string& directory,
+                        const std::list<Handle>& wanted) {
+  if (::access(directory.c_str(), R_OK | X_OK) == 0) return;
+  const int error = errno;
+  UseFacts facts{.failure = UseFacts::Failure::kUnreadable, .errorNumber = error};
+  if (error == ENOENT && wantedOf(&wanted) == SourceRecord::Source::Wanted::kCRLs) {
+    use.nothing(std::move(facts));
+  } else {
+    use.failed(std::move(facts));
+  }
+}
+
+// Scans a directory of trusted certificates or of CRLs for what goes to the end of the list.
+template <class Handle>
+void scan(const std::string& directory, DirectoryParser& parser, const std::list<Handle>& out) {
+  if (directory.empty()) return scan(directory, parser);
+  SourceUse use(SourceRecord::Source::Kind::kDirectory, wantedOf(&out), directory);
+  const std::size_t before = out.size();
+  try {
+    scan(directory, parser);
+  } catch (const std::exception& failure) {
+    use.failed(unreadableFacts(directory, failure));
+    throw;
+  }
+  use.found(out.size() - before);
+  if (out.size() == before) tellWhetherMissing(use, directory, out);
+}
+
+// Has a file read that appends to the list, and tells where that comes from or what is wrong with it.
+template <class Handle, class Read>
+void readAndTell(const File::Path& path, const std::list<Handle>& list, const Read& read) {
+  const std::size_t before = list.size();
+  try {
+    read();
+  } catch (const std::exception& failure) {
+    SourceUse::unreadable(path.asString(), failure);
+    throw;
+  }
+  if (list.size() == before) return;
+  if (const auto origin = SourceUse::originOf(path.asString())) {
+    noteOrigins(std::next(list.begin(), static_cast<std::ptrdiff_t>(before)), list.end(), *origin);
+  }
+}
+
 }  // namespace
 
 HashDirLookupMethod::HashDirLookupMethod(const std::string& directory)
@@ -95,14 +147,14 @@ void HashDirLookupMethod::getBySubject(const DistinguishedName& subject,
                                        std::list<RefCertificate>& out) {
   std::list<RefCertificateRevocationList> crls;
   DirectoryParser parser(subject.hash(), Object::TypeCertificate, out, crls);
-  scan(directory_, parser);
+  scan(directory_, parser, out);
 }
 
 void HashDirLookupMethod::getBySubject(const DistinguishedName& issuer,
                                        std::list<RefCertificateRevocationList>& out) {
   std::list<RefCertificate> certificates;
   DirectoryParser parser(issuer.hash(), Object::TypeCRL, certificates, out);
-  scan(directory_, parser);
+  scan(directory_, parser, out);
 }
 
 void HashDirLookupMethod::getBySubject(const Uri& uri,
@@ -184,13 +236,14 @@ int DirectoryParser::process(const File::Path& path) {
   if (!wants(path.name())) return 0;
   if (!VerificationRun::admitStep() || !VerificationRun::admitDecoding(sizeOf(path))) {
     TolerantReading::leftOut();
+    SourceUse::leftOut();
     return 0;
   }
   readOneOf(path.asString(), [&] {
     if (type == Object::TypeCertificate) {
-      loadCertificates(path);
+      readAndTell(path, certificates, [&] { loadCertificates(path); });
     } else {
-      loadCRL(path);
+      readAndTell(path, crls, [&] { loadCRL(path); });
     }
   });
   return 0;

@@ -4,6 +4,7 @@
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/ConnectionSubject.h"
 #include "foundation/run/VerificationRun.h"
+#include "store/AskMethod.h"
 #include "store/LookupMemory.h"
 #include "store/TolerantReading.h"
 
@@ -11,6 +12,9 @@
 #include <pkx509/ObjectStore.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
+
+#include <exception>
+#include <string_view>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -34,13 +38,23 @@ std::list<LDAPAttributeType> attributeTypes(Object::Type type) {
   }
 }
 
+struct Value {
+  Buffer octets;
+  VerificationReport::Origin origin;  // the entry
+};
+
+VerificationReport::Origin originOf(const std::string& server, const LDAPSearchResultEntry& entry) {
+  const std::string slash = server.ends_with('/') ? "" : "/";
+  return {VerificationReport::Origin::Kind::kLDAP, server + slash + entry.name()};
+}
+
 // Appends every value that the directory has for that kind of object under the base. An empty
 // filter takes every entry that has one; without a base as well that would be the whole directory,
-// which nobody asks for but a certificate without a name.
-void s_addAttributes(const LDAPLookupMethod::Config& config, Object::Type type,
-                     const std::string& base, const std::string& filter, std::list<Buffer>& out) {
+// which nobody asks for but a certificate without a name. False when a limit has cut the answer short.
+bool s_addAttributes(const LDAPLookupMethod::Config& config, Object::Type type,
+                     const std::string& base, const std::string& filter, std::list<Value>& out) {
   const std::list<LDAPAttributeType> types = attributeTypes(type);
-  if (base.empty() && filter.empty()) return;
+  if (base.empty() && filter.empty()) return true;
   const NoCancellation untilReturn;
   LDAPConnection connection(config.server, false);
   // Meant this way round: a configured name stands for searching without a bind.
@@ -62,38 +76,59 @@ void s_addAttributes(const LDAPLookupMethod::Config& config, Object::Type type,
   }
   for (const LDAPSearchResultEntry& entry : search.result().searchResultEntries()) {
     if (entry.attributes().empty()) continue;
+    const VerificationReport::Origin origin = originOf(config.server->uri(), entry);
     for (const LDAPAttribute& attribute : entry.attributes().attributes()) {
-      const std::list<Buffer>& values = attribute.binaryValue();
-      out.insert(out.end(), values.begin(), values.end());
+      for (const Buffer& value : attribute.binaryValue()) out.push_back({value, origin});
     }
   }
+  return search.result().complete();
 }
 
 bool admits(const Buffer& value) {
   if (VerificationRun::admitDecoding(value.length()) && VerificationRun::admitStep()) return true;
   TolerantReading::leftOut();
+  SourceUse::leftOut();
   return false;
 }
 
-void readCertificates(const std::list<Buffer>& values, std::list<RefCertificate>& out) {
-  for (const Buffer& value : values) {
-    if (!admits(value)) return;
-    readOneOf("an LDAP value", [&] { CertificateFactory::read(value, out); });
-  }
+template <class Read>
+void readValue(const Read& read) {
+  readOneOf("an LDAP value", [&] {
+    try {
+      read();
+    } catch (const std::exception& failure) {
+      SourceUse::malformed(failure);
+      throw;
+    }
+  });
 }
 
-// A value that holds something else than a CRL gives none.
-void readCRLs(const std::list<Buffer>& values, std::list<RefObject>& out) {
-  for (const Buffer& value : values) {
-    if (!admits(value)) return;
-    readOneOf("an LDAP value", [&] {
-      const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(value);
-      if (!crl.empty()) out.emplace_back(crl);
+void readCertificates(const std::list<Value>& values, std::list<RefCertificate>& out) {
+  for (const Value& value : values) {
+    if (!admits(value.octets)) return;
+    readValue([&] {
+      std::list<RefCertificate> found;
+      CertificateFactory::read(value.octets, found);
+      noteOrigins(found.begin(), found.end(), value.origin);
+      out.splice(out.end(), found);
     });
   }
 }
 
-void readObjects(Object::Type type, const std::list<Buffer>& values, std::list<RefObject>& out) {
+// A value that holds something else than a CRL gives none.
+void readCRLs(const std::list<Value>& values, std::list<RefObject>& out) {
+  for (const Value& value : values) {
+    if (!admits(value.octets)) return;
+    readValue([&] {
+      const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(value.octets);
+      if (crl.empty()) return;
+      ObjectOrigins::note(crl, value.origin);
+      out.emplace_back(crl);
+    });
+  }
+}
+
+void readObjects(Object::Type type, const std::list<Value>& values, std::list<RefObject>& out) {
   if (type == Object::TypeCertificate) {
     std::list<RefCertificate> certificates;
     readCertificates(values, certificates);
@@ -101,13 +136,37 @@ void readObjects(Object::Type type, const std::list<Buffer>& values, std::list<R
   } else if (type == Object::TypeCRL) {
     readCRLs(values, out);
   } else {
-    for (const Buffer& value : values) out.emplace_back(RefCrossCertificatePair(value));
+    for (const Value& value : values) out.emplace_back(RefCrossCertificatePair(value.octets));
   }
 }
 
 // OpenSSL's look-ups, while it builds a path, are made for anybody; those of the revocation check only
 // for whom connections are opened.
 enum class AskedBy { kPath, kRevocation };
+
+using Source = SourceRecord::Source;
+
+Source::Wanted wantedOf(Object::Type type) noexcept {
+  return type == Object::TypeCRL ? Source::Wanted::kCRLs : Source::Wanted::kCertificates;
+}
+
+// A server has neither user nor query in its URI.
+std::string_view placeOf(const LDAPLookupMethod::Config& config) noexcept {
+  return config.server.empty() ? std::string_view() : std::string_view(config.server->uri());
+}
+
+// Has the server searched, and tells of it.
+void ask(const LDAPLookupMethod::Config& config, Object::Type type, const std::string& base,
+         std::list<RefObject>& found, SourceUse& use) {
+  if (base.empty()) use.drop();
+  use.during([&] {
+    std::list<Value> values;
+    const bool whole = s_addAttributes(config, type, base, "", values);
+    readObjects(type, values, found);
+    use.found(found.size());
+    if (!whole) use.cut("a limit, the server's or ours, has cut the answer short");
+  });
+}
 
 // What the directory has under the base. A verification asks once for each base and kind, whichever
 // of the queries below comes first.
@@ -116,13 +175,13 @@ std::list<RefObject> objectsBelow(const LookupMethod& method,
                                   const std::string& base, AskedBy asker) {
   std::list<RefObject> objects;
   askOnce(&method, std::to_string(type) + ' ' + base, objects, [&](std::list<RefObject>& found) {
+    SourceUse use(Source::Kind::kLDAP, wantedOf(type), placeOf(config));
     if (asker == AskedBy::kRevocation && !connectionAdmitted()) {
+      use.refused(notAdmitted());
       TolerantReading::leftOut();
       return false;
     }
-    std::list<Buffer> values;
-    s_addAttributes(config, type, base, "", values);
-    readObjects(type, values, found);
+    ask(config, type, base, found, use);
     // Where something was passed over, whoever reads as ever is to hear of it.
     const TolerantReading* const tolerant = TolerantReading::current();
     return tolerant == nullptr || !tolerant->cut();
@@ -200,7 +259,7 @@ void LDAPLookupMethod::getBySubject(const std::string& base,
 
 void LDAPLookupMethod::getByEmailAddress(const std::string& base, const std::string& address,
                                          std::list<RefCertificate>& out) {
-  std::list<Buffer> values;
+  std::list<Value> values;
   s_addAttributes(config(), Object::TypeCertificate, base, "(mail=" + address + ")", values);
   readCertificates(values, out);
 }

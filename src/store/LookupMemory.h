@@ -8,11 +8,14 @@
 //
 // A stranger's certificate may name one CRL of some megabytes a hundred times. Asking costs a scan of
 // a directory or an exchange with a server, and each answer would be decoded and kept again. Outside
-// a verification nothing is remembered.
+// a verification nothing is remembered. What was asked for an answer is told of the answer from memory
+// too, in the `SourceRecord`.
 #pragma once
 
 #include "foundation/run/VerificationRun.h"
+#include "report/SourceRecord.h"
 
+#include <cstddef>
 #include <list>
 #include <string>
 
@@ -38,24 +41,26 @@ struct LookupSource {
 template <class Name, class Handle>
 class LookupMemory {
  public:
-  // Null when the source has not answered for the name yet.
-  const std::list<Handle>* recall(const LookupSource& source, const Name& name) const {
-    for (const Answer& answer : answers_) {
-      if (answer.source == source && answer.name == name) return &answer.found;
-    }
-    return nullptr;
-  }
-  void remember(const LookupSource& source, const Name& name, const std::list<Handle>& found) {
-    answers_.push_back({source, name, found});
-  }
-
- private:
   struct Answer {
     LookupSource source;
     Name name;
     std::list<Handle> found;
+    SourceRecord::Stretch asked;
   };
 
+  // Null when the source has not answered for the name yet.
+  const Answer* recall(const LookupSource& source, const Name& name) const {
+    for (const Answer& answer : answers_) {
+      if (answer.source == source && answer.name == name) return &answer;
+    }
+    return nullptr;
+  }
+  void remember(const LookupSource& source, const Name& name, const std::list<Handle>& found,
+                const SourceRecord::Stretch& asked) {
+    answers_.push_back({source, name, found, asked});
+  }
+
+ private:
   std::list<Answer> answers_;
 };
 
@@ -64,9 +69,10 @@ class LookupMemory {
 template <class Name, class Handle>
 bool recallAnswer(const LookupSource& source, const Name& name, std::list<Handle>& out) {
   const auto* const memory = VerificationRun::kept<LookupMemory<Name, Handle>>();
-  const std::list<Handle>* const known = memory == nullptr ? nullptr : memory->recall(source, name);
+  const auto* const known = memory == nullptr ? nullptr : memory->recall(source, name);
   if (known == nullptr) return false;
-  out.insert(out.end(), known->begin(), known->end());
+  SourceRecord::again(known->asked);
+  out.insert(out.end(), known->found.begin(), known->found.end());
   return true;
 }
 
@@ -78,9 +84,12 @@ void askOnce(const LookupSource& source, const Name& name, std::list<Handle>& ou
              const Query& query) {
   if (recallAnswer(source, name, out)) return;
   std::list<Handle> found;
+  const std::size_t before = SourceRecord::reached();
   const bool settled = query(found);
   auto* const memory = VerificationRun::kept<LookupMemory<Name, Handle>>();
-  if (settled && memory != nullptr) memory->remember(source, name, found);
+  if (settled && memory != nullptr) {
+    memory->remember(source, name, found, {before, SourceRecord::reached()});
+  }
   out.splice(out.end(), found);
 }
 

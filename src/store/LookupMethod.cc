@@ -1,8 +1,10 @@
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
+#include "store/AskMethod.h"
 #include "store/StoreRecord.h"
 #include "store/TrustSources.h"
 
+#include <pkx509/HashDirLookup.h>
 #include <pkx509/LookupMethod.h>
 #include <pkx509/ObjectStore.h>
 #include <velantrix/Assert.h>
@@ -110,6 +112,12 @@ class Intake {
   std::set<const X509*> before_;
 };
 
+using Source = SourceRecord::Source;
+
+Source::Wanted wantedOf(X509_LOOKUP_TYPE type) noexcept {
+  return type == X509_LU_CRL ? Source::Wanted::kCRLs : Source::Wanted::kCertificates;
+}
+
 Object::Type objectType(X509_LOOKUP_TYPE type) { return static_cast<Object::Type>(type); }
 
 // OpenSSL never hands over a negative length; a caller of the public functions might.
@@ -138,11 +146,15 @@ struct LookupMethod::Answering {
       if (item == nullptr) return 0;
       const bool trusted = item->method->isTrustSource();
       if (trustedOnly && !trusted && type == X509_LU_X509) return 0;
-      if (!VerificationRun::admitStep()) return 0;
+      if (!VerificationRun::admitStep()) {
+        tellRefusal(Source::Kind::kLookupMethod, wantedOf(type), item->method->methodName());
+        return 0;
+      }
       X509_STORE* const store = X509_LOOKUP_get_store(lookup);
       const Asking asking(store);
-      const RefObject object =
-          trusted ? query(*item->method) : distrusted(*item->method, store, query);
+      const RefObject object = tellOf(*item->method, type, [&] {
+        return trusted ? query(*item->method) : distrusted(*item->method, store, query);
+      });
       const int result = handOut(*item, type, object, ret);
       // It may have had it from somebody else before.
       if (trusted && result == X509_LU_X509) {
@@ -150,6 +162,24 @@ struct LookupMethod::Answering {
       }
       return result;
     });
+  }
+
+  // What the method answers, told of. Hash directories have nothing for OpenSSL, which reads them itself.
+  template <class Query>
+  static RefObject tellOf(LookupMethod& method, X509_LOOKUP_TYPE type, const Query& query) {
+    const std::string& title = method.methodName();
+    SourceUse use(Source::Kind::kLookupMethod, wantedOf(type), title);
+    RefObject object;
+    use.during([&] { object = query(); });
+    if (object.empty()) {
+      if (dynamic_cast<const HashDirLookupMethod*>(&method) != nullptr) use.drop();
+      return object;
+    }
+    use.found(1);
+    const VerificationReport::Origin origin(VerificationReport::Origin::Kind::kLookupMethod, title);
+    ObjectOrigins::note(object->certificate, origin);
+    ObjectOrigins::note(object->crl, origin);
+    return object;
   }
 
   // What a source that is not trusted answers, and adds to the store that asks or to its own.

@@ -5,7 +5,9 @@
 #include "foundation/model/RelativeName.h"
 #include "foundation/openssl/CRLScore.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/FetchRecord.h"
 #include "foundation/run/VerificationRun.h"
+#include "store/AskMethod.h"
 #include "store/LookupMemory.h"
 #include "store/StoreRecord.h"
 
@@ -18,6 +20,9 @@
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
+
+using Kind = SourceRecord::Source::Kind;
+using Wanted = SourceRecord::Source::Wanted;
 
 // Callers know a failed construction by this line.
 constexpr unsigned int kNoStoreLine = 18;
@@ -127,7 +132,7 @@ void ObjectStore::find(const DistinguishedName& subject, std::list<RefCertificat
   for (const RefLookupMethod& method : methodList) {
     LookupMethod& source = *method;
     askOnce(&source, subject, out, [&](std::list<RefCertificate>& found) {
-      source.getBySubject(subject, found);
+      ask(source, subject, found);
       return true;
     });
   }
@@ -137,10 +142,12 @@ void ObjectStore::find(const DistinguishedName& issuer,
                        std::list<RefCertificateRevocationList>& out) const {
   for (const RefLookupMethod& method : methodList) {
     LookupMethod& source = *method;
-    if (!VerificationRun::admitLookup()) return;
+    if (!VerificationRun::admitLookup()) {
+      return tellRefusal(Kind::kLookupMethod, Wanted::kCRLs, source.methodName());
+    }
     std::list<RefCertificateRevocationList> found;
     askOnce(&source, issuer, found, [&](std::list<RefCertificateRevocationList>& answer) {
-      source.getBySubject(issuer, answer);
+      ask(source, issuer, answer);
       return true;
     });
     for (const RefCertificateRevocationList& crl : found) {
@@ -151,7 +158,10 @@ void ObjectStore::find(const DistinguishedName& issuer,
 }
 
 void ObjectStore::find(const Uri& uri, std::list<RefCertificateRevocationList>& out) const {
-  if (uri.isNull() || !VerificationRun::admitLookup()) return;
+  if (uri.isNull()) return;
+  if (!VerificationRun::admitLookup()) {
+    return tellRefusal(Kind::kCRLServer, Wanted::kCRLs, FetchRecord::placeOf(uri));
+  }
   URILookup().find(uri, out);
   // The whole list is cached again, elements of earlier finds included: whoever asks by several
   // URIs in a row relies on the store knowing all of them.

@@ -1,6 +1,7 @@
 #include "store/TrustSources.h"
 
 #include "foundation/openssl/References.h"
+#include "store/AskMethod.h"
 #include "store/LookupMemory.h"
 #include "store/StoreRecord.h"
 
@@ -84,7 +85,7 @@ void addFrom(const StoreRecord::Item& item, const X509_NAME* subject, const Dist
   add(out, answers.front()->certificate);
   std::list<RefCertificate> listed;
   askOnce(&method, name, listed, [&](std::list<RefCertificate>& found) {
-    method.getBySubject(name, found);
+    ask(method, name, found);
     return true;
   });
   for (const RefCertificate& certificate : listed) {

@@ -3,6 +3,7 @@
 #include "foundation/run/VerificationRun.h"
 #include "revocation/RevocationCheck.h"
 #include "store/TrustSources.h"
+#include "verify/ContextObjection.h"
 #include "verify/FailureText.h"
 #include "verify/Namesakes.h"
 #include "verify/StoreCallbacks.h"
@@ -131,9 +132,7 @@ struct ConformingVerifier::Part {
   explicit Part(const RevocationSettings& chosen) : settings(chosen) {}
 
   RevocationSettings settings;
-  std::optional<Namesakes> namesakes;                      // for the path
-  std::vector<std::pair<RefCertificate, int>> objections;  // of OpenSSL's, to the last path
-  std::vector<Revocation::Outcome> outcomes;               // of the last path, by depth
+  std::optional<Namesakes> namesakes;  // for the path
 };
 
 ConformingVerifier::ConformingVerifier(const RefObjectStore& trustStore,
@@ -145,7 +144,7 @@ ConformingVerifier::ConformingVerifier(const RefObjectStore& trustStore,
                                        const RefStackOfCertificate& stack)
     : Verifier(TrustedEnd::install, trustStore, target, stack, withDefaultFlags()),
       part_(std::make_unique<Part>(RevocationSettings())) {
-  addressPolicy(AddressPolicy::publicAndPrivate());
+  begin();
 }
 
 ConformingVerifier::ConformingVerifier(const RefObjectStore& trustStore,
@@ -159,16 +158,21 @@ ConformingVerifier::ConformingVerifier(const RefObjectStore& trustStore,
                                        const RevocationSettings& chosen)
     : Verifier(TrustedEnd::install, trustStore, target, stack, configuration),
       part_(std::make_unique<Part>(chosen)) {
-  addressPolicy(AddressPolicy::publicAndPrivate());
+  begin();
 }
 
 ConformingVerifier::~ConformingVerifier() = default;
+
+void ConformingVerifier::begin() noexcept {
+  addressPolicy(AddressPolicy::publicAndPrivate());
+  state_->leastSecurityLevel = part_->settings.securityLevel;
+  state_->logsLine = true;
+}
 
 const RevocationSettings& ConformingVerifier::settings() const noexcept { return part_->settings; }
 
 int ConformingVerifier::isValid() {
   return runs([this] {
-    part_->outcomes.clear();
     return guardedCallback(0, [this] { return verifyPath() == 1 ? verifyRevocation() : 0; });
   });
 }
@@ -190,7 +194,9 @@ int ConformingVerifier::verifyPath() {
       [context](const X509_NAME* subject) { return TrustSources(context).certificates(subject); });
   if (somethingWasThrown()) return 0;
   if (isOurs && !haveMore) {
-    for (const auto& [objectionable, code] : part_->objections) logFailure(objectionable, code);
+    for (const Objection& objection : state_->evidence.objections) {
+      logFailure(certificate, objection.code);
+    }
     return 0;
   }
   if (isOurs) {
@@ -203,7 +209,7 @@ int ConformingVerifier::verifyPath() {
 int ConformingVerifier::buildPath(X509_STORE_CTX_verify_cb callback) {
   X509_STORE_CTX* const context = *this;
   const ErrorScope errors;
-  part_->objections.clear();
+  state_->evidence.objections.clear();
   const X509_STORE_CTX_verify_cb former = X509_STORE_CTX_get_verify_cb(context);
   X509_STORE_CTX_set_verify_cb(context, callback);
   const Namesakes::Attached attached(*part_->namesakes, context);
@@ -217,9 +223,7 @@ int ConformingVerifier::keepObjection(int ok, X509_STORE_CTX* context) {
   if (ok != 0) return ok;
   return guardedCallback(0, [&] {
     auto* const verifier = static_cast<ConformingVerifier*>(of(context));
-    verifier->part_->objections.emplace_back(
-        CertificateFactory()(X509_STORE_CTX_get0_cert(context), false),
-        X509_STORE_CTX_get_error(context));
+    verifier->state_->evidence.objections.push_back(objectionOf(context));
     return ok;
   });
 }
@@ -238,6 +242,7 @@ int ConformingVerifier::verifyRevocation() {
       X509_STORE_CTX_get_verify(context) != defaultCallbacks().verify) {
     return checkRevocationStatus(chain);
   }
+  state_->evidence.pathVerified = true;
   return decide(chain, Evidence::kVerified);
 }
 
@@ -268,10 +273,10 @@ int ConformingVerifier::decide(const std::list<RefCertificate>& chain, Evidence 
     // Nothing that is not verified is ever asked about.
     Revocation::Outcome unknown;
     unknown.code = X509_V_ERR_UNABLE_TO_GET_CRL;
-    part_->outcomes.assign(std::max<std::size_t>(wanted, 1), unknown);
+    state_->evidence.revocation.assign(std::max<std::size_t>(wanted, 1), unknown);
   } else {
     determine(chain, evidence);
-    part_->outcomes.resize(wanted);  // none that is missing has passed
+    state_->evidence.revocation.resize(wanted);  // none that is missing has passed
   }
   return judge(chain);
 }
@@ -289,18 +294,19 @@ void ConformingVerifier::determine(const std::list<RefCertificate>& chain, Evide
   Revocation::RevocationCheck check(sources, paths, part_->settings, moment,
                                     {.wholePath = (flags & X509_V_FLAG_CRL_CHECK_ALL) != 0,
                                      .useDeltas = (flags & X509_V_FLAG_USE_DELTAS) != 0});
-  part_->outcomes = check.decide(path);
+  state_->evidence.revocation = check.decide(path);
 }
 
 // The first failure from the trust anchor down is the verification's.
 int ConformingVerifier::judge(const std::list<RefCertificate>& chain) {
-  const auto& outcomes = part_->outcomes;
+  const auto& outcomes = state_->evidence.revocation;
   const auto failed = std::find_if(outcomes.rbegin(), outcomes.rend(), isFailure);
   if (failed == outcomes.rend()) return 1;
   const auto depth = static_cast<std::size_t>(outcomes.rend() - failed) - 1;
   const int code = failed->code == X509_V_OK ? X509_V_ERR_UNSPECIFIED : failed->code;
   contextError(code);
   X509_STORE_CTX_set_error_depth(*this, static_cast<int>(depth));
+  state_->evidence.failedDepth = static_cast<int>(depth);
   logFailure(
       depth < chain.size() ? *std::next(chain.begin(), static_cast<long>(depth)) : RefCertificate(),
       code);

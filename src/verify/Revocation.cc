@@ -5,7 +5,10 @@
 #include "foundation/model/DistributionPoints.h"
 #include "foundation/net/NetworkBudget.h"
 #include "foundation/run/VerificationRun.h"
+#include "report/OutcomeRecord.h"
+#include "store/AskMethod.h"
 #include "store/LookupMemory.h"
+#include "verify/Examined.h"
 #include "verify/FailureText.h"
 #include "verify/VerifierState.h"
 
@@ -41,6 +44,15 @@ void beSubject(X509* target, VouchedChain& chain, std::optional<ChainSubject>& s
 // How many are tried for a certificate that no trust anchor vouches for.
 constexpr std::size_t kMaximumStrangersResponders = 8;
 
+// Where the very certificate stands in the chain that OpenSSL built; -1 when it does not.
+int placeIn(const X509_STORE_CTX* context, const X509* certificate) {
+  const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context);
+  for (int i = 0; i < sk_X509_num(chain); ++i) {
+    if (sk_X509_value(chain, i) == certificate) return i;
+  }
+  return -1;
+}
+
 std::string noIssuerText(const RefCertificateRevocationList& crl) {
   return "Could not find issuing certificate for CRL issued by " +
          crl->crlInfo().issuer().asString();
@@ -66,10 +78,18 @@ int Verifier::checkChain() {
     if (run != nullptr) run->know(sk_X509_value(built, i));
     chain.push_back(CertificateFactory()(sk_X509_value(built, i), false));
   }
-  return checkRevocationStatus(chain);
+  const int result = checkRevocationStatus(chain);
+  state_->noteOverride(result != 0);
+  return result;
 }
 
 int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
+  const int result = checkAll(chain);
+  state_->decidedByItself = state_->decidedByItself.value_or(true) && result != 0;
+  return result;
+}
+
+int Verifier::checkAll(const std::list<RefCertificate>& chain) {
   // Set once for the whole chain: after one good OCSP answer no later certificate is checked
   // against CRLs. It is meant so.
   bool needCrlCheck = true;
@@ -83,33 +103,14 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
     if (std::next(position) == chain.end() && current->isSelfSigned()) continue;
 
     const ChainSubject subject(current, own.has_value() ? *own : state_->vouchedChain());
-    int answer = OCSP::kNoAnswer;
-    const RefAuthorityInformationAccess aia(current->find(authorityInformationAccess()));
-    if (!aia.empty()) {
-      answer = checkOCSP(current, aia, chain);
-      if (answer == OCSP::kGood) {
-        contextError(X509_V_OK);
-        needCrlCheck = false;
-        continue;
-      }
-      if (answer == OCSP::kRevoked) {
-        contextError(X509_V_ERR_CERT_REVOKED);
-      } else if (answer != OCSP::kNoAnswer) {
-        log(kPriorityDebug,
-            "Verifier::checkRevocationStatus: Unhandled return value from checkOCSP: " +
-                std::to_string(answer));
-      }
-    }
-    if (answer != OCSP::kRevoked && needCrlCheck) {
-      CRLContainer container(*this);
-      getCRLs(current, container);
-      container.extendedCRLChecks(chain);
-      if (contextError() == X509_V_OK) {
-        int reason = 0;
-        contextError(container.isRevoked(reason));
-      }
-    }
+    // A callback of the caller's may have let something pass and left its code.
+    const int before = contextError();
+    const int place = own.has_value() ? placeIn(state_->context.get(), current) : depth;
+    const bool told = place >= 0 && VerificationRun::current() != nullptr;
+    Examined examined(told ? &state_->evidence : nullptr, place, current);
+    checkOne(current, chain, needCrlCheck);
     const int code = contextError();
+    examined.end(code == before ? X509_V_OK : code);
     if (code != X509_V_OK) {
       logFailure(current, code);
       X509_STORE_CTX_set_error_depth(state_->context.get(), depth);
@@ -117,6 +118,36 @@ int Verifier::checkRevocationStatus(const std::list<RefCertificate>& chain) {
     }
   }
   return 1;
+}
+
+// What it comes to is the context's error.
+void Verifier::checkOne(const RefCertificate& current, const std::list<RefCertificate>& chain,
+                        bool& needCrlCheck) {
+  int answer = OCSP::kNoAnswer;
+  const RefAuthorityInformationAccess aia(current->find(authorityInformationAccess()));
+  if (!aia.empty()) {
+    answer = checkOCSP(current, aia, chain);
+    if (answer == OCSP::kGood) {
+      contextError(X509_V_OK);
+      needCrlCheck = false;
+      return;
+    }
+    if (answer == OCSP::kRevoked) {
+      contextError(X509_V_ERR_CERT_REVOKED);
+    } else if (answer != OCSP::kNoAnswer) {
+      log(kPriorityDebug,
+          "Verifier::checkRevocationStatus: Unhandled return value from checkOCSP: " +
+              std::to_string(answer));
+    }
+  }
+  if (answer == OCSP::kRevoked || !needCrlCheck) return;
+  CRLContainer container(*this);
+  getCRLs(current, container);
+  container.extendedCRLChecks(chain);
+  if (contextError() == X509_V_OK) {
+    int reason = 0;
+    contextError(container.isRevoked(reason));
+  }
 }
 
 int Verifier::checkOCSP(const RefCertificate& target, const RefAuthorityInformationAccess& aia,
@@ -172,7 +203,10 @@ void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
   if (points.count() == 0) {
     const DistinguishedName& issuer = target->issuer();
     std::list<RefCertificateRevocationList> found;
-    if (VerificationRun::admitLookup()) {
+    if (!VerificationRun::admitLookup()) {
+      tellRefusal(SourceRecord::Source::Kind::kDirectory, SourceRecord::Source::Wanted::kCRLs,
+                  kCRLDirectory);
+    } else {
       askOnce(kCRLDirectory, issuer, found, [&](std::list<RefCertificateRevocationList>& answer) {
         HashDirLookupMethod(kCRLDirectory).getBySubject(issuer, answer);
         return true;
@@ -183,6 +217,7 @@ void Verifier::getCRLs(const RefCertificate& target, CRLContainer& container) {
       // 6.3.3 (b)(1): without a cRLIssuer the CRL's issuer is the certificate's.
       if (issuer != crl->crlInfo().issuer()) {
         log(kPriorityDebug, "Certificate and CRL issuers do not match");
+        OutcomeRecord::setAside(Revocation::Reason::kOtherIssuer, crl);
         continue;
       }
       // On this path the line has always gone out without its text.
@@ -215,7 +250,10 @@ bool Verifier::addCandidate(CRLContainer& container, const RefCertificate& targe
   CRLContainer::Entry entry(target, crl, point.empty() ? kAllReasons : point->reasons());
   entry.distributionPoint = point;
   entry.issuer = store->findIssuer(crl, entry.score);
-  if (entry.issuer.empty()) return false;
+  if (entry.issuer.empty()) {
+    OutcomeRecord::setAside(Revocation::Reason::kSignerUnknown, crl);
+    return false;
+  }
   container.add(entry);
   return true;
 }

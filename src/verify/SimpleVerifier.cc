@@ -1,5 +1,6 @@
 #include "foundation/base/Log.h"
 #include "foundation/base/NoCancellation.h"
+#include "report/Evidence.h"
 
 #include <pkx509/ConformingVerifier.h>
 #include <pkx509/FixedPaths.h>
@@ -22,9 +23,23 @@ constexpr int kRefused = -1;  // beside OpenSSL's codes, which are not negative
 
 std::atomic<bool> conforming = false;
 
-int verdictOn(const RefCertificate& certificate, const RefObjectStore& store) {
-  if (conforming) return ConformingVerifier(store, certificate).isValid();
-  return Verifier(store, certificate, false).isValid();
+// The report is set also where an exception leaves.
+int verdictOf(Verifier&& verifier, VerificationReport* report) {
+  if (report == nullptr) return verifier.isValid();
+  try {
+    const int verdict = verifier.isValid();
+    *report = verifier.report();
+    return verdict;
+  } catch (...) {
+    *report = verifier.report();
+    throw;
+  }
+}
+
+int verdictOn(const RefCertificate& certificate, const RefObjectStore& store,
+              VerificationReport* report) {
+  if (conforming) return verdictOf(ConformingVerifier(store, certificate), report);
+  return verdictOf(Verifier(store, certificate, false), report);
 }
 
 // A certificate without key-usage bits does not restrict its use.
@@ -50,18 +65,32 @@ void SimpleVerifier::useConformingVerifier(bool on) noexcept { conforming = on; 
 void SimpleVerifier::add(const RefLookupMethod& method) { lookupMethods.push_back(method); }
 
 int SimpleVerifier::isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage) {
+  return verdictOn(certificate, keyUsage, requireKeyUsage, nullptr);
+}
+
+int SimpleVerifier::isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
+                            VerificationReport& report) {
+  report = VerificationReport();
+  return verdictOn(certificate, keyUsage, requireKeyUsage, &report);
+}
+
+int SimpleVerifier::verdictOn(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
+                              VerificationReport* report) {
   const NoCancellation untilReturn;
   try {
     if (keyUsage != 0 && !allows(certificate, keyUsage)) {
       log(kPriorityDebug, "SimpleVerifier: Requested value is not present in the Key Usage.");
-      if (requireKeyUsage) return kRefused;
+      if (requireKeyUsage) {
+        if (report != nullptr) *report = keyUsageReport(certificate);
+        return kRefused;
+      }
     }
     RefObjectStore store(kCADirectory, X509_FILETYPE_PEM);
     for (const RefLookupMethod& method : lookupMethods) {
       method->store(store);
       store->add(method);
     }
-    return verdictOn(certificate, store);
+    return PKX509::verdictOn(certificate, store, report);
   } catch (const Exception& failure) {
     log(kPriorityDebug, "Cryptod::CMS::SimpleVerifier: Caught " + failure.asString());
     return kRefused;

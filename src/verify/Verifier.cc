@@ -2,6 +2,8 @@
 #include "foundation/base/NoCancellation.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
+#include "verify/ContextObjection.h"
+#include "verify/Examined.h"
 #include "verify/FailureText.h"
 #include "verify/StoreCallbacks.h"
 #include "verify/VerifierState.h"
@@ -135,10 +137,27 @@ int Verifier::isValid() {
 int Verifier::runs(const std::function<int()>& verify) {
   const NoCancellation untilReturn;
   ERR_clear_error();
+  const auto start = std::chrono::steady_clock::now();
   // First of all, so that an override which verifies again while it is asked for CRLs is refused as
   // a circle before it takes the context away from OpenSSL.
   VerificationRun run(certificate, state_->limits());
+  state_->beginEvidence(*this);
+  Evidence& evidence = state_->evidence;
+  try {
+    evidence.code = runs(verify, run);
+  } catch (...) {
+    state_->takeThrown(std::current_exception());
+    state_->end(*this, run, start);
+    throw;
+  }
+  state_->end(*this, run, start);
+  return evidence.code;
+}
+
+int Verifier::runs(const std::function<int()>& verify, VerificationRun& run) {
+  Evidence& evidence = state_->evidence;
   if (run.refusal() != nullptr) {
+    evidence.refusal = run.refusal();
     error = X509_V_ERR_CRL_PATH_VALIDATION_ERROR;
     contextError(error);
     logFailure(certificate, error, run.refusal());
@@ -149,16 +168,20 @@ int Verifier::runs(const std::function<int()>& verify) {
   const int result = verify();
   state_->fetchNotes = FetchRecord::notes();
   run.rethrowParked();
+  state_->noteCallback(result >= 1);
   if (result < 1) {
     error = contextError();
     // A failure is a failure also where OpenSSL names none.
     if (error == X509_V_OK) error = X509_V_ERR_UNSPECIFIED;
   } else if (run.fellShort() && error == X509_V_OK) {
+    evidence.fellShort = true;
     error = X509_V_ERR_UNABLE_TO_GET_CRL;
     contextError(error);
     logFailure(certificate, error,
                "something that all of the verification shares ran out before its revocation was "
                "settled");
+  } else {
+    evidence.earlierStands = error != X509_V_OK;
   }
   return error;
 }
@@ -234,6 +257,11 @@ int Verifier::verifyCallback(int ok, X509_STORE_CTX* context) {
     }
     logFailure(CertificateFactory()(X509_STORE_CTX_get0_cert(context), false), code);
     Verifier* const verifier = of(context);
+    if (verifier != nullptr) verifier->state_->noteObjection();
+    X509_STORE_CTX* const outer = X509_STORE_CTX_get0_parent_ctx(context);
+    if (Verifier* const around = verifier == nullptr && outer != nullptr ? of(outer) : nullptr) {
+      around->state_->evidence.signer = objectionOf(context);
+    }
     if (code == X509_V_ERR_CRL_SIGNATURE_FAILURE && verifier != nullptr) verifier->dropCurrentCRL();
     return ok;
   });
@@ -258,7 +286,11 @@ int Verifier::getCrlCallback(X509_STORE_CTX* context, X509_CRL** crl, X509* x) {
     Verifier* const verifier = of(context);
     if (verifier == nullptr) return 0;
     const ChainSubject subject(x, verifier->state_->vouchedChain());
+    Examined examined(&verifier->state_->evidence, X509_STORE_CTX_get_error_depth(context), x);
+    examined.resume();
     const RefCertificateRevocationList found = verifier->getCRL(CertificateFactory()(x, false));
+    examined.end(X509_V_OK);
+    verifier->state_->handedOut = found;
     X509_CRL* const native = found;
     // OpenSSL frees what it is given.
     if (native == nullptr || X509_CRL_up_ref(native) != 1) return 0;
@@ -274,6 +306,7 @@ int Verifier::certCRLCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x) {
     Verifier* const verifier = of(context);
     if (verifier == nullptr) return defaultCallbacks().certCRL(context, crl, x);
     const int result = verifier->state_->certCRL(context, crl, x);
+    if (result != 0) verifier->state_->noteContent(context, crl, x);
     return result != 0 && verifier->applyRemaining(x) ? result : 0;
   });
 }
@@ -291,9 +324,11 @@ bool Verifier::applyRemaining(X509* x) {
     const RefObject next = remaining.getCRL();
     if (next.empty()) break;
     X509_CRL* const crl = next->crl;
+    state_->handedOut = next->crl;
     if (checkCRL(state_->context.get(), crl) == 0 ||
         state_->certCRL(state_->context.get(), crl, x) == 0)
       return false;
+    state_->noteContent(state_->context.get(), crl, x);
   }
   return true;
 }

@@ -3,6 +3,7 @@
 #include "foundation/openssl/MemoryCheck.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
+#include "verify/ContextObjection.h"
 #include "verify/Namesakes.h"
 #include "verify/StoreCallbacks.h"
 
@@ -66,6 +67,7 @@ VerifierPaths::VerifierPaths(X509_STORE_CTX* context, const std::vector<RefCerti
 VerifierPaths::~VerifierPaths() = default;
 
 std::vector<RefCertificate> VerifierPaths::pathOf(const RefCertificate& signer) {
+  objection_.reset();
   if (signer.empty() || path_.empty() || path_.back().empty()) return {};
   if (conditions_.verified) {
     const auto found = std::find_if(
@@ -94,7 +96,7 @@ std::vector<RefCertificate> VerifierPaths::pathOf(const RefCertificate& signer) 
 // RFC 5280, 6.3.3 (f): "The trust anchor for the certification path MUST be the same as the trust
 // anchor used to validate the target certificate." So OpenSSL sees no other.
 std::vector<RefCertificate> VerifierPaths::build(const RefCertificate& signer,
-                                                 Namesakes& namesakes) const {
+                                                 Namesakes& namesakes) {
   const MemoryCheck memory;
   const Owned<STACK_OF(X509)> anchor = stackOf(path_.back());
   const Owned<X509_STORE> store = storeOfNothing();
@@ -115,6 +117,7 @@ std::vector<RefCertificate> VerifierPaths::build(const RefCertificate& signer,
 
   if (X509_verify_cert(context.get()) == 1) return chainOf(context.get());
   memory.orThrow();
+  objection_ = objectionOf(context.get());
   return {};
 }
 

@@ -10,6 +10,7 @@
 
 #include <openssl/x509_vfy.h>
 
+#include <optional>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -35,14 +36,16 @@ class VerifierPaths : public Revocation::SignerPaths {
 
   // A failure to find one is not worth a line in the log.
   std::vector<RefCertificate> pathOf(const RefCertificate& signer) override;
+  std::optional<Objection> objection() const override { return objection_; }
 
  private:
-  std::vector<RefCertificate> build(const RefCertificate& signer, Namesakes& namesakes) const;
+  std::vector<RefCertificate> build(const RefCertificate& signer, Namesakes& namesakes);
 
   X509_STORE_CTX* outer_;
   const std::vector<RefCertificate>& path_;
   Revocation::RevocationSources& sources_;
   Conditions conditions_;
+  std::optional<Objection> objection_;
 };
 
 // The level that keys and signatures of a path have to reach: the context's own, and not less than the

@@ -7,6 +7,7 @@
 #include "foundation/run/FetchRecord.h"
 #include "foundation/run/VerificationRun.h"
 #include "ocsp/OCSPExchange.h"
+#include "store/AskMethod.h"
 #include "store/LookupMemory.h"
 #include "store/TolerantReading.h"
 
@@ -21,6 +22,7 @@
 #include <list>
 #include <new>
 #include <set>
+#include <string_view>
 #include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -30,6 +32,8 @@ using Revocation::Offers;
 using Revocation::Provenance;
 
 namespace {
+
+using Source = SourceRecord::Source;
 
 // The answer of one source, which is kept as long as the verification lasts.
 template <class Handle>
@@ -86,14 +90,17 @@ class Gathering {
 
   void ask(const std::string& directory, Provenance::Kind kind) {
     if (directory.empty()) return;
-    ask(directory, {kind, directory}, directory, [&](std::list<Handle>& found) {
+    const Asked asked{Source::Kind::kDirectory, directory};
+    ask(directory, {kind, directory}, asked, directory, [&](std::list<Handle>& found) {
       HashDirLookupMethod(directory).getBySubject(name_, found);
     });
   }
   void ask(LookupMethod& method) {
     const std::string& title = method.methodName();
-    ask(&method, {Provenance::Kind::kLookupMethod, title}, "what lookup method " + title + " has",
-        [&](std::list<Handle>& found) { method.getBySubject(name_, found); });
+    const Asked asked{Source::Kind::kLookupMethod, title};
+    ask(&method, {Provenance::Kind::kLookupMethod, title}, asked,
+        "what lookup method " + title + " has",
+        [&](std::list<Handle>& found) { PKX509::ask(method, name_, found); });
   }
   void add(const Offered<Handle>& one) {
     if (isCalled(one.object, name_) && seen_.insert(one.object->native()).second) {
@@ -111,10 +118,18 @@ class Gathering {
  private:
   using Native = decltype(std::declval<const Handle&>()->native());
 
+  struct Asked {
+    Source::Kind kind;
+    std::string_view origin;
+  };
+
   template <class Query>
-  void ask(const LookupSource& source, const Provenance& from, const std::string& what,
-           const Query& query) {
-    if (!admits(all_)) return cut();
+  void ask(const LookupSource& source, const Provenance& from, const Asked& asked,
+           const std::string& what, const Query& query) {
+    if (!admits(all_)) {
+      tellRefusal(asked.kind, wantedOf(static_cast<std::list<Handle>*>(nullptr)), asked.origin);
+      return cut();
+    }
     std::list<Known<Handle>> answer;
     // Not shared with who reads as ever: what has expired is not in there.
     askOnce(source, name_, answer, [&](std::list<Known<Handle>>& known) {
@@ -207,7 +222,10 @@ Offers<RefCertificateRevocationList> VerifierSources::crls(const Uri& uri) {
   if (uri.isNull()) return {};
   Offers<RefCertificateRevocationList> cut;
   cut.cut = true;
-  if (!VerificationRun::admitLookup()) return cut;
+  if (!VerificationRun::admitLookup()) {
+    tellRefusal(Source::Kind::kCRLServer, Source::Wanted::kCRLs, FetchRecord::placeOf(uri));
+    return cut;
+  }
   std::list<Known<RefCertificateRevocationList>> answer;
   // By the whole text: URIs with one normal form need not make one request.
   askOnce("URI", uri.asString(), answer, [&](auto& known) {

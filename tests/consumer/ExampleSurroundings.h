@@ -3,6 +3,7 @@
 
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/ObjectStore.h>
+#include <pkx509/Rule.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/KeyStorePlugin.h>
@@ -13,6 +14,7 @@
 #include <cstring>
 #include <iostream>
 #include <list>
+#include <string>
 #include <vector>
 
 namespace surroundings {
@@ -39,6 +41,8 @@ extern RefCRLDistributionPoint point;
 extern DistinguishedName issuer;
 extern ASN1::Integer serial;
 extern Uri uri;
+
+void answer(int status, const std::string& text);
 
 extern unsigned int reasons;
 extern HashDirLookupMethod lookup;

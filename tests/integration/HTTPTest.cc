@@ -394,9 +394,10 @@ TEST(HTTPExchange, NothingSent_HasItsFailureToo) {
   EXPECT_EQ(nobody.outcome, 0);
   EXPECT_TRUE(nobody.problem.starts_with("client certificate or key: /no/such.crt: "))
       << nobody.problem;
-  expectFailure(nobody.failure,
-                {Kind::kClientIdentity, ENOENT, 0, "/no/such.crt: No such file or directory"},
-                "no certificate");
+  expectFailure(
+      nobody.failure,
+      {Kind::kClientIdentity, ENOENT, 0, "/no/such.crt: No such file or directory", "/no/such.crt"},
+      "no certificate");
 }
 
 TEST(HTTPConnection, Request_IsSentByteForByte) {

@@ -3,6 +3,7 @@
 #include "support/LogCapture.h"
 #include "support/PrivateView.h"
 #include "support/Slapd.h"
+#include "support/SourceTexts.h"
 #include "unit/store/Model.h"
 #include "unit/verify/World.h"
 
@@ -11,6 +12,7 @@
 #include <pkx509/Verifier.h>
 #include <velantrix/Exception.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <list>
@@ -393,6 +395,8 @@ TEST_F(LDAPLookup, ServerThatIsDown_Throws) {
   const Issued leaf = issue({.subject = "CN=Leaf", .issuer = &root});
   Verifier verifier(store, handle(leaf), false);
   EXPECT_THROW(verifier.isValid(), Exception);
+  EXPECT_EQ(textsOf(verifier.report().sources()),
+            Texts{"LDAP failed " + directory.uri() + ": Connection refused"});
 }
 
 // The server is gone after the first search: whoever asks again is not told.
@@ -656,15 +660,26 @@ TEST_F(LDAPLookup, ChainAndRevocation_EverythingFromTheDirectory) {
        holder(
            interName.asString(),
            {{kAuthority, der(inter.get())}, {kCRL, der(base.get())}, {kDelta, der(delta.get())}})});
+  VerificationReport report;
   const auto verdict = [&](const Issued& subject) {
     RefObjectStore fresh("/nonexistent/pkx509-test", X509_FILETYPE_PEM);
     auto* const method = new LDAPLookupMethod(config(directory.uri()));
     fresh->add(RefLookupMethod(method));
     method->store(fresh);
     Verifier verifier(fresh, handle(subject), false);
-    return verifier.isValid();
+    const int code = verifier.isValid();
+    report = verifier.report();
+    return code;
   };
   EXPECT_EQ(verdict(good), X509_V_OK) << log.text();
+  ASSERT_EQ(report.path().size(), 3U);
+  const VerificationReport::Origin& origin = report.path()[1].origin();
+  EXPECT_EQ(origin.kind(), VerificationReport::Origin::Kind::kLDAP);
+  EXPECT_TRUE(origin.place().starts_with(directory.uri())) << origin.place();
+  EXPECT_NE(origin.place().find("Inter"), std::string::npos) << origin.place();
+  const Texts asked = textsOf(report.sources());
+  EXPECT_NE(std::find(asked.begin(), asked.end(), "LDAP found " + directory.uri()), asked.end())
+      << testing::PrintToString(asked);
   EXPECT_EQ(verdict(revoked), X509_V_ERR_CERT_REVOKED) << log.text();
   EXPECT_EQ(verdict(later), X509_V_ERR_CERT_REVOKED) << log.text();
   const Issued stranger = issueCA("C=DE,CN=Stranger");

@@ -306,6 +306,131 @@ TEST_F(OCSPFaults, NoIssuerInTheChain_ConnectsAndAsksNothing) {
   EXPECT_EQ(log.text(), "");
 }
 
+// --- The report.
+
+using Crypto::PKX509::Outcome;
+using Crypto::PKX509::Rule;
+using Report = Crypto::PKX509::VerificationReport;
+
+std::string textIn(const Report::Finding& finding, std::string_view name) {
+  const Report::Value* const value = finding.find(name);
+  const auto* const text = value == nullptr ? nullptr : std::get_if<std::string>(value);
+  return text == nullptr ? "" : *text;
+}
+
+TEST_F(OCSPFaults, Report_SaysWhyThereIsNoAnswer) {
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
+  const Script tryLater =
+      Scripts::answer(ocspAnswer({.status = OCSP_RESPONSE_STATUS_TRYLATER}, ""));
+  struct Row {
+    const char* name;
+    Script script;
+    int answer;
+    Rule rule;
+    const char* text;  // that the line has, too
+  };
+  const Row rows[] = {
+      {"not found", Scripts::notFound(), 2, Rule::kOCSPUnreachable, "HTTP status 404"},
+      {"try later", tryLater, 2, Rule::kOCSPNotSuccessful, "trylater"},
+      {"HTML", Scripts::html(), 2, Rule::kOCSPMalformed, "Decode failed"},
+      {"garbage inside", Scripts::answer(ocspResponseOf("garbage")), 2, Rule::kOCSPMalformed,
+       "there is no basic response in it"},
+      {"another nonce", answering({.signer = &root, .nonce = OCSPNonce::Other}), 2,
+       Rule::kOCSPNonce, ""},
+      {"unknown", answering({.signer = &root, .singles = {{.status = V_OCSP_CERTSTATUS_UNKNOWN}}}),
+       2, Rule::kOCSPUnknown, ""},
+      {"tampered", answering({.signer = &root, .tampered = true}), 117, Rule::kOCSPSignature, ""},
+      {"a stranger's", answering({.signer = &stranger}), 101, Rule::kOCSPResponderInvalid,
+       "CN=Stranger"},
+      {"a stranger's, not sent", answering({.signer = &stranger, .certificates = false}), 118,
+       Rule::kOCSPResponderUnknown, ""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const FaultServer server(row.script);
+    Asking asking(world, {leaf, root});
+    EXPECT_FALSE(asking.client.report().valid());
+    EXPECT_EQ(asking.client.report().findings().at(0).rule(), Rule::kNotVerified);
+    EXPECT_EQ(asking.ask(server.url()), row.answer);
+    const Report report = asking.client.report();
+    EXPECT_EQ(report.code(), kNoCRL);
+    EXPECT_EQ(report.outcome(), factsOf(row.rule).outcome);
+    const Report::Finding& finding = report.findings().at(0);
+    EXPECT_EQ(finding.rule(), row.rule);
+    EXPECT_EQ(finding.certificate().subject(), "CN=Person,O=Test");
+    EXPECT_EQ(finding.depth(), 0);
+    EXPECT_EQ(textIn(finding, "uri"), server.url());
+    EXPECT_NE(report.line().find(row.text), std::string::npos) << report.line();
+    EXPECT_EQ(report.sources().at(0).kind(), Report::Source::Kind::kOCSPResponder);
+    if (row.rule == Rule::kOCSPResponderInvalid) {
+      ASSERT_FALSE(finding.nested().empty());
+      EXPECT_EQ(finding.nested().at(0).rule(), Rule::kSelfSigned);
+    }
+  }
+}
+
+TEST_F(OCSPFaults, Report_SaysWhoSaidGoodOrRevoked) {
+  for (const bool revoked : {false, true}) {
+    OCSPAnswer answer{.signer = &root};
+    if (revoked) answer.singles = {{.status = V_OCSP_CERTSTATUS_REVOKED, .reason = 1}};
+    const FaultServer server(answering(answer));
+    Asking asking(world, {leaf, root});
+    EXPECT_EQ(asking.ask(server.url()), revoked ? 1 : 0);
+    const Report report = asking.client.report();
+    EXPECT_EQ(report.code(), revoked ? kRevoked : X509_V_OK);
+    const Report::RevocationResult& result = report.path().at(0).revocation();
+    using Status = Report::RevocationResult::Status;
+    EXPECT_EQ(result.status(), revoked ? Status::kRevoked : Status::kGood);
+    ASSERT_EQ(result.decidedBy().size(), 1U);
+    EXPECT_EQ(result.decidedBy().at(0).issuer, "CN=Root,O=Test");
+    EXPECT_EQ(result.decidedBy().at(0).origin.place(), server.url());
+    EXPECT_TRUE(result.decidedBy().at(0).thisUpdate.has_value());
+    if (!revoked) {
+      EXPECT_TRUE(report.findings().empty());
+      continue;
+    }
+    EXPECT_EQ(report.outcome(), Outcome::kPermanent);
+    EXPECT_EQ(report.findings().at(0).rule(), Rule::kRevoked);
+    EXPECT_EQ(textIn(report.findings().at(0), "reason"), "keyCompromise");
+  }
+}
+
+TEST_F(OCSPFaults, Report_WithoutAConnectionOrAnIssuer) {
+  const ReservedPort port;
+  const std::string url = "http://127.0.0.1:" + port.text() + "/";
+  Asking asking(world, {leaf, root});
+  EXPECT_EQ(asking.ask(url), -1);
+  for (int i = 0; i < 2; ++i) {
+    const Report report = asking.client.report();
+    EXPECT_EQ(report.outcome(), Outcome::kTemporary);
+    ASSERT_EQ(report.findings().size(), 1U);
+    const Report::Finding& finding = report.findings().front();
+    EXPECT_EQ(finding.rule(), Rule::kOCSPUnreachable);
+    EXPECT_EQ(textIn(finding, "uri"), url);
+    EXPECT_EQ(textIn(finding, "error"), "could not connect: Connection refused");
+    // What cannot be asked says no more.
+    EXPECT_EQ(asking.client.isRevoked(asking.chain.front()), 2);
+  }
+  EXPECT_FALSE(asking.client.connect(Uri("ldap://ldap.test/")));
+  EXPECT_EQ(asking.client.report().findings().at(0).rule(), Rule::kSchemeNotSpoken);
+
+  const FaultServer server(answering({.signer = &root}));
+  Asking alone(world, {leaf});
+  EXPECT_EQ(alone.ask(server.url()), 2);
+  EXPECT_EQ(alone.client.report().findings().at(0).rule(), Rule::kIssuerUnknown);
+}
+
+// A responder's certificate is verified as it always was, and so is what is logged of it.
+TEST_F(OCSPFaults, Report_LeavesTheLineOfTheRespondersVerification) {
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
+  const FaultServer server(answering({.signer = &stranger}));
+  Asking asking(world, {leaf, root});
+  Verifier::logReportLine(true);
+  EXPECT_EQ(asking.ask(server.url()), 101);
+  Verifier::logReportLine(false);
+  EXPECT_NE(log.text().find("5 self-signed: "), std::string::npos) << log.text();
+}
+
 // --- Connecting.
 
 TEST_F(OCSPFaults, ConnectFailed_IsALineAndThenNoAnswerWithALineWithoutText) {

@@ -2,6 +2,7 @@
 #include "integration/ConnectWatch.h"
 #include "integration/OCSPFixture.h"
 #include "support/Loopback.h"
+#include "support/SourceTexts.h"
 #include "support/Stopwatch.h"
 #include "unit/ocsp/VerifyWatch.h"
 
@@ -129,6 +130,54 @@ TEST_F(OCSPVerification, NoUsableAnswer_TheCRLsDecide) {
   }
 }
 
+TEST_F(OCSPVerification, WhatAnswersCameTo_IsReported) {
+  const Issued stranger = issueCA("O=Test,CN=Stranger");
+  struct Row {
+    const char* name;
+    Script script;
+    Rule rule;
+    Outcome outcome = Outcome::kTemporary;
+  };
+  const Row rows[] = {
+      {"no data", Scripts::notFound(), Rule::kOCSPUnreachable},
+      {"garbage", Scripts::answer("garbage"), Rule::kOCSPMalformed},
+      {"try later", answering({.status = OCSP_RESPONSE_STATUS_TRYLATER}), Rule::kOCSPNotSuccessful},
+      {"unknown", answering({.signer = &root, .singles = {{.status = V_OCSP_CERTSTATUS_UNKNOWN}}}),
+       Rule::kOCSPUnknown},
+      {"another nonce", answering({.signer = &root, .nonce = OCSPNonce::Other}), Rule::kOCSPNonce},
+      {"of nobody", answering({.signer = &stranger, .certificates = false}),
+       Rule::kOCSPResponderUnknown},
+      {"of a stranger", answering({.signer = &stranger}), Rule::kOCSPResponderInvalid},
+      {"revoked", answering(revoked()), Rule::kRevoked, Outcome::kPermanent}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const FaultServer server(row.script);
+    Verifier verifier(world.store, handle(person({server.url()})), false);
+    EXPECT_NE(verifier.isValid(), 0);
+    const VerificationReport report = verifier.report();
+    EXPECT_EQ(report.outcome(), row.outcome);
+    ASSERT_FALSE(report.findings().empty());
+    EXPECT_EQ(report.findings().front().rule(), row.rule) << report.findings().front().name();
+    if (row.rule == Rule::kRevoked) {
+      EXPECT_EQ(report.path()[0].revocation().status(),
+                VerificationReport::RevocationResult::Status::kRevoked);
+      EXPECT_TRUE(report.path()[0].revocation().date().has_value());
+    }
+    if (row.rule == Rule::kOCSPResponderInvalid) {
+      ASSERT_EQ(report.findings().front().nested().size(), 1U);
+      EXPECT_EQ(report.findings().front().nested().front().rule(), Rule::kSelfSigned);
+    }
+  }
+  const FaultServer server(answering(good()));
+  Verifier verifier(world.store, handle(person({server.url()})), false);
+  EXPECT_EQ(verifier.isValid(), 0);
+  const auto revocation = verifier.report().path().front().revocation();
+  EXPECT_EQ(revocation.status(), VerificationReport::RevocationResult::Status::kGood);
+  ASSERT_EQ(revocation.decidedBy().size(), 1U);
+  EXPECT_EQ(revocation.decidedBy().front().issuer, handle(root)->subject().asString());
+  EXPECT_EQ(revocation.decidedBy().front().origin.place(), server.url());
+}
+
 TEST_F(OCSPVerification, AnswerThatIsNotSignedAsItShould_IsNamedAndTheCRLsDecide) {
   const Issued stranger = issueCA("O=Test,CN=Stranger");
   struct Row {
@@ -232,6 +281,33 @@ TEST_F(OCSPVerification, Locations_TheFirstThatConnectsIsAsked) {
   // What was connected to and gave nothing is not: the CRLs decide.
   EXPECT_EQ(verdict(with("OCSP;URI:" + silentOnce.url() + ",OCSP;URI:" + url)), kNoCRL);
   EXPECT_EQ(server.requests().size(), 2U);
+}
+
+TEST_F(OCSPVerification, Responders_StandInTheReport) {
+  const FaultServer server(answering(good()));
+  const FaultServer missing(Scripts::notFound());
+  const ReservedPort port;
+  const std::string refused = "http://127.0.0.1:" + port.text() + "/";
+  const auto responders = [&](const Issued& subject) {
+    Verifier verifier(world.store, handle(subject), false);
+    verifier.isValid();
+    Texts texts = textsOf(verifier.report().sources());
+    std::erase_if(texts, [](const std::string& one) { return !one.starts_with("responder"); });
+    return texts;
+  };
+  std::string secret = server.url("/a?token");
+  secret.insert(std::string("http://").size(), "user:secret@");
+  EXPECT_EQ(responders(person({"ldap://a.test/x", refused, secret})),
+            (Texts{"responder refused ldap://a.test/x: not spoken: ldap:",
+                   "responder failed " + refused + ": could not connect: Connection refused",
+                   "responder found " + server.url("/a")}));
+  EXPECT_EQ(responders(person({missing.url("/")})),
+            Texts{"responder failed " + missing.url("/") + ": HTTP status 404: Not Found"});
+  EXPECT_EQ(
+      responders(naming({server.url("/")},
+                        {.subject = "O=Test,CN=Forged", .issuer = &root, .badSignature = true})),
+      Texts{"responder refused " + server.url("/") +
+            ": no trust anchor vouches for the certificate that names the host"});
 }
 
 // --- The certificate is a forgery.

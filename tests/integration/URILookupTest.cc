@@ -2,12 +2,14 @@
 // found in the cache.
 #include "integration/OwnNamespaces.h"
 #include "integration/URIFixture.h"
+#include "support/Loopback.h"
 #include "support/WebServer.h"
 
 #include <velantrix/Certificate.h>
 
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/x509_vfy.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -322,6 +324,128 @@ TEST_F(URILookupIntegration, PathWithDotSegments_IsNeverStored) {
     EXPECT_EQ(found(server.url(path)), Numbers{"7"});
     EXPECT_TRUE(fs::exists(cacheFile(server.url(path)))) << path;
   }
+}
+
+// ------------------------------------------------------------------------------------ the report
+
+using Crypto::PKX509::Outcome;
+using Crypto::PKX509::Rule;
+using Report = Crypto::PKX509::VerificationReport;
+
+Report reportOn(const std::string& uri) {
+  CRLs crls;
+  Report report;
+  URILookup().find(Uri(uri), crls, report);
+  EXPECT_EQ(report.valid(), !crls.empty());
+  EXPECT_TRUE(report.path().empty());
+  return report;
+}
+
+// A finding's values, but for those that every machine has its own of.
+std::map<std::string, std::string> valuesOf(const Report::Finding& finding) {
+  std::map<std::string, std::string> values;
+  for (const Report::Detail& detail : finding.details()) {
+    const auto* const text = std::get_if<std::string>(&detail.value);
+    const auto* const number = std::get_if<std::int64_t>(&detail.value);
+    if (detail.name == "milliseconds" || detail.name == "bytes") continue;
+    values[std::string(detail.name)] = text != nullptr ? *text : std::to_string(*number);
+  }
+  return values;
+}
+
+TEST_F(URILookupIntegration, Report_SaysWhyThereIsNoCRL) {
+  const ReservedPort port;
+  const FaultServer missing(Scripts::notFound());
+  const FaultServer html(Scripts::html());
+  const std::string down = "http://127.0.0.1:" + port.text() + "/ca.crl";
+  struct Row {
+    std::string uri;
+    std::string shown;
+    Rule rule;
+    Outcome outcome;
+    std::map<std::string, std::string> values;
+  };
+  const Row rows[] = {
+      {missing.url("/ca.crl?secret"),
+       missing.url("/ca.crl"),
+       Rule::kCRLUnreachable,
+       Outcome::kTemporary,
+       {{"error", "HTTP status 404: Not Found"}, {"httpStatus", "404"}}},
+      {html.url("/ca.crl"),
+       html.url("/ca.crl"),
+       Rule::kCRLMalformed,
+       factsOf(Rule::kCRLMalformed).outcome,
+       {{"error", "the body is no CRL: neither PEM nor DER"}}},
+      {down,
+       down,
+       Rule::kCRLUnreachable,
+       Outcome::kTemporary,
+       {{"error", "could not connect: Connection refused"}, {"errno", "111"}}},
+      {"ldap://localhost/o=x",
+       "ldap://localhost/o=x",
+       Rule::kSchemeNotSpoken,
+       factsOf(Rule::kSchemeNotSpoken).outcome,
+       {{"error", "not spoken: ldap:"}}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.uri);
+    const Report report = reportOn(row.uri);
+    EXPECT_EQ(report.code(), X509_V_ERR_UNABLE_TO_GET_CRL);
+    EXPECT_EQ(report.outcome(), row.outcome);
+    ASSERT_EQ(report.findings().size(), 1U);
+    const Report::Finding& finding = report.findings().front();
+    EXPECT_EQ(finding.rule(), row.rule);
+    EXPECT_TRUE(finding.certificate().empty());
+    EXPECT_EQ(finding.depth(), -1);
+    auto values = row.values;
+    values["uri"] = row.shown;
+    EXPECT_EQ(valuesOf(finding), values);
+    EXPECT_TRUE(report.line().starts_with(std::string(finding.name()) + ": ")) << report.line();
+    EXPECT_NE(report.line().find(row.shown + ": " + values["error"]), std::string::npos)
+        << report.line();
+  }
+}
+
+TEST_F(URILookupIntegration, Report_SaysWhereTheCRLIsFrom) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const std::string uri = server.url("/ca.crl");
+  using Kind = Report::Source::Kind;
+  using Result = Report::Source::Result;
+  const auto results = [](const Report& report) {
+    std::vector<std::pair<Kind, Result>> all;
+    for (const Report::Source& source : report.sources()) {
+      all.emplace_back(source.kind(), source.result());
+    }
+    return all;
+  };
+  using Results = std::vector<std::pair<Kind, Result>>;
+  EXPECT_EQ(results(reportOn(uri)),
+            (Results{{Kind::kCache, Result::kNothing}, {Kind::kCRLServer, Result::kFound}}));
+  const Report second = reportOn(uri);
+  EXPECT_EQ(results(second), (Results{{Kind::kCache, Result::kFound}}));
+  EXPECT_TRUE(second.findings().empty());
+  EXPECT_EQ(second.outcome(), Outcome::kValid);
+  // Nobody is asked for what is no URI.
+  CRLs crls;
+  Report none;
+  URILookup().find(Uri(), crls, none);
+  EXPECT_EQ(none.findings().at(0).rule(), Rule::kCRLMissing);
+  EXPECT_TRUE(none.sources().empty());
+}
+
+TEST_F(URILookupIntegration, Report_NamesTheCacheThatCannotBeWritten) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  fs::remove_all(kCRLCacheDirectory);
+  const Report report = reportOn(server.url("/ca.crl"));
+  fs::create_directories(kCRLCacheDirectory);
+  EXPECT_EQ(report.code(), X509_V_OK);
+  ASSERT_EQ(report.findings().size(), 1U);
+  const Report::Finding& finding = report.findings().front();
+  EXPECT_EQ(finding.rule(), Rule::kCacheUnusable);
+  const auto values = valuesOf(finding);
+  EXPECT_EQ(values.at("error"), "cache cannot be written: No such file or directory");
+  EXPECT_EQ(values.at("errno"), "2");
+  EXPECT_EQ(values.at("file"), cacheFile(server.url("/ca.crl")).string());
 }
 
 // --------------------------------------------------------------------------- what is in the list

@@ -3,7 +3,10 @@
 #include "integration/URIFixture.h"
 #include "support/Loopback.h"
 #include "support/PublicKeys.h"
+#include "support/SourceTexts.h"
 #include "support/WebServer.h"
+
+#include <velantrix/Host.h>
 
 #include <cstdlib>
 #include <exception>
@@ -13,6 +16,8 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
+#include <variant>
 
 namespace Velantrix::Test {
 namespace {
@@ -72,6 +77,26 @@ class URIVerification : public URIFixture {
       notes.push_back(note.what + ": " + note.uri + ": " + note.reason);
     }
     return notes;
+  }
+
+  VerificationReport reportOf(const Issued& leaf, const How& how) {
+    World world;
+    world.trust(ca);
+    Verifier::Config config;
+    config.flags = how.flags;
+    Verifier verifier(world.store, handle(leaf), RefStackOfCertificate(), config, how.useOpenSSL);
+    verifier.maxNetworkTime(how.networkTime);
+    verifier.addressPolicy(how.addresses);
+    verifier.isValid();
+    return verifier.report();
+  }
+  /// Of caches and servers.
+  static Texts exchangesOf(const VerificationReport& report) {
+    Texts texts = textsOf(report.sources());
+    std::erase_if(texts, [](const std::string& one) {
+      return !one.starts_with("cache") && !one.starts_with("server");
+    });
+    return texts;
   }
 
   /// With the issuer's name and another key.
@@ -298,6 +323,74 @@ TEST_F(URIVerification, WhatIsNotFetched_IsNotedWithItsReasonAndNotLogged) {
   EXPECT_EQ(log.text().find("127.0.0.1"), std::string::npos);
 }
 
+// Everything that a report says of one finding.
+std::string textOf(const VerificationReport::Finding& finding) {
+  std::string text = finding.origin().place() + finding.origin().file();
+  for (const auto& detail : finding.details()) {
+    const auto* const value = std::get_if<std::string>(&detail.value);
+    if (value != nullptr) text += ' ' + std::string(detail.name) + '=' + *value;
+  }
+  for (const VerificationReport::Finding& nested : finding.nested()) text += textOf(nested);
+  return text;
+}
+
+TEST_F(URIVerification, WhatIsNotFetched_StandsInTheReportWithoutSecrets) {
+  const FaultServer server(Scripts::notFound());
+  const std::string at = "127.0.0.1:" + std::to_string(server.port()) + "/ca.crl";
+  const Issued leaf = leafWith({"http://user:secret@" + at + "?token#part"});
+  for (const bool useOpenSSL : {false, true}) {
+    SCOPED_TRACE(useOpenSSL);
+    const VerificationReport report = reportOf(leaf, {.useOpenSSL = useOpenSSL});
+    EXPECT_EQ(exchangesOf(report),
+              (Texts{"cache nothing http://" + at,
+                     "server failed http://" + at + ": HTTP status 404: Not Found"}));
+    std::string all = report.line();
+    for (const VerificationReport::Finding& finding : report.findings()) all += textOf(finding);
+    for (const VerificationReport::Source& source : report.sources()) {
+      all += source.origin() + source.reason();
+    }
+    EXPECT_NE(all.find(at), std::string::npos) << all;
+    EXPECT_NE(all.find("404"), std::string::npos) << all;
+    for (const char* const secret : {"user:", "secret", "token", "part"}) {
+      EXPECT_EQ(all.find(secret), std::string::npos) << secret << ": " << all;
+    }
+  }
+}
+
+TEST_F(URIVerification, HostsThatAreNotAsked_StandInTheReport) {
+  const FaultServer server(Scripts::answer(der(crl(7).get())));
+  const std::string uri = server.url("/ca.crl");
+  const auto exchanges = [&](const Issued& leaf, const How& how) {
+    return exchangesOf(reportOf(leaf, how));
+  };
+  EXPECT_EQ(exchanges(leafWith({uri}), {.addresses = AddressPolicy::publicAndPrivate()}).back(),
+            "server refused " + uri + ": the address policy refuses: 127.0.0.1");
+  EXPECT_EQ(exchanges(leafWith({uri}, {.badSignature = true}), {}).back(),
+            "server refused " + uri +
+                ": no trust anchor vouches for the certificate that names the host");
+  EXPECT_EQ(exchanges(leafWith({"ldap://host/cn=CA"}), {}).back(),
+            "server refused ldap://host/cn=CA: not spoken: ldap:");
+  EXPECT_EQ(exchanges(leafWith({uri}), {}), (Texts{"cache nothing " + uri, "server found " + uri}));
+  const VerificationReport cached = reportOf(leafWith({uri}), {});
+  EXPECT_EQ(exchangesOf(cached), Texts{"cache found " + uri});
+  EXPECT_TRUE(std::any_of(cached.sources().begin(), cached.sources().end(),
+                          [](const auto& one) { return one.age().has_value(); }));
+}
+
+TEST_F(URIVerification, BudgetThatIsSpent_IsNamedInTheReport) {
+  const auto resources = [&](const std::vector<std::string>& uris) {
+    const VerificationReport report = reportOf(leafWith(uris), {.networkTime = 1});
+    std::string all;
+    for (const VerificationReport::Finding& finding : report.findings()) all += textOf(finding);
+    return all;
+  };
+  const std::string lookups = resources(std::vector<std::string>(257, "http://127.0.0.1:1/ca.crl"));
+  EXPECT_NE(lookups.find("resource=lookups"), std::string::npos) << lookups;
+  const FaultServer silent(Scripts::silence());
+  const std::string time = resources({silent.url("/ca.crl")});
+  EXPECT_NE(time.find("resource=network time"), std::string::npos) << time;
+}
+
 TEST_F(URIVerification, CacheThatCannotBeUsed_IsNoted) {
   const FaultServer server(Scripts::answer(der(crl(7).get())));
   const std::string uri = server.url("/ca.crl");
@@ -376,6 +469,64 @@ TEST_F(URIVerification, OnlyTheLeafIsChecked_ItsCRLIsFetchedToo) {
 }
 
 // ------------------------------------------------------------------------------------ forgeries
+
+// Who names a dead host earns a retry only with a certificate that may be accepted then.
+TEST_F(URIVerification, HostThatIsDead_IsNamedAndHidesNothing) {
+  const ReservedPort port;
+  const std::string uri = "http://127.0.0.1:" + port.text() + "/ca.crl";
+  struct Row {
+    const char* name;
+    CertificateOptions leaf;
+    Rule rule;
+    Outcome outcome;
+  };
+  const Row rows[] = {
+      {"genuine", {}, Rule::kCRLUnreachable, Outcome::kTemporary},
+      {"forged", {.badSignature = true}, Rule::kCertificateSignature, Outcome::kPermanent},
+      {"expired",
+       {.notBefore = std::chrono::hours(-48), .notAfter = std::chrono::hours(-24)},
+       Rule::kExpired,
+       Outcome::kPermanent}};
+  for (const Row& row : rows) {
+    for (const bool useOpenSSL : {false, true}) {
+      SCOPED_TRACE(row.name);
+      SCOPED_TRACE(useOpenSSL);
+      World world;
+      world.trust(ca);
+      world.publish({.issuer = &ca});
+      Verifier verifier(world.store, handle(leafWith({uri}, row.leaf)), useOpenSSL);
+      EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
+      const VerificationReport report = verifier.report();
+      EXPECT_EQ(report.outcome(), row.outcome);
+      ASSERT_FALSE(report.findings().empty());
+      const VerificationReport::Finding& decisive = report.findings().front();
+      EXPECT_EQ(decisive.rule(), row.rule) << decisive.name();
+      EXPECT_EQ(decisive.depth(), 0);
+      if (row.rule != Rule::kCRLUnreachable) continue;
+      ASSERT_NE(decisive.find("uri"), nullptr);
+      EXPECT_EQ(std::get<std::string>(*decisive.find("uri")), uri);
+    }
+  }
+}
+
+TEST_F(URIVerification, CRLOfAHost_IsReportedWithItsPlace) {
+  const FaultServer server(Scripts::answer(der(expiredCRL(7).get())));
+  const Issued leaf = leafWith({server.url("/ca.crl")});
+  for (const bool useOpenSSL : {false, true}) {
+    World world;
+    world.trust(ca);
+    Verifier verifier(world.store, handle(leaf), useOpenSSL);
+    EXPECT_EQ(verifier.isValid(), X509_V_ERR_CRL_HAS_EXPIRED);
+    const VerificationReport report = verifier.report();
+    ASSERT_FALSE(report.findings().empty());
+    const VerificationReport::Finding& decisive = report.findings().front();
+    EXPECT_EQ(decisive.rule(), Rule::kCRLExpired) << decisive.name();
+    ASSERT_NE(decisive.find("uri"), nullptr);
+    EXPECT_EQ(std::get<std::string>(*decisive.find("uri")), server.url("/ca.crl"));
+    ASSERT_NE(decisive.find("crlNumber"), nullptr);
+    EXPECT_EQ(std::get<std::string>(*decisive.find("crlNumber")), "7");
+  }
+}
 
 TEST_F(URIVerification, ForgedCertificate_MakesNoConnection) {
   const FaultServer server(Scripts::answer(der(crl(7).get())));
@@ -475,13 +626,15 @@ TEST_F(URIVerification, EndThatACallersCallbackLetPass_MakesNoConnection) {
 // ---------------------------------------------------------------------------------- the addresses
 
 TEST_F(URIVerification, AddressThatIsRefused_IsAHostThatCannotBeReached) {
-  const FaultServer server(Scripts::answer(der(crl(7).get())));
-  const std::string port = std::to_string(server.port());
   const std::string refused = "HTTP::Connection: the address policy refuses a loopback address: ";
-  for (const char* host : {"127.0.0.1", "localhost", "[::ffff:127.0.0.1]"}) {
+  // Of a name's addresses the first one is taken. Which one that is of localhost, c-ares decides.
+  const std::string local = Host(HostName("localhost")).address().asString(true);
+  const std::pair<std::string, std::string> hosts[] = {
+      {"127.0.0.1", "127.0.0.1"}, {"localhost", local}, {"[::ffff:127.0.0.1]", "127.0.0.1"}};
+  for (const auto& [host, address] : hosts) {
     SCOPED_TRACE(host);
-    std::string uri = "http://";
-    uri.append(host).append(":").append(port);
+    const FaultServer server(Scripts::answer(der(crl(7).get())), {.address = address.c_str()});
+    const std::string uri = "http://" + host + ":" + std::to_string(server.port());
     const Issued leaf = leafWith({uri + "/a", uri + "/b"});
     for (const bool useOpenSSL : {false, true}) {
       log.clear();

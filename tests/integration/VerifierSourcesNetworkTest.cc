@@ -4,12 +4,20 @@
 #include "foundation/run/VerificationRun.h"
 #include "integration/LDAPPeer.h"
 #include "integration/URIFixture.h"
+#include "report/ObjectOrigins.h"
+#include "report/SourceFindings.h"
+#include "report/SourceRecord.h"
 #include "support/OCSPBuilder.h"
+#include "support/SourceTexts.h"
 #include "verify/VerifierSources.h"
 
 #include <pkx509/LDAPLookup.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace Velantrix::Test {
 namespace {
@@ -51,6 +59,24 @@ class VerifierSourcesNetwork : public URIFixture {
     Notes reasons;
     for (const FetchRecord::Note& note : FetchRecord::notes()) reasons.push_back(note.reason);
     return reasons;
+  }
+
+  // What was asked from the given use on.
+  static Texts asked(std::size_t from = 0) {
+    Texts texts;
+    const std::vector<SourceRecord::Use>& uses = SourceRecord::current()->uses();
+    for (std::size_t i = from; i < uses.size(); ++i) {
+      const SourceRecord::Use& use = uses[i];
+      texts.push_back(
+          sourceText(use.kind, use.result, use.origin, use.fromMemory, reasonOf(use.facts)));
+    }
+    return texts;
+  }
+  static const UseFacts& lastFacts() { return SourceRecord::current()->uses().back().facts; }
+  static const ObjectOrigins::Origin& originOf(const RefCertificateRevocationList& crl) {
+    static const ObjectOrigins::Origin unknown;
+    const auto* const found = VerificationRun::kept<ObjectOrigins>()->of(crl->native());
+    return found == nullptr ? unknown : *found;
   }
 
   World world;
@@ -296,6 +322,185 @@ TEST_F(VerifierSourcesNetwork, RespondersOfOneCertificate_ShareHalfOfTheTime) {
   }
   EXPECT_EQ(crls(server.url("/ca.crl")), Notes{"network 8"});
   EXPECT_FALSE(run.fellShort());
+}
+
+// --------------------------------------------------------------------------- what was asked is told
+
+TEST_F(VerifierSourcesNetwork, Told_ServerAndCache) {
+  const FaultServer server(Scripts::answer(der(crl(8).get())));
+  const std::string plain = server.url("/ca.crl");
+  std::string uri = server.url("/ca.crl?token=a#b");
+  uri.insert(std::string("http://").size(), "me:secret@");
+  {
+    const VerificationRun run(static_cast<const X509*>(nullptr));
+    const auto found = sources.crls(Uri(uri));
+    ASSERT_EQ(found.found.size(), 1U);
+    EXPECT_EQ(asked(), (Texts{"cache nothing " + plain, "server found " + plain}));
+    EXPECT_EQ(lastFacts().bytes, der(crl(8).get()).size());
+    EXPECT_EQ(originOf(found.found.front().object),
+              (ObjectOrigins::Origin{ObjectOrigins::Origin::Kind::kNetwork, plain}));
+  }
+  fs::last_write_time(cacheFile(uri), fs::file_time_type::clock::now() - 1h);
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  const auto found = sources.crls(Uri(uri));
+  ASSERT_EQ(found.found.size(), 1U);
+  EXPECT_EQ(asked(), Texts{"cache found " + plain});
+  ASSERT_TRUE(lastFacts().stored.has_value());
+  EXPECT_LE(*lastFacts().stored, Time::then(-3599, false));
+  EXPECT_EQ(
+      originOf(found.found.front().object),
+      (ObjectOrigins::Origin{ObjectOrigins::Origin::Kind::kCache, plain, cacheFile(uri).string()}));
+}
+
+TEST_F(VerifierSourcesNetwork, Told_DeadHostToEachCertificate) {
+  const std::string uri = "http://127.0.0.1:1/ca.crl";
+  const Issued other = issueCA("CN=Other");
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  {
+    const SourceRecord::About about(ca.get());
+    EXPECT_EQ(crls(uri), Notes{"cut"});
+    EXPECT_EQ(crls(uri), Notes{"cut"});
+  }
+  const std::string down = "server failed " + uri;
+  const std::string why = ": could not connect: Connection refused";
+  ASSERT_EQ(asked().size(), 3U);
+  EXPECT_EQ(asked()[1], down + why);
+  EXPECT_EQ(SourceRecord::current()->uses()[1].facts.errorNumber, ECONNREFUSED);
+  const SourceRecord::About about(other.get());
+  EXPECT_EQ(crls(uri), Notes{"cut"});
+  EXPECT_EQ(asked(3), (Texts{"cache nothing " + uri, down + " again" + why}));
+  EXPECT_EQ(SourceRecord::current()->uses().back().about, other.get());
+}
+
+TEST_F(VerifierSourcesNetwork, Told_WhatAHostAnswersInstead) {
+  const FaultServer page(Scripts::html());
+  const FaultServer missing(Scripts::notFound());
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  crls(page.url("/"));
+  EXPECT_EQ(asked().back(),
+            "server failed " + page.url("/") + ": the body is no CRL: neither PEM nor DER");
+  EXPECT_EQ(lastFacts().failure, UseFacts::Failure::kMalformed);
+  crls(missing.url("/"));
+  EXPECT_EQ(asked().back(), "server failed " + missing.url("/") + ": HTTP status 404: Not Found");
+  EXPECT_EQ(lastFacts().httpStatus, 404);
+  crls("ldap://host/cn=CA");
+  EXPECT_EQ(asked().back(), "server refused ldap://host/cn=CA: not spoken: ldap:");
+  EXPECT_EQ(lastFacts().failure, UseFacts::Failure::kScheme);
+}
+
+TEST_F(VerifierSourcesNetwork, Told_CacheThatCannotBeUsed) {
+  const FaultServer server(Scripts::answer(der(crl(8).get())));
+  const std::string uri = server.url("/ca.crl");
+  {
+    writeFile(cacheFile(uri), "damaged");
+    const VerificationRun run(static_cast<const X509*>(nullptr));
+    EXPECT_EQ(crls(uri), Notes{"network 8"});
+    EXPECT_EQ(asked(),
+              (Texts{"cache failed " + uri + ": neither PEM nor DER", "server found " + uri}));
+    EXPECT_EQ(SourceRecord::current()->uses().front().facts.file, cacheFile(uri).string());
+  }
+  clearPrivateView();
+  fs::remove(kCRLCacheDirectory);
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  EXPECT_EQ(crls(uri), Notes{"network 8"});
+  EXPECT_EQ(asked(),
+            (Texts{"cache nothing " + uri,
+                   "cache failed " + uri + ": cache cannot be written: No such file or directory",
+                   "server found " + uri}));
+  EXPECT_EQ(SourceRecord::current()->uses()[1].facts.errorNumber, ENOENT);
+  fs::create_directory(kCRLCacheDirectory);
+}
+
+TEST_F(VerifierSourcesNetwork, Told_RespondersWithoutTheirSecrets) {
+  const FaultServer server(Scripts::answer("answer"));
+  const FaultServer missing(Scripts::answer("", "302 Found"));
+  std::string secret = server.url("/?token");
+  secret.insert(std::string("http://").size(), "me:secret@");
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  sources.ocsp(Uri(secret), "request");
+  sources.ocsp(Uri(missing.url("/")), "request");
+  sources.ocsp(Uri("ldap://host/"), "request");
+  EXPECT_EQ(asked(), (Texts{"responder found " + server.url("/"),
+                            "responder failed " + missing.url("/") + ": HTTP status 302: Found",
+                            "responder refused ldap://host/: not spoken: ldap:"}));
+}
+
+TEST_F(VerifierSourcesNetwork, Told_WhatIsRefused) {
+  const FaultServer server(Scripts::answer("answer"));
+  const std::string uri = server.url("/");
+  const auto last = [&] {
+    sources.ocsp(Uri(uri), "request");
+    EXPECT_EQ(SourceRecord::current()->uses().back().result,
+              SourceRecord::Source::Result::kRefused);
+    return lastFacts();
+  };
+  {
+    const VerificationRun run(nullptr, {.networkTime = 0s});
+    EXPECT_EQ(last().resource, "network time");
+    EXPECT_EQ(run.spent(), std::vector<std::string_view>{"network time"});
+    crls(uri);
+    EXPECT_EQ(lastFacts().resource, "network time");
+  }
+  {
+    const VerificationRun run(static_cast<const X509*>(nullptr));
+    const Nobody subject;
+    EXPECT_EQ(last().failure, UseFacts::Failure::kNotVouched);
+    crls(uri);
+    EXPECT_EQ(lastFacts().failure, UseFacts::Failure::kNotVouched);
+  }
+  {
+    const VerificationRun run(nullptr, {.addresses = AddressPolicy::publicAndPrivate()});
+    EXPECT_EQ(last().failure, UseFacts::Failure::kAddressRefused);
+  }
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  NetworkBudget::countBytes(VerificationRun::kMaximumCRLBytes);
+  crls(uri);
+  EXPECT_EQ(lastFacts().resource, "network bytes");
+  for (unsigned int i = 1; i < VerificationRun::kMaximumLookups; ++i)
+    VerificationRun::admitLookup();
+  crls(uri);
+  EXPECT_EQ(lastFacts().resource, "lookups");
+  sources.crls(handle(ca)->subject());
+  EXPECT_EQ(SourceRecord::current()->uses().back().kind, SourceRecord::Source::Kind::kDirectory);
+  EXPECT_EQ(lastFacts().resource, "lookups");
+}
+
+TEST_F(VerifierSourcesNetwork, Told_DirectoriesTheirFilesAndMethods) {
+  const DistinguishedName name = handle(ca)->subject();
+  addToDirectory(kCRLDirectory, expiredCRL(5).get());
+  world.source->crls = {CertificateRevocationListFactory()(crl(6).get(), false)};
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  const auto found = sources.crls(name);
+  ASSERT_EQ(found.found.size(), 2U);
+  EXPECT_EQ(asked(), (Texts{"directory found "s + kCRLDirectory, "method found memory"}));
+  const ObjectOrigins::Origin& file = originOf(found.found.front().object);
+  EXPECT_EQ(file.kind(), ObjectOrigins::Origin::Kind::kMachineCRLs);
+  EXPECT_TRUE(file.file().starts_with(kCRLDirectory)) << file.file();
+  EXPECT_EQ(originOf(found.found.back().object).place(), "memory");
+  sources.certificates(name);
+  EXPECT_EQ(asked(2), (Texts{"directory failed /nonexistent/pkx509-test: No such file or directory",
+                             "method nothing memory"}));
+}
+
+TEST_F(VerifierSourcesNetwork, Told_LDAP) {
+  const LDAPPeer peer([&](LDAPPeer::Connection& connection) {
+    answerSearches(
+        connection,
+        {entry("CN=Root", {{"certificateRevocationList;binary", {"damaged", der(crl(7).get())}}})});
+  });
+  world.store->add(RefLookupMethod(
+      new LDAPLookupMethod({LDAPConnection::RefServer(peer.uri()), "CN=Me", "secret"})));
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  const auto found = sources.crls(handle(ca)->subject());
+  ASSERT_EQ(found.found.size(), 1U);
+  Texts texts = asked();
+  std::erase_if(texts, [](const std::string& one) { return !one.starts_with("LDAP"); });
+  EXPECT_EQ(texts, (Texts{"LDAP failed " + peer.uri() + ": neither PEM nor DER",
+                          "LDAP found " + peer.uri()}));
+  EXPECT_EQ(originOf(found.found.front().object),
+            (ObjectOrigins::Origin{ObjectOrigins::Origin::Kind::kLDAP, peer.uri() + "/CN=Root"}));
+  const Texts all = asked();
+  EXPECT_EQ(std::count(all.begin(), all.end(), "method found LDAPLookupMethod"), 0);
 }
 
 }  // namespace

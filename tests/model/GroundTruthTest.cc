@@ -74,7 +74,8 @@ const char* text(Revocation::Reason reason) {
                                       "not successful",
                                       "other nonce",
                                       "other certificate",
-                                      "too many nested"};
+                                      "too many nested",
+                                      "status unknown"};
   return texts[static_cast<std::size_t>(reason)];
 }
 
@@ -84,8 +85,19 @@ const char* text(Revocation::Statement::Kind kind) {
 }
 
 std::string shown(const Revocation::Statement& statement) {
-  return std::string(text(statement.kind)) + " <" + statement.issuer + "> number " +
-         statement.number + " at <" + statement.from.place + ">";
+  std::string number = "none";
+  std::string issuer = statement.issuer;
+  if (!statement.crl.empty()) {
+    issuer = statement.crl->crlInfo().issuer().asString();
+    if (!statement.crl->crlNumber().isNull()) number = statement.crl->crlNumber().asString();
+  }
+  return std::string(text(statement.kind)) + " <" + issuer + "> number " + number + " at <" +
+         statement.from.place + ">";
+}
+
+Time thisUpdateOf(const Revocation::Statement& statement) {
+  return statement.crl.empty() ? statement.thisUpdate.value()
+                               : statement.crl->lastUpdate()->asTime();
 }
 
 void print(std::ostream& out, const Revocation::Outcome& outcome) {
@@ -170,7 +182,7 @@ class Judgement {
     Minutes newest = -400 * kDay;
     std::size_t lists = 0;
     for (const Revocation::Statement& by : outcome.decidedBy) {
-      const Minutes then = real_.minutesOf(by.thisUpdate.value().seconds());
+      const Minutes then = real_.minutesOf(thisUpdateOf(by).seconds());
       newest = std::max(newest, then);
       if (by.kind != Revocation::Statement::Kind::kDeltaCRL) ++lists;
       if (then > offer_.checked + 5) complain(depth, "was decided by the future");

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -49,11 +50,25 @@ inline std::string systemErrorText(const std::string& path, int error) {
   return path + ": " + std::generic_category().message(error);
 }
 
+/// The system call that failed last on this thread, for whoever wants the number behind an exception: what
+/// is thrown is an `Exception` and nothing else, which programs know by its type.
+struct SystemFailure {
+  /// Whether that is what the text of an exception is about.
+  bool isSaidBy(std::string_view text) const {
+    return error != 0 && text.ends_with(systemErrorText(path, error));
+  }
+
+  std::string path = {};  ///< what it was about: a file, a directory, a server
+  int error = 0;          ///< its errno
+};
+inline thread_local SystemFailure lastSystemFailure;
+
 /// Throws what a system call's failure is to its caller. A lack of memory or descriptors is noted.
 /// @param line the caller's, unless it is given
 [[noreturn]] inline void failSystem(const Origin& origin, const std::string& path, int error,
                                     unsigned int line = __builtin_LINE()) {
   Shortfall::noteIfExhausted(error);
+  lastSystemFailure = {path, error};
   fail(origin, systemErrorText(path, error), line);
 }
 

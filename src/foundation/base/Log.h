@@ -10,7 +10,8 @@ namespace Velantrix {
 /// The category of this library's lines.
 inline constexpr unsigned int kCategory = 0x4000000;
 
-/// The two syslog priorities in use.
+/// The syslog priorities in use.
+inline constexpr int kPriorityNotice = 5;
 inline constexpr int kPriorityInfo = 6;
 inline constexpr int kPriorityDebug = 7;
 

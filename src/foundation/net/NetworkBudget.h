@@ -68,6 +68,10 @@ class NetworkBudget : private NonCopyable {
   /// Counts what was read, whether or not it was of use.
   static void countBytes(std::size_t bytes) noexcept;
 
+  /// Whether nothing is left of it.
+  bool isSpent(Resource resource) const noexcept {
+    return resource == Resource::kTime ? !timeLeft() : bytes_ >= limits_.bytes;
+  }
   Clock::duration timeSpent() const noexcept { return time_; }
   std::size_t bytesSpent() const noexcept { return bytes_; }
   /// Counts time that was spent elsewhere.

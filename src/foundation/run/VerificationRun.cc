@@ -42,6 +42,12 @@ std::chrono::nanoseconds coarseTime() noexcept {
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
+constexpr std::string_view kLookups = "lookups";
+constexpr std::string_view kProcessorTime = "processor time";
+constexpr std::string_view kDecodedBytes = "decoded bytes";
+constexpr std::string_view kNetworkTime = "network time";
+constexpr std::string_view kNetworkBytes = "network bytes";
+
 // What the outermost run has no more of: the run has fallen short, and the line is written once.
 bool refuse(bool& told, const char* line) {
   Shortfall::note();
@@ -97,7 +103,7 @@ const char* VerificationRun::judge() noexcept {
   if (target_ == nullptr) return nullptr;
   for (const VerificationRun* run = outer_; run != nullptr; run = run->outer_) {
     if (run->target_ != nullptr && X509_cmp(run->target_, target_) == 0) {
-      return "its own verification depends on it";
+      return kDependsOnItself;
     }
   }
   return nullptr;
@@ -109,6 +115,7 @@ bool VerificationRun::admitLookup() {
   Totals& totals = *currentRun->totals_;
   ConnectionSubject* const subject = ConnectionSubject::current();
   if (subject != nullptr && !subject->admitsLookup()) {
+    totals.refusedLast = kLookups;
     return refuse(totals.strangersLookupsTold,
                   "Verifier: too many CRL look-ups for a certificate that no trust anchor vouches "
                   "for, the rest of them find no more CRLs");
@@ -118,6 +125,7 @@ bool VerificationRun::admitLookup() {
     return true;
   }
   Shortfall::note();
+  totals.refusedLast = kLookups;
   if (totals.lookups == kMaximumLookups) {
     ++totals.lookups;  // past the limit: the line below is written once
     log(kPriorityDebug,
@@ -147,6 +155,7 @@ bool VerificationRun::admitStep() {
       *used - *totals.processorStart < *totals.processorLimit) {
     return true;
   }
+  totals.refusedLast = kProcessorTime;
   return refuse(totals.processorTold,
                 "Verifier: the processor time is spent, the rest of this verification is left out");
 }
@@ -158,9 +167,29 @@ bool VerificationRun::admitDecoding(std::size_t bytes) {
     totals.decoded += bytes;
     return true;
   }
+  totals.refusedLast = kDecodedBytes;
   return refuse(totals.decodedTold,
                 "Verifier: too many bytes of certificates and CRLs, the rest of this verification "
                 "reads no more");
+}
+
+std::string_view VerificationRun::refusedLast() noexcept {
+  return currentRun == nullptr ? std::string_view() : currentRun->totals_->refusedLast;
+}
+
+std::vector<std::string_view> VerificationRun::spent() const {
+  using Resource = NetworkBudget::Resource;
+  const Totals& totals = *totals_;
+  std::vector<std::string_view> names;
+  const auto add = [&](bool isSpent, std::string_view name) {
+    if (isSpent) names.push_back(name);
+  };
+  add(totals.lookups > kMaximumLookups || totals.strangersLookupsTold, kLookups);
+  add(totals.processorTold, kProcessorTime);
+  add(totals.decodedTold, kDecodedBytes);
+  add(totals.network->isSpent(Resource::kTime), kNetworkTime);
+  add(totals.network->isSpent(Resource::kBytes), kNetworkBytes);
+  return names;
 }
 
 X509* VerificationRun::known(const unsigned char* der, std::size_t length) {

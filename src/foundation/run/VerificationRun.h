@@ -13,12 +13,14 @@
 
 #include <openssl/types.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <exception>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -38,6 +40,8 @@ class VerificationRun {
   static constexpr std::size_t kMaximumDecodedBytes = std::size_t{256} * 1024 * 1024;
   // The lines that one outermost run logs, beside those that say what is not valid and why.
   static constexpr unsigned int kMaximumLines = 200;
+  // The refusal of a run that an enclosing one is about already.
+  static constexpr char kDependsOnItself[] = "its own verification depends on it";
 
   // What the caller of an outermost run bounds.
   struct Limits {
@@ -84,6 +88,10 @@ class VerificationRun {
   // Always true outside a run.
   static bool admitDecoding(std::size_t bytes);
 
+  // What the last of these three that was refused has no more of, as `spent()` has it; empty when none
+  // was, and outside a run.
+  static std::string_view refusedLast() noexcept;
+
   // What a room keeps for as long as the outermost run of this thread lasts, a T for each T; made
   // when it is first asked for. Null outside a run.
   template <class T>
@@ -100,6 +108,15 @@ class VerificationRun {
   // Whether the outermost run, or one that is nested in it, has fallen short of something that all
   // of them share. What it has not found out may be a revocation: it must not end valid.
   bool fellShort() const noexcept { return totals_->shortfall->noted(); }
+
+  // Whether no other goes on around it.
+  bool isOutermost() const noexcept { return outer_ == nullptr; }
+  // The look-ups of CRLs so far, of the outermost run and all that are nested in it.
+  unsigned int lookups() const noexcept { return std::min(totals_->lookups, kMaximumLookups); }
+
+  // What the outermost run has no more of: of "lookups", "processor time", "decoded bytes", "network
+  // time", "network bytes" those of which some was refused. They are literals.
+  std::vector<std::string_view> spent() const;
 
   // What the outermost run may use of the network, and has used.
   NetworkBudget& network() noexcept { return *totals_->network; }
@@ -121,6 +138,7 @@ class VerificationRun {
     std::optional<std::chrono::nanoseconds> processorStart;  // by the thread's processor clock
     std::chrono::nanoseconds start{};                        // by the coarse clock
     bool processorTold = false;
+    std::string_view refusedLast = {};  // a literal
     std::vector<std::pair<const void*, std::shared_ptr<void>>> kept;  // a handful, by their tags
     std::optional<LogBudget> lines;
     std::optional<Shortfall::Watch> shortfall;

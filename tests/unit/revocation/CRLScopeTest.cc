@@ -72,7 +72,10 @@ std::string words(const CRLScope::Verdict& verdict) {
 const std::string kCounts = "counts for " + std::to_string(kAll);
 const std::string kOtherIssuer = "it is of another issuer";
 const std::string kOtherPoint = "it is of another distribution point";
-const std::string kOtherKind = "it is about certificates of another kind";
+const std::string kNoCAs = "it is not about certificates of CAs";
+const std::string kOnlyCAs = "it is about certificates of CAs only";
+const std::string kOnlyAttributes = "it is about attribute certificates only";
+const std::string kOnlyVersion3 = "it is not about certificates of version 1 or 2";
 const std::string kOtherReasons = "it is about other reasons";
 
 // Where lists are to be found: 4.2.1.13.
@@ -230,11 +233,11 @@ TEST(CRLScope, KindOfCertificate_IsThatOfTheList) {
   const RefCertificate person = certificateWith(points);
   const RefCertificate ca = certificateWith(points, {.ca = true});
   EXPECT_EQ(words(verdict(person, IDP{.onlyUser = true})), kCounts);
-  EXPECT_EQ(words(verdict(ca, IDP{.onlyUser = true})), kOtherKind);
-  EXPECT_EQ(words(verdict(person, IDP{.onlyCA = true})), kOtherKind);
+  EXPECT_EQ(words(verdict(ca, IDP{.onlyUser = true})), kNoCAs);
+  EXPECT_EQ(words(verdict(person, IDP{.onlyCA = true})), kOnlyCAs);
   EXPECT_EQ(words(verdict(ca, IDP{.onlyCA = true})), kCounts);
-  EXPECT_EQ(words(verdict(person, IDP{.onlyAttributes = true})), kOtherKind);
-  EXPECT_EQ(words(verdict(ca, IDP{.onlyAttributes = true})), kOtherKind);
+  EXPECT_EQ(words(verdict(person, IDP{.onlyAttributes = true})), kOnlyAttributes);
+  EXPECT_EQ(words(verdict(ca, IDP{.onlyAttributes = true})), kOnlyAttributes);
 }
 
 RefCertificate withoutVersion(const Issued& issued) {
@@ -248,9 +251,9 @@ TEST(CRLScope, CertificateWithoutVersion_IsOnNoListOfOneKind) {
   const Through through = Through::kNamedAndAssumed;
   EXPECT_EQ(words(verdict(person, std::nullopt, through)), kCounts);
   EXPECT_EQ(words(verdict(person, IDP{.indirect = true}, through)), kCounts);
-  EXPECT_EQ(words(verdict(person, IDP{.onlyUser = true}, through)), kOtherKind);
+  EXPECT_EQ(words(verdict(person, IDP{.onlyUser = true}, through)), kOnlyVersion3);
   const RefCertificate ca = withoutVersion(issue({.issuer = &authority(), .ca = true}));
-  EXPECT_EQ(words(verdict(ca, IDP{.onlyCA = true}, through)), kOtherKind);
+  EXPECT_EQ(words(verdict(ca, IDP{.onlyCA = true}, through)), kOnlyVersion3);
 }
 
 // 6.3.3 (d)

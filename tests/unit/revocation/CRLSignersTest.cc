@@ -153,6 +153,40 @@ TEST_F(CRLSignersTest, SignerThatIsRevoked_DoesNotCount) {
   revoked.outcome.status = Status::kRevoked;
   rulings[der(know(ca)->native())] = revoked;
   EXPECT_EQ(authenticate().unauthentic, Reason::kSignerRevoked);
+  ASSERT_NE(candidates.front().aboutSigner, nullptr);
+  EXPECT_EQ(candidates.front().aboutSigner->certificate, handle(ca));
+  ASSERT_NE(candidates.front().aboutSigner->revocation, nullptr);
+  EXPECT_EQ(candidates.front().aboutSigner->revocation->status, Status::kRevoked);
+}
+
+// The evidence: who has signed, or would have to have, and what is said against the path.
+TEST_F(CRLSignersTest, WhoIsToBlame_IsTheOneThatTheReasonIsAbout) {
+  const Issued noPath =
+      namesake({.notBefore = -std::chrono::hours(48), .notAfter = -std::chrono::hours(24)});
+  const Issued stranger = namesake();
+  const Issued secondStranger = namesake();
+  const Issued notForLists = namesake({.keyUsage = KU_KEY_CERT_SIGN, .key = ca.key});
+  const struct {
+    std::vector<Issued> known;
+    Issued blamed;
+    int objection;
+  } rows[] = {{{noPath}, noPath, X509_V_ERR_CERT_HAS_EXPIRED},
+              {{noPath, stranger}, stranger, X509_V_OK},
+              {{stranger, secondStranger, noPath}, stranger, X509_V_OK},
+              {{stranger, notForLists}, notForLists, X509_V_OK}};
+  for (const auto& row : rows) {
+    sources.known.clear();
+    for (const Issued& one : row.known) know(one);
+    const auto about = authenticate().aboutSigner;
+    ASSERT_NE(about, nullptr) << &row - rows;
+    EXPECT_EQ(about->certificate, handle(row.blamed)) << &row - rows;
+    EXPECT_EQ(about->objection ? about->objection->code : X509_V_OK, row.objection) << &row - rows;
+  }
+  sources.known.clear();
+  EXPECT_EQ(authenticate().aboutSigner, nullptr) << "nobody has its name";
+  know(ca);
+  EXPECT_EQ(authenticate().aboutSigner, nullptr) << "it counts";
+  EXPECT_EQ(authenticate(bare(), withoutCA, 4).aboutSigner->certificate, handle(ca));
 }
 
 TEST_F(CRLSignersTest, WithoutKeyUsage_EveryUseIsAllowed) {

@@ -71,10 +71,13 @@ class CRLStatusTest : public testing::Test {
   }
   Names setAside(Reason reason) const {
     Names names;
-    for (const auto& [candidate, why] : found_.setAside) {
-      if (why == reason) names.push_back(nameOf(candidate));
+    for (const CRLStatus::SetAside& one : found_.setAside) {
+      if (one.reason == reason) names.push_back(nameOf(one.candidate));
     }
     return names;
+  }
+  std::string firstDetail() const {
+    return found_.setAside.empty() ? "" : found_.setAside.front().detail;
   }
   const CRLStatus& found() const { return found_; }
 
@@ -282,14 +285,16 @@ TEST_F(CRLStatusTest, DeltaThatUpdatesNothing_IsSetAside) {
     const char* what;
     CRLOptions delta;
     const Issued* signer = nullptr;
+    std::string detail = "the complete CRL is older than its base, or not older than itself";
   };
+  const std::string otherKey = "the complete CRL is signed with another key";
   CRLOptions bare = deltaOf(empty(7), 5);
   bare.authorityKeyId = KeyId::Absent;
   const Row rows[] = {{"base above the list's number", deltaOf(empty(7), 6)},
                       {"number of the list", deltaOf(empty(5), 5)},
                       {"number below the list's", deltaOf(empty(4), 3)},
-                      {"another key", deltaOf(empty(7), 5), &namesake},
-                      {"no key identifier", bare}};
+                      {"another key", deltaOf(empty(7), 5), &namesake, otherKey},
+                      {"no key identifier", bare, nullptr, otherKey}};
   for (const Row& row : rows) {
     begin();
     add("base", list(5));
@@ -298,7 +303,27 @@ TEST_F(CRLStatusTest, DeltaThatUpdatesNothing_IsSetAside) {
     add("delta", removes, row.signer);
     EXPECT_EQ(decide(), Status::kRevoked) << row.what;
     EXPECT_EQ(setAside(Reason::kNoBase), Names{"delta"}) << row.what;
+    EXPECT_EQ(firstDetail(), row.detail) << row.what;
   }
+  begin();
+  add("delta", deltaOf(empty(7), 5));
+  EXPECT_EQ(decide(), Status::kUndetermined);
+  EXPECT_EQ(firstDetail(), "there is no complete CRL of its issuer and scope");
+}
+
+// 6.3.3 (l): what is left over is told, with the lists that do count.
+TEST_F(CRLStatusTest, UncoveredReasons_AreThoseThatNoListIsAbout) {
+  EXPECT_EQ(decide(), Status::kUndetermined);
+  EXPECT_EQ(found().uncoveredReasons, 0U) << "nothing counts";
+  CRLOptions users = empty(1);
+  users.idp = IDP{.onlyUser = true};
+  add("some", users).interim_reasons_mask = 0x60;
+  EXPECT_EQ(decide(), Status::kUndetermined);
+  EXPECT_EQ(found().uncoveredReasons, kAllReasons & ~0x0060U);
+  EXPECT_EQ(decidedBy(), Names{"some"});
+  add("others", empty(2)).interim_reasons_mask = kAllReasons & ~0x60U;
+  EXPECT_EQ(decide(), Status::kGood);
+  EXPECT_EQ(found().uncoveredReasons, 0U);
 }
 
 TEST_F(CRLStatusTest, ExpiredDelta_IsSetAsideAsThat) {

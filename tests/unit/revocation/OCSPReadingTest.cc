@@ -62,6 +62,34 @@ TEST(OCSPReading, EvidenceOfWhatIsRefused_IsWhatIsKnown) {
   EXPECT_EQ(later.statement.from.place, "http://ocsp");
 }
 
+// Whom it names is told before anybody has looked at the signature.
+TEST(OCSPReading, ResponderOfWhatIsRefused_IsAsItNamesItself) {
+  const OCSPWorld world;
+  const Issued stranger = issueCA("CN=Stranger");
+  const OCSPReading named = world.read({.signer = &stranger});
+  EXPECT_EQ(wordFor(named), "signer not allowed");
+  EXPECT_EQ(named.statement.issuer, "CN=Stranger");
+  ASSERT_NE(named.aboutSigner, nullptr);
+  EXPECT_EQ(named.aboutSigner->certificate, handle(stranger));
+
+  const OCSPReading byKey = world.read({.signer = &stranger, .byKey = true, .certificates = false});
+  EXPECT_EQ(wordFor(byKey), "signer unknown");
+  EXPECT_EQ(byKey.statement.issuer.substr(0, 4), "key ");
+  EXPECT_EQ(byKey.statement.issuer.size(), 44U) << "SHA-1";
+  EXPECT_EQ(byKey.aboutSigner, nullptr);
+
+  const OCSPReading other = world.read({.signer = &world.ca, .nonce = OCSPNonce::Other});
+  EXPECT_EQ(wordFor(other), "other nonce");
+  EXPECT_EQ(other.statement.issuer, "CN=CA");
+  EXPECT_EQ(other.detail.substr(0, 17), "its nonce is 0410");
+
+  const OCSPReading early =
+      world.read({.signer = &world.ca, .producedAt = When(std::chrono::hours(48))});
+  EXPECT_EQ(wordFor(early), "not yet valid");
+  EXPECT_GT(*early.statement.producedAt, world.moment.now);
+  EXPECT_EQ(early.statement.issuer, "CN=CA");
+}
+
 // RFC 6960, 4.4.1; RFC 8954, 2.1
 TEST(OCSPReading, Nonce_IsThatOfTheRequestOrAbsent) {
   const OCSPWorld world;

@@ -94,7 +94,13 @@ TEST_F(RespondersTest, Revoked_EndsItWithReasonAndDate) {
 TEST_F(RespondersTest, Unknown_TheListsDecide) {
   answer(kOne, {.signer = &ca, .singles = {single(V_OCSP_CERTSTATUS_UNKNOWN)}});
   answer(kTwo, {.signer = &ca});
-  EXPECT_EQ(decide(three).status, Status::kUndetermined);
+  const Outcome unknown = decide(three);
+  EXPECT_EQ(unknown.status, Status::kUndetermined);
+  EXPECT_EQ(unknown.code, X509_V_ERR_UNABLE_TO_GET_CRL);
+  const Statement statement = firstFor(unknown, Reason::kStatusUnknown).statement;
+  EXPECT_EQ(statement.kind, Statement::Kind::kOCSP);
+  EXPECT_EQ(statement.issuer, "CN=CA,O=Test");
+  EXPECT_TRUE(statement.thisUpdate);
   around.publish({.issuer = &ca, .revoked = {{.serial = three}}});
   around.sources.asked.clear();
   const Outcome outcome = decide(three);
@@ -110,7 +116,8 @@ TEST_F(RespondersTest, RespondersInTurn_UntilOneAnswerIsUsable) {
   answer(kThree, {.signer = &ca});
   const Outcome outcome = decide(three);
   EXPECT_EQ(outcome.status, Status::kGood);
-  EXPECT_TRUE(has(outcome, Reason::kWrongSignature));
+  EXPECT_EQ(firstFor(outcome, Reason::kWrongSignature).signer->certificate, handle(ca));
+  EXPECT_EQ(firstFor(outcome, Reason::kNoAnswer).statement.from.place, kOne);
   EXPECT_EQ(around.sources.asked, (Asked{"CRLs CN=Root,O=Test", "share", "OCSP "s + kOne,
                                          "OCSP "s + kTwo, "OCSP "s + kThree, "share ends"}));
 }
@@ -207,7 +214,10 @@ TEST_F(RespondersTest, DelegateOfAnotherTrustAnchor_DoesNotCount) {
   around.paths.known.clear();
   const Outcome outcome = around.decide({leaf, ca, root}).at(0);
   EXPECT_EQ(outcome.status, Status::kUndetermined);
-  EXPECT_TRUE(has(outcome, Reason::kSignerNotValid));
+  const auto aside = firstFor(outcome, Reason::kSignerNotValid);
+  ASSERT_NE(aside.signer, nullptr);
+  EXPECT_EQ(aside.signer->certificate, handle(delegate));
+  EXPECT_EQ(aside.signer->objection->code, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
 }
 
 TEST_F(RespondersTest, DelegateOfANamesakeWithAnotherKey_DoesNotCount) {

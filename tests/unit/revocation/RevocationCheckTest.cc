@@ -5,6 +5,7 @@
 
 #include <openssl/err.h>
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 namespace Velantrix::Test {
@@ -60,8 +61,8 @@ TEST_F(RevocationCheckTest, ListOfTheIssuer_GoodOrRevokedWithReasonAndDate) {
   EXPECT_EQ(good.status, Status::kGood);
   EXPECT_EQ(good.code, X509_V_OK);
   ASSERT_EQ(good.decidedBy.size(), 1U);
-  EXPECT_EQ(good.decidedBy[0].issuer, "CN=CA,O=Test");
-  EXPECT_EQ(good.decidedBy[0].number, "01");
+  EXPECT_EQ(good.decidedBy[0].crl->crlInfo().issuer().asString(), "CN=CA,O=Test");
+  EXPECT_EQ(good.decidedBy[0].crl->crlNumber().asString(), "01");
 
   around.publish({.issuer = &ca,
                   .number = Serial(2),
@@ -72,7 +73,7 @@ TEST_F(RevocationCheckTest, ListOfTheIssuer_GoodOrRevokedWithReasonAndDate) {
   EXPECT_EQ(revoked.revoked.reason, 1);
   EXPECT_EQ(revoked.revoked.date, Time::then(When("20260102030405Z").time(), true));
   ASSERT_EQ(revoked.decidedBy.size(), 1U);
-  EXPECT_EQ(revoked.decidedBy[0].number, "02");
+  EXPECT_EQ(revoked.decidedBy[0].crl->crlNumber().asString(), "02");
   EXPECT_TRUE(has(revoked, Reason::kSuperseded));
 }
 
@@ -354,6 +355,13 @@ TEST_F(SelfCoverTest, ListThatNamesItsOwnIssuer_SilencesItsKey) {
   around.publish({.issuer = &crlKey, .number = Serial(1), .revoked = {{.serial = crlKey}}});
   const Outcome outcome = decide(leaf);
   EXPECT_EQ(outcome.status, Status::kUndetermined);
+  const auto silenced = firstFor(outcome, Reason::kSignerUndetermined);
+  ASSERT_NE(silenced.signer, nullptr);
+  ASSERT_NE(silenced.signer->revocation, nullptr);
+  EXPECT_EQ(silenced.signer->blamed, handle(crlKey));
+  const auto names = firstFor(*silenced.signer->revocation, Reason::kNamesItsSigner);
+  ASSERT_NE(names.signer, nullptr);
+  EXPECT_EQ(names.signer->certificate, handle(crlKey));
   around.publish({.issuer = &ca});
   EXPECT_EQ(decide(leaf).status, Status::kGood) << "by another key";
 }
@@ -421,6 +429,7 @@ TEST_F(RevocationCheckTest, TwoIssuersThatCoverEachOther_BothCountByHypothesis) 
   EXPECT_EQ(first.code, X509_V_ERR_UNABLE_TO_GET_CRL);
   EXPECT_TRUE(first.decidedBy.empty());
   EXPECT_FALSE(first.revoked.date);
+  EXPECT_FALSE(firstFor(first, Reason::kRestsOnItself).statement.crl.empty());
   EXPECT_FALSE(run.current()->fellShort());
 }
 
@@ -622,6 +631,53 @@ TEST_F(RevocationCheckTest, CodeOfSeveralFailures_IsTheMostTelling) {
   const Outcome all = decide(leaf);
   EXPECT_EQ(all.code, X509_V_ERR_CRL_SIGNATURE_FAILURE);
   EXPECT_EQ(all.setAside.size(), 4U) << "each once, however often it was looked at";
+}
+
+// The evidence.
+
+TEST_F(RevocationCheckTest, ReasonsThatAreLeft_AreToldWithTheListsThatCount) {
+  const Issued leaf = through({{.fullNames = {"URI:"s + kHere}, .reasons = 0x60}});
+  const auto partial = around.publishAt(kHere, {.issuer = &ca});
+  const Outcome left = decide(leaf);
+  EXPECT_EQ(left.status, Status::kUndetermined);
+  EXPECT_EQ(left.uncoveredReasons, kAllReasons & ~0x60U);
+  EXPECT_TRUE(left.decidedBy.empty());
+  ASSERT_EQ(left.covering.size(), 1U);
+  EXPECT_EQ(left.covering[0].crl->native(), partial->native());
+
+  around.publish({.issuer = &ca, .number = Serial(2)});
+  const Outcome good = decide(leaf);
+  EXPECT_EQ(good.status, Status::kGood);
+  EXPECT_EQ(good.uncoveredReasons, 0U);
+  EXPECT_TRUE(good.covering.empty());
+}
+
+TEST_F(RevocationCheckTest, ListsThatAreSetAside_AreThereThemselves) {
+  const Issued leaf = person();
+  const auto expired =
+      around.publish({.issuer = &ca, .lastUpdate = -hours(9), .nextUpdate = When(-hours(8))});
+  const Outcome outcome = decide(leaf);
+  EXPECT_EQ(firstFor(outcome, Reason::kExpired).statement.crl->native(), expired->native());
+  EXPECT_EQ(firstFor(outcome, Reason::kExpired).signer, nullptr);
+}
+
+// However many responders a certificate names, the failure of the lists stays what it is.
+TEST_F(RevocationCheckTest, RespondersWithoutAnAnswer_LeaveRoomForTheLists) {
+  std::string access = "OCSP;URI:http://one.test/";
+  for (std::size_t i = 1; i < 2 * Outcome::kMaximumSetAside; ++i) {
+    access += ",OCSP;URI:http://" + std::to_string(i) + ".test/";
+  }
+  const Issued leaf = issue({.subject = "O=Test,CN=Person",
+                             .issuer = &ca,
+                             .extensions = {{"authorityInfoAccess", access}}});
+  around.publish({.issuer = &ca, .lastUpdate = -hours(9), .nextUpdate = When(-hours(8))});
+  const Outcome outcome = decide(leaf);
+  EXPECT_EQ(outcome.code, X509_V_ERR_CRL_HAS_EXPIRED);
+  EXPECT_TRUE(has(outcome, Reason::kExpired));
+  const auto answers =
+      std::count_if(outcome.setAside.begin(), outcome.setAside.end(),
+                    [](const auto& one) { return one.reason == Reason::kNoAnswer; });
+  EXPECT_EQ(static_cast<std::size_t>(answers), Outcome::kMaximumSetAside / 2);
 }
 
 // The settings.

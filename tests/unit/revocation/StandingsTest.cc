@@ -80,9 +80,30 @@ TEST_F(StandingsTest, Signer_IsBelievedWhenNobodyOnItsPathIsRevoked) {
       rule = [&](const RefCertificate& certificate) {
         return ruling(certificate == one ? row.status : Status::kGood);
       };
-      EXPECT_EQ(fresh.of(signers, By::kAll).refused, row.refused);
+      const Standing standing = fresh.of(signers, By::kAll);
+      EXPECT_EQ(standing.refused, row.refused);
+      ASSERT_EQ(standing.about != nullptr, row.refused.has_value());
+      if (standing.about == nullptr) continue;
+      EXPECT_EQ(standing.about->certificate, signer);
+      EXPECT_EQ(standing.about->blamed, one);
+      EXPECT_EQ(standing.about->revocation->status, row.status);
+      EXPECT_EQ(fresh.of(signers, By::kAll).about->revocation, standing.about->revocation)
+          << "it is shared";
     }
   }
+}
+
+TEST_F(StandingsTest, SignerWithoutAPath_IsToldWithWhatIsWrongWithIt) {
+  const RefCertificate stranger = handle(issueCA("CN=Stranger"));
+  paths.anchor = root;
+  EXPECT_TRUE(standings.pathOf(stranger, main).empty());
+  EXPECT_TRUE(standings.pathOf(handle(issueCA("CN=Other")), main).empty());
+  const Standing standing = standings.withoutPath(stranger);
+  EXPECT_EQ(standing.refused, Reason::kSignerNotValid);
+  EXPECT_EQ(standing.about->certificate, stranger);
+  ASSERT_TRUE(standing.about->objection);
+  EXPECT_EQ(standing.about->objection->code, X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT);
+  EXPECT_FALSE(standings.withoutPath(leaf).about->objection) << "it was not looked for";
 }
 
 TEST_F(StandingsTest, AboveTheSigner_EverythingDecides) {

@@ -22,6 +22,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -122,7 +123,11 @@ class MemoryPaths : public Crypto::PKX509::Revocation::SignerPaths {
     }
     X509_STORE_CTX_set0_trusted_stack(context.get(), trusted);
     X509_STORE_CTX_set_time(context.get(), 0, static_cast<std::time_t>(time.seconds()));
-    if (X509_verify_cert(context.get()) != 1) return {};
+    objection_.reset();
+    if (X509_verify_cert(context.get()) != 1) {
+      objection_ = {.code = X509_STORE_CTX_get_error(context.get())};
+      return {};
+    }
     std::vector<RefCertificate> path;
     const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context.get());
     for (int i = 0; i < sk_X509_num(chain); ++i) {
@@ -131,12 +136,17 @@ class MemoryPaths : public Crypto::PKX509::Revocation::SignerPaths {
     return path;
   }
 
+  std::optional<Objection> objection() const override { return objection_; }
+
   RefCertificate anchor;
   std::list<RefCertificate> known;
   Time time = Time::now();
   int built = 0;
   bool parks = false;                 ///< as OpenSSL's callbacks do, once
   std::vector<RefCertificate> given;  ///< in place of the path that OpenSSL builds of its first
+
+ private:
+  std::optional<Objection> objection_;
 };
 
 /// Does it in nested runs of a verification.
@@ -149,6 +159,14 @@ inline void atDepth(unsigned int runs, const std::function<void()>& work) {
 inline bool has(const Outcome& outcome, Reason reason) {
   return std::any_of(outcome.setAside.begin(), outcome.setAside.end(),
                      [reason](const auto& one) { return one.reason == reason; });
+}
+
+/// What was set aside first for that reason; empty where nothing was.
+inline Crypto::PKX509::Revocation::SetAside firstFor(const Outcome& outcome, Reason reason) {
+  for (const auto& one : outcome.setAside) {
+    if (one.reason == reason) return one;
+  }
+  return {};
 }
 
 struct Surroundings {

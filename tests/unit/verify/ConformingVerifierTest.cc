@@ -81,7 +81,9 @@ TEST_F(ConformingVerifierTest, IntermediateFromEverySource_IsUsed) {
 
 TEST_F(ConformingVerifierTest, NothingTrusted_IsInvalidAndLogged) {
   EXPECT_EQ(verdict(leaf, {inter}), kNoIssuer);
-  EXPECT_EQ(log.text(), "7 " + failureLine(leaf, kNoIssuer) + "\n");
+  EXPECT_TRUE(log.text().starts_with("7 " + failureLine(leaf, kNoIssuer) +
+                                     "\n5 issuer-unknown: CN=Inter,O=Test (depth 1, "))
+      << log.text();
 }
 
 TEST_F(ConformingVerifierTest, EmptyHandle_IsInvalid) {
@@ -513,7 +515,8 @@ TEST_F(ConformingVerifierTest, Flags_SayWhoseRevocationIsDecided) {
     if (row.verdict == 0) continue;
     EXPECT_EQ(X509_STORE_CTX_get_error(verifier), row.verdict);
     EXPECT_EQ(X509_STORE_CTX_get_error_depth(verifier), row.depth);
-    EXPECT_EQ(log.text(), "7 " + failureLine(row.depth == 0 ? leaf : inter, kUndetermined) + "\n");
+    EXPECT_EQ(log.text(), "7 " + failureLine(row.depth == 0 ? leaf : inter, kUndetermined) +
+                              "\n5 " + verifier.report().line() + "\n");
   }
 }
 
@@ -551,7 +554,8 @@ TEST_F(ConformingVerifierTest, Revocation_IsDecidedFromTheAnchorDown) {
       EXPECT_EQ(verifier.contextError(), row.verdict);
       EXPECT_EQ(X509_STORE_CTX_get_error_depth(verifier), row.depth);
     }
-    const std::string line = "7 " + failureLine(row.depth == 1 ? inter : leaf, 23) + "\n";
+    const std::string line = "7 " + failureLine(row.depth == 1 ? inter : leaf, 23) + "\n5 " +
+                             verifier.report().line() + "\n";
     EXPECT_EQ(log.text(), row.verdict == 0 ? "" : line + line);
     // The certificate alone.
     Verifier::Config config = withFlags(X509_V_FLAG_CRL_CHECK);

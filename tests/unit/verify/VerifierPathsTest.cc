@@ -99,6 +99,31 @@ TEST_F(VerifierPathsTest, AnotherTrustAnchor_IsNone) {
   EXPECT_EQ(log.text(), "");
 }
 
+// What is wrong with the path of a signer is told, also where that is not the signer.
+TEST_F(VerifierPathsTest, ObjectionToAPath_NamesWhoIsToBlame) {
+  const Issued expired = issue({.subject = "O=Test,CN=Expired",
+                                .issuer = &root,
+                                .notBefore = -hours(48),
+                                .notAfter = -hours(24),
+                                .ca = true});
+  sources.certificates_ = {handle(expired)};
+  const Path path = outer();
+  const Time now = Time::now();
+  VerifierPaths paths(context.get(), path, sources, {.moment = {.checked = now, .now = now}});
+  EXPECT_FALSE(paths.objection());
+  EXPECT_TRUE(pathOfOuter(paths, issueCA("O=Test,CN=Below", &expired)).empty());
+  ASSERT_TRUE(paths.objection());
+  EXPECT_EQ(paths.objection()->code, X509_V_ERR_CERT_HAS_EXPIRED);
+  EXPECT_EQ(paths.objection()->depth, 1);
+  EXPECT_EQ(paths.objection()->certificate, handle(expired));
+  const Issued stranger = issueCA("O=Test,CN=Stranger", &otherRoot);
+  EXPECT_TRUE(pathOfOuter(paths, stranger).empty());
+  EXPECT_EQ(paths.objection()->code, X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
+  EXPECT_EQ(paths.objection()->certificate, handle(stranger));
+  EXPECT_FALSE(pathOfOuter(paths, lists).empty());
+  EXPECT_FALSE(paths.objection()) << "it is of the last one";
+}
+
 TEST_F(VerifierPathsTest, EmptyHandles_HaveNone) {
   const Path empty;
   EXPECT_TRUE(pathOf(lists, empty).empty());

@@ -34,6 +34,7 @@ Failure whyNotLoaded(const char* file) {
     reason = text;
   }
   failure.detail = detailOf(std::string(file) + ": " + reason);
+  failure.file = file;
   return failure;
 }
 

@@ -47,6 +47,7 @@ struct Failure {
   /// For people, without a prefix; may be empty. Of `kStatus` it is the reason that the peer sent,
   /// in whatever octets, or the usual one where it sent none.
   std::string detail = {};
+  std::string file = {};  ///< of `kClientIdentity`: which one
 
   bool operator==(const Failure& other) const = default;
 };

@@ -72,7 +72,10 @@ LDAPSearchResultEntry::LDAPSearchResultEntry(LDAP* ldap, LDAPMessage* message,
   const int status = ldap_get_dn_ber(ldap, message, &made, &name);
   const std::unique_ptr<BerElement, FreeBer> ber(made);
   if (status != LDAP_SUCCESS || made == nullptr) fail(kHere, kMalformed);
-  complete_ = spend(budget, name.bv_len) && readAttributes(made, attributes_, budget);
+  complete_ = spend(budget, name.bv_len);
+  if (!complete_) return;
+  name_ = textOf(name);
+  complete_ = readAttributes(made, attributes_, budget);
 }
 
 }  // namespace Velantrix

@@ -66,9 +66,12 @@ class LDAPSearchResultEntry {
 
   /// False when the budget did not suffice: attributes are missing then.
   bool complete() const noexcept { return complete_; }
+  /// The entry's distinguished name, as the server writes it (RFC 4514).
+  const std::string& name() const noexcept { return name_; }
   const LDAPAttributeContainer& attributes() const noexcept { return attributes_; }
 
  private:
+  std::string name_;
   LDAPAttributeContainer attributes_;
   bool complete_;
 };

@@ -1,16 +1,24 @@
 // What was found out about one certificate: a value, with the evidence.
 #pragma once
 
-#include "revocation/Offered.h"
+#include "report/Objection.h"
+#include "report/Provenance.h"
 
+#include <velantrix/Certificate.h>
+#include <velantrix/CertificateRevocationList.h>
 #include <velantrix/Time.h>
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-namespace Velantrix::Crypto::PKX509::Revocation {
+namespace Velantrix::Crypto::PKX509 {
+
+struct LeftBehind;  // Evidence.h
+
+namespace Revocation {
 
 enum class Status {
   kGood,
@@ -42,7 +50,8 @@ enum class Reason {
   kNotSuccessful,  // the responder said why it does not answer
   kOtherNonce,
   kOtherCertificate,  // it is about others only
-  kTooManyNested
+  kTooManyNested,
+  kStatusUnknown  // the responder does not know the certificate (RFC 6960, 2.2)
 };
 
 // What somebody has said and signed.
@@ -50,17 +59,32 @@ struct Statement {
   enum class Kind { kCRL, kDeltaCRL, kOCSP, kCertificate };
 
   Kind kind = Kind::kCRL;
-  std::string issuer = {};  // or the responder
+  std::string issuer = {};  // or the responder, by its name or the hash of its key
   std::string number = {};  // of a CRL
   std::optional<Time> thisUpdate = {};
   std::optional<Time> nextUpdate = {};
   Provenance from = {};
+  // Where it is one that was read; then it says what stands before, which is left out.
+  RefCertificateRevocationList crl = {};
+  std::optional<Time> producedAt = {};  // of an OCSP answer
+};
+
+struct Outcome;
+
+// What was found out about who signed a statement, where the statement does not count for it.
+struct AboutSigner {
+  RefCertificate certificate = {};                      // the signer's
+  std::optional<Objection> objection = {};              // of OpenSSL's to its path
+  std::shared_ptr<const Outcome> revocation = {};       // its own, or that of who is to blame
+  std::shared_ptr<const LeftBehind> verification = {};  // of its own
+  RefCertificate blamed = {};  // on the signer's path, where it is not the signer itself
 };
 
 struct SetAside {
   Statement statement = {};
   Reason reason = Reason::kMalformed;
   std::string detail = {};
+  std::shared_ptr<const AboutSigner> signer = {};
 };
 
 struct Revoked {
@@ -72,9 +96,10 @@ struct Outcome {
   // A stranger decides how much there is to be set aside.
   static constexpr std::size_t kMaximumSetAside = 64;
 
-  void setAsideFor(Reason reason, const Statement& statement, const std::string& detail = {}) {
+  void setAsideFor(Reason reason, const Statement& statement, const std::string& detail = {},
+                   const std::shared_ptr<const AboutSigner>& signer = {}) {
     if (setAside.size() < kMaximumSetAside) {
-      setAside.push_back({statement, reason, detail});
+      setAside.push_back({statement, reason, detail, signer});
     } else {
       ++leftOut;
     }
@@ -87,6 +112,10 @@ struct Outcome {
   std::vector<SetAside> setAside = {};
   std::size_t leftOut = 0;  // of what was set aside
   bool cut = false;         // a source that was asked may have more
+  // OpenSSL's reason bits that no CRL which counts speaks about, where some do: those then follow.
+  unsigned int uncoveredReasons = 0;
+  std::vector<Statement> covering = {};
 };
 
-}  // namespace Velantrix::Crypto::PKX509::Revocation
+}  // namespace Revocation
+}  // namespace Velantrix::Crypto::PKX509

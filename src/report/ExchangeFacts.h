@@ -1,0 +1,19 @@
+// What there is to tell of an exchange with a host that came to nothing.
+#pragma once
+
+#include "foundation/net/http/HTTPFailure.h"
+#include "report/SourceRecord.h"
+
+#include <velantrix/Uri.h>
+
+namespace Velantrix::Crypto::PKX509 {
+
+// Of a URI whose scheme is not handled.
+UseFacts notSpoken(const Uri& uri);
+
+UseFacts factsOf(const LW::HTTP::Failure& failure);
+
+// As a failure, or as a refusal where that is what it is.
+void tellFailure(SourceUse& use, const LW::HTTP::Failure& failure) noexcept;
+
+}  // namespace Velantrix::Crypto::PKX509
