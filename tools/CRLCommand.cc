@@ -4,6 +4,8 @@
 #include "Input.h"
 #include "LogCollector.h"
 #include "Report.h"
+#include "ReportJson.h"
+#include "ReportOptions.h"
 #include "StandardStreams.h"
 #include "Status.h"
 #include "Subcommands.h"
@@ -11,18 +13,16 @@
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/URILookup.h>
+#include <pkx509/VerificationReport.h>
 #include <velantrix/File.h>
 #include <velantrix/Uri.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <exception>
 #include <list>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
-#include <system_error>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -36,13 +36,14 @@ constexpr int kNotFound = kNotValid;  // as grep has it
 
 struct Options {
   std::vector<std::string> uris;
-  bool json = false;
+  ReportOptions output;
 };
 
 struct Found {
   std::list<RefCertificateRevocationList> crls;
   bool cached = false;
   bool stored = false;  // by this fetch
+  VerificationReport report;
 };
 
 // The file in the cache, whatever is in it; 0 when there is none. A file that is replaced gets
@@ -54,53 +55,78 @@ ino_t cacheFile(const Uri& uri) {
   return ::stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
-// The look-up itself does not say where it found something, so the cache is asked first.
-Found lookUp(const std::string& text, const Uri& uri) {
-  Found found;
+using Source = VerificationReport::Source;
+
+bool isOfCache(const Source& source, Source::Result result) {
+  return source.kind() == Source::Kind::kCache && source.result() == result;
+}
+
+// A look-up passes over it without a word.
+void tellOfBrokenCache(const std::string& text, const Uri& uri) {
   try {
-    HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, found.crls);
+    std::list<RefCertificateRevocationList> none;
+    HashDirLookupMethod(kCRLCacheDirectory).getBySubject(uri, none);
   } catch (const std::exception& error) {
-    // A verification passes over it without a word.
     writeErrorLine("pkx509: " + text + ": the cache cannot be used: " + reasonOf(error));
   }
-  found.cached = !found.crls.empty();
-  if (!found.cached) {
-    const ino_t before = cacheFile(uri);
-    URILookup().find(uri, found.crls);
-    const ino_t after = cacheFile(uri);
-    found.stored = after != 0 && after != before;
-  }
+}
+
+Found lookUp(const std::string& text, const Uri& uri) {
+  tellOfBrokenCache(text, uri);
+  Found found;
+  const ino_t before = cacheFile(uri);
+  URILookup().find(uri, found.crls, found.report);
+  const ino_t after = cacheFile(uri);
+  found.stored = after != 0 && after != before;
+  const std::vector<Source>& sources = found.report.sources();
+  found.cached = std::any_of(sources.begin(), sources.end(), [](const Source& source) {
+    return isOfCache(source, Source::Result::kFound);
+  });
   return found;
 }
 
-// Why there is none. The look-up does not tell; what can be seen from here is said.
-std::string reasonForNone(const Uri& uri) {
-  if (uri.scheme() == "https:") {
-    for (const char* file : {kClientCertificateFile, kClientKeyFile}) {
-      if (::access(file, R_OK) != 0) {
-        return std::string(file) + ": " + std::generic_category().message(errno);
-      }
-    }
+// What came of the cache last; it is read before it is written.
+std::string whyNotStored(const VerificationReport& report) {
+  std::string reason;
+  for (const Source& source : report.sources()) {
+    if (isOfCache(source, Source::Result::kFailed)) reason = ": " + source.reason();
   }
-  return "the host was not reached, or it did not answer with one";
+  return reason;
 }
 
-int report(const std::string& text, LogCollector& log, FactsOutput& output) {
-  const Uri uri(text);
-  const Found found = lookUp(text, uri);
-  writeLog(text, log.take());
-  if (found.crls.empty()) {
-    writeErrorLine("pkx509: " + text + ": there is no CRL: " + reasonForNone(uri));
-    return kNotFound;
-  }
+void finish(Facts& facts, const VerificationReport& report) {
+  Facts::Object members = *facts.object();
+  members.emplace_back("schemaVersion", kSchemaVersion);
+  addAnswer(members, report);
+  facts = members;
+}
+
+int reportNone(const std::string& text, const VerificationReport& report, const Options& options,
+               FactsOutput& output) {
+  writeErrorLine("pkx509: " + text + ": there is no CRL: " + report.line());
+  Facts none =
+      Facts::Object{{"file", text}, {"type", "none"}};  // for programs: each URI has a place
+  finish(none, report);
+  output.addForPrograms(std::move(none));
+  return statusFor(report.outcome(), kNotFound, options.output);
+}
+
+int report(const std::string& text, const Options& options, LogCollector& log,
+           FactsOutput& output) {
+  const Found found = lookUp(text, Uri(text));
+  const std::vector<Report::LogLine> lines = log.take();
+  if (!options.output.quiet) writeLog(text, lines);
+  if (found.crls.empty()) return reportNone(text, found.report, options, output);
   if (!found.cached && !found.stored) {
-    writeErrorLine("pkx509: " + text + ": not stored in " + kCRLCacheDirectory);
+    writeErrorLine("pkx509: " + text + ": not stored in " + kCRLCacheDirectory +
+                   whyNotStored(found.report));
   }
   int status = kAllValid;
   for (const RefCertificateRevocationList& crl : found.crls) {
     Facts facts = factsOf(text, crl);
     facts["source"] = found.cached ? "cache" : "network";
-    status = std::max(status, output.add(std::move(facts)));
+    if (options.output.json) finish(facts, found.report);
+    status = worse(status, output.add(std::move(facts)));
   }
   return status;
 }
@@ -110,10 +136,10 @@ int run(const Options& options) {
     if (Uri(text).isNull()) throw ToolError("\"" + text + "\" is no URI");
   }
   LogCollector log;
-  FactsOutput output(options.json);
+  FactsOutput output(options.output.json, options.output.quiet);
   int status = kAllValid;
   for (const std::string& text : options.uris) {
-    status = std::max(status, report(text, log, output));
+    status = worse(status, report(text, options, log, output));
   }
   output.finish();
   return status;
@@ -130,13 +156,20 @@ Nothing is verified: whoever answers for the host decides what is shown.
 Output:
   The facts of each CRL, as "pkx509 show" prints them, with the URI in the place of the file, and where
   it came from. Log lines go to standard error, as "URI: <priority> text", and so does a line that says
-  that the cache cannot be read or written. With --json an array of an object for each CRL, with the keys
-  of "pkx509 show" and source ("cache" or "network").
+  that the cache cannot be read or written, and where there is no CRL one with rule, URI and what to do.
+  With --json an array of an object for each CRL, with the keys of "pkx509 show", source ("cache" or
+  "network"), schemaVersion (1), outcome ("valid"), findings (what is wrong with the cache) and sources. A
+  URI without a CRL has an object with file, type ("none"), schemaVersion, outcome, line, findings (the
+  decisive one first) and sources, both as "pkx509 verify --json" has them. docs/pkx509.schema.json
+  describes them.
+  With --quiet there is no output but errors.
 
 Exit status:
-  0  There was a CRL for each URI.
-  1  For at least one there was none. A line on standard error says so.
-  2  Wrong usage, or a CRL of which a part is broken.
+  0   There was a CRL for each URI.
+  1   For at least one there was none. A line on standard error says so.
+  2   Wrong usage, or a CRL of which a part is broken.
+  75  With --tempfail: for at least one there was none, and all of these may be there later. Of several
+      URIs 2 counts before 1, and 1 before 75.
 
 Examples:
   pkx509 crl http://crl.example.com/ca.crl
@@ -151,7 +184,7 @@ void addCRLCommand(CommandLine& commandLine) {
   const auto options = std::make_shared<Options>();
   Subcommand command = commandLine.add("crl", "Fetches CRLs by URI, as a verification does.");
   command.argument("URI", "where the CRL is, http or https", options->uris);
-  command.flag("--json", "prints JSON", options->json);
+  addAnswerOptions(command, options->output);
   command.footer(kHelp);
   command.action([options] { return run(*options); });
 }

@@ -12,10 +12,14 @@ int FactsOutput::add(Facts facts) {
   const int status = hasProblems(facts) ? kError : kAllValid;
   if (json_) {
     all_.push_back(std::move(facts));
-  } else {
+  } else if (!quiet_) {
     writeOutput(factsText(facts));
   }
   return status;
+}
+
+void FactsOutput::addForPrograms(Facts facts) {
+  if (json_) all_.push_back(std::move(facts));
 }
 
 void FactsOutput::finish() {

@@ -1,6 +1,7 @@
 #include "Input.h"
 
 #include "Content.h"
+#include "HashNames.h"
 #include "Status.h"
 
 #include <velantrix/Buffer.h>
@@ -10,7 +11,6 @@
 #include <cerrno>
 #include <dirent.h>
 #include <memory>
-#include <string_view>
 #include <system_error>
 #include <unistd.h>
 
@@ -31,17 +31,6 @@ struct CloseDirectory {
 
 Buffer borrowed(const std::string& content) {
   return Buffer(content.data(), static_cast<unsigned int>(content.size()), false);
-}
-
-// Names that `openssl rehash` and the library make: hexadecimal digits, ".", "r" for a CRL, a
-// number.
-bool isHashName(std::string_view name) {
-  const std::size_t dot = name.find('.');
-  if (dot == 0 || dot == std::string_view::npos) return false;
-  if (name.find_first_not_of("0123456789abcdefABCDEF") != dot) return false;
-  name.remove_prefix(dot + 1);
-  if (name.starts_with('r')) name.remove_prefix(1);
-  return !name.empty() && name.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
 }  // namespace

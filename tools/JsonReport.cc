@@ -1,5 +1,6 @@
 #include "JsonText.h"
 #include "Report.h"
+#include "ReportJson.h"
 
 #include <utility>
 
@@ -26,8 +27,10 @@ Value retrievalOf(const Report& report) {
 }
 
 Value valueOf(const Report& report) {
-  Value::Object members = {{"file", report.file},
+  Value::Object members = {{"schemaVersion", kSchemaVersion},
+                           {"file", report.file},
                            {"verdict", report.valid() ? "valid" : "invalid"},
+                           {"outcome", nameOf(report.found.outcome())},
                            {"code", report.code},
                            {"text", report.text},
                            {"verifier", report.verifier}};
@@ -39,6 +42,7 @@ Value valueOf(const Report& report) {
     members.emplace_back("notes", Value::Array(report.notes.begin(), report.notes.end()));
   }
   if (!report.retrieval.empty()) members.emplace_back("retrieval", retrievalOf(report));
+  addReport(members, report.found);
   members.emplace_back("log", logValue(report.log));
   return members;
 }

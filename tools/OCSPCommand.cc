@@ -4,6 +4,8 @@
 #include "LogCollector.h"
 #include "Printable.h"
 #include "Report.h"
+#include "ReportJson.h"
+#include "ReportOptions.h"
 #include "Responders.h"
 #include "StandardStreams.h"
 #include "Status.h"
@@ -12,6 +14,7 @@
 #include <pkx509/FixedPaths.h>
 #include <pkx509/OCSP.h>
 #include <pkx509/ObjectStore.h>
+#include <pkx509/VerificationReport.h>
 #include <pkx509/Verifier.h>
 #include <velantrix/Uri.h>
 
@@ -36,12 +39,13 @@ struct Options {
   std::optional<std::string> caDirectory;
   std::optional<std::string> uri;
   unsigned int timeout = 0;
-  bool json = false;
+  ReportOptions output;
 };
 
 struct Asked {
   std::optional<std::string> uri;  // of the responder that was reached
   int code = OCSP::kNoAnswer;
+  VerificationReport report;
   std::vector<Report::LogLine> log;
 };
 
@@ -100,13 +104,19 @@ Asked ask(const Options& options, const std::list<RefCertificate>& chain) {
     for (const Uri& responder : responders) {
       OCSP::Client client(verifier, chain);
       client.maxQueryTime(options.timeout);
-      if (!client.connect(responder)) continue;
-      asked.uri = responder.asString();
-      asked.code = client.isRevoked(chain.front());
-      break;
+      if (client.connect(responder)) {
+        asked.uri = responder.asString();
+        asked.code = client.isRevoked(chain.front());
+        asked.report = client.report();
+        break;
+      }
+      // Of several that were not reached one that may be there later tells more than the others.
+      if (asked.report.outcome() != Outcome::kTemporary || &responder == &responders.front()) {
+        asked.report = client.report();
+      }
     }
   } catch (const std::exception& error) {
-    writeLog(options.file, log.take());
+    if (!options.output.quiet) writeLog(options.file, log.take());
     throw ToolError(describe(options.file, error));
   }
   asked.log = log.take();
@@ -114,12 +124,33 @@ Asked ask(const Options& options, const std::list<RefCertificate>& chain) {
 }
 
 std::string jsonOf(const Options& options, const Asked& asked) {
-  return jsonText(Value::Array{Value::Object{{"file", options.file},
-                                             {"uri", asked.uri ? Value(*asked.uri) : Value()},
-                                             {"answer", wordOf(asked.code)},
-                                             {"code", asked.code},
-                                             {"text", textOf(asked)},
-                                             {"log", logValue(asked.log)}}});
+  Value::Object members = {{"schemaVersion", kSchemaVersion},
+                           {"file", options.file},
+                           {"uri", asked.uri ? Value(*asked.uri) : Value()},
+                           {"answer", wordOf(asked.code)}};
+  addAnswer(members, asked.report);
+  members.emplace_back("code", asked.code);
+  members.emplace_back("text", textOf(asked));
+  members.emplace_back("log", logValue(asked.log));
+  return jsonText(Value::Array{members});
+}
+
+std::string textOf(const Options& options, const Asked& asked) {
+  const std::string word = wordOf(asked.code);
+  std::string text = printable(options.file) + ": " + (word == "none" ? "no answer" : word) +
+                     ", code " + std::to_string(asked.code) + " (" + textOf(asked) + ")" +
+                     (asked.uri ? ", from " + printable(*asked.uri) : std::string()) + "\n";
+  return asked.report.valid() ? text : text + "  " + asked.report.line() + '\n';
+}
+
+void write(const Options& options, const Asked& asked) {
+  if (options.output.quiet) return;
+  if (options.output.json) {
+    writeOutput(jsonOf(options, asked));
+    return;
+  }
+  writeLog(options.file, asked.log);
+  writeOutput(textOf(options, asked));
 }
 
 int run(const Options& options) {
@@ -130,17 +161,10 @@ int run(const Options& options) {
   chain.splice(chain.end(), rest);
 
   const Asked asked = ask(options, chain);
-  if (options.json) {
-    writeOutput(jsonOf(options, asked));
-  } else {
-    writeLog(options.file, asked.log);
-    const std::string word = asked.code > OCSP::kRevoked ? "no answer" : wordOf(asked.code);
-    writeOutput(printable(options.file) + ": " + word + ", code " + std::to_string(asked.code) +
-                " (" + textOf(asked) + ")" +
-                (asked.uri ? ", from " + printable(*asked.uri) : std::string()) + "\n");
-  }
+  write(options, asked);
   if (asked.code == OCSP::kGood) return kAllValid;
-  return asked.code == OCSP::kRevoked ? kNotValid : kError;
+  return statusFor(asked.report.outcome(), asked.code == OCSP::kRevoked ? kNotValid : kError,
+                   options.output);
 }
 
 constexpr char kHelp[] = R"(
@@ -157,14 +181,18 @@ compared with the clock, and an answer that does not mention the certificate mea
 Output:
   A line with the answer, its code and the responder: good (0), revoked (1), no usable answer (2, 101
   the responder's certificate is not valid, 117 the signature is wrong, 118 the responder's certificate
-  is unknown). Log lines go to standard error, as "CERT: <priority> text". With --json an array of one
-  object: file, uri (null when no responder was reached), answer ("good", "revoked" or "none"), code,
-  text, log (objects with priority, text).
+  is unknown); where it is not good a line below with rule, source and what to do. Log lines go to
+  standard error, as "CERT: <priority> text". With --json an array of one object: schemaVersion (1),
+  file, uri (null when no responder was reached), answer ("good", "revoked" or "none"), outcome ("valid",
+  "permanent", "temporary" or "local"), where it is not good line, then findings (the decisive one first)
+  and sources, both as "pkx509 verify --json" has them, code, text, log (objects with priority, text);
+  docs/pkx509.schema.json describes them. With --quiet there is no output but errors.
 
 Exit status:
-  0  Good.
-  1  Revoked.
-  2  No usable answer, wrong usage, or something that cannot be read.
+  0   Good.
+  1   Revoked.
+  2   No usable answer, wrong usage, or something that cannot be read.
+  75  With --tempfail: no usable answer, and the outcome is temporary.
 
 Examples:
   pkx509 ocsp --chain intermediates.pem person.pem
@@ -185,7 +213,7 @@ void addOCSPCommand(CommandLine& commandLine) {
                  options->caDirectory);
   command.numberOption("--timeout", "SECONDS", "seconds for the query, default 30",
                        options->timeout, 1, 3600);
-  command.flag("--json", "prints JSON", options->json);
+  addAnswerOptions(command, options->output);
   command.footer(kHelp);
   command.action([options] { return run(*options); });
 }

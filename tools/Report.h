@@ -1,7 +1,10 @@
 // What is said about one certificate, and how it is written.
 #pragma once
 
+#include "Terminal.h"
 #include "Value.h"
+
+#include <pkx509/VerificationReport.h>
 
 #include <openssl/x509_vfy.h>
 
@@ -44,11 +47,16 @@ struct Report {
   std::vector<std::string> notes;      ///< what whoever chose the flags may not expect of them
   std::vector<LogLine> log;
   std::vector<Retrieval> retrieval;
+  Crypto::PKX509::VerificationReport found;  ///< why
 };
 
 /// For people. Log lines are not part of it, see `writeLog`.
-/// @param colour whether the verdict is green or red
-std::string textReport(const Report& report, bool colour);
+/// @param explain whether a tree says why, in the place of the chain
+std::string textReport(const Report& report, const TextStyle& style, bool explain);
+
+/// The log without the line that the text report has as well.
+std::vector<Report::LogLine> logWithoutLine(const Report& report);
+
 /// Writes log lines to standard error, each as "SUBJECT: <priority> text".
 void writeLog(const std::string& subject, const std::vector<Report::LogLine>& lines);
 

@@ -1,14 +1,16 @@
 // `pkx509 simple`: asks the verifier of daemons without a trust store of their own.
+#include "DirectoryWarnings.h"
 #include "Input.h"
 #include "KeyUsage.h"
 #include "LogCollector.h"
 #include "OptionValues.h"
 #include "Report.h"
-#include "StandardStreams.h"
+#include "ReportOptions.h"
 #include "Status.h"
 #include "Subcommands.h"
 #include "Terminal.h"
 
+#include <pkx509/FixedPaths.h>
 #include <pkx509/SimpleVerifier.h>
 
 #include <openssl/x509_vfy.h>
@@ -32,8 +34,7 @@ struct Options {
   int keyUsage = 0;
   bool requireKeyUsage = false;
   bool conforming = false;
-  bool json = false;
-  std::string colour = "auto";
+  ReportOptions output;
 };
 
 Report verify(const Options& options, const RefCertificate& certificate) {
@@ -43,8 +44,8 @@ Report verify(const Options& options, const RefCertificate& certificate) {
   report.verifier = options.conforming ? Report::kConforming : Report::kClassic;
   report.pathKnown = false;
   try {
-    report.code =
-        SimpleVerifier::instance()->isValid(certificate, options.keyUsage, options.requireKeyUsage);
+    report.code = SimpleVerifier().isValid(certificate, options.keyUsage, options.requireKeyUsage,
+                                           report.found);
     report.text = report.code == kNoVerdict
                       ? "the key usage does not fit, or the verification could not be carried out"
                       : X509_verify_cert_error_string(report.code);
@@ -58,16 +59,18 @@ Report verify(const Options& options, const RefCertificate& certificate) {
 }
 
 int run(const Options& options) {
-  const bool colour = wantsColour(options.colour);
+  static_cast<void>(wantsColour(options.output.colour));  // a wrong word is found before any work
   SimpleVerifier::useConformingVerifier(options.conforming);
-  const Report report = verify(options, readCertificates(options.file).front());
-  if (options.json) {
-    writeOutput(jsonReport({report}));
+  const RefCertificate certificate = readCertificates(options.file).front();
+  warnAboutTrustDirectory(Crypto::PKX509::kCADirectory);
+  warnAboutCRLDirectories({});
+  const Report report = verify(options, certificate);
+  if (options.output.json) {
+    writeJson({report}, options.output);
   } else {
-    writeLog(options.file, report.log);
-    writeOutput(textReport(report, colour));
+    writeText(report, options.output);
   }
-  return report.valid() ? kAllValid : kNotValid;
+  return report.valid() ? kAllValid : statusFor(report.found.outcome(), kNotValid, options.output);
 }
 
 constexpr std::string_view kBeforeNames = R"(
@@ -85,22 +88,29 @@ Without --require-key-usage a key usage that does not fit is a log line and noth
 certificate that does not restrict its key usage always fits.
 
 Output:
-  The verdict, OpenSSL's code and text for it, the verifier that decided. The code is -1 when the key
-  usage was refused or when the verification could not be carried out. Log lines that explain it go to
-  standard error, as "CERT: <priority> text".
-  With --json everything goes to standard output, as an array of one object: file, verdict ("valid"
-  or "invalid"), code, text, verifier ("classic" or "conforming"), log (objects with priority, text).
+  The verdict, OpenSSL's code and text for it, the verifier that decided; under the verdict of a
+  certificate that is not valid a line that says why. The code is -1 when the key usage was refused or
+  when the verification could not be carried out. Log lines go to standard error, as
+  "CERT: <priority> text", and so do warnings, as "pkx509: warning: PATH: reason".
+  With --explain a tree says why, as "pkx509 verify --help" tells.
+  With --json everything goes to standard output, as an array of one object: schemaVersion (1), file,
+  verdict ("valid" or "invalid"), outcome ("valid", "permanent", "temporary" or "local"), code, text,
+  verifier ("classic" or "conforming"), where it is not valid line, then checkTime, path, findings,
+  sources, totals, leftOut, log (objects with priority, text); docs/pkx509.schema.json describes them.
   JSON is never coloured, and with NO_COLOR set in the environment or TERM being "dumb", --color=auto
   is "never".
+  With --quiet there is no output but errors and warnings.
 
 Exit status:
-  0  The certificate is valid.
-  1  It is not, or the verification could not be carried out.
-  2  Wrong usage, or CERT cannot be read. A line on standard error says so.
+  0   The certificate is valid.
+  1   It is not, or the verification could not be carried out.
+  2   Wrong usage, or CERT cannot be read. A line on standard error says so.
+  75  With --tempfail: it is not valid, and the outcome is temporary: it may be valid later.
 
 Examples:
   pkx509 simple person.pem
   pkx509 simple --key-usage digitalSignature,nonRepudiation --require-key-usage person.pem
+  pkx509 simple --conforming --explain person.pem
 )";
 
 std::string helpText() {
@@ -125,8 +135,7 @@ void addSimpleCommand(CommandLine& commandLine) {
   command.needs("--require-key-usage", "--key-usage");
   command.flag("--conforming", "with the conforming verifier, as daemons that ask for it",
                options->conforming);
-  command.flag("--json", "prints JSON", options->json);
-  command.option("--color", "WHEN", kColourHelp, options->colour);
+  addReportOptions(command, options->output);
   command.footer(helpText());
   command.action([options] { return run(*options); });
 }

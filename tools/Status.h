@@ -5,11 +5,12 @@
 
 namespace Velantrix::Tool {
 
-/// Exit statuses. Of several certificates the highest one counts.
+/// Exit statuses. Of several certificates `worse()` says which one counts.
 enum Status : int {
   kAllValid = 0,
   kNotValid = 1,
-  kError = 2,  ///< the command line, an input or the output was no good: there is no verdict
+  kError = 2,      ///< the command line, an input or the output was no good: there is no verdict
+  kTempFail = 75,  ///< not valid, and may be valid later; sysexits.h calls it EX_TEMPFAIL
 };
 
 /// Ends in one line on standard error and in `kError`. The text names the option or the file.

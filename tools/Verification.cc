@@ -113,6 +113,7 @@ Report verify(const VerificationSettings& settings, const std::list<RefCertifica
   Report report;
   report.verifier = settings.classic ? Report::kClassic : Report::kConforming;
   report.code = verifier.isValid();
+  report.found = verifier.report();
   report.text = X509_verify_cert_error_string(report.code);
   if (!report.valid()) report.depth = X509_STORE_CTX_get_error_depth(verifier);
   report.chain = chainOf(verifier);

@@ -1,10 +1,12 @@
 // `pkx509 verify`: verifies certificates.
 #include "Content.h"
+#include "DirectoryWarnings.h"
 #include "Input.h"
 #include "LogCollector.h"
 #include "OptionValues.h"
 #include "Progress.h"
 #include "Report.h"
+#include "ReportOptions.h"
 #include "StandardStreams.h"
 #include "Status.h"
 #include "Subcommands.h"
@@ -20,6 +22,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Velantrix::Tool {
@@ -34,8 +37,7 @@ struct Options {
   unsigned int securityLevel = static_cast<unsigned int>(settings.revocation.securityLevel);
   std::optional<std::string> ldap;
   std::optional<std::string> bindDn;
-  bool json = false;
-  std::string colour = "auto";
+  ReportOptions output;
 };
 
 // Finds what is wrong with the command line before anything is verified.
@@ -57,6 +59,8 @@ void prepare(Options& options) {
   for (const std::string& directory : settings.crlDirectories) {
     requireHashDirectory("--crl-dir", directory);
   }
+  warnAboutTrustDirectory(settings.caDirectory);
+  warnAboutCRLDirectories(settings.crlDirectories);
   for (const std::string& file : options.untrustedFiles) {
     std::list<Crypto::PKX509::RefCertificate> certificates = readCertificates(file);
     settings.untrusted.splice(settings.untrusted.end(), certificates);
@@ -72,7 +76,7 @@ Report reportOn(const Options& options, const std::string& file, LogCollector& l
   } catch (const ToolError&) {
     throw;
   } catch (const std::exception& error) {
-    if (!options.json) writeLog(file, log.take());
+    if (!options.output.json && !options.output.quiet) writeLog(file, log.take());
     throw ToolError(describe(file, error));
   }
   report.file = file;
@@ -80,33 +84,41 @@ Report reportOn(const Options& options, const std::string& file, LogCollector& l
   return report;
 }
 
+// Nothing, and a line on standard error, where there is no verdict.
+std::optional<Report> attempt(const Options& options, const std::string& file, LogCollector& log,
+                              Progress& progress) {
+  try {
+    return reportOn(options, file, log, progress);
+  } catch (const ToolError& error) {
+    writeErrorLine(std::string("pkx509: ") + error.what());
+    static_cast<void>(log.take());
+    return std::nullopt;
+  }
+}
+
+int statusOf(const std::optional<Report>& report, const ReportOptions& options) {
+  if (!report) return kError;
+  return report->valid() ? kAllValid : statusFor(report->found.outcome(), kNotValid, options);
+}
+
 int run(Options& options) {
   LogCollector log;
-  const bool colour = wantsColour(options.colour);
+  static_cast<void>(wantsColour(options.output.colour));  // a wrong word is found before any work
   prepare(options);
   Progress progress(options.files.size());
   int status = kAllValid;
   std::vector<Report> reports;
   for (const std::string& file : options.files) {
-    Report report;
-    try {
-      report = reportOn(options, file, log, progress);
-    } catch (const ToolError& error) {
-      writeErrorLine(std::string("pkx509: ") + error.what());
-      static_cast<void>(log.take());
-      status = kError;
-      continue;
-    }
-    if (!report.valid()) status = std::max<int>(status, kNotValid);
-    if (options.json) {
-      reports.push_back(std::move(report));
+    std::optional<Report> report = attempt(options, file, log, progress);
+    status = worse(status, statusOf(report, options.output));
+    if (!report) continue;
+    if (options.output.json) {
+      reports.push_back(std::move(*report));
     } else {
-      writeLog(file, report.log);
-      writeRetrieval(file, report.retrieval);
-      writeOutput(textReport(report, colour));
+      writeText(*report, options.output);
     }
   }
-  if (options.json) writeOutput(jsonReport(reports));
+  writeJson(reports, options.output);
   return status;
 }
 
@@ -147,26 +159,45 @@ no OCSP responder is asked. A note says so where the certificate names one.
 
 Output:
   For each certificate its verdict, OpenSSL's code and text for it, the depth at which it failed, the
-  verifier that decided and the path that was built. Log lines that explain it go to standard error,
-  as "FILE: <priority> text", and so does which CRL could not be fetched or kept in the cache, as
-  "FILE: not fetched: URI: reason" and "FILE: not cached: URI: reason".
+  verifier that decided and the path that was built. Under the verdict of one that is not valid stands
+  why, on one line: rule, certificate, values, source and what to do; docs/REASONS.md has a section for
+  each rule. Log lines go to standard error, as "FILE: <priority> text", and so does which CRL could not
+  be fetched or kept in the cache, as "FILE: not fetched: URI: reason" and "FILE: not cached: URI: reason".
+  With --explain a tree says why it is valid or is not: what was found against it, each certificate of the
+  path with its revocation status and who says so, and the sources that were asked. It is as wide as the
+  terminal, 80 columns where there is none, and has boxes where the locale is UTF-8.
   With --json everything goes to standard output, as an array of an object for each certificate:
-  file, verdict ("valid" or "invalid"), code, text, verifier ("conforming" or "classic"), depth, chain
-  (objects with subject, issuer, serial), log (objects with priority, text) and, where there are some,
-  notes (texts) and retrieval (objects with what, uri, reason). JSON is never coloured, and with
-  NO_COLOR set in the environment or TERM being "dumb", --color=auto is "never".
+  schemaVersion (1), file, verdict ("valid" or "invalid"), outcome (see below), code, text, verifier
+  ("conforming" or "classic"), depth, chain (objects with subject, issuer, serial), where there are some,
+  notes (texts) and retrieval (objects with what, uri, reason), where it is not valid line, then checkTime,
+  path, findings (objects with rule, outcome, title, advice, certificate, details, origin, findings),
+  sources, totals, leftOut, log (objects with priority, text). docs/pkx509.schema.json describes all of it.
+  JSON is never coloured, and with NO_COLOR set in the environment or TERM being "dumb", --color=auto is
+  "never".
+  Warnings go to standard error, as "pkx509: warning: PATH: reason": a directory of trusted certificates
+  that has none, a file in it or among the CRLs that cannot be read, a cache of CRLs that is not there.
+  With --quiet there is no output but errors and warnings.
+
+Outcome:
+  permanent  Waiting does not help: revoked, forged, expired, not allowed.
+  temporary  It may be valid later: a host that does not answer, a CRL that has expired, ...
+  local      Something on this machine has to be mended: directories, files, settings.
 
 Exit status:
-  0  All certificates are valid.
-  1  At least one is not.
-  2  Wrong usage, or something that cannot be read: a certificate, a directory, a malformed CRL in a
-     directory. A line on standard error names it. Certificates that could be verified are reported
-     all the same, the others are not.
+  0   All certificates are valid.
+  1   At least one is not.
+  2   Wrong usage, or something that cannot be read: a certificate, a directory, a malformed CRL in a
+      directory. A line on standard error names it. Certificates that could be verified are reported
+      all the same, the others are not.
+  75  With --tempfail: at least one is not valid, and the outcome of all of these is temporary. Of several
+      certificates 2 counts before 1, and 1 before 75.
 
 Examples:
   pkx509 verify person.pem
   pkx509 verify --ca-dir /etc/ssl/certs --crl-dir crls --untrusted chain.pem person.pem
+  pkx509 verify --explain --untrusted chain.pem person.pem
   pkx509 verify --classic person.pem
+  pkx509 verify --quiet --tempfail person.pem
   pkx509 verify --json --at 2026-11-21T05:00:00Z a.pem b.der
   openssl s_client -showcerts -connect mx.example.com:465 </dev/null | pkx509 verify -
 )";
@@ -244,8 +275,7 @@ void addVerifyCommand(CommandLine& commandLine) {
                "OpenSSL's revocation check in place of the library's, with --classic",
                settings.openSSLRevocation);
   command.needs("--openssl-revocation", "--classic");
-  command.flag("--json", "prints JSON", options->json);
-  command.option("--color", "WHEN", kColourHelp, options->colour);
+  addReportOptions(command, options->output);
   command.footer(helpText());
   command.action([options] { return run(*options); });
 }

@@ -80,7 +80,7 @@ TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
   EXPECT_EQ(offered({"--v"}), (Words{"--version"}));
   EXPECT_EQ(offered({"x"}), (Words{}));
   const Words verify = optionsIn(tool({"verify", "--help"}).out);
-  EXPECT_EQ(verify.size(), 16U);
+  EXPECT_EQ(verify.size(), 19U);
   EXPECT_EQ(offered({"verify", "-"}), verify);
   EXPECT_EQ(offered({"verify", "a.pem", "--json", "--"}), verify);
   EXPECT_EQ(offered({"verify", "--c"}), (Words{"--ca-dir", "--classic", "--crl-dir", "--color"}));

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <linux/capability.h>
 #include <memory>
+#include <regex>
 #include <stdexcept>
 #include <sys/prctl.h>
 
@@ -80,6 +81,12 @@ std::string ToolFixture::keysOf(const CommandResult& result) {
   std::string keys;
   for (const auto& item : objects.at(0).items()) keys += item.key() + " ";
   return keys;
+}
+
+std::string ToolFixture::withoutMeasures(const std::string& text) {
+  static const std::regex alone(" \\(([0-9]+ octets(, )?)?(after [0-9]+ ms)?\\)");
+  static const std::regex last("(, [0-9]+ octets)?(, after [0-9]+ ms)?\\)");
+  return std::regex_replace(std::regex_replace(text, alone, ""), last, ")");
 }
 
 long linesIn(const std::string& text) { return std::count(text.begin(), text.end(), '\n'); }

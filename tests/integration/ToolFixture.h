@@ -52,6 +52,8 @@ class ToolFixture : public testing::Test {
   static nlohmann::json parsed(const CommandResult& result);
   /// The keys of the first one in their order, each with a blank after it.
   static std::string keysOf(const CommandResult& result);
+  /// Lines of reports without how much was read and how long it took, which differ.
+  static std::string withoutMeasures(const std::string& text);
 
  private:
   TempDir directory_;

@@ -69,7 +69,9 @@ TEST_F(ToolSimple, Json_HasExactlyTheKeysInOrder) {
   const auto report = nlohmann::ordered_json::parse(result.out).at(0);
   std::string keys;
   for (const auto& item : report.items()) keys += item.key() + " ";
-  EXPECT_EQ(keys, "file verdict code text verifier log ");
+  EXPECT_EQ(keys,
+            "schemaVersion file verdict outcome code text verifier line checkTime path findings "
+            "sources totals leftOut log ");
   EXPECT_EQ(report.at("file"), person("revoked"));
   EXPECT_EQ(report.at("verdict"), "invalid");
   EXPECT_EQ(report.at("code"), 23);
@@ -86,9 +88,12 @@ TEST_F(ToolSimple, Text_HasTheVerdict_AndLogsToStandardError) {
   EXPECT_EQ(good.err, "");
   const CommandResult revoked = tool({"simple", "--color=always", person("revoked")});
   EXPECT_EQ(revoked.status, 1);
-  EXPECT_EQ(revoked.out, person("revoked") +
-                             ": \x1b[31minvalid\x1b[0m, code 23 (certificate "
-                             "revoked)\n  verifier: classic\n");
+  const std::string begin = person("revoked") +
+                            ": \x1b[31minvalid\x1b[0m, code 23 (certificate revoked)\n"
+                            "  revoked: CN=revoked,O=Example Mail (depth 0, serial ";
+  EXPECT_TRUE(revoked.out.starts_with(begin)) << revoked.out;
+  EXPECT_TRUE(revoked.out.ends_with("\n  verifier: classic\n")) << revoked.out;
+  EXPECT_EQ(linesIn(revoked.out), 3);
   EXPECT_TRUE(revoked.err.starts_with(person("revoked") + ": <7> Certificate, ( CN=revoked,"))
       << revoked.err;
   EXPECT_EQ(linesIn(revoked.err), 1);

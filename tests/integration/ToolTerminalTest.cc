@@ -1,6 +1,7 @@
 // Colour and progress: only on a terminal.
 #include "ToolFixture.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -11,8 +12,10 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <system_error>
@@ -34,11 +37,14 @@ enum class Stream { Terminal, File };
 class Running {
  public:
   Running(const std::vector<std::string>& arguments, Stream out, Stream err,
-          const std::string& file, std::vector<std::string> variables = {})
+          const std::string& file, std::vector<std::string> variables = {}, int columns = 0)
       : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
     if (master_ < 0 || ::grantpt(master_) != 0 || ::unlockpt(master_) != 0) {
       fail("no pseudo-terminal", errno);
     }
+    winsize size = {};
+    size.ws_col = static_cast<unsigned short>(columns);  // 0: the terminal does not know
+    if (::ioctl(master_, TIOCSWINSZ, &size) != 0) fail("TIOCSWINSZ", errno);
     std::array<char, 128> name{};
     if (const int error = ::ptsname_r(master_, name.data(), name.size())) fail("ptsname", error);
     posix_spawn_file_actions_t actions;
@@ -180,6 +186,31 @@ TEST_F(ToolTerminal, VerdictsAreColoured_OnATerminal_AndNotOtherwise) {
     EXPECT_EQ(out.find('\x1b') != std::string::npos, row.coloured) << out;
     EXPECT_NE(out.find("valid"), std::string::npos) << out;
   }
+}
+
+TEST_F(ToolTerminal, Tree_IsAsWideAsTheTerminal_AndColoured) {
+  const auto widthAt = [&](int columns, const char* when) {
+    Running running(verifyWith("good") + Arguments{"--explain", "--color", when, person("revoked")},
+                    Stream::Terminal, Stream::File, own("err"), {"TERM=xterm", "LC_ALL=C"},
+                    columns);
+    EXPECT_EQ(running.end(), 1);
+    const std::string screen = running.screen();
+    EXPECT_EQ(
+        screen.find("\x1b[31mrevoked: the certificate is revoked\x1b[0m\n") != std::string::npos,
+        std::string(when) == "auto")
+        << screen;
+    std::istringstream lines(screen.substr(screen.find('\n') + 1));
+    std::size_t width = 0;
+    for (std::string line; std::getline(lines, line);) width = std::max(width, line.size());
+    return width;
+  };
+  EXPECT_LE(widthAt(0, "never"), 80U);
+  EXPECT_GT(widthAt(0, "never"), 60U);
+  EXPECT_LE(widthAt(60, "never"), 60U);
+  EXPECT_LE(widthAt(5, "never"), 48U) << "what is less than 40 counts as 40";
+  EXPECT_GT(widthAt(132, "never"), 100U);
+  EXPECT_LE(widthAt(132, "never"), 132U);
+  widthAt(80, "auto");
 }
 
 TEST_F(ToolTerminal, ColourOfAnotherName_IsRefused) {

@@ -34,6 +34,15 @@ class Tool : public ToolFixture {
     return code;
   }
 
+  // The conforming verifier's line, priority 5, is also what text has below the verdict.
+  static nlohmann::json withoutReportLine(const nlohmann::json& log) {
+    nlohmann::json rest = nlohmann::json::array();
+    for (const nlohmann::json& line : log) {
+      if (line.at("priority") != 5) rest.push_back(line);
+    }
+    return rest;
+  }
+
   static std::string serialOf(const std::string& file) {
     const CommandResult result = runCommand({"openssl", "x509", "-in", file, "-noout", "-serial"});
     return result.out.substr(result.out.find('=') + 1, result.out.size() - 8);
@@ -93,7 +102,7 @@ TEST_F(Tool, EachPersonWithEachDirectoryOfCRLs_HasItsVerdict) {
       EXPECT_EQ(report.at("log"), nlohmann::json::array());
       return;
     }
-    const nlohmann::json last = report.at("log").back();
+    const nlohmann::json last = withoutReportLine(report.at("log")).back();
     EXPECT_EQ(last.at("priority"), 7);
     const std::string text = last.at("text");
     EXPECT_TRUE(text.starts_with("Certificate, ( CN=")) << text;
@@ -154,7 +163,11 @@ TEST_F(Tool, Json_HasExactlyTheKeysInOrder) {
   const auto& report = reports.at(1);
   std::string keys;
   for (const auto& item : report.items()) keys += item.key() + " ";
-  EXPECT_EQ(keys, "file verdict code text verifier depth chain log ");
+  EXPECT_EQ(keys,
+            "schemaVersion file verdict outcome code text verifier depth chain line checkTime path "
+            "findings sources totals leftOut log ");
+  EXPECT_EQ(report.at("schemaVersion"), 1);
+  EXPECT_EQ(report.at("outcome"), "permanent");
   EXPECT_EQ(report.at("file"), person("revoked"));
   EXPECT_EQ(report.at("verdict"), "invalid");
   EXPECT_EQ(report.at("code"), 23);
@@ -167,7 +180,8 @@ TEST_F(Tool, Json_HasExactlyTheKeysInOrder) {
             R"("serial":")" +
                 serialOf(person("revoked")) + "\"}");
   EXPECT_EQ(report.at("chain").at(3).at("subject"), "CN=Root,O=Example Mail");
-  ASSERT_EQ(report.at("log").size(), 1U);
+  ASSERT_EQ(report.at("log").size(), 2U);
+  EXPECT_EQ(report.at("log").at(1).at("text"), report.at("line"));
   EXPECT_EQ(report.at("log").at(0).dump(),
             R"({"priority":7,"text":"Certificate, ( CN=revoked,O=Example Mail / )"
             "CN=Intermediate 2,O=Example Mail serialNumber: " +
@@ -182,13 +196,18 @@ TEST_F(Tool, Text_NamesVerdictAndPath_AndLogsToStandardError) {
   const std::string file = person("stranger");
   const CommandResult result = tool(verifyWith("good") + Arguments{file});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, file +
-                            ": invalid, code 20 (unable to get local issuer certificate), depth 0\n"
-                            "  verifier: conforming\n"
-                            "  chain 0: subject CN=stranger,O=Example Mail\n"
-                            "           issuer  CN=Unknown Root,O=Example Mail\n"
-                            "           serial  " +
-                            serialOf(file) + "\n");
+  const std::string line =
+      parsed(tool(verifyWith("good") + Arguments{"--json", file})).at(0).at("line");
+  EXPECT_TRUE(line.starts_with("issuer-unknown: CN=stranger,O=Example Mail (depth 0")) << line;
+  EXPECT_EQ(result.out,
+            file + ": invalid, code 20 (unable to get local issuer certificate), depth 0\n  " +
+                line +
+                "\n"
+                "  verifier: conforming\n"
+                "  chain 0: subject CN=stranger,O=Example Mail\n"
+                "           issuer  CN=Unknown Root,O=Example Mail\n"
+                "           serial  " +
+                serialOf(file) + "\n");
   EXPECT_EQ(result.err,
             file +
                 ": <7> Certificate, ( CN=stranger,O=Example Mail / CN=Unknown Root,O=Example Mail "
@@ -592,7 +611,7 @@ TEST_F(Tool, NamesInCertificates_ReachTheTerminalEscaped) {
     EXPECT_EQ(text.find("\xe2\x80"), std::string::npos) << text;
     EXPECT_NE(text.find("CN=a\\1B[31m\\0Ab"), std::string::npos) << text;
   }
-  EXPECT_EQ(linesIn(result.out), 2 + 2 * 3);
+  EXPECT_EQ(linesIn(result.out), 3 + 2 * 3);
 }
 
 TEST_F(Tool, FileNamesThatLookLikeSomethingElse_AreFiles) {
@@ -614,10 +633,27 @@ TEST_F(Tool, Help_NamesEverything) {
   const CommandResult verify = tool({"verify", "--help"});
   EXPECT_EQ(verify.status, 0);
   EXPECT_EQ(verify.err, "");
-  for (const char* text :
-       {"--ca-dir", "--untrusted", "--crl-dir", "--policy", "--flag", "--no-flag", "--at",
-        "--openssl-revocation", "--classic", "--security-level", "--allow-address", "--json",
-        "--color", "--help", kCADirectory, kCRLDirectory, "Exit status", "Examples"}) {
+  for (const char* text : {"--ca-dir",
+                           "--untrusted",
+                           "--crl-dir",
+                           "--policy",
+                           "--flag",
+                           "--no-flag",
+                           "--at",
+                           "--openssl-revocation",
+                           "--classic",
+                           "--security-level",
+                           "--allow-address",
+                           "--json",
+                           "--explain",
+                           "--quiet",
+                           "--tempfail",
+                           "--color",
+                           "--help",
+                           kCADirectory,
+                           kCRLDirectory,
+                           "Exit status",
+                           "Examples"}) {
     EXPECT_NE(verify.out.find(text), std::string::npos) << text;
   }
 }
