@@ -65,7 +65,7 @@ struct Surroundings {
   int maximumDepth = 0;
   std::set<std::string> requiredPolicies = {};
   std::string trustDirectory = {};
-  bool issuerCameAlong = false;  // one of the name that the path's end asks for, which has not issued it
+  bool issuerCameAlong = false;  // one of the name of the end's issuer, which has not issued it
   std::string crlDirectory = {};
   bool hasCRLSources = false;  // lookup methods, or that directory
 };

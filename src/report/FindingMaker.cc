@@ -25,6 +25,14 @@ std::int64_t secondsBetween(const Time& from, const Time& to) noexcept {
   return to < from ? Limits::min() : Limits::max();
 }
 
+// Two spellings of one name are two texts, so that the octets count. Empty where there are none.
+std::string_view derOf(const X509_NAME* name) {
+  const unsigned char* data = nullptr;
+  std::size_t length = 0;
+  if (name == nullptr || X509_NAME_get0_der(name, &data, &length) != 1) return {};
+  return {reinterpret_cast<const char*>(data), length};
+}
+
 }  // namespace
 
 std::string reportText(std::string_view text) {
@@ -56,9 +64,22 @@ std::string crlNumberText(const ASN1::Integer& number) {
   return text == nullptr ? std::string() : std::string(text.get());
 }
 
+std::string NameTexts::of(const DistinguishedName& name) {
+  const std::string_view wanted = derOf(name.native());
+  for (const auto& [known, text] : known_) {
+    if (known == name.native() || (!wanted.empty() && derOf(known) == wanted)) return text;
+  }
+  return known_.emplace_back(name.native(), reportText(name)).second;
+}
+
 VerificationReport::Subject subjectOf(const RefCertificate& certificate) {
+  NameTexts texts;
+  return subjectOf(certificate, texts);
+}
+
+VerificationReport::Subject subjectOf(const RefCertificate& certificate, NameTexts& texts) {
   if (certificate.empty()) return {};
-  return {reportText(certificate->subject()), reportText(certificate->issuer()),
+  return {texts.of(certificate->subject()), texts.of(certificate->issuer()),
           serialText(X509_get0_serialNumber(certificate))};
 }
 

@@ -14,6 +14,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -21,8 +23,18 @@ namespace Velantrix::Crypto::PKX509 {
 std::string reportText(std::string_view text);
 std::string reportText(const DistinguishedName& name);
 
+// The texts of names as a report takes them, each made once: on a path most stand twice or more.
+class NameTexts {
+ public:
+  std::string of(const DistinguishedName& name);
+
+ private:
+  std::vector<std::pair<const X509_NAME*, std::string>> known_;  // names borrowed
+};
+
 // Empty for an empty handle.
 VerificationReport::Subject subjectOf(const RefCertificate& certificate);
+VerificationReport::Subject subjectOf(const RefCertificate& certificate, NameTexts& texts);
 // Upper case hexadecimal; negative ones with a minus.
 std::string serialText(const ASN1_INTEGER* serial);
 

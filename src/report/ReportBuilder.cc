@@ -1,4 +1,5 @@
 #include "foundation/base/Hex.h"
+#include "foundation/openssl/OpenSSLOwners.h"
 #include "report/Evidence.h"
 #include "report/FindingMaker.h"
 #include "report/PathFindings.h"
@@ -25,7 +26,9 @@ using Source = Report::Source;
 std::string fingerprintOf(X509* certificate) {
   unsigned char digest[EVP_MAX_MD_SIZE] = {};
   unsigned int length = 0;
-  if (X509_digest(certificate, EVP_sha256(), digest, &length) != 1) return {};
+  // Fetched once: OpenSSL's constant is looked for anew at each use.
+  static const Owned<EVP_MD> sha256(EVP_MD_fetch(nullptr, "SHA256", nullptr));
+  if (sha256 == nullptr || X509_digest(certificate, sha256.get(), digest, &length) != 1) return {};
   return hexText(digest, length);
 }
 
@@ -399,9 +402,10 @@ Rule Builder::ruleOfBroken() const {
 
 void Builder::path(TextRoom& room) {
   const std::vector<RefCertificate>& path = surroundings_.path;
+  NameTexts texts;
   for (std::size_t i = 0; i < path.size(); ++i) {
     Report::Link::Content link;
-    link.certificate = subjectOf(path[i]);
+    link.certificate = subjectOf(path[i], texts);
     link.fingerprint = fingerprintOf(path[i]);
     link.notBefore = timeOf(X509_get0_notBefore(path[i]));
     link.notAfter = timeOf(X509_get0_notAfter(path[i]));
@@ -409,7 +413,7 @@ void Builder::path(TextRoom& room) {
     if (i < revocation_.size()) {
       const Revocation::Outcome& outcome = revocation_[i];
       const bool reached = outcome.status != Revocation::Status::kUndetermined || outcome.code != 0;
-      if (reached) link.revocation = resultOf(outcome, evidence_.origins);
+      if (reached) link.revocation = resultOf(outcome, evidence_.origins, texts);
     }
     Report::Link made(std::move(link));
     if (!room.take(sizeOf(made))) {

@@ -680,7 +680,8 @@ Origin originOf(const Statement& statement, const ObjectOrigins& origins) {
           known == nullptr ? std::string() : reportText(known->file())};
 }
 
-Result resultOf(const Revocation::Outcome& outcome, const ObjectOrigins& origins) {
+Result resultOf(const Revocation::Outcome& outcome, const ObjectOrigins& origins,
+                NameTexts& texts) {
   static constexpr std::array kStatus = {Result::Status::kGood, Result::Status::kRevoked,
                                          Result::Status::kUndetermined, Result::Status::kNotNeeded};
   Result::Content content;
@@ -704,7 +705,7 @@ Result resultOf(const Revocation::Outcome& outcome, const ObjectOrigins& origins
     said.issuer = reportText(one.issuer);
     said.number = reportText(one.number);
     if (!one.crl.empty()) {
-      said.issuer = reportText(one.crl->crlInfo().issuer());
+      said.issuer = texts.of(one.crl->crlInfo().issuer());
       said.number = crlNumberText(one.crl->crlNumber());
       said.entries = one.crl->entryCount();
     }

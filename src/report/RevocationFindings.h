@@ -2,6 +2,7 @@
 #pragma once
 
 #include "report/Evidence.h"
+#include "report/FindingMaker.h"
 
 #include <cstddef>
 #include <optional>
@@ -17,7 +18,7 @@ VerificationReport::Origin originOf(const Revocation::Statement& statement,
                                     const ObjectOrigins& origins);
 
 VerificationReport::RevocationResult resultOf(const Revocation::Outcome& outcome,
-                                              const ObjectOrigins& origins);
+                                              const ObjectOrigins& origins, NameTexts& texts);
 
 // One certificate and the outcome of its check.
 struct Checked {

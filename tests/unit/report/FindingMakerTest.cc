@@ -12,6 +12,8 @@ namespace {
 using namespace std::string_literals;
 using Crypto::PKX509::crlNumberText;
 using Crypto::PKX509::FindingMaker;
+using Crypto::PKX509::NameTexts;
+using Crypto::PKX509::RefCertificate;
 using Crypto::PKX509::RefCertificateRevocationList;
 using Crypto::PKX509::reportText;
 using Crypto::PKX509::serialText;
@@ -139,6 +141,18 @@ TEST(FindingMaker, CRLNumbers_AreDecimalUnlessTheyAreTooLong) {
             "1461501637330902918203684832716283019655932542975");
   EXPECT_EQ(number(("01" + std::string(40, 'F')).c_str()), "0x01" + std::string(40, 'F'));
   EXPECT_EQ(crlNumberText(crlHandle({.issuer = &root, .number = std::nullopt})->crlNumber()), "");
+}
+
+// Also of two that OpenSSL takes for one name.
+TEST(FindingMaker, NameTexts_AreThoseOfTheNamesTheyAreAskedFor) {
+  const RefCertificate small = handle(issue({.subject = "CN=anna"}));
+  const RefCertificate large = handle(issue({.subject = "CN=ANNA"}));
+  ASSERT_EQ(small->subject(), large->subject());
+  NameTexts texts;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(texts.of(small->subject()), "CN=anna");
+    EXPECT_EQ(texts.of(large->subject()), "CN=ANNA");
+  }
 }
 
 }  // namespace

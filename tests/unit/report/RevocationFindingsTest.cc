@@ -469,7 +469,8 @@ TEST_F(RevocationFindingsTest, Result_SaysByWhichListsItWasDecided) {
   outcome.revoked = {4, surroundings.checked};
   outcome.decidedBy = {listOf({.number = Serial(7), .revoked = {{.serial = 77}}}),
                        listOf({.number = Serial(8), .deltaBase = Serial(7)}), answer()};
-  const VerificationReport::RevocationResult result = resultOf(outcome, evidence.origins);
+  NameTexts texts;
+  const VerificationReport::RevocationResult result = resultOf(outcome, evidence.origins, texts);
   EXPECT_EQ(result.status(), VerificationReport::RevocationResult::Status::kRevoked);
   EXPECT_EQ(result.reason(), "superseded");
   EXPECT_EQ(result.date(), surroundings.checked);
