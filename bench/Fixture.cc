@@ -83,4 +83,16 @@ bool conformingVerify(const RefObjectStore& store, const RefCertificate& leaf,
   return ConformingVerifier(store, leaf, untrusted).isValid() == X509_V_OK;
 }
 
+bool libraryReport(const RefObjectStore& store, const RefCertificate& leaf,
+                   const RefStackOfCertificate& untrusted) {
+  Verifier verifier(store, leaf, untrusted, false);
+  return verifier.isValid() == X509_V_OK && verifier.report().valid();
+}
+
+bool conformingReport(const RefObjectStore& store, const RefCertificate& leaf,
+                      const RefStackOfCertificate& untrusted) {
+  ConformingVerifier verifier(store, leaf, untrusted);
+  return verifier.isValid() == X509_V_OK && verifier.report().valid();
+}
+
 }  // namespace Velantrix::Bench

@@ -77,5 +77,12 @@ bool libraryVerify(const Crypto::PKX509::RefObjectStore& store,
 bool conformingVerify(const Crypto::PKX509::RefObjectStore& store,
                       const Crypto::PKX509::RefCertificate& leaf,
                       const Crypto::PKX509::RefStackOfCertificate& untrusted);
+// The same, and the report is read.
+bool libraryReport(const Crypto::PKX509::RefObjectStore& store,
+                   const Crypto::PKX509::RefCertificate& leaf,
+                   const Crypto::PKX509::RefStackOfCertificate& untrusted);
+bool conformingReport(const Crypto::PKX509::RefObjectStore& store,
+                      const Crypto::PKX509::RefCertificate& leaf,
+                      const Crypto::PKX509::RefStackOfCertificate& untrusted);
 
 }  // namespace Velantrix::Bench

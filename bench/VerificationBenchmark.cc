@@ -164,6 +164,10 @@ constexpr Test::KeyKind kP256 = Test::KeyKind::P256;
 BENCHMARK_CAPTURE(foundVerifier, rsa, kRsa, libraryVerify)->Name("found CRLs, RSA-2048/library");
 BENCHMARK_CAPTURE(foundVerifier, rsa_conforming, kRsa, conformingVerify)
     ->Name("found CRLs, RSA-2048/conforming");
+BENCHMARK_CAPTURE(foundVerifier, rsa_report, kRsa, libraryReport)
+    ->Name("found CRLs, RSA-2048/library, report read");
+BENCHMARK_CAPTURE(foundVerifier, rsa_conforming_report, kRsa, conformingReport)
+    ->Name("found CRLs, RSA-2048/conforming, report read");
 BENCHMARK_CAPTURE(unseenVerifier, rsa, kRsa, libraryVerify)
     ->Name("found CRLs, RSA-2048/library, CRLs unseen");
 BENCHMARK_CAPTURE(unseenVerifier, rsa_conforming, kRsa, conformingVerify)
@@ -173,6 +177,10 @@ BENCHMARK_CAPTURE(floorOf, rsa, kRsa)->Name("found CRLs, RSA-2048/floor");
 BENCHMARK_CAPTURE(foundVerifier, p256, kP256, libraryVerify)->Name("found CRLs, P-256/library");
 BENCHMARK_CAPTURE(foundVerifier, p256_conforming, kP256, conformingVerify)
     ->Name("found CRLs, P-256/conforming");
+BENCHMARK_CAPTURE(foundVerifier, p256_report, kP256, libraryReport)
+    ->Name("found CRLs, P-256/library, report read");
+BENCHMARK_CAPTURE(foundVerifier, p256_conforming_report, kP256, conformingReport)
+    ->Name("found CRLs, P-256/conforming, report read");
 BENCHMARK_CAPTURE(unseenVerifier, p256, kP256, libraryVerify)
     ->Name("found CRLs, P-256/library, CRLs unseen");
 BENCHMARK_CAPTURE(unseenVerifier, p256_conforming, kP256, conformingVerify)
@@ -182,11 +190,19 @@ BENCHMARK_CAPTURE(floorOf, p256, kP256)->Name("found CRLs, P-256/floor");
 BENCHMARK_CAPTURE(freshVerifier, rsa, kRsa, libraryVerify)->Name("fresh store, RSA-2048/library");
 BENCHMARK_CAPTURE(freshVerifier, rsa_conforming, kRsa, conformingVerify)
     ->Name("fresh store, RSA-2048/conforming");
+BENCHMARK_CAPTURE(freshVerifier, rsa_report, kRsa, libraryReport)
+    ->Name("fresh store, RSA-2048/library, report read");
+BENCHMARK_CAPTURE(freshVerifier, rsa_conforming_report, kRsa, conformingReport)
+    ->Name("fresh store, RSA-2048/conforming, report read");
 BENCHMARK_CAPTURE(freshOpenSSL, rsa, kRsa)->Name("fresh store, RSA-2048/openssl");
 BENCHMARK_CAPTURE(floorOf, rsa, kRsa)->Name("fresh store, RSA-2048/floor");
 BENCHMARK_CAPTURE(freshVerifier, p256, kP256, libraryVerify)->Name("fresh store, P-256/library");
 BENCHMARK_CAPTURE(freshVerifier, p256_conforming, kP256, conformingVerify)
     ->Name("fresh store, P-256/conforming");
+BENCHMARK_CAPTURE(freshVerifier, p256_report, kP256, libraryReport)
+    ->Name("fresh store, P-256/library, report read");
+BENCHMARK_CAPTURE(freshVerifier, p256_conforming_report, kP256, conformingReport)
+    ->Name("fresh store, P-256/conforming, report read");
 BENCHMARK_CAPTURE(freshOpenSSL, p256, kP256)->Name("fresh store, P-256/openssl");
 BENCHMARK_CAPTURE(floorOf, p256, kP256)->Name("fresh store, P-256/floor");
 BENCHMARK_CAPTURE(parsedVerifier, rsa, kRsa)->Name("leaf parsed, RSA-2048/library");
