@@ -262,7 +262,8 @@ Surroundings Verifier::State::surroundings(const Verifier& verifier) const {
     all.origins.push_back(originOf(all.path[i], i, verifier));
   }
   if (pathIsInQuestion()) {
-    all.again = objectionsToPath(context.get(), leastSecurityLevel, all.checked);
+    const Recheck extent = evidence.callbackDecides ? Recheck::kEverything : Recheck::kVouchedFor;
+    all.again = objectionsToPath(context.get(), leastSecurityLevel, all.checked, extent);
   }
   return all;
 }
