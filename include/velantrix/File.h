@@ -104,10 +104,14 @@ class PKX509_EXPORT Selector : NonCopyable {
   /// @throws Exception with the path and the reason when the directory cannot be read
   void start();
 
+  /// Whether the last walk found no such directory, so that nobody has to look for it once more.
+  bool isMissing() const noexcept { return missing_; }
+
  private:
   Path directory_;
   Processor& processor_;
   NameFilter accept_;
+  bool missing_ = false;
 };
 
 }  // namespace Velantrix::File

@@ -23,7 +23,6 @@
 #include <filesystem>
 #include <iterator>
 #include <system_error>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -84,20 +83,18 @@ std::size_t sizeOf(const File::Path& path) {
   return none ? 0 : std::min<std::uintmax_t>(size, kMaxInputSize);
 }
 
-void scan(const std::string& directory, DirectoryParser& parser) {
-  File::Selector(File::Path(directory), parser, [&parser](std::string_view fileName) {
-    return parser.wants(fileName);
-  }).start();
+// False when there is no such directory.
+bool scan(const std::string& directory, DirectoryParser& parser) {
+  File::Selector files(File::Path(directory), parser,
+                       [&parser](std::string_view fileName) { return parser.wants(fileName); });
+  files.start();
+  return !files.isMissing();
 }
 
 // A directory that is not there has nothing. Where certificates are looked for it should be there.
-template <class Handle>
-void tellWhetherMissing(SourceUse& use, const std::string& directory,
-                        const std::list<Handle>& wanted) {
-  if (::access(directory.c_str(), R_OK | X_OK) == 0) return;
-  const int error = errno;
-  UseFacts facts{.failure = UseFacts::Failure::kUnreadable, .errorNumber = error};
-  if (error == ENOENT && wantedOf(&wanted) == SourceRecord::Source::Wanted::kCRLs) {
+void tellMissing(SourceUse& use, SourceRecord::Source::Wanted wanted) {
+  UseFacts facts{.failure = UseFacts::Failure::kUnreadable, .errorNumber = ENOENT};
+  if (wanted == SourceRecord::Source::Wanted::kCRLs) {
     use.nothing(std::move(facts));
   } else {
     use.failed(std::move(facts));
@@ -107,17 +104,19 @@ void tellWhetherMissing(SourceUse& use, const std::string& directory,
 // Scans a directory of trusted certificates or of CRLs for what goes to the end of the list.
 template <class Handle>
 void scan(const std::string& directory, DirectoryParser& parser, const std::list<Handle>& out) {
-  if (directory.empty()) return scan(directory, parser);
+  if (directory.empty()) {
+    scan(directory, parser);
+    return;
+  }
   SourceUse use(SourceRecord::Source::Kind::kDirectory, wantedOf(&out), directory);
   const std::size_t before = out.size();
   try {
-    scan(directory, parser);
+    if (!scan(directory, parser)) return tellMissing(use, wantedOf(&out));
   } catch (const std::exception& failure) {
     use.failed(unreadableFacts(directory, failure));
     throw;
   }
   use.found(out.size() - before);
-  if (out.size() == before) tellWhetherMissing(use, directory, out);
 }
 
 // Has a file read that appends to the list, and tells where that comes from or what is wrong with it.

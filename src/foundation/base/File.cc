@@ -83,10 +83,10 @@ Selector::Selector(const Path& directory, Processor& processor, NameFilter accep
 void Selector::start() {
   const std::string& name = directory_.asString();
   const OwnedDirectory directory(::opendir(systemPath(name)));
-  if (directory == nullptr) {
-    if (errno == ENOENT) return;
-    failSystem(kHere, name, errno);
-  }
+  const int error = directory == nullptr ? errno : 0;
+  missing_ = error == ENOENT;
+  if (missing_) return;
+  if (error != 0) failSystem(kHere, name, error);
 
   std::vector<Entry> entries;
   while (true) {

@@ -177,6 +177,17 @@ TEST(FileSelector, Start_Names_ComeInByteOrderWithTheirDirectory) {
   EXPECT_EQ(collector.paths.front(), dir.string() + "/.hidden");
 }
 
+TEST(FileSelector, MissingDirectory_IsToldFromAnEmptyOne) {
+  const TempDir dir;
+  Collector collector;
+  Selector there(Path(dir.string()), collector);
+  there.start();
+  EXPECT_FALSE(there.isMissing());
+  Selector gone(Path(dir.string() + "/gone"), collector);
+  gone.start();
+  EXPECT_TRUE(gone.isMissing());
+}
+
 TEST(FileSelector, Start_OnlyFilesAndLinksToThem_ReachTheProcessor) {
   const TempDir dir;
   writeFile(dir / "file", "x");
