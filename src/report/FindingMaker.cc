@@ -3,11 +3,11 @@
 #include "foundation/base/Hex.h"
 #include "foundation/base/Text.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/openssl/TimeSeconds.h"
 
 #include <openssl/asn1.h>
 
 #include <algorithm>
-#include <ctime>
 #include <limits>
 #include <utility>
 
@@ -59,6 +59,9 @@ std::string crlNumberText(const ASN1::Integer& number) {
   if (ASN1_STRING_length(number.native()) > kMaximumOctets) {
     return "0x" + serialText(number.native());
   }
+  std::uint64_t small = 0;
+  const ErrorScope errors;
+  if (ASN1_INTEGER_get_uint64(&small, number.native()) == 1) return std::to_string(small);
   const Owned<BIGNUM> value(ASN1_INTEGER_to_BN(number.native(), nullptr));
   const OwnedMemory<char> text(value == nullptr ? nullptr : BN_bn2dec(value.get()));
   return text == nullptr ? std::string() : std::string(text.get());
@@ -84,10 +87,9 @@ VerificationReport::Subject subjectOf(const RefCertificate& certificate, NameTex
 }
 
 std::optional<Time> timeOf(const ASN1_TIME* native) {
-  std::tm parts{};
-  const ErrorScope errors;
-  if (native == nullptr || ASN1_TIME_to_tm(native, &parts) != 1) return std::nullopt;
-  return Time::then(::timegm(&parts), true);
+  const auto seconds = secondsOf(native);
+  if (!seconds) return std::nullopt;
+  return Time::then(*seconds, true);
 }
 
 FindingMaker& FindingMaker::about(const RefCertificate& certificate, int depth) {

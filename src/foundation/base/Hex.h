@@ -26,11 +26,12 @@ inline void appendEscaped(std::string& text, std::string_view octets) {
 
 /// @p length octets in upper case, two digits each, with @p separator between them; 0 is none.
 inline std::string hexText(const unsigned char* data, std::size_t length, char separator = '\0') {
-  std::string text;
-  text.reserve(length * 3);
+  if (length == 0) return {};
+  const std::size_t step = separator == '\0' ? 2 : 3;
+  std::string text(length * step - (step - 2), separator);
   for (std::size_t i = 0; i < length; ++i) {
-    if (i != 0 && separator != '\0') text += separator;
-    appendHex(text, data[i]);
+    text[i * step] = kHexDigits[data[i] >> 4];
+    text[i * step + 1] = kHexDigits[data[i] & 0x0f];
   }
   return text;
 }

@@ -4,6 +4,7 @@
 #include "foundation/openssl/ObjectIdentifierText.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
+#include "foundation/openssl/TimeSeconds.h"
 
 #include <velantrix/ASN1.h>
 #include <velantrix/Assert.h>
@@ -11,8 +12,6 @@
 #include <openssl/asn1.h>
 #include <openssl/objects.h>
 
-#include <chrono>
-#include <ctime>
 #include <optional>
 #include <utility>
 
@@ -29,22 +28,10 @@ std::size_t lengthOf(const ASN1_STRING* string) {
   return static_cast<std::size_t>(ASN1_STRING_length(string));
 }
 
-long secondsOf(const ASN1_STRING* native) {
+long timeIn(const ASN1_STRING* native) {
   PKX509_ASSERT(native != nullptr);
-  const ErrorScope errors;
-  const int type = ASN1_STRING_type(native);
-  std::tm broken{};
-  if ((type != V_ASN1_UTCTIME && type != V_ASN1_GENERALIZEDTIME) ||
-      ASN1_TIME_to_tm(native, &broken) != 1) {
-    fail({"ASN1::GeneralizedTime", "ASN1"}, "not a time");
-  }
-  // tm is in UTC; mktime would read it in the local zone.
-  const std::chrono::year_month_day date(
-      std::chrono::year(broken.tm_year + 1900),
-      std::chrono::month(static_cast<unsigned int>(broken.tm_mon) + 1),
-      std::chrono::day(static_cast<unsigned int>(broken.tm_mday)));
-  const long days = std::chrono::sys_days(date).time_since_epoch().count();
-  return ((days * 24 + broken.tm_hour) * 60 + broken.tm_min) * 60 + broken.tm_sec;
+  if (const auto seconds = secondsOf(native)) return *seconds;
+  fail({"ASN1::GeneralizedTime", "ASN1"}, "not a time");
 }
 
 ASN1_OBJECT* makeObject(const std::string& dotted) {
@@ -116,7 +103,7 @@ std::ostream& operator<<(std::ostream& out, const RefOctetString& value) {
   return out.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
-GeneralizedTime::GeneralizedTime(const asn1_string_st* native) : seconds_(secondsOf(native)) {}
+GeneralizedTime::GeneralizedTime(const asn1_string_st* native) : seconds_(timeIn(native)) {}
 
 Time GeneralizedTime::asTime() const { return Time::then(seconds_, true); }
 

@@ -80,7 +80,26 @@ bool isText(const ASN1_STRING* value) {
   }
 }
 
+// ASCII is the same in all of them, and needs no conversion.
+bool isASCII(const ASN1_STRING* value, std::string_view octets) {
+  switch (ASN1_STRING_type(value)) {
+    case V_ASN1_UTF8STRING:
+    case V_ASN1_PRINTABLESTRING:
+    case V_ASN1_IA5STRING:
+      return std::all_of(octets.begin(), octets.end(),
+                         [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    default:
+      return false;
+  }
+}
+
 bool appendText(std::string& out, const ASN1_STRING* value) {
+  const std::string_view octets(reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)),
+                                static_cast<std::size_t>(ASN1_STRING_length(value)));
+  if (isASCII(value, octets)) {
+    appendEscaped(out, octets);
+    return true;
+  }
   unsigned char* converted = nullptr;
   const int length = ASN1_STRING_to_UTF8(&converted, value);
   const OwnedMemory<unsigned char> owner(converted);
