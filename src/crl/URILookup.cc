@@ -116,7 +116,7 @@ void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls, Source
   const RefCertificateRevocationList crl = read(uri, content, use);
   if (crl.empty()) return;
   use.found(1);
-  ObjectOrigins::note(crl, {VerificationReport::Origin::Kind::kNetwork, FetchRecord::placeOf(uri)});
+  ObjectOrigins::note(crl, {VerificationReport::Origin::Kind::kNetwork, use.origin()});
   crls.push_back(crl);
 }
 

@@ -4,29 +4,35 @@
 
 #include <algorithm>
 #include <exception>
-#include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
 template <class Known, class Native>
-const ObjectOrigins::Origin* find(const std::vector<Known>& known, const Native* native) noexcept {
-  const auto found = std::find_if(known.begin(), known.end(), [native](const Known& one) {
-    return one.object->native() == native;
-  });
-  return found == known.end() ? nullptr : &found->origin;
+auto find(const std::vector<Known>& known, const Native* native) noexcept {
+  return std::find_if(known.begin(), known.end(),
+                      [native](const Known& one) { return one.object->native() == native; });
+}
+
+template <class Known, class Native>
+std::optional<ObjectOrigins::Origin> originIn(const std::vector<Known>& known,
+                                              const Native* native) {
+  const auto found = find(known, native);
+  if (found == known.end()) return std::nullopt;
+  const ObjectOrigins::Where& where = found->origin;
+  return ObjectOrigins::Origin(where.kind, where.place.text(), where.file.text());
 }
 
 constexpr std::size_t kUsualObjects = 8;  // certificates, and CRLs, of one verification
 
 // The first one knows best: who asks others notes their names only.
 template <class Known, class Handle>
-void add(std::vector<Known>& known, const Handle& object, ObjectOrigins::Origin&& origin) {
+void add(std::vector<Known>& known, const Handle& object, const ObjectOrigins::Where& origin) {
   if (object.empty() || known.size() >= ObjectOrigins::kMaximumObjects) return;
-  if (find(known, object->native()) != nullptr) return;
+  if (find(known, object->native()) != known.end()) return;
   if (known.empty()) known.reserve(kUsualObjects);
-  known.push_back({object, std::move(origin)});
+  known.push_back({object, origin});
 }
 
 ObjectOrigins* current() noexcept {
@@ -39,30 +45,30 @@ ObjectOrigins* current() noexcept {
 
 }  // namespace
 
-void ObjectOrigins::note(const RefCertificate& certificate, Origin origin) noexcept {
+void ObjectOrigins::note(const RefCertificate& certificate, const Where& origin) noexcept {
   try {
     if (ObjectOrigins* const all = current()) {
-      add(all->certificates_, certificate, std::move(origin));
+      add(all->certificates_, certificate, origin);
     }
   } catch (const std::exception&) {
     // What is only told must not cost more than the telling.
   }
 }
 
-void ObjectOrigins::note(const RefCertificateRevocationList& crl, Origin origin) noexcept {
+void ObjectOrigins::note(const RefCertificateRevocationList& crl, const Where& origin) noexcept {
   try {
-    if (ObjectOrigins* const all = current()) add(all->crls_, crl, std::move(origin));
+    if (ObjectOrigins* const all = current()) add(all->crls_, crl, origin);
   } catch (const std::exception&) {
     // What is only told must not cost more than the telling.
   }
 }
 
-const ObjectOrigins::Origin* ObjectOrigins::of(const X509* certificate) const noexcept {
-  return find(certificates_, certificate);
+std::optional<ObjectOrigins::Origin> ObjectOrigins::of(const X509* certificate) const {
+  return originIn(certificates_, certificate);
 }
 
-const ObjectOrigins::Origin* ObjectOrigins::of(const X509_CRL* crl) const noexcept {
-  return find(crls_, crl);
+std::optional<ObjectOrigins::Origin> ObjectOrigins::of(const X509_CRL* crl) const {
+  return originIn(crls_, crl);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -117,7 +117,7 @@ Source sourceOf(const SourceRecord::Use& use, const Time& now) {
   using std::chrono::microseconds;
   Source::Content content{.kind = use.kind,
                           .wanted = use.wanted,
-                          .origin = reportText(use.origin),
+                          .origin = reportText(use.origin.text()),
                           .fromMemory = use.fromMemory,
                           .result = use.result,
                           .found = use.found,

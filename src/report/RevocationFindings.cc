@@ -669,15 +669,15 @@ Rule ruleOf(Reason reason, Statement::Kind kind) noexcept {
 }
 
 Origin originOf(const Statement& statement, const ObjectOrigins& origins) {
-  const Origin* const known = statement.crl.empty() ? nullptr : origins.of(statement.crl->native());
+  const std::optional<Origin> known =
+      statement.crl.empty() ? std::nullopt : origins.of(statement.crl->native());
   // Nobody sends CRLs along, so that it says nothing.
   if (!statement.crl.empty() && statement.from.kind == Provenance::Kind::kMessage) {
-    return known == nullptr
-               ? Origin()
-               : Origin(known->kind(), reportText(known->place()), reportText(known->file()));
+    return known ? Origin(known->kind(), reportText(known->place()), reportText(known->file()))
+                 : Origin();
   }
   return {kindOf(statement.from.kind), reportText(statement.from.place),
-          known == nullptr ? std::string() : reportText(known->file())};
+          known ? reportText(known->file()) : std::string()};
 }
 
 Result resultOf(const Revocation::Outcome& outcome, const ObjectOrigins& origins,

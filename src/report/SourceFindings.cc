@@ -117,7 +117,7 @@ void addUse(FindingMaker& maker, const Use& use) {
   using std::chrono::duration_cast;
   using std::chrono::milliseconds;
   const UseFacts& facts = use.facts;
-  maker.add(placeName(use), use.origin);
+  maker.add(placeName(use), use.origin.text());
   maker.add(DetailName::kFile, facts.file);
   maker.add(DetailName::kError, reasonOf(facts));
   maker.add(DetailName::kResource, facts.resource);
@@ -125,7 +125,7 @@ void addUse(FindingMaker& maker, const Use& use) {
   maker.addUnlessZero(DetailName::kErrorNumber, facts.errorNumber);
   maker.addUnlessZero(DetailName::kBytes, static_cast<std::int64_t>(facts.bytes));
   maker.addUnlessZero(DetailName::kMilliseconds, duration_cast<milliseconds>(use.taken).count());
-  maker.from({originKind(use), use.origin, facts.file});
+  maker.from({originKind(use), use.origin.text(), facts.file});
 }
 
 VerificationReport::Finding sourceFinding(const Use& failed, const RefCertificate& certificate,

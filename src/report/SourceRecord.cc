@@ -62,7 +62,7 @@ std::string withoutName(std::string_view name, std::string_view text) {
   return std::string(text);
 }
 
-constexpr std::size_t kUsualUses = 16;  // uses of one verification
+constexpr std::size_t kUsualUses = 5;  // of one verification; for more there is more room later
 
 // What a network takes is worth a look at the exact clock. What a directory takes is mostly less than the
 // look, so that the ticks of the coarse one do.
@@ -252,14 +252,14 @@ void SourceUse::failedBy(const std::exception_ptr& thrown) noexcept {
     try {
       std::rethrow_exception(thrown);
     } catch (const std::exception& failure) {
-      use_.facts.reason = withoutName(use_.origin, textOf(failure));
+      use_.facts.reason = withoutName(use_.origin.text(), textOf(failure));
       const SystemFailure& last = lastSystemFailure;
       if (last.isSaidBy(textOf(failure))) {
         use_.facts.errorNumber = last.error;
         use_.facts.reason = withoutName(last.path, textOf(failure));
         const bool isFile =
             use_.kind == Source::Kind::kDirectory || use_.kind == Source::Kind::kCache;
-        if (isFile && last.path != use_.origin) use_.facts.file = last.path;
+        if (isFile && last.path != use_.origin.text()) use_.facts.file = last.path;
       }
     }
   } catch (...) {
@@ -331,14 +331,16 @@ void SourceUse::leftOut() noexcept {
   }
 }
 
-std::optional<VerificationReport::Origin> SourceUse::originOf(const std::string& file) {
+std::optional<ObjectOrigins::Where> SourceUse::originOf(const std::string& file) {
   using Kind = VerificationReport::Origin::Kind;
   const SourceUse* const use = innermost();
   if (use == nullptr) return std::nullopt;
   const SourceRecord::Use& asked = use->use_;
-  if (asked.kind == Source::Kind::kCache) return {{Kind::kCache, asked.origin, file}};
+  if (asked.kind == Source::Kind::kCache)
+    return ObjectOrigins::Where{Kind::kCache, asked.origin, file};
   const bool crls = asked.wanted == Source::Wanted::kCRLs;
-  return {{crls ? Kind::kMachineCRLs : Kind::kTrustDirectory, asked.origin, file}};
+  return ObjectOrigins::Where{crls ? Kind::kMachineCRLs : Kind::kTrustDirectory, asked.origin,
+                              file};
 }
 
 UseFacts notAdmitted() {

@@ -9,6 +9,9 @@
 // one say all that there is to say, that one is left out.
 #pragma once
 
+#include "report/ObjectOrigins.h"
+#include "report/SharedText.h"
+
 #include <pkx509/VerificationReport.h>
 #include <velantrix/NonCopyable.h>
 #include <velantrix/Time.h>
@@ -64,7 +67,7 @@ class SourceRecord {
   struct Use {
     Source::Kind kind = Source::Kind::kDirectory;
     Source::Wanted wanted = Source::Wanted::kCertificates;
-    std::string origin = {};  // without what may be secret
+    SharedText origin = {};  // without what may be secret
     bool fromMemory = false;
     Source::Result result = Source::Result::kNothing;
     std::size_t found = 0;
@@ -141,6 +144,8 @@ class SourceUse : private NonCopyable {
   void stored(const Time& when) noexcept;
   // It is told elsewhere.
   void drop() noexcept;
+  // Of the source, as it is told.
+  const SharedText& origin() const noexcept { return use_.origin; }
 
   // Has the source asked. What is thrown is a failure, and thrown on.
   template <class Body>
@@ -160,7 +165,7 @@ class SourceUse : private NonCopyable {
   // Something of it was not looked at, since a bound forbade it.
   static void leftOut() noexcept;
   // Where what was read from the file comes from; none when nobody records.
-  static std::optional<VerificationReport::Origin> originOf(const std::string& file);
+  static std::optional<ObjectOrigins::Where> originOf(const std::string& file);
 
  private:
   friend class SourceRecord;

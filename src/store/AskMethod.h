@@ -25,21 +25,20 @@ constexpr SourceRecord::Source::Wanted wantedOf(
 
 // Notes the same origin for what stands in a list from there on.
 template <class Iterator>
-void noteOrigins(Iterator first, const Iterator& last, const VerificationReport::Origin& origin) {
+void noteOrigins(Iterator first, const Iterator& last, const ObjectOrigins::Where& origin) {
   for (; first != last; ++first) ObjectOrigins::note(*first, origin);
 }
 
 // Appends what the method has. What it throws is thrown on.
 template <class Handle>
 void ask(LookupMethod& method, const DistinguishedName& name, std::list<Handle>& out) {
-  const std::string& title = method.methodName();
-  SourceUse use(SourceRecord::Source::Kind::kLookupMethod, wantedOf(&out), title);
+  SourceUse use(SourceRecord::Source::Kind::kLookupMethod, wantedOf(&out), method.methodName());
   std::list<Handle> found;
   use.during([&] { method.getBySubject(name, found); });
   use.found(found.size());
   if (!found.empty()) {
     noteOrigins(found.begin(), found.end(),
-                {VerificationReport::Origin::Kind::kLookupMethod, title});
+                {VerificationReport::Origin::Kind::kLookupMethod, use.origin()});
   }
   out.splice(out.end(), found);
 }

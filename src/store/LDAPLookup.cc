@@ -40,10 +40,10 @@ std::list<LDAPAttributeType> attributeTypes(Object::Type type) {
 
 struct Value {
   Buffer octets;
-  VerificationReport::Origin origin;  // the entry
+  ObjectOrigins::Where origin;  // the entry
 };
 
-VerificationReport::Origin originOf(const std::string& server, const LDAPSearchResultEntry& entry) {
+ObjectOrigins::Where originOf(const std::string& server, const LDAPSearchResultEntry& entry) {
   const std::string slash = server.ends_with('/') ? "" : "/";
   return {VerificationReport::Origin::Kind::kLDAP, server + slash + entry.name()};
 }
@@ -76,7 +76,7 @@ bool s_addAttributes(const LDAPLookupMethod::Config& config, Object::Type type,
   }
   for (const LDAPSearchResultEntry& entry : search.result().searchResultEntries()) {
     if (entry.attributes().empty()) continue;
-    const VerificationReport::Origin origin = originOf(config.server->uri(), entry);
+    const ObjectOrigins::Where origin = originOf(config.server->uri(), entry);
     for (const LDAPAttribute& attribute : entry.attributes().attributes()) {
       for (const Buffer& value : attribute.binaryValue()) out.push_back({value, origin});
     }

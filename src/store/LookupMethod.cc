@@ -167,8 +167,7 @@ struct LookupMethod::Answering {
   // What the method answers, told of. Hash directories have nothing for OpenSSL, which reads them itself.
   template <class Query>
   static RefObject tellOf(LookupMethod& method, X509_LOOKUP_TYPE type, const Query& query) {
-    const std::string& title = method.methodName();
-    SourceUse use(Source::Kind::kLookupMethod, wantedOf(type), title);
+    SourceUse use(Source::Kind::kLookupMethod, wantedOf(type), method.methodName());
     RefObject object;
     use.during([&] { object = query(); });
     if (object.empty()) {
@@ -176,7 +175,8 @@ struct LookupMethod::Answering {
       return object;
     }
     use.found(1);
-    const VerificationReport::Origin origin(VerificationReport::Origin::Kind::kLookupMethod, title);
+    const ObjectOrigins::Where origin{VerificationReport::Origin::Kind::kLookupMethod,
+                                      use.origin()};
     ObjectOrigins::note(object->certificate, origin);
     ObjectOrigins::note(object->crl, origin);
     return object;

@@ -34,6 +34,7 @@ class Examined : private NonCopyable {
     const auto index = static_cast<std::size_t>(depth_);
     try {
       std::vector<Revocation::Outcome>& all = evidence_->revocation;
+      if (all.empty()) all.reserve(kUsualLength);
       if (all.size() <= index) all.resize(index + 1);
       all[index] = std::move(outcome_);
     } catch (const std::exception&) {
@@ -56,6 +57,8 @@ class Examined : private NonCopyable {
   }
 
  private:
+  static constexpr std::size_t kUsualLength = 3;  // of a chain, without its anchor
+
   Evidence* evidence_;
   int depth_;
   bool good_ = false;

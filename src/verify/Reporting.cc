@@ -201,7 +201,7 @@ ReportOrigin Verifier::State::originOf(const RefCertificate& one, std::size_t de
   if (depth == 0) return {ReportOrigin::Kind::kCaller, {}};
   if (holds(X509_STORE_CTX_get0_untrusted(context.get()), one))
     return {ReportOrigin::Kind::kMessage, {}};
-  if (const ReportOrigin* const known = evidence.origins.of(one->native())) return *known;
+  if (const auto known = evidence.origins.of(one->native())) return *known;
   for (const RefObject& object : verifier.store->objects()) {
     if (object->type == Object::TypeCertificate && object->certificate == one) {
       return {ReportOrigin::Kind::kStore, {}};
@@ -227,6 +227,12 @@ std::string Verifier::State::onlyTrustDirectory(const ObjectStore& store) {
   return store.directory();
 }
 
+// Whether there is anything that a finding may be made of.
+bool Verifier::State::hasToExplain() const noexcept {
+  return evidence.code != X509_V_OK || evidence.callbackDecides || !evidence.objections.empty() ||
+         evidence.intervention != Evidence::Intervention::kNone;
+}
+
 Surroundings Verifier::State::conditions(const Verifier& verifier) const {
   X509_STORE_CTX* const native = context.get();
   Surroundings all;
@@ -235,6 +241,7 @@ Surroundings Verifier::State::conditions(const Verifier& verifier) const {
   all.checked = (X509_VERIFY_PARAM_get_flags(param) & X509_V_FLAG_USE_CHECK_TIME) != 0
                     ? Time::then(X509_VERIFY_PARAM_get_time(param), true)
                     : verifiedAt;
+  if (!hasToExplain()) return all;
   all.securityLevel = securityLevelOf(native, leastSecurityLevel);
   all.maximumDepth = X509_VERIFY_PARAM_get_depth(param);
   all.requiredPolicies = verifier.config.policies;

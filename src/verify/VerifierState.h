@@ -62,6 +62,7 @@ struct Verifier::State {
   // For a report. Conditions are what needs no second look at the path.
   Surroundings conditions(const Verifier& verifier) const;
   Surroundings surroundings(const Verifier& verifier) const;
+  bool hasToExplain() const noexcept;
   bool pathIsInQuestion() const noexcept;
   VerificationReport::Origin originOf(const RefCertificate& one, std::size_t depth,
                                       const Verifier& verifier) const;

@@ -68,15 +68,15 @@ class VerifierSourcesNetwork : public URIFixture {
     for (std::size_t i = from; i < uses.size(); ++i) {
       const SourceRecord::Use& use = uses[i];
       texts.push_back(
-          sourceText(use.kind, use.result, use.origin, use.fromMemory, reasonOf(use.facts)));
+          sourceText(use.kind, use.result, use.origin.text(), use.fromMemory, reasonOf(use.facts)));
     }
     return texts;
   }
   static const UseFacts& lastFacts() { return SourceRecord::current()->uses().back().facts; }
-  static const ObjectOrigins::Origin& originOf(const RefCertificateRevocationList& crl) {
-    static const ObjectOrigins::Origin unknown;
-    const auto* const found = VerificationRun::kept<ObjectOrigins>()->of(crl->native());
-    return found == nullptr ? unknown : *found;
+  static ObjectOrigins::Origin originOf(const RefCertificateRevocationList& crl) {
+    return VerificationRun::kept<ObjectOrigins>()
+        ->of(crl->native())
+        .value_or(ObjectOrigins::Origin());
   }
 
   World world;
@@ -473,7 +473,7 @@ TEST_F(VerifierSourcesNetwork, Told_DirectoriesTheirFilesAndMethods) {
   const auto found = sources.crls(name);
   ASSERT_EQ(found.found.size(), 2U);
   EXPECT_EQ(asked(), (Texts{"directory found "s + kCRLDirectory, "method found memory"}));
-  const ObjectOrigins::Origin& file = originOf(found.found.front().object);
+  const ObjectOrigins::Origin file = originOf(found.found.front().object);
   EXPECT_EQ(file.kind(), ObjectOrigins::Origin::Kind::kMachineCRLs);
   EXPECT_TRUE(file.file().starts_with(kCRLDirectory)) << file.file();
   EXPECT_EQ(originOf(found.found.back().object).place(), "memory");

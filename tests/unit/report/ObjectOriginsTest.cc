@@ -18,14 +18,14 @@ TEST(ObjectOrigins, FirstNoteOnAnObject_Stays) {
   const RefCertificateRevocationList crl = crlHandle({.issuer = &ca});
   const VerificationRun run(static_cast<const X509*>(nullptr));
   const Origin file{Origin::Kind::kTrustDirectory, "/d", "/d/1.0"};
-  ObjectOrigins::note(certificate, file);
+  ObjectOrigins::note(certificate, {file.kind(), file.place(), file.file()});
   ObjectOrigins::note(certificate, {Origin::Kind::kLookupMethod, "method"});
   ObjectOrigins::note(crl, {Origin::Kind::kLDAP, "ldap://host/cn=CA"});
-  ASSERT_NE(origins().of(certificate->native()), nullptr);
+  ASSERT_TRUE(origins().of(certificate->native()));
   EXPECT_EQ(*origins().of(certificate->native()), file);
-  ASSERT_NE(origins().of(crl->native()), nullptr);
+  ASSERT_TRUE(origins().of(crl->native()));
   EXPECT_EQ(origins().of(crl->native())->place(), "ldap://host/cn=CA");
-  EXPECT_EQ(origins().of(crlHandle({.issuer = &ca})->native()), nullptr);
+  EXPECT_EQ(origins().of(crlHandle({.issuer = &ca})->native()), std::nullopt);
 }
 
 TEST(ObjectOrigins, OutsideOfARunAndOfNothing_NothingIsNoted) {
@@ -33,7 +33,7 @@ TEST(ObjectOrigins, OutsideOfARunAndOfNothing_NothingIsNoted) {
   const VerificationRun run(static_cast<const X509*>(nullptr));
   ObjectOrigins::note(RefCertificate(), {Origin::Kind::kStore, {}});
   ObjectOrigins::note(RefCertificateRevocationList(), {Origin::Kind::kStore, {}});
-  EXPECT_EQ(origins().of(static_cast<const X509*>(nullptr)), nullptr);
+  EXPECT_EQ(origins().of(static_cast<const X509*>(nullptr)), std::nullopt);
 }
 
 // What takes the place of one that was noted must not be taken for it.
@@ -46,7 +46,7 @@ TEST(ObjectOrigins, WhatIsNoted_IsHeld) {
     native = gone->native();
     ObjectOrigins::note(gone, {Origin::Kind::kStore, {}});
   }
-  ASSERT_NE(origins().of(native), nullptr);
+  ASSERT_TRUE(origins().of(native));
   EXPECT_EQ(X509_NAME_entry_count(X509_get_subject_name(native)), 1);
 }
 
@@ -58,7 +58,7 @@ TEST(ObjectOrigins, BeyondTheBound_NothingIsHeld) {
     last = CertificateFactory()(certFromDer(der(ca.get())).get(), false);
     ObjectOrigins::note(last, {Origin::Kind::kStore, {}});
   }
-  EXPECT_EQ(origins().of(last->native()), nullptr);
+  EXPECT_EQ(origins().of(last->native()), std::nullopt);
 }
 
 }  // namespace

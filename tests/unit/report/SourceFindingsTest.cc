@@ -73,8 +73,8 @@ TEST(SourceFindings, Values_SayWhatHappened) {
   EXPECT_EQ(made.depth(), 1);
   EXPECT_EQ(made.code(), 3);
   EXPECT_EQ(made.certificate().serial(), "5F01");
-  EXPECT_EQ(made.origin(), Report::Origin(OriginKind::kNetwork, failed.origin));
-  EXPECT_EQ(made.details(), (Details{{DetailName::kURI, failed.origin},
+  EXPECT_EQ(made.origin(), Report::Origin(OriginKind::kNetwork, failed.origin.text()));
+  EXPECT_EQ(made.details(), (Details{{DetailName::kURI, failed.origin.text()},
                                      {DetailName::kError, "Not Found"s},
                                      {DetailName::kHTTPStatus, std::int64_t{404}},
                                      {DetailName::kErrorNumber, std::int64_t{111}},

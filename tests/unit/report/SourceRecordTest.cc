@@ -31,7 +31,7 @@ class SourceRecordOfARun : public testing::Test {
     Texts texts;
     for (const SourceRecord::Use& use : all) {
       texts.push_back(
-          sourceText(use.kind, use.result, use.origin, use.fromMemory, use.facts.reason));
+          sourceText(use.kind, use.result, use.origin.text(), use.fromMemory, use.facts.reason));
     }
     return texts;
   }
@@ -146,9 +146,11 @@ TEST_F(SourceRecordOfARun, FilesThatCannotBeRead_StandForThemselves) {
     SourceUse use(SourceKind::kDirectory, Wanted::kCRLs, "directory");
     SourceUse::unreadable(damaged, broken(damaged + ": no CRL"));
     SourceUse::unreadable(gone, broken(gone + ": No such file or directory"));
-    EXPECT_EQ(SourceUse::originOf(damaged),
-              (VerificationReport::Origin{VerificationReport::Origin::Kind::kMachineCRLs,
-                                          "directory", damaged}));
+    const std::optional<ObjectOrigins::Where> where = SourceUse::originOf(damaged);
+    ASSERT_TRUE(where);
+    EXPECT_EQ(where->kind, VerificationReport::Origin::Kind::kMachineCRLs);
+    EXPECT_EQ(where->place.text(), "directory");
+    EXPECT_EQ(where->file.text(), damaged);
   }
   EXPECT_EQ(texts(), Texts{"directory failed directory: no CRL"});
   EXPECT_EQ(uses().front().facts.file, damaged);
