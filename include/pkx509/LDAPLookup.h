@@ -12,6 +12,7 @@
 #include <pkx509/LookupMethod.h>
 #include <velantrix/Export.h>
 #include <velantrix/LDAPConnection.h>
+#include <velantrix/Uri.h>
 
 #include <list>
 #include <string>
@@ -48,6 +49,9 @@ namespace Velantrix::Crypto::PKX509 {
 ///
 /// **Bounds.** Connecting may take 10 seconds, a bind 10, an answer 30; 1,000 entries and 16 MiB
 /// are taken of it, and a line in the log says when there was more. See `LDAPConnection`.
+///
+/// **Distribution points.** A `ConformingVerifier` asks the methods of its store, in their order, for
+/// the "ldap:" URIs without a host that distribution points have (`getByURI()`).
 ///
 /// **During a verification** the list forms ask the server only while a trust anchor vouches for
 /// the certificate that is being checked, and find nothing otherwise; see `Verifier`. The
@@ -94,6 +98,13 @@ class PKX509_EXPORT LDAPLookupMethod : public LookupMethod {
   virtual void getBySubject(const std::string& base, std::list<RefCertificate>& out);
   /// Appends one CRL for each value under @p base that holds one.
   virtual void getBySubject(const std::string& base, std::list<RefCertificateRevocationList>& out);
+
+  /// Appends the CRLs that an "ldap:" URI without a host asks for (RFC 4516; RFC 5280, 4.2.1.13), as
+  /// enterprise CAs write it into distribution points. Base, scope and filter are those of the
+  /// URI; the attributes are those that it names of `certificateRevocationList`,
+  /// `authorityRevocationList` and `deltaRevocationList`, else all three. Nothing for any other
+  /// URI: the server is this method's, and never one that a URI names.
+  void getByURI(const Uri& uri, std::list<RefCertificateRevocationList>& out);
 
   /// Appends every certificate of entries under @p base whose `mail` is @p address. An empty base
   /// is searched here: it is the caller's.

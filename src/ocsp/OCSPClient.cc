@@ -117,6 +117,7 @@ bool exchange(HTTP::RefConnection& connection, const std::string& header, const 
   connection->send(body);
   const bool complete = connection->receive() == HTTP::Connection::kComplete;
   use.bytes(connection->contentReceived());
+  countExchange(complete ? HTTP::Failure() : connection->failure(), connection->contentReceived());
   if (complete) {
     use.found(1);
   } else {
@@ -226,6 +227,7 @@ bool Client::connectTo(const Uri& responder) {
       } else {
         connection->unreachable(failure);
       }
+      if (!connected) countExchange(connection->failure(), 0);
     }
   }
   if (connected) {

@@ -23,22 +23,18 @@ namespace {
 // RFC 6960, A.1: a POST to the URI that the certificate names, with the DER of the request.
 std::string postHeader(const Uri& uri, std::size_t length) {
   return "POST " + requestTarget(uri) + " HTTP/1.0\r\nHost: " + authorityOf(uri) +
-         "\r\nContent-Type: application/ocsp-request\r\nContent-Length: " + std::to_string(length) +
+         "\r\nContent-Type: " + kRequestType + "\r\nContent-Length: " + std::to_string(length) +
          "\r\n\r\n";
 }
 
-std::optional<std::string> ask(const Uri& uri, const std::string& request, SourceUse& use) {
-  if (!connectionAdmitted()) {
-    use.refused(notAdmitted());
-    FetchRecord::notFetched(uri, "no connection is made for it, and a log line says why");
-    return std::nullopt;
-  }
+std::optional<std::string> post(const Uri& uri, const std::string& request, SourceUse& use) {
   const HTTP::Answer answer =
       HTTP::exchange(uri, {kClientCertificateFile, kClientKeyFile},
                      {.header = postHeader(uri, request.size()),
                       .body = request,
                       .tooLarge = "the answer is larger than 1 MiB, or its header than 16 KiB"});
   use.bytes(answer.received);
+  countExchange(answer.failure, answer.received);
   if (answer.outcome != HTTP::Connection::kComplete) {
     tellFailure(use, answer.failure);
     FetchRecord::notFetched(uri, answer.problem);
@@ -49,9 +45,20 @@ std::optional<std::string> ask(const Uri& uri, const std::string& request, Sourc
   return std::string(reinterpret_cast<const char*>(content.data()), content.length());
 }
 
+std::optional<std::string> askIfAdmitted(const Uri& uri, const Exchange& exchange, SourceUse& use) {
+  if (connectionAdmitted()) return exchange(use);
+  use.refused(notAdmitted());
+  FetchRecord::notFetched(uri, "no connection is made for it, and a log line says why");
+  return std::nullopt;
+}
+
 }  // namespace
 
 ResponderAnswer askResponder(const Uri& responder, const std::string& request) {
+  return askResponder(responder, [&](SourceUse& use) { return post(responder, request, use); });
+}
+
+ResponderAnswer askResponder(const Uri& responder, const Exchange& exchange) {
   const NoCancellation untilReturn;
   ResponderAnswer answer;
   SourceUse use(SourceRecord::Source::Kind::kOCSPResponder, SourceRecord::Source::Wanted::kAnswer,
@@ -62,7 +69,7 @@ ResponderAnswer askResponder(const Uri& responder, const std::string& request) {
     return answer;
   }
   try {
-    use.during([&] { answer.body = ask(responder, request, use); });
+    use.during([&] { answer.body = askIfAdmitted(responder, exchange, use); });
   } catch (const std::bad_alloc&) {
     Shortfall::note();
   } catch (const std::exception& failure) {

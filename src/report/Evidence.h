@@ -68,6 +68,7 @@ struct Surroundings {
   bool issuerCameAlong = false;  // one of the name of the end's issuer, which has not issued it
   std::string crlDirectory = {};
   bool hasCRLSources = false;  // lookup methods, or that directory
+  bool rulesOnly = false;      // for an outcome: findings go without what explains them
 };
 
 // What a verification leaves for the one around it.
@@ -80,6 +81,11 @@ struct LeftBehind {
 VerificationReport keyUsageReport(const RefCertificate& certificate);
 
 VerificationReport makeReport(const Evidence& evidence, const Surroundings& surroundings);
+
+// That of the report, for less than the report costs where only rules are asked for.
+Outcome outcomeOf(const Evidence& evidence, const Surroundings& surroundings);
+// For `Statistics`: one that is nested in none has ended so.
+void countVerification(Outcome outcome) noexcept;
 
 // Of a nested verification, for the report of the one around it.
 std::vector<VerificationReport::Finding> findingsOf(const LeftBehind& nested,

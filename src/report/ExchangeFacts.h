@@ -6,6 +6,8 @@
 
 #include <velantrix/Uri.h>
 
+#include <cstdint>
+
 namespace Velantrix::Crypto::PKX509 {
 
 // Of a URI whose scheme is not handled.
@@ -15,5 +17,8 @@ UseFacts factsOf(const LW::HTTP::Failure& failure);
 
 // As a failure, or as a refusal where that is what it is.
 void tellFailure(SourceUse& use, const LW::HTTP::Failure& failure) noexcept;
+
+// For `Statistics`: one request, when it is over. Where no host was asked there is none.
+void countExchange(const LW::HTTP::Failure& failure, std::uint64_t received) noexcept;
 
 }  // namespace Velantrix::Crypto::PKX509

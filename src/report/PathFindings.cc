@@ -354,6 +354,7 @@ Finding pathFinding(const Objection& objection, const Evidence& evidence,
     if (failed != nullptr) rule = ruleOf(*failed);
   }
   FindingMaker maker(rule, objection.code);
+  if (surroundings.rulesOnly) return std::move(maker).make();
   maker.about(objection.certificate, objection.depth);
   const auto depth = static_cast<std::size_t>(objection.depth);
   if (objection.crl.empty() && objection.depth >= 0 && depth < surroundings.origins.size()) {

@@ -1,5 +1,6 @@
 #include "foundation/base/Hex.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/Counters.h"
 #include "report/Evidence.h"
 #include "report/FindingMaker.h"
 #include "report/PathFindings.h"
@@ -143,6 +144,13 @@ class Builder {
   std::vector<Finding> onlyFindings() {
     findings();
     return std::move(findings_);
+  }
+
+  Outcome outcome() {
+    findings();
+    content_.code = evidence_.code;
+    content_.findings = std::move(findings_);
+    return Report(std::move(content_)).outcome();
   }
 
   Report build() {
@@ -346,8 +354,10 @@ void Builder::guardAgainstForgery() {
   if (evidence_.code == X509_V_OK || findings_.empty()) return;
   const Finding& decisive = findings_.front();
   if (decisive.outcome() == Outcome::kPermanent) return;
-  // What was thrown may have kept an issuer from being found as well.
-  const bool sourceIsToBlame = evidence_.thrown || decisive.rule() == Rule::kIssuerSourceFailed ||
+  // What was thrown may have kept an issuer from being found as well, and so may what was left out.
+  const bool leftOut = evidence_.fellShort && !evidence_.callbackDecides;
+  const bool sourceIsToBlame = evidence_.thrown || leftOut ||
+                               decisive.rule() == Rule::kIssuerSourceFailed ||
                                decisive.rule() == Rule::kTrustDirectoryMissing ||
                                decisive.rule() == Rule::kTrustDirectoryEmpty ||
                                decisive.rule() == Rule::kTrustFileUnreadable;
@@ -454,6 +464,25 @@ std::vector<Finding> findingsOf(const LeftBehind& nested, const Evidence& around
   evidence.sources = around.sources;
   evidence.origins = around.origins;
   return Builder(evidence, nested.surroundings).onlyFindings();
+}
+
+Outcome outcomeOf(const Evidence& evidence, const Surroundings& surroundings) {
+  return Builder(evidence, surroundings).outcome();
+}
+
+void countVerification(Outcome outcome) noexcept {
+  using Counter = Statistics::Counter;
+  switch (outcome) {
+    case Outcome::kValid:
+      return count(Counter::kVerificationsValid);
+    case Outcome::kTemporary:
+      return count(Counter::kVerificationsTemporary);
+    case Outcome::kLocal:
+      return count(Counter::kVerificationsLocal);
+    case Outcome::kPermanent:
+      break;
+  }
+  count(Counter::kVerificationsPermanent);
 }
 
 VerificationReport makeReport(const Evidence& evidence, const Surroundings& surroundings) {

@@ -369,7 +369,8 @@ class Findings {
       if (!isToldBy(failed, one)) all_.push_back(setAside(one));
     }
     for (const SourceRecord::Use* const use : failed) {
-      all_.push_back(sourceFinding(*use, certificate_, depth_, 0));
+      all_.push_back(surroundings_.rulesOnly ? maker(ruleOf(*use), 0).make()
+                                             : sourceFinding(*use, certificate_, depth_, 0));
     }
     if (outcome_.status == Revocation::Status::kRevoked) {
       if (outcome_.uncoveredReasons != 0) all_.push_back(reasonsMissing());
@@ -382,7 +383,7 @@ class Findings {
  private:
   FindingMaker maker(Rule rule, int code) const {
     FindingMaker made(rule, code);
-    made.about(certificate_, depth_);
+    if (!surroundings_.rulesOnly) made.about(certificate_, depth_);
     return made;
   }
 
@@ -399,6 +400,7 @@ class Findings {
     const Rule rule = ruleOf(one.reason, one.statement.kind);
     FindingMaker made =
         maker(rule, one.statement.kind == Statement::Kind::kOCSP ? 0 : codeOf(rule));
+    if (surroundings_.rulesOnly) return std::move(made).make();
     addStatement(made, one.statement, evidence_.origins);
     made.add(DetailName::kText, one.detail);
     addWhy(made, one);
@@ -501,6 +503,7 @@ class Findings {
   Finding revoked() const {
     const bool held = outcome_.revoked.reason == kCertificateHold;
     FindingMaker made = maker(held ? Rule::kOnHold : Rule::kRevoked, X509_V_ERR_CERT_REVOKED);
+    if (surroundings_.rulesOnly) return std::move(made).make();
     made.add(DetailName::kRevocationDate, outcome_.revoked.date);
     made.add(DetailName::kReason, reasonName(outcome_.revoked.reason));
     if (!outcome_.decidedBy.empty()) {
@@ -625,6 +628,7 @@ class Findings {
   Finding reasonsMissing() const {
     const unsigned int covered = kAllReasons & ~outcome_.uncoveredReasons;
     FindingMaker made = maker(Rule::kCRLReasons, outcome_.code);
+    if (surroundings_.rulesOnly) return std::move(made).make();
     made.add(DetailName::kMissingReasons, reasonNames(outcome_.uncoveredReasons));
     made.add(DetailName::kCoveredReasons, reasonNames(covered));
     for (std::size_t i = 0; i < outcome_.covering.size(); ++i) {
@@ -646,6 +650,7 @@ class Findings {
     const bool sourced = named || surroundings_.hasCRLSources;
     FindingMaker made =
         maker(sourced ? Rule::kCRLMissing : Rule::kRevocationUnsourced, outcome_.code);
+    if (surroundings_.rulesOnly) return std::move(made).make();
     made.add(DetailName::kCRLIssuer, certificate_->issuer().asString());
     made.add(DetailName::kDirectory, surroundings_.crlDirectory);
     return std::move(made).make();

@@ -97,7 +97,8 @@ Rule ruleOf(const Use& use) noexcept {
   }
   switch (use.kind) {
     case Source::Kind::kOCSPResponder:
-      return Rule::kOCSPUnreachable;
+      return use.facts.failure == UseFacts::Failure::kMalformed ? Rule::kOCSPMalformed
+                                                                : Rule::kOCSPUnreachable;
     case Source::Kind::kCRLServer:
       return use.facts.failure == UseFacts::Failure::kMalformed ? Rule::kCRLMalformed
                                                                 : Rule::kCRLUnreachable;

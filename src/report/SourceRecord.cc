@@ -2,6 +2,7 @@
 
 #include "foundation/base/FileDescriptor.h"
 #include "foundation/run/ConnectionSubject.h"
+#include "foundation/run/Counters.h"
 #include "foundation/run/VerificationRun.h"
 
 #include <velantrix/Exception.h>
@@ -42,11 +43,6 @@ bool isSameAnswer(const Use& a, const Use& b) noexcept {
 
 constexpr std::string_view kNetworkTime = "network time";
 
-bool noNetworkTime() noexcept {
-  VerificationRun* const run = VerificationRun::current();
-  return run != nullptr && run->network().isSpent(NetworkBudget::Resource::kTime);
-}
-
 // What went wrong, without who says so where that is known.
 std::string_view textOf(const std::exception& failure) noexcept {
   const auto* const ours = dynamic_cast<const Exception*>(&failure);
@@ -72,6 +68,37 @@ std::chrono::nanoseconds clockOf(Source::Kind kind) noexcept {
   timespec now{};
   if (clock_gettime(isNetwork ? CLOCK_MONOTONIC : CLOCK_MONOTONIC_COARSE, &now) != 0) return {};
   return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+struct SourceCounters {
+  Statistics::Counter lookups;
+  Statistics::Counter hits;
+};
+
+SourceCounters countersOf(Source::Kind kind) noexcept {
+  using Counter = Statistics::Counter;
+  switch (kind) {
+    case Source::Kind::kDirectory:
+      return {Counter::kLookupsDirectory, Counter::kHitsDirectory};
+    case Source::Kind::kLookupMethod:
+      return {Counter::kLookupsMethod, Counter::kHitsMethod};
+    case Source::Kind::kLDAP:
+      return {Counter::kLookupsLDAP, Counter::kHitsLDAP};
+    case Source::Kind::kCache:
+      return {Counter::kLookupsCache, Counter::kHitsCache};
+    case Source::Kind::kCRLServer:
+      return {Counter::kLookupsCRLServer, Counter::kHitsCRLServer};
+    case Source::Kind::kOCSPResponder:
+      break;
+  }
+  return {Counter::kLookupsOCSPResponder, Counter::kHitsOCSPResponder};
+}
+
+void countLookup(const Use& use) noexcept {
+  if (use.result == Source::Result::kRefused) return;
+  const SourceCounters counters = countersOf(use.kind);
+  count(counters.lookups);
+  if (use.found > 0) count(counters.hits);
 }
 
 }  // namespace
@@ -131,7 +158,7 @@ void SourceRecord::again(const Stretch& asked) noexcept {
   SourceUse* const asking = SourceUse::innermost();
   try {
     for (std::size_t i = asked.begin; i < asked.end && i < record->uses_.size(); ++i) {
-      if (asking != nullptr) asking->told_ = true;
+      if (asking != nullptr) asking->told_ = asking->counted_ = true;
       if (record->uses_[i].about == record->about_) continue;
       Use use = record->uses_[i];
       use.about = record->about_;
@@ -172,11 +199,15 @@ SourceUse::SourceUse(Source::Kind kind, Source::Wanted wanted, std::string_view 
 SourceUse::~SourceUse() {
   if (record_ == nullptr) return;
   record_->innermost_ = outer_;
+  if (!counted_) countLookup(use_);
+  // What a verification that a source starts has asked is none of the source's.
+  const bool isWithin =
+      outer_ != nullptr && outer_->run_ == run_ && outer_->use_.wanted == use_.wanted;
+  if (isWithin) outer_->counted_ = true;
   if (isTold()) return;
   try {
     use_.taken = clockOf(use_.kind) - start_;
-    // What a verification that a source starts has asked is none of the source's.
-    if (outer_ != nullptr && outer_->run_ == run_ && outer_->use_.wanted == use_.wanted) {
+    if (isWithin) {
       outer_->told_ = true;
       if (use_.result == Source::Result::kFailed) outer_->failureTold_ = true;
     }
@@ -265,7 +296,7 @@ void SourceUse::failedBy(const std::exception_ptr& thrown) noexcept {
   } catch (...) {
     // It goes without.
   }
-  if (noNetworkTime()) spent(kNetworkTime);
+  if (const std::string_view end = VerificationRun::endOfNetwork(); !end.empty()) spent(end);
 }
 
 void SourceUse::bytes(std::uint64_t received) noexcept { use_.facts.bytes = received; }
@@ -274,7 +305,7 @@ void SourceUse::stored(const Time& when) noexcept { use_.facts.stored = when; }
 
 void SourceUse::drop() noexcept {
   use_.result = Source::Result::kNothing;
-  told_ = true;
+  told_ = counted_ = true;
 }
 
 SourceUse* SourceUse::innermost() noexcept {
@@ -348,7 +379,8 @@ UseFacts notAdmitted() {
     return {.failure = UseFacts::Failure::kNotVouched,
             .reason = "no trust anchor vouches for the certificate that names the host"};
   }
-  return {.failure = UseFacts::Failure::kBudget, .resource = kNetworkTime};
+  const std::string_view end = VerificationRun::endOfNetwork();
+  return {.failure = UseFacts::Failure::kBudget, .resource = end.empty() ? kNetworkTime : end};
 }
 
 UseFacts unreadableFacts(const std::string& path, const std::exception& failure) {

@@ -144,6 +144,8 @@ class SourceUse : private NonCopyable {
   void stored(const Time& when) noexcept;
   // It is told elsewhere.
   void drop() noexcept;
+  // It is to be told, and for `Statistics` it is none.
+  void noQuestion() noexcept { counted_ = true; }
   // Of the source, as it is told.
   const SharedText& origin() const noexcept { return use_.origin; }
 
@@ -184,6 +186,7 @@ class SourceUse : private NonCopyable {
   bool told_ = false;         // uses within it, or an answer from memory, have told of it
   bool failureTold_ = false;  // also of a failure
   bool leftOut_ = false;
+  bool counted_ = false;  // by those within it, or when what is answered from memory was asked
 };
 
 // Why `connectionAdmitted()` says no.

@@ -1,6 +1,7 @@
 #include "foundation/base/NoCancellation.h"
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/ldap/LDAPSearch.h"
+#include "foundation/net/ldap/LDAPURI.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/ConnectionSubject.h"
 #include "foundation/run/VerificationRun.h"
@@ -13,14 +14,18 @@
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
+#include <algorithm>
+#include <chrono>
 #include <exception>
+#include <optional>
 #include <string_view>
+#include <strings.h>
 
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-constexpr unsigned int kAnswerBound = 30;  // seconds
+constexpr std::chrono::seconds kAnswerBound{30};
 
 // RFC 4523, 2. They are transferred in binary (RFC 4522), which servers insist on.
 std::list<LDAPAttributeType> attributeTypes(Object::Type type) {
@@ -48,31 +53,70 @@ ObjectOrigins::Where originOf(const std::string& server, const LDAPSearchResultE
   return {VerificationReport::Origin::Kind::kLDAP, server + slash + entry.name()};
 }
 
-// Appends every value that the directory has for that kind of object under the base. An empty
-// filter takes every entry that has one; without a base as well that would be the whole directory,
-// which nobody asks for but a certificate without a name. False when a limit has cut the answer short.
-bool s_addAttributes(const LDAPLookupMethod::Config& config, Object::Type type,
-                     const std::string& base, const std::string& filter, std::list<Value>& out) {
-  const std::list<LDAPAttributeType> types = attributeTypes(type);
-  if (base.empty() && filter.empty()) return true;
+// What a server is asked for, and what is to be made of its values.
+struct Question {
+  Object::Type type;
+  LDAPSearch::Parameter search;
+  std::string key;  // a verification asks equal ones once
+};
+
+// For every value of that kind under the base. An empty filter takes every entry that has one.
+Question below(Object::Type type, const std::string& base, const std::string& filter) {
+  Question question{type, LDAPSearch::Parameter(base), std::to_string(type) + ' ' + base};
+  question.search.filter(filter);
+  for (const LDAPAttributeType& attribute : attributeTypes(type)) question.search.add(attribute);
+  return question;
+}
+
+// Of the attributes that hold CRLs (RFC 4523, 2) those that the URI names, else all of them.
+std::list<LDAPAttributeType> crlAttributes(const LDAPURI& uri) {
+  std::list<LDAPAttributeType> named;
+  std::list<LDAPAttributeType> all;
+  for (const std::string type :
+       {"certificateRevocationList", "authorityRevocationList", "deltaRevocationList"}) {
+    all.emplace_back(type + ";binary");
+    const bool isNamed = std::any_of(
+        uri.attributes.begin(), uri.attributes.end(), [&](const std::string& attribute) {
+          // RFC 4512, 2.5: without regard to case.
+          return ::strcasecmp(attribute.substr(0, attribute.find(';')).c_str(), type.c_str()) == 0;
+        });
+    if (isNamed) named.push_back(all.back());
+  }
+  return named.empty() ? all : named;
+}
+
+// RFC 5280, 4.2.1.13: without a host the client relies on "whatever a priori knowledge [it] might have
+// to contact an appropriate server".
+Question namedBy(const Uri& uri, const LDAPURI& wanted) {
+  Question question{Object::TypeCRL, LDAPSearch::Parameter(wanted.base), "at " + uri.asString()};
+  question.search.scope(wanted.scope);
+  for (const LDAPAttributeType& attribute : crlAttributes(wanted)) question.search.add(attribute);
+  // Entries without one of them would only use up the limits of the answer.
+  if (!wanted.filter.empty()) {
+    question.search.filter("(&" + question.search.filter() + wanted.filter + ")");
+  }
+  return question;
+}
+
+// Appends every value that the directory has. Without base and filter that would be the whole
+// directory, which nobody asks for but a certificate without a name. False when a limit has cut the
+// answer short.
+bool s_addAttributes(const LDAPLookupMethod::Config& config, const Question& question,
+                     std::list<Value>& out) {
+  if (question.search.base().empty() && !question.search.hasOwnFilter()) return true;
   const NoCancellation untilReturn;
   LDAPConnection connection(config.server, false);
   // Meant this way round: a configured name stands for searching without a bind.
   if (config.bindDn.empty()) {
     connection.bind(config.bindDn, config.bindPassword, LDAPConnection::BindSimple);
   }
-  LDAPSearch::Parameter parameter(base);
-  parameter.filter(filter);
-  parameter.scope(LDAP_SCOPE_SUBTREE);
-  for (const LDAPAttributeType& attribute : types) parameter.add(attribute);
-
-  LDAPSearch search(connection, parameter);
+  LDAPSearch search(connection, question.search);
   search.send();
   search.wait(kAnswerBound);
   // The CRL that was cut off may be the one that revokes.
   if (!search.result().complete()) {
     TolerantReading::leftOut();
-    if (type == Object::TypeCRL) Shortfall::note();
+    if (question.type == Object::TypeCRL) Shortfall::note();
   }
   for (const LDAPSearchResultEntry& entry : search.result().searchResultEntries()) {
     if (entry.attributes().empty()) continue;
@@ -156,32 +200,31 @@ std::string_view placeOf(const LDAPLookupMethod::Config& config) noexcept {
 }
 
 // Has the server searched, and tells of it.
-void ask(const LDAPLookupMethod::Config& config, Object::Type type, const std::string& base,
+void ask(const LDAPLookupMethod::Config& config, const Question& question,
          std::list<RefObject>& found, SourceUse& use) {
-  if (base.empty()) use.drop();
+  if (question.search.base().empty()) use.drop();
   use.during([&] {
     std::list<Value> values;
-    const bool whole = s_addAttributes(config, type, base, "", values);
-    readObjects(type, values, found);
+    const bool whole = s_addAttributes(config, question, values);
+    readObjects(question.type, values, found);
     use.found(found.size());
     if (!whole) use.cut("a limit, the server's or ours, has cut the answer short");
   });
 }
 
-// What the directory has under the base. A verification asks once for each base and kind, whichever
-// of the queries below comes first.
-std::list<RefObject> objectsBelow(const LookupMethod& method,
-                                  const LDAPLookupMethod::Config& config, Object::Type type,
-                                  const std::string& base, AskedBy asker) {
+// What the directory has. A verification asks once for each base and kind, whichever of the queries
+// below comes first, and once for each URI.
+std::list<RefObject> objectsOf(const LookupMethod& method, const LDAPLookupMethod::Config& config,
+                               const Question& question, AskedBy asker) {
   std::list<RefObject> objects;
-  askOnce(&method, std::to_string(type) + ' ' + base, objects, [&](std::list<RefObject>& found) {
-    SourceUse use(Source::Kind::kLDAP, wantedOf(type), placeOf(config));
+  askOnce(&method, question.key, objects, [&](std::list<RefObject>& found) {
+    SourceUse use(Source::Kind::kLDAP, wantedOf(question.type), placeOf(config));
     if (asker == AskedBy::kRevocation && !connectionAdmitted()) {
       use.refused(notAdmitted());
       TolerantReading::leftOut();
       return false;
     }
-    ask(config, type, base, found, use);
+    ask(config, question, found, use);
     // Where something was passed over, whoever reads as ever is to hear of it.
     const TolerantReading* const tolerant = TolerantReading::current();
     return tolerant == nullptr || !tolerant->cut();
@@ -234,7 +277,8 @@ void LDAPLookupMethod::getBySubject(const DistinguishedName& issuer,
 }
 
 RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& base) {
-  const std::list<RefObject> objects = objectsBelow(*this, config(), type, base, AskedBy::kPath);
+  const std::list<RefObject> objects =
+      objectsOf(*this, config(), below(type, base, ""), AskedBy::kPath);
   if (objects.empty()) return RefObject();
   if (objectStore != nullptr) {
     for (const RefObject& object : objects) addTo(*objectStore, object);
@@ -244,7 +288,7 @@ RefObject LDAPLookupMethod::getBySubject(Object::Type type, const std::string& b
 
 void LDAPLookupMethod::getBySubject(const std::string& base, std::list<RefCertificate>& out) {
   for (const RefObject& object :
-       objectsBelow(*this, config(), Object::TypeCertificate, base, AskedBy::kRevocation)) {
+       objectsOf(*this, config(), below(Object::TypeCertificate, base, ""), AskedBy::kRevocation)) {
     out.push_back(object->certificate);
   }
 }
@@ -252,7 +296,16 @@ void LDAPLookupMethod::getBySubject(const std::string& base, std::list<RefCertif
 void LDAPLookupMethod::getBySubject(const std::string& base,
                                     std::list<RefCertificateRevocationList>& out) {
   for (const RefObject& object :
-       objectsBelow(*this, config(), Object::TypeCRL, base, AskedBy::kRevocation)) {
+       objectsOf(*this, config(), below(Object::TypeCRL, base, ""), AskedBy::kRevocation)) {
+    out.push_back(object->crl);
+  }
+}
+
+void LDAPLookupMethod::getByURI(const Uri& uri, std::list<RefCertificateRevocationList>& out) {
+  const std::optional<LDAPURI> wanted = LDAPURI::withoutHost(uri);
+  if (!wanted) return;
+  for (const RefObject& object :
+       objectsOf(*this, config(), namedBy(uri, *wanted), AskedBy::kRevocation)) {
     out.push_back(object->crl);
   }
 }
@@ -260,7 +313,7 @@ void LDAPLookupMethod::getBySubject(const std::string& base,
 void LDAPLookupMethod::getByEmailAddress(const std::string& base, const std::string& address,
                                          std::list<RefCertificate>& out) {
   std::list<Value> values;
-  s_addAttributes(config(), Object::TypeCertificate, base, "(mail=" + address + ")", values);
+  s_addAttributes(config(), below(Object::TypeCertificate, base, "(mail=" + address + ")"), values);
   readCertificates(values, out);
 }
 

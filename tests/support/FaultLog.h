@@ -24,6 +24,7 @@ namespace Velantrix::Test {
 struct FaultConnection {
   std::string received;       ///< all bytes that the script read, exactly as they came
   std::string clientSubject;  ///< of the TLS client's certificate as in RFC 2253, empty: none
+  std::string serverName;     ///< that a TLS client asked for, empty: none
   std::string error;          ///< why the TLS handshake failed, or what the script threw
   bool ended = false;         ///< the script has ended and the connection is closed
 };
@@ -44,6 +45,9 @@ class FaultLog {
   }
   void clientSubject(std::size_t number, const std::string& subject) {
     change([&] { connections_[number].clientSubject = subject; });
+  }
+  void serverName(std::size_t number, const std::string& name) {
+    change([&] { connections_[number].serverName = name; });
   }
   void failed(std::size_t number, const std::string& error) {
     change([&] { connections_[number].error = error; });

@@ -25,7 +25,7 @@ FaultServer::FaultServer(Script script, const FaultServerOptions& options)
     : script_(std::move(script)),
       urlBegin_(std::string(options.certificate != nullptr ? "https" : "http") + "://" +
                 options.address + ":"),
-      listener_(bindTo(0, options.address)),
+      listener_(bindTo(options.port, options.address)),
       port_(boundPort(listener_)),
       stop_(eventfd(0, EFD_CLOEXEC), "eventfd"),
       tls_(makeContext(options)) {

@@ -32,6 +32,7 @@ struct FaultServerOptions {
   const Issued* certificate = nullptr;  ///< speaks TLS; borrowed, as the other, for the call
   const Issued* clientCA = nullptr;  ///< and only with clients that have a certificate of this CA
   const char* address = "127.0.0.1";
+  std::uint16_t port = 0;  ///< a free one
 };
 
 class FaultServer {

@@ -32,8 +32,8 @@ struct Address {
     }
   }
   const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&any); }
-  Descriptor makeSocket() const {
-    return {socket(any.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"};
+  Descriptor makeSocket(int flags = 0) const {
+    return {socket(any.ss_family, SOCK_STREAM | SOCK_CLOEXEC | flags, 0), "socket"};
   }
 
   sockaddr_storage any{};
@@ -83,6 +83,19 @@ Descriptor connectTo(std::uint16_t port, const char* address) {
     failWithError(std::string("connect ") + address, errno);
   }
   return connected;
+}
+
+DeafListener::DeafListener(std::uint16_t port, const char* address)
+    : listener_(bindTo(port, address)) {
+  constexpr int kMoreThanFit = 4;
+  if (listen(listener_.number(), 0) != 0) failWithError("listen", errno);
+  const Address own(address, boundPort(listener_));
+  for (int i = 0; i < kMoreThanFit; ++i) {
+    queue_.push_back(own.makeSocket(SOCK_NONBLOCK));
+    if (connect(queue_.back().number(), own.get(), own.size) != 0 && errno != EINPROGRESS) {
+      failWithError(std::string("connect ") + address, errno);
+    }
+  }
 }
 
 Descriptor acceptUntil(const Descriptor& stop, const Descriptor& listener) {

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace Velantrix::Test {
 
@@ -39,6 +40,18 @@ std::uint16_t boundPort(const Descriptor& socket);
 
 /// Throws std::system_error with ECONNREFUSED when nobody listens there.
 Descriptor connectTo(std::uint16_t port, const char* address = "127.0.0.1");
+
+/// A listener that does not answer at all, as a host behind a filter does not: its queue is full.
+class DeafListener {
+ public:
+  explicit DeafListener(std::uint16_t port = 0, const char* address = "127.0.0.1");
+
+  std::uint16_t port() const { return boundPort(listener_); }
+
+ private:
+  Descriptor listener_;
+  std::vector<Descriptor> queue_;
+};
 
 /// The next connection that `listener` gets, set not to block; none, with the number -1, once `stop`
 /// is readable.

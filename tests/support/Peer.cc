@@ -67,6 +67,8 @@ void Peer::handshake(SSL_CTX* context) {
     throw std::runtime_error(errorText("SSL_accept"));
   }
   log_.clientSubject(number_, subjectOf(ssl_.get()));
+  const char* const name = SSL_get_servername(ssl_.get(), TLSEXT_NAMETYPE_host_name);
+  if (name != nullptr) log_.serverName(number_, name);
 }
 
 std::optional<std::string> Peer::readRequest() {

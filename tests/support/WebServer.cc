@@ -55,6 +55,9 @@ WebServer::WebServer(const WebServerOptions& options)
     writeFile(directory_ / "client-ca.crt", pem(options.clientCA->cert.get()));
   }
   std::filesystem::create_directory(root());
+  for (const std::string& host : options.virtualHosts) {
+    std::filesystem::create_directory(root() / host);
+  }
   writeFile(directory_ / "nginx.conf", configuration(options));
   start();
 }
@@ -105,7 +108,11 @@ std::string WebServer::configuration(const WebServerOptions& options) const {
   }
   conf << "  server {\n    listen 127.0.0.1:" << port_.number() << ";\n";
   if (ipv6Port_) conf << "    listen [::1]:" << ipv6Port_->number() << ";\n";
-  conf << "  }\n";
+  conf << options.directives << "  }\n";
+  for (const std::string& host : options.virtualHosts) {
+    conf << "  server {\n    listen 127.0.0.1:" << port_.number() << ";\n    server_name " << host
+         << ";\n    root " << (root() / host).string() << ";\n  }\n";
+  }
   if (tlsPort_) {
     conf << "  server {\n    listen 127.0.0.1:" << tlsPort_->number() << " ssl;\n"
          << "    ssl_certificate " << directory << "/server.crt;\n"
@@ -116,7 +123,7 @@ std::string WebServer::configuration(const WebServerOptions& options) const {
     }
     conf << "  }\n";
   }
-  conf << "}\n";
+  conf << options.more << "}\n";
   return conf.str();
 }
 

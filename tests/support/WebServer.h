@@ -28,6 +28,11 @@ namespace Velantrix::Test {
 struct WebServerOptions {
   const Issued* certificate = nullptr;  ///< serves https too; borrowed, as the others, for the call
   const Issued* clientCA = nullptr;  ///< https answers only clients with a certificate of this CA
+  /// Names of which each has a server of its own on the port of `url()`, with a directory of its name
+  /// in the root.
+  std::vector<std::string> virtualHosts = {};
+  std::string directives = {};  ///< more, for the server of `url()` (ngx_http_core_module)
+  std::string more = {};        ///< of nginx's block "http", servers of other kinds for one
 };
 
 /// A request as nginx logged it when it had answered. A header that was absent is "-"; control

@@ -14,7 +14,8 @@ constexpr Origin kHere{"DirectoryLock", "DirectoryLock"};
 
 }  // namespace
 
-DirectoryLock::DirectoryLock(const std::string& directory, std::chrono::milliseconds wait)
+DirectoryLock::DirectoryLock(const std::string& directory, std::chrono::milliseconds wait,
+                             GiveUp giveUp)
     : directory_(::open(systemPath(directory), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   if (!directory_.valid()) failSystem(kHere, directory, errno);
   using Clock = std::chrono::steady_clock;
@@ -23,7 +24,7 @@ DirectoryLock::DirectoryLock(const std::string& directory, std::chrono::millisec
   constexpr std::chrono::milliseconds kLongestPause{10};
   for (std::chrono::milliseconds pause{1};; pause = std::min(2 * pause, kLongestPause)) {
     held_ = ::flock(directory_.get(), LOCK_EX | LOCK_NB) == 0 || !wouldBlock(errno);
-    if (held_ || Clock::now() >= end) return;
+    if (held_ || Clock::now() >= end || (giveUp != nullptr && giveUp())) return;
     std::this_thread::sleep_for(pause);
   }
 }

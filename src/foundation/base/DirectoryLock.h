@@ -17,9 +17,14 @@ namespace Velantrix {
 /// process that dies. Where the file system has no such locks, everybody holds it.
 class DirectoryLock : private NonCopyable {
  public:
-  /// Tries for at most @p wait. Whoever may read the directory can hold it for ever.
+  /// Whether there is no sense in waiting any longer.
+  using GiveUp = bool (*)() noexcept;
+
+  /// Tries for at most @p wait, and not again once @p giveUp says so; it is asked every 10 ms. Whoever may
+  /// read the directory can hold it for ever.
   /// @throws Exception with the path and the reason when the directory cannot be opened
-  DirectoryLock(const std::string& directory, std::chrono::milliseconds wait);
+  DirectoryLock(const std::string& directory, std::chrono::milliseconds wait,
+                GiveUp giveUp = nullptr);
   ~DirectoryLock();
 
   bool held() const noexcept { return held_; }

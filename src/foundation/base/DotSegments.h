@@ -2,6 +2,7 @@
 // way.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace Velantrix {
@@ -10,5 +11,9 @@ namespace Velantrix {
 /// (RFC 3986, 3.3 and 6.2.2.2).
 /// @param path of a URI, or any other text in which hexadecimal digits follow each '%'
 bool hasDotSegments(std::string_view path);
+
+/// RFC 3986, 5.2.4, for a path that begins with a slash: "." goes, ".." takes the segment before it
+/// along, and one at the end leaves the slash.
+std::string withoutDotSegments(std::string_view path);
 
 }  // namespace Velantrix

@@ -6,6 +6,7 @@
 #include "foundation/base/Shortfall.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -42,6 +43,20 @@ class FileDescriptor {
 /// Whether a call on a descriptor that does not block failed with @p error only for the moment.
 inline bool wouldBlock(int error) noexcept {
   return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+/// Writes all of it to an open file. 0, or the error.
+inline int writeAll(int file, const void* data, std::size_t length) noexcept {
+  const char* next = static_cast<const char*>(data);
+  while (length > 0) {
+    const ssize_t written = ::write(file, next, length);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return errno;
+    if (written == 0) return EIO;
+    next += written;
+    length -= static_cast<std::size_t>(written);
+  }
+  return 0;
 }
 
 /// What goes into the exception for a system call that failed with @p error:

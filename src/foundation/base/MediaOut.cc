@@ -1,6 +1,5 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileDescriptor.h"
-#include "foundation/base/Hex.h"
 #include "foundation/base/OwnedDirectory.h"
 #include "foundation/base/TemporaryName.h"
 
@@ -11,12 +10,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
 #include <string_view>
-#include <sys/random.h>
 #include <sys/stat.h>
 
 namespace Velantrix {
@@ -27,35 +24,6 @@ constexpr Origin kHere{"FileMediaOut", "MediaOut"};
 
 constexpr std::size_t kMaxName = 255;  // NAME_MAX of every file system in use
 constexpr long kLeftoverAge = 3600;
-
-std::string temporarySuffix() {
-  std::uint64_t number = 0;
-  while (::getrandom(&number, sizeof number, 0) != sizeof number) {
-    if (errno != EINTR) {
-      fail(kHere, systemErrorText("getrandom", errno));
-    }
-  }
-  std::string suffix(kTemporaryMark);
-  for (std::size_t i = 0; i < kTemporaryDigits; ++i) {
-    suffix += kLowerHexDigits[number & 0x0f];
-    number >>= 4;
-  }
-  return suffix;
-}
-
-// 0, or the error.
-int writeAll(int file, const void* data, std::size_t length) {
-  const char* next = static_cast<const char*>(data);
-  while (length > 0) {
-    const ssize_t written = ::write(file, next, length);
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return errno;
-    if (written == 0) return EIO;
-    next += written;
-    length -= static_cast<std::size_t>(written);
-  }
-  return 0;
-}
 
 // The whole content of one file to the end of another. 0, or the error.
 int copyAll(int from, int to) {
@@ -132,7 +100,7 @@ FileMediaOut::State::State(const std::string& targetPath) : path(targetPath) {
 void FileMediaOut::State::openTemporary() {
   constexpr int kAttempts = 16;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    temporary = temporaryStem + temporarySuffix();
+    temporary = temporaryStem + newTemporarySuffix();
     // The kernel takes the umask off the mode. Reading is for going on after a flush.
     constexpr int kFlags = O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW | O_CLOEXEC;
     FileDescriptor made(::openat(directory.get(), temporary.c_str(), kFlags, mode_t{0666}));

@@ -5,6 +5,7 @@
 #include "foundation/base/Hex.h"
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace Velantrix {
@@ -20,5 +21,9 @@ constexpr bool isTemporarySuffix(std::string_view text) noexcept {
          text.starts_with(kTemporaryMark) &&
          text.find_first_not_of(kLowerHexDigits, kTemporaryMark.size()) == std::string_view::npos;
 }
+
+/// One that nobody has had.
+/// @throws Exception when the system has no random numbers
+std::string newTemporarySuffix();
 
 }  // namespace Velantrix

@@ -74,28 +74,6 @@ std::string normalEncoding(std::string_view text, bool caseMatters) {
   return out;
 }
 
-// RFC 3986, 5.2.4, for a path that begins with a slash: "." goes, ".." takes the segment before it
-// along, and one at the end leaves the slash.
-std::string withoutDotSegments(std::string_view path) {
-  std::string out;
-  out.reserve(path.size());
-  while (!path.empty()) {
-    const std::size_t end = std::min(path.find('/', 1), path.size());
-    const std::string_view segment = path.substr(1, end - 1);
-    const bool last = end == path.size();
-    if (segment == "..") {
-      out.erase(out.empty() ? 0 : out.rfind('/'));
-      if (last) out += '/';
-    } else if (segment == ".") {
-      if (last) out += '/';
-    } else {
-      out += path.substr(0, end);
-    }
-    path.remove_prefix(end);
-  }
-  return out;
-}
-
 // The digits of a port as a number, 0 for none of them; nothing when it is too large.
 std::optional<unsigned int> parsePort(std::string_view digits) {
   unsigned int port = 0;
@@ -138,6 +116,26 @@ std::string normalForm(const boost::urls::url_view& url, const std::string& sche
 }
 
 }  // namespace
+
+std::string withoutDotSegments(std::string_view path) {
+  std::string out;
+  out.reserve(path.size());
+  while (!path.empty()) {
+    const std::size_t end = std::min(path.find('/', 1), path.size());
+    const std::string_view segment = path.substr(1, end - 1);
+    const bool last = end == path.size();
+    if (segment == "..") {
+      out.erase(out.empty() ? 0 : out.rfind('/'));
+      if (last) out += '/';
+    } else if (segment == ".") {
+      if (last) out += '/';
+    } else {
+      out += path.substr(0, end);
+    }
+    path.remove_prefix(end);
+  }
+  return out;
+}
 
 bool hasDotSegments(std::string_view path) {
   const std::string text = normalEncoding(path, true);

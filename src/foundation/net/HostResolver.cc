@@ -2,6 +2,7 @@
 
 #include "foundation/base/NoCancellation.h"
 #include "foundation/base/Shortfall.h"
+#include "foundation/net/Cancellation.h"
 #include "foundation/net/NetworkBudget.h"
 
 #include <boost/asio/ip/address.hpp>
@@ -62,17 +63,19 @@ std::string numericForm(const sockaddr* address) {
 // One question, and the sockets that c-ares asks it on.
 class Resolution {
  public:
-  HostAddresses run(const std::string& name) {
-    const NetworkTimer timer(kResolveTime);
+  HostAddresses run(const std::string& name, std::chrono::milliseconds bound) {
+    const NetworkTimer timer(bound);
+    if (Cancellation::requested()) return {.status = HostAddresses::kCancelled};
     if (timer.expired()) return {.status = HostAddresses::kNoTime};
     if (!open()) return {.status = status_};
     ares_addrinfo_hints hints{};
     hints.ai_family = AF_UNSPEC;
     ares_getaddrinfo(channel_.get(), name.c_str(), nullptr, &hints, s_answer, this);
-    while (!answered_ && !timer.expired()) step(timer.deadline());
+    while (!answered_ && !timer.expired() && !stopped_) step(timer.deadline());
     // Answers what is still open, so that nothing comes back here later.
     channel_.reset();
     if (!addresses_.empty()) return {.addresses = std::move(addresses_)};
+    if (stopped_) return {.status = HostAddresses::kCancelled};
     return {.status = status_ == ARES_SUCCESS ? ARES_ENODATA : status_};
   }
 
@@ -136,7 +139,8 @@ class Resolution {
     return true;
   }
 
-  // Waits until a socket is ready, c-ares wants to try again or the deadline comes.
+  // Waits until a socket is ready, c-ares wants to try again, the deadline comes or somebody asks to
+  // stop.
   void step(NetworkTimer::Clock::time_point deadline) {
     using std::chrono::milliseconds;
     const auto left = std::chrono::ceil<milliseconds>(deadline - NetworkTimer::Clock::now());
@@ -148,7 +152,11 @@ class Resolution {
     const auto pause = std::clamp<long>(until->tv_sec * 1000 + (until->tv_usec + 999) / 1000, 0,
                                         static_cast<long>(left.count()));
     std::vector<pollfd> ready = sockets_;  // c-ares changes the list while it works
+    ready.push_back({Cancellation::descriptor(), POLLIN, 0});
     const int count = ::poll(ready.data(), ready.size(), static_cast<int>(pause));
+    stopped_ = Cancellation::requested();
+    if (stopped_) return;
+    ready.pop_back();
     if (count <= 0) {  // also EINTR: c-ares looks at its clock and goes on
       ares_process_fd(channel_.get(), ARES_SOCKET_BAD, ARES_SOCKET_BAD);
       return;
@@ -167,16 +175,18 @@ class Resolution {
   std::vector<std::string> addresses_;
   int status_ = ARES_ETIMEOUT;  // as long as nobody says anything else
   bool answered_ = false;
+  bool stopped_ = false;  // somebody asked for it
 };
 
 }  // namespace
 
 std::string HostAddresses::reason() const {
   if (status == kNoTime) return "no time was left for the network";
+  if (status == kCancelled) return "somebody asked to stop";
   return ares_strerror(status);
 }
 
-HostAddresses resolveHost(const std::string& name) {
+HostAddresses resolveHost(const std::string& name, std::chrono::milliseconds bound) {
   // Parsers and c-ares see C strings: they would take what stands in front of a NUL for the whole.
   if (name.empty() || name.find('\0') != std::string::npos) return {.status = ARES_EBADNAME};
   boost::system::error_code notNumeric;
@@ -184,7 +194,7 @@ HostAddresses resolveHost(const std::string& name) {
   if (!notNumeric) return {.addresses = {name}};
   if (name.size() > kMaximumName) return {.status = ARES_EBADNAME};
   const NoCancellation untilReturn;
-  return Resolution().run(name);
+  return Resolution().run(name, bound);
 }
 
 }  // namespace Velantrix

@@ -8,8 +8,8 @@
 //
 // A stranger's certificate may name a thousand hosts that never answer, or answer without end. Each
 // single exchange has bounds of its own; the budget bounds all of them together. Clients ask it
-// without knowing who installed it, and a thread without one is refused nothing. What it refuses or
-// cuts short is a `Shortfall`.
+// without knowing who installed it, and a thread without one is refused nothing but what is cancelled
+// (`Cancellation`). What it refuses or cuts short is a `Shortfall`.
 #pragma once
 
 #include <velantrix/NonCopyable.h>
@@ -27,9 +27,10 @@ class NetworkBudget : private NonCopyable {
   struct Limits {
     std::optional<Clock::duration> time;  ///< none: no limit
     std::size_t bytes;
+    std::optional<Clock::time_point> deadline = {};  ///< of all that is done, none: no limit
   };
 
-  enum class Resource { kTime, kBytes };
+  enum class Resource { kTime, kBytes, kDeadline };
   /// Told of each resource once, when it is refused for the first time.
   using SpentHandler = void (*)(Resource spent);
 
@@ -48,8 +49,9 @@ class NetworkBudget : private NonCopyable {
   };
 
   /// Leaves what is done while it lives half of the time that is left on this thread, so that the
-  /// other half is there for what comes after it. Whoever uses up this half has come to the end of
-  /// a single exchange, which is no shortfall. Where time is not limited it does nothing.
+  /// other half is there for what comes after it; of what is left until the deadline where that is
+  /// less. Whoever uses up this half has come to the end of a single exchange, which is no
+  /// shortfall. Where time is not limited it does nothing.
   class HalfOfTime : private NonCopyable {
    public:
     HalfOfTime() noexcept;
@@ -60,7 +62,8 @@ class NetworkBudget : private NonCopyable {
     std::optional<Clock::duration> outer_;
   };
 
-  /// Whether time is left on this thread. To be asked before a host is contacted.
+  /// Whether time is left on this thread, and nobody asks it to stop. To be asked before a host is
+  /// contacted.
   static bool hasTime();
 
   /// How many bytes may be read now, at most @p wanted; 0 when they are spent.
@@ -68,10 +71,11 @@ class NetworkBudget : private NonCopyable {
   /// Counts what was read, whether or not it was of use.
   static void countBytes(std::size_t bytes) noexcept;
 
-  /// Whether nothing is left of it.
-  bool isSpent(Resource resource) const noexcept {
-    return resource == Resource::kTime ? !timeLeft() : bytes_ >= limits_.bytes;
-  }
+  /// Whether nothing is left of it; of the deadline, whether something was refused or cut short for
+  /// its sake.
+  bool isSpent(Resource resource) const noexcept;
+  /// Whether the deadline is over; whoever asks leaves something out if it is.
+  bool isOver();
   Clock::duration timeSpent() const noexcept { return time_; }
   std::size_t bytesSpent() const noexcept { return bytes_; }
   /// Counts time that was spent elsewhere.
@@ -81,9 +85,13 @@ class NetworkBudget : private NonCopyable {
   friend class NetworkTimer;
 
   bool timeLeft() const noexcept { return !limits_.time.has_value() || time_ < *limits_.time; }
+  // What the whole may still take from now on; none: no limit.
+  std::optional<Clock::duration> wholeLeft(Clock::time_point now) const noexcept;
   // What may still be spent until then; none: no limit.
   std::optional<Clock::duration> left(const std::optional<Clock::duration>& end) const noexcept;
   void refuse(Resource resource, bool& told) const;
+  // Something ended with what was left of the whole.
+  void noteCut(Clock::time_point end) noexcept;
 
   Limits limits_;
   SpentHandler onSpent_;
@@ -92,6 +100,8 @@ class NetworkBudget : private NonCopyable {
   std::size_t bytes_ = 0;
   bool timeTold_ = false;
   bool bytesTold_ = false;
+  bool deadlineTold_ = false;
+  bool deadlineCut_ = false;  // something, without a line of the log
 };
 
 /// One blocking use of the network. What it takes counts against the thread's budget. One that goes
@@ -107,6 +117,9 @@ class NetworkTimer : private NonCopyable {
   /// When the use has to end; not later than its start when no time is left.
   Clock::time_point deadline() const noexcept { return deadline_; }
   bool expired() const { return Clock::now() >= deadline_; }
+
+  /// What all of them have taken in this process, those of threads without a budget included.
+  static std::chrono::microseconds timeOfAll() noexcept;
 
  private:
   Clock::time_point start_;

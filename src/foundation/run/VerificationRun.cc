@@ -25,6 +25,10 @@ void sayThatItIsSpent(NetworkBudget::Resource spent) {
       log(kPriorityInfo,
           "Verifier: too many bytes of CRLs, the rest of this verification fetches no more");
       break;
+    case NetworkBudget::Resource::kDeadline:
+      log(kPriorityInfo,
+          "Verifier: the time of this verification is over, the rest of it is left out");
+      break;
   }
 }
 
@@ -47,6 +51,17 @@ constexpr std::string_view kProcessorTime = "processor time";
 constexpr std::string_view kDecodedBytes = "decoded bytes";
 constexpr std::string_view kNetworkTime = "network time";
 constexpr std::string_view kNetworkBytes = "network bytes";
+constexpr std::string_view kTime = "time";
+constexpr std::string_view kCancelled = "cancelled";
+
+// None where it is too far away for the clock.
+std::optional<NetworkBudget::Clock::time_point> pointAfter(
+    const std::optional<NetworkBudget::Clock::duration>& duration) noexcept {
+  using Clock = NetworkBudget::Clock;
+  const Clock::time_point now = Clock::now();
+  if (!duration.has_value() || *duration > Clock::time_point::max() - now) return std::nullopt;
+  return now + *duration;
+}
 
 // What the outermost run has no more of: the run has fallen short, and the line is written once.
 bool refuse(bool& told, const char* line) {
@@ -74,6 +89,7 @@ VerificationRun::VerificationRun(const X509* target, const Limits& limits) noexc
       totals_(outer_ == nullptr ? &own_ : outer_->totals_),
       refusal_(judge()) {
   begin(limits);
+  if (outer_ == nullptr) own_.processorStart = processorTimeUsed();
   currentRun = this;
 }
 
@@ -84,16 +100,15 @@ VerificationRun* VerificationRun::current() noexcept { return currentRun; }
 void VerificationRun::begin(const Limits& limits) noexcept {
   if (outer_ != nullptr) return;
   own_.processorLimit = limits.processorTime;
-  if (limits.processorTime.has_value()) {
-    own_.processorStart = processorTimeUsed();
-    own_.start = coarseTime();
-  }
+  if (limits.processorTime.has_value()) own_.start = coarseTime();
   own_.lines.emplace(kMaximumLines);
   own_.shortfall.emplace();
-  own_.network.emplace(NetworkBudget::Limits{limits.networkTime, kMaximumCRLBytes},
-                       sayThatItIsSpent);
+  own_.network.emplace(
+      NetworkBudget::Limits{limits.networkTime, kMaximumCRLBytes, pointAfter(limits.wholeTime)},
+      sayThatItIsSpent);
   installed_.emplace(*own_.network);
   addresses_.emplace(limits.addresses);
+  cancellation_.emplace(limits.stop);
 }
 
 const char* VerificationRun::judge() noexcept {
@@ -140,8 +155,22 @@ bool VerificationRun::mayLookUp() {
   return admitStep();
 }
 
+bool VerificationRun::mayGoOn() {
+  if (currentRun == nullptr) return true;
+  Totals& totals = *currentRun->totals_;
+  if (Cancellation::requested()) {
+    totals.refusedLast = kCancelled;
+    return refuse(totals.cancelledTold,
+                  "Verifier: somebody asks to stop, the rest of this verification is left out");
+  }
+  if (!totals.network->isOver()) return true;
+  totals.refusedLast = kTime;
+  return false;
+}
+
 bool VerificationRun::admitStep() {
   if (currentRun == nullptr) return true;
+  if (!mayGoOn()) return false;
   Totals& totals = *currentRun->totals_;
   if (!totals.processorLimit.has_value()) return true;
   // A thread computes no longer than the time that goes by, and that costs no system call to know.
@@ -150,11 +179,8 @@ bool VerificationRun::admitStep() {
   if (now != kUnknown && totals.start != kUnknown && now - totals.start < *totals.processorLimit) {
     return true;
   }
-  const std::optional<std::chrono::nanoseconds> used = processorTimeUsed();
-  if (used.has_value() && totals.processorStart.has_value() &&
-      *used - *totals.processorStart < *totals.processorLimit) {
-    return true;
-  }
+  const std::optional<std::chrono::nanoseconds> used = currentRun->processorTime();
+  if (used.has_value() && *used < *totals.processorLimit) return true;
   totals.refusedLast = kProcessorTime;
   return refuse(totals.processorTold,
                 "Verifier: the processor time is spent, the rest of this verification is left out");
@@ -189,7 +215,27 @@ std::vector<std::string_view> VerificationRun::spent() const {
   add(totals.decodedTold, kDecodedBytes);
   add(totals.network->isSpent(Resource::kTime), kNetworkTime);
   add(totals.network->isSpent(Resource::kBytes), kNetworkBytes);
+  add(totals.network->isSpent(Resource::kDeadline), kTime);
+  add(Cancellation::noticed(), kCancelled);
   return names;
+}
+
+std::optional<std::chrono::nanoseconds> VerificationRun::processorTime() const noexcept {
+  const std::optional<std::chrono::nanoseconds> used = processorTimeUsed();
+  if (!used.has_value() || !totals_->processorStart.has_value()) return std::nullopt;
+  return *used - *totals_->processorStart;
+}
+
+bool VerificationRun::wasStopped() const noexcept {
+  return Cancellation::noticed() || totals_->network->isSpent(NetworkBudget::Resource::kDeadline);
+}
+
+std::string_view VerificationRun::endOfNetwork() noexcept {
+  if (currentRun == nullptr) return {};
+  const NetworkBudget& network = *currentRun->totals_->network;
+  if (Cancellation::noticed()) return kCancelled;
+  if (network.isSpent(NetworkBudget::Resource::kDeadline)) return kTime;
+  return network.isSpent(NetworkBudget::Resource::kTime) ? kNetworkTime : std::string_view();
 }
 
 X509* VerificationRun::known(const unsigned char* der, std::size_t length) {

@@ -9,6 +9,7 @@
 #include "foundation/base/LogBudget.h"
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/AddressAdmission.h"
+#include "foundation/net/Cancellation.h"
 #include "foundation/net/NetworkBudget.h"
 
 #include <openssl/types.h>
@@ -19,6 +20,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -48,6 +50,8 @@ class VerificationRun {
     std::optional<NetworkBudget::Clock::duration> networkTime = {};  ///< none: no limit
     std::optional<std::chrono::nanoseconds> processorTime = {};      ///< none: no limit
     AddressPolicy addresses = {};
+    std::optional<NetworkBudget::Clock::duration> wholeTime = {};  ///< from now on; none: no limit
+    std::stop_token stop = std::stop_token();                      ///< asks to stop
   };
 
   // Marks a frame that only parks exceptions, for OpenSSL calls of destructors. It is not counted.
@@ -78,9 +82,14 @@ class VerificationRun {
   // is the same.
   static bool mayLookUp();
 
-  // Whether there is processor time left for another step. False when the outermost run has used up
-  // its share: the step is then left out, and the run has fallen short. To be asked between steps
-  // whose number a stranger decides. The first refusal is logged. Always true outside a run.
+  // Whether the outermost run may go on: nobody asks it to stop, and its deadline is not over. If not,
+  // the run has fallen short of what is left to do. The first refusal is logged. Always true outside a
+  // run.
+  static bool mayGoOn();
+
+  // Whether it may, and there is processor time left for another step. False when the outermost run has
+  // used up its share: the step is then left out, and the run has fallen short. To be asked between
+  // steps whose number a stranger decides. The first refusal is logged. Always true outside a run.
   static bool admitStep();
 
   // Counts bytes that are about to be decoded. False when the outermost run has used up its share:
@@ -88,7 +97,7 @@ class VerificationRun {
   // Always true outside a run.
   static bool admitDecoding(std::size_t bytes);
 
-  // What the last of these three that was refused has no more of, as `spent()` has it; empty when none
+  // What the last of these that was refused has no more of, as `spent()` has it; empty when none
   // was, and outside a run.
   static std::string_view refusedLast() noexcept;
 
@@ -109,14 +118,25 @@ class VerificationRun {
   // of them share. What it has not found out may be a revocation: it must not end valid.
   bool fellShort() const noexcept { return totals_->shortfall->noted(); }
 
+  // Whether the outermost run has left something out since it was asked to stop, or its deadline was over.
+  bool wasStopped() const noexcept;
+
   // Whether no other goes on around it.
   bool isOutermost() const noexcept { return outer_ == nullptr; }
   // The look-ups of CRLs so far, of the outermost run and all that are nested in it.
   unsigned int lookups() const noexcept { return std::min(totals_->lookups, kMaximumLookups); }
 
   // What the outermost run has no more of: of "lookups", "processor time", "decoded bytes", "network
-  // time", "network bytes" those of which some was refused. They are literals.
+  // time", "network bytes", "time" those of which some was refused; "cancelled" where it was asked to
+  // stop before its end. They are literals.
   std::vector<std::string_view> spent() const;
+
+  // What the outermost run has used of the processor so far; none where that is not known.
+  std::optional<std::chrono::nanoseconds> processorTime() const noexcept;
+
+  // Which of these ends every use of the network now, of the run of this thread; empty where there is
+  // none.
+  static std::string_view endOfNetwork() noexcept;
 
   // What the outermost run may use of the network, and has used.
   NetworkBudget& network() noexcept { return *totals_->network; }
@@ -138,7 +158,8 @@ class VerificationRun {
     std::optional<std::chrono::nanoseconds> processorStart;  // by the thread's processor clock
     std::chrono::nanoseconds start{};                        // by the coarse clock
     bool processorTold = false;
-    std::string_view refusedLast = {};  // a literal
+    bool cancelledTold = false;
+    std::string_view refusedLast = {};                                // a literal
     std::vector<std::pair<const void*, std::shared_ptr<void>>> kept;  // a handful, by their tags
     std::optional<LogBudget> lines;
     std::optional<Shortfall::Watch> shortfall;
@@ -161,6 +182,7 @@ class VerificationRun {
   Totals* totals_;                                     // the outermost run's
   std::optional<NetworkBudget::Installed> installed_;  // on the outermost run, which holds `own_`
   std::optional<AddressAdmission> addresses_;          // on the outermost run
+  std::optional<Cancellation> cancellation_;           // on the outermost run
   const char* refusal_;
   std::exception_ptr parked_;
   std::vector<Known> known_;

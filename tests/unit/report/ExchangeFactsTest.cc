@@ -1,3 +1,4 @@
+#include "foundation/run/Counters.h"
 #include "report/ExchangeFacts.h"
 
 #include <cerrno>
@@ -28,6 +29,14 @@ TEST(ExchangeFacts, EveryKindOfFailure) {
       {{.kind = HTTPFailure::Kind::kRefusedAddress, .detail = "127.0.0.1"},
        UseFacts::Failure::kAddressRefused,
        "the address policy refuses: 127.0.0.1",
+       0},
+      {{.kind = HTTPFailure::Kind::kProxy, .error = ECONNREFUSED, .detail = "Connection refused"},
+       UseFacts::Failure::kNoAnswer,
+       "the proxy: Connection refused",
+       ECONNREFUSED},
+      {{.kind = HTTPFailure::Kind::kEncoding, .detail = "gzip"},
+       UseFacts::Failure::kNoAnswer,
+       "content in an encoding that was not asked for: gzip",
        0},
       {{.kind = HTTPFailure::Kind::kConnect, .error = ECONNREFUSED, .detail = "Connection refused"},
        UseFacts::Failure::kNoAnswer,
@@ -74,6 +83,26 @@ TEST(ExchangeFacts, EveryKindOfFailure) {
     EXPECT_EQ(facts.errorNumber, row.errorNumber);
     EXPECT_EQ(facts.httpStatus, row.failure.httpStatus);
   }
+}
+
+TEST(ExchangeFacts, ExchangeWithAHost_IsCountedAndWithNoneIsNot) {
+  using What = Statistics::Counter;
+  using Kind = HTTPFailure::Kind;
+  const CountedSince since;
+  for (const Kind nobody : {Kind::kRefusedAddress, Kind::kNoTime, Kind::kClientIdentity}) {
+    countExchange({.kind = nobody}, 0);
+  }
+  EXPECT_EQ(since.of(What::kFetches), 0U);
+  EXPECT_EQ(since.of(What::kFetchFailures), 0U);
+  countExchange({}, 1000);
+  EXPECT_EQ(since.of(What::kFetches), 1U);
+  EXPECT_EQ(since.of(What::kFetchFailures), 0U);
+  for (const Kind failed : {Kind::kResolve, Kind::kConnect, Kind::kStatus, Kind::kCutShort}) {
+    countExchange({.kind = failed}, 1);
+  }
+  EXPECT_EQ(since.of(What::kFetches), 5U);
+  EXPECT_EQ(since.of(What::kFetchFailures), 4U);
+  EXPECT_EQ(since.of(What::kNetworkBytes), 1004U);
 }
 
 TEST(ExchangeFacts, SchemeThatNobodySpeaks) {

@@ -17,7 +17,7 @@ namespace {
 using namespace std::string_literals;
 using Crypto::PKX509::Evidence;
 using Crypto::PKX509::keyUsageReport;
-using Crypto::PKX509::makeReport;
+using Crypto::PKX509::outcomeOf;
 using Crypto::PKX509::RefCertificate;
 using Crypto::PKX509::SourceRecord;
 using Crypto::PKX509::Surroundings;
@@ -52,6 +52,16 @@ Surroundings surroundings() {
           .checked = Time::now()};
 }
 
+// Its outcome is that of the rules alone.
+Report reportOf(const Evidence& evidence, Surroundings around) {
+  Report report = Crypto::PKX509::makeReport(evidence, around);
+  around.rulesOnly = true;
+  if (evidence.verified) {
+    EXPECT_EQ(outcomeOf(evidence, around), report.outcome());
+  }
+  return report;
+}
+
 std::vector<Rule> rulesOf(const std::vector<Finding>& findings) {
   std::vector<Rule> rules;
   for (const Finding& one : findings) rules.push_back(one.rule());
@@ -80,7 +90,7 @@ std::size_t countOf(const std::vector<Finding>& findings) {
 }
 
 TEST(ReportBuilder, NothingVerified_IsTheReportOnNothing) {
-  const Report report = makeReport({}, surroundings());
+  const Report report = reportOf({}, surroundings());
   EXPECT_EQ(rulesOf(report.findings()), Rules{Rule::kNotVerified});
   EXPECT_FALSE(report.valid());
 }
@@ -91,7 +101,7 @@ TEST(ReportBuilder, Path_HasWhatIsKnownOfEachCertificate) {
   good.status = Revocation::Status::kGood;
   good.decidedBy = {{.issuer = "CN=Root", .number = "7"}};
   evidence.revocation = {good, {}};
-  const Report report = makeReport(evidence, surroundings());
+  const Report report = reportOf(evidence, surroundings());
   EXPECT_TRUE(report.valid());
   EXPECT_EQ(report.outcome(), Outcome::kValid);
   ASSERT_EQ(report.path().size(), 2U);
@@ -113,7 +123,7 @@ TEST(ReportBuilder, TheVerdictsOwnObjectionComesFirst) {
   evidence.objections = {{anna(), 0, X509_V_ERR_INVALID_PURPOSE},
                          {anna(), 0, X509_V_ERR_CERT_HAS_EXPIRED},
                          {handle(trustAnchor()), 1, X509_V_ERR_INVALID_CA}};
-  const Report report = makeReport(evidence, surroundings());
+  const Report report = reportOf(evidence, surroundings());
   EXPECT_EQ(rulesOf(report.findings()), (Rules{Rule::kExpired, Rule::kNotACA, Rule::kPurpose}));
   EXPECT_EQ(report.code(), X509_V_ERR_CERT_HAS_EXPIRED);
 }
@@ -122,35 +132,35 @@ TEST(ReportBuilder, TheCertificateWhoseRevocationDecidedComesFirst) {
   Evidence evidence = evidenceOf(X509_V_ERR_UNABLE_TO_GET_CRL);
   evidence.revocation = {undetermined(Reason::kExpired), undetermined(Reason::kWrongSignature)};
   evidence.failedDepth = 0;
-  const Report report = makeReport(evidence, surroundings());
+  const Report report = reportOf(evidence, surroundings());
   EXPECT_EQ(rulesOf(report.findings()), (Rules{Rule::kCRLExpired, Rule::kCRLSignature}));
   evidence.failedDepth = 1;
-  EXPECT_EQ(makeReport(evidence, surroundings()).findings().front().depth(), 1);
+  EXPECT_EQ(reportOf(evidence, surroundings()).findings().front().depth(), 1);
 }
 
 TEST(ReportBuilder, NoEvidence_IsExplainedByTheCode) {
-  const Report report = makeReport(evidenceOf(X509_V_ERR_UNSPECIFIED), surroundings());
+  const Report report = reportOf(evidenceOf(X509_V_ERR_UNSPECIFIED), surroundings());
   EXPECT_EQ(rulesOf(report.findings()), Rules{Rule::kUnexplained});
   EXPECT_EQ(report.findings().front().certificate().subject(), "CN=Anna");
   EXPECT_NE(report.findings().front().find(DetailName::kText), nullptr);
-  EXPECT_TRUE(makeReport(evidenceOf(X509_V_OK), surroundings()).findings().empty());
+  EXPECT_TRUE(reportOf(evidenceOf(X509_V_OK), surroundings()).findings().empty());
 }
 
 // Who forges a certificate earns no retries with hosts that do not answer.
 TEST(ReportBuilder, HiddenPermanentObjection_ComesFirst) {
   const Evidence evidence = revocationEvidence(X509_V_ERR_UNABLE_TO_GET_CRL, Reason::kExpired);
   Surroundings around = surroundings();
-  EXPECT_EQ(makeReport(evidence, around).outcome(), Outcome::kTemporary);
+  EXPECT_EQ(reportOf(evidence, around).outcome(), Outcome::kTemporary);
   around.again = {{anna(), 0, X509_V_ERR_CERT_NOT_YET_VALID},
                   {anna(), 0, X509_V_ERR_CERT_SIGNATURE_FAILURE}};
-  const Report report = makeReport(evidence, around);
+  const Report report = reportOf(evidence, around);
   EXPECT_EQ(report.outcome(), Outcome::kPermanent);
   EXPECT_EQ(rulesOf(report.findings()), (Rules{Rule::kCertificateSignature, Rule::kCRLExpired}));
   EXPECT_EQ(report.code(), X509_V_ERR_UNABLE_TO_GET_CRL);
   // It is not told twice.
   Evidence permanent = evidenceOf(X509_V_ERR_CERT_SIGNATURE_FAILURE);
   permanent.objections = {around.again.back()};
-  EXPECT_EQ(makeReport(permanent, around).findings().size(), 1U);
+  EXPECT_EQ(reportOf(permanent, around).findings().size(), 1U);
 }
 
 // That the issuer is unknown then is the directory's fault, anything else is not.
@@ -160,16 +170,16 @@ TEST(ReportBuilder, HiddenObjection_AboutTheIssuerIsTheTrustDirectorysFault) {
   Surroundings around = surroundings();
   around.trustDirectory = "/no/such/directory";
   around.again = evidence.objections;
-  EXPECT_EQ(makeReport(evidence, around).findings().front().rule(), Rule::kTrustDirectoryMissing);
+  EXPECT_EQ(reportOf(evidence, around).findings().front().rule(), Rule::kTrustDirectoryMissing);
   around.again.push_back({anna(), 0, X509_V_ERR_CERT_HAS_EXPIRED});
-  EXPECT_EQ(makeReport(evidence, around).findings().front().rule(), Rule::kExpired);
+  EXPECT_EQ(reportOf(evidence, around).findings().front().rule(), Rule::kExpired);
 }
 
 TEST(ReportBuilder, StickyFailure_SaysSoAndWhatItWas) {
   Evidence evidence = evidenceOf(X509_V_ERR_CERT_HAS_EXPIRED);
   evidence.earlierStands = true;
   evidence.earlier = finding({.rule = Rule::kExpired, .code = X509_V_ERR_CERT_HAS_EXPIRED});
-  const Report report = makeReport(evidence, surroundings());
+  const Report report = reportOf(evidence, surroundings());
   EXPECT_EQ(rulesOf(report.findings()), Rules{Rule::kEarlierFailure});
   EXPECT_EQ(rulesOf(report.findings().front().nested()), Rules{Rule::kExpired});
   EXPECT_FALSE(report.valid());
@@ -184,7 +194,7 @@ TEST(ReportBuilder, Thrown_IsToldByItsKind) {
   for (const auto& [kind, rule] : rows) {
     Evidence evidence = evidenceOf(X509_V_ERR_UNSPECIFIED);
     evidence.thrown = {kind, "why"};
-    const Report report = makeReport(evidence, surroundings());
+    const Report report = reportOf(evidence, surroundings());
     EXPECT_EQ(rulesOf(report.findings()), Rules{rule});
     EXPECT_EQ(*report.findings().front().find(DetailName::kText), Report::Value("why"s));
     EXPECT_FALSE(report.valid());
@@ -202,7 +212,7 @@ TEST(ReportBuilder, ThrownByTheLibrary_IsTheLastSourceThatFailed) {
                           .result = Source::Result::kFailed,
                           .facts = {.failure = UseFacts::Failure::kUnreadable, .file = file}});
   }
-  const Report report = makeReport(evidence, surroundings());
+  const Report report = reportOf(evidence, surroundings());
   EXPECT_EQ(rulesOf(report.findings()), Rules{Rule::kTrustFileUnreadable});
   EXPECT_EQ(*report.findings().front().find(DetailName::kFile), Report::Value("/trust/2.0"s));
 }
@@ -219,7 +229,7 @@ TEST(ReportBuilder, ProgramsDecision_IsAFindingOfItsOwn) {
     Evidence evidence = evidenceOf(accepted ? X509_V_OK : X509_V_ERR_CERT_REVOKED);
     evidence.intervention = intervention;
     evidence.objections = {{anna(), 0, X509_V_ERR_CERT_HAS_EXPIRED}};
-    const Report report = makeReport(evidence, surroundings());
+    const Report report = reportOf(evidence, surroundings());
     EXPECT_EQ(rulesOf(report.findings()), (Rules{rule, Rule::kExpired}));
     EXPECT_EQ(report.outcome(), accepted ? Outcome::kValid : Outcome::kPermanent);
   }
@@ -230,25 +240,25 @@ TEST(ReportBuilder, CallbackThatDecides_IsKnownFromASecondLook) {
   Evidence evidence = evidenceOf(X509_V_OK);
   evidence.callbackDecides = true;
   Surroundings around = surroundings();
-  EXPECT_TRUE(makeReport(evidence, around).findings().empty());
+  EXPECT_TRUE(reportOf(evidence, around).findings().empty());
   around.again = {{anna(), 0, X509_V_ERR_CERT_HAS_EXPIRED}};
-  EXPECT_EQ(rulesOf(makeReport(evidence, around).findings()),
+  EXPECT_EQ(rulesOf(reportOf(evidence, around).findings()),
             (Rules{Rule::kCallbackAccepted, Rule::kExpired}));
   evidence.code = X509_V_ERR_CERT_HAS_EXPIRED;
-  EXPECT_EQ(makeReport(evidence, around).findings().front().rule(), Rule::kExpired);
+  EXPECT_EQ(reportOf(evidence, around).findings().front().rule(), Rule::kExpired);
   evidence.code = X509_V_ERR_APPLICATION_VERIFICATION;
   around.again.clear();
-  EXPECT_EQ(rulesOf(makeReport(evidence, around).findings()), Rules{Rule::kCallbackRefused});
+  EXPECT_EQ(rulesOf(reportOf(evidence, around).findings()), Rules{Rule::kCallbackRefused});
 }
 
 TEST(ReportBuilder, RefusedAndFellShort_AreTold) {
   Evidence refused = evidenceOf(X509_V_ERR_UNSPECIFIED);
   refused.refusal = "too deep";
-  EXPECT_EQ(rulesOf(makeReport(refused, surroundings()).findings()), Rules{Rule::kNestedTooDeep});
+  EXPECT_EQ(rulesOf(reportOf(refused, surroundings()).findings()), Rules{Rule::kNestedTooDeep});
   Evidence shortOf = revocationEvidence(X509_V_ERR_UNABLE_TO_GET_CRL, Reason::kExpired);
   shortOf.fellShort = true;
   shortOf.spent = {"network time"};
-  const Report report = makeReport(shortOf, surroundings());
+  const Report report = reportOf(shortOf, surroundings());
   EXPECT_EQ(report.findings().front().rule(), Rule::kBudgetSpent);
   EXPECT_EQ(*report.findings().front().find(DetailName::kResource), Report::Value("network time"s));
 }
@@ -267,7 +277,7 @@ TEST(ReportBuilder, ManyFindings_AreCutAndCounted) {
     evidence.objections.push_back({{}, i, X509_V_ERR_INVALID_PURPOSE});
   }
   evidence.objections.push_back({anna(), 0, X509_V_ERR_CERT_HAS_EXPIRED});
-  const Report report = makeReport(evidence, surroundings());
+  const Report report = reportOf(evidence, surroundings());
   EXPECT_EQ(report.findings().size(), Report::kMaximumFindings);
   EXPECT_EQ(report.findingsLeftOut(), 71 - Report::kMaximumFindings);
   EXPECT_EQ(report.findings().front().rule(), Rule::kExpired);
@@ -285,7 +295,7 @@ TEST(ReportBuilder, NestedFindings_CountAndAreTrimmed) {
   evidence.earlierStands = true;
   evidence.earlier = nested(4, 4);
   const std::size_t all = 1 + countOf({*evidence.earlier});
-  const Report report = makeReport(evidence, surroundings());
+  const Report report = reportOf(evidence, surroundings());
   EXPECT_EQ(countOf(report.findings()), Report::kMaximumFindings);
   EXPECT_EQ(report.findingsLeftOut(), all - Report::kMaximumFindings);
   EXPECT_EQ(report.findings().front().rule(), Rule::kEarlierFailure);
@@ -302,7 +312,7 @@ TEST(ReportBuilder, Sources_AreInBoundsAndTheRestCounted) {
                           .taken = std::chrono::microseconds(5),
                           .facts = {.bytes = 9}});
   }
-  const Report report = makeReport(evidence, surroundings());
+  const Report report = reportOf(evidence, surroundings());
   ASSERT_EQ(report.sources().size(), Report::kMaximumSources);
   EXPECT_EQ(report.sourcesLeftOut(), 10U);
   EXPECT_EQ(report.sources().front().origin(), "http://h/0");
@@ -335,7 +345,7 @@ TEST(ReportBuilder, Texts_AreInBoundsAndTheRestCounted) {
   }
   Surroundings around = surroundings();
   around.path.assign(20, large);
-  const Report report = makeReport(evidence, around);
+  const Report report = reportOf(evidence, around);
   std::size_t size = 0;
   for (const Finding& one : report.findings()) size += sizeOf(one);
   for (const Report::Link& one : report.path()) {
@@ -373,7 +383,7 @@ TEST(ReportBuilder, SignersWithoutEnd_AreInBounds) {
   Evidence evidence = evidenceOf(X509_V_ERR_UNABLE_TO_GET_CRL);
   evidence.revocation = {outcome};
   evidence.failedDepth = 0;
-  const Report report = makeReport(evidence, surroundings());
+  const Report report = reportOf(evidence, surroundings());
   EXPECT_LE(countOf(report.findings()), Report::kMaximumFindings);
   EXPECT_GT(report.findingsLeftOut(), 0U);
 }

@@ -1,3 +1,4 @@
+#include "foundation/run/Counters.h"
 #include "foundation/run/VerificationRun.h"
 #include "report/SourceRecord.h"
 #include "support/Files.h"
@@ -15,6 +16,8 @@
 namespace Velantrix::Test {
 namespace {
 
+using Crypto::PKX509::CountedSince;
+using Counter = Crypto::PKX509::Statistics::Counter;
 using SourceKind = SourceRecord::Source::Kind;
 using Wanted = SourceRecord::Source::Wanted;
 using Failure = UseFacts::Failure;
@@ -203,6 +206,58 @@ TEST_F(SourceRecordOfARun, AnswerFromMemory_IsToldOnceToEachOther) {
   EXPECT_EQ(texts(), (Texts{"server failed server: down", "server failed server again: down"}));
   EXPECT_EQ(uses().back().about, other.get());
   EXPECT_EQ(uses().back().taken.count(), 0);
+}
+
+TEST_F(SourceRecordOfARun, Questions_AreCountedBySourceAndAnswer) {
+  struct Row {
+    SourceKind kind;
+    Counter lookups;
+    Counter hits;
+  };
+  const Row rows[] = {
+      {SourceKind::kDirectory, Counter::kLookupsDirectory, Counter::kHitsDirectory},
+      {SourceKind::kLookupMethod, Counter::kLookupsMethod, Counter::kHitsMethod},
+      {SourceKind::kLDAP, Counter::kLookupsLDAP, Counter::kHitsLDAP},
+      {SourceKind::kCache, Counter::kLookupsCache, Counter::kHitsCache},
+      {SourceKind::kCRLServer, Counter::kLookupsCRLServer, Counter::kHitsCRLServer},
+      {SourceKind::kOCSPResponder, Counter::kLookupsOCSPResponder, Counter::kHitsOCSPResponder}};
+  for (const Row& row : rows) {
+    const CountedSince since;
+    find(row.kind, "a", 2);
+    { const SourceUse nothing(row.kind, Wanted::kCRLs, "b"); }
+    SourceUse(row.kind, Wanted::kCRLs, "c").failed({});
+    EXPECT_EQ(since.of(row.lookups), 3U);
+    EXPECT_EQ(since.of(row.hits), 1U);
+    SourceUse(row.kind, Wanted::kCRLs, "d").refused({});
+    SourceUse(row.kind, Wanted::kCRLs, "e").drop();
+    SourceUse(row.kind, Wanted::kCRLs, "f").noQuestion();
+    EXPECT_EQ(since.of(row.lookups), 3U);
+  }
+}
+
+// A method is counted where it answers by itself, and a memory never is.
+TEST_F(SourceRecordOfARun, QuestionThatOthersAnswer_IsTheirs) {
+  const CountedSince since;
+  {
+    SourceUse method(SourceKind::kLookupMethod, Wanted::kCRLs, "method");
+    find(SourceKind::kLDAP, "server", 1);
+    method.found(1);
+  }
+  EXPECT_EQ(since.of(Counter::kLookupsMethod), 0U);
+  EXPECT_EQ(since.of(Counter::kHitsLDAP), 1U);
+  {
+    SourceUse method(SourceKind::kLookupMethod, Wanted::kCRLs, "method");
+    SourceRecord::again({0, SourceRecord::reached()});
+    method.found(1);
+  }
+  EXPECT_EQ(since.of(Counter::kLookupsMethod), 0U);
+  {
+    SourceUse method(SourceKind::kLookupMethod, Wanted::kCRLs, "method");
+    const VerificationRun nested(static_cast<const X509*>(nullptr));
+    find(SourceKind::kLDAP, "server", 0);
+  }
+  EXPECT_EQ(since.of(Counter::kLookupsMethod), 1U);
+  EXPECT_EQ(since.of(Counter::kLookupsLDAP), 2U);
 }
 
 TEST_F(SourceRecordOfARun, About_Nests) {

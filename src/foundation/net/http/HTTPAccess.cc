@@ -1,6 +1,7 @@
 #include "foundation/net/http/HTTPAccess.h"
 
 #include "foundation/net/HostResolver.h"
+#include "foundation/net/http/HTTPTransport.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <boost/asio/error.hpp>
@@ -43,24 +44,6 @@ void require(int (*load)(SSL_CTX*, const char*, int), SSL_CTX* context, const ch
   if (load(context, file, SSL_FILETYPE_PEM) != 1) throw IdentityError(file, whyNotLoaded(file));
 }
 
-// Why an exchange that was begun came to nothing.
-std::string reasonOf(int outcome, const Connection& connection, const Request& request) {
-  switch (outcome) {
-    case Connection::kTimedOut:
-      return connection.failure().detail;
-    case Connection::kCutShort:
-      return "the answer ends in the middle";
-    case Connection::kTooLarge:
-      return request.tooLarge;
-    case Connection::kOtherStatus:
-      return "HTTP status " + std::to_string(connection.status());
-    case Connection::kMalformed:
-      return "the answer is not HTTP";
-    default:
-      return "the server closed the connection without an answer";
-  }
-}
-
 void send(Connection& connection, const Request& request) {
   connection.send(request.header);
   if (request.body.empty()) return;
@@ -70,33 +53,30 @@ void send(Connection& connection, const Request& request) {
   connection.send(body);
 }
 
-RefStream streamOf(const Uri& uri, const ClientIdentity& identity, Answer& answer) {
-  try {
-    return streamFor(uri, identity);
-  } catch (const IdentityError& error) {
-    answer.problem = std::string("client certificate or key: ") + error.what();
-    answer.failure = error.failure;
-  } catch (const boost::system::system_error& error) {
-    answer.problem = std::string("client certificate or key: ") + error.what();
-    answer.failure = failureOf(Failure::Kind::kTls, error.code());
-  }
-  return {};
+// Over TLS, with nothing loaded.
+RefStream tlsStream() {
+  RefStream stream(boost::asio::ssl::context_base::sslv23_client);
+  SSL_CTX* const context = stream->tls()->native_handle();
+  SSL_CTX_set_options(context, SSL_OP_ALL | SSL_OP_NO_SSLv2);
+  // OpenSSL would ask for the passphrase of an encrypted key at the terminal.
+  SSL_CTX_set_default_passwd_cb(context, [](char*, int, int, void*) { return -1; });
+  return stream;
 }
 
 void attempt(const Uri& uri, const ClientIdentity& identity, const Request& request,
              Answer& answer) {
-  RefStream stream = streamOf(uri, identity, answer);
+  RefStream stream = streamFor(uri, &identity, answer.failure, answer.problem);
   if (stream.empty()) return;
   const auto endpoint = findEndpoint(uri, answer.failure);
   if (!endpoint.has_value()) {
-    answer.problem = "could not resolve the host";
+    answer.problem = problemOf(answer.failure, "could not resolve the host");
     return;
   }
   answer.connection = RefConnection(stream);
   Connection& connection = *answer.connection.operator->();
   if (!connection.connect(*endpoint)) {
-    answer.problem = "could not connect";
     answer.failure = connection.failure();
+    answer.problem = problemOf(answer.failure, "could not connect");
     return;
   }
   connection.maxQueryTime(request.queryTime);
@@ -105,8 +85,8 @@ void attempt(const Uri& uri, const ClientIdentity& identity, const Request& requ
   answer.outcome = connection.receive();
   answer.received = connection.contentReceived();
   if (answer.outcome == Connection::kComplete) return;
-  answer.problem = reasonOf(answer.outcome, connection, request);
   answer.failure = connection.failure();
+  answer.problem = problemOf(answer.outcome, answer.failure, request.tooLarge);
 }
 
 }  // namespace
@@ -119,15 +99,27 @@ bool isHandled(const Uri& uri) { return uri.scheme() == "http:" || uri.scheme() 
 
 RefStream streamFor(const Uri& uri, const ClientIdentity& identity) {
   if (uri.scheme() != "https:") return RefStream(Stream::kPlain);
-  RefStream stream(boost::asio::ssl::context_base::sslv23_client);
+  RefStream stream = tlsStream();
   SSL_CTX* const context = stream->tls()->native_handle();
-  SSL_CTX_set_options(context, SSL_OP_ALL | SSL_OP_NO_SSLv2);
-  // OpenSSL would ask for the passphrase of an encrypted key at the terminal.
-  SSL_CTX_set_default_passwd_cb(context, [](char*, int, int, void*) { return -1; });
   const Crypto::ErrorScope errors;
   require(SSL_CTX_use_certificate_file, context, identity.certificateFile);
   require(SSL_CTX_use_PrivateKey_file, context, identity.keyFile);
   return stream;
+}
+
+RefStream streamFor(const Uri& uri, const ClientIdentity* identity, Failure& failure,
+                    std::string& problem) {
+  try {
+    if (identity != nullptr) return streamFor(uri, *identity);
+    return uri.scheme() == "https:" ? tlsStream() : RefStream(Stream::kPlain);
+  } catch (const IdentityError& error) {
+    problem = std::string("client certificate or key: ") + error.what();
+    failure = error.failure;
+  } catch (const boost::system::system_error& error) {
+    problem = std::string("client certificate or key: ") + error.what();
+    failure = failureOf(Failure::Kind::kTls, error.code());
+  }
+  return {};
 }
 
 boost::asio::ip::tcp::endpoint endpointFor(const IPAddress& address, const Uri& uri) {

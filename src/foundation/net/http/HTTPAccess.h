@@ -37,6 +37,11 @@ struct IdentityError : boost::system::system_error {
 /// @throws IdentityError invalid_argument when the certificate or the key cannot be loaded
 RefStream streamFor(const Uri& uri, const ClientIdentity& identity);
 
+/// The same without a certificate and key where there are none. What keeps it from that is told;
+/// the stream is empty then.
+RefStream streamFor(const Uri& uri, const ClientIdentity* identity, Failure& failure,
+                    std::string& problem);
+
 /// @throws boost::system::system_error when the address is no numeric one
 boost::asio::ip::tcp::endpoint endpointFor(const IPAddress& address, const Uri& uri);
 

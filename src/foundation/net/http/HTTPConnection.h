@@ -18,6 +18,7 @@
 #include <velantrix/LWBuffer.h>
 #include <velantrix/NonCopyable.h>
 
+#include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 
@@ -28,6 +29,8 @@
 #include <string>
 
 namespace Velantrix::LW::HTTP {
+
+class Transport;
 
 /// What connections run over. A TLS stream has a TLS context of its own, which is configured before
 /// the connection is opened. The peer is not verified unless the context is told to.
@@ -76,7 +79,8 @@ class Connection : NonCopyable {
     kTooLarge = 4,     ///< headers or body above their limits
     kOtherStatus = 5,  ///< a complete header with a status other than 200; its body is not read
     kMalformed = 6,    ///< no HTTP/1.0 or 1.1 answer
-    kComplete = 7      ///< status 200 and the whole body
+    kComplete = 7,     ///< status 200 and the whole body
+    kCancelled = 8     ///< somebody asked this thread to stop
   };
 
   /// Bounds opening a connection, the TLS handshake included.
@@ -128,16 +132,13 @@ class Connection : NonCopyable {
   const Failure& failure() const noexcept { return failure_; }
 
  private:
-  struct Transport;
   using Clock = NetworkTimer::Clock;
 
   bool open();
   boost::system::error_code establish(Clock::time_point deadline, Failure::Kind& step);
   int fail(int outcome, const boost::system::error_code& error);
-  Failure failureAs(int outcome, const boost::system::error_code& error) const;
   Clock::duration queryTimeLeft() const;
-  template <class Buffers>
-  void write(const Buffers& bytes);
+  void write(boost::asio::const_buffer bytes);
   int readAnswer();
 
   RefStream stream_;

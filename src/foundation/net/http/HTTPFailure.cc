@@ -35,6 +35,8 @@ std::string detailOf(std::string_view text) {
 }
 
 Failure failureOf(Failure::Kind kind, const error_code& error) {
+  // Nothing of ours is aborted for another reason.
+  if (error == asio::error::operation_aborted) return {.kind = Failure::Kind::kCancelled};
   if (isEnd(error)) return {.kind = kind, .detail = "the server closed the connection"};
   if (error.category() == asio::error::get_ssl_category()) {
     return {.kind = Failure::Kind::kTls, .detail = reasonOfTls(error)};
@@ -46,6 +48,7 @@ Failure failureOf(Failure::Kind kind, const error_code& error) {
 
 Failure failureOf(const HostAddresses& none) {
   if (none.status == HostAddresses::kNoTime) return {.kind = Failure::Kind::kNoTime};
+  if (none.status == HostAddresses::kCancelled) return {.kind = Failure::Kind::kCancelled};
   return {.kind = Failure::Kind::kResolve, .error = none.status, .detail = detailOf(none.reason())};
 }
 

@@ -27,6 +27,7 @@ struct Failure {
     kClientIdentity,  ///< the client's certificate or key cannot be loaded
     kResolve,         ///< the host has no address, or nobody named one in time
     kRefusedAddress,  ///< the address policy refuses the address, which is the detail
+    kProxy,           ///< the proxy cannot be reached, or wants to know who asks
     kConnect,         ///< no TCP connection
     kTls,             ///< TLS failed, in the handshake or behind it
     kTimedOut,        ///< connected, and no whole answer in time
@@ -34,8 +35,10 @@ struct Failure {
     kTooLarge,        ///< content or header above their bounds
     kStatus,          ///< another HTTP status than 200
     kMalformed,       ///< no HTTP/1.0 or 1.1 answer
+    kEncoding,        ///< content in an encoding, which is the detail, that was not asked for
     kClosed,          ///< not connected, or closed or reset by the peer before it answered
-    kNoTime           ///< not tried: the verification had no time left for the network
+    kNoTime,          ///< not tried: the verification had no time left for the network
+    kCancelled        ///< somebody asked this thread to stop, before or meanwhile
   };
 
   /// A peer may send much for people, so the detail is cut.
@@ -43,9 +46,10 @@ struct Failure {
 
   Kind kind = Kind::kNone;
   int error = 0;       ///< an errno, or for `kResolve` a status of c-ares; 0: neither was seen
-  int httpStatus = 0;  ///< of `kStatus`
+  int httpStatus = 0;  ///< of `kStatus`, and of `kProxy` that wants to know
   /// For people, without a prefix; may be empty. Of `kStatus` it is the reason that the peer sent,
-  /// in whatever octets, or the usual one where it sent none.
+  /// in whatever octets, or the usual one where it sent none; of a redirect that is not followed,
+  /// why.
   std::string detail = {};
   std::string file = {};  ///< of `kClientIdentity`: which one
 

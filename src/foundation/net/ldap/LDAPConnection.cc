@@ -7,11 +7,13 @@
 #include <velantrix/LDAPConnection.h>
 #include <velantrix/Uri.h>
 
+#include <chrono>
+
 namespace Velantrix {
 
 namespace {
 
-constexpr unsigned int kBindBound = 10;  // seconds
+constexpr std::chrono::seconds kBindBound{10};
 constexpr unsigned short kLDAPPort = 389;
 constexpr unsigned short kLDAPSPort = 636;
 

@@ -6,8 +6,6 @@
 
 #include <velantrix/Exception.h>
 
-#include <chrono>
-
 namespace Velantrix {
 
 namespace {
@@ -38,9 +36,9 @@ void LDAPRequest::send() {
   if (status != LDAP_SUCCESS) fail(ldap_err2string(status));
 }
 
-void LDAPRequest::wait(unsigned int seconds) {
+void LDAPRequest::wait(std::chrono::milliseconds bound) {
   try {
-    collect(Deadline(std::chrono::seconds(seconds)));
+    collect(Deadline(bound));
   } catch (Exception& failure) {
     session_->close();
     failure.stringParameter(session_->server().uri() + ": " + failure.stringParameter());

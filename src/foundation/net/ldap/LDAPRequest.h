@@ -2,7 +2,7 @@
 //
 //   LDAPSearch search(connection, parameter);
 //   search.send();
-//   search.wait(30);
+//   search.wait(30s);
 //   use(search.result());
 #pragma once
 
@@ -12,6 +12,7 @@
 
 #include <velantrix/NonCopyable.h>
 
+#include <chrono>
 #include <ldap.h>
 #include <string>
 
@@ -34,7 +35,7 @@ class LDAPRequest : private NonCopyable {
   /// @throws Exception when the time is up, the server refuses the request or closes the
   ///         connection, or the answer is malformed. The session is closed then, and also when a
   ///         limit was reached
-  void wait(unsigned int seconds);
+  void wait(std::chrono::milliseconds bound);
 
   /// What the wait has brought; empty before.
   const LDAPResult& result() const noexcept { return result_; }

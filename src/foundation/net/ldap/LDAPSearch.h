@@ -4,7 +4,7 @@
 //   parameter.add(LDAPAttributeType("userCertificate;binary"));
 //   LDAPSearch search(connection, parameter);
 //   search.send();
-//   search.wait(30);
+//   search.wait(30s);
 #pragma once
 
 #include "foundation/net/ldap/LDAPRequest.h"

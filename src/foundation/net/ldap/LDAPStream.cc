@@ -1,9 +1,11 @@
 #include "foundation/net/ldap/LDAPStream.h"
 
 #include "foundation/base/Fail.h"
+#include "foundation/net/Cancellation.h"
 #include "foundation/net/HostResolver.h"
 #include "foundation/net/NetworkBudget.h"
 
+#include <array>
 #include <cerrno>
 #include <netdb.h>
 #include <poll.h>
@@ -35,16 +37,22 @@ Addresses numeric(const std::string& host, unsigned short port) {
   return addresses;
 }
 
+void failIfCancelled() {
+  if (Cancellation::requested()) fail(kHere, "Somebody asked to stop.");
+}
+
 // False when the deadline has passed, or the time that the verification has for the network.
 bool waitFor(int socket, short events, const Deadline& deadline) {
   const NetworkTimer timer(std::chrono::milliseconds(deadline.left()));
   const Deadline end(timer.deadline());
-  pollfd entry{socket, events, 0};
   for (;;) {
-    const int ready = ::poll(&entry, 1, end.left());
-    if (ready > 0) return true;
-    if (ready < 0 && errno != EINTR) {
-      fail(kHere, std::generic_category().message(errno));
+    std::array entries{pollfd{socket, events, 0}, pollfd{Cancellation::descriptor(), POLLIN, 0}};
+    const int ready = ::poll(entries.data(), entries.size(), end.left());
+    const int error = errno;
+    failIfCancelled();
+    if (ready > 0 && entries.front().revents != 0) return true;
+    if (ready < 0 && error != EINTR) {
+      fail(kHere, std::generic_category().message(error));
     }
     if (end.passed()) return false;
   }
@@ -71,10 +79,12 @@ int connectTo(const addrinfo& address, const Deadline& deadline, FileDescriptor&
 }  // namespace
 
 LDAPStream::LDAPStream(const LDAPConnection::Server& server, const Deadline& deadline) {
+  failIfCancelled();
   if (!NetworkBudget::hasTime()) {
     fail(kHere, server.uri() + ": The time for the network is spent.");
   }
   const std::vector<std::string> hosts = resolveHost(server.host()).addresses;
+  failIfCancelled();
   if (hosts.empty()) fail(kHere, server.host() + ": The host has no address.");
   auto left = static_cast<int>(hosts.size());
   int error = ETIMEDOUT;
@@ -127,7 +137,8 @@ std::size_t LDAPStream::write(const char* from, std::size_t size) {
 }
 
 void LDAPStream::wait(const Deadline& deadline) const {
-  // A peer that sends a byte now and then is always ready: the time is looked at in any case.
+  // A peer that sends a byte now and then is always ready: the time is looked at in any case, and so is
+  // whether somebody asks to stop.
   if (deadline.passed() || !waitFor(socket_.get(), wants_, deadline)) {
     fail(kHere, "The server did not answer in time.");
   }

@@ -43,6 +43,16 @@ TEST(DirectoryLock, FreedWhileSomebodyWaits_IsTheirs) {
   waiting.join();
 }
 
+TEST(DirectoryLock, NoSenseInWaiting_IsNotHeldAndSaysSoAtOnce) {
+  const TempDir directory;
+  const DirectoryLock::GiveUp always = []() noexcept { return true; };
+  const DirectoryLock first(directory.string(), 60s, always);
+  EXPECT_TRUE(first.held()) << "there is nothing to wait for";
+  const Stopwatch watch;
+  EXPECT_FALSE(DirectoryLock(directory.string(), 60s, always).held());
+  EXPECT_LT(watch.elapsed(), 5s);
+}
+
 TEST(DirectoryLock, ChildThatWasForkedMeanwhile_DoesNotKeepIt) {
   const TempDir directory;
   int ends[2];

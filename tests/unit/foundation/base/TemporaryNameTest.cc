@@ -33,5 +33,11 @@ TEST(TemporaryName, Suffix_IsTheMarkAndSixteenLowerCaseDigits) {
   for (const auto& row : rows) EXPECT_EQ(isTemporarySuffix(row.text), row.suffix) << row.text;
 }
 
+TEST(TemporaryName, NewSuffix_IsOneAndAnotherEachTime) {
+  const std::string suffix = newTemporarySuffix();
+  EXPECT_TRUE(isTemporarySuffix(suffix)) << suffix;
+  EXPECT_NE(newTemporarySuffix(), suffix);
+}
+
 }  // namespace
 }  // namespace Velantrix::Test

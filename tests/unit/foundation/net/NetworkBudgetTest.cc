@@ -1,4 +1,5 @@
 #include "foundation/base/Shortfall.h"
+#include "foundation/net/Cancellation.h"
 #include "foundation/net/NetworkBudget.h"
 
 #include <chrono>
@@ -7,6 +8,7 @@
 #include <limits>
 #include <optional>
 #include <stdexcept>
+#include <stop_token>
 #include <thread>
 #include <vector>
 
@@ -16,6 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = NetworkBudget::Clock;
 using Resource = NetworkBudget::Resource;
+using Left = std::optional<Clock::duration>;
 
 std::vector<Resource> s_told;
 void tell(Resource spent) { s_told.push_back(spent); }
@@ -52,6 +55,73 @@ TEST_F(NetworkBudgetInForce, TimeSpent_IsRefusedAndToldOnce) {
   budget_.countTime(1ns);
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(NetworkBudget::hasTime());
   EXPECT_EQ(s_told, std::vector{Resource::kTime});
+}
+
+TEST(NetworkBudget, DeadlineOver_IsRefusedAndToldOnce) {
+  s_told.clear();
+  const Shortfall::Watch watch;
+  NetworkBudget budget({60s, 1000, Clock::now() + 20ms}, tell);
+  const NetworkBudget::Installed installed(budget);
+  EXPECT_TRUE(NetworkBudget::hasTime());
+  EXPECT_FALSE(budget.isOver());
+  EXPECT_LE(NetworkTimer(1h).deadline(), Clock::now() + 20ms);
+  while (!budget.isOver()) {
+  }
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(NetworkBudget::hasTime());
+  EXPECT_TRUE(NetworkTimer(1h).expired());
+  EXPECT_EQ(s_told, std::vector{Resource::kDeadline});
+  EXPECT_TRUE(budget.isSpent(Resource::kDeadline));
+  EXPECT_FALSE(budget.isSpent(Resource::kTime));
+  EXPECT_TRUE(watch.noted());
+}
+
+TEST(NetworkBudget, DeadlineCutsAUse_IsAShortfallWithoutALine) {
+  s_told.clear();
+  NetworkBudget budget({std::nullopt, 1000, Clock::now() + 20ms}, tell);
+  const NetworkBudget::Installed installed(budget);
+  const Shortfall::Watch watch;
+  {
+    const NetworkTimer timer(1h);
+    while (!timer.expired()) {
+    }
+    EXPECT_FALSE(budget.isSpent(Resource::kDeadline));
+  }
+  EXPECT_TRUE(watch.noted());
+  EXPECT_TRUE(budget.isSpent(Resource::kDeadline));
+  EXPECT_TRUE(s_told.empty());
+}
+
+TEST(NetworkBudget, DeadlineBeforeTheEndOfTheTime_ItsHalfIsLeftToWhatComesAfter) {
+  for (const Left& time : {Left(60s), Left()}) {
+    const auto deadline = Clock::now() + 100ms;
+    NetworkBudget budget({time, 1000, deadline}, tell);
+    const NetworkBudget::Installed installed(budget);
+    {
+      const NetworkBudget::HalfOfTime half;
+      const Shortfall::Watch watch;
+      {
+        const NetworkTimer timer(1h);
+        EXPECT_LE(timer.deadline(), deadline - 40ms);
+        while (!timer.expired()) {
+        }
+      }
+      EXPECT_FALSE(NetworkBudget::hasTime());
+      EXPECT_FALSE(watch.noted());
+    }
+    EXPECT_TRUE(NetworkBudget::hasTime());
+  }
+}
+
+TEST(NetworkBudget, AskedToStop_HasNoTimeWithOrWithoutABudget) {
+  std::stop_source source;
+  source.request_stop();
+  const Cancellation here(source.get_token());
+  EXPECT_TRUE(fallsShort([] { EXPECT_FALSE(NetworkBudget::hasTime()); }));
+  s_told.clear();
+  NetworkBudget budget({60s, 1000}, tell);
+  const NetworkBudget::Installed installed(budget);
+  EXPECT_TRUE(fallsShort([] { EXPECT_FALSE(NetworkBudget::hasTime()); }));
+  EXPECT_TRUE(s_told.empty());
 }
 
 TEST_F(NetworkBudgetInForce, BytesSpent_AreRefusedAndToldOnce) {

@@ -13,7 +13,9 @@
 #include <list>
 #include <memory>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -153,6 +155,7 @@ TEST(VerificationRun, ProcessorTime_IsOneForAllRunsAndRefusedWithOneLine) {
     const VerificationRun nested(nullptr, {.processorTime = 1h});
     busyWhile([] { return VerificationRun::admitStep(); });
     EXPECT_TRUE(nested.fellShort());
+    EXPECT_GE(nested.processorTime().value_or(0ns), 20ms) << "of the outermost, for all";
   }
   EXPECT_FALSE(VerificationRun::admitStep());
   EXPECT_FALSE(VerificationRun::admitLookup());
@@ -161,11 +164,73 @@ TEST(VerificationRun, ProcessorTime_IsOneForAllRunsAndRefusedWithOneLine) {
             "6 Verifier: the processor time is spent, the rest of this verification is left out\n");
 }
 
+TEST(VerificationRun, AskedToStop_RefusesAllRunsWithOneLine) {
+  const LogCapture log;
+  std::stop_source source;
+  const VerificationRun outermost(nullptr, {.stop = source.get_token()});
+  EXPECT_TRUE(VerificationRun::mayGoOn());
+  EXPECT_TRUE(VerificationRun::admitStep());
+  EXPECT_TRUE(VerificationRun::admitLookup());
+  {
+    const VerificationRun nested(nullptr);
+    source.request_stop();
+    EXPECT_TRUE(outermost.spent().empty()) << "nothing was left out so far";
+    EXPECT_FALSE(outermost.fellShort());
+    EXPECT_FALSE(VerificationRun::admitStep());
+    EXPECT_TRUE(nested.fellShort());
+    EXPECT_EQ(VerificationRun::refusedLast(), "cancelled");
+    EXPECT_EQ(VerificationRun::endOfNetwork(), "cancelled");
+  }
+  EXPECT_FALSE(VerificationRun::mayGoOn());
+  EXPECT_FALSE(VerificationRun::admitLookup());
+  EXPECT_FALSE(VerificationRun::mayLookUp());
+  EXPECT_FALSE(NetworkBudget::hasTime());
+  EXPECT_TRUE(outermost.fellShort());
+  EXPECT_EQ(outermost.spent(), std::vector<std::string_view>{"cancelled"});
+  EXPECT_EQ(log.text(),
+            "6 Verifier: somebody asks to stop, the rest of this verification is left out\n");
+}
+
+TEST(VerificationRun, TokenOfANestedRun_IsNotItsOwn) {
+  std::stop_source source;
+  source.request_stop();
+  const VerificationRun outermost(nullptr);
+  const VerificationRun nested(nullptr, {.stop = source.get_token()});
+  EXPECT_TRUE(VerificationRun::mayGoOn());
+}
+
+TEST(VerificationRun, Deadline_IsOneForAllRunsAndRefusedWithOneLine) {
+  const LogCapture log;
+  const VerificationRun outermost(nullptr, {.wholeTime = 20ms});
+  EXPECT_TRUE(VerificationRun::admitStep());
+  {
+    const VerificationRun nested(nullptr, {.wholeTime = 1h});
+    // Time that is waited counts as well.
+    while (VerificationRun::admitStep()) std::this_thread::sleep_for(1ms);
+    EXPECT_TRUE(nested.fellShort());
+    EXPECT_EQ(VerificationRun::refusedLast(), "time");
+    EXPECT_EQ(VerificationRun::endOfNetwork(), "time");
+  }
+  EXPECT_FALSE(VerificationRun::admitLookup());
+  EXPECT_FALSE(NetworkBudget::hasTime());
+  EXPECT_EQ(outermost.spent(), std::vector<std::string_view>{"time"});
+  EXPECT_EQ(log.text(),
+            "6 Verifier: the time of this verification is over, the rest of it is left out\n");
+}
+
+TEST(VerificationRun, DeadlineBeyondTheClock_IsNone) {
+  const VerificationRun run(nullptr, {.wholeTime = std::chrono::steady_clock::duration::max()});
+  EXPECT_TRUE(VerificationRun::mayGoOn());
+  EXPECT_TRUE(NetworkBudget::hasTime());
+}
+
 TEST(VerificationRun, TimeThatIsWaited_IsNoProcessorTime) {
   const VerificationRun run(nullptr, {.processorTime = 200ms});
   const auto end = std::chrono::steady_clock::now() + 300ms;
   while (std::chrono::steady_clock::now() < end) std::this_thread::sleep_until(end);
   EXPECT_TRUE(VerificationRun::admitStep());
+  ASSERT_TRUE(run.processorTime().has_value());
+  EXPECT_LT(*run.processorTime(), 200ms);
 }
 
 TEST(VerificationRun, WithoutALimitOrARun_ProcessorTimeIsNotLookedAt) {

@@ -43,6 +43,7 @@ TEST(HTTPFailure, ErrorOfEveryLayer_IsOfTheStepAndOpenSSLsIsOfTls) {
       {boost::beast::http::error::partial_message, {Kind::kConnect, 0, 0, ended}},
       {boost::beast::http::error::end_of_stream, {Kind::kConnect, 0, 0, ended}},
       {boost::beast::http::error::bad_status, {Kind::kConnect, 0, 0, "bad status"}},
+      {asio::error::operation_aborted, {Kind::kCancelled}},
       {ofOpenSSL, {Kind::kTls, 0, 0, "wrong version number"}},
   };
   for (const auto& row : rows) {
@@ -54,6 +55,8 @@ TEST(HTTPFailure, ErrorOfEveryLayer_IsOfTheStepAndOpenSSLsIsOfTls) {
 TEST(HTTPFailure, HostWithoutAddress_IsNotResolvedOrNotAskedFor) {
   EXPECT_EQ(failureOf(HostAddresses{.status = HostAddresses::kNoTime}),
             Failure{.kind = Kind::kNoTime});
+  EXPECT_EQ(failureOf(HostAddresses{.status = HostAddresses::kCancelled}),
+            Failure{.kind = Kind::kCancelled});
   const HostAddresses unknown{.status = 4};  // ARES_ENOTFOUND
   EXPECT_EQ(failureOf(unknown), (Failure{Kind::kResolve, 4, 0, "Domain name not found"}));
 }
