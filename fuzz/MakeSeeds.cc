@@ -347,6 +347,11 @@ void textSeeds() {
       {"large-number", "URI: x:y\nExpires: 9223372036854775807\n"},
       {"too-large-number", "URI: x:y\nExpires: 9223372036854775808\n"},
       {"expires", "Expires: 5\n"},
+      {"notes",
+       "URI: x:y\nExpires: 5\nETag: W/\"5f3 61a\"\nLast-Modified: Tue, 17 Nov 2026 08:00:00 GMT\n"
+       "Fetched: 1700000000\n"},
+      {"unfit-notes", "URI: x:y\nExpires: 5\nETag: a\x01\nLast-Modified: \r\nFetched: soon\n"},
+      {"begin-in-notes", "URI: x:y\nExpires: 5\nETag: -----BEGIN X509 CRL-----\nFetched: 5\n"},
   };
   for (const auto& [name, text] : headers) seed("crl_file_header", name, text);
 }
@@ -377,6 +382,17 @@ void httpSeeds() {
       {"too-large-length", ok + "Content-Length: 70\r\n\r\n" + std::string(70, 'x')},
       {"too-large-chunks",
        ok + "Transfer-Encoding: chunked\r\n\r\n46\r\n" + std::string(70, 'x') + "\r\n0\r\n\r\n"},
+      {"redirect", "HTTP/1.1 302 Found\r\nLocation: x/\r\n\r\n"},
+      {"redirect-tls",
+       "HTTP/1.1 308 Permanent Redirect\r\nLocation: https://h.example:444/?x#y\r\nContent-Length: "
+       "3\r\n\r\nno!"},
+      {"not-modified",
+       "HTTP/1.1 304 Not Modified\r\nETag: W/\"x\"\r\nCache-Control: max-age=60\r\n\r\n"},
+      {"validators",
+       "HTTP/1.1 200 OK\r\nETag: \"x\"\r\nLast-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\nDate: "
+       "Sun, 06 Nov 1994 08:49:37 GMT\r\nExpires: Sun, 06 Nov 1994 09:49:37 GMT\r\n\r\nbody"},
+      {"packed", "HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: 4\r\n\r\nbody"},
+      {"hints", "HTTP/1.1 103 Early Hints\r\nLink: </x>\r\n\r\nHTTP/1.1 407 Who\r\n\r\n"},
       {"empty", ""},
   };
   for (const auto& [name, text] : answers) seed("http_answer", name, '\x08' + text);

@@ -1,17 +1,27 @@
 // HTTP answers, over loopback. The first octet bounds the body, the rest is what the server sends.
 //
-// One thread does it all: the kernel accepts for a listening socket, and what the server sends fits
-// into the socket's buffer. So the answer, its end included, is there before the client asks.
+// For the connection one thread does it all: the kernel accepts for a listening socket, and what the
+// server sends fits into the socket's buffer. So the answer, its end included, is there before the
+// client asks. The client for the web is answered by a thread, at each of its hops in the same way. The
+// server is its proxy as well, so that nobody else is asked wherever a redirect leads.
 #include "Fuzz.h"
 #include "foundation/net/http/HTTPConnection.h"
+#include "foundation/net/http/WebClient.h"
 #include "support/Descriptor.h"
+#include "support/Loopback.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
 #include <netinet/in.h>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <thread>
+#include <utility>
+#include <vector>
 
 namespace Velantrix::Fuzz {
 namespace {
@@ -38,14 +48,39 @@ class Server {
     port_ = ntohs(address.sin_port);
   }
 
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
   boost::asio::ip::tcp::endpoint endpoint() const {
     return {boost::asio::ip::address_v4::loopback(), port_};
   }
 
   /// The other end of a connection that stands; it has said everything.
   Test::Descriptor answer(std::string_view bytes) const {
-    Test::Descriptor peer(
-        ::accept4(socket_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK), "accept4");
+    return say(
+        Test::Descriptor(
+            ::accept4(socket_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK), "accept4"),
+        bytes);
+  }
+
+  /// The same for all connections that are made while it works.
+  template <class Work>
+  void answerAll(std::string_view bytes, const Work& work) const {
+    const Test::Descriptor stop(::eventfd(0, EFD_CLOEXEC), "eventfd");
+    std::thread thread([&] {
+      // Closed when nobody reads any more: what a request leaves unread would reset the answer.
+      std::vector<Test::Descriptor> peers;
+      for (;;) {
+        Test::Descriptor peer = Test::acceptUntil(stop, socket_);
+        if (peer.number() < 0) return;
+        peers.push_back(say(std::move(peer), bytes));
+      }
+    });
+    work();
+    PKX509_ASSERT(::eventfd_write(stop.number(), 1) == 0);
+    thread.join();
+  }
+
+ private:
+  static Test::Descriptor say(Test::Descriptor peer, std::string_view bytes) {
     if (!bytes.empty()) {
       const ssize_t sent = ::send(peer.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
       PKX509_ASSERT(sent == static_cast<ssize_t>(bytes.size()));
@@ -54,7 +89,6 @@ class Server {
     return peer;
   }
 
- private:
   Test::Descriptor socket_;
   unsigned short port_ = 0;
 };
@@ -86,6 +120,33 @@ void checkBody(std::string_view answer, std::string_view body) {
   } else {
     PKX509_ASSERT(rest == body);
   }
+}
+
+// Through a proxy, a redirect is a request to the same server.
+void checkWebClient(const std::string& answer, std::size_t limit, bool direct) {
+  const HTTP::WebTerms terms{.proxy = direct ? Uri() : Uri(server().url()), .maxContent = limit};
+  const HTTP::WebRequest request{
+      .uri = Uri(direct ? server().url() : "http://host.example/a/b?c"),
+      .body = direct ? std::optional<std::string>("body") : std::nullopt,  // follows nothing
+      .validators = {.etag = "\"tag\""}};
+  server().answerAll(answer, [&] {
+    const HTTP::WebAnswer web = HTTP::ask(request, terms);
+    const bool failed = web.failure.kind != HTTP::Failure::Kind::kNone;
+    PKX509_ASSERT(failed == !(web.complete || web.notModified));
+    PKX509_ASSERT(failed == !web.problem.empty());
+    PKX509_ASSERT(web.failure.kind != HTTP::Failure::Kind::kTimedOut);
+    PKX509_ASSERT(web.failure.kind != HTTP::Failure::Kind::kNoTime);
+    PKX509_ASSERT(web.failure.detail.size() <= HTTP::Failure::kMaximumDetail);
+    PKX509_ASSERT(!(web.complete && web.notModified));
+    PKX509_ASSERT(web.redirects <= (direct ? 0 : HTTP::WebAnswer::kMaximumRedirects));
+    PKX509_ASSERT(HTTP::isHandled(web.last) && !web.last.hostname().empty());
+    PKX509_ASSERT(web.received <= limit);
+    PKX509_ASSERT(web.content->length() == (web.complete ? web.received : 0));
+    for (const std::string& text : {web.validators.etag, web.validators.lastModified}) {
+      PKX509_ASSERT(text.empty() || HTTP::Validators::isFit(text));
+    }
+    if (web.maxAge.has_value()) PKX509_ASSERT(web.maxAge->count() >= 0);
+  });
 }
 
 }  // namespace
@@ -124,5 +185,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     PKX509_ASSERT(connection->receive() == Outcome::kClosed);  // nothing was asked for
   }));
+  for (const bool direct : {true, false}) {
+    PKX509_ASSERT(accepted([&] { checkWebClient(answer, limit, direct); }));
+  }
   return 0;
 }

@@ -203,7 +203,7 @@ bool search(LDAPConnection& connection, std::string_view answer, std::vector<Att
   return accepted([&] {
     LDAPSearch search(connection, LDAPSearch::Parameter("o=Test"));
     search.send();
-    const bool done = ran([&] { search.wait(20); });
+    const bool done = ran([&] { search.wait(std::chrono::seconds(20)); });
     entries = entriesOf(search.result());
     checkBounds(entries, answer);
     if (!done) throw Exception("refused", Exception::kFailure, "ldap_answer", __LINE__);

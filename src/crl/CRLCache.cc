@@ -7,6 +7,8 @@
 #include "foundation/base/Hex.h"
 #include "foundation/base/TemporaryName.h"
 #include "foundation/model/ObjectReader.h"
+#include "foundation/net/Cancellation.h"
+#include "foundation/run/Counters.h"
 #include "store/HashFileHeader.h"
 
 #include <pkx509/HashDirLookup.h>
@@ -56,11 +58,7 @@ bool isCacheName(std::string_view name) {
   return name.empty() || isTemporarySuffix(name);
 }
 
-struct CachedFile {
-  File::Path path;
-  std::uint64_t size;
-  Time created;
-};
+using CachedFile = CRLCache::CachedFile;
 
 class Collector : public File::Processor {
  public:
@@ -77,10 +75,27 @@ class Collector : public File::Processor {
   std::vector<CachedFile> files;
 };
 
+// Keeps other writers out, or throws.
+class OnlyWriter {
+ public:
+  explicit OnlyWriter(const std::string& directory)
+      : lock_(directory, kLockTime, Cancellation::requested) {
+    if (!lock_.held()) fail(kHere, directory + ": Another writer is at it.");
+  }
+
+ private:
+  DirectoryLock lock_;
+};
+
+// None where the directory is missing.
 std::vector<CachedFile> filesIn(const std::string& directory) {
   Collector collector;
   File::Selector(File::Path(directory), collector, isCacheName).start();
   return std::move(collector.files);
+}
+
+bool isLeftover(const File::Path& path) {
+  return path.name().find(kTemporaryMark) != std::string::npos;
 }
 
 // Appends up to `wanted` octets that follow. False at the end of the file, and when it cannot be
@@ -115,15 +130,30 @@ std::optional<Time> expiryOf(const File::Path& path) {
 // Whether nobody will read the file any more. The lock is held, so no writer is at work, and what
 // has a temporary name is what a killed one left.
 bool isSpent(const File::Path& path, const Time& now) {
-  if (path.name().find(kTemporaryMark) != std::string::npos) return true;
+  if (isLeftover(path)) return true;
   const std::optional<Time> expires = expiryOf(path);
   return expires.has_value() && *expires < now;
 }
 
+bool isRegular(const File::Path& path) {
+  std::error_code error;
+  return std::filesystem::is_regular_file(std::filesystem::symlink_status(path.asString(), error));
+}
+
 // True when it is gone, by whomever.
+bool removeFile(const File::Path& path, std::error_code& error) {
+  const bool removed = std::filesystem::remove(path.asString(), error);
+  if (removed && !isLeftover(path)) count(Statistics::Counter::kCacheRemoved);
+  return removed || !error;
+}
 bool removeFile(const File::Path& path) {
   std::error_code error;
-  return std::filesystem::remove(path.asString(), error) || !error;
+  return removeFile(path, error);
+}
+// For who has promised that it goes.
+void requireRemoved(const File::Path& path) {
+  std::error_code error;
+  if (!removeFile(path, error)) failSystem(kHere, path.asString(), error.value());
 }
 
 std::vector<unsigned char> derOf(const RefCertificateRevocationList& crl) {
@@ -135,13 +165,6 @@ std::vector<unsigned char> derOf(const RefCertificateRevocationList& crl) {
 
 std::uint64_t derSize(const RefCertificateRevocationList& crl) {
   return static_cast<std::uint64_t>(std::max(i2d_X509_CRL(crl, nullptr), 0));
-}
-
-// The size of the file for a CRL, generously: in PEM there are four characters for three octets,
-// and line ends.
-std::uint64_t fileSize(const Uri& uri, const RefCertificateRevocationList& crl) {
-  constexpr std::uint64_t kFrame = 4096;
-  return derSize(crl) / 2 * 3 + uri.canonicalized().size() + kFrame;
 }
 
 // What can still be written.
@@ -178,39 +201,85 @@ bool holds(const File::Path& path, const Uri& uri, const RefCertificateRevocatio
 
 void CRLCache::add(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) {
   if (crls.empty()) return;
-  const DirectoryLock lock(directory_, kLockTime);
-  if (!lock.held()) fail(kHere, directory_ + ": Another writer is at it.");
-  makeRoom(HashDirLookupMethod::fileName(uri), fileSize(uri, crls.back()));
+  Content content = contentFor(uri, crls.back());
+  content.write = [&] { HashDirLookupMethod(directory_).add(uri, crls); };
+  write(uri, content);
+  count(Statistics::Counter::kCacheStored);
+}
+
+// In PEM there are four characters for three octets, and line ends.
+CRLCache::Content CRLCache::contentFor(const Uri& uri, const RefCertificateRevocationList& crl) {
+  constexpr std::uint64_t kFrame = 4096;
+  const std::uint64_t size = derSize(crl);
+  return {.atMost = size / 2 * 3 + uri.canonicalized().size() + kFrame, .atLeast = size / 3 * 4};
+}
+
+bool CRLCache::write(const Uri& uri, const Content& content) {
+  const OnlyWriter only(directory_);
+  if (content.wanted && !content.wanted()) return false;
+  makeRoom(HashDirLookupMethod::fileName(uri), content.atMost);
   try {
-    HashDirLookupMethod(directory_).add(uri, crls);
+    content.write();
   } catch (const std::exception&) {
-    if (!makeRoomOnDisk(fileSize(uri, crls.back()), derSize(crls.back()) / 3 * 4)) throw;
-    HashDirLookupMethod(directory_).add(uri, crls);
+    if (!makeRoomOnDisk(content.atMost, content.atLeast)) throw;
+    content.write();
   }
+  return true;
 }
 
 void CRLCache::remove(const Uri& uri, const RefCertificateRevocationList& crl) {
-  const File::Path path(directory_, HashDirLookupMethod::fileName(uri));
-  std::error_code error;
-  const auto status = std::filesystem::symlink_status(path.asString(), error);
-  if (!std::filesystem::is_regular_file(status)) return;  // it need not have come from the cache
-  const DirectoryLock lock(directory_, kLockTime);
+  const File::Path path = fileFor(uri);
+  if (!isRegular(path)) return;  // it need not have come from the cache
+  const DirectoryLock lock(directory_, kLockTime, Cancellation::requested);
   if (lock.held() && holds(path, uri, crl)) removeFile(path);
+}
+
+bool CRLCache::removeIf(const Uri& uri, const std::function<bool(const File::Path&)>& wanted) {
+  const File::Path path = fileFor(uri);
+  if (!isRegular(path)) return false;
+  const OnlyWriter only(directory_);
+  if (!isRegular(path) || !wanted(path)) return false;
+  requireRemoved(path);
+  return true;
+}
+
+std::vector<std::string> CRLCache::removeAll() {
+  const OnlyWriter only(directory_);
+  std::vector<std::string> removed;
+  for (const CachedFile& file : filesIn(directory_)) {
+    requireRemoved(file.path);
+    removed.push_back(file.path.name());
+  }
+  return removed;
+}
+
+File::Path CRLCache::fileFor(const Uri& uri) const {
+  return File::Path(directory_, HashDirLookupMethod::fileName(uri));
+}
+
+std::vector<CRLCache::CachedFile> CRLCache::files() const {
+  std::error_code error;
+  const auto status = std::filesystem::status(systemPath(directory_), error);
+  if (status.type() == std::filesystem::file_type::not_found) failSystem(kHere, directory_, ENOENT);
+  std::vector<CachedFile> files = filesIn(directory_);
+  std::erase_if(files, [](const CachedFile& file) { return isLeftover(file.path); });
+  return files;
 }
 
 void CRLCache::makeRoom(const std::string& replaced, std::uint64_t bytes) {
   std::vector<CachedFile> files = filesIn(directory_);
   std::erase_if(files, [&](const CachedFile& file) { return file.path.name() == replaced; });
-  std::size_t count = files.size() + 1;
+  std::size_t number = files.size() + 1;
   for (const CachedFile& file : files) bytes += file.size;
   const auto fit = [&](const Limits& limits) {
-    return count <= limits.files && bytes <= limits.bytes;
+    return number <= limits.files && bytes <= limits.bytes;
   };
+  noteCacheSize(number, bytes);
   if (fit(limits_)) return;
 
   const auto remove = [&](const CachedFile& file) {
     if (!removeFile(file.path)) return;
-    --count;
+    --number;
     bytes -= file.size;
   };
   const Time now = Time::now();
@@ -226,6 +295,7 @@ void CRLCache::makeRoom(const std::string& replaced, std::uint64_t bytes) {
   for (auto oldest = files.begin(); oldest != files.end() && !fit(freed); ++oldest) {
     remove(*oldest);
   }
+  noteCacheSize(number, bytes);
 }
 
 bool CRLCache::makeRoomOnDisk(std::uint64_t atMost, std::uint64_t atLeast) {

@@ -2,6 +2,7 @@
 // branches that follow them, with its words: a DP is an entry's `distributionPoint`, an IDP the
 // issuing distribution point of a CRL, interim_reasons_mask an entry's `reasons`, reasons_mask
 // `mask`, cert_status `reason`, and the complete CRL a base.
+#include "crl/Retriever.h"
 #include "crl/StrangersKeys.h"
 #include "crl/UnsignedCRL.h"
 #include "foundation/base/Log.h"
@@ -363,6 +364,10 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
       }
       return false;
     }
+  }
+  // An issuer on the path has not been verified before its signatures are.
+  if (Retriever::current() != nullptr && (!issuedOnPath || isVouchedFor(issuer))) {
+    keepVerified(entry.crl->crl, issuer, entry.distributionPoint);
   }
   // 5.2: a CRL with a critical extension that is not understood decides nothing.
   if (list.hasUnhandledCriticalExtension()) {

@@ -20,6 +20,10 @@ struct RetrievedCRLs {
   bool cut = false;  // the host was to be asked, and gave none
 };
 
+// Issued by now and not run out, as far as it says so; one that does not say runs out some time after it
+// was stored.
+bool isFresh(const RefCertificateRevocationList& crl, const Time& storedAt);
+
 // As `URILookup`, but for the cache: all that it has is there, expired or not, and the network is
 // asked where nothing of it is fresh now. Never throws for what cannot be read or fetched.
 RetrievedCRLs retrieveCRLs(const Uri& uri);

@@ -1,5 +1,7 @@
 #include "crl/CRLCache.h"
+#include "crl/CacheUse.h"
 #include "crl/RetrievedCRLs.h"
+#include "crl/Retriever.h"
 #include "foundation/base/DotSegments.h"
 #include "foundation/base/Log.h"
 #include "foundation/base/NoCancellation.h"
@@ -60,15 +62,6 @@ std::string requestKey(const Uri& uri) {
   return uri.scheme() + uri.hostname() + ' ' + std::to_string(uri.port()) + ' ' + uri.path();
 }
 
-// What an exception says, without the path of the cache in front.
-std::string reasonOf(const std::exception& failure) {
-  const auto* const ours = dynamic_cast<const Exception*>(&failure);
-  std::string text = ours == nullptr ? failure.what() : ours->stringParameter();
-  if (!text.starts_with(kCRLCacheDirectory)) return text;
-  const std::size_t end = text.find(": ");
-  return end == std::string::npos ? text : text.substr(end + 2);
-}
-
 RefCertificateRevocationList read(const Uri& uri, const LW::Buffer& body, SourceUse& use) {
   const auto malformed = [&](const std::string& what) {
     FetchRecord::notFetched(uri, what);
@@ -100,6 +93,7 @@ void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls, Source
                                   "its header than 16 KiB"});
   if (answer.outcome != 0) NetworkBudget::countBytes(answer.connection->contentReceived());
   use.bytes(answer.received);
+  countExchange(answer.failure, answer.received);
   // Cut by what is left for the whole verification, and not by what a CRL may have.
   const bool cut = answer.outcome == HTTP::Connection::kTooLarge && limit < kMaximumCRL;
   if (cut) Shortfall::note();
@@ -120,23 +114,6 @@ void fetch(const Uri& uri, std::list<RefCertificateRevocationList>& crls, Source
   crls.push_back(crl);
 }
 
-File::Path cacheFile(const Uri& uri) {
-  return File::Path(kCRLCacheDirectory, HashDirLookupMethod::fileName(uri));
-}
-
-SourceUse cacheUse(const Uri& uri) {
-  return SourceUse(Kind::kCache, Wanted::kCRLs, FetchRecord::placeOf(uri));
-}
-
-UseFacts cacheFacts(const Uri& uri, const std::string& reason, const std::exception& failure) {
-  UseFacts facts = unreadableFacts(kCRLCacheDirectory, failure);
-  facts.reason = reason;
-  facts.file = cacheFile(uri).asString();
-  const std::string inside = std::string(kCRLCacheDirectory) + "/.";  // of what is a directory only
-  if (::access(inside.c_str(), W_OK) != 0) facts.errorNumber = errno;
-  return facts;
-}
-
 // A cache that cannot be written costs a fetch next time, not the result.
 void cache(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) {
   try {
@@ -144,9 +121,7 @@ void cache(const Uri& uri, const std::list<RefCertificateRevocationList>& crls) 
   } catch (const std::bad_alloc&) {
     Shortfall::note();
   } catch (const std::exception& failure) {
-    const std::string reason = "cache cannot be written: " + reasonOf(failure);
-    FetchRecord::notCached(uri, reason);
-    cacheUse(uri).failed(cacheFacts(uri, reason, failure));
+    tellNotStored(uri, failure);
   }
 }
 
@@ -220,12 +195,6 @@ void readCache(const Uri& uri, RetrievedCRLs& answer) {
   }
 }
 
-bool isFresh(const RefCertificateRevocationList& crl, const Time& since) {
-  const Time now = Time::now();
-  const ASN1::RefGeneralizedTime thisUpdate = crl->lastUpdate();
-  return !thisUpdate.empty() && thisUpdate->asTime() <= now && now <= expiryOf(crl, since);
-}
-
 // What the verification that goes on has asked for the URI before, too: it asks nobody twice.
 void takeUses(const std::string& place, SourceRecord& asked) {
   const SourceRecord* const record = SourceRecord::current();
@@ -248,13 +217,40 @@ VerificationReport reportOn(const Uri& uri, bool found, Evidence& evidence) {
   return makeReport(evidence, {.checked = Time::now()});
 }
 
+// In this verification once for a URI.
+void findBy(Retriever& retriever, const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
+  constexpr char kWeb[] = "web";
+  if (!crls.empty()) return;
+  try {
+    askOnce(kWeb, uri.asString(), crls, [&](std::list<RefCertificateRevocationList>& found) {
+      RetrievedCRLs answer = retriever.crls(uri);
+      found = std::move(answer.fetched);
+      for (const RefCertificateRevocationList& crl : answer.cached) {
+        if (isFresh(crl, answer.cachedAt)) found.push_back(crl);
+      }
+      return !answer.cut;
+    });
+  } catch (const std::bad_alloc&) {
+    Shortfall::note();
+  } catch (const std::exception& failure) {
+    notReadable(uri, reasonOf(failure));
+  }
+}
+
 }  // namespace
 
 URILookup::~URILookup() = default;
 
+bool isFresh(const RefCertificateRevocationList& crl, const Time& storedAt) {
+  const Time now = Time::now();
+  const ASN1::RefGeneralizedTime thisUpdate = crl->lastUpdate();
+  return !thisUpdate.empty() && thisUpdate->asTime() <= now && now <= expiryOf(crl, storedAt);
+}
+
 void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   if (uri.isNull()) return;
   const NoCancellation untilReturn;
+  if (Retriever* const retriever = Retriever::current()) return findBy(*retriever, uri, crls);
   try {
     askOnce(kCRLCacheDirectory, uri, crls, [&](std::list<RefCertificateRevocationList>& found) {
       // What this verification has fetched need not be read again. It is the answer to this request,

@@ -1,6 +1,7 @@
 #include "crl/UnsignedCRL.h"
 
 #include "crl/CRLCache.h"
+#include "crl/Retriever.h"
 #include "crl/StrangersKeys.h"
 #include "foundation/base/Shortfall.h"
 #include "foundation/openssl/OpenSSLOwners.h"
@@ -60,6 +61,20 @@ void takeOutOfCache(const RefCertificateRevocationList& crl, const RefCertificat
     }
   } catch (const std::exception&) {
     // It stays until it runs out.
+  }
+}
+
+void keepVerified(const RefCertificateRevocationList& crl, const RefCertificate& issuer,
+                  const RefCRLDistributionPoint& point) noexcept {
+  Retriever* const retriever = Retriever::current();
+  if (retriever == nullptr || crl.empty() || issuer.empty()) return;
+  try {
+    for (const RefGeneralName& name : namesOf(point)) {
+      if (name.empty() || name->type() != GEN_URI || name->uri().isNull()) continue;
+      retriever->verified(name->uri(), crl, issuer);
+    }
+  } catch (const std::exception&) {
+    // It costs a fetch next time.
   }
 }
 

@@ -1,4 +1,4 @@
-// What becomes of a CRL that its issuer did not sign.
+// What becomes of a CRL when it is known whether its issuer signed it.
 #pragma once
 
 #include <pkx509/ObjectStore.h>
@@ -18,5 +18,10 @@ namespace Velantrix::Crypto::PKX509 {
 // a stranger's empties no cache.
 void takeOutOfCache(const RefCertificateRevocationList& crl, const RefCertificate& certificate,
                     const RefCRLDistributionPoint& point, const RefObjectStore& store) noexcept;
+
+// Where the thread has a `Retriever`, has it keep a CRL of that distribution point: the issuer has signed it,
+// and is valid.
+void keepVerified(const RefCertificateRevocationList& crl, const RefCertificate& issuer,
+                  const RefCRLDistributionPoint& point) noexcept;
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -6,11 +6,14 @@
 
 namespace Velantrix::Crypto::PKX509 {
 
-// When a CRL runs out. One that does not say stays for a day.
-inline Time expiryOf(const RefCertificateRevocationList& crl, const Time& since) {
+// When a CRL with that nextUpdate runs out. One that does not say stays for a day.
+inline Time expiryOf(const ASN1::RefGeneralizedTime& nextUpdate, const Time& since) {
   constexpr long kDay = 86400;
-  const ASN1::RefGeneralizedTime nextUpdate = crl->nextUpdate();
   return nextUpdate.empty() ? Time::then(since.seconds() + kDay, true) : nextUpdate->asTime();
+}
+
+inline Time expiryOf(const RefCertificateRevocationList& crl, const Time& since) {
+  return expiryOf(crl->nextUpdate(), since);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

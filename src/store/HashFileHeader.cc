@@ -5,6 +5,7 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
@@ -15,6 +16,9 @@ namespace {
 
 constexpr std::string_view kURI = "URI: ";
 constexpr std::string_view kExpires = "Expires: ";
+constexpr std::string_view kETag = "ETag: ";
+constexpr std::string_view kLastModified = "Last-Modified: ";
+constexpr std::string_view kFetched = "Fetched: ";
 constexpr std::string_view kEmail = "Email: ";
 
 // Of an address as it is written. RFC 5321, 4.5.3.1: a mailbox has at most 320 octets.
@@ -30,6 +34,29 @@ std::optional<std::string_view> takeLine(std::string_view& rest, std::string_vie
   return value;
 }
 
+std::optional<Time> takeTime(std::string_view& rest, std::string_view key) {
+  const std::optional<std::string_view> value = takeLine(rest, key);
+  if (!value) return std::nullopt;
+  std::int64_t seconds = 0;
+  const char* const last = value->data() + value->size();
+  const auto [end, error] = std::from_chars(value->data(), last, seconds);
+  if (error != std::errc() || end != last) return std::nullopt;
+  return Time::then(seconds, true);
+}
+
+std::optional<std::string_view> takeValidator(std::string_view& rest, std::string_view key) {
+  const std::optional<std::string_view> value = takeLine(rest, key);
+  return value && HashFileHeader::isKept(*value) ? value : std::nullopt;
+}
+
+void appendLine(std::string& text, std::string_view key, std::string_view value) {
+  text.append(key).append(value) += '\n';
+}
+
+void appendTime(std::string& text, std::string_view key, const Time& time) {
+  appendLine(text, key, std::to_string(time.seconds()));
+}
+
 std::string digestOf(const std::string& text) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
   unsigned int length = 0;
@@ -43,26 +70,41 @@ std::string digestOf(const std::string& text) {
 
 HashFileHeader HashFileHeader::parse(std::string_view content) {
   HashFileHeader header;
-  header.email = takeLine(content, kEmail);
-  header.uri = takeLine(content, kURI);
-  if (const std::optional<std::string_view> value = takeLine(content, kExpires)) {
-    std::int64_t seconds = 0;
-    const auto [end, error] =
-        std::from_chars(value->data(), value->data() + value->size(), seconds);
-    if (error == std::errc() && end == value->data() + value->size()) {
-      header.expires = Time::then(seconds, true);
-    }
-  }
+  std::string_view rest = content;
+  header.email = takeLine(rest, kEmail);
+  header.uri = takeLine(rest, kURI);
+  header.expires = takeTime(rest, kExpires);
+  header.etag = takeValidator(rest, kETag);
+  header.lastModified = takeValidator(rest, kLastModified);
+  header.fetched = takeTime(rest, kFetched);
+  header.size = content.size() - rest.size();
   return header;
 }
 
 std::string HashFileHeader::text(const std::string& canonicalURI, const Time& expires) {
-  return std::string(kURI) + canonicalURI + "\n" + std::string(kExpires) +
-         std::to_string(expires.seconds()) + "\n";
+  return text(canonicalURI, expires, {});
+}
+
+std::string HashFileHeader::text(const std::string& canonicalURI, const Time& expires,
+                                 const Notes& notes) {
+  std::string text;
+  appendLine(text, kURI, canonicalURI);
+  appendTime(text, kExpires, expires);
+  if (isKept(notes.etag)) appendLine(text, kETag, notes.etag);
+  if (isKept(notes.lastModified)) appendLine(text, kLastModified, notes.lastModified);
+  if (notes.fetched) appendTime(text, kFetched, *notes.fetched);
+  return text;
 }
 
 std::string HashFileHeader::text(const EmailAddress& address) {
   return std::string(kEmail) + emailText(address) + "\n";
+}
+
+bool HashFileHeader::isKept(std::string_view validator) noexcept {
+  return !validator.empty() && validator.size() <= kMaximumValidator &&
+         validator.find("-----") == std::string_view::npos &&
+         std::all_of(validator.begin(), validator.end(),
+                     [](char c) { return c >= ' ' && c <= '~'; });
 }
 
 std::string HashFileHeader::emailText(const EmailAddress& address) {

@@ -1,5 +1,6 @@
 #include "crl/CRLCache.h"
 #include "foundation/base/DirectoryLock.h"
+#include "foundation/run/Counters.h"
 #include "store/HashFileHeader.h"
 #include "support/Descriptor.h"
 #include "support/Stopwatch.h"
@@ -121,6 +122,26 @@ TEST_F(CRLCacheDirectory, TooManyFiles_AllThatExpiredGoBeforeAnyOther) {
   add({.files = 4, .bytes = kPlenty});  // one of them would be enough
   EXPECT_TRUE(ownIsThere());
   EXPECT_EQ(others(), (Names{"1.r0", "2.r0"}));
+}
+
+TEST_F(CRLCacheDirectory, WhatComesAndGoes_IsCounted) {
+  plant("1.r0", 2 * kHour, kHour);
+  plant("2.r0", 5 * kHour, kHour);
+  const CountedSince since;
+  add({.files = 3, .bytes = kPlenty});
+  EXPECT_EQ(since.of(Statistics::Counter::kCacheStored), 1U);
+  EXPECT_EQ(since.of(Statistics::Counter::kCacheRemoved), 0U);
+  EXPECT_EQ(Statistics::snapshot().cacheFiles(), 3U);
+  plant("3.r0", 1 * kHour, kHour);
+  add({.files = 3, .bytes = kPlenty});
+  EXPECT_EQ(since.of(Statistics::Counter::kCacheRemoved), 1U);
+  const Statistics now = Statistics::snapshot();
+  EXPECT_EQ(now.cacheFiles(), 3U);
+  const std::uint64_t held = fs::file_size(directory / own) + 2 * std::uint64_t{500};
+  EXPECT_GE(now.cacheBytes(), held);
+  EXPECT_LE(now.cacheBytes(), held + 8192);
+  CRLCache(directory.string()).remove(uri, crl);
+  EXPECT_EQ(since.of(Statistics::Counter::kCacheRemoved), 2U);
 }
 
 TEST_F(CRLCacheDirectory, TooManyFiles_TheOldestGoAsFarAsNeeded) {
@@ -270,6 +291,33 @@ TEST_F(CRLCacheDirectory, SeveralCRLs_TheLastOneStays) {
   const RefCertificateRevocationList last = crlHandle({.issuer = &root, .number = 7});
   CRLCache(directory.string()).add(uri, CRLs{crl, last});
   EXPECT_TRUE(readFile(directory / own).ends_with(pem(last->native())));
+}
+
+TEST_F(CRLCacheDirectory, WhatIsStoredAndRemoved_IsCounted) {
+  using Counter = Statistics::Counter;
+  const CountedSince since;
+  plant("1.r0", 5 * kHour, -kHour);
+  plant("2.r0", 4 * kHour, kHour);
+  plant("3.r0-tmp-0123456789abcdef", 3 * kHour, kHour);
+  add({.files = 1, .bytes = kPlenty});
+  EXPECT_EQ(since.of(Counter::kCacheStored), 1U);
+  EXPECT_EQ(since.of(Counter::kCacheRemoved), 2U);  // a leftover is no CRL
+  CRLCache(directory.string()).remove(uri, crl);
+  EXPECT_EQ(since.of(Counter::kCacheRemoved), 3U);
+  EXPECT_THROW(CRLCache((directory / "missing").string()).add(uri, CRLs{crl}), Exception);
+  EXPECT_EQ(since.of(Counter::kCacheStored), 1U);
+}
+
+TEST_F(CRLCacheDirectory, WriterThatIsNotWanted_ChangesNothing) {
+  plant("1.r0", 5 * kHour, -kHour);
+  bool written = false;
+  CRLCache full(directory.string(), {.files = 0, .bytes = 0});
+  EXPECT_FALSE(full.write(uri, {.wanted = [] { return false; }, .write = [&] { written = true; }}));
+  EXPECT_FALSE(written);
+  EXPECT_EQ(others(), (Names{"1.r0"}));
+  EXPECT_TRUE(full.write(uri, {.write = [&] { written = true; }}));
+  EXPECT_TRUE(written);
+  EXPECT_EQ(others(), Names{});
 }
 
 // -------------------------------------------------------------------------------- others' files

@@ -75,10 +75,99 @@ TEST(HashFileHeader, OnlyLeadingLinesOfThisShape_Count) {
   }
 }
 
+TEST(HashFileHeader, Notes_StandBehindTheExpiryAndAreReadBack) {
+  const Time expires = Time::then(1795132800, true);
+  const std::string two = HashFileHeader::text("http://ca.example/ca.crl", expires);
+  EXPECT_EQ(HashFileHeader::text("http://ca.example/ca.crl", expires, {}), two);
+  const std::string text = HashFileHeader::text(
+      "http://ca.example/ca.crl", expires,
+      {"W/\"5f3 61a\"", "Tue, 17 Nov 2026 08:00:00 GMT", Time::then(1795046400, true)});
+  EXPECT_EQ(text, two +
+                      "ETag: W/\"5f3 61a\"\nLast-Modified: Tue, 17 Nov 2026 08:00:00 GMT\n"
+                      "Fetched: 1795046400\n");
+  const std::string content = text + "-----BEGIN X509 CRL-----\n";
+  const HashFileHeader header = HashFileHeader::parse(content);
+  EXPECT_EQ(header.uri, "http://ca.example/ca.crl");
+  EXPECT_EQ(header.expires, expires);
+  EXPECT_EQ(header.etag, "W/\"5f3 61a\"");
+  EXPECT_EQ(header.lastModified, "Tue, 17 Nov 2026 08:00:00 GMT");
+  EXPECT_EQ(header.fetched, Time::then(1795046400, true));
+  EXPECT_EQ(header.size, text.size());
+}
+
+TEST(HashFileHeader, NotesThatAreMissing_HaveNoLine) {
+  const std::string two = "URI: u\nExpires: 5\n";
+  const struct {
+    HashFileHeader::Notes notes;
+    const char* lines;
+  } rows[] = {
+      {{.etag = "e"}, "ETag: e\n"},
+      {{.lastModified = "m"}, "Last-Modified: m\n"},
+      {{.fetched = Time::then(7, true)}, "Fetched: 7\n"},
+      {{.etag = "e", .fetched = Time::then(-7, true)}, "ETag: e\nFetched: -7\n"},
+  };
+  for (const auto& row : rows) {
+    const std::string text = HashFileHeader::text("u", Time::then(5, true), row.notes);
+    EXPECT_EQ(text, two + row.lines);
+    const HashFileHeader header = HashFileHeader::parse(text);
+    EXPECT_EQ(header.etag.value_or(""), row.notes.etag);
+    EXPECT_EQ(header.lastModified.value_or(""), row.notes.lastModified);
+    EXPECT_EQ(header.fetched, row.notes.fetched);
+    EXPECT_EQ(header.size, text.size());
+  }
+}
+
+TEST(HashFileHeader, NotesOfAnotherShape_SayNothing) {
+  const struct {
+    const char* lines;
+    std::optional<std::string_view> etag;
+    std::optional<long> fetched;
+  } rows[] = {
+      {"Fetched: 7\nETag: e\n", {}, 7},  // the other way round
+      {"ETag: e\nETag: f\nFetched: 7\n", "e", {}},
+      {"ETag: e\r\nFetched: 7\r\n", "e", 7},
+      {"ETag: \nFetched: 7\n", {}, 7},
+      {"ETag: a\tb\nFetched: 7\n", {}, 7},
+      {"ETag: \xc3\xa4\nFetched: 7\n", {}, 7},
+      {"ETag: -----BEGIN A-----\nFetched: 7\n", {}, 7},
+      {"etag: e\nFetched: 7\n", {}, {}},
+      {"ETag: e\n\nFetched: 7\n", "e", {}},
+      {"ETag: e\nFetched: 7 \n", "e", {}},
+      {"ETag: e\nFetched: 9223372036854775808\n", "e", {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.lines);
+    const std::string content = std::string("URI: u\nExpires: 5\n") + row.lines;
+    const HashFileHeader header = HashFileHeader::parse(content);
+    EXPECT_EQ(header.uri, "u");
+    EXPECT_EQ(header.expires, Time::then(5, true));
+    EXPECT_EQ(header.etag, row.etag);
+    std::optional<Time> fetched;
+    if (row.fetched) fetched = Time::then(*row.fetched, true);
+    EXPECT_EQ(header.fetched, fetched);
+  }
+}
+
+TEST(HashFileHeader, Validator_IsKeptWhenItIsOneLineAndNoBlock) {
+  EXPECT_TRUE(HashFileHeader::isKept(" ~"));
+  EXPECT_TRUE(HashFileHeader::isKept(std::string(256, 'e')));
+  EXPECT_TRUE(HashFileHeader::isKept("a----b"));
+  for (const std::string& other :
+       {std::string(), std::string(257, 'e'), std::string("a\nb"), std::string("a\rb"),
+        std::string("a\0b", 3), std::string("\x7f"), std::string("\x1f"), std::string("\x80"),
+        std::string("a-----b")}) {
+    EXPECT_FALSE(HashFileHeader::isKept(other)) << other;
+    EXPECT_EQ(
+        HashFileHeader::text("u", Time::then(5, true), {.etag = other, .lastModified = other}),
+        "URI: u\nExpires: 5\n");
+  }
+}
+
 TEST(HashFileHeader, LongestURI_FitsIntoTheMaximumSize) {
   const std::string uri(std::size_t{64} * 1024 + 16, 'u');
+  const Time longest = Time::then(std::numeric_limits<long>::min(), true);
   const std::string text =
-      HashFileHeader::text(uri, Time::then(std::numeric_limits<long>::min(), true));
+      HashFileHeader::text(uri, longest, {std::string(256, 'e'), std::string(256, 'm'), longest});
   EXPECT_LE(text.size(), HashFileHeader::kMaximumSize);
 }
 
