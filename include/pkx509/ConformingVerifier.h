@@ -110,7 +110,7 @@ class PKX509_EXPORT ConformingVerifier : public Verifier {
 
   static int keepObjection(int ok, X509_STORE_CTX* context);
 
-  void begin() noexcept;
+  void begin();
   int verifyPath();
   int buildPath(X509_STORE_CTX_verify_cb callback);
   int verifyRevocation();

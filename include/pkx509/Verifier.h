@@ -12,6 +12,7 @@
 #include <pkx509/AddressPolicy.h>
 #include <pkx509/CRLContainer.h>
 #include <pkx509/ObjectStore.h>
+#include <pkx509/RetrievalSettings.h>
 #include <pkx509/VerificationReport.h>
 #include <velantrix/ASN1.h>
 #include <velantrix/AuthorityInformationAccess.h>
@@ -23,11 +24,13 @@
 
 #include <openssl/x509_vfy.h>
 
+#include <chrono>
 #include <functional>
 #include <iosfwd>
 #include <list>
 #include <memory>
 #include <set>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -78,7 +81,8 @@ class VerificationRun;
 /// 257th look-up of CRLs of one run and later ones find nothing. Each of these writes a log line.
 /// What is not looked for because all of a run has used up its look-ups, its time or bytes on the
 /// network, its processor time (`maxTime()`), the 256 MiB of certificates and CRLs that it decodes,
-/// memory or descriptors may be what revokes: where it happened, the verification fails with
+/// memory or descriptors, because its `deadline()` is over or it is asked to stop (`stopToken()`), may
+/// be what revokes: where it happened, the verification fails with
 /// `X509_V_ERR_UNABLE_TO_GET_CRL` (3) if with nothing else, whatever was found.
 ///
 /// **Exceptions.** A verdict is never thrown. `Velantrix::Exception` (an unreadable file, a broken
@@ -169,6 +173,9 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   /// certificate get half of what is left, and the CRLs are asked for in the rest.
   /// @param seconds 60 by default; 0 for no such bound
   void maxNetworkTime(unsigned int seconds) noexcept;
+  /// The same to the millisecond.
+  /// @param time 0 for no such bound; less is no time at all
+  void maxNetworkTime(std::chrono::milliseconds time) noexcept;
 
   /// Bounds the processor time that one verification uses on its thread, all verifications nested
   /// in it included. It is looked at between steps (a look-up, a CRL, a signature), so a single
@@ -176,11 +183,54 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   /// and the verification does not end valid.
   /// @param seconds 20 by default; 0 for no such bound
   void maxTime(unsigned int seconds) noexcept;
+  /// The same to the millisecond.
+  /// @param time 0 for no such bound; less is no time at all
+  void maxTime(std::chrono::milliseconds time) noexcept;
+
+  /// Bounds how long one verification takes from its start to its end, whatever it does: the network,
+  /// waiting for others and the processor together, all verifications nested in it included. When the
+  /// time is over, waiting ends and what is left to do is left out as it is after a stop (`stopToken()`);
+  /// in the report the resource "time" is spent. The OCSP responders of one certificate get at most half
+  /// of what is left, as of `maxNetworkTime()`. Nested in another verification, it has that one's
+  /// deadline and not this.
+  /// @param time from the start of each `isValid()` on; none by default, and
+  ///             `std::chrono::milliseconds::max()` is none again. 0 and less are over at once
+  void deadline(std::chrono::milliseconds time) noexcept;
+
+  /// Has a verification end soon after its caller has lost interest:
+  ///
+  /// @code
+  ///   std::stop_source source;                         // kept where it is decided
+  ///   verifier.stopToken(source.get_token());          // before isValid() runs in a worker
+  ///   source.request_stop();                           // from any thread, at any time
+  /// @endcode
+  ///
+  /// Waiting ends within 50 ms: to connect, for an answer, for a name server, for an LDAP server, for
+  /// the lock of a directory. So does what is computed, but for the OpenSSL call that goes on (one
+  /// signature, one hash) and a lookup method or callback of the caller's. What is left to do is left out,
+  /// and the verification does not end valid: with `X509_V_ERR_UNABLE_TO_GET_CRL` (3) if nothing was
+  /// found against the certificate, also where an issuer was not found since it was not looked for any
+  /// more. The report's outcome is temporary then, and the resource "cancelled" is spent. A
+  /// verification that is asked to stop before its start looks at nothing. One that has nothing left to
+  /// do keeps its verdict: who asks then asks too late. An `LDAPLookupMethod` that is stopped throws, as
+  /// it does when its server is silent.
+  ///
+  /// Nested in another verification, it stops with that one and does not hear this token.
+  void stopToken(std::stop_token token) noexcept;
 
   /// Which addresses may be contacted for the certificates of this verification and of all that are
   /// nested in it; everything by default. The process may refuse more (`AddressPolicy::process()`).
   /// Nested in another verification, it has that one's policy and not this.
   void addressPolicy(const AddressPolicy& policy) noexcept;
+
+  /// Has CRLs and OCSP answers fetched as the settings say: by HTTP/1.1 with virtual hosts, redirects and
+  /// conditional requests, one request for all that ask at the same time, none to a host that has failed
+  /// just before; and has CRLs put into the cache (`kCRLCacheDirectory`) only when their signature was
+  /// verified under their issuer's verified key. A `ConformingVerifier` does so from the start. This one
+  /// does after it was told, and keeps its requests, its leniencies and its cache as they are else;
+  /// `OCSP::Client` has requests of its own. Nested in another verification, it has that one's way.
+  /// @param settings copied
+  void retrieval(const RetrievalSettings& settings);
 
   /// Why a CRL was not there: something that could not be fetched, or not be kept in the cache.
   struct FetchNote {
@@ -265,10 +315,12 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   void initialize(bool useOpenSSLRevocation, InstallCallbacks* installCallbacks = nullptr);
   int runs(const std::function<int()>& verify);
   int runs(const std::function<int()>& verify, VerificationRun& run);
+  int leaveUnsettled(const char* why);
   void prepare(STACK_OF(X509) * intermediates);
   void prepareAgain();
   bool applyRemaining(X509* x);
   void dropCurrentCRL();
+  void keepHandedOut(X509* x);
   int checkChain();
   int checkAll(const std::list<RefCertificate>& chain);
   void checkOne(const RefCertificate& certificate, const std::list<RefCertificate>& chain,

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509::Revocation {
 
@@ -28,6 +29,25 @@ void CRLCollection::gatherFromPoints() {
                                     "X509::Certificate");
   forEachPlace(freshest, certificate_->issuer(),
                [this](const Place& place) { return ask(place, false); });
+}
+
+bool CRLCollection::gatherBehindCaches() {
+  if (std::exchange(behindCaches_, true)) return false;
+  std::vector<Place> places;
+  std::set<std::string> known;
+  for (const CRLCandidate& candidate : candidates_) {
+    const bool ofCache = candidate.uri && candidate.from.kind == Provenance::Kind::kCache;
+    if (!ofCache || candidate.counts() || !known.insert(candidate.uri->asString()).second) continue;
+    places.push_back({.uri = candidate.uri});
+  }
+  for (const Place& place : places) {
+    if (!VerificationRun::admitLookup()) {
+      cut_ = true;
+      break;
+    }
+    take(sources_.crlsOfHost(*place.uri), place, true);
+  }
+  return !places.empty();
 }
 
 void CRLCollection::gatherByIssuer() {

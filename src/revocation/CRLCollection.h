@@ -21,6 +21,9 @@ class CRLCollection : private NonCopyable {
 
   // What the certificate names: its distribution points, and where its delta CRLs are. Once.
   void gatherFromPoints();
+  // What the hosts have, where a cache had something for their URIs that does not count: of them nobody
+  // has been asked. False when there was nothing to ask for. Once.
+  bool gatherBehindCaches();
   // 6.3.3, its last paragraph: those of the certificate's issuer, whatever it names. Once.
   void gatherByIssuer();
   // 5.2.6: where complete CRLs say that their delta CRLs are. That is believed of authentic ones only.
@@ -43,6 +46,7 @@ class CRLCollection : private NonCopyable {
   std::list<CRLCandidate> candidates_;
   std::set<std::string> asked_;
   bool fromPoints_ = false;
+  bool behindCaches_ = false;
   bool byIssuer_ = false;
   bool cut_ = false;
 };

@@ -23,8 +23,11 @@ bool holds(const std::vector<RefCertificate>& all, const RefCertificate& wanted)
 
 void CRLSigners::authenticate(std::list<CRLCandidate>& candidates) {
   for (CRLCandidate& candidate : candidates) {
-    if (!candidate.refused && !candidate.unauthentic && candidate.signer.empty()) {
-      authenticate(candidate);
+    if (candidate.refused || candidate.unauthentic || !candidate.signer.empty()) continue;
+    authenticate(candidate);
+    const bool forSure = candidate.counts() && candidate.restsOn.empty();
+    if (forSure && candidate.uri) {
+      sources_.isGenuine(*candidate.uri, candidate.crl, candidate.signer);
     }
   }
 }

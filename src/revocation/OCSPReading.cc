@@ -115,10 +115,11 @@ bool takeSigner(const OCSPSigner& signer, OCSPReading& reading) {
 
 }  // namespace
 
-OCSPQuestion::OCSPQuestion(const RefCertificate& certificate, const RefCertificate& issuer)
-    : certificate_(certificate), issuer_(issuer) {
+OCSPQuestion::OCSPQuestion(const RefCertificate& certificate, const RefCertificate& issuer,
+                           bool withNonce)
+    : certificate_(certificate), issuer_(issuer), withNonce_(withNonce) {
   const ErrorScope errors;
-  nonce_ = newNonce();
+  if (withNonce_) nonce_ = newNonce();
   request_ = encodeOCSPRequest(certificate_, issuer_, nonce_);
 }
 
@@ -158,10 +159,11 @@ bool OCSPQuestion::accept(OCSP_BASICRESP* basic, const RevocationSettings& setti
   if (hasUnknownCriticalExtension(basic)) {
     return refuse(reading, Reason::kUnknownCriticalExtension, "in the answer");
   }
-  // 4.4.1
-  if (const std::optional<std::string> other = otherNonce(basic, nonce_)) {
-    return refuse(reading, Reason::kOtherNonce, *other);
-  }
+  // 4.4.1; RFC 5019, 4: "Clients that do not include a nonce in the request MUST ignore any nonce that
+  // may be present in the response."
+  const std::optional<std::string> other =
+      withNonce_ ? otherNonce(basic, nonce_) : std::optional<std::string>();
+  if (other) return refuse(reading, Reason::kOtherNonce, *other);
   // 3.2 (2) to (4), 4.2.2.2
   const OCSPSigner signer = findOCSPSigner(basic, certificate_, issuer_, settings, moment);
   if (!takeSigner(signer, reading)) return false;

@@ -51,11 +51,12 @@ struct OCSPReading {
 class OCSPQuestion : private NonCopyable {
  public:
   // The issuer is that of the verified path. Throws std::bad_alloc.
-  OCSPQuestion(const RefCertificate& certificate, const RefCertificate& issuer);
+  OCSPQuestion(const RefCertificate& certificate, const RefCertificate& issuer,
+               bool withNonce = true);
   ~OCSPQuestion();
 
-  // The DER of an OCSPRequest for the certificate alone, with a nonce. Empty when OpenSSL cannot make
-  // one: then there is nothing to ask with.
+  // The DER of an OCSPRequest for the certificate alone. Empty when OpenSSL cannot make one: then there
+  // is nothing to ask with.
   const std::string& request() const noexcept { return request_; }
   // Throws std::bad_alloc.
   OCSPReading read(const Offered<std::string>& answer, const RevocationSettings& settings,
@@ -69,6 +70,7 @@ class OCSPQuestion : private NonCopyable {
 
   RefCertificate certificate_;
   RefCertificate issuer_;
+  bool withNonce_;
   std::string nonce_;
   std::string request_;
 };

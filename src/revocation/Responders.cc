@@ -6,6 +6,8 @@
 #include <velantrix/ASN1.h>
 #include <velantrix/GeneralName.h>
 
+#include <utility>
+
 namespace Velantrix::Crypto::PKX509::Revocation {
 
 namespace {
@@ -37,7 +39,32 @@ const OCSPReading* Responders::answer(std::size_t index) {
   while (index >= answers_.size()) {
     if (!askNext()) return nullptr;
   }
-  return &answers_[index];
+  return &answers_[index].reading;
+}
+
+std::optional<Offered<std::string>> Responders::takeOffered(std::size_t index) {
+  return std::exchange(answers_[index].offered, {});
+}
+
+void Responders::isOfUse(std::size_t index) {
+  const std::optional<Offered<std::string>> offered = takeOffered(index);
+  const Answer& answer = answers_[index];
+  const std::optional<Time>& nextUpdate = answer.reading.statement.nextUpdate;
+  // RFC 6960, 4.2.2.1: without it newer information is available all the time.
+  if (!offered || !nextUpdate) return;
+  sources_.isOfUse(answer.responder, question_->request(), *offered, *nextUpdate);
+}
+
+void Responders::isOfNoUse(std::size_t index) {
+  const std::optional<Offered<std::string>> offered = takeOffered(index);
+  if (!offered || offered->from.kind != Provenance::Kind::kCache) return;
+  const Uri responder = answers_[index].responder;
+  sources_.isOfNoUse(responder, question_->request());
+  if (VerificationRun::admitLookup()) {
+    ask(responder);
+  } else {
+    cut_ = true;
+  }
 }
 
 // False when there is none left.
@@ -52,16 +79,22 @@ bool Responders::askNext() {
     cut_ = true;
     return false;
   }
-  if (!question_) question_.emplace(path_[0], path_[1]);
+  if (!question_) question_.emplace(path_[0], path_[1], sources_.wantsNonce());
   if (question_->request().empty()) return false;
   if (share_ == nullptr) share_ = sources_.shareForResponders();
-  const Offers<std::string> offers = sources_.ocsp(uri, question_->request());
-  cut_ = cut_ || offers.cut;
-  for (const Offered<std::string>& offered : offers.found) {
-    answers_.push_back(question_->read(offered, settings_, moment_));
-  }
-  if (offers.found.empty()) answers_.push_back(noAnswer(uri));
+  ask(uri);
   return true;
+}
+
+void Responders::ask(const Uri& responder) {
+  Offers<std::string> offers = sources_.ocsp(responder, question_->request());
+  cut_ = cut_ || offers.cut;
+  for (Offered<std::string>& offered : offers.found) {
+    answers_.push_back({question_->read(offered, settings_, moment_), responder});
+    // An answer with a nonce is of no use to anybody else.
+    if (!sources_.wantsNonce()) answers_.back().offered = std::move(offered);
+  }
+  if (offers.found.empty()) answers_.push_back({noAnswer(responder), responder});
 }
 
 }  // namespace Velantrix::Crypto::PKX509::Revocation

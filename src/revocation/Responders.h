@@ -25,6 +25,10 @@ class Responders : private NonCopyable {
   // What the answer with that index says; the responders are asked for it where there are not as many
   // yet. Null when there are no more.
   const OCSPReading* answer(std::size_t index);
+  // Whether the answer counts, once somebody knows. Where one does not that was kept from before, its
+  // responder's own is the next answer.
+  void isOfUse(std::size_t index);
+  void isOfNoUse(std::size_t index);
 
   // What follows is not for the responders: their share of what all of the verification may spend ends.
   void done() noexcept { share_.reset(); }
@@ -32,7 +36,15 @@ class Responders : private NonCopyable {
   bool wasCut() const noexcept { return cut_; }
 
  private:
+  struct Answer {
+    OCSPReading reading = {};
+    Uri responder = {};
+    std::optional<Offered<std::string>> offered = {};  // until it is known whether it counts
+  };
+
   bool askNext();
+  void ask(const Uri& responder);
+  std::optional<Offered<std::string>> takeOffered(std::size_t index);
 
   const Path& path_;
   RevocationSources& sources_;
@@ -41,7 +53,7 @@ class Responders : private NonCopyable {
   RefAuthorityInformationAccess access_;
   std::size_t next_ = 0;
   std::optional<OCSPQuestion> question_;
-  std::deque<OCSPReading> answers_;
+  std::deque<Answer> answers_;
   std::shared_ptr<void> share_;
   bool cut_ = false;
 };

@@ -161,6 +161,7 @@ Ruling RevocationCheck::Run::decideOnce(Subject& subject, By by) {
   if (settled) return ruling;
   subject.crls.gatherFromPoints();
   if (settledByCRLs(subject, ruling)) return ruling;
+  if (subject.crls.gatherBehindCaches() && settledByCRLs(subject, ruling)) return ruling;
   subject.crls.gatherByIssuer();
   if (!settledByCRLs(subject, ruling)) ruling.outcome.code = codeOf(ruling.outcome);
   return ruling;
@@ -184,12 +185,14 @@ bool RevocationCheck::Run::settledByOCSP(Subject& subject, Ruling& ruling) {
     if (!answer->refused && !answer->delegate.empty()) standing = standingOf(*answer, subject.path);
     if (standing.refused) {
       setAside(*standing.refused, *answer, answer->refused ? answer->aboutSigner : standing.about);
+      subject.responders.isOfNoUse(i);
       continue;
     }
     if (answer->status == OCSPReading::Status::kUnknown) {
       setAside(Reason::kStatusUnknown, *answer, {});
       return false;
     }
+    subject.responders.isOfUse(i);
     outcome.decidedBy = {answer->statement};
     ruling.restsOn = standing.restsOn;
     if (answer->status == OCSPReading::Status::kRevoked) {

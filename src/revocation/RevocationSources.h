@@ -31,12 +31,28 @@ class RevocationSources : private NonCopyable {
   // forgery names, so it is forgotten. This verification goes on with what it has.
   virtual void isForged(const Uri& /*uri*/, const RefCertificateRevocationList& /*crl*/) {}
 
+  // A CRL that the URI gave is signed by the signer's key, and the signer's certificate is valid and not
+  // revoked.
+  virtual void isGenuine(const Uri& /*uri*/, const RefCertificateRevocationList& /*crl*/,
+                         const RefCertificate& /*signer*/) {}
+  // What the host of the URI has, where what lies in a cache for it is of no use.
+  virtual Offers<RefCertificateRevocationList> crlsOfHost(const Uri& /*uri*/) { return {}; }
+
   // Held while the responders of one certificate are asked: whoever keeps one waiting must not cost
   // the CRLs that would be asked after it.
   virtual std::shared_ptr<void> shareForResponders() { return nullptr; }
+  // Whether requests are to have a nonce. The answer to one without it is for everybody who asks the
+  // same, and as old as it says (RFC 5019, 4).
+  virtual bool wantsNonce() const { return true; }
   // The bodies of what the responder answers to the DER of an OCSPRequest: one, or none when it gives
   // no answer.
   virtual Offers<std::string> ocsp(const Uri& responder, const std::string& request) = 0;
+  // It counts, and says when the next one is due: until then it may be offered again, as from a cache.
+  // Whoever gets it judges it anew.
+  virtual void isOfUse(const Uri& /*responder*/, const std::string& /*request*/,
+                       const Offered<std::string>& /*answer*/, const Time& /*nextUpdate*/) {}
+  // What was offered again does not count: it is forgotten, and the responder asked.
+  virtual void isOfNoUse(const Uri& /*responder*/, const std::string& /*request*/) {}
 };
 
 }  // namespace Velantrix::Crypto::PKX509::Revocation

@@ -163,8 +163,9 @@ ConformingVerifier::ConformingVerifier(const RefObjectStore& trustStore,
 
 ConformingVerifier::~ConformingVerifier() = default;
 
-void ConformingVerifier::begin() noexcept {
+void ConformingVerifier::begin() {
   addressPolicy(AddressPolicy::publicAndPrivate());
+  retrieval(RetrievalSettings());
   state_->leastSecurityLevel = part_->settings.securityLevel;
   state_->logsLine = true;
 }
@@ -189,9 +190,11 @@ int ConformingVerifier::verifyPath() {
   if (isOurs && buildPath(keepObjection) == 1) return 1;
   if (somethingWasThrown()) return 0;
   VerifierSources sources(store, untrustedOf(context));
-  const bool haveMore = part_->namesakes->gather(
-      certificate, sources,
-      [context](const X509_NAME* subject) { return TrustSources(context).certificates(subject); });
+  const bool haveMore =
+      VerificationRun::mayGoOn() &&
+      part_->namesakes->gather(certificate, sources, [context](const X509_NAME* subject) {
+        return TrustSources(context).certificates(subject);
+      });
   if (somethingWasThrown()) return 0;
   if (isOurs && !haveMore) {
     for (const Objection& objection : state_->evidence.objections) {
@@ -220,7 +223,7 @@ int ConformingVerifier::buildPath(X509_STORE_CTX_verify_cb callback) {
 
 // Until it is known whether that was the last word.
 int ConformingVerifier::keepObjection(int ok, X509_STORE_CTX* context) {
-  if (ok != 0) return ok;
+  if (ok != 0) return State::goOn(ok, context);
   return guardedCallback(0, [&] {
     auto* const verifier = static_cast<ConformingVerifier*>(of(context));
     verifier->state_->evidence.objections.push_back(objectionOf(context));
@@ -250,6 +253,7 @@ int ConformingVerifier::checkRevocationStatus(const std::list<RefCertificate>& c
   const NoCancellation untilReturn;
   if (VerificationRun::current() != nullptr) return checkList(chain);
   VerificationRun run(nullptr, state_->limits());
+  const State::Retrieving retrieving(state_->retrieval, run);
   const int result = checkList(chain);
   run.rethrowParked();
   if (result == 0 || !run.fellShort()) return result;

@@ -1,5 +1,6 @@
 // How a verifier reports: what it has left behind, and what is looked at when somebody reads.
 #include "foundation/base/Log.h"
+#include "foundation/run/Counters.h"
 #include "report/OutcomeRecord.h"
 #include "report/PathFindings.h"
 #include "report/TrustDirectory.h"
@@ -68,6 +69,11 @@ Evidence::Thrown describe(const std::exception_ptr& thrown) {
   } catch (...) {
     return {Kind::kOther, "an exception of an unknown kind"};
   }
+}
+
+std::uint64_t microsecondsOf(std::chrono::nanoseconds duration) noexcept {
+  return static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(duration).count());
 }
 
 bool isDirectory(const char* path) {
@@ -176,14 +182,9 @@ void Verifier::State::noteOverride(bool passed) noexcept {
 // What all of the run has left, for the report that outlives it.
 void Verifier::State::takeTotals(VerificationRun& run,
                                  std::chrono::steady_clock::time_point start) noexcept {
-  using std::chrono::duration_cast;
-  using std::chrono::microseconds;
-  const auto count = [](auto duration) {
-    return static_cast<std::uint64_t>(duration_cast<microseconds>(duration).count());
-  };
   VerificationReport::Totals& totals = evidence.totals;
-  totals.microseconds = count(std::chrono::steady_clock::now() - start);
-  totals.networkMicroseconds = count(run.network().timeSpent());
+  totals.microseconds = microsecondsOf(std::chrono::steady_clock::now() - start);
+  totals.networkMicroseconds = microsecondsOf(run.network().timeSpent());
   totals.networkBytes = run.network().bytesSpent();
   totals.lookups = run.lookups();
   if (!run.isOutermost()) return;
@@ -238,6 +239,10 @@ Surroundings Verifier::State::conditions(const Verifier& verifier) const {
   Surroundings all;
   all.path = pathIn(native, verifier.certificate);
   X509_VERIFY_PARAM* const param = X509_STORE_CTX_get0_param(native);
+  if (param == nullptr) {  // there was no memory to make the context anew
+    all.checked = verifiedAt;
+    return all;
+  }
   all.checked = (X509_VERIFY_PARAM_get_flags(param) & X509_V_FLAG_USE_CHECK_TIME) != 0
                     ? Time::then(X509_VERIFY_PARAM_get_time(param), true)
                     : verifiedAt;
@@ -258,7 +263,9 @@ bool Verifier::State::pathIsInQuestion() const noexcept {
   if (evidence.callbackDecides) return true;
   if (evidence.code == X509_V_OK || evidence.pathVerified) return false;
   return std::none_of(evidence.objections.begin(), evidence.objections.end(),
-                      [](const Objection& one) {
+                      [this](const Objection& one) {
+                        // An issuer that was not looked for any more hides what is wrong besides.
+                        if (evidence.fellShort && isAboutTheIssuer(one.code)) return false;
                         return factsOf(ruleOf(one.code)).outcome == Outcome::kPermanent;
                       });
 }
@@ -268,11 +275,14 @@ Surroundings Verifier::State::surroundings(const Verifier& verifier) const {
   for (std::size_t i = 0; i < all.path.size(); ++i) {
     all.origins.push_back(originOf(all.path[i], i, verifier));
   }
-  if (pathIsInQuestion()) {
-    const Recheck extent = evidence.callbackDecides ? Recheck::kEverything : Recheck::kVouchedFor;
-    all.again = objectionsToPath(context.get(), leastSecurityLevel, all.checked, extent);
-  }
+  lookAgain(all);
   return all;
+}
+
+void Verifier::State::lookAgain(Surroundings& all) const {
+  if (X509_STORE_CTX_get0_param(context.get()) == nullptr || !pathIsInQuestion()) return;
+  const Recheck extent = evidence.callbackDecides ? Recheck::kEverything : Recheck::kVouchedFor;
+  all.again = objectionsToPath(context.get(), leastSecurityLevel, all.checked, extent);
 }
 
 VerificationReport Verifier::report() const {
@@ -283,9 +293,8 @@ VerificationReport Verifier::report() const {
 void Verifier::State::end(const Verifier& verifier, VerificationRun& run,
                           std::chrono::steady_clock::time_point start) noexcept {
   takeTotals(run, start);
-  if (evidence.code == X509_V_OK) return;
-  if (run.isOutermost()) logLine(verifier);
-  if (!OutcomeRecord::isAwaited()) return;
+  if (run.isOutermost()) countRun(verifier, run);
+  if (evidence.code == X509_V_OK || !OutcomeRecord::isAwaited()) return;
   try {
     const auto left = std::make_shared<LeftBehind>();
     left->evidence = evidence;
@@ -296,14 +305,37 @@ void Verifier::State::end(const Verifier& verifier, VerificationRun& run,
   }
 }
 
-// Once for an outermost run that failed. The verdict stands, whatever becomes of the line.
-void Verifier::State::logLine(const Verifier& verifier) const noexcept {
-  if (!logsLine && !everyVerifierLogs) return;
+// Of an outermost run, once: by a second look at the path only where a report is made anyway; its line is logged where one is wanted. The verdict stands, whatever becomes of
+// either.
+Outcome Verifier::State::failureOutcome(const Verifier& verifier) const noexcept {
   try {
-    logAlways(kPriorityNotice, verifier.report().line());
+    if (logsLine || everyVerifierLogs) {
+      const VerificationReport report = verifier.report();
+      logAlways(kPriorityNotice, report.line());
+      return report.outcome();
+    }
+    Surroundings all = conditions(verifier);
+    all.rulesOnly = true;
+    return outcomeOf(evidence, all);
   } catch (const std::exception&) {
-    // The lines before it have said what is wrong.
+    return factsOf(ruleOf(evidence.code))
+        .outcome;  // and the lines before it have said what is wrong
   }
+}
+
+void Verifier::State::countRun(const Verifier& verifier,
+                               const VerificationRun& run) const noexcept {
+  countVerification(evidence.code == X509_V_OK ? Outcome::kValid : failureOutcome(verifier));
+  // A short run is hardly ever interrupted, and the processor's clock would be a system call more: what it
+  // did not wait for hosts, it computed.
+  constexpr std::uint64_t kShort = 1000;
+  const VerificationReport::Totals& totals = evidence.totals;
+  std::uint64_t computed =
+      totals.microseconds - std::min(totals.microseconds, totals.networkMicroseconds);
+  if (computed > kShort) {
+    if (const auto exactly = run.processorTime()) computed = microsecondsOf(*exactly);
+  }
+  count(Statistics::Counter::kProcessorMicroseconds, computed);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

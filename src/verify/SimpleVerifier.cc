@@ -81,6 +81,7 @@ int SimpleVerifier::verdictOn(const RefCertificate& certificate, int keyUsage, b
     if (keyUsage != 0 && !allows(certificate, keyUsage)) {
       log(kPriorityDebug, "SimpleVerifier: Requested value is not present in the Key Usage.");
       if (requireKeyUsage) {
+        countVerification(factsOf(Rule::kKeyUsage).outcome);
         if (report != nullptr) *report = keyUsageReport(certificate);
         return kRefused;
       }

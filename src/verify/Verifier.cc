@@ -2,6 +2,7 @@
 #include "foundation/base/NoCancellation.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
+#include "report/PathFindings.h"
 #include "verify/ContextObjection.h"
 #include "verify/Examined.h"
 #include "verify/FailureText.h"
@@ -12,11 +13,17 @@
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
+#include <utility>
+
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
 constexpr char kAnyPolicy[] = "2.5.29.32.0";
+
+constexpr char kRanOut[] =
+    "something that all of the verification shares ran out before its revocation was settled";
+constexpr char kStopped[] = "it was asked to stop, or its time was over, before it was settled";
 
 // The ex-data slot that leads from a context back to its verifier.
 int contextIndex() {
@@ -141,6 +148,7 @@ int Verifier::runs(const std::function<int()>& verify) {
   // First of all, so that an override which verifies again while it is asked for CRLs is refused as
   // a circle before it takes the context away from OpenSSL.
   VerificationRun run(certificate, state_->limits());
+  const State::Retrieving retrieving(state_->retrieval, run);
   state_->beginEvidence(*this);
   Evidence& evidence = state_->evidence;
   try {
@@ -164,6 +172,10 @@ int Verifier::runs(const std::function<int()>& verify, VerificationRun& run) {
     return error;
   }
   if (state_->used) prepareAgain();
+  if (!VerificationRun::mayGoOn()) {
+    state_->fetchNotes.clear();
+    return leaveUnsettled(kStopped);
+  }
   state_->used = true;
   const int result = verify();
   state_->fetchNotes = FetchRecord::notes();
@@ -173,16 +185,23 @@ int Verifier::runs(const std::function<int()>& verify, VerificationRun& run) {
     error = contextError();
     // A failure is a failure also where OpenSSL names none.
     if (error == X509_V_OK) error = X509_V_ERR_UNSPECIFIED;
+    // What was not looked for any more is not missing.
+    const bool isMissing = error == X509_V_ERR_UNABLE_TO_GET_CRL || isAboutTheIssuer(error);
+    if (isMissing && run.wasStopped()) return leaveUnsettled(kStopped);
   } else if (run.fellShort() && error == X509_V_OK) {
-    evidence.fellShort = true;
-    error = X509_V_ERR_UNABLE_TO_GET_CRL;
-    contextError(error);
-    logFailure(certificate, error,
-               "something that all of the verification shares ran out before its revocation was "
-               "settled");
+    return leaveUnsettled(run.wasStopped() ? kStopped : kRanOut);
   } else {
     evidence.earlierStands = error != X509_V_OK;
   }
+  return error;
+}
+
+// Nothing is known against it, and nothing settled.
+int Verifier::leaveUnsettled(const char* why) {
+  state_->evidence.fellShort = true;
+  error = X509_V_ERR_UNABLE_TO_GET_CRL;
+  contextError(error);
+  logFailure(certificate, error, why);
   return error;
 }
 
@@ -216,9 +235,32 @@ void Verifier::parent(X509_STORE_CTX* outer) noexcept { state_->parent = outer; 
 
 void Verifier::addressPolicy(const AddressPolicy& policy) noexcept { state_->addresses = policy; }
 
-void Verifier::maxNetworkTime(unsigned int seconds) noexcept { state_->networkSeconds = seconds; }
+void Verifier::maxNetworkTime(unsigned int seconds) noexcept {
+  maxNetworkTime(std::chrono::seconds(seconds));
+}
 
-void Verifier::maxTime(unsigned int seconds) noexcept { state_->processorSeconds = seconds; }
+void Verifier::maxNetworkTime(std::chrono::milliseconds time) noexcept {
+  state_->networkTime = time;
+}
+
+void Verifier::maxTime(unsigned int seconds) noexcept { maxTime(std::chrono::seconds(seconds)); }
+
+void Verifier::maxTime(std::chrono::milliseconds time) noexcept { state_->processorTime = time; }
+
+void Verifier::deadline(std::chrono::milliseconds time) noexcept {
+  state_->wholeTime = State::inRange(time);
+}
+
+void Verifier::stopToken(std::stop_token token) noexcept { state_->stop = std::move(token); }
+
+void Verifier::retrieval(const RetrievalSettings& settings) { state_->retrieval = settings; }
+
+Verifier::State::Retrieving::Retrieving(const std::optional<RetrievalSettings>& settings,
+                                        const VerificationRun& run) {
+  if (!settings || !run.isOutermost()) return;
+  retriever_.emplace(*settings);
+  installed_.emplace(*retriever_);
+}
 
 unsigned int Verifier::currentCRLScore() const noexcept { return state_->currentCRLScore; }
 
@@ -248,7 +290,7 @@ Verifier* Verifier::of(const X509_STORE_CTX* context) {
 // Logs a failure and leaves OpenSSL's verdict as it is. OpenSSL copies the callback into the
 // contexts it makes to validate the issuer of a CRL, which belong to no verifier.
 int Verifier::verifyCallback(int ok, X509_STORE_CTX* context) {
-  if (ok != 0) return ok;
+  if (ok != 0) return State::goOn(ok, context);
   return guardedCallback(0, [&] {
     const int code = X509_STORE_CTX_get_error(context);
     // Such a context asks the store only and may well find no CRL; that is not worth a line.
@@ -306,9 +348,24 @@ int Verifier::certCRLCallback(X509_STORE_CTX* context, X509_CRL* crl, X509* x) {
     Verifier* const verifier = of(context);
     if (verifier == nullptr) return defaultCallbacks().certCRL(context, crl, x);
     const int result = verifier->state_->certCRL(context, crl, x);
-    if (result != 0) verifier->state_->noteContent(context, crl, x);
+    if (result != 0) {
+      verifier->state_->noteContent(context, crl, x);
+      verifier->keepHandedOut(x);
+    }
     return result != 0 && verifier->applyRemaining(x) ? result : 0;
   });
+}
+
+// OpenSSL has found its signature right. Its issuer may be one on the path, which is verified later.
+void Verifier::keepHandedOut(X509* x) {
+  const RefCertificate& issuer = state_->currentIssuer;
+  if (Retriever::current() == nullptr || state_->handedOut.empty() || issuer.empty()) return;
+  const ChainSubject subject(x, state_->vouchedChain());
+  if (!isVouchedFor(issuer)) return;
+  for (const RefCRLDistributionPoint& point :
+       CertificateFactory()(x, false)->crlDistributionPoints()) {
+    keepVerified(state_->handedOut, issuer, point);
+  }
 }
 
 // Once for a certificate: where CRLs cover some reasons each, OpenSSL comes for the next one, and with
@@ -329,6 +386,7 @@ bool Verifier::applyRemaining(X509* x) {
         state_->certCRL(state_->context.get(), crl, x) == 0)
       return false;
     state_->noteContent(state_->context.get(), crl, x);
+    keepHandedOut(x);
   }
   return true;
 }

@@ -2,8 +2,11 @@
 
 #include "crl/CRLCache.h"
 #include "crl/RetrievedCRLs.h"
+#include "crl/Retriever.h"
 #include "foundation/base/Shortfall.h"
 #include "foundation/net/NetworkBudget.h"
+#include "foundation/net/http/HTTPAccess.h"
+#include "foundation/net/ldap/LDAPURI.h"
 #include "foundation/run/FetchRecord.h"
 #include "foundation/run/VerificationRun.h"
 #include "ocsp/OCSPExchange.h"
@@ -13,6 +16,7 @@
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
+#include <pkx509/LDAPLookup.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
@@ -50,6 +54,10 @@ struct ByOctets {
   }
 };
 
+const DistinguishedName& keyOf(const DistinguishedName& name) noexcept { return name; }
+// By the whole text: URIs with one normal form need not make one request.
+const std::string& keyOf(const Uri& uri) noexcept { return uri.asString(); }
+
 bool isCalled(const RefCertificate& certificate, const DistinguishedName& name) {
   return certificate->subject() == name;
 }
@@ -82,11 +90,13 @@ void readInto(Offers<Handle>& offers, const Provenance& from, const TolerantRead
   offers.cut = offers.cut || reading.cut();
 }
 
-// Gathers what sources have under one name.
-template <class Handle>
+bool isCalled(const RefCertificateRevocationList& /*crl*/, const Uri& /*uri*/) { return true; }
+
+// Gathers what sources have under one name or, of LDAP, under one URI.
+template <class Handle, class Name = DistinguishedName>
 class Gathering {
  public:
-  explicit Gathering(const DistinguishedName& name) : name_(name) {}
+  explicit Gathering(const Name& name) : name_(name) {}
 
   void ask(const std::string& directory, Provenance::Kind kind) {
     if (directory.empty()) return;
@@ -96,11 +106,10 @@ class Gathering {
     });
   }
   void ask(LookupMethod& method) {
-    const std::string& title = method.methodName();
-    const Asked asked{Source::Kind::kLookupMethod, title};
-    ask(&method, {Provenance::Kind::kLookupMethod, title}, asked,
-        "what lookup method " + title + " has",
-        [&](std::list<Handle>& found) { PKX509::ask(method, name_, found); });
+    ask(method, [&](std::list<Handle>& found) { PKX509::ask(method, name_, found); });
+  }
+  void askDirectory(LDAPLookupMethod& method) {
+    ask(method, [&](std::list<Handle>& found) { method.getByURI(name_, found); });
   }
   void add(const Offered<Handle>& one) {
     if (isCalled(one.object, name_) && seen_.insert(one.object->native()).second) {
@@ -124,6 +133,13 @@ class Gathering {
   };
 
   template <class Query>
+  void ask(LookupMethod& method, const Query& query) {
+    const std::string& title = method.methodName();
+    const Asked asked{Source::Kind::kLookupMethod, title};
+    ask(&method, {Provenance::Kind::kLookupMethod, title}, asked,
+        "what lookup method " + title + " has", query);
+  }
+  template <class Query>
   void ask(const LookupSource& source, const Provenance& from, const Asked& asked,
            const std::string& what, const Query& query) {
     if (!admits(all_)) {
@@ -132,7 +148,7 @@ class Gathering {
     }
     std::list<Known<Handle>> answer;
     // Not shared with who reads as ever: what has expired is not in there.
-    askOnce(source, name_, answer, [&](std::list<Known<Handle>>& known) {
+    askOnce(source, keyOf(name_), answer, [&](std::list<Known<Handle>>& known) {
       const auto offers = std::make_shared<Offers<Handle>>();
       const TolerantReading reading;
       readInto(*offers, from, reading,
@@ -144,7 +160,7 @@ class Gathering {
     for (const Offered<Handle>& one : answer.front()->found) add(one);
   }
 
-  const DistinguishedName& name_;
+  const Name& name_;
   Offers<Handle> all_;
   std::set<Native, ByOctets> seen_;
 };
@@ -182,14 +198,24 @@ bool isCurrent(const CertificateRevocationList& crl, const DistinguishedName& is
          now < nextUpdate->asTime() && !(now < crl.lastUpdate()->asTime());
 }
 
-Offers<RefCertificateRevocationList> retrieved(const Uri& uri) {
-  const RetrievedCRLs answer = retrieveCRLs(uri);
+Offers<RefCertificateRevocationList> offersOf(const Uri& uri, const RetrievedCRLs& answer) {
   const std::string place = FetchRecord::placeOf(uri);
   Offers<RefCertificateRevocationList> offers;
   add(offers, answer.cached, Provenance::Kind::kCache, place, answer.cachedAt);
   add(offers, answer.fetched, Provenance::Kind::kNetwork, place, Time::now());
   offers.cut = answer.cut;
   return offers;
+}
+
+std::optional<Retriever::OCSPAnswer> plainAnswer(const Uri& responder, const std::string& request) {
+  std::optional<std::string> body = OCSP::askResponder(responder, request).body;
+  if (!body) return std::nullopt;
+  return Retriever::OCSPAnswer{.body = *std::move(body), .fetched = Time::now()};
+}
+
+RetrievedCRLs retrieved(const Uri& uri) {
+  Retriever* const retriever = Retriever::current();
+  return retriever == nullptr ? retrieveCRLs(uri) : retriever->crls(uri);
 }
 
 }  // namespace
@@ -218,8 +244,25 @@ Offers<RefCertificateRevocationList> VerifierSources::crls(const DistinguishedNa
   return all.take();
 }
 
+// What the configured directories have under a URI that leaves it to the client whom to ask.
+Offers<RefCertificateRevocationList> VerifierSources::crlsOfDirectories(const Uri& uri) {
+  Gathering<RefCertificateRevocationList, Uri> all(uri);
+  for (LDAPLookupMethod* const method : directories()) all.askDirectory(*method);
+  return all.take();
+}
+
+std::vector<LDAPLookupMethod*> VerifierSources::directories() const {
+  std::vector<LDAPLookupMethod*> directories;
+  for (const RefLookupMethod& method : store_->methods()) {
+    auto* const directory = dynamic_cast<LDAPLookupMethod*>(method.get());
+    if (directory != nullptr) directories.push_back(directory);
+  }
+  return directories;
+}
+
 Offers<RefCertificateRevocationList> VerifierSources::crls(const Uri& uri) {
   if (uri.isNull()) return {};
+  if (LDAPURI::withoutHost(uri) && !directories().empty()) return crlsOfDirectories(uri);
   Offers<RefCertificateRevocationList> cut;
   cut.cut = true;
   if (!VerificationRun::admitLookup()) {
@@ -227,9 +270,9 @@ Offers<RefCertificateRevocationList> VerifierSources::crls(const Uri& uri) {
     return cut;
   }
   std::list<Known<RefCertificateRevocationList>> answer;
-  // By the whole text: URIs with one normal form need not make one request.
-  askOnce("URI", uri.asString(), answer, [&](auto& known) {
-    known.push_back(std::make_shared<const Offers<RefCertificateRevocationList>>(retrieved(uri)));
+  askOnce("URI", keyOf(uri), answer, [&](auto& known) {
+    known.push_back(std::make_shared<const Offers<RefCertificateRevocationList>>(
+        offersOf(uri, retrieved(uri))));
     return !known.front()->cut;
   });
   return *answer.front();
@@ -244,20 +287,54 @@ void VerifierSources::isForged(const Uri& uri, const RefCertificateRevocationLis
   }
 }
 
+void VerifierSources::isGenuine(const Uri& uri, const RefCertificateRevocationList& crl,
+                                const RefCertificate& signer) {
+  if (Retriever* const retriever = Retriever::current()) retriever->verified(uri, crl, signer);
+}
+
+Offers<RefCertificateRevocationList> VerifierSources::crlsOfHost(const Uri& uri) {
+  Retriever* const retriever = Retriever::current();
+  if (retriever == nullptr || uri.isNull()) return {};
+  return offersOf(uri, retriever->crlsOfHost(uri));
+}
+
 std::shared_ptr<void> VerifierSources::shareForResponders() {
   return std::make_shared<NetworkBudget::HalfOfTime>();
+}
+
+bool VerifierSources::wantsNonce() const {
+  const Retriever* const retriever = Retriever::current();
+  return retriever == nullptr || retriever->wantsNonce();
 }
 
 Offers<std::string> VerifierSources::ocsp(const Uri& responder, const std::string& request) {
   Offers<std::string> offers;
   if (responder.isNull()) return offers;
-  const OCSP::ResponderAnswer answer = OCSP::askResponder(responder, request);
-  offers.cut = answer.missing;
-  if (answer.body.has_value()) {
+  Retriever* const retriever = Retriever::current();
+  const std::optional<Retriever::OCSPAnswer> answer =
+      retriever == nullptr ? plainAnswer(responder, request) : retriever->ocsp(responder, request);
+  offers.cut = !answer && LW::HTTP::isHandled(responder);
+  if (answer) {
+    const auto kind = answer->kept ? Provenance::Kind::kCache : Provenance::Kind::kNetwork;
     offers.found.push_back(
-        {*answer.body, {Provenance::Kind::kNetwork, FetchRecord::placeOf(responder)}, Time::now()});
+        {answer->body, {kind, FetchRecord::placeOf(responder)}, answer->fetched});
   }
   return offers;
+}
+
+void VerifierSources::isOfUse(const Uri& responder, const std::string& request,
+                              const Offered<std::string>& answer, const Time& nextUpdate) {
+  Retriever* const retriever = Retriever::current();
+  if (retriever == nullptr) return;
+  retriever->isOfUse(responder, request,
+                     {.body = answer.object,
+                      .fetched = answer.fetched,
+                      .kept = answer.from.kind == Provenance::Kind::kCache},
+                     nextUpdate);
+}
+
+void VerifierSources::isOfNoUse(const Uri& responder, const std::string& request) {
+  if (Retriever* const retriever = Retriever::current()) retriever->isOfNoUse(responder, request);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

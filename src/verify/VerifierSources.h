@@ -15,8 +15,11 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
+
+class LDAPLookupMethod;
 
 class VerifierSources : public Revocation::RevocationSources {
  public:
@@ -31,12 +34,23 @@ class VerifierSources : public Revocation::RevocationSources {
   // In the order directory of CRLs, lookup methods, and the directory of the store where these have no
   // complete list of the issuer that is current; equal ones once.
   Revocation::Offers<RefCertificateRevocationList> crls(const DistinguishedName& name) override;
+  // An "ldap:" URI without a host is asked of the store's LDAP methods, any other one of cache and host.
   Revocation::Offers<RefCertificateRevocationList> crls(const Uri& uri) override;
   void isForged(const Uri& uri, const RefCertificateRevocationList& crl) override;
+  void isGenuine(const Uri& uri, const RefCertificateRevocationList& crl,
+                 const RefCertificate& signer) override;
+  Revocation::Offers<RefCertificateRevocationList> crlsOfHost(const Uri& uri) override;
   std::shared_ptr<void> shareForResponders() override;
+  bool wantsNonce() const override;
   Revocation::Offers<std::string> ocsp(const Uri& responder, const std::string& request) override;
+  void isOfUse(const Uri& responder, const std::string& request,
+               const Revocation::Offered<std::string>& answer, const Time& nextUpdate) override;
+  void isOfNoUse(const Uri& responder, const std::string& request) override;
 
  private:
+  std::vector<LDAPLookupMethod*> directories() const;
+  Revocation::Offers<RefCertificateRevocationList> crlsOfDirectories(const Uri& uri);
+
   RefObjectStore store_;
   RefStackOfCertificate untrusted_;
 };

@@ -111,6 +111,23 @@ TEST(OCSPReading, Nonce_IsThatOfTheRequestOrAbsent) {
   EXPECT_EQ(with({{kNonceType, false, ""}}), "other nonce");
 }
 
+// RFC 5019, 4.
+TEST(OCSPReading, WithoutANonceOfItsOwn_AnyNonceIsPassedOver) {
+  const OCSPWorld world;
+  const OCSPQuestion question(handle(world.leaf), handle(world.ca), false);
+  const OCSPQuestion again(handle(world.leaf), handle(world.ca), false);
+  EXPECT_EQ(question.request(), ocspRequest(world.leaf, world.ca, false));
+  EXPECT_EQ(question.request(), again.request());
+  const auto word = [&](const OCSPAnswer& description) {
+    return wordFor(question.read({.object = ocspAnswer(description, world.question.request())},
+                                 world.settings, world.moment));
+  };
+  EXPECT_EQ(word({.signer = &world.ca, .nonce = OCSPNonce::Absent}), "good");
+  EXPECT_EQ(word({.signer = &world.ca}), "good");
+  EXPECT_EQ(word({.signer = &world.ca, .extensions = {{kNonceType, false, "\x05\0"s}}}), "good");
+  EXPECT_EQ(word({.signer = &world.ca, .badSignature = true}), "wrong signature");
+}
+
 TEST(OCSPReading, UnknownCriticalExtension_IsRefused) {
   const OCSPWorld world;
   const auto with = [&](const RawExtension& extension) {

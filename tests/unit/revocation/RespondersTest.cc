@@ -142,6 +142,60 @@ TEST_F(RespondersTest, NoUsableAnswer_TheListsDecideAndTheCodeIsTheirs) {
   EXPECT_EQ(good.decidedBy.at(0).kind, Statement::Kind::kCRL);
 }
 
+// RFC 5019, 6.1: what is kept is authoritative, and says when it runs out.
+TEST_F(RespondersTest, AnswerThatCounts_IsOfUseUntilItsNextUpdate) {
+  const When next(std::chrono::hours(3));
+  around.sources.nonce = false;
+  const auto isOfUse = [&](const OCSPAnswer& description) {
+    around.sources.asked.clear();
+    around.sources.kept.clear();
+    answer(kOne, description);
+    decide(leaf);
+    return wasAsked("of use "s + kOne);
+  };
+  EXPECT_TRUE(isOfUse({.signer = &ca, .singles = {{.nextUpdate = next}}}));
+  EXPECT_EQ(around.sources.keptUntil, Time::then(next.time(), true));
+  EXPECT_TRUE(isOfUse({.signer = &ca, .singles = {single(V_OCSP_CERTSTATUS_REVOKED)}}));
+  EXPECT_FALSE(isOfUse({.signer = &ca, .singles = {{.nextUpdate = {}}}}));
+  EXPECT_FALSE(isOfUse({.signer = &ca, .singles = {single(V_OCSP_CERTSTATUS_UNKNOWN)}}));
+  EXPECT_FALSE(isOfUse({.signer = &ca, .badSignature = true}));
+  EXPECT_FALSE(isOfUse({.signer = &ca, .status = OCSP_RESPONSE_STATUS_TRYLATER}));
+  const Issued delegate = responder();
+  EXPECT_FALSE(isOfUse({.signer = &delegate})) << "nothing says that it is not revoked";
+  around.sources.nonce = true;
+  EXPECT_FALSE(isOfUse({.signer = &ca})) << "the nonce makes it nobody else's";
+}
+
+TEST_F(RespondersTest, KeptAnswer_IsJudgedAsAnyOther) {
+  around.sources.nonce = false;
+  answer(kOne, {.signer = &ca, .certificates = false});
+  EXPECT_EQ(decide(leaf).status, Status::kGood);
+  answer(kOne, {.signer = &ca, .singles = {single(V_OCSP_CERTSTATUS_REVOKED)}});
+  const Outcome again = decide(leaf);
+  EXPECT_EQ(again.status, Status::kGood);
+  EXPECT_EQ(again.decidedBy.at(0).from.kind, Provenance::Kind::kCache);
+  // The end of its signature.
+  around.sources.kept[kOne].back() = static_cast<char>(around.sources.kept[kOne].back() ^ 1);
+  around.sources.asked.clear();
+  const Outcome outcome = decide(leaf);
+  EXPECT_EQ(outcome.status, Status::kRevoked);
+  EXPECT_TRUE(has(outcome, Reason::kWrongSignature));
+  EXPECT_EQ(around.sources.asked,
+            (Asked{"CRLs CN=Root,O=Test", "share", "OCSP "s + kOne, "of no use "s + kOne,
+                   "OCSP "s + kOne, "of use "s + kOne, "share ends"}));
+}
+
+TEST_F(RespondersTest, KeptAnswersThatDoNotCount_AskWithinTheBoundsOfAll) {
+  around.sources.nonce = false;
+  around.sources.kept[kOne] = "no answer";
+  answer(kOne, {.signer = &ca});
+  while (run.lookups() + 1 < VerificationRun::kMaximumLookups) VerificationRun::admitLookup();
+  EXPECT_TRUE(decide(leaf).cut);
+  EXPECT_TRUE(wasAsked("of no use "s + kOne));
+  EXPECT_EQ(std::count(around.sources.asked.begin(), around.sources.asked.end(), "OCSP "s + kOne),
+            1);
+}
+
 TEST_F(RespondersTest, WithoutOCSP_NobodyIsAsked) {
   answer(kOne, {.signer = &ca, .singles = {single(V_OCSP_CERTSTATUS_REVOKED)}});
   around.publish({.issuer = &ca});

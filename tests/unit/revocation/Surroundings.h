@@ -90,9 +90,26 @@ class MemorySources : public Crypto::PKX509::Revocation::RevocationSources {
     asked.push_back("OCSP " + responder.asString());
     Offers<std::string> offers;
     const auto found = responders.find(responder.asString());
-    if (found != responders.end()) offers.found.push_back({found->second(request), {}, {}});
+    const auto before = kept.find(responder.asString());
+    if (before != kept.end()) {
+      offers.found.push_back({before->second, {Provenance::Kind::kCache, "kept"}, {}});
+    } else if (found != responders.end()) {
+      offers.found.push_back({found->second(request), {}, {}});
+    }
     offers.cut = cut.count(asked.back()) != 0;
     return offers;
+  }
+
+  bool wantsNonce() const override { return nonce; }
+  void isOfUse(const Uri& responder, const std::string& /*request*/,
+               const Offered<std::string>& answer, const Time& nextUpdate) override {
+    asked.push_back("of use " + responder.asString());
+    kept[responder.asString()] = answer.object;
+    keptUntil = nextUpdate;
+  }
+  void isOfNoUse(const Uri& responder, const std::string& /*request*/) override {
+    asked.push_back("of no use " + responder.asString());
+    kept.erase(responder.asString());
   }
 
   std::list<RefCertificate> known;
@@ -100,6 +117,9 @@ class MemorySources : public Crypto::PKX509::Revocation::RevocationSources {
   std::multimap<std::string, RefCertificateRevocationList> byName;
   std::multimap<std::string, RefCertificateRevocationList> byURI;
   std::map<std::string, std::function<std::string(const std::string& request)>> responders;
+  std::map<std::string, std::string> kept;  ///< OCSP answers, offered as from a cache
+  Time keptUntil = {};
+  bool nonce = true;  ///< whether requests have one
   std::vector<std::string> asked;
   std::set<std::string> cut;
   std::vector<std::pair<std::string, std::string>> forged;  ///< URIs, and numbers of CRLs

@@ -1,6 +1,7 @@
 #include "foundation/run/VerificationRun.h"
 #include "support/LogCapture.h"
 #include "support/PublicKeys.h"
+#include "unit/report/CountedOutcome.h"
 #include "unit/verify/World.h"
 
 #include <gtest/gtest.h>
@@ -66,7 +67,9 @@ TEST_F(VerifierNestedTest, RevokedIssuer_ItsCodeIsTheVerdict) {
   world.publish({.issuer = &root, .revoked = {{.serial = lists, .reason = 1}}});
   publishIndirect(lists);
   const Issued good = person("O=Test,CN=Lists");
+  const Statistics before = Statistics::snapshot();
   EXPECT_EQ(verdict(good), kRevoked);
+  EXPECT_TRUE(outcomeCountedSince(before).has_value());  // of the two only the outermost
   EXPECT_EQ(log.text(),
             "7 " + failureLine(lists, kRevoked) + "\n7 " + failureLine(good, kRevoked) + "\n");
 }

@@ -1,6 +1,7 @@
 // What a verifier reports on what it has done: why, about which certificate, by which CRL, and whether it
 // pays to try again.
 #include "support/LogCapture.h"
+#include "unit/report/CountedOutcome.h"
 #include "unit/verify/World.h"
 
 #include <pkx509/SimpleVerifier.h>
@@ -54,9 +55,15 @@ class VerifierReport : public testing::Test {
   }
   VerificationReport reportOn(const Issued& issued, bool useOpenSSL = false) {
     Verifier verifier(world.store, handle(issued), useOpenSSL);
+    const Statistics before = Statistics::snapshot();
     const int verdict = verifier.isValid();
     VerificationReport report = verifier.report();
     EXPECT_EQ(report.code(), verdict);
+    // What is counted has no second look at the path, which only a report is worth.
+    const std::optional<Outcome> counted = outcomeCountedSince(before);
+    const bool lookedAgain =
+        counted == Outcome::kTemporary && report.outcome() == Outcome::kPermanent;
+    EXPECT_TRUE(counted == report.outcome() || lookedAgain);
     return report;
   }
 
@@ -365,14 +372,33 @@ TEST_F(VerifierReport, WhatNeverWillDo_IsPermanentThoughACRLIsMissing) {
   }
 }
 
+TEST_F(VerifierReport, Statistics_TellWhatTheVerificationsOfThisProcessTook) {
+  using Counter = Statistics::Counter;
+  publishAll();
+  const Statistics before = Statistics::snapshot();
+  while (Statistics::snapshot().of(Counter::kProcessorMicroseconds) <
+         before.of(Counter::kProcessorMicroseconds) + 1000) {
+    EXPECT_TRUE(reportOn(person()).valid());
+  }
+  const Statistics after = Statistics::snapshot();
+  const auto grown = [&](Counter one) { return after.of(one) - before.of(one); };
+  EXPECT_GE(grown(Counter::kVerificationsValid), 1U);
+  // Both certificates above and the lists of both, at least.
+  EXPECT_GE(grown(Counter::kHitsMethod), 4 * grown(Counter::kVerificationsValid));
+  EXPECT_GE(grown(Counter::kLookupsMethod), grown(Counter::kHitsMethod));
+  EXPECT_EQ(grown(Counter::kFetches), 0U);
+}
+
 TEST_F(VerifierReport, PolicyBehindAMissingCRL_IsPermanent) {
   Verifier::Config config;
   config.policies = {"1.2.3.4"};
   config.flags |= X509_V_FLAG_EXPLICIT_POLICY;
   for (const bool useOpenSSL : {false, true}) {
     Verifier verifier(world.store, handle(person()), RefStackOfCertificate(), config, useOpenSSL);
+    const Statistics before = Statistics::snapshot();
     EXPECT_EQ(verifier.isValid(), X509_V_ERR_UNABLE_TO_GET_CRL);
     EXPECT_EQ(decisive(verifier.report()), Rule::kPolicy);
+    EXPECT_EQ(outcomeCountedSince(before), Outcome::kTemporary) << "without a second look";
     EXPECT_EQ(verifier.report().outcome(), Outcome::kPermanent);
   }
 }
@@ -423,10 +449,12 @@ TEST_F(VerifierReport, Callback_ThatDecidesDifferentlyIsNamed) {
     SCOPED_TRACE(row.name);
     Verifier verifier(world.store, handle(row.issued), false);
     X509_STORE_CTX_set_verify_cb(verifier, row.callback);
+    const Statistics before = Statistics::snapshot();
     EXPECT_EQ(verifier.isValid(), row.verdict);
     const VerificationReport report = verifier.report();
     EXPECT_EQ(rulesOf(report), row.rules);
     EXPECT_EQ(report.outcome(), row.verdict == 0 ? Outcome::kValid : Outcome::kPermanent);
+    EXPECT_EQ(outcomeCountedSince(before), report.outcome());
   }
 }
 
@@ -522,8 +550,10 @@ TEST_F(VerifierReport, ThrownException_IsNeverValid) {
     Probe verifier(world.store, handle(leaf), false);
     EXPECT_EQ(verifier.isValid(), 0);
     verifier.onGetCRLs = [&](const RefCertificate&, CRLContainer&) { row.thrower(); };
+    const Statistics before = Statistics::snapshot();
     EXPECT_ANY_THROW(verifier.isValid());
     const VerificationReport report = verifier.report();
+    EXPECT_EQ(outcomeCountedSince(before), report.outcome());
     EXPECT_FALSE(report.valid());
     EXPECT_EQ(report.code(), X509_V_ERR_UNSPECIFIED);
     EXPECT_NE(report.outcome(), Outcome::kValid);
@@ -568,9 +598,11 @@ TEST_F(VerifierReport, SimpleVerifier_FillsTheCallersReport) {
   EXPECT_EQ(report.code(), X509_V_ERR_UNABLE_TO_GET_CRL);
   EXPECT_EQ(decisive(report), Rule::kCRLMissing);
 
+  const Statistics before = Statistics::snapshot();
   EXPECT_EQ(verifier.isValid(handle(person({.keyUsage = KU_KEY_ENCIPHERMENT})),
                              KU_DIGITAL_SIGNATURE, true, report),
             -1);
+  EXPECT_EQ(outcomeCountedSince(before), Outcome::kPermanent);
   EXPECT_EQ(report.code(), X509_V_ERR_UNSPECIFIED);
   EXPECT_EQ(decisive(report), Rule::kKeyUsage);
 
