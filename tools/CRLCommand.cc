@@ -1,8 +1,10 @@
 // `pkx509 crl`: fetches CRLs by URI, through the cache that verifications use.
+#include "CRLRefreshing.h"
 #include "Facts.h"
 #include "FactsOutput.h"
 #include "Input.h"
 #include "LogCollector.h"
+#include "Printable.h"
 #include "Report.h"
 #include "ReportJson.h"
 #include "ReportOptions.h"
@@ -12,6 +14,7 @@
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
+#include <pkx509/Rule.h>
 #include <pkx509/URILookup.h>
 #include <pkx509/VerificationReport.h>
 #include <velantrix/File.h>
@@ -36,6 +39,7 @@ constexpr int kNotFound = kNotValid;  // as grep has it
 
 struct Options {
   std::vector<std::string> uris;
+  RefreshOptions refresh;
   ReportOptions output;
 };
 
@@ -131,16 +135,69 @@ int report(const std::string& text, const Options& options, LogCollector& log,
   return status;
 }
 
+// For programs: with the keys of what was looked up, and what changed.
+void finishRefreshed(Facts& facts, const RefreshedCRL& refreshed) {
+  const bool none = refreshed.after.empty();
+  Facts::Object members = *facts.object();
+  members.emplace_back("refresh", changeFacts(refreshed));
+  members.emplace_back("schemaVersion", kSchemaVersion);
+  members.emplace_back("outcome", none ? "temporary" : "valid");
+  if (none) members.emplace_back("line", changeText(refreshed));
+  members.emplace_back("findings", Facts::Array());
+  facts = members;
+}
+
+int reportRefreshed(const std::string& text, const RefreshSettings& settings,
+                    const Options& options, LogCollector& log, FactsOutput& output) {
+  const RefreshedCRL refreshed = refreshedCRL(settings, Uri(text));
+  const std::vector<Report::LogLine> lines = log.take();
+  if (!options.output.quiet) writeLog(text, lines);
+  const std::string change = text + ": " + changeText(refreshed);
+  const bool updated = refreshed.result.result == CRLRefresh::Result::kUpdated;
+  if (refreshed.failed()) {
+    writeErrorLine("pkx509: " + change);
+  } else if (!options.output.quiet && !options.output.json) {
+    writeOutput(printable(change) + '\n');
+  }
+  int status =
+      refreshed.failed() ? statusFor(Outcome::kTemporary, kNotFound, options.output) : kAllValid;
+  Facts facts = refreshed.after.empty() ? Facts(Facts::Object{{"file", text}, {"type", "none"}})
+                                        : factsOf(text, refreshed.after);
+  if (!refreshed.after.empty()) facts["source"] = updated ? "network" : "cache";
+  if (options.output.json) finishRefreshed(facts, refreshed);
+  if (refreshed.after.empty()) {
+    output.addForPrograms(std::move(facts));
+  } else {
+    status = worse(status, output.add(std::move(facts)));
+  }
+  return status;
+}
+
+int refreshAll(const Options& options, LogCollector& log, FactsOutput& output) {
+  const RefreshSettings settings = refreshSettings(options.refresh);
+  int status = kAllValid;
+  for (const std::string& text : options.uris) {
+    status = worse(status, reportRefreshed(text, settings, options, log, output));
+  }
+  return status;
+}
+
+int lookUpAll(const Options& options, LogCollector& log, FactsOutput& output) {
+  int status = kAllValid;
+  for (const std::string& text : options.uris) {
+    status = worse(status, report(text, options, log, output));
+  }
+  return status;
+}
+
 int run(const Options& options) {
   for (const std::string& text : options.uris) {
     if (Uri(text).isNull()) throw ToolError("\"" + text + "\" is no URI");
   }
   LogCollector log;
   FactsOutput output(options.output.json, options.output.quiet);
-  int status = kAllValid;
-  for (const std::string& text : options.uris) {
-    status = worse(status, report(text, options, log, output));
-  }
+  const int status =
+      options.refresh.wanted ? refreshAll(options, log, output) : lookUpAll(options, log, output);
   output.finish();
   return status;
 }
@@ -153,6 +210,13 @@ https the client certificate in /opsadmin/etc/cert/server/apps is shown and the 
 
 Nothing is verified: whoever answers for the host decides what is shown.
 
+With --refresh each URI's host is asked whatever the cache has and whatever failed before: by HTTP/1.1,
+with the query, through up to 5 redirects. What it sends takes the place of an older one in the cache
+when it is signed by a certificate that has a valid path to the trusted ones; it may be among those, in
+FILE, or remembered from the last time. What could not be replaced stays. Addresses that are not public
+or private are contacted only where --allow-address says so: loopback, link-local, multicast,
+unspecified or all.
+
 Output:
   The facts of each CRL, as "pkx509 show" prints them, with the URI in the place of the file, and where
   it came from. Log lines go to standard error, as "URI: <priority> text", and so does a line that says
@@ -162,17 +226,22 @@ Output:
   URI without a CRL has an object with file, type ("none"), schemaVersion, outcome, line, findings (the
   decisive one first) and sources, both as "pkx509 verify --json" has them. docs/pkx509.schema.json
   describes them.
+  With --refresh a line before the facts says what changed, and one on standard error why nothing did. The
+  facts are those of what the cache has then; their JSON has the key refresh, with result ("updated",
+  "not-modified" or "failed"), reason and before (crlNumber, thisUpdate, nextUpdate and entries of what the
+  cache had, or null), and no sources.
   With --quiet there is no output but errors.
 
 Exit status:
   0   There was a CRL for each URI.
-  1   For at least one there was none. A line on standard error says so.
+  1   For at least one there was none, or it was not refreshed. A line on standard error says so.
   2   Wrong usage, or a CRL of which a part is broken.
-  75  With --tempfail: for at least one there was none, and all of these may be there later. Of several
+  75  With --tempfail: as 1, and all of these may be there later. Of several
       URIs 2 counts before 1, and 1 before 75.
 
 Examples:
   pkx509 crl http://crl.example.com/ca.crl
+  pkx509 crl --refresh --certificates intermediates.pem http://crl.example.com/ca.crl
   pkx509 show --json person.pem |
     jq -r '.[].crlDistributionPoints[].fullName[] | select(startswith("URI:")) | .[4:]' |
     xargs pkx509 crl
@@ -184,6 +253,7 @@ void addCRLCommand(CommandLine& commandLine) {
   const auto options = std::make_shared<Options>();
   Subcommand command = commandLine.add("crl", "Fetches CRLs by URI, as a verification does.");
   command.argument("URI", "where the CRL is, http or https", options->uris);
+  addRefreshOptions(command, options->refresh);
   addAnswerOptions(command, options->output);
   command.footer(kHelp);
   command.action([options] { return run(*options); });

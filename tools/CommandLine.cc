@@ -55,6 +55,11 @@ void Subcommand::argument(const std::string& name, const std::string& descriptio
   app_.add_option(name, values, description)->required()->type_name(kNoType);
 }
 
+void Subcommand::optionalArgument(const std::string& name, const std::string& description,
+                                  std::vector<std::string>& values) {
+  app_.add_option(name, values, description)->type_name(kNoType);
+}
+
 void Subcommand::option(const std::string& name, const std::string& type,
                         const std::string& description, std::string& value) {
   app_.add_option(name, value, description)->type_name(type);
@@ -104,6 +109,11 @@ void Subcommand::needs(const std::string& name, const std::string& other) {
 
 void Subcommand::excludes(const std::string& name, const std::string& other) {
   app_.get_option(name)->excludes(app_.get_option(other));
+}
+
+Subcommand Subcommand::add(const std::string& name, const std::string& description) {
+  app_.require_subcommand(1);
+  return {*app_.add_subcommand(name, description), chosen_};
 }
 
 void Subcommand::footer(const std::string& text) { app_.footer(text); }

@@ -32,6 +32,10 @@ class Subcommand {
   void argument(const std::string& name, const std::string& description,
                 std::vector<std::string>& values);
 
+  /// Words, also none.
+  void optionalArgument(const std::string& name, const std::string& description,
+                        std::vector<std::string>& values);
+
   /// An option with a value, given at most once. @p type is what help calls the value.
   void option(const std::string& name, const std::string& type, const std::string& description,
               std::string& value);
@@ -61,6 +65,9 @@ class Subcommand {
   void needs(const std::string& name, const std::string& other);
   /// Refuses the option @p name where @p other is given.
   void excludes(const std::string& name, const std::string& other);
+
+  /// A subcommand of this one, which then does nothing itself: one of those has to follow.
+  Subcommand add(const std::string& name, const std::string& description);
 
   /// What help says below the list of options.
   void footer(const std::string& text);

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <dirent.h>
 #include <memory>
+#include <sstream>
 #include <system_error>
 #include <unistd.h>
 
@@ -58,6 +59,13 @@ std::list<RefCertificate> readCertificates(const std::string& file) {
   return certificates;
 }
 
+std::list<RefCertificate> readCertificates(const std::vector<std::string>& files) {
+  requireOneStandardInput(files);
+  std::list<RefCertificate> all;
+  for (const std::string& file : files) all.splice(all.end(), readCertificates(file));
+  return all;
+}
+
 std::list<CertificateFactory::Item> readObjects(const std::string& file) {
   const std::string content = contentOf(file);
   std::list<CertificateFactory::Item> items;
@@ -70,6 +78,18 @@ std::list<CertificateFactory::Item> readObjects(const std::string& file) {
     throw ToolError(nameOf(file) + ": there is no certificate and no CRL in it");
   }
   return items;
+}
+
+std::vector<std::string> readLines(const std::string& file) {
+  constexpr char kBlanks[] = " \t\r\v\f";
+  std::istringstream content(contentOf(file));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(content, line);) {
+    const std::size_t first = line.find_first_not_of(kBlanks);
+    const std::size_t last = line.find_last_not_of(kBlanks);
+    lines.push_back(first == std::string::npos ? "" : line.substr(first, last - first + 1));
+  }
+  return lines;
 }
 
 void requireHashDirectory(const std::string& option, const std::string& directory) {

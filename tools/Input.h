@@ -16,10 +16,17 @@ namespace Velantrix::Tool {
 /// @throws ToolError, naming @p file, when it cannot be read or has none
 std::list<Crypto::PKX509::RefCertificate> readCertificates(const std::string& file);
 
+/// The same of several files, of which one may be standard input; none of no file.
+std::list<Crypto::PKX509::RefCertificate> readCertificates(const std::vector<std::string>& files);
+
 /// The certificates and CRLs of a file or of standard input in its order, and what is wrong with
 /// those that cannot be read; at least one item.
 /// @throws ToolError, naming @p file, when it cannot be read or has none
 std::list<Crypto::PKX509::CertificateFactory::Item> readObjects(const std::string& file);
+
+/// The lines of a file or of standard input, without blanks around them.
+/// @throws ToolError, naming @p file, when it cannot be read
+std::vector<std::string> readLines(const std::string& file);
 
 /// Looks whether a directory given for certificates or CRLs can serve at all. A verification would
 /// take one that is not there, or has no file in it that a look-up opens, for an empty one, and its

@@ -29,6 +29,8 @@ int run(int argc, char** argv) {
       "  pkx509 find --email person@example.com --dir certs\n"
       "  pkx509 crl http://crl.example.com/ca.crl\n"
       "  pkx509 ocsp --chain intermediates.pem person.pem\n"
+      "  pkx509 refresh\n"
+      "  pkx509 cache list\n"
       "\n\"pkx509 SUBCOMMAND --help\" tells more.");
   addVerifyCommand(commandLine);
   addSimpleCommand(commandLine);
@@ -37,6 +39,8 @@ int run(int argc, char** argv) {
   addAddCommand(commandLine);
   addCRLCommand(commandLine);
   addOCSPCommand(commandLine);
+  addRefreshCommand(commandLine);
+  addCacheCommand(commandLine);
   return commandLine.run(argc, argv);
 }
 

@@ -228,6 +228,25 @@ void allowAddresses(const std::string& kind, AddressPolicy& policy) {
                   "\" is none of loopback, link-local, multicast, unspecified and all");
 }
 
+double parseShare(const std::string& text) {
+  double share = 0;
+  const char* const end = text.data() + text.size();
+  const auto [next, error] = std::from_chars(text.data(), end, share, std::chars_format::fixed);
+  if (error != std::errc() || next != end || !(share > 0 && share < 1)) {
+    throw ToolError("--share: \"" + text + "\" is no number between 0 and 1, like 0.5");
+  }
+  return share;
+}
+
+Uri parseProxy(const std::string& text) {
+  Uri proxy(text);
+  if (proxy.scheme() != "http:" || proxy.hostname().empty() || proxy.path() != "/") {
+    throw ToolError("--proxy: \"" + text +
+                    "\" is no HTTP proxy, like http://proxy.example.com:3128");
+  }
+  return proxy;
+}
+
 void requirePolicy(const std::string& text) {
   try {
     static_cast<void>(Crypto::ASN1::RefObjectIdentifier(text));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pkx509/AddressPolicy.h>
+#include <velantrix/Uri.h>
 
 #include <ctime>
 #include <string>
@@ -35,6 +36,14 @@ int parseKeyUsage(const std::string& names);
 /// @param policy allows it from then on
 /// @throws ToolError for an unknown name
 void allowAddresses(const std::string& kind, Crypto::PKX509::AddressPolicy& policy);
+
+/// The part of a CRL's life that --share gives: above 0 and below 1.
+/// @throws ToolError for anything else
+double parseShare(const std::string& text);
+
+/// The HTTP proxy that --proxy gives.
+/// @throws ToolError when it is none, "http://HOST" or "http://HOST:PORT"
+Uri parseProxy(const std::string& text);
 
 /// Checks that @p text is a dotted object identifier that the library takes.
 /// @throws ToolError when it is not

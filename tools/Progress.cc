@@ -4,6 +4,7 @@
 #include "Terminal.h"
 
 #include <chrono>
+#include <utility>
 
 namespace Velantrix::Tool {
 
@@ -13,7 +14,7 @@ constexpr std::chrono::milliseconds kPatience(500);
 
 }  // namespace
 
-Progress::Progress(std::size_t total) : total_(total) {
+Progress::Progress(std::size_t total, std::string what) : total_(total), what_(std::move(what)) {
   if (total > 1 && errorIsTerminal()) {
     timer_ = std::jthread([this](const std::stop_token& stop) { wait(stop); });
   }
@@ -44,7 +45,7 @@ void Progress::wait(const std::stop_token& stop) {
 }
 
 void Progress::draw() {
-  shown_ = "file " + std::to_string(current_) + " of " + std::to_string(total_);
+  shown_ = what_ + ' ' + std::to_string(current_) + " of " + std::to_string(total_);
   writeErrorRaw('\r' + shown_);
 }
 

@@ -9,7 +9,7 @@
 
 namespace Velantrix::Tool {
 
-/// Shows on standard error which of several files is being worked on, once half a second has gone
+/// Shows on standard error which of several files, or whatever they are called, is being worked on, once half a second has gone
 /// by; not when standard error is no terminal, nor for a single file.
 ///
 /// Nothing else writes to the terminal while the counter is there: it is shown during a `Step` only
@@ -17,7 +17,7 @@ namespace Velantrix::Tool {
 /// while a file takes long.
 class Progress {
  public:
-  explicit Progress(std::size_t total);
+  explicit Progress(std::size_t total, std::string what = "file");
   ~Progress() = default;
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
@@ -41,6 +41,7 @@ class Progress {
   void draw();
 
   const std::size_t total_;
+  const std::string what_;
   std::mutex mutex_;
   std::condition_variable_any stopped_;
   std::size_t current_ = 0;

@@ -112,12 +112,14 @@ std::string treeText(const std::vector<Tree>& trees, const TextStyle& style) {
   return branchesText(trees, "  ", style);
 }
 
-std::string paragraph(const std::string& text, const TextStyle& style) {
+std::string paragraph(const std::string& text, const TextStyle& style, Tree::Paint paint,
+                      std::size_t most) {
   const std::size_t width =
       std::max(kLeastWidth, style.width - std::min<std::size_t>(style.width, 4));
   std::string out;
-  for (const std::string& line : wrapped(printable(text), width, std::string::npos, "")) {
-    out += (out.empty() ? "  " : "    ") + line + '\n';
+  for (const std::string& line :
+       wrapped(printable(text), width, most, branchesOf(style).ellipsis)) {
+    out += (out.empty() ? "  " : "    ") + painted(line, paint, style) + '\n';
   }
   return out;
 }

@@ -3,6 +3,7 @@
 
 #include "Terminal.h"
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -29,8 +30,10 @@ struct Tree {
 /// The trees as branches of one trunk, each line indented by two blanks.
 std::string treeText(const std::vector<Tree>& trees, const TextStyle& style);
 
-/// @p text in lines of @p style's width, the first indented by two blanks and others by four.
-std::string paragraph(const std::string& text, const TextStyle& style);
+/// @p text in lines of @p style's width, the first indented by two blanks and others by four; at most
+/// @p most of them.
+std::string paragraph(const std::string& text, const TextStyle& style,
+                      Tree::Paint paint = Tree::Paint::kNone, std::size_t most = std::string::npos);
 
 /// @p text in the colour of @p paint, where there are colours.
 std::string painted(const std::string& text, Tree::Paint paint, const TextStyle& style);

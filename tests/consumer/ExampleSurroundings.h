@@ -14,6 +14,7 @@
 #include <cstring>
 #include <iostream>
 #include <list>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -75,5 +76,7 @@ void refuse(const char* reason);
 void reject();
 void search(const DistinguishedName& name);
 void show(const CertificateFactory::Item& item);
+extern std::stop_token stop;
+void waitUntil(const Time& time, const std::stop_token& stop);
 
 }  // namespace surroundings

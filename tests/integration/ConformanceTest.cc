@@ -34,7 +34,9 @@ class Conformance : public OCSPIntegration {
   /// Neither finds in the cache what the other one has fetched.
   Verdicts both(const Issued& issued, const std::list<Issued>& untrusted = {}) {
     const auto emptyCache = [] {
-      for (const auto& file : fs::directory_iterator(kCRLCacheDirectory)) fs::remove(file);
+      for (const auto& file : fs::directory_iterator(kCRLCacheDirectory)) {
+        fs::remove_all(file);
+      }
     };
     emptyCache();
     const int classic = classicVerdict(world.store, issued, untrusted);

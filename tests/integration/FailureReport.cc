@@ -1,6 +1,7 @@
 #include "integration/FailureReport.h"
 
 #include "integration/JsonSchema.h"
+#include "unit/report/CountedOutcome.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
@@ -310,6 +311,7 @@ Heard FailureReport::hear(Who who, const Failure& failure) {
   if (failure.prepare) failure.prepare(*verifier);
   Verifier::logReportLine(who != Who::kConforming);
   const LogCapture log;
+  const Statistics before = Statistics::snapshot();
   Heard heard;
   try {
     heard.verdict = verifier->isValid();
@@ -317,6 +319,7 @@ Heard FailureReport::hear(Who who, const Failure& failure) {
     heard.verdict = X509_V_ERR_UNSPECIFIED;
   }
   heard.report = verifier->report();
+  EXPECT_EQ(outcomeCountedSince(before), heard.report.outcome());
   heard.lines = log.lines();
   return heard;
 }

@@ -97,7 +97,7 @@ TEST_F(FailureReportSource, WebServers) {
   haveClientIdentity(issue({.subject = "O=Test,CN=Appliance", .issuer = &root}));
   const std::string unknown = places.put("/unknown.crl", Scripts::response("", "404 Not Found"));
   const std::string moved = places.put(
-      "/moved.crl", Scripts::response("", "302 Found", "Location: http://elsewhere.test/\r\n"));
+      "/moved.crl", Scripts::response("", "302 Found", "Location: /moved.crl#elsewhere\r\n"));
   const std::string page = places.put("/page.crl", Scripts::response("<html>Please log in</html>"));
   const std::string noTLS = "https" + closing.url("/ca.crl").substr(4);
   expect({
@@ -113,7 +113,7 @@ TEST_F(FailureReportSource, WebServers) {
   });
   // Said of a host, not of what is wrong there.
   const Report report = reportOf(at("302", moved, Rule::kCRLUnreachable, {}));
-  EXPECT_EQ(allTextsOf(report).find("elsewhere.test"), std::string::npos);
+  EXPECT_EQ(allTextsOf(report).find("elsewhere"), std::string::npos);
 }
 
 TEST_F(FailureReportSource, ClientIdentity) {

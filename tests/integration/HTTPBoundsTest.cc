@@ -1,18 +1,23 @@
 // The HTTP client against peers that take time, or send without end.
+#include "foundation/net/Cancellation.h"
+#include "foundation/net/http/HTTPAccess.h"
 #include "foundation/run/VerificationRun.h"
 #include "integration/HTTPClient.h"
 #include "support/FaultScripts.h"
 #include "support/Loopback.h"
+#include "support/Stopping.h"
 
-#include <arpa/inet.h>
+#include <array>
 #include <cerrno>
 #include <chrono>
-#include <fcntl.h>
+#include <cstdio>
+#include <fstream>
 #include <future>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
+#include <stop_token>
 #include <string>
-#include <sys/socket.h>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 namespace Velantrix::Test {
@@ -47,6 +52,32 @@ Script endless(const std::string& begin, const std::string& block) {
     }
   };
 }
+
+/// Knows when somebody knocks at it.
+class DeafHost : public DeafListener {
+ public:
+  DeafHost() : before_(knocking()) {}
+
+  /// Until somebody else than those in the queue would like to connect.
+  void waitForSomebody() const {
+    while (knocking() <= before_) std::this_thread::sleep_for(1ms);
+  }
+
+ private:
+  // Sockets that have sent the first segment to the port and got no answer.
+  int knocking() const {
+    std::array<char, 32> wanted{};
+    std::snprintf(wanted.data(), wanted.size(), " 0100007F:%04X 02 ", port());
+    std::ifstream table("/proc/self/net/tcp");
+    int count = 0;
+    for (std::string line; std::getline(table, line);) {
+      if (line.find(wanted.data()) != std::string::npos) ++count;
+    }
+    return count;
+  }
+
+  int before_;
+};
 
 TEST(HTTPBounds, Constants) {
   EXPECT_EQ(Connection::kConnectTime, 10s);
@@ -210,30 +241,105 @@ TEST(HTTPBounds, TimeUsed_IsCountedOnce) {
   EXPECT_LE(run.network().timeSpent(), watch.elapsed() + 1ms);
 }
 
-// A listener whose queue is full does not answer at all, as a host behind a filter does not.
 TEST(HTTPBounds, HostThatDoesNotAnswer_EndsWithTheTimeOfTheVerification) {
-  const Descriptor listener = bindTo(0);
-  ASSERT_EQ(listen(listener.number(), 0), 0);
-  std::vector<Descriptor> queue;
-  for (int i = 0; i < 4; ++i) {
-    queue.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket");
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(boundPort(listener));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
-    if (connect(queue.back().number(), generic, sizeof address) != 0) {
-      ASSERT_EQ(errno, EINPROGRESS);
-    }
-  }
+  const DeafListener listener;
   VerificationRun run(nullptr, {.networkTime = kShort});
   HTTPClient client;
   const Stopwatch watch;
-  EXPECT_FALSE(client.connect(boundPort(listener)));
+  EXPECT_FALSE(client.connect(listener.port()));
   expectFailure(client->failure(), {Kind::kConnect, ETIMEDOUT, 0, "Connection timed out"}, "host");
   EXPECT_TRUE(watch.took(kShort));
   EXPECT_EQ(client.get(), Connection::kClosed);
   EXPECT_TRUE(watch.took(kShort));
+}
+
+TEST(HTTPBounds, DeadlineOfTheVerification_EndsWaitsAsItsTimeForTheNetworkDoes) {
+  const FaultServer server(Scripts::silence());
+  const VerificationRun run(nullptr, {.wholeTime = kShort});
+  HTTPClient client;
+  const Stopwatch watch;
+  ASSERT_TRUE(client.connect(server.port()));
+  EXPECT_EQ(client.get(), Connection::kTimedOut);
+  EXPECT_TRUE(watch.took(kShort));
+  EXPECT_TRUE(run.fellShort());
+  EXPECT_EQ(run.spent(), std::vector<std::string_view>{"time"});
+  EXPECT_FALSE(client.connect(server.port()));
+  EXPECT_EQ(client->failure(), HTTP::Failure{.kind = Kind::kNoTime});
+  EXPECT_EQ(server.connections().size(), 1U);
+}
+
+TEST(HTTPBounds, AskedToStopWhileAHostDoesNotAnswer_EndsAtOnce) {
+  const DeafHost host;
+  Stopping stopping([&] { host.waitForSomebody(); });
+  const Cancellation here(stopping.token());
+  HTTPClient client;
+  EXPECT_FALSE(client.connect(host.port()));
+  EXPECT_TRUE(stopping.wasHeardInTime());
+  EXPECT_EQ(client->failure(), HTTP::Failure{.kind = Kind::kCancelled});
+}
+
+TEST(HTTPBounds, AskedToStopMeanwhile_EndsAtOnceAndIsNotTheHostsFailure) {
+  const std::string body(1000, 'x');
+  const struct {
+    const char* what;
+    Script script;
+    const char* scheme;
+  } rows[] = {
+      {"no answer", Scripts::silence(), "http"},
+      {"slow headers", Scripts::trickle("HTTP/1.0 200 OK\r\nX-Long: " + body, 10ms), "http"},
+      {"slow body", Scripts::trickle(Scripts::response(body), 10ms), "http"},
+      {"endless body", Scripts::endlessBody(), "http"},
+      {"TLS handshake", [](Peer& peer) { peer.waitForPeerToClose(); }, "https"},
+  };
+  for (const auto& row : rows) {
+    const FaultServer server(row.script);
+    const bool isTls = row.scheme == std::string("https");
+    Stopping stopping([&] {
+      EXPECT_TRUE(isTls ? server.waitForConnections(1) : server.waitForRequests(1)) << row.what;
+    });
+    const VerificationRun run(nullptr, {.stop = stopping.token()});
+    HTTPClient client{isTls ? HTTP::RefStream(boost::asio::ssl::context_base::tls_client)
+                            : HTTP::RefStream(HTTP::Stream::kPlain)};
+    client->maxContent(std::size_t{1} << 40U);
+    const bool connected = client.connect(server.port());
+    EXPECT_EQ(connected, !isTls) << row.what;
+    if (connected) {
+      EXPECT_EQ(client.get(), Connection::kCancelled) << row.what;
+    }
+    EXPECT_TRUE(stopping.wasHeardInTime()) << row.what;
+    EXPECT_EQ(client->failure(), HTTP::Failure{.kind = Kind::kCancelled}) << row.what;
+    EXPECT_EQ(client.content(), "") << row.what;
+    EXPECT_TRUE(run.fellShort()) << row.what;
+    EXPECT_EQ(run.spent(), std::vector<std::string_view>{"cancelled"}) << row.what;
+    EXPECT_TRUE(server.waitForEnds(1)) << row.what;
+  }
+}
+
+TEST(HTTPBounds, AskedToStopWhileTheHostDoesNotRead_EndsAtOnce) {
+  const FaultServer server([](Peer& peer) { peer.pause(1h); });
+  const LW::RefBuffer body = bodyOf(std::string(32 * kMegabyte, 'x'));
+  Stopping stopping([&] { EXPECT_TRUE(server.waitForConnections(1)); });
+  const Cancellation here(stopping.token());
+  HTTPClient client;
+  if (client.connect(server.port())) {
+    client->send("POST / HTTP/1.0\r\n\r\n");
+    client->send(body);
+    EXPECT_EQ(client->receive(), Connection::kCancelled);
+  }
+  EXPECT_TRUE(stopping.wasHeardInTime());
+  EXPECT_EQ(client->failure(), HTTP::Failure{.kind = Kind::kCancelled});
+}
+
+TEST(HTTPBounds, AskedToStopBefore_ConnectsNowhere) {
+  const FaultServer server(Scripts::answer("x"));
+  std::stop_source source;
+  source.request_stop();
+  const Cancellation here(source.get_token());
+  const HTTP::Answer answer = HTTP::exchange(Uri(server.url()), {"", ""}, {});
+  EXPECT_EQ(answer.outcome, 0);
+  EXPECT_EQ(answer.problem, "somebody asked to stop");
+  EXPECT_EQ(answer.failure, HTTP::Failure{.kind = Kind::kCancelled});
+  EXPECT_TRUE(server.connections().empty());
 }
 
 TEST(HTTPBounds, EndlessAnswers_AreTooLargeAtOnceAndTakeLittleMemory) {

@@ -1,10 +1,12 @@
 // Names of hosts, resolved by a name server of the test and by files of its own.
+#include "foundation/net/Cancellation.h"
 #include "foundation/net/HostResolver.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/run/VerificationRun.h"
 #include "integration/DnsServer.h"
 #include "integration/HTTPClient.h"
 #include "support/Files.h"
+#include "support/Stopping.h"
 
 #include <velantrix/Host.h>
 
@@ -162,6 +164,24 @@ TEST_F(HostResolution, NoTimeLeft_IsToldApartFromNoAddress) {
   EXPECT_EQ(answer.problem, "could not resolve the host");
   EXPECT_EQ(answer.failure, HTTP::Failure{.kind = HTTP::Failure::Kind::kNoTime});
   EXPECT_EQ(server.queries().size(), asked);
+}
+
+TEST_F(HostResolution, AskedToStop_EndsAtOnceAndIsNotTheHostsFailure) {
+  std::promise<void> asked;
+  std::atomic<int> questions = 0;
+  const DnsServer server([&](const DnsQuery&) {
+    if (questions++ == 0) asked.set_value();
+    return std::string();
+  });
+  Stopping stopping([&] { asked.get_future().wait(); });
+  const Cancellation here(stopping.token());
+  const HTTP::Answer answer = HTTP::exchange(Uri("http://host.example.test/"), {"", ""}, {});
+  EXPECT_TRUE(stopping.wasHeardInTime());
+  EXPECT_EQ(answer.problem, "somebody asked to stop");
+  EXPECT_EQ(answer.failure, HTTP::Failure{.kind = HTTP::Failure::Kind::kCancelled});
+  const int before = questions;
+  EXPECT_EQ(resolveHost("host.example.test").status, HostAddresses::kCancelled);
+  EXPECT_EQ(questions, before) << "nobody is asked any more";
 }
 
 TEST_F(HostResolution, NamesThatNobodyHas_HaveNoAddress) {

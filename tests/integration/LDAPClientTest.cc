@@ -1,4 +1,5 @@
 // The LDAP client against servers that do not behave.
+#include "foundation/net/Cancellation.h"
 #include "foundation/net/ldap/LDAPSearch.h"
 #include "foundation/net/ldap/LDAPStream.h"
 #include "foundation/run/VerificationRun.h"
@@ -6,6 +7,7 @@
 #include "support/FaultServer.h"
 #include "support/LogCapture.h"
 #include "support/Slapd.h"
+#include "support/Stopping.h"
 #include "unit/store/Model.h"
 
 #include <pkx509/LDAPLookup.h>
@@ -14,6 +16,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <gtest/gtest.h>
 #include <ldap.h>
 #include <string>
@@ -52,7 +55,7 @@ class LDAPClient : public testing::Test {
     try {
       LDAPSearch search(connection, parameter);
       search.send();
-      search.wait(seconds);
+      search.wait(std::chrono::seconds(seconds));
       outcome = std::to_string(search.result().searchResultEntries().size());
       values.clear();
       for (const LDAPSearchResultEntry& entry : search.result().searchResultEntries()) {
@@ -247,6 +250,29 @@ TEST_F(LDAPClient, InsideAVerification_ItsTimeForTheNetworkCounts) {
   EXPECT_EQ(log.count("the time for the network is spent"), 1U) << log.text();
 }
 
+TEST_F(LDAPClient, AskedToStop_EndsAtOnceAndAsksNobodyAgain) {
+  const std::string notice = message(1, reference("ldap://h/"));
+  const struct {
+    const char* what;
+    bool slow;
+  } rows[] = {{"silence", false}, {"a notice now and then", true}};
+  for (const auto& row : rows) {
+    std::promise<void> asked;
+    const LDAPPeer peer([&](Connection& connection) {
+      connection.read();
+      asked.set_value();
+      while (row.slow && connection.pause() && connection.write(notice)) {
+      }
+      connection.hold();
+    });
+    Stopping stopping([&] { asked.get_future().wait(); });
+    const Cancellation here(stopping.token());
+    EXPECT_TEXT("Somebody asked to stop.", search(peer, 20));
+    EXPECT_TRUE(stopping.wasHeardInTime()) << row.what;
+    EXPECT_TEXT("Somebody asked to stop.", search(peer, 20));
+  }
+}
+
 TEST_F(LDAPClient, EndlessNotices_EndInTime) {
   for (const std::string& notice :
        {message(1, element(0x79, "")), message(1, reference("ldap://h/"))}) {
@@ -337,7 +363,7 @@ TEST_F(LDAPClient, AnswerThatIsCutShort_SaysSoInItsResult) {
     LDAPConnection connection(LDAPConnection::RefServer(peer.uri()), false);
     LDAPSearch request(connection, LDAPSearch::Parameter("o=Test"));
     request.send();
-    request.wait(20);
+    request.wait(std::chrono::seconds(20));
     return request.result().complete();
   };
   EXPECT_TRUE(isComplete(one + message(1, done(0))));

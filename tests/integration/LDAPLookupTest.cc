@@ -7,6 +7,7 @@
 #include "unit/store/Model.h"
 #include "unit/verify/World.h"
 
+#include <pkx509/ConformingVerifier.h>
 #include <pkx509/LDAPLookup.h>
 #include <pkx509/ObjectStore.h>
 #include <pkx509/Verifier.h>
@@ -685,6 +686,98 @@ TEST_F(LDAPLookup, ChainAndRevocation_EverythingFromTheDirectory) {
   const Issued stranger = issueCA("C=DE,CN=Stranger");
   EXPECT_EQ(verdict(issue({.subject = "CN=Leaf", .issuer = &stranger})),
             X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY);
+}
+
+std::string numbersAt(LDAPLookupMethod& method, const std::string& uri) {
+  std::list<RefCertificateRevocationList> found;
+  method.getByURI(Uri(uri), found);
+  std::string numbers;
+  for (const RefCertificateRevocationList& crl : found) {
+    const std::string number = crl->crlNumber().asString();
+    numbers += (numbers.empty() ? "" : " ") + number.substr(number.find_first_not_of('0'));
+  }
+  return numbers;
+}
+
+TEST_F(LDAPLookup, URIWithoutAHost_SaysBaseAttributesScopeAndFilter) {
+  const Slapd directory;
+  const Issued root = issueCA("CN=Root");
+  const auto numbered = [&](int number) {
+    return der(makeCRL({.issuer = &root, .number = Serial(number)}).get());
+  };
+  const auto point = [](const std::string& dn, const char* type, const std::string& crl) {
+    return Slapd::Entry{dn, {"cRLDistributionPoint"}, {{type, crl}}};
+  };
+  directory.add({kTop, holder("cn=A & B,o=Test", {{kCRL, numbered(1)}, {kDelta, numbered(2)}}),
+                 point("cn=Points,cn=A & B,o=Test", kCRL, numbered(3)),
+                 point("cn=Authorities,cn=Points,cn=A & B,o=Test", "authorityRevocationList;binary",
+                       numbered(4))});
+  LDAPLookupMethod method(config(directory.uri()));
+  const struct {
+    const char* behindBase;
+    const char* numbers;
+  } rows[] = {
+      {"", "1 2"},
+      {"?deltarevocationlist", "2"},
+      {"?certificateRevocationList;binary,cACertificate?base", "1"},
+      {"?cACertificate", "1 2"},
+      {"?certificateRevocationList?one", "3"},
+      {"?certificateRevocationList?sub", "1 3"},
+      {"?certificateRevocationList?sub?objectClass=cRLDistributionPoint", "3"},
+      {"??sub?(objectClass=cRLDistributionPoint)", "3 4"},
+      {"?certificateRevocationList?base?objectClass=cRLDistributionPoint", ""},
+      {"???"
+       "?!critical",
+       ""},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(numbersAt(method, std::string("ldap:///cn=A%20%26%20B,o=Test") + row.behindBase),
+              row.numbers)
+        << row.behindBase;
+  }
+  EXPECT_EQ(numbersAt(method, "ldap:///cn=Missing,o=Test"), "");
+  EXPECT_EQ(log.text(), "");
+  EXPECT_EQ(numbersAt(method, directory.uri() + "/cn=A%20%26%20B,o=Test"), "")
+      << "a host of the URI is nobody's to ask";
+}
+
+TEST_F(LDAPLookup, DistributionPointWithoutAHost_IsAskedOfTheDirectory) {
+  const Slapd directory;
+  const Issued root = issueCA("C=DE,CN=Enterprise CA");
+  const std::string uri =
+      "ldap:///cn=Enterprise%20CA,o=Test?certificateRevocationList?base?objectClass="
+      "cRLDistributionPoint";
+  const auto leaf = [&](const char* name, const std::string& point) {
+    return issue({.subject = name,
+                  .issuer = &root,
+                  .crlDistributionPoints = {{.fullNames = {"URI:" + point}}}});
+  };
+  const Issued good = leaf("CN=Good", uri);
+  const Issued revoked = leaf("CN=Revoked", uri);
+  const Issued elsewhere = leaf("CN=Elsewhere", directory.uri() + "/cn=Enterprise%20CA,o=Test");
+  const auto list = makeCRL({.issuer = &root, .revoked = {{.serial = revoked}}});
+  directory.add(
+      {kTop, {"cn=Enterprise CA,o=Test", {"cRLDistributionPoint"}, {{kCRL, der(list.get())}}}});
+  const auto verdict = [&](const Issued& subject, bool configured, Texts& asked) {
+    World world;
+    world.trust(root);
+    if (configured)
+      world.store->add(RefLookupMethod(new LDAPLookupMethod(config(directory.uri()))));
+    ConformingVerifier verifier(world.store, handle(subject));
+    const int code = verifier.isValid();
+    asked = textsOf(verifier.report().sources());
+    return code;
+  };
+  Texts asked;
+  EXPECT_EQ(verdict(good, true, asked), X509_V_OK) << log.text();
+  EXPECT_EQ(asked, (Texts{"method found memory", "LDAP found " + directory.uri()}));
+  EXPECT_EQ(verdict(revoked, true, asked), X509_V_ERR_CERT_REVOKED) << log.text();
+  EXPECT_EQ(verdict(good, false, asked), X509_V_ERR_UNABLE_TO_GET_CRL);
+  EXPECT_NE(std::find(asked.begin(), asked.end(),
+                      "server refused ldap:/cn=Enterprise%20CA,o=Test: not spoken: ldap:"),
+            asked.end())
+      << testing::PrintToString(asked);
+  EXPECT_EQ(verdict(elsewhere, true, asked), X509_V_ERR_UNABLE_TO_GET_CRL);
 }
 
 // The names that are looked up while revocation is checked are strangers' as long as nobody vouches

@@ -1,4 +1,5 @@
 // `pkx509 crl`: CRLs from a real web server and from the cache.
+#include "JsonSchema.h"
 #include "ToolFixture.h"
 #include "support/FaultScripts.h"
 #include "support/FaultServer.h"
@@ -65,7 +66,7 @@ class ToolCRL : public ToolFixture {
   static std::vector<fs::path> cached() {
     std::vector<fs::path> files;
     for (const auto& entry : fs::directory_iterator(kCRLCacheDirectory)) {
-      files.push_back(entry.path());
+      if (entry.is_regular_file()) files.push_back(entry.path());
     }
     return files;
   }
@@ -433,6 +434,131 @@ TEST_F(ToolCRL, NamesInTheCRL_ReachTheTerminalEscaped) {
   for (const char* escaped : {"CN=a\\1B[31m\\0Ab", "URI:a\\1B[31m\\0Ab"}) {
     EXPECT_NE(result.out.find(escaped), std::string::npos) << result.out;
   }
+}
+
+class ToolCRLRefresh : public ToolCRL {
+ protected:
+  void SetUp() override {
+    ToolCRL::SetUp();
+    fs::create_directory(own("ca"));
+    addToDirectory(own("ca"), ca.get());
+  }
+
+  Arguments refresh(const std::string& uri) const {
+    return {"crl", "--refresh", "--ca-dir", own("ca"), "--allow-address", "loopback", uri};
+  }
+  // Of the one object; its status and schema are looked at.
+  json refreshed(const std::string& uri, int status) const {
+    const CommandResult result = tool(refresh(uri) + Arguments{"--json"});
+    EXPECT_EQ(result.status, status) << result.err;
+    const json objects = parsed(result);
+    EXPECT_EQ(schemaViolation(json::parse(readFile(PKX509_SCHEMA)), objects), "") << result.out;
+    return objects.at(0);
+  }
+};
+
+TEST_F(ToolCRLRefresh, AsksTheHost_AndSaysWhatChanged) {
+  const std::string uri = publish({});
+  const CommandResult first = tool(refresh(uri));
+  EXPECT_EQ(first.status, 0);
+  EXPECT_EQ(first.err, "");
+  EXPECT_TRUE(first.out.starts_with(uri + ": stored: number 01, this update ")) << first.out;
+  EXPECT_NE(first.out.find("\n  source                        network\n"), std::string::npos);
+  EXPECT_EQ(cached().size(), 1U);
+
+  const CommandResult second = tool(refresh(uri));
+  EXPECT_EQ(second.status, 0);
+  EXPECT_TRUE(second.out.starts_with(uri + ": not modified: number 01, this update "))
+      << second.out;
+  EXPECT_TRUE(server.waitForRequests(2)) << "though the cache has a fresh one";
+
+  publish({.number = 2, .revoked = {{.serial = 1}}});
+  const CommandResult third = tool(refresh(uri));
+  EXPECT_EQ(third.status, 0);
+  EXPECT_TRUE(third.out.starts_with(uri + ": updated: number 01 -> 02, this update ")) << third.out;
+  EXPECT_NE(third.out.find(", entries 0 -> 1\n"), std::string::npos) << third.out;
+  EXPECT_EQ(gotten(uri).at("crlNumber"), "02");
+}
+
+TEST_F(ToolCRLRefresh, Json_HasWhatChanged) {
+  const std::string uri = publish({});
+  const json first = refreshed(uri, 0);
+  EXPECT_EQ(first.at("refresh"),
+            json({{"result", "updated"}, {"reason", nullptr}, {"before", nullptr}}));
+  EXPECT_EQ(first.at("source"), "network");
+  publish({.number = 2, .revoked = {{.serial = 1}}});
+  const json second = refreshed(uri, 0);
+  EXPECT_EQ(second.at("crlNumber"), "02");
+  EXPECT_EQ(second.at("refresh").at("before").at("crlNumber"), "01");
+  const json third = refreshed(uri, 0);
+  EXPECT_EQ(third.at("refresh").at("result"), "not-modified");
+  EXPECT_EQ(third.at("source"), "cache");
+}
+
+TEST_F(ToolCRLRefresh, WhatIsNotSignedByTheIssuer_TakesNobodysPlace) {
+  const std::string uri = publish({.number = 2});
+  EXPECT_EQ(tool(refresh(uri)).status, 0);
+  // Of another size: the server tells versions of one second apart by that.
+  publish({.number = 9, .revoked = {{.serial = 1}}, .badSignature = true});
+  const CommandResult result = tool(refresh(uri));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(result.err.starts_with("pkx509: " + uri + ": not refreshed: ")) << result.err;
+  EXPECT_NE(result.err.find("; the one in the cache is good until "), std::string::npos);
+  const json object = refreshed(uri, 1);
+  EXPECT_EQ(object.at("crlNumber"), "02");
+  EXPECT_EQ(object.at("refresh").at("result"), "failed");
+  EXPECT_EQ(tool({"crl", "--refresh", "--ca-dir", own("ca"), "--quiet", "--tempfail",
+                  "--allow-address", "loopback", uri})
+                .status,
+            75);
+}
+
+TEST_F(ToolCRLRefresh, HostThatFailed_IsAskedAgain) {
+  const std::string uri = server.url("/late.crl");
+  const json none = refreshed(uri, 1);
+  EXPECT_EQ(none.at("type"), "none");
+  EXPECT_EQ(none.at("outcome"), "temporary");
+  EXPECT_NE(none.at("line").get<std::string>().find("404"), std::string::npos) << none.dump();
+  publish({}, "late.crl");
+  EXPECT_EQ(refreshed(uri, 0).at("refresh").at("result"), "updated");
+}
+
+TEST_F(ToolCRLRefresh, Issuer_MayBeGiven_AndIsRemembered) {
+  const Issued intermediate = issueCA("CN=Intermediate,O=Example", &ca);
+  const std::string uri = server.url("/intermediate.crl");
+  writeFile(server.root() / "intermediate.crl", der(makeCRL({.issuer = &intermediate}).get()));
+  EXPECT_EQ(tool(refresh(uri)).status, 1) << "nobody knows the issuer";
+  writeFile(own("issuer.pem"), pem(intermediate.get()));
+  EXPECT_EQ(tool(refresh(uri) + Arguments{"--certificates", own("issuer.pem")}).status, 0);
+  EXPECT_EQ(refreshed(uri, 0).at("refresh").at("result"), "not-modified");
+}
+
+TEST_F(ToolCRLRefresh, Proxy_IsAsked) {
+  publish({});
+  const CommandResult result =
+      tool(refresh("http://crl.test/ca.crl?id=1") + Arguments{"--proxy", server.url("")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  ASSERT_TRUE(server.waitForRequests(1));
+  EXPECT_EQ(server.requests().front().line, "GET http://crl.test/ca.crl?id=1 HTTP/1.1");
+}
+
+TEST_F(ToolCRLRefresh, OptionsThatDoNotServe_AreRefused) {
+  const std::string uri = publish({});
+  for (const Arguments& arguments :
+       {Arguments{"--proxy", "http://127.0.0.1:1", uri},
+        {"--refresh", uri},
+        {"--refresh", "--ca-dir", own("missing"), uri},
+        {"--refresh", "--ca-dir", own("ca"), "--proxy", "x", uri},
+        {"--refresh", "--ca-dir", own("ca"), "--proxy", "ldap://h", uri},
+        {"--refresh", "--ca-dir", own("ca"), "--certificates", "x", uri},
+        {"--refresh", "--allow-address", "x", uri}}) {
+    SCOPED_TRACE(testing::PrintToString(arguments));
+    const CommandResult result = tool(Arguments{"crl"} + arguments);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(linesIn(result.err), 1) << result.err;
+  }
+  EXPECT_TRUE(server.requests().empty());
 }
 
 TEST_F(ToolCRL, Help_NamesEverything) {

@@ -1,6 +1,7 @@
 // The bash completion and the man page know what the tool knows.
 #include "ToolFixture.h"
 #include "support/Loopback.h"
+#include "support/PrivateView.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -15,6 +16,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using Words = std::set<std::string>;
+
+constexpr const char* kCacheActions[] = {"list", "flush", "check", "metrics"};
 
 class ToolCompletion : public ToolFixture {
  protected:
@@ -75,7 +78,7 @@ TEST_F(ToolCompletion, IsRegisteredForTheTool) {
 
 TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
   EXPECT_EQ(offered({""}), (Words{"verify", "simple", "show", "find", "add", "crl", "ocsp",
-                                  "--help", "--version"}));
+                                  "refresh", "cache", "--help", "--version"}));
   EXPECT_EQ(offered({"v"}), (Words{"verify"}));
   EXPECT_EQ(offered({"--v"}), (Words{"--version"}));
   EXPECT_EQ(offered({"x"}), (Words{}));
@@ -84,9 +87,15 @@ TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
   EXPECT_EQ(offered({"verify", "-"}), verify);
   EXPECT_EQ(offered({"verify", "a.pem", "--json", "--"}), verify);
   EXPECT_EQ(offered({"verify", "--c"}), (Words{"--ca-dir", "--classic", "--crl-dir", "--color"}));
-  for (const char* subcommand : {"simple", "show", "find", "add", "crl", "ocsp"}) {
+  for (const char* subcommand : {"simple", "show", "find", "add", "crl", "ocsp", "refresh"}) {
     EXPECT_EQ(offered({subcommand, "--"}), optionsIn(tool({subcommand, "--help"}).out));
   }
+  Words actions = {"--help"};
+  for (const char* action : kCacheActions) {
+    EXPECT_EQ(offered({"cache", action, "--"}), optionsIn(tool({"cache", action, "--help"}).out));
+    actions.insert(action);
+  }
+  EXPECT_EQ(offered({"cache", ""}), actions);
 }
 
 TEST_F(ToolCompletion, Values_AreThoseOfTheirOption) {
@@ -117,7 +126,10 @@ TEST_F(ToolCompletion, Values_AreThoseOfTheirOption) {
                                  {"find", "--subject", ""},
                                  {"add", "--email", ""},
                                  {"ocsp", "--uri", ""},
-                                 {"ocsp", "--timeout", ""}}) {
+                                 {"ocsp", "--timeout", ""},
+                                 {"refresh", "--parallel", ""},
+                                 {"refresh", "--share", ""},
+                                 {"refresh", "--proxy", ""}}) {
     EXPECT_EQ(offered(texts), (Words{}));
   }
   // After a value comes anything again.
@@ -149,12 +161,21 @@ TEST_F(ToolCompletion, FilesAndDirectories_AreOffered_AlsoWithBlanksInTheirNames
   EXPECT_EQ(offered({"ocsp", "--ca-dir", ""}), (Words{"dir one"}));
   EXPECT_EQ(offered({"find", ""}), (Words{})) << "it takes no file";
   EXPECT_EQ(offered({"crl", ""}), (Words{})) << "it takes no file";
+  EXPECT_EQ(offered({"refresh", ""}), (Words{})) << "it takes no file";
+  EXPECT_EQ(offered({"refresh", "--uri-list", ""}), all);
+  EXPECT_EQ(offered({"refresh", "--certificates", ""}), all);
+  EXPECT_EQ(offered({"refresh", "--ca-dir", ""}), (Words{"dir one"}));
+  EXPECT_EQ(offered({"refresh", "--allow-address", "lo"}), (Words{"loopback"}));
+  EXPECT_EQ(offered({"cache", "flush", ""}), (Words{})) << "it takes no file";
+  EXPECT_EQ(offered({"cache", "metrics", "--output", ""}), all);
+  EXPECT_EQ(offered({"cache", "list", "--color", ""}), (Words{"auto", "always", "never"}));
 }
 
 TEST_F(ToolCompletion, ManPage_HasAllOptionsAndKeys) {
   std::string page = readFile(PKX509_MAN_PAGE);
   page.erase(std::remove(page.begin(), page.end(), '\\'), page.end());
-  for (const char* subcommand : {"verify", "simple", "show", "find", "add", "crl", "ocsp"}) {
+  for (const char* subcommand :
+       {"verify", "simple", "show", "find", "add", "crl", "ocsp", "refresh"}) {
     EXPECT_NE(page.find("\n.It Cm " + std::string(subcommand) + "\n"), std::string::npos);
     for (const std::string& option : optionsIn(tool({subcommand, "--help"}).out)) {
       // "--json" is written "Fl -json".
@@ -162,9 +183,17 @@ TEST_F(ToolCompletion, ManPage_HasAllOptionsAndKeys) {
       EXPECT_NE(page.find(tag + option.substr(1)), std::string::npos) << option;
     }
   }
+  EXPECT_NE(page.find("\n.It Cm cache\n"), std::string::npos);
+  for (const char* action : kCacheActions) {
+    EXPECT_NE(page.find("\n.Cm cache " + std::string(action) + "\n"), std::string::npos);
+    for (const std::string& option : optionsIn(tool({"cache", action, "--help"}).out)) {
+      if (option == "--help") continue;
+      EXPECT_NE(page.find("\n.It Fl " + option.substr(1)), std::string::npos) << option;
+    }
+  }
   EXPECT_NE(page.find("\n.It Fl -version\n"), std::string::npos);
-  for (const std::string arguments :
-       {"verify --ca-dir ", "verify ", "simple ", "show ", "add ", "find ", "crl ", "ocsp "}) {
+  for (const std::string arguments : {"verify --ca-dir ", "verify ", "simple ", "show ", "add ",
+                                      "find ", "crl ", "ocsp ", "refresh ", "cache list", "cache flush "}) {
     EXPECT_NE(page.find("\n$ pkx509 " + arguments), std::string::npos) << arguments;
   }
   const nlohmann::json shown =
@@ -178,8 +207,10 @@ TEST_F(ToolCompletion, ManPage_HasAllOptionsAndKeys) {
   const std::string nobody = "http://127.0.0.1:" + port.text() + "/";
   const nlohmann::json asked = parsed(tool(
       {"ocsp", "--json", "--uri", nobody, "--chain", pki("intermediates.pem"), person("good")}));
-  for (const nlohmann::json& object :
-       {shown.at(0), shown.at(1), verified.at(0), simple.at(0), added.at(0), asked.at(0)}) {
+  writeFile(fs::path(kCRLCacheDirectory) / "1.r0", "garbage");
+  const nlohmann::json cached = parsed(tool({"cache", "list", "--json"}));
+  for (const nlohmann::json& object : {shown.at(0), shown.at(1), verified.at(0), simple.at(0),
+                                       added.at(0), asked.at(0), cached.at(0)}) {
     for (const auto& item : object.items()) {
       EXPECT_NE(page.find(item.key()), std::string::npos) << item.key();
     }

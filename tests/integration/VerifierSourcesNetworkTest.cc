@@ -14,6 +14,7 @@
 #include <pkx509/LDAPLookup.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <string>
 #include <string_view>
@@ -217,6 +218,44 @@ TEST_F(VerifierSourcesNetwork, LDAP_ThatMayNotBeAskedNow_IsAskedAnotherTime) {
     EXPECT_EQ(textsOf(sources.crls(name)), Notes{"cut"});
   }
   EXPECT_EQ(textsOf(sources.crls(name)), Notes{"other 7"});
+}
+
+TEST_F(VerifierSourcesNetwork, LDAP_URIWithoutAHostIsAskedOfEachMethodOnce) {
+  std::atomic<int> searches = 0;
+  const LDAPPeer peer([&](LDAPPeer::Connection& connection) {
+    ++searches;
+    answerSearches(connection,
+                   {entry("CN=Root", {{"certificateRevocationList;binary", {der(crl(7).get())}}})});
+  });
+  const auto add = [&](const std::string& server) {
+    world.store->add(RefLookupMethod(
+        new LDAPLookupMethod({LDAPConnection::RefServer(server), std::string(), std::string()})));
+  };
+  add(peer.uri());
+  add("ldap://127.0.0.1:1");
+  const std::string uri = "ldap:///CN=Root?certificateRevocationList";
+  {
+    const VerificationRun run(static_cast<const X509*>(nullptr));
+    {
+      const Nobody subject;
+      EXPECT_EQ(crls(uri), Notes{"cut"});
+      EXPECT_EQ(searches, 0);
+    }
+    const std::size_t before = SourceRecord::reached();
+    const unsigned int lookups = run.lookups();
+    EXPECT_EQ(crls(uri), (Notes{"other 7", "cut"}));
+    EXPECT_EQ(crls(uri), (Notes{"other 7", "cut"}));
+    EXPECT_EQ(searches, 1);
+    EXPECT_EQ(run.lookups(), lookups + 4) << "each question to each server counts";
+    EXPECT_EQ(asked(before), (Texts{"LDAP found " + peer.uri(),
+                                    "LDAP failed ldap://127.0.0.1:1: Connection refused"}));
+    EXPECT_EQ(world.source->crlQueries, 0);
+  }
+  const VerificationRun run(static_cast<const X509*>(nullptr));
+  while (VerificationRun::admitLookup()) {
+  }
+  EXPECT_EQ(crls(uri), Notes{"cut"});
+  EXPECT_EQ(searches, 1);
 }
 
 // -------------------------------------------------------------------------------------------- OCSP
