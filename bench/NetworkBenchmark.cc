@@ -7,6 +7,7 @@
 #include "PreparedResponder.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/net/http/HTTPConnection.h"
+#include "foundation/net/http/WebClient.h"
 #include "support/Command.h"
 #include "support/Handles.h"
 #include "support/OCSPBuilder.h"
@@ -22,6 +23,9 @@
 
 #include <benchmark/benchmark.h>
 #include <cstdio>
+#ifdef PKX509_LIBCURL
+#include <curl/curl.h>
+#endif
 #include <filesystem>
 #include <list>
 #include <map>
@@ -304,6 +308,39 @@ void fetchOpenSSL(benchmark::State& state, int megabytes) {
   }
 }
 
+// The client for the web.
+void fetchWeb(benchmark::State& state, int megabytes) {
+  const ServedCRL& crl = servedCRL(megabytes);
+  const Uri uri(crl.url);
+  for (auto _ : state) {
+    const HTTP::WebAnswer answer = HTTP::ask({.uri = uri}, {.maxContent = kMaximum});
+    require(state, answer.isComplete() && answer.content->length() == crl.size, "not fetched");
+  }
+}
+
+#ifdef PKX509_LIBCURL
+// In this process, with a connection for each.
+void fetchLibcurl(benchmark::State& state, int megabytes) {
+  static const bool ready = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+  require(state, ready, "no libcurl");
+  const ServedCRL& crl = servedCRL(megabytes);
+  const auto append = +[](char* data, std::size_t size, std::size_t count, void* all) {
+    static_cast<std::string*>(all)->append(data, size * count);
+    return size * count;
+  };
+  for (auto _ : state) {
+    const OwnedBy<CURL, curl_easy_cleanup> curl(curl_easy_init());
+    std::string all;
+    curl_easy_setopt(curl.get(), CURLOPT_URL, crl.url.c_str());
+    curl_easy_setopt(curl.get(), CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, append);
+    curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &all);
+    require(state, curl_easy_perform(curl.get()) == CURLE_OK && all.size() == crl.size,
+            "not fetched");
+  }
+}
+#endif
+
 // The start of a process and the writing of a file included, which is how scripts fetch CRLs.
 void fetchCurl(benchmark::State& state, int megabytes) {
   const ServedCRL& crl = servedCRL(megabytes);
@@ -351,6 +388,14 @@ const bool kRegistered = [] {
   registerAnswer("a delegate", &Question::byDelegate);
   once("OCSP round trip/library", roundTripLibrary)->UseRealTime();
   once("OCSP round trip/openssl", roundTripOpenSSL)->UseRealTime();
+  for (const int megabytes : {0, 5}) {
+    const std::string name = "CRL of " + std::to_string(megabytes) + " MB, over a new connection/";
+    benchmark::RegisterBenchmark((name + "library").c_str(), fetchWeb, megabytes)->UseRealTime();
+#ifdef PKX509_LIBCURL
+    benchmark::RegisterBenchmark((name + "libcurl").c_str(), fetchLibcurl, megabytes)
+        ->UseRealTime();
+#endif
+  }
   for (const int megabytes : {5, 49}) {
     const std::string crl = "CRL of " + std::to_string(megabytes) + " MB, ";
     const auto add = [megabytes](const std::string& name, void (*run)(benchmark::State&, int)) {
