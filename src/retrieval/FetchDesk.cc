@@ -206,15 +206,10 @@ bool FetchDesk::isOfAllHost(const HTTP::Failure& failure) noexcept {
     case Kind::kResolve:
     case Kind::kConnect:
     case Kind::kTls:
-    case Kind::kTimedOut:
       return true;
     default:
       return false;
   }
-}
-
-bool FetchDesk::isOfAllHost(const HTTP::WebAnswer& answer) noexcept {
-  return isOfAllHost(answer.failure) && answer.received == 0;
 }
 
 // What keeps the threads of this process out, and what keeps others out. It ends in the other order.

@@ -88,11 +88,9 @@ class FetchDesk {
   // The same for who knows what was asked: an exchange that was ended before the time or the octets
   // which the terms allow were used up has not failed by the host, and a proxy is another host.
   static bool isOfHost(const LW::HTTP::WebAnswer& answer, const LW::HTTP::WebTerms& terms);
-  // Whether all that the host serves is concerned, and not the one URI. Where redirects were
-  // followed, the host is that of `answer.last`.
+  // Whether all that the host serves is concerned, and not the one URI: it cannot be reached. Silence is the
+  // URI's: a certificate may name a slow one of an honest host, whose CRLs others need.
   static bool isOfAllHost(const LW::HTTP::Failure& failure) noexcept;
-  // The same, with what had come before it fell silent.
-  static bool isOfAllHost(const LW::HTTP::WebAnswer& answer) noexcept;
 
   // That the place failed, while nobody is to ask again; a mark from the future is void.
   std::optional<Mark> failureOf(const std::string& place) const;

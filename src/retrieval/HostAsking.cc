@@ -67,7 +67,7 @@ void HostAsking::failed(const HTTP::WebAnswer& web, std::size_t maxContent) {
   tellFailure(use_, web.failure);
   if (!FetchDesk::isOfHost(web, terms(queryTime_, maxContent))) return;
   // Where a redirect has led is not the host that is asked next time.
-  const bool all = web.redirects == 0 && FetchDesk::isOfAllHost(web);
+  const bool all = web.redirects == 0 && FetchDesk::isOfAllHost(web.failure);
   desk_.failed(all ? host_ : place_, web.failure);
 }
 

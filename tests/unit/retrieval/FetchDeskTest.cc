@@ -75,7 +75,7 @@ TEST(FetchDesk, Failure_IsTheHostsUnlessItIsOurOwn) {
       {{.kind = Kind::kConnect, .error = ECANCELED}, false, true},
       {{.kind = Kind::kTls}, true, true},
       {{.kind = Kind::kTls, .error = ENOMEM}, false, true},
-      {{.kind = Kind::kTimedOut}, true, true},
+      {{.kind = Kind::kTimedOut}, true, false},
       {{.kind = Kind::kCutShort}, true, false},
       {{.kind = Kind::kTooLarge}, true, false},
       {{.kind = Kind::kStatus, .httpStatus = 404}, true, false},
@@ -146,14 +146,6 @@ TEST(FetchDesk, NameServerThatIsSilent_IsSoAfterTheUsualTime) {
   EXPECT_TRUE(FetchDesk::isOfHost(answer, patient));
   answer.taken = 2s;
   EXPECT_FALSE(FetchDesk::isOfHost(answer, patient));
-}
-
-TEST(FetchDesk, SilenceInTheMiddleOfAnAnswer_ConcernsTheURIOnly) {
-  LW::HTTP::WebAnswer answer;
-  answer.failure = {.kind = Kind::kTimedOut};
-  EXPECT_TRUE(FetchDesk::isOfAllHost(answer));
-  answer.received = 1;
-  EXPECT_FALSE(FetchDesk::isOfAllHost(answer));
 }
 
 using DeskClock = std::chrono::steady_clock;
