@@ -21,7 +21,9 @@
 
 namespace Velantrix::Crypto::PKX509 {
 
+namespace {
 using Source = SourceRecord::Source;
+}  // namespace
 
 WebRetriever::WebRetriever(const RetrievalSettings& settings)
     : settings_(settings), desk_(kCRLCacheDirectory), cache_(kCRLCacheDirectory) {}
