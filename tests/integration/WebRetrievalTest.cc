@@ -1,6 +1,7 @@
 // Verifications that fetch by the client for the web as it is, and cache what they have verified.
 #include "integration/URIFixture.h"
 #include "support/Files.h"
+#include "support/Loopback.h"
 
 #include <pkx509/CRLRefresh.h>
 #include <pkx509/ConformingVerifier.h>
@@ -196,13 +197,20 @@ TEST_F(WebRetrieval, WhoRefreshes_KnowsTheIssuersOfWhatVerificationsStored) {
 TEST_F(WebRetrieval, ManyAtOnce_MakeOneRequest) {
   constexpr int kProcesses = 16;
   constexpr int kThreads = 4;
-  const FaultServer server(Scripts::answer(der(crl(7).get())));
-  const Issued leaf = leafWith(server.url("/ca.crl"));
+  const std::uint16_t port = boundPort(bindTo(0));
+  const Issued leaf = leafWith("http://127.0.0.1:" + std::to_string(port) + "/ca.crl");
+  const std::string body = der(crl(7).get());
+  // The server's threads come after the fork.
+  int gate[2] = {-1, -1};
+  ASSERT_EQ(::pipe(gate), 0);
   std::vector<pid_t> children;
   for (int i = 0; i < kProcesses; ++i) {
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
+      ::close(gate[1]);
+      char opened = 0;
+      static_cast<void>(::read(gate[0], &opened, 1));  // until the parent closes it
       std::atomic<int> failed = 0;
       {
         std::vector<std::jthread> threads;
@@ -214,6 +222,11 @@ TEST_F(WebRetrieval, ManyAtOnce_MakeOneRequest) {
     }
     children.push_back(child);
   }
+  FaultServerOptions options;
+  options.port = port;
+  const FaultServer server(Scripts::answer(body), options);
+  ::close(gate[0]);
+  ::close(gate[1]);
   for (const pid_t child : children) {
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
