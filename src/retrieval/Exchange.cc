@@ -129,16 +129,15 @@ class Exchange {
     if (web.notModified) return notModified();
     if (!web.isComplete()) return failed(web);
     host_.succeeded();
+    take(web.content->data(), web.content->length());
+    if (answer_.failure.kind == HTTP::Failure::Kind::kMalformed) {
+      return host_.failed(answer_.failure);
+    }
     desk_.deliver(host_.place(),
                   {.octets = std::string(reinterpret_cast<const char*>(web.content->data()),
                                          web.content->length()),
                    .validators = answer_.notes.validators,
                    .fetched = *answer_.notes.fetched});
-    take(web.content->data(), web.content->length());
-    if (answer_.failure.kind == HTTP::Failure::Kind::kMalformed) {
-      desk_.withdraw(host_.place());
-      host_.failed(answer_.failure);
-    }
   }
 
   // RFC 9110, 15.4.5: a server need not repeat the validators.

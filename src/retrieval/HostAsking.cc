@@ -71,6 +71,9 @@ void HostAsking::failed(const HTTP::WebAnswer& web, std::size_t maxContent) {
   desk_.failed(all ? host_ : place_, web.failure);
 }
 
-void HostAsking::failed(const HTTP::Failure& failure) { desk_.failed(place_, failure); }
+void HostAsking::failed(const HTTP::Failure& failure) {
+  count(Counter::kFetchFailures);
+  desk_.failed(place_, failure);
+}
 
 }  // namespace Velantrix::Crypto::PKX509

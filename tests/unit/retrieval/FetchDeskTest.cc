@@ -350,7 +350,6 @@ TEST_F(FetchDeskFiles, TurnOfAProcess_KeepsTheOthersWaitingAndNoLonger) {
       held = desk.turn("a", DeskClock::now() + 60s).held();
     });
     while (openCount("a") == 0) std::this_thread::yield();
-    std::this_thread::sleep_for(2 * FetchDesk::kPoll);  // it waits by now
     const Stopwatch watch;
     source.request_stop();
     waiting.join();
