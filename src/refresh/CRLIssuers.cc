@@ -1,13 +1,12 @@
 #include "refresh/CRLIssuers.h"
 
-#include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
-#include "revocation/SignatureStrength.h"
+#include "revocation/CRLSigners.h"
+#include "verify/BuiltChain.h"
 
 #include <pkx509/ConformingVerifier.h>
 #include <pkx509/ObjectStore.h>
 #include <pkx509/RevocationSettings.h>
-#include <velantrix/CertificateFactory.h>
 #include <velantrix/StackOfCertificate.h>
 
 #include <openssl/x509.h>
@@ -15,6 +14,7 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -39,30 +39,17 @@ std::string formRefused(const CertificateRevocationList& crl) {
   return {};
 }
 
-// Why the holder of the key, whose certificate is valid, has not issued the CRL; empty when he has.
-std::string signatureRefused(const RefCertificate& signer, const CertificateRevocationList& crl) {
-  const ErrorScope errors;
-  EVP_PKEY* const key = X509_get0_pubkey(signer);
-  if (!crl.isSignedBy(key)) return "the signature of the CRL is wrong";
-  // 6.3.3 (f): if a key usage extension is present, cRLSign is set. OpenSSL has every bit set without one.
-  if ((X509_get_key_usage(signer) & KU_CRL_SIGN) == 0) {
+// For people; empty when he has issued it.
+std::string refusalOf(const RefCertificate& signer, const CertificateRevocationList& crl) {
+  using Revocation::Reason;
+  const std::optional<Reason> reason =
+      Revocation::signatureRefused(signer, crl, RevocationSettings().securityLevel);
+  if (!reason) return {};
+  if (reason == Reason::kSignerNotAllowed) {
     return "the certificate of the CRL's issuer does not allow to sign CRLs";
   }
-  const X509_ALGOR* algorithm = nullptr;
-  X509_CRL_get0_signature(crl.native(), nullptr, &algorithm);
-  if (!Revocation::reachesLevel(RevocationSettings().securityLevel, algorithm, key)) {
-    return "the signature of the CRL is too weak";
-  }
-  return {};
-}
-
-std::vector<RefCertificate> chainOf(const X509_STORE_CTX* context) {
-  const STACK_OF(X509)* const built = X509_STORE_CTX_get0_chain(context);
-  std::vector<RefCertificate> chain;
-  for (int i = 0; i < sk_X509_num(built); ++i) {
-    chain.push_back(CertificateFactory()(sk_X509_value(built, i), false));
-  }
-  return chain;
+  return reason == Reason::kTooWeak ? "the signature of the CRL is too weak"
+                                    : "the signature of the CRL is wrong";
 }
 
 // For one CRL.
@@ -121,7 +108,7 @@ class Search {
       return {.refusal = std::string("the certificate of the CRL's issuer is not valid: ") +
                          X509_verify_cert_error_string(verdict)};
     }
-    std::string refusal = signatureRefused(signer, crl_);
+    std::string refusal = refusalOf(signer, crl_);
     if (!refusal.empty()) return {.refusal = std::move(refusal)};
     return {.path = chainOf(verifier)};
   }

@@ -68,8 +68,10 @@ class Exchange {
     // Who was first has got it meanwhile, or has failed.
     if (isSpared() || isDelivered()) return std::move(answer_);
     if (!turn.held()) {
-      return refuse({.failure = UseFacts::Failure::kBudget, .resource = kNetworkTime},
-                    "somebody else fetches it, and does not come to an end in time");
+      const std::string_view end = VerificationRun::endOfNetwork();
+      return refuse(
+          {.failure = UseFacts::Failure::kBudget, .resource = end.empty() ? kNetworkTime : end},
+          "somebody else fetches it, and does not come to an end in time");
     }
     ask();
     return std::move(answer_);

@@ -107,14 +107,14 @@ Standing CRLSigners::tryOne(const RefCertificate& signer, const CRLCandidate& ca
   // been made to take its time.
   const Path path = standings_.pathOf(signer, path_);
   if (path.empty()) return standings_.withoutPath(signer);
-  if (const auto refused = signatureRefused(signer, *candidate.crl.get())) {
+  if (const auto refused = signatureRefused(signer, *candidate.crl.get(), securityLevel_)) {
     return {.refused = refused, .about = aboutAlone(signer)};
   }
   return standings_.of(path, By::kAll);
 }
 
-std::optional<Reason> CRLSigners::signatureRefused(const RefCertificate& signer,
-                                                   const CertificateRevocationList& crl) const {
+std::optional<Reason> signatureRefused(const RefCertificate& signer,
+                                       const CertificateRevocationList& crl, int securityLevel) {
   const ErrorScope errors;
   // 6.3.3 (g), and (h) for a delta CRL
   EVP_PKEY* const key = X509_get0_pubkey(signer);
@@ -123,7 +123,7 @@ std::optional<Reason> CRLSigners::signatureRefused(const RefCertificate& signer,
   if ((X509_get_key_usage(signer) & KU_CRL_SIGN) == 0) return Reason::kSignerNotAllowed;
   const X509_ALGOR* algorithm = nullptr;
   X509_CRL_get0_signature(crl.native(), nullptr, &algorithm);
-  if (!reachesLevel(securityLevel_, algorithm, key)) return Reason::kTooWeak;
+  if (!reachesLevel(securityLevel, algorithm, key)) return Reason::kTooWeak;
   return std::nullopt;
 }
 

@@ -26,13 +26,16 @@ class CRLSigners : private NonCopyable {
   std::vector<RefCertificate> onKnownPaths(const DistinguishedName& issuer) const;
   bool tryAll(std::vector<RefCertificate> signers, CRLCandidate& candidate, Standing& best);
   Standing tryOne(const RefCertificate& signer, const CRLCandidate& candidate);
-  std::optional<Reason> signatureRefused(const RefCertificate& signer,
-                                         const CertificateRevocationList& crl) const;
 
   const Path& path_;
   RevocationSources& sources_;
   Standings& standings_;
   const int securityLevel_;
 };
+
+// Why the holder of the key, whose certificate is valid, has not issued the CRL: 6.3.3 (f) but for its path,
+// (g) and (h). Nothing when he has.
+std::optional<Reason> signatureRefused(const RefCertificate& signer,
+                                       const CertificateRevocationList& crl, int securityLevel);
 
 }  // namespace Velantrix::Crypto::PKX509::Revocation

@@ -5,6 +5,7 @@
 #include "report/PathFindings.h"
 #include "report/TrustDirectory.h"
 #include "store/StoreRecord.h"
+#include "verify/BuiltChain.h"
 #include "verify/ContextObjection.h"
 #include "verify/PathRecheck.h"
 #include "verify/VerifierState.h"
@@ -31,11 +32,7 @@ using ReportOrigin = VerificationReport::Origin;
 std::atomic<bool> everyVerifierLogs = false;
 
 std::vector<RefCertificate> pathIn(const X509_STORE_CTX* context, const RefCertificate& target) {
-  std::vector<RefCertificate> path;
-  const STACK_OF(X509)* const chain = X509_STORE_CTX_get0_chain(context);
-  for (int i = 0; i < sk_X509_num(chain); ++i) {
-    path.push_back(CertificateFactory()(sk_X509_value(chain, i), false));
-  }
+  std::vector<RefCertificate> path = chainOf(context);
   if (path.empty() && !target.empty()) path.push_back(target);
   return path;
 }

@@ -3,11 +3,10 @@
 #include "foundation/openssl/MemoryCheck.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
+#include "verify/BuiltChain.h"
 #include "verify/ContextObjection.h"
 #include "verify/Namesakes.h"
 #include "verify/StoreCallbacks.h"
-
-#include <velantrix/CertificateFactory.h>
 
 #include <algorithm>
 #include <new>
@@ -27,15 +26,6 @@ Owned<STACK_OF(X509)> stackOf(X509* certificate) {
     throw std::bad_alloc();
   }
   return stack;
-}
-
-std::vector<RefCertificate> chainOf(const X509_STORE_CTX* context) {
-  const STACK_OF(X509)* const built = X509_STORE_CTX_get0_chain(context);
-  std::vector<RefCertificate> chain;
-  for (int i = 0; i < sk_X509_num(built); ++i) {
-    chain.push_back(CertificateFactory()(sk_X509_value(built, i), false));
-  }
-  return chain;
 }
 
 // A store that has nothing, so that OpenSSL takes the callback from it.
