@@ -1,13 +1,11 @@
-#include "foundation/base/Hex.h"
-#include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/Counters.h"
+#include "report/CertificateFacts.h"
 #include "report/Evidence.h"
 #include "report/FindingMaker.h"
 #include "report/PathFindings.h"
 #include "report/RevocationFindings.h"
 #include "report/SourceFindings.h"
 
-#include <openssl/evp.h>
 #include <openssl/x509_vfy.h>
 
 #include <algorithm>
@@ -23,15 +21,6 @@ namespace {
 using Report = VerificationReport;
 using Finding = Report::Finding;
 using Source = Report::Source;
-
-std::string fingerprintOf(X509* certificate) {
-  unsigned char digest[EVP_MAX_MD_SIZE] = {};
-  unsigned int length = 0;
-  // Fetched once: OpenSSL's constant is looked for anew at each use.
-  static const Owned<EVP_MD> sha256(EVP_MD_fetch(nullptr, "SHA256", nullptr));
-  if (sha256 == nullptr || X509_digest(certificate, sha256.get(), digest, &length) != 1) return {};
-  return hexText(digest, length);
-}
 
 // What texts come to. Numbers and times are not counted.
 std::size_t sizeOf(const Report::Subject& subject) {
@@ -415,10 +404,7 @@ void Builder::path(TextRoom& room) {
   NameTexts texts;
   for (std::size_t i = 0; i < path.size(); ++i) {
     Report::Link::Content link;
-    link.certificate = subjectOf(path[i], texts);
-    link.fingerprint = fingerprintOf(path[i]);
-    link.notBefore = timeOf(X509_get0_notBefore(path[i]));
-    link.notAfter = timeOf(X509_get0_notAfter(path[i]));
+    link.certificate = factsAbout(path[i], texts);
     if (i < surroundings_.origins.size()) link.origin = surroundings_.origins[i];
     if (i < revocation_.size()) {
       const Revocation::Outcome& outcome = revocation_[i];

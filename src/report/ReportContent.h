@@ -3,6 +3,10 @@
 
 #include <pkx509/VerificationReport.h>
 
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -24,11 +28,17 @@ struct VerificationReport::RevocationResult::Content {
   std::string reason = {};
 };
 
-struct VerificationReport::Link::Content {
-  Subject certificate = {};
+// What every report says of a certificate.
+struct CertificateFacts {
+  VerificationReport::Subject subject = {};
   std::string fingerprint = {};
   std::optional<Time> notBefore = {};
   std::optional<Time> notAfter = {};
+  std::size_t encodedSize = 0;  // octets
+};
+
+struct VerificationReport::Link::Content {
+  std::shared_ptr<const CertificateFacts> certificate = {};  // not null
   Origin origin = {};
   RevocationResult revocation = {};
 };

@@ -77,10 +77,18 @@ const std::string& Report::RevocationResult::reason() const noexcept { return co
 Report::Link::Link(Content content)
     : content_(std::make_shared<const Content>(std::move(content))) {}
 
-const Report::Subject& Report::Link::certificate() const noexcept { return content_->certificate; }
-const std::string& Report::Link::fingerprint() const noexcept { return content_->fingerprint; }
-const std::optional<Time>& Report::Link::notBefore() const noexcept { return content_->notBefore; }
-const std::optional<Time>& Report::Link::notAfter() const noexcept { return content_->notAfter; }
+const Report::Subject& Report::Link::certificate() const noexcept {
+  return content_->certificate->subject;
+}
+const std::string& Report::Link::fingerprint() const noexcept {
+  return content_->certificate->fingerprint;
+}
+const std::optional<Time>& Report::Link::notBefore() const noexcept {
+  return content_->certificate->notBefore;
+}
+const std::optional<Time>& Report::Link::notAfter() const noexcept {
+  return content_->certificate->notAfter;
+}
 const Report::Origin& Report::Link::origin() const noexcept { return content_->origin; }
 const Report::RevocationResult& Report::Link::revocation() const noexcept {
   return content_->revocation;

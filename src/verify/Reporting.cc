@@ -302,8 +302,8 @@ void Verifier::State::end(const Verifier& verifier, VerificationRun& run,
   }
 }
 
-// Of an outermost run, once: by a second look at the path only where a report is made anyway; its line is logged where one is wanted. The verdict stands, whatever becomes of
-// either.
+// Of an outermost run, once: by a second look at the path only where a report is made anyway; its line is
+// logged where one is wanted. The verdict stands, whatever becomes of either.
 Outcome Verifier::State::failureOutcome(const Verifier& verifier) const noexcept {
   try {
     if (logsLine || everyVerifierLogs) {

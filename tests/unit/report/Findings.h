@@ -10,6 +10,7 @@
 #include "report/ReportContent.h"
 
 #include <ctime>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -54,6 +55,13 @@ inline Finding finding(FindingParts parts) {
                   .details = std::move(parts.details),
                   .origin = std::move(parts.origin),
                   .nested = std::move(parts.nested)});
+}
+
+/// Of a certificate of which only names and number matter.
+inline std::shared_ptr<const Crypto::PKX509::CertificateFacts> certificateFacts(
+    Report::Subject subject) {
+  return std::make_shared<Crypto::PKX509::CertificateFacts>(
+      Crypto::PKX509::CertificateFacts{.subject = std::move(subject)});
 }
 
 /// The report on a verification that failed for this.

@@ -314,9 +314,10 @@ TEST(Line, HostileTexts_AreEscaped) {
 Report valid(RevocationResult::Content result, std::vector<Finding> findings = {}) {
   Report::Content content{.code = 0, .findings = std::move(findings)};
   content.path.emplace_back(
-      Report::Link::Content{.certificate = {"CN=Anna", "CN=Mail CA", "5F01"},
+      Report::Link::Content{.certificate = certificateFacts({"CN=Anna", "CN=Mail CA", "5F01"}),
                             .revocation = RevocationResult(std::move(result))});
-  content.path.emplace_back(Report::Link::Content{.certificate = {"CN=Root", "CN=Root", "01"}});
+  content.path.emplace_back(
+      Report::Link::Content{.certificate = certificateFacts({"CN=Root", "CN=Root", "01"})});
   return Report(std::move(content));
 }
 
@@ -355,7 +356,7 @@ TEST(Line, ValidWithLongNames_Fits) {
       .code = 0,
       .findings = {finding({.rule = Rule::kCallbackAccepted, .certificate = {text, text, text}})}};
   content.path.emplace_back(Report::Link::Content{
-      .certificate = {text, text, text},
+      .certificate = certificateFacts({text, text, text}),
       .revocation = RevocationResult(
           {.status = RevocationResult::Status::kGood,
            .decidedBy = {

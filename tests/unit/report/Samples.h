@@ -343,10 +343,11 @@ inline std::string lineOfSample(Rule rule) {
     return failed(sampleOf(rule)).line();
   Report::Content content{.code = 0, .findings = {finding(sampleOf(rule))}};
   content.path.emplace_back(Report::Link::Content{
-      .certificate = {"CN=Anna", "CN=Mail CA", "5F01"},
+      .certificate = certificateFacts({"CN=Anna", "CN=Mail CA", "5F01"}),
       .revocation =
           Report::RevocationResult({.status = Report::RevocationResult::Status::kUndetermined})});
-  content.path.emplace_back(Report::Link::Content{.certificate = {"CN=Root", "CN=Root", "01"}});
+  content.path.emplace_back(
+      Report::Link::Content{.certificate = certificateFacts({"CN=Root", "CN=Root", "01"})});
   return Report(std::move(content)).line();
 }
 

@@ -94,10 +94,11 @@ TEST(VerificationReport, Parts_SayWhatTheyWereMadeOf) {
                        .decidedBy = {{.number = "7", .entries = 3}},
                        .date = at(2026, 11, 2),
                        .reason = "superseded"});
-  const Report::Link link({.certificate = {"CN=A", "CN=B", "01"},
-                           .fingerprint = "AB",
-                           .notBefore = at(2026, 1, 1),
-                           .notAfter = at(2027, 1, 1),
+  const Report::Link link({.certificate = std::make_shared<Crypto::PKX509::CertificateFacts>(
+                               Crypto::PKX509::CertificateFacts{.subject = {"CN=A", "CN=B", "01"},
+                                                                .fingerprint = "AB",
+                                                                .notBefore = at(2026, 1, 1),
+                                                                .notAfter = at(2027, 1, 1)}),
                            .origin = {Report::Origin::Kind::kMessage, ""},
                            .revocation = result});
   EXPECT_EQ(link.certificate().subject(), "CN=A");
