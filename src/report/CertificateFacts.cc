@@ -95,7 +95,11 @@ class FactsMemory {
 std::shared_ptr<const CertificateFacts> factsAbout(const RefCertificate& certificate,
                                                    NameTexts& texts) {
   FactsMemory& memory = FactsMemory::ofProcess();
-  if (auto known = memory.recall(certificate)) return known;
+  if (auto known = memory.recall(certificate)) {
+    texts.add(X509_get_subject_name(certificate), known->subject.subject());
+    texts.add(X509_get_issuer_name(certificate), known->subject.issuer());
+    return known;
+  }
   auto facts = makeFacts(certificate, texts);
   memory.remember(certificate, facts);
   return facts;

@@ -27,6 +27,8 @@ std::string reportText(const DistinguishedName& name);
 class NameTexts {
  public:
   std::string of(const DistinguishedName& name);
+  // One that has been made before. The name is borrowed.
+  void add(const X509_NAME* name, const std::string& text) { known_.emplace_back(name, text); }
 
  private:
   std::vector<std::pair<const X509_NAME*, std::string>> known_;  // names borrowed

@@ -7,10 +7,12 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cstdint>
 #include <filesystem>
 #include <list>
+#include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -42,11 +44,18 @@ bool isHashName(std::string_view name) {
          name.substr(kDigits + 1).find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-std::string hashName(const DistinguishedName& issuer, int number) {
-  char name[32] = {};
-  static_cast<void>(std::snprintf(name, sizeof name, "%08lx.%d",
-                                  static_cast<unsigned long>(issuer.hash()), number));
-  return name;
+std::string hashName(const std::string& directory, std::uint32_t hash, int number) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  std::string name = directory;
+  name += '/';
+  for (int shift = 28; shift >= 0; shift -= 4) name += kDigits[hash >> shift & 0xFU];
+  name += '.';
+  return name += std::to_string(number);
+}
+
+bool exists(const std::string& file) {
+  struct stat status {};
+  return ::stat(file.c_str(), &status) == 0;
 }
 
 bool holds(const std::string& file, const RefCertificate& certificate) {
@@ -73,8 +82,9 @@ std::optional<TrustDirectoryFault> faultOfDirectory(const std::string& directory
 // OpenSSL passes over one that it cannot read, and over all with a higher number.
 std::optional<TrustDirectoryFault> faultOfFiles(const std::string& directory,
                                                 const DistinguishedName& issuer) {
+  const std::uint32_t hash = issuer.hash();
   for (int number = 0; number < kMaximumFiles; ++number) {
-    const std::string file = (fs::path(directory) / hashName(issuer, number)).native();
+    const std::string file = hashName(directory, hash, number);
     std::error_code failure;
     if (!fs::exists(fs::symlink_status(file, failure))) return std::nullopt;
     try {
@@ -92,20 +102,16 @@ std::optional<TrustDirectoryFault> faultOfFiles(const std::string& directory,
 }  // namespace
 
 std::string fileInDirectories(const std::string& directories, const RefCertificate& certificate) {
+  const std::uint32_t hash = certificate->subject().hash();
   for (const std::string& directory : split(directories)) {
-    const fs::path place(directory);
-    const auto file = [&](int number) {
-      return (place / hashName(certificate->subject(), number)).native();
-    };
-    const auto exists = [&](int number) {
-      std::error_code none;
-      return fs::exists(file(number), none);
-    };
-    if (!exists(0)) continue;
+    std::string first = hashName(directory, hash, 0);
+    if (!exists(first)) continue;
     // Mostly there is one of a name, and it need not be read again.
-    if (!exists(1)) return file(0);
-    for (int number = 0; number < kMaximumFiles && exists(number); ++number) {
-      if (holds(file(number), certificate)) return file(number);
+    if (!exists(hashName(directory, hash, 1))) return first;
+    for (int number = 0; number < kMaximumFiles; ++number) {
+      std::string file = hashName(directory, hash, number);
+      if (!exists(file)) break;
+      if (holds(file, certificate)) return file;
     }
   }
   return {};
