@@ -117,12 +117,19 @@ TEST_F(FailureReportSource, WebServers) {
 }
 
 TEST_F(FailureReportSource, ClientIdentity) {
-  Failure failure = at("no client certificate", deadURI("https"), Rule::kClientIdentity,
-                       {{"file", kClientCertificateFile}, {"errno", std::int64_t{ENOENT}}},
-                       {"No such file or directory"});
+  writeFile(kClientCertificateFile, "-----BEGIN CERTIFICATE-----\n");
+  Failure failure = at("broken client certificate", deadURI("https"), Rule::kClientIdentity,
+                       {{"file", kClientCertificateFile}});
   failure.told.outcome = Outcome::kLocal;
   failure.told.origin = {Kind::kNetwork, deadURI("https"), kClientCertificateFile};
   expect({failure});
+
+  // Only the classic client needs one.
+  fs::remove(kClientCertificateFile);
+  Failure absent = at("no client certificate", deadURI("https"), Rule::kCRLUnreachable,
+                      {{"errno", std::int64_t{ECONNREFUSED}}}, {"Connection refused"});
+  absent.also.clear();
+  expect({absent});
 }
 
 TEST_F(FailureReportSource, RefusedAddress) {

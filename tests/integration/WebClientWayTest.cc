@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <chrono>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <string>
 
 namespace Velantrix::Test {
@@ -93,13 +94,37 @@ TEST_F(WebClientTls, ClientCertificate_IsShownToNobodyBehindARedirect) {
 
 TEST_F(WebClientTls, CertificateThatCannotBeLoaded_IsItsFailure) {
   const FaultServer server(Scripts::answer("x"), {.certificate = &server_});
-  const HTTP::WebAnswer answer = HTTP::ask(
-      {.uri = Uri(server.url())}, {.identity = HTTP::ClientIdentity{"/no/such.crt", key_.c_str()}});
-  EXPECT_EQ(answer.failure.kind, Kind::kClientIdentity);
-  EXPECT_EQ(answer.failure.file, "/no/such.crt");
-  EXPECT_TRUE(answer.problem.starts_with("client certificate or key: ")) << answer.problem;
+  const std::string broken = (directory_ / "broken.pem").string();
+  writeFile(broken, "-----BEGIN CERTIFICATE-----\n");
+  const std::string below = broken + "/client.crt";  // ENOTDIR
+  const HTTP::ClientIdentity rows[] = {{broken.c_str(), key_.c_str()},
+                                       {certificate_.c_str(), broken.c_str()},
+                                       {broken.c_str(), "/no/such.key"},
+                                       {below.c_str(), key_.c_str()}};
+  for (const HTTP::ClientIdentity& row : rows) {
+    const HTTP::WebAnswer answer = HTTP::ask({.uri = Uri(server.url())}, {.identity = row});
+    EXPECT_EQ(answer.failure.kind, Kind::kClientIdentity) << row.certificateFile;
+    EXPECT_TRUE(answer.failure.file.starts_with(broken)) << answer.failure.file;
+    EXPECT_TRUE(answer.problem.starts_with("client certificate or key: ")) << answer.problem;
+  }
   EXPECT_TRUE(server.connections().empty());
   EXPECT_EQ(contentOf(HTTP::ask({.uri = Uri(server.url())}, {})), "x");
+}
+
+TEST_F(WebClientTls, CertificateThatIsNotThere_IsShownToNobody) {
+  const FaultServer open(Scripts::answer("for all"), {.certificate = &server_});
+  const FaultServer closed(Scripts::answer("for clients"), forClients());
+  const HTTP::ClientIdentity rows[] = {{"/no/such.crt", key_.c_str()},
+                                       {certificate_.c_str(), "/no/such.key"},
+                                       {"/no/such.crt", "/no/such.key"}};
+  for (const HTTP::ClientIdentity& row : rows) {
+    const HTTP::WebAnswer answer = HTTP::ask({.uri = Uri(open.url())}, {.identity = row});
+    EXPECT_EQ(contentOf(answer), "for all") << answer.problem;
+    EXPECT_EQ(answer.failure.kind, Kind::kNone);
+    EXPECT_FALSE(HTTP::ask({.uri = Uri(closed.url())}, {.identity = row}).isComplete());
+  }
+  ASSERT_TRUE(closed.waitForEnds(std::size(rows)));
+  for (const FaultConnection& seen : closed.connections()) EXPECT_EQ(seen.clientSubject, "");
 }
 
 TEST_F(WebClientTls, HandshakeThatNeverEnds_EndsWithTheTimeToConnect) {

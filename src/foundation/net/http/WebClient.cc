@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <cerrno>
 #include <memory>
 #include <netinet/in.h>
 #include <string_view>
@@ -134,6 +135,7 @@ class Fetch {
   bool exchange();
   // Each of these says whether it goes on, and else why not.
   bool open();
+  RefStream stream();
   bool admitsLiteral();
   bool connect(const Tcp::endpoint& endpoint, const RefStream& stream);
   bool establish(const Tcp::endpoint& endpoint, const RefStream& stream,
@@ -205,8 +207,7 @@ bool Fetch::exchange() {
 // ---- Connecting
 
 bool Fetch::open() {
-  const bool first = answer_.redirects == 0 && terms_.identity.has_value();
-  stream_ = streamFor(uri_, first ? &*terms_.identity : nullptr, answer_.failure, answer_.problem);
+  stream_ = stream();
   if (stream_.empty() || !admitsLiteral()) return false;
   const Uri& peer = viaProxy() ? terms_.proxy : uri_;
   const HostAddresses found = resolveHost(peer.hostname(), terms_.resolveTime);
@@ -233,6 +234,21 @@ bool Fetch::open() {
 }
 
 // The policy judges names where they are resolved, which a proxy does elsewhere.
+// Whoever has no certificate to show is still served by servers that ask for none. One that is there and
+// cannot be loaded is for the operator to mend.
+RefStream Fetch::stream() {
+  const bool first = answer_.redirects == 0 && terms_.identity.has_value();
+  RefStream stream =
+      streamFor(uri_, first ? &*terms_.identity : nullptr, answer_.failure, answer_.problem);
+  const Failure& failure = answer_.failure;
+  if (!stream.empty() || failure.kind != Kind::kClientIdentity || failure.error != ENOENT) {
+    return stream;
+  }
+  answer_.failure = {};
+  answer_.problem.clear();
+  return streamFor(uri_, nullptr, answer_.failure, answer_.problem);
+}
+
 bool Fetch::admitsLiteral() {
   if (!viaProxy()) return true;
   const auto address = literalOf(uri_.hostname());

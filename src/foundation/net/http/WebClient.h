@@ -41,8 +41,9 @@ struct Validators {
 
 /// The same for every request of a caller.
 struct WebTerms {
-  std::optional<ClientIdentity> identity = {};  ///< shown to https servers, never after a redirect
-  Uri proxy = {};                               ///< null: none
+  /// Shown to https servers, never after a redirect; where one of its files is not there, nobody's is.
+  std::optional<ClientIdentity> identity = {};
+  Uri proxy = {};  ///< null: none
   std::chrono::milliseconds resolveTime{5'000};
   std::chrono::milliseconds connectTime{10'000};
   std::chrono::milliseconds queryTime{
