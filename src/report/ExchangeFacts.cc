@@ -76,6 +76,7 @@ std::string reasonOf(const LW::HTTP::Failure& failure) {
   std::string text(whatFailed(failure.kind));
   if (failure.kind == HTTPKind::kStatus) text += " " + std::to_string(failure.httpStatus);
   if (failure.detail.empty()) return text;
+  if (failure.kind == HTTPKind::kRefusedAddress) return text + " " + failure.detail;
   return text.empty() ? failure.detail : text + ": " + failure.detail;
 }
 

@@ -133,7 +133,8 @@ TEST_F(FailureReportSource, ClientIdentity) {
 }
 
 TEST_F(FailureReportSource, RefusedAddress) {
-  Failure failure = at("loopback", deadURI(), Rule::kAddressRefused, {}, {"127.0.0.1"});
+  Failure failure =
+      at("loopback", deadURI(), Rule::kAddressRefused, {}, {"a loopback address: 127.0.0.1"});
   failure.told.outcome = Outcome::kPermanent;
   failure.prepare = [](Verifier& verifier) {
     verifier.addressPolicy(AddressPolicy::publicAndPrivate());

@@ -315,7 +315,8 @@ TEST(HTTPConnection, FailureToConnect_SaysWhy) {
     const AddressAdmission admission(Crypto::PKX509::AddressPolicy::publicOnly());
     EXPECT_FALSE(client.connect(server.port()));
   }
-  expectFailure(client->failure(), {Kind::kRefusedAddress, 0, 0, "127.0.0.1"}, "policy");
+  expectFailure(client->failure(), {Kind::kRefusedAddress, 0, 0, "a loopback address: 127.0.0.1"},
+                "policy");
   EXPECT_TRUE(client.connect(server.port()));
   EXPECT_EQ(client->failure(), HTTP::Failure());
 }

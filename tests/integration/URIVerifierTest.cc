@@ -364,7 +364,7 @@ TEST_F(URIVerification, HostsThatAreNotAsked_StandInTheReport) {
     return exchangesOf(reportOf(leaf, how));
   };
   EXPECT_EQ(exchanges(leafWith({uri}), {.addresses = AddressPolicy::publicAndPrivate()}).back(),
-            "server refused " + uri + ": the address policy refuses: 127.0.0.1");
+            "server refused " + uri + ": the address policy refuses a loopback address: 127.0.0.1");
   EXPECT_EQ(exchanges(leafWith({uri}, {.badSignature = true}), {}).back(),
             "server refused " + uri +
                 ": no trust anchor vouches for the certificate that names the host");

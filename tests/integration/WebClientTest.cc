@@ -323,14 +323,15 @@ TEST(WebClient, AddressPolicy_JudgesEveryHop) {
   {
     const AddressAdmission admission(Policy::publicOnly().allow(Policy::Kind::kLoopback));
     const HTTP::WebAnswer answer = HTTP::ask({.uri = uri}, {});
-    expectFailure(answer.failure, {Kind::kRefusedAddress, 0, 0, "10.1.2.3"}, "second hop");
+    expectFailure(answer.failure, {Kind::kRefusedAddress, 0, 0, "a private address: 10.1.2.3"},
+                  "second hop");
     EXPECT_EQ(answer.problem, "could not connect");
     EXPECT_EQ(answer.redirects, 1U);
     EXPECT_EQ(answer.last, Uri("http://10.1.2.3/"));
   }
   const AddressAdmission admission(Policy::publicOnly());
-  expectFailure(HTTP::ask({.uri = uri}, {}).failure, {Kind::kRefusedAddress, 0, 0, "127.0.0.1"},
-                "first hop");
+  expectFailure(HTTP::ask({.uri = uri}, {}).failure,
+                {Kind::kRefusedAddress, 0, 0, "a loopback address: 127.0.0.1"}, "first hop");
   EXPECT_EQ(server.connections().size(), 1U);
 }
 

@@ -213,7 +213,8 @@ TEST(WebClientProxy, RedirectsThroughIt_AreJudgedToo) {
   const AddressAdmission admission(Policy::publicOnly());
   const HTTP::WebAnswer answer =
       HTTP::ask({.uri = Uri("http://one.example.test/a")}, {.proxy = Uri(proxy.url())});
-  expectFailure(answer.failure, {Kind::kRefusedAddress, 0, 0, "127.0.0.1"}, "third hop");
+  expectFailure(answer.failure, {Kind::kRefusedAddress, 0, 0, "a loopback address: 127.0.0.1"},
+                "third hop");
   EXPECT_EQ(answer.redirects, 2U);
   ASSERT_EQ(proxy.requests().size(), 2U);
   EXPECT_TRUE(proxy.requests().at(1).starts_with("GET http://two.example.test/b HTTP/1.1\r\n"));

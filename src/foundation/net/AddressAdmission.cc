@@ -13,7 +13,8 @@ using Policy = Crypto::PKX509::AddressPolicy;
 
 thread_local AddressAdmission* innermost = nullptr;
 
-std::optional<Policy::Kind> refusal(const Policy& policy, const boost::asio::ip::address& address) {
+std::optional<Policy::Kind> refusedKind(const Policy& policy,
+                                        const boost::asio::ip::address& address) {
   return address.is_v4() ? policy.refusal(address.to_v4().to_bytes())
                          : policy.refusal(address.to_v6().to_bytes());
 }
@@ -45,20 +46,23 @@ AddressAdmission::AddressAdmission(const Policy& policy) noexcept
 
 AddressAdmission::~AddressAdmission() { innermost = outer_; }
 
-bool AddressAdmission::admits(const boost::asio::ip::address& address) {
-  std::optional<Policy::Kind> refused = refusal(Policy::process(), address);
-  if (!refused.has_value() && innermost != nullptr) refused = refusal(innermost->policy_, address);
-  if (refused.has_value()) say(*refused, address);
-  return !refused.has_value();
+std::string AddressAdmission::refusal(const boost::asio::ip::address& address) {
+  std::optional<Policy::Kind> refused = refusedKind(Policy::process(), address);
+  if (!refused.has_value() && innermost != nullptr) {
+    refused = refusedKind(innermost->policy_, address);
+  }
+  if (!refused.has_value()) return {};
+  std::string what = std::string("a") + nameOf(*refused) + " address: " + address.to_string();
+  say(*refused, what);
+  return what;
 }
 
-void AddressAdmission::say(Policy::Kind kind, const boost::asio::ip::address& address) {
+void AddressAdmission::say(Policy::Kind kind, const std::string& what) {
   if (innermost != nullptr) {
     if (!innermost->told_.allows(kind)) return;
     innermost->told_.refuse(kind);
   }
-  log(kPriorityInfo, std::string("HTTP::Connection: the address policy refuses a") + nameOf(kind) +
-                         " address: " + address.to_string());
+  log(kPriorityInfo, "HTTP::Connection: the address policy refuses " + what);
 }
 
 }  // namespace Velantrix

@@ -12,6 +12,8 @@
 
 #include <boost/asio/ip/address.hpp>
 
+#include <string>
+
 namespace Velantrix {
 
 class AddressAdmission : private NonCopyable {
@@ -24,10 +26,12 @@ class AddressAdmission : private NonCopyable {
 
   /// Whether the address may be connected to from this thread. A refusal is logged, once for each
   /// kind while one policy is the thread's.
-  static bool admits(const boost::asio::ip::address& address);
+  static bool admits(const boost::asio::ip::address& address) { return refusal(address).empty(); }
+  /// The same; what is refused, "a loopback address: 127.0.0.1", or nothing.
+  static std::string refusal(const boost::asio::ip::address& address);
 
  private:
-  static void say(Policy::Kind kind, const boost::asio::ip::address& address);
+  static void say(Policy::Kind kind, const std::string& what);
 
   Policy policy_;
   Policy told_;  // refuses the kinds for which a line has been written

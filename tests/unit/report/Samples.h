@@ -296,8 +296,9 @@ inline FindingParts sampleOf(Rule rule) {
       return ofResponder(rule);
 
     case Rule::kAddressRefused:
-      return ofHost(rule, "http://192.168.7.1/ca.crl",
-                    {{DetailName::kError, "the address policy refuses a private address"s}});
+      return ofHost(
+          rule, "http://192.168.7.1/ca.crl",
+          {{DetailName::kError, "the address policy refuses a private address: 192.168.7.1"s}});
     case Rule::kSchemeNotSpoken:
       return ofHost(rule, "ldap://ldap.example.com/cn=Mail%20CA", {});
     case Rule::kClientIdentity:

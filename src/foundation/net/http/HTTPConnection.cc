@@ -77,9 +77,9 @@ bool Connection::open() {
     return false;
   }
   // The very address that is connected to: a name might resolve to another one the next time.
-  if (!AddressAdmission::admits(endpoint_->address())) {
-    failure_ = {.kind = Failure::Kind::kRefusedAddress,
-                .detail = detailOf(endpoint_->address().to_string())};
+  if (const std::string refused = AddressAdmission::refusal(endpoint_->address());
+      !refused.empty()) {
+    failure_ = {.kind = Failure::Kind::kRefusedAddress, .detail = detailOf(refused)};
     return false;
   }
   Failure::Kind step = Failure::Kind::kConnect;

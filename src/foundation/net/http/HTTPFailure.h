@@ -26,7 +26,7 @@ struct Failure {
     kNone,            ///< nothing went wrong
     kClientIdentity,  ///< the client's certificate or key cannot be loaded
     kResolve,         ///< the host has no address, or nobody named one in time
-    kRefusedAddress,  ///< the address policy refuses the address, which is the detail
+    kRefusedAddress,  ///< the address policy refuses the address: its kind and itself, in the detail
     kProxy,           ///< the proxy cannot be reached, or wants to know who asks
     kConnect,         ///< no TCP connection
     kTls,             ///< TLS failed, in the handshake or behind it

@@ -137,6 +137,7 @@ class Fetch {
   bool open();
   RefStream stream();
   bool admitsLiteral();
+  bool admits(const asio::ip::address& address);
   bool connect(const Tcp::endpoint& endpoint, const RefStream& stream);
   bool establish(const Tcp::endpoint& endpoint, const RefStream& stream,
                  Clock::time_point deadline);
@@ -233,7 +234,6 @@ bool Fetch::open() {
   return false;
 }
 
-// The policy judges names where they are resolved, which a proxy does elsewhere.
 // Whoever has no certificate to show is still served by servers that ask for none. One that is there and
 // cannot be loaded is for the operator to mend.
 RefStream Fetch::stream() {
@@ -249,16 +249,20 @@ RefStream Fetch::stream() {
   return streamFor(uri_, nullptr, answer_.failure, answer_.problem);
 }
 
+// The policy judges names where they are resolved, which a proxy does elsewhere.
 bool Fetch::admitsLiteral() {
   if (!viaProxy()) return true;
   const auto address = literalOf(uri_.hostname());
-  if (address.has_value() && !AddressAdmission::admits(*address)) {
-    return fail({.kind = Kind::kRefusedAddress, .detail = detailOf(address->to_string())},
-                "could not connect");
-  }
+  if (address.has_value() && !admits(*address)) return false;
   if (address.has_value() || isPlainName(uri_.hostname())) return true;
   return fail({.kind = Kind::kResolve, .detail = "no name of a host"},
               "could not resolve the host");
+}
+
+bool Fetch::admits(const asio::ip::address& address) {
+  const std::string refused = AddressAdmission::refusal(address);
+  if (refused.empty()) return true;
+  return fail({.kind = Kind::kRefusedAddress, .detail = detailOf(refused)}, "could not connect");
 }
 
 // All addresses together get no more than a host with one of them may take.
@@ -277,10 +281,7 @@ bool Fetch::connect(const Tcp::endpoint& endpoint, const RefStream& stream) {
   }
   if (timer.expired()) return fail({.kind = Kind::kNoTime}, "could not connect");
   // The very address that is connected to. The proxy's is the operator's.
-  if (!viaProxy() && !AddressAdmission::admits(endpoint.address())) {
-    return fail({.kind = Kind::kRefusedAddress, .detail = detailOf(endpoint.address().to_string())},
-                "could not connect");
-  }
+  if (!viaProxy() && !admits(endpoint.address())) return false;
   return establish(endpoint, stream, timer.deadline());
 }
 
