@@ -405,7 +405,8 @@ std::string Wording::body() const {
     case Rule::kOCSPCriticalExtension:
       return statement("a critical extension is not understood");
     case Rule::kCRLScope:
-      return statement("it does not speak about this certificate");
+      return statement("it does not speak about this certificate") +
+             after(", needed is one of ", name(DetailName::kIssuer));
     case Rule::kCRLReasons:
       return crlReasons();
     case Rule::kCRLNoBase:

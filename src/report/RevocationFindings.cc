@@ -211,6 +211,18 @@ class PlaceNames {
   std::string text_;
 };
 
+// Where the certificate says that its CRLs are.
+std::string placesOf(const RefCertificate& certificate) {
+  PlaceNames places;
+  const DistributionPoints points(*certificate.get());
+  for (int i = 0; i < std::min(points.count(), PlaceNames::kMost); ++i) {
+    const RefCRLDistributionPointName name = points[i]->distributionPointName();
+    if (!name.empty()) places.add(*name.get());
+    places.addAll(points[i]->nativeIssuers());
+  }
+  return places.text();
+}
+
 // What of a CRL's scope did not fit: its own distribution point and reasons, and where the certificate says
 // that its CRLs are.
 void addScope(FindingMaker& maker, const CertificateRevocationList& crl,
@@ -220,15 +232,12 @@ void addScope(FindingMaker& maker, const CertificateRevocationList& crl,
   try {
     PlaceNames own;
     if (!idp->distributionPointName().empty()) own.add(*idp->distributionPointName().get());
-    maker.add(DetailName::kDistributionPoint, own.text());
-    PlaceNames wanted;
-    const DistributionPoints points(*certificate.get());
-    for (int i = 0; i < std::min(points.count(), PlaceNames::kMost); ++i) {
-      const RefCRLDistributionPointName name = points[i]->distributionPointName();
-      if (!name.empty()) wanted.add(*name.get());
-      wanted.addAll(points[i]->nativeIssuers());
+    const std::string wanted = placesOf(certificate);
+    // Where it is the right place, something else did not fit.
+    if (own.text() != wanted) {
+      maker.add(DetailName::kDistributionPoint, own.text());
+      maker.add(DetailName::kNeeded, wanted);
     }
-    maker.add(DetailName::kNeeded, wanted.text());
   } catch (const Exception&) {
     // Names that cannot be read are not told.
   }

@@ -235,6 +235,18 @@ TEST_F(RevocationFindingsTest, ListOutOfScope_NamesBothSides) {
   EXPECT_EQ(text(scope, DetailName::kCoveredReasons), "keyCompromise privilegeWithdrawn");
   EXPECT_EQ(text(scope, DetailName::kIssuer), "none");
 
+  // The place is the right one.
+  outcome.setAside = {
+      {listOf({.issuer = &root,
+               .idp = IssuingDistributionPoint{.fullNames = {"URI:http://a.test/own?q=1"}}}),
+       Reason::kOtherIssuer,
+       "",
+       {}}};
+  const Finding same = findings(pointed).at(0);
+  EXPECT_EQ(text(same, DetailName::kDistributionPoint), "none");
+  EXPECT_EQ(text(same, DetailName::kNeeded), "none");
+  EXPECT_EQ(text(same, DetailName::kIssuer), "CN=CA");
+
   outcome.setAside = {{listOf({.issuer = &root}), Reason::kOtherIssuer, "", {}}};
   const Finding other = first();
   EXPECT_EQ(text(other, DetailName::kCRLIssuer), "CN=Root");
