@@ -367,7 +367,8 @@ bool CRLContainer::checkEntry(const Entry& entry, const std::list<RefCertificate
   }
   // An issuer on the path has not been verified before its signatures are.
   if (Retriever::current() != nullptr && (!issuedOnPath || isVouchedFor(issuer))) {
-    keepVerified(entry.crl->crl, issuer, entry.distributionPoint);
+    keepVerified(entry.crl->crl, issuer, entry.distributionPoint,
+                 {untrusted.begin(), untrusted.end()});
   }
   // 5.2: a CRL with a critical extension that is not understood decides nothing.
   if (list.hasUnhandledCriticalExtension()) {

@@ -16,6 +16,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -27,9 +28,10 @@ class Retriever : private NonCopyable {
   virtual RetrievedCRLs crls(const Uri& uri) = 0;
   // What the host has, although the cache had something: that was of no use.
   virtual RetrievedCRLs crlsOfHost(const Uri& uri) = 0;
-  // The CRL that the URI gave is signed by this certificate's key, and the certificate is verified.
+  // The CRL that the URI gave is signed by the key of the first certificate of the path, and that is
+  // verified. What follows are those that lead from it to its trust anchor, as far as they are known.
   virtual void verified(const Uri& uri, const RefCertificateRevocationList& crl,
-                        const RefCertificate& signer) noexcept = 0;
+                        const std::vector<RefCertificate>& path) noexcept = 0;
   struct OCSPAnswer {
     std::string body = {};  // whatever it is
     Time fetched = {};

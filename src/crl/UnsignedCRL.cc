@@ -11,9 +11,11 @@
 #include <pkx509/FixedPaths.h>
 #include <velantrix/GeneralName.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <exception>
 #include <list>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -49,6 +51,14 @@ std::list<RefGeneralName> namesOf(const RefCRLDistributionPoint& point) {
   return name.empty() ? point->issuers() : name->fullName();
 }
 
+// From the issuer on; of one that does not stand in the chain, the issuer alone.
+std::vector<RefCertificate> pathFrom(const RefCertificate& issuer,
+                                     const std::vector<RefCertificate>& chain) {
+  const auto found = std::find(chain.begin(), chain.end(), issuer);
+  if (found == chain.end()) return {issuer};
+  return {found, chain.end()};
+}
+
 }  // namespace
 
 void takeOutOfCache(const RefCertificateRevocationList& crl, const RefCertificate& certificate,
@@ -65,13 +75,15 @@ void takeOutOfCache(const RefCertificateRevocationList& crl, const RefCertificat
 }
 
 void keepVerified(const RefCertificateRevocationList& crl, const RefCertificate& issuer,
-                  const RefCRLDistributionPoint& point) noexcept {
+                  const RefCRLDistributionPoint& point,
+                  const std::vector<RefCertificate>& chain) noexcept {
   Retriever* const retriever = Retriever::current();
   if (retriever == nullptr || crl.empty() || issuer.empty()) return;
   try {
+    const std::vector<RefCertificate> path = pathFrom(issuer, chain);
     for (const RefGeneralName& name : namesOf(point)) {
       if (name.empty() || name->type() != GEN_URI || name->uri().isNull()) continue;
-      retriever->verified(name->uri(), crl, issuer);
+      retriever->verified(name->uri(), crl, path);
     }
   } catch (const std::exception&) {
     // It costs a fetch next time.

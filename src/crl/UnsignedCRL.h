@@ -6,6 +6,8 @@
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateRevocationList.h>
 
+#include <vector>
+
 namespace Velantrix::Crypto::PKX509 {
 
 // Takes a CRL of that distribution point of the certificate out of the cache, after its signature was
@@ -20,8 +22,9 @@ void takeOutOfCache(const RefCertificateRevocationList& crl, const RefCertificat
                     const RefCRLDistributionPoint& point, const RefObjectStore& store) noexcept;
 
 // Where the thread has a `Retriever`, has it keep a CRL of that distribution point: the issuer has signed it,
-// and is valid.
+// and is valid. Where it stands in the chain, what follows is its path.
 void keepVerified(const RefCertificateRevocationList& crl, const RefCertificate& issuer,
-                  const RefCRLDistributionPoint& point) noexcept;
+                  const RefCRLDistributionPoint& point,
+                  const std::vector<RefCertificate>& chain) noexcept;
 
 }  // namespace Velantrix::Crypto::PKX509

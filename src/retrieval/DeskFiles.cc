@@ -169,8 +169,9 @@ std::optional<std::string> DeskFiles::read(const std::string& name, std::size_t 
   return content;
 }
 
-// Nothing is synced: after a crash of the machine a delivery is old, and a mark that is not whole is none.
-int DeskFiles::write(const std::string& name, std::string_view head, std::string_view rest) const {
+// After a crash of the machine a delivery is old, and a mark that is not whole is none.
+int DeskFiles::write(const std::string& name, std::string_view head, std::string_view rest,
+                     Lasting lasting) const {
   int error = 0;
   const FileDescriptor directory = openToWrite(error);
   if (error != 0) return error;
@@ -185,6 +186,7 @@ int DeskFiles::write(const std::string& name, std::string_view head, std::string
   if (!file.valid()) return errno;
   error = writeAll(file.get(), head.data(), head.size());
   if (error == 0) error = writeAll(file.get(), rest.data(), rest.size());
+  if (error == 0 && lasting == Lasting::kYes && ::fsync(file.get()) != 0) error = errno;
   if (error == 0 &&
       ::renameat(directory.get(), temporary.c_str(), directory.get(), name.c_str()) != 0) {
     error = errno;

@@ -42,8 +42,11 @@ class DeskFiles {
 
   // The content of a regular file; none where there is none, it is larger, or it cannot be read.
   std::optional<std::string> read(const std::string& name, std::size_t limit) const;
+  // What has to be there after a crash of the machine is on the disk before it has its name.
+  enum class Lasting { kNo, kYes };
   // Puts `head` and `rest` in the place of what was there. 0, or the error.
-  int write(const std::string& name, std::string_view head, std::string_view rest) const;
+  int write(const std::string& name, std::string_view head, std::string_view rest,
+            Lasting lasting = Lasting::kNo) const;
   void remove(const std::string& name) const;
 
   // The file, opened to be locked; null with the error where it cannot be.

@@ -46,7 +46,7 @@ void IssuerHints::remember(const Uri& uri,
     if (text.empty() || text == files_.read(name, kMaximumSize)) return;
     files_.makeRoom(text.size());
     // A cache that cannot be written holds none of it.
-    static_cast<void>(files_.write(name, text, {}));
+    static_cast<void>(files_.write(name, text, {}, DeskFiles::Lasting::kYes));
   } catch (const std::exception&) {
     // The next one remembers it.
   }

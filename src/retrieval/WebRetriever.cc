@@ -18,11 +18,21 @@
 #include <exception>
 #include <new>
 #include <utility>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
+
 using Source = SourceRecord::Source;
+
+// Who refreshes the cache has no certificate at hand that came with its issuers. Trust anchors are where
+// they were found.
+std::vector<RefCertificate> belowAnchor(std::vector<RefCertificate> path) {
+  if (path.back()->isSelfSigned()) path.pop_back();
+  return path;
+}
+
 }  // namespace
 
 WebRetriever::WebRetriever(const RetrievalSettings& settings)
@@ -102,7 +112,7 @@ void WebRetriever::confirm(const Uri& uri, const LW::HTTP::Validators& asked,
 // Once for each that was fetched here: what is in the cache was verified when it came there, or is found
 // to be no better than what a network sends.
 void WebRetriever::verified(const Uri& uri, const RefCertificateRevocationList& crl,
-                            const RefCertificate& signer) noexcept {
+                            const std::vector<RefCertificate>& path) noexcept {
   const auto found = std::find_if(fetched_.begin(), fetched_.end(), [&](const Fetched& one) {
     return one.crl->native() == crl->native() && one.uri.asString() == uri.asString();
   });
@@ -111,15 +121,12 @@ void WebRetriever::verified(const Uri& uri, const RefCertificateRevocationList& 
   try {
     const Fetched fetched = std::move(*found);
     fetched_.erase(found);
-    EVP_PKEY* const key = X509_get0_pubkey(signer);
+    EVP_PKEY* const key = X509_get0_pubkey(path.front());
     if (key == nullptr) return;
     const VerifiedCache::Stored stored = cache_.store(uri, crl, key, fetched.notes);
     const bool isThere =
         stored == VerifiedCache::Stored::kStored || stored == VerifiedCache::Stored::kSame;
-    // Who refreshes the cache has no certificate at hand that came with its issuers.
-    if (isThere && !signer->isSelfSigned()) {
-      IssuerHints(kCRLCacheDirectory).remember(uri, {signer});
-    }
+    if (isThere) IssuerHints(kCRLCacheDirectory).remember(uri, belowAnchor(path));
   } catch (const std::bad_alloc&) {
     Shortfall::note();
   } catch (const std::exception& failure) {

@@ -23,7 +23,7 @@ class WebRetriever : public Retriever {
   RetrievedCRLs crls(const Uri& uri) override;
   RetrievedCRLs crlsOfHost(const Uri& uri) override;
   void verified(const Uri& uri, const RefCertificateRevocationList& crl,
-                const RefCertificate& signer) noexcept override;
+                const std::vector<RefCertificate>& path) noexcept override;
   bool wantsNonce() const noexcept override { return !settings_.preferCacheableOCSP; }
   std::optional<OCSPAnswer> ocsp(const Uri& responder, const std::string& request) override;
   void isOfUse(const Uri& responder, const std::string& request, const OCSPAnswer& answer,

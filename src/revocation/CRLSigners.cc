@@ -27,7 +27,7 @@ void CRLSigners::authenticate(std::list<CRLCandidate>& candidates) {
     authenticate(candidate);
     const bool forSure = candidate.counts() && candidate.restsOn.empty();
     if (forSure && candidate.uri) {
-      sources_.isGenuine(*candidate.uri, candidate.crl, candidate.signer);
+      sources_.isGenuine(*candidate.uri, candidate.crl, standings_.pathOf(candidate.signer, path_));
     }
   }
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "revocation/Offered.h"
+#include "revocation/Path.h"
 
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateRevocationList.h>
@@ -31,10 +32,10 @@ class RevocationSources : private NonCopyable {
   // forgery names, so it is forgotten. This verification goes on with what it has.
   virtual void isForged(const Uri& /*uri*/, const RefCertificateRevocationList& /*crl*/) {}
 
-  // A CRL that the URI gave is signed by the signer's key, and the signer's certificate is valid and not
-  // revoked.
+  // A CRL that the URI gave is signed by the key of the certificate that the path begins with, which is
+  // valid and not revoked. The path ends with its trust anchor.
   virtual void isGenuine(const Uri& /*uri*/, const RefCertificateRevocationList& /*crl*/,
-                         const RefCertificate& /*signer*/) {}
+                         const Path& /*path*/) {}
   // What the host of the URI has, where what lies in a cache for it is of no use.
   virtual Offers<RefCertificateRevocationList> crlsOfHost(const Uri& /*uri*/) { return {}; }
 

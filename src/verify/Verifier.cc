@@ -3,6 +3,7 @@
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
 #include "report/PathFindings.h"
+#include "verify/BuiltChain.h"
 #include "verify/ContextObjection.h"
 #include "verify/Examined.h"
 #include "verify/FailureText.h"
@@ -362,9 +363,10 @@ void Verifier::keepHandedOut(X509* x) {
   if (Retriever::current() == nullptr || state_->handedOut.empty() || issuer.empty()) return;
   const ChainSubject subject(x, state_->vouchedChain());
   if (!isVouchedFor(issuer)) return;
+  const std::vector<RefCertificate> chain = chainOf(state_->context.get());
   for (const RefCRLDistributionPoint& point :
        CertificateFactory()(x, false)->crlDistributionPoints()) {
-    keepVerified(state_->handedOut, issuer, point);
+    keepVerified(state_->handedOut, issuer, point, chain);
   }
 }
 

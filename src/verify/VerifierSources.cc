@@ -288,8 +288,8 @@ void VerifierSources::isForged(const Uri& uri, const RefCertificateRevocationLis
 }
 
 void VerifierSources::isGenuine(const Uri& uri, const RefCertificateRevocationList& crl,
-                                const RefCertificate& signer) {
-  if (Retriever* const retriever = Retriever::current()) retriever->verified(uri, crl, signer);
+                                const Revocation::Path& path) {
+  if (Retriever* const retriever = Retriever::current()) retriever->verified(uri, crl, path);
 }
 
 Offers<RefCertificateRevocationList> VerifierSources::crlsOfHost(const Uri& uri) {

@@ -38,7 +38,7 @@ class VerifierSources : public Revocation::RevocationSources {
   Revocation::Offers<RefCertificateRevocationList> crls(const Uri& uri) override;
   void isForged(const Uri& uri, const RefCertificateRevocationList& crl) override;
   void isGenuine(const Uri& uri, const RefCertificateRevocationList& crl,
-                 const RefCertificate& signer) override;
+                 const Revocation::Path& path) override;
   Revocation::Offers<RefCertificateRevocationList> crlsOfHost(const Uri& uri) override;
   std::shared_ptr<void> shareForResponders() override;
   bool wantsNonce() const override;

@@ -175,32 +175,47 @@ TEST_F(WebRetrieval, VerifierThatIsToldTo_FetchesAndCachesTheSameWay) {
   }
 }
 
-// The intermediate CA came along with the certificate, and is in no directory.
+// The intermediate CAs came along with the certificate, and are in no directory.
 TEST_F(WebRetrieval, WhoRefreshes_KnowsTheIssuersOfWhatVerificationsStored) {
-  const Issued inter = issueCA("O=Test,CN=Intermediate", &ca);
-  const Owned<X509_CRL> list = makeCRL({.issuer = &inter, .number = 5});
-  const FaultServer server(Scripts::answer(der(list.get())));
-  const Issued leaf =
-      issue({.subject = "O=Test,CN=Leaf",
-             .issuer = &inter,
-             .crlDistributionPoints = {{.fullNames = {"URI:" + server.url("/i")}}}});
-  World world;
-  world.trust(ca);
-  world.publish({.issuer = &ca});
-  ConformingVerifier verifier(world.store, handle(leaf), stackOf({inter}));
-  verifier.addressPolicy(AddressPolicy());
-  ASSERT_EQ(verifier.isValid(), X509_V_OK);
+  enum class By { kConforming, kClassic, kOpenSSL };
+  const Issued upper = issueCA("O=Test,CN=Upper", &ca);
+  const Issued lower = issueCA("O=Test,CN=Lower", &upper);
+  const Owned<X509_CRL> list = makeCRL({.issuer = &lower, .number = 5});
+  for (const By by : {By::kConforming, By::kClassic, By::kOpenSSL}) {
+    clearPrivateView();
+    const FaultServer server(Scripts::answer(der(list.get())));
+    const Issued leaf =
+        issue({.subject = "O=Test,CN=Leaf",
+               .issuer = &lower,
+               .crlDistributionPoints = {{.fullNames = {"URI:" + server.url("/i")}}}});
+    World world;
+    world.trust(ca);
+    world.publish({.issuer = &ca});
+    world.publish({.issuer = &upper});
+    if (by == By::kConforming) {
+      ConformingVerifier verifier(world.store, handle(leaf), stackOf({upper, lower}));
+      verifier.addressPolicy(AddressPolicy());
+      ASSERT_EQ(verifier.isValid(), X509_V_OK);
+    } else {
+      world.store->add(std::list{handle(upper), handle(lower)});  // as programs do for it
+      Verifier::Config config;
+      Verifier verifier(world.store, handle(leaf), stackOf({upper, lower}), config,
+                        by == By::kOpenSSL);
+      verifier.retrieval(RetrievalSettings());
+      ASSERT_EQ(verifier.isValid(), X509_V_OK);
+    }
 
-  const TempDir trust;
-  addToDirectory(trust.path(), ca.get());
-  RefreshSettings settings;
-  settings.trustDirectory = trust.string();
-  settings.addresses = AddressPolicy();
-  const CRLRefresh round = refresh(settings);
-  ASSERT_EQ(round.entries().size(), 1U);
-  EXPECT_EQ(round.entries().front().result, CRLRefresh::Result::kKept)
-      << round.entries().front().reason;
-  EXPECT_EQ(server.connections().size(), 1U);
+    const TempDir trust;
+    addToDirectory(trust.path(), ca.get());
+    RefreshSettings settings;
+    settings.trustDirectory = trust.string();
+    settings.addresses = AddressPolicy();
+    const CRLRefresh round = refresh(settings);
+    ASSERT_EQ(round.entries().size(), 1U);
+    EXPECT_EQ(round.entries().front().result, CRLRefresh::Result::kKept)
+        << static_cast<int>(by) << round.entries().front().reason;
+    EXPECT_EQ(server.connections().size(), 1U);
+  }
 }
 
 // Each a process of its own with threads of its own.
