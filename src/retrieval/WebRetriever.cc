@@ -35,15 +35,22 @@ std::vector<RefCertificate> belowAnchor(std::vector<RefCertificate> path) {
 
 }  // namespace
 
-WebRetriever::WebRetriever(const RetrievalSettings& settings)
-    : settings_(settings), desk_(kCRLCacheDirectory), cache_(kCRLCacheDirectory) {}
+FetchDesk& WebRetriever::desk() {
+  if (!desk_) desk_.emplace(kCRLCacheDirectory);
+  return *desk_;
+}
+
+VerifiedCache& WebRetriever::cache() {
+  if (!cache_) cache_.emplace(kCRLCacheDirectory);
+  return *cache_;
+}
 
 // What lies in the cache may be anybody's, and only saves the asking.
 std::optional<VerifiedCache::Entry> WebRetriever::readCache(const Uri& uri) {
   SourceUse use = cacheUse(uri);
   std::optional<VerifiedCache::Entry> entry;
   try {
-    use.during([&] { entry = cache_.read(uri); });
+    use.during([&] { entry = cache().read(uri); });
   } catch (const std::bad_alloc&) {
     Shortfall::note();
   } catch (const std::exception& failure) {
@@ -86,7 +93,7 @@ RetrievedCRLs WebRetriever::crlsOfHost(const Uri& uri) {
 void WebRetriever::ask(const Uri& uri, const LW::HTTP::Validators& validators,
                        RetrievedCRLs& answer) {
   try {
-    const FetchedCRL fetched = fetchCRL(uri, validators, settings_, desk_);
+    const FetchedCRL fetched = fetchCRL(uri, validators, settings_, desk());
     if (fetched.result == FetchedCRL::Result::kNotModified) {
       return confirm(uri, validators, fetched.notes);
     }
@@ -103,7 +110,7 @@ void WebRetriever::ask(const Uri& uri, const LW::HTTP::Validators& validators,
 void WebRetriever::confirm(const Uri& uri, const LW::HTTP::Validators& asked,
                            const VerifiedCache::Notes& notes) noexcept {
   try {
-    cache_.confirm(uri, asked, notes);
+    cache().confirm(uri, asked, notes);
   } catch (const std::exception&) {
     // The next one asks again.
   }
@@ -123,7 +130,7 @@ void WebRetriever::verified(const Uri& uri, const RefCertificateRevocationList& 
     fetched_.erase(found);
     EVP_PKEY* const key = X509_get0_pubkey(path.front());
     if (key == nullptr) return;
-    const VerifiedCache::Stored stored = cache_.store(uri, crl, key, fetched.notes);
+    const VerifiedCache::Stored stored = cache().store(uri, crl, key, fetched.notes);
     const bool isThere =
         stored == VerifiedCache::Stored::kStored || stored == VerifiedCache::Stored::kSame;
     if (isThere) IssuerHints(kCRLCacheDirectory).remember(uri, belowAnchor(path));
@@ -144,7 +151,7 @@ std::optional<Retriever::OCSPAnswer> WebRetriever::ocsp(const Uri& responder,
       return OCSPAnswer{.body = kept->body, .fetched = kept->fetched, .kept = true};
     }
   }
-  std::optional<std::string> body = retrieveOCSP(responder, request, settings_, desk_);
+  std::optional<std::string> body = retrieveOCSP(responder, request, settings_, desk());
   if (!body) return std::nullopt;
   return OCSPAnswer{.body = *std::move(body), .fetched = Time::now()};
 }

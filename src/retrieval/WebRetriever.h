@@ -18,7 +18,9 @@ namespace Velantrix::Crypto::PKX509 {
 
 class WebRetriever : public Retriever {
  public:
-  explicit WebRetriever(const RetrievalSettings& settings);
+  // The settings are borrowed. Every verification has one of these, and most need no URI: until one is asked
+  // for, nothing is allocated.
+  explicit WebRetriever(const RetrievalSettings& settings) noexcept : settings_(settings) {}
 
   RetrievedCRLs crls(const Uri& uri) override;
   RetrievedCRLs crlsOfHost(const Uri& uri) override;
@@ -40,12 +42,15 @@ class WebRetriever : public Retriever {
 
   std::optional<VerifiedCache::Entry> readCache(const Uri& uri);
   void ask(const Uri& uri, const LW::HTTP::Validators& validators, RetrievedCRLs& answer);
+
   void confirm(const Uri& uri, const LW::HTTP::Validators& asked,
                const VerifiedCache::Notes& notes) noexcept;
+  FetchDesk& desk();
+  VerifiedCache& cache();
 
-  RetrievalSettings settings_;
-  FetchDesk desk_;
-  VerifiedCache cache_;
+  const RetrievalSettings& settings_;
+  std::optional<FetchDesk> desk_;
+  std::optional<VerifiedCache> cache_;
   std::vector<Fetched> fetched_;
 };
 
