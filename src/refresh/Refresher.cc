@@ -117,8 +117,13 @@ class Attempt {
   }
 
   CRLRefresh::Entry ask() {
-    const FetchedCRL answer = means_.fetch(uri_, validators_);
+    FetchedCRL answer = means_.fetch(uri_, validators_);
     now_ = means_.now();
+    // What is of no use may have come by its validators from anybody.
+    if (answer.result == FetchedCRL::Result::kNotModified && !holdsGood()) {
+      answer = means_.fetch(uri_, {});
+      now_ = means_.now();
+    }
     switch (answer.result) {
       case FetchedCRL::Result::kFetched:
         return take(answer);
@@ -133,8 +138,7 @@ class Attempt {
   }
 
   CRLRefresh::Entry isConfirmed(const VerifiedCache::Notes& notes) {
-    if (held_.crl.empty()) return fail("the host has not sent what it was asked for");
-    if (!holdsGood()) return fail("the host has none newer than the one that has run out");
+    if (!holdsGood()) return fail("the host has not sent what it was asked for");
     means_.confirm(uri_, validators_, notes);
     held_.life.confirmed = notes.fetched;
     return end(Result::kNotModified, held_);

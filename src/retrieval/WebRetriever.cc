@@ -93,9 +93,11 @@ RetrievedCRLs WebRetriever::crlsOfHost(const Uri& uri) {
 void WebRetriever::ask(const Uri& uri, const LW::HTTP::Validators& validators,
                        RetrievedCRLs& answer) {
   try {
-    const FetchedCRL fetched = fetchCRL(uri, validators, settings_, desk());
+    FetchedCRL fetched = fetchCRL(uri, validators, settings_, desk());
+    // It was asked since what the cache has is of no use by now, and who wrote that may have given it the
+    // validators of something else.
     if (fetched.result == FetchedCRL::Result::kNotModified) {
-      return confirm(uri, validators, fetched.notes);
+      fetched = fetchCRL(uri, {}, settings_, desk());
     }
     answer.cut = fetched.crl.empty() && LW::HTTP::isHandled(uri);
     if (fetched.crl.empty()) return;
@@ -104,15 +106,6 @@ void WebRetriever::ask(const Uri& uri, const LW::HTTP::Validators& validators,
   } catch (const std::bad_alloc&) {
     Shortfall::note();
     answer.cut = true;
-  }
-}
-
-void WebRetriever::confirm(const Uri& uri, const LW::HTTP::Validators& asked,
-                           const VerifiedCache::Notes& notes) noexcept {
-  try {
-    cache().confirm(uri, asked, notes);
-  } catch (const std::exception&) {
-    // The next one asks again.
   }
 }
 

@@ -43,8 +43,6 @@ class WebRetriever : public Retriever {
   std::optional<VerifiedCache::Entry> readCache(const Uri& uri);
   void ask(const Uri& uri, const LW::HTTP::Validators& validators, RetrievedCRLs& answer);
 
-  void confirm(const Uri& uri, const LW::HTTP::Validators& asked,
-               const VerifiedCache::Notes& notes) noexcept;
   FetchDesk& desk();
   VerifiedCache& cache();
 

@@ -100,15 +100,32 @@ TEST_F(RefresherTest, SameOctetsOnceMore_AreNotModified) {
   EXPECT_EQ(refreshWith(crl(-70, 30, 5)).result, Result::kNotModified);
 }
 
-TEST_F(RefresherTest, NotModifiedOfWhatHasRunOut_IsAFailure) {
+// Its validators may be those of another, whoever wrote them there.
+TEST_F(RefresherTest, NotModifiedOfWhatHasRunOut_IsAskedForOnceMore) {
   hold(crl(-100, -1, 5));
-  means.answer = [this](const Uri&) { return means.hasNothingNew(); };
-  const CRLRefresh::Entry entry = refresh();
-  EXPECT_EQ(entry.result, Result::kFailed);
-  EXPECT_EQ(entry.reason, "the host has none newer than the one that has run out");
-  EXPECT_EQ(entry.nextUpdate, std::nullopt);
-  EXPECT_EQ(entry.due, Schedule::after(means.time, Schedule::kRound));
-  EXPECT_EQ(means.sent.etag, "\"1\"");
+  const RefCertificateRevocationList late = crl(-100, -1, 5);
+  const RefCertificateRevocationList next = crl(-1, 99, 6);
+  const struct {
+    RefCertificateRevocationList whole;
+    Result result;
+    std::string reason;
+  } rows[] = {{{}, Result::kFailed, "the host has not sent what it was asked for"},
+              {late, Result::kFailed, "what the host has has run out"},
+              {next, Result::kUpdated, ""}};
+  for (const auto& row : rows) {
+    std::vector<std::string> asked;
+    means.answer = [&](const Uri&) {
+      asked.push_back(means.sent.etag);
+      const bool whole = means.sent.empty() && !row.whole.empty();
+      return whole ? means.sends(row.whole) : means.hasNothingNew();
+    };
+    const CRLRefresh::Entry entry = refresh();
+    EXPECT_EQ(entry.result, row.result) << row.reason;
+    EXPECT_EQ(entry.reason, row.reason);
+    EXPECT_EQ(entry.nextUpdate.has_value(), row.result == Result::kUpdated);
+    EXPECT_EQ(asked, (std::vector<std::string>{"\"1\"", ""}));
+  }
+  EXPECT_EQ(means.confirmed, 0);
 }
 
 TEST_F(RefresherTest, FailureOfTheHost_LeavesTheOldOneAndIsNotRepeatedAtOnce) {
