@@ -38,7 +38,8 @@ struct PKX509_EXPORT RefreshSettings {
   /// Hash directory of the trust anchors, in PEM. A CRL is stored only when the path of its issuer ends
   /// there. The CRL distribution points of the certificates in it are fetched too.
   std::string trustDirectory = kCADirectory;
-  /// Further URIs, http or https, beside those that the cache holds CRLs for.
+  /// Further URIs, http or https, beside those that the cache holds CRLs for, and those where these say
+  /// that their delta CRLs are (RFC 5280, 5.2.6; four of each).
   std::vector<Uri> uris = {};
   /// Theirs too. They may be the issuers of CRLs, and stand in the middle of the paths of these;
   /// nothing about them is trusted.

@@ -1,5 +1,6 @@
 #include "foundation/base/DotSegments.h"
 #include "foundation/base/NoCancellation.h"
+#include "foundation/model/DistributionPoints.h"
 #include "foundation/net/Cancellation.h"
 #include "foundation/run/VerificationRun.h"
 #include "refresh/RefreshRound.h"
@@ -13,7 +14,11 @@
 #include <velantrix/Exception.h>
 #include <velantrix/File.h>
 
+#include <openssl/objects.h>
+#include <openssl/x509.h>
+
 #include <algorithm>
+#include <cstddef>
 #include <exception>
 #include <string_view>
 #include <utility>
@@ -48,6 +53,11 @@ bool isOfCertificate(std::string_view name) {
 }
 
 bool isWeb(const Uri& uri) { return uri.scheme() == "http:" || uri.scheme() == "https:"; }
+
+// URIs of delta CRLs that the CRLs of the cache name, all together and one of them: several hosts may have
+// the same.
+constexpr std::size_t kMostDeltas = 1000;
+constexpr std::size_t kMostDeltasOfOne = 4;
 
 // Of one round: what it is about, and until when.
 class Round {
@@ -106,10 +116,31 @@ class Round {
   }
 
   static void addHeld(std::vector<Uri>& uris) {
+    std::size_t deltas = 0;
     VerifiedCache(kCRLCacheDirectory).visit([&](const VerifiedCache::Listed& file) {
       const Uri uri(file.uri);
       if (isWeb(uri)) uris.push_back(uri);
+      if (!file.crl.empty() && deltas < kMostDeltas) deltas += addDeltasOf(file.crl, uris);
     });
+  }
+
+  // How many. What lies in the cache may be anybody's, so that it does not name any number.
+  static std::size_t addDeltasOf(const RefCertificateRevocationList& crl, std::vector<Uri>& uris) {
+    if (crl->isDeltaCRL()) return 0;  // RFC 5280, 5.2.6: it has none of its own
+    std::size_t count = 0;
+    try {
+      const DistributionPoints freshest(X509_CRL_get0_extensions(crl), NID_freshest_crl,
+                                        "X509::CertificateRevocationList");
+      Revocation::forEachPlace(freshest, crl->crlInfo().issuer(),
+                               [&](const Revocation::Place& place) {
+                                 if (!place.uri || !isWeb(*place.uri)) return true;
+                                 uris.push_back(*place.uri);
+                                 return ++count < kMostDeltasOfOne;
+                               });
+    } catch (const Exception&) {
+      return count;  // what is broken names no more
+    }
+    return count;
   }
 
   // What is left of the round for the next one; none where there is no bound.

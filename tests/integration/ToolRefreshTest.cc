@@ -191,6 +191,33 @@ TEST_F(ToolRefresh, CertificatesAndTrustDirectory_NameCRLsAndIssuers_WhichAreRem
   EXPECT_NE(cached(ofRoot), "");
 }
 
+// RFC 5280, 5.2.6.
+TEST_F(ToolRefresh, DeltasThatCRLsOfTheCacheName_AreRefreshedToo) {
+  const std::string nowhere = server.url("/nowhere.crl");
+  const auto at = [](std::vector<std::string> uris) {
+    for (std::string& uri : uris) uri.insert(0, "URI:");
+    return std::vector<DistributionPoint>{{.fullNames = uris}};
+  };
+  const std::string delta = publish(
+      {.number = Serial(2), .deltaBase = Serial(1), .freshestCRL = at({nowhere})}, "delta.crl");
+  const std::string base = publish(
+      {.number = Serial(1), .freshestCRL = at({"ldap://127.0.0.1/CN=Root", delta})}, "base.crl");
+  EXPECT_EQ(refreshed(listed({base}), 0).size(), 1U);
+  const json both = refreshed({}, 0);
+  ASSERT_EQ(both.size(), 2U);
+  EXPECT_EQ(both.at(1).at("uri"), delta);
+  EXPECT_EQ(both.at(1).at("result"), "updated");
+  EXPECT_EQ(cached(delta).find("URI: " + delta), 0U) << cached(delta);
+  EXPECT_EQ(refreshed({}, 0).size(), 2U) << "a delta CRL names none";
+
+  std::vector<std::string> many;
+  for (int i = 0; i < 20; ++i) many.push_back(nowhere + std::to_string(i));
+  publish({.number = Serial(3), .freshestCRL = at(many)}, "base.crl");
+  letDeliveriesGo();
+  EXPECT_EQ(refreshed({"--all"}, 0).size(), 2U);
+  EXPECT_EQ(refreshed({}, 2).size(), 6U);
+}
+
 // One is waited for; the others of the host meet its mark.
 TEST_F(ToolRefresh, DeadHost_IsAskedOnce) {
   const ReservedPort port;
