@@ -291,7 +291,7 @@ TEST_F(FailureReportRevocation, CRLIssuers) {
                              .code = X509_V_ERR_DIFFERENT_CRL_SCOPE,
                              .values = byOther.values + number,
                              .origin = byOther.origin,
-                             .inLine = {"#41", nameOf(lists)}});
+                             .inLine = {"#41", nameOf(lists), "needed is one of "}});
   other.untrusted.push_back(lists);
   expect({revoked, circle, itself,
           failureOf("indirect, and nobody knows its issuer", orphaned,
