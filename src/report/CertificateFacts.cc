@@ -1,17 +1,17 @@
 #include "report/CertificateFacts.h"
 
 #include "foundation/base/Hex.h"
+#include "foundation/base/Recent.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
 
 #include <openssl/evp.h>
 
-#include <algorithm>
-#include <array>
-#include <cstdint>
-#include <mutex>
-#include <utility>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -44,64 +44,34 @@ std::shared_ptr<const CertificateFacts> makeFacts(const RefCertificate& certific
   return facts;
 }
 
-// A handful: what is on the paths of now. Strangers' certificates pass through it.
-class FactsMemory {
- public:
-  static FactsMemory& ofProcess() {
-    static FactsMemory& memory = *new FactsMemory;  // never destroyed: threads may report at exit
-    return memory;
-  }
-
-  // Nobody waits, neither for another thread nor, after a fork, for one that is no more.
-  std::shared_ptr<const CertificateFacts> recall(const X509* certificate) {
-    const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
-    if (!lock.owns_lock()) return nullptr;
-    const auto known = std::find_if(entries_.begin(), entries_.end(), [&](const Entry& entry) {
-      return entry.certificate.get() == certificate;
-    });
-    if (known == entries_.end()) return nullptr;
-    known->used = ++now_;
-    return known->facts;
-  }
-
-  void remember(X509* certificate, const std::shared_ptr<const CertificateFacts>& facts) {
-    if (facts->encodedSize > kMaximumSize) return;
-    Entry entry{newReference(certificate, kHere), facts, 0};  // what it replaces is freed unlocked
-    const std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
-    if (!lock.owns_lock()) return;
-    entry.used = ++now_;
-    std::swap(*std::min_element(
-                  entries_.begin(), entries_.end(),
-                  [](const Entry& one, const Entry& other) { return one.used < other.used; }),
-              entry);
-  }
-
- private:
-  static constexpr std::size_t kMaximumSize = std::size_t{16} * 1024;
-
-  struct Entry {
-    Owned<X509> certificate;  // held, so that no other comes to its place
-    std::shared_ptr<const CertificateFacts> facts;
-    std::uint64_t used = 0;
-  };
-
-  std::mutex mutex_;
-  std::array<Entry, 64> entries_;
-  std::uint64_t now_ = 0;
+// Of those that are on the paths of now; strangers' pass through it. The certificate is held, so that no
+// other comes to its place.
+struct Known {
+  std::shared_ptr<X509> certificate;
+  std::shared_ptr<const CertificateFacts> facts;
 };
+using KnownOnes = Recent<const X509*, Known, 64>;
+constexpr std::size_t kMaximumSize = std::size_t{16} * 1024;  // of one that is held
+
+KnownOnes& knownOnes() {
+  static KnownOnes& known = *new KnownOnes;  // threads may report at exit
+  return known;
+}
 
 }  // namespace
 
 std::shared_ptr<const CertificateFacts> factsAbout(const RefCertificate& certificate,
                                                    NameTexts& texts) {
-  FactsMemory& memory = FactsMemory::ofProcess();
-  if (auto known = memory.recall(certificate)) {
-    texts.add(X509_get_subject_name(certificate), known->subject.subject());
-    texts.add(X509_get_issuer_name(certificate), known->subject.issuer());
-    return known;
+  X509* const native = certificate;
+  if (const std::optional<Known> known = knownOnes().recall(native)) {
+    texts.add(X509_get_subject_name(native), known->facts->subject.subject());
+    texts.add(X509_get_issuer_name(native), known->facts->subject.issuer());
+    return known->facts;
   }
   auto facts = makeFacts(certificate, texts);
-  memory.remember(certificate, facts);
+  if (facts->encodedSize <= kMaximumSize) {
+    knownOnes().remember(native, {newReference(native, kHere), facts});
+  }
   return facts;
 }
 

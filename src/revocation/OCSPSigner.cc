@@ -2,6 +2,7 @@
 
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/model/StrictTime.h"
+#include "foundation/openssl/KnownSignatures.h"
 #include "foundation/openssl/MemoryCheck.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "revocation/SignatureStrength.h"
@@ -66,15 +67,6 @@ bool haveSameKey(const X509* one, const X509* other) {
   return key != nullptr && otherKey != nullptr && EVP_PKEY_eq(key, otherKey) == 1;
 }
 
-bool isSignedBy(X509* certificate, const X509* issuer) {
-  EVP_PKEY* const key = X509_get0_pubkey(issuer);
-  if (key == nullptr) return false;
-  const MemoryCheck memory;
-  const bool isSigned = X509_verify(certificate, key) == 1;
-  if (!isSigned) memory.orThrow();
-  return isSigned;
-}
-
 class SignerSearch {
  public:
   SignerSearch(const OCSP_BASICRESP* basic, const RefCertificate& certificate,
@@ -137,7 +129,7 @@ class SignerSearch {
     try {
       return !isInQuestion(candidate) && candidate->issuer() == issuer_->subject() &&
              hasOCSPSigning(candidate) && hasKeyUsageForAnswers(candidate) &&
-             isSignedBy(candidate, issuer_);
+             isSignedByHolder(candidate, issuer_);
     } catch (const Exception&) {
       return false;  // an extension that cannot be read allows nothing
     }

@@ -1,7 +1,8 @@
 #include "verify/VouchedChain.h"
 
 #include "foundation/base/Log.h"
-#include "foundation/openssl/MemoryCheck.h"
+#include "foundation/openssl/KnownSignatures.h"
+#include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
 #include "foundation/run/VerificationRun.h"
 
@@ -127,12 +128,7 @@ bool VouchedChain::verifyNext() const {
   if (lowest_ == chain_.size()) return true;  // the anchor itself
   X509* const certificate = chain_[lowest_ - 1].get();
   if (certificate == nullptr) return false;
-  const ErrorScope errors;
-  const MemoryCheck memory;
-  EVP_PKEY* const key = X509_get0_pubkey(chain_[lowest_].get());
-  if (key != nullptr && X509_verify(certificate, key) == 1) return true;
-  memory.orThrow();
-  return false;
+  return isSignedByHolder(certificate, chain_[lowest_].get());
 }
 
 bool ChainSubject::admits() {
