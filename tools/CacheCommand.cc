@@ -41,7 +41,8 @@ int listAsJson() {
   const Time now = Time::now();
   Value::Array all;
   visitCache(
-      [&](const CRLCacheView::Entry& entry) { all.push_back(jsonOf(CacheFile(entry, now), now)); });
+      [&](const CRLCacheView::Entry& entry) { all.push_back(jsonOf(CacheFile(entry, now), now)); },
+      [&](const CRLCacheView::Failing& failing) { all.push_back(jsonOf(failing)); });
   writeOutput(jsonText(all));
   return kAllValid;
 }
@@ -52,7 +53,8 @@ int list(const ListOptions& options) {
   const Time now = Time::now();
   CacheTable table(style, now);
   visitCache(
-      [&](const CRLCacheView::Entry& entry) { writeOutput(table.add(CacheFile(entry, now))); });
+      [&](const CRLCacheView::Entry& entry) { writeOutput(table.add(CacheFile(entry, now))); },
+      [&](const CRLCacheView::Failing& failing) { writeOutput(table.add(failing)); });
   writeOutput(table.sum());
   return kAllValid;
 }
@@ -62,14 +64,17 @@ Output:
   For each file of the cache, /var/spool/crypto/crl_cache, in the order of their names: how long the CRL
   is good for, its number, how many certificates it lists, how large the file is, and when its host last
   gave or confirmed it; below that the URI, the issuer, thisUpdate and nextUpdate, and what was wrong at
-  the last fetch and how long nobody will ask again. The last line has the sums. Texts are cut after four
-  lines; --json has them whole.
+  the last fetch and how long nobody will ask again. After the files come URIs, hosts and OCSP responders
+  that failed and have no file there. The last line has the sums. Texts are cut after four lines; --json
+  has them whole.
   With --json an array of an object for each, with the keys schemaVersion (1), type ("cache-file"), state
   ("fresh", "expired" or "unreadable"), file, uri, issuer, crlNumber, thisUpdate, nextUpdate,
   secondsLeft, entries, size, stored, fetched, problem and failure, of which those are null that there
   are not; failure has at, until, inARow, reason, httpStatus, errno and ofHost. docs/pkx509.schema.json
   describes them.
-  URIs are shown as they are, queries and passwords included.
+  What failed without a file has type ("failing"), of ("uri", "host" or "responder"), uri, sha256 and
+  failure.
+  URIs of files are shown as they are, queries and passwords included; those of others without.
 
 Exit status:
   0  Told, whatever there was.
@@ -145,7 +150,8 @@ Examples:
 int metrics(const std::string& output) {
   CacheMetrics collected(Time::now());
   visitCache(
-      [&](const CRLCacheView::Entry& entry) { collected.add(CacheFile(entry, Time::now())); });
+      [&](const CRLCacheView::Entry& entry) { collected.add(CacheFile(entry, Time::now())); },
+      [&](const CRLCacheView::Failing& failing) { collected.add(failing); });
   const std::string text = collected.text();
   if (output.empty()) {
     writeOutput(text);
@@ -166,7 +172,8 @@ Output:
   The text format of Prometheus, for the textfile collector of its node exporter. For each CRL in the
   cache pkx509_crl_next_update_seconds (until it runs out, negative afterwards), pkx509_crl_age_seconds
   (since thisUpdate), pkx509_crl_fetch_age_seconds (since the host gave or confirmed it),
-  pkx509_crl_size_bytes and pkx509_crl_entries; for each URI pkx509_crl_failures (in a row); and in all
+  pkx509_crl_size_bytes and pkx509_crl_entries; for each URI pkx509_crl_failures (in a row), also for one
+  that has no file, for a host, and for an OCSP responder, which has "ocsp:" before its URI; and in all
   pkx509_crl_cache_files, _bytes, _expired, _unreadable and _failing.
   The label uri is the URI without user, password, query and fragment. Where one of these was left out
   there is a label digest as well, 32 digits of the SHA-256 of the URI's normal form, so that URIs that

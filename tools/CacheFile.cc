@@ -23,6 +23,27 @@ void describe(CacheFile& file, const RefCertificateRevocationList& crl, const Ti
       file.expires && *file.expires < now ? CacheFile::State::kExpired : CacheFile::State::kFresh;
 }
 
+template <class Work>
+void reporting(Work&& work) {
+  try {
+    work();
+  } catch (const Exception& error) {
+    throw ToolError(reasonOf(error));
+  }
+}
+
+std::string_view wordOf(CRLCacheView::Failing::Of of) noexcept {
+  switch (of) {
+    case CRLCacheView::Failing::Of::kHost:
+      return "host";
+    case CRLCacheView::Failing::Of::kResponder:
+      return "responder";
+    case CRLCacheView::Failing::Of::kURI:
+      break;
+  }
+  return "uri";
+}
+
 Value orNull(const std::string& text) { return text.empty() ? Value() : Value(text); }
 Value orNull(const std::optional<Time>& time) { return time ? Value(timeText(*time)) : Value(); }
 
@@ -56,11 +77,11 @@ CacheFile::CacheFile(const CRLCacheView::Entry& entry, const Time& now)
 }
 
 void visitCache(const CRLCacheView::Visitor& visitor) {
-  try {
-    CRLCacheView().visit(visitor);
-  } catch (const Exception& error) {
-    throw ToolError(reasonOf(error));
-  }
+  reporting([&] { CRLCacheView().visit(visitor); });
+}
+
+void visitCache(const CRLCacheView::Visitor& visitor, const CRLCacheView::FailingVisitor& failing) {
+  reporting([&] { CRLCacheView().visit(visitor, failing); });
 }
 
 std::string_view wordOf(CacheFile::State state) noexcept {
@@ -94,6 +115,12 @@ Value jsonOf(const CacheFile& file, const Time& now) {
       {"fetched", orNull(file.fetched)},
       {"problem", orNull(file.problem)},
       {"failure", jsonOf(file.failure)}};
+}
+
+Value jsonOf(const CRLCacheView::Failing& failing) {
+  return Value::Object{{"schemaVersion", kSchemaVersion}, {"type", "failing"},
+                       {"of", wordOf(failing.of)},        {"uri", failing.place},
+                       {"sha256", failing.sha256},        {"failure", jsonOf(failing.failure)}};
 }
 
 }  // namespace Velantrix::Tool

@@ -42,10 +42,14 @@ struct CacheFile {
 /// The machine's cache, a file after the other.
 /// @throws ToolError when it cannot be read
 void visitCache(const Crypto::PKX509::CRLCacheView::Visitor& visitor);
+/// The same, and then what failed and has no file there.
+void visitCache(const Crypto::PKX509::CRLCacheView::Visitor& visitor,
+                const Crypto::PKX509::CRLCacheView::FailingVisitor& failing);
 
 /// For programs: lower case and hyphens.
 std::string_view wordOf(CacheFile::State state) noexcept;
 /// The object of the JSON output.
 Value jsonOf(const CacheFile& file, const Time& now);
+Value jsonOf(const Crypto::PKX509::CRLCacheView::Failing& failing);
 
 }  // namespace Velantrix::Tool

@@ -15,6 +15,7 @@
 
 namespace Velantrix::Tool {
 
+using Crypto::PKX509::CRLCacheView;
 using Crypto::PKX509::HashDirLookupMethod;
 
 namespace {
@@ -47,6 +48,29 @@ std::string labelsOf(const CacheFile& file) {
   const std::string labels = "{uri=\"" + labelValue(shown) + '"';
   if (shown == uri.canonicalized()) return labels + '}';
   return labels + ",digest=\"" + digestOf(uri.canonicalized()) + "\"}";
+}
+
+// What stands before the normal form in what is hashed.
+std::string_view prefixOf(CRLCacheView::Failing::Of of) noexcept {
+  switch (of) {
+    case CRLCacheView::Failing::Of::kHost:
+      return "host ";
+    case CRLCacheView::Failing::Of::kResponder:
+      return "ocsp ";
+    case CRLCacheView::Failing::Of::kURI:
+      break;
+  }
+  return "";
+}
+
+std::string labelsOf(const CRLCacheView::Failing& failing) {
+  const bool isResponder = failing.of == CRLCacheView::Failing::Of::kResponder;
+  const std::string labels =
+      "{uri=\"" + labelValue((isResponder ? "ocsp:" : "") + failing.place) + '"';
+  // As of a file: it is needed only where something was left out.
+  const std::string digest = failing.sha256.substr(0, 2 * kDigestOctets);
+  if (digestOf(std::string(prefixOf(failing.of)) + failing.place) == digest) return labels + '}';
+  return labels + ",digest=\"" + digest + "\"}";
 }
 
 struct Metric {
@@ -110,6 +134,12 @@ void CacheMetrics::add(const CacheFile& file) {
   series.size = static_cast<std::int64_t>(file.size);
   series.entries = static_cast<std::int64_t>(file.entries);
   series.failures = file.failure ? file.failure->inARow : 0;
+  all_.push_back(std::move(series));
+}
+
+void CacheMetrics::add(const CRLCacheView::Failing& failing) {
+  Series series{.labels = labelsOf(failing)};
+  series.failures = failing.failure.inARow;
   all_.push_back(std::move(series));
 }
 

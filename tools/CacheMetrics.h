@@ -24,6 +24,8 @@ class CacheMetrics {
   explicit CacheMetrics(const Time& now) : now_(now) {}
 
   void add(const CacheFile& file);
+  /// What failed and has no file there; a responder's URI has "ocsp:" before it.
+  void add(const Crypto::PKX509::CRLCacheView::Failing& failing);
   std::string text() const;
 
   struct Series {

@@ -9,6 +9,7 @@
 #include <array>
 #include <filesystem>
 #include <string_view>
+#include <utility>
 
 namespace Velantrix::Tool {
 
@@ -82,6 +83,18 @@ std::string failureText(const CRLCacheView::Failure& failure, const Time& now) {
   return pause > 0 ? text + "; not asked for " + spanText(pause) : text;
 }
 
+std::string kindText(CRLCacheView::Failing::Of of) {
+  switch (of) {
+    case CRLCacheView::Failing::Of::kHost:
+      return "a host, nothing from it";
+    case CRLCacheView::Failing::Of::kResponder:
+      return "an OCSP responder";
+    case CRLCacheView::Failing::Of::kURI:
+      break;
+  }
+  return "not there";
+}
+
 std::string nameOf(const CacheFile& file) {
   return std::filesystem::path(file.file).filename().string();
 }
@@ -123,26 +136,44 @@ std::string sizeText(std::uint64_t octets) {
 }
 
 std::string CacheTable::add(const CacheFile& file) {
-  std::string out;
-  if (files_ == 0) {
-    out = left("TIME LEFT", kLeft) + "  " + right("NUMBER", kNumber) + "  " +
-          right("ENTRIES", kEntries) + "  " + right("SIZE", kSize) + "  LAST FETCH\n";
-  }
   ++files_;
   if (file.state == CacheFile::State::kExpired) ++expired_;
   if (file.state == CacheFile::State::kUnreadable) ++unreadable_;
   if (file.failure) ++failing_;
   octets_ += file.size;
-  return out + columns(file) + details(file);
+  return heading() + columns(file) + details(file);
+}
+
+std::string CacheTable::heading() {
+  if (std::exchange(headed_, true)) return {};
+  return left("TIME LEFT", kLeft) + "  " + right("NUMBER", kNumber) + "  " +
+         right("ENTRIES", kEntries) + "  " + right("SIZE", kSize) + "  LAST FETCH\n";
+}
+
+std::string CacheTable::add(const CRLCacheView::Failing& failing) {
+  ++missing_;
+  constexpr std::size_t kUpToLastFetch = kLeft + kNumber + kEntries + kSize + 8;
+  // Padded before it is painted, as colours have no width.
+  const std::string state = left(kindText(failing.of), kUpToLastFetch);
+  return heading() + painted(state, Tree::Paint::kUncertain, style_) + "failed " +
+         agoText(failing.failure.at, now_) + '\n' +
+         paragraphOf(failing.place, Tree::Paint::kStrong) +
+         paragraphOf(failureText(failing.failure, now_), Tree::Paint::kUncertain);
+}
+
+std::string CacheTable::paragraphOf(const std::string& text, Tree::Paint paint) const {
+  return text.empty() ? text : paragraph(text, style_, paint, kMostTextLines);
 }
 
 std::string CacheTable::sum() const {
-  if (files_ == 0) return "the cache is empty\n";
-  std::string text = std::to_string(files_) + (files_ == 1 ? " file, " : " files, ");
-  text += sizeText(octets_);
+  std::string text = "the cache is empty";
+  if (files_ != 0) {
+    text = std::to_string(files_) + (files_ == 1 ? " file, " : " files, ") + sizeText(octets_);
+  }
   append(text, expired_, " expired");
   append(text, unreadable_, " cannot be read");
   append(text, failing_, " failed at the last fetch");
+  append(text, missing_, " without a file failed");
   return text + '\n';
 }
 
@@ -155,13 +186,12 @@ std::string CacheTable::columns(const CacheFile& file) const {
 }
 
 std::string CacheTable::details(const CacheFile& file) const {
-  const auto line = [this](const std::string& text, Tree::Paint paint = Tree::Paint::kNone) {
-    return text.empty() ? text : paragraph(text, style_, paint, kMostTextLines);
-  };
-  std::string out = line(file.uri, Tree::Paint::kStrong) + line(file.issuer);
-  if (file.hasCRL()) out += line(datesText(file));
-  if (!file.problem.empty()) out += line(nameOf(file) + ": " + file.problem, Tree::Paint::kBad);
-  if (file.failure) out += line(failureText(*file.failure, now_), Tree::Paint::kUncertain);
+  std::string out = paragraphOf(file.uri, Tree::Paint::kStrong) + paragraphOf(file.issuer);
+  if (file.hasCRL()) out += paragraphOf(datesText(file));
+  if (!file.problem.empty()) {
+    out += paragraphOf(nameOf(file) + ": " + file.problem, Tree::Paint::kBad);
+  }
+  if (file.failure) out += paragraphOf(failureText(*file.failure, now_), Tree::Paint::kUncertain);
   return out;
 }
 

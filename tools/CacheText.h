@@ -3,6 +3,7 @@
 
 #include "CacheFile.h"
 #include "Terminal.h"
+#include "Tree.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -25,19 +26,25 @@ class CacheTable {
 
   /// The lines for @p file; before those for the first one the heading.
   std::string add(const CacheFile& file);
+  /// The lines for what failed and has no file there.
+  std::string add(const Crypto::PKX509::CRLCacheView::Failing& failing);
   /// What there was in all.
   std::string sum() const;
 
  private:
+  std::string heading();
+  std::string paragraphOf(const std::string& text, Tree::Paint paint = Tree::Paint::kNone) const;
   std::string columns(const CacheFile& file) const;
   std::string details(const CacheFile& file) const;
 
   TextStyle style_;
   Time now_;
+  bool headed_ = false;
   std::size_t files_ = 0;
   std::size_t expired_ = 0;
   std::size_t unreadable_ = 0;
   std::size_t failing_ = 0;
+  std::size_t missing_ = 0;  // that failed
   std::uint64_t octets_ = 0;
 };
 

@@ -83,7 +83,23 @@ class PKX509_EXPORT CRLCacheView {
     std::shared_ptr<const Part> part_;
   };
 
+  /// What failed the last time that it was asked, and of which no file of the cache tells.
+  struct Failing {
+    enum class Of : unsigned char {
+      kURI,       ///< of a CRL
+      kHost,      ///< all that it serves: scheme, host and port
+      kResponder  ///< of OCSP answers
+    };
+    Of of = Of::kURI;
+    std::string place = {};  ///< without user, password, query and fragment; at most 1024 octets
+    /// 64 digits. Of a URI's normal form, so that those which differ in what is left out stay apart; of a
+    /// host or a responder with "host " or "ocsp " before it.
+    std::string sha256 = {};
+    Failure failure = {};
+  };
+
   using Visitor = std::function<void(const Entry&)>;
+  using FailingVisitor = std::function<void(const Failing&)>;
 
   /// What went.
   struct Flushed {
@@ -98,12 +114,15 @@ class PKX509_EXPORT CRLCacheView {
   /// @throws Exception when there is no such directory or it cannot be read, and what the visitor
   ///         throws
   void visit(const Visitor& visitor) const;
+  /// After the files, in the order of places, shows @p failing what has failed and no file tells of.
+  /// @throws what `visit` does, and what @p failing throws
+  void visit(const Visitor& visitor, const FailingVisitor& failing) const;
 
   /// The file of @p uri; empty where there is none, or one that names another URI. One that cannot be
   /// read has a problem.
   std::optional<Entry> find(const Uri& uri) const;
 
-  /// Forgets that the URI or its host failed, and what was fetched a moment ago and is not verified: who
+  /// Forgets that the URI, as a CRL's or a responder's, or its host failed, and what was fetched a moment ago and is not verified: who
   /// wants a CRL from there next asks the host.
   /// @return how many failures were remembered
   std::size_t forget(const Uri& uri);

@@ -9,9 +9,12 @@
 #include <velantrix/Exception.h>
 #include <velantrix/File.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <set>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -48,6 +51,16 @@ std::optional<Failure> lastFailure(const FetchDesk& desk, const Uri& uri) {
   const auto ofHost = desk.lastFailureOf(FetchDesk::hostPlaceOf(uri));
   if (ofHost && (!own || own->at < ofHost->at)) return failureOf(*ofHost, true);
   return own ? std::optional(failureOf(*own, false)) : std::nullopt;
+}
+
+CRLCacheView::Failing failingOf(const std::string& digest, const FetchDesk::Mark& mark) {
+  using Of = CRLCacheView::Failing::Of;
+  CRLCacheView::Failing failing{.place = mark.place,
+                                .sha256 = digest,
+                                .failure = failureOf(mark, mark.of == FetchDesk::Mark::Of::kHost)};
+  if (mark.of == FetchDesk::Mark::Of::kHost) failing.of = Of::kHost;
+  if (mark.of == FetchDesk::Mark::Of::kResponder) failing.of = Of::kResponder;
+  return failing;
 }
 
 CRLCacheView::Entry entryOf(Part part) {
@@ -115,6 +128,24 @@ void CRLCacheView::visit(const Visitor& visitor) const {
   });
 }
 
+void CRLCacheView::visit(const Visitor& visitor, const FailingVisitor& failing) const {
+  std::set<std::string> told;
+  visit([&](const Entry& entry) {
+    if (const Uri uri(entry.uri()); !uri.isNull()) {
+      told.insert(DeskFiles::digestOf(FetchDesk::placeOf(uri)));
+      told.insert(DeskFiles::digestOf(FetchDesk::hostPlaceOf(uri)));
+    }
+    visitor(entry);
+  });
+  std::vector<Failing> others;
+  FetchDesk(directory_).visitFailures([&](const std::string& digest, const FetchDesk::Mark& mark) {
+    if (told.count(digest) == 0) others.push_back(failingOf(digest, mark));
+  });
+  std::stable_sort(others.begin(), others.end(),
+                   [](const Failing& a, const Failing& b) { return a.place < b.place; });
+  for (const Failing& one : others) failing(one);
+}
+
 std::optional<CRLCacheView::Entry> CRLCacheView::find(const Uri& uri) const {
   const File::Path path(directory_, HashDirLookupMethod::fileName(uri));
   Part part{.file = path.asString(),
@@ -137,7 +168,9 @@ std::size_t CRLCacheView::forget(const Uri& uri) {
   FetchDesk desk(directory_);
   desk.withdraw(FetchDesk::placeOf(uri));
   return forgetPlace(desk, FetchDesk::placeOf(uri)) +
-         forgetPlace(desk, FetchDesk::hostPlaceOf(uri));
+         forgetPlace(desk, FetchDesk::hostPlaceOf(uri)) +
+         forgetPlace(desk, FetchDesk::textPlaceOf(uri)) +
+         forgetPlace(desk, FetchDesk::responderPlaceOf(uri));
 }
 
 CRLCacheView::Flushed CRLCacheView::flush(const Uri& uri) {

@@ -200,6 +200,19 @@ void DeskFiles::remove(const std::string& name) const {
   if (directory.valid()) static_cast<void>(::unlinkat(directory.get(), name.c_str(), 0));
 }
 
+std::vector<std::string> DeskFiles::digests(std::string_view kind) const {
+  std::vector<std::string> found;
+  const FileDescriptor directory = open();
+  if (!directory.valid()) return found;
+  for (const DeskFile& file : filesIn(directory.get())) {
+    if (found.size() == limits_.files) break;
+    if (file.name.substr(kDigestDigits) == kind)
+      found.push_back(file.name.substr(0, kDigestDigits));
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
 // Reading is right enough for a lock, and what others in the cache's group have made may be no more.
 std::unique_ptr<DeskLock> DeskFiles::lock(const std::string& name, int& error) const {
   const FileDescriptor directory = openToWrite(error);

@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -48,6 +49,8 @@ class DeskFiles {
   int write(const std::string& name, std::string_view head, std::string_view rest,
             Lasting lasting = Lasting::kNo) const;
   void remove(const std::string& name) const;
+  // The first parts of the names of all files of one kind, in order; no more than may lie there.
+  std::vector<std::string> digests(std::string_view kind) const;
 
   // The file, opened to be locked; null with the error where it cannot be.
   std::unique_ptr<DeskLock> lock(const std::string& name, int& error) const;

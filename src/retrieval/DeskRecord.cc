@@ -1,9 +1,11 @@
 #include "retrieval/DeskRecord.h"
 
 #include "foundation/base/Text.h"
+#include "foundation/base/URIText.h"
 #include "report/ExchangeFacts.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdint>
 #include <limits>
@@ -14,10 +16,17 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-constexpr std::string_view kMarkTitle = "pkx509 mark 1\n";
+constexpr std::string_view kMarkTitle = "pkx509 mark 2\n";
 constexpr std::string_view kDeliveryTitle = "pkx509 delivery 1\n";
 constexpr std::size_t kMaximumReason = 256;
+constexpr std::size_t kMaximumPlace = 1024;
 constexpr unsigned int kMostFailures = 1000;
+
+using OfWhat = FetchDesk::Mark::Of;
+constexpr std::array<std::pair<OfWhat, std::string_view>, 3> kOfWhat = {
+    {{OfWhat::kURI, "uri "}, {OfWhat::kHost, "host "}, {OfWhat::kResponder, "responder "}}};
+
+std::string_view wordOf(OfWhat of) noexcept { return kOfWhat[static_cast<std::size_t>(of)].second; }
 
 Time later(Time time, std::chrono::seconds by) {
   return Time::then(static_cast<long>(time.seconds() + by.count()), true);
@@ -103,12 +112,31 @@ FetchDesk::Mark markAfter(const std::optional<FetchDesk::Mark>& former,
   return mark;
 }
 
+FetchDesk::Mark named(FetchDesk::Mark mark, const std::string& place) {
+  std::string_view text = place;
+  const auto begins = [&text](std::string_view prefix) {
+    if (!text.starts_with(prefix)) return false;
+    text.remove_prefix(prefix.size());
+    return true;
+  };
+  if (begins(kHostPlace)) {  // which is scheme, host and port
+    mark.of = OfWhat::kHost;
+    mark.place = escapeControls(text, kMaximumPlace);
+    return mark;
+  }
+  mark.of = begins(kResponderPlace) ? OfWhat::kResponder : OfWhat::kURI;
+  if (mark.of == OfWhat::kURI) begins(kTextPlace);
+  mark.place = escapeControls(withoutSecrets(Uri(std::string(text))), kMaximumPlace);
+  return mark;
+}
+
 std::string markText(const FetchDesk::Mark& mark) {
   return std::string(kMarkTitle) + line("at ", mark.at.seconds()) +
          line("until ", mark.until.seconds()) + line("failures ", mark.failures) +
          line("status ", std::max(mark.httpStatus, 0)) +
          line("error ", std::max(mark.errorNumber, 0)) +
-         line("malformed ", mark.malformed ? 1 : 0) + line("reason ", mark.reason);
+         line("malformed ", mark.malformed ? 1 : 0) + line("reason ", mark.reason) +
+         line(wordOf(mark.of), mark.place);
 }
 
 std::optional<FetchDesk::Mark> parseMark(std::string_view text, Time now) {
@@ -122,6 +150,11 @@ std::optional<FetchDesk::Mark> parseMark(std::string_view text, Time now) {
   mark.errorNumber = static_cast<int>(lines.number("error ", kMostOfAnInt));
   mark.malformed = lines.number("malformed ", 1) == 1;
   mark.reason = lines.text("reason ");
+  for (const auto& [of, word] : kOfWhat) {
+    if (lines.rest().starts_with(word)) mark.of = of;
+  }
+  mark.place = lines.text(wordOf(mark.of));
+  lines.require(mark.place == escapeControls(mark.place, kMaximumPlace));
   lines.require(lines.rest().empty() && mark.failures > 0);
   lines.require(mark.reason == escapeControls(mark.reason, kMaximumReason));
   lines.require(mark.at <= now && mark.at <= mark.until);

@@ -16,6 +16,11 @@
 
 namespace Velantrix::Crypto::PKX509 {
 
+// Which place it is, before the URI.
+inline constexpr std::string_view kHostPlace = "host ";
+inline constexpr std::string_view kTextPlace = "text ";
+inline constexpr std::string_view kResponderPlace = "ocsp ";
+
 // Of a mark, whole.
 inline constexpr std::size_t kMaximumMark = 4096;
 // Of what stands before the octets of a delivery.
@@ -27,6 +32,9 @@ inline constexpr std::size_t kMaximumDelivery = std::size_t{64} * 1024 * 1024;
 // failures of several who asked at once count as one.
 FetchDesk::Mark markAfter(const std::optional<FetchDesk::Mark>& former,
                           const LW::HTTP::Failure& failure, Time now);
+
+// What the place is to people goes with it.
+FetchDesk::Mark named(FetchDesk::Mark mark, const std::string& place);
 
 std::string markText(const FetchDesk::Mark& mark);
 // None for a mark from the future, or with a longer pause than there is.

@@ -34,7 +34,7 @@ using Source = SourceRecord::Source;
 // What has dot segments is sent as it stands, and what a server makes of them is its own affair: the
 // answer is nobody else's.
 std::string placeOf(const Uri& uri) {
-  return hasDotSegments(uri.path()) ? "text " + uri.asString() : FetchDesk::placeOf(uri);
+  return hasDotSegments(uri.path()) ? FetchDesk::textPlaceOf(uri) : FetchDesk::placeOf(uri);
 }
 
 constexpr char kAccept[] = "application/pkix-crl, */*;q=0.5";  // RFC 2585, 4.2

@@ -180,7 +180,15 @@ std::string FetchDesk::placeOf(const Uri& uri) { return uri.canonicalized(); }
 
 std::string FetchDesk::hostPlaceOf(const Uri& uri) {
   const Uri normal(uri.canonicalized());
-  return "host " + normal.scheme() + "//" + authorityOf(normal);
+  return std::string(kHostPlace) + normal.scheme() + "//" + authorityOf(normal);
+}
+
+std::string FetchDesk::textPlaceOf(const Uri& uri) {
+  return std::string(kTextPlace) + uri.asString();
+}
+
+std::string FetchDesk::responderPlaceOf(const Uri& uri) {
+  return std::string(kResponderPlace) + placeOf(uri);
 }
 
 bool FetchDesk::isOfHost(const HTTP::Failure& failure) {
@@ -243,7 +251,17 @@ std::optional<FetchDesk::Mark> FetchDesk::lastFailureOf(const std::string& place
 void FetchDesk::failed(const std::string& place, const HTTP::Failure& failure) {
   if (!isOfHost(failure)) return;
   Desk desk(directory_, place);
-  desk.keep(markAfter(desk.mark(), failure, Time::now()));
+  desk.keep(named(markAfter(desk.mark(), failure, Time::now()), place));
+}
+
+void FetchDesk::visitFailures(const MarkVisitor& visitor) const {
+  const DeskFiles files(directory_);
+  const Time now = Time::now();
+  for (const std::string& digest : files.digests(DeskFiles::kMark)) {
+    const auto text = files.read(digest + std::string(DeskFiles::kMark), kMaximumMark);
+    const std::optional<Mark> mark = text ? parseMark(*text, now) : std::nullopt;
+    if (mark && !mark->place.empty()) visitor(digest, *mark);
+  }
 }
 
 void FetchDesk::succeeded(const std::string& place) { Desk(directory_, place).forgetMark(); }

@@ -25,6 +25,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,6 +51,11 @@ class FetchDesk {
     int httpStatus = 0;
     int errorNumber = 0;
     bool malformed = false;  // it answered, with something else than was asked for
+    // What failed, for people: a URI, "http://host" of a whole host, or a responder's URI, without what
+    // may be secret, at most 1024 octets. Empty where nobody knows.
+    enum class Of { kURI, kHost, kResponder };
+    Of of = Of::kURI;
+    std::string place = {};
   };
 
   struct Delivery {
@@ -79,9 +85,13 @@ class FetchDesk {
   // written, shows when it is used.
   explicit FetchDesk(std::string directory);
 
-  // A place is the normal form of a URI, or "host " and scheme, host and port.
+  // A place is the normal form of a URI, or "host " and scheme, host and port, or "text " and a URI as it
+  // stands. An OCSP responder is never the place of the same URI as a CRL's: a certificate may name the CRL
+  // of an honest CA as its responder.
   static std::string placeOf(const Uri& uri);
   static std::string hostPlaceOf(const Uri& uri);
+  static std::string textPlaceOf(const Uri& uri);
+  static std::string responderPlaceOf(const Uri& uri);
   // Whether the host failed, and not what this thread still has of its time and may do, or this
   // machine.
   static bool isOfHost(const LW::HTTP::Failure& failure);
@@ -96,6 +106,10 @@ class FetchDesk {
   std::optional<Mark> failureOf(const std::string& place) const;
   // The last one, whether or not it is time to ask again: for who tells of it.
   std::optional<Mark> lastFailureOf(const std::string& place) const;
+  // The last failure of every place that says which one it is, as far as the cache's directory has them,
+  // with the SHA-256 of the place in hexadecimal.
+  using MarkVisitor = std::function<void(const std::string& digest, const Mark& mark)>;
+  void visitFailures(const MarkVisitor& visitor) const;
   // Nothing happens where the failure is not the host's. While a mark is in force, another failure only
   // renews it: who met it had begun before.
   void failed(const std::string& place, const LW::HTTP::Failure& failure);

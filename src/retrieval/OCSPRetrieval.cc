@@ -52,12 +52,6 @@ bool isOCSPResponse(const std::string& body) {
   return decodeWhole(d2i_OCSP_RESPONSE, octets(body), body.size()) != nullptr;
 }
 
-// What the failures of the responder are remembered under. A URI of CRLs is never that: a certificate may
-// name the CRL of an honest CA as its responder.
-std::string responderPlaceOf(const Uri& responder) {
-  return "ocsp " + FetchDesk::placeOf(responder);
-}
-
 class Question {
  public:
   Question(const Uri& responder, const std::string& request, const RetrievalSettings& settings,
@@ -66,7 +60,7 @@ class Question {
         request_(request),
         settings_(settings),
         use_(use),
-        host_(responder, responderPlaceOf(responder), settings, desk, use) {}
+        host_(responder, FetchDesk::responderPlaceOf(responder), settings, desk, use) {}
 
   std::optional<std::string> ask() {
     if (const auto mark = host_.failedBefore()) {

@@ -337,6 +337,43 @@ TEST_F(ToolCache, FailureOfTheLastFetch_IsTold_AndForgotten) {
   EXPECT_EQ(tool({"cache", "flush", uri}).status, 1);
 }
 
+TEST_F(ToolCache, FailuresWithoutAFile_AreListed_Measured_AndForgotten) {
+  trust();
+  const FaultServer server(Scripts::notFound());
+  const std::string uri = server.url("/ca.crl?id=secret");
+  const std::string shown = server.url("/ca.crl");
+  const std::string dead = "http://127.0.0.1:1";
+  EXPECT_EQ(tool({"crl", "--refresh", "--ca-dir", own("ca"), "--allow-address", "loopback", uri,
+                  dead + "/x.crl"})
+                .status,
+            1);
+  const json all = listed();
+  ASSERT_EQ(all.size(), 2U) << all.dump(2);
+  EXPECT_EQ(all.at(0).at("type"), "failing");
+  EXPECT_EQ(all.at(0).at("of"), "host");
+  EXPECT_EQ(all.at(0).at("uri"), dead);
+  EXPECT_EQ(all.at(0).at("failure").at("ofHost"), true);
+  EXPECT_EQ(all.at(1).at("of"), "uri");
+  EXPECT_EQ(all.at(1).at("uri"), shown);
+  EXPECT_EQ(all.at(1).at("failure").at("httpStatus"), 404);
+
+  const CommandResult text = tool({"cache", "list"});
+  EXPECT_TRUE(text.out.starts_with("TIME LEFT ")) << text.out;
+  EXPECT_EQ(rowOf(text, shown).find("not there  "), 0U) << text.out;
+  EXPECT_TRUE(std::regex_search(rowOf(text, shown), std::regex(" failed [0-9] s ago$")));
+  EXPECT_EQ(rowOf(text, dead).find("a host, nothing from it  "), 0U) << text.out;
+  EXPECT_TRUE(text.out.ends_with("\nthe cache is empty, 2 without a file failed\n")) << text.out;
+  EXPECT_EQ(text.out.find("secret"), std::string::npos);
+  for (const std::string& line : linesOf(text.out)) EXPECT_LE(line.size(), 80U) << line;
+
+  const std::string digest = all.at(1).at("sha256").get<std::string>().substr(0, 32);
+  EXPECT_EQ(measured(tool({"cache", "metrics"}).out, "pkx509_crl_failures"),
+            (std::vector<std::string>{"{uri=\"" + dead + "\"} 1",
+                                      "{uri=\"" + shown + "\",digest=\"" + digest + "\"} 1"}));
+  EXPECT_EQ(tool({"cache", "flush", uri, dead + "/x.crl"}).status, 0);
+  EXPECT_EQ(listed(), json::array());
+}
+
 TEST_F(ToolCache, FlushAll_LeavesWhatIsSomebodyElses) {
   store(one);
   store(two);
