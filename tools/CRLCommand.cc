@@ -12,20 +12,18 @@
 #include "Status.h"
 #include "Subcommands.h"
 
+#include <pkx509/CRLCacheView.h>
+#include <pkx509/CRLRetrieval.h>
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/Rule.h>
-#include <pkx509/URILookup.h>
 #include <pkx509/VerificationReport.h>
-#include <velantrix/File.h>
 #include <velantrix/Uri.h>
 
-#include <algorithm>
 #include <exception>
 #include <list>
 #include <memory>
 #include <string>
-#include <sys/stat.h>
 #include <utility>
 #include <vector>
 
@@ -43,27 +41,7 @@ struct Options {
   ReportOptions output;
 };
 
-struct Found {
-  std::list<RefCertificateRevocationList> crls;
-  bool cached = false;
-  bool stored = false;  // by this fetch
-  VerificationReport report;
-};
-
-// The file in the cache, whatever is in it; 0 when there is none. A file that is replaced gets
-// another number, because the new one is there before the old one goes.
-ino_t cacheFile(const Uri& uri) {
-  const std::string path =
-      File::Path(kCRLCacheDirectory, HashDirLookupMethod::fileName(uri)).asString();
-  struct stat status = {};
-  return ::stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
-}
-
 using Source = VerificationReport::Source;
-
-bool isOfCache(const Source& source, Source::Result result) {
-  return source.kind() == Source::Kind::kCache && source.result() == result;
-}
 
 // A look-up passes over it without a word.
 void tellOfBrokenCache(const std::string& text, const Uri& uri) {
@@ -75,27 +53,22 @@ void tellOfBrokenCache(const std::string& text, const Uri& uri) {
   }
 }
 
-Found lookUp(const std::string& text, const Uri& uri) {
+CRLRetrieval::Answer lookUp(const std::string& text, const Uri& uri) {
   tellOfBrokenCache(text, uri);
-  Found found;
-  const ino_t before = cacheFile(uri);
-  URILookup().find(uri, found.crls, found.report);
-  const ino_t after = cacheFile(uri);
-  found.stored = after != 0 && after != before;
-  const std::vector<Source>& sources = found.report.sources();
-  found.cached = std::any_of(sources.begin(), sources.end(), [](const Source& source) {
-    return isOfCache(source, Source::Result::kFound);
-  });
-  return found;
+  // Who asks by hand has a reason to think that the host is well again.
+  CRLCacheView().forget(uri);
+  return CRLRetrieval().find(uri);
 }
 
-// What came of the cache last; it is read before it is written.
-std::string whyNotStored(const VerificationReport& report) {
-  std::string reason;
-  for (const Source& source : report.sources()) {
-    if (isOfCache(source, Source::Result::kFailed)) reason = ": " + source.reason();
+// Of the cache what came last; it is read before it is written.
+std::string whyNotStored(const CRLRetrieval::Answer& answer) {
+  std::string reason = answer.objection;
+  for (const Source& source : answer.report.sources()) {
+    const bool failed =
+        source.kind() == Source::Kind::kCache && source.result() == Source::Result::kFailed;
+    if (failed && answer.objection.empty()) reason = source.reason();
   }
-  return reason;
+  return reason.empty() ? reason : ": " + reason;
 }
 
 void finish(Facts& facts, const VerificationReport& report) {
@@ -117,18 +90,18 @@ int reportNone(const std::string& text, const VerificationReport& report, const 
 
 int report(const std::string& text, const Options& options, LogCollector& log,
            FactsOutput& output) {
-  const Found found = lookUp(text, Uri(text));
+  const CRLRetrieval::Answer found = lookUp(text, Uri(text));
   const std::vector<Report::LogLine> lines = log.take();
   if (!options.output.quiet) writeLog(text, lines);
   if (found.crls.empty()) return reportNone(text, found.report, options, output);
-  if (!found.cached && !found.stored) {
+  if (found.fetched && !found.held) {
     writeErrorLine("pkx509: " + text + ": not stored in " + kCRLCacheDirectory +
-                   whyNotStored(found.report));
+                   whyNotStored(found));
   }
   int status = kAllValid;
   for (const RefCertificateRevocationList& crl : found.crls) {
     Facts facts = factsOf(text, crl);
-    facts["source"] = found.cached ? "cache" : "network";
+    facts["source"] = found.fetched ? "network" : "cache";
     if (options.output.json) finish(facts, found.report);
     status = worse(status, output.add(std::move(facts)));
   }
@@ -204,14 +177,15 @@ int run(const Options& options) {
 
 constexpr char kHelp[] = R"(
 A CRL that is in the cache, /var/spool/crypto/crl_cache, and has not run out is taken from there.
-Otherwise it is fetched, and stored in the cache, exactly as a verification does it: HTTP/1.0, port 80
-unless the URI names another, query and fragment not sent, at most 15 s and 64 MiB, no redirects; for
-https the client certificate in /opsadmin/etc/cert/server/apps is shown and the server not verified.
+Otherwise it is fetched as a verification does it, whatever failed before: by HTTP/1.1, with the query,
+through up to 5 redirects, at most 15 s and 64 MiB; an https server is shown the client certificate in
+/opsadmin/etc/cert/server/apps, where there is one, and not verified. Addresses of all kinds are contacted.
 
-Nothing is verified: whoever answers for the host decides what is shown.
+Nothing is verified of what is shown: whoever answers for the host decides that. It is stored in the cache
+when it is signed by a certificate that has a valid path to /opsadmin/etc/cert/server/ca, from there or
+remembered from the last time.
 
-With --refresh each URI's host is asked whatever the cache has and whatever failed before: by HTTP/1.1,
-with the query, through up to 5 redirects. What it sends takes the place of an older one in the cache
+With --refresh each URI's host is asked whatever the cache has. What it sends takes the place of an older one in the cache
 when it is signed by a certificate that has a valid path to the trusted ones; it may be among those, in
 FILE, or remembered from the last time. What could not be replaced stays. Addresses that are not public
 or private are contacted only where --allow-address says so: loopback, link-local, multicast,
@@ -220,7 +194,7 @@ unspecified or all.
 Output:
   The facts of each CRL, as "pkx509 show" prints them, with the URI in the place of the file, and where
   it came from. Log lines go to standard error, as "URI: <priority> text", and so does a line that says
-  that the cache cannot be read or written, and where there is no CRL one with rule, URI and what to do.
+  that the cache cannot be read, or why the CRL was not stored, and where there is no CRL one with rule, URI and what to do.
   With --json an array of an object for each CRL, with the keys of "pkx509 show", source ("cache" or
   "network"), schemaVersion (1), outcome ("valid"), findings (what is wrong with the cache) and sources. A
   URI without a CRL has an object with file, type ("none"), schemaVersion, outcome, line, findings (the

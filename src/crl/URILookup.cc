@@ -205,18 +205,6 @@ void takeUses(const std::string& place, SourceRecord& asked) {
   }
 }
 
-VerificationReport reportOn(const Uri& uri, bool found, Evidence& evidence) {
-  const bool within = !evidence.verified;
-  if (within) takeUses(FetchRecord::placeOf(uri), evidence.sources);
-  evidence.verified = true;
-  evidence.code = found ? X509_V_OK : X509_V_ERR_UNABLE_TO_GET_CRL;
-  Revocation::Outcome outcome;
-  outcome.status = found ? Revocation::Status::kGood : Revocation::Status::kUndetermined;
-  outcome.code = evidence.code;
-  evidence.revocation = {std::move(outcome)};
-  return makeReport(evidence, {.checked = Time::now()});
-}
-
 // In this verification once for a URI.
 void findBy(Retriever& retriever, const Uri& uri, std::list<RefCertificateRevocationList>& crls) {
   constexpr char kWeb[] = "web";
@@ -240,6 +228,18 @@ void findBy(Retriever& retriever, const Uri& uri, std::list<RefCertificateRevoca
 }  // namespace
 
 URILookup::~URILookup() = default;
+
+VerificationReport reportOnCRLs(const Uri& uri, bool found, Evidence& evidence) {
+  const bool within = !evidence.verified;
+  if (within) takeUses(FetchRecord::placeOf(uri), evidence.sources);
+  evidence.verified = true;
+  evidence.code = found ? X509_V_OK : X509_V_ERR_UNABLE_TO_GET_CRL;
+  Revocation::Outcome outcome;
+  outcome.status = found ? Revocation::Status::kGood : Revocation::Status::kUndetermined;
+  outcome.code = evidence.code;
+  evidence.revocation = {std::move(outcome)};
+  return makeReport(evidence, {.checked = Time::now()});
+}
 
 bool isFresh(const RefCertificateRevocationList& crl, const Time& storedAt) {
   const Time now = Time::now();
@@ -276,7 +276,7 @@ void URILookup::find(const Uri& uri, std::list<RefCertificateRevocationList>& cr
     const OwnRecord record(evidence, nullptr);
     find(uri, crls);
   }
-  report = reportOn(uri, !crls.empty(), evidence);
+  report = reportOnCRLs(uri, !crls.empty(), evidence);
 }
 
 RetrievedCRLs retrieveCRLs(const Uri& uri) {
