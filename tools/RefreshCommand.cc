@@ -174,11 +174,12 @@ int run(Options& options) {
 
 constexpr char kHelp[] = R"(
 Fetches the CRLs that verifications will need next: those that are in the cache, /var/spool/crypto/crl_cache,
-those of each URI in the list (one on a line; "-" is standard input), and those that the certificates in the
-trust directory and in FILE name as their CRL distribution points. A host is asked when half of a CRL's life has
-gone by, or the SHARE of it, a tenth earlier or later as the URI decides; 30 to 36 hours before the end at
-the latest where a CRL lives longer than a day; and always for a CRL that is missing or has run out. A host
-that has failed just now is not asked again before 30 seconds have gone by, doubling to 15 minutes.
+the delta CRLs that these name, those of each URI in the list (one on a line; "-" is standard input), and
+those that the certificates in the trust directory and in FILE name as their CRL distribution points. A host
+is asked when half of a CRL's life has gone by, or the SHARE of it, a tenth earlier or later as the URI
+decides; 30 to 36 hours before the end at the latest where a CRL lives longer than a day; and always for a
+CRL that is missing or has run out. A host that has failed just now is not asked again before 30 seconds have
+gone by, doubling to 15 minutes.
 
 A CRL is stored only after its signature was verified and the path of its issuer to a trust anchor in the
 directory, /opsadmin/etc/cert/server/ca without --ca-dir. Certificates in FILE may be such issuers and
