@@ -88,8 +88,14 @@ class PKX509_EXPORT CertificateRevocationList : public RefImpl {
   ///
   /// The answer is remembered for the eight keys asked about last, by identity and then by
   /// `EVP_PKEY_eq`: digesting a long CRL is the dearest step of a revocation check, and several
-  /// steps ask. Threads that ask about one CRL at once wait for each other.
+  /// steps ask. Of threads that ask about one CRL at once, one computes and the others wait for it.
+  ///
+  /// False as well where `signatureBy()` has no answer.
   bool isSignedBy(EVP_PKEY* key) const;
+  /// The same; none where a verification that goes on on this thread was asked to stop, or came to its
+  /// deadline or another of its bounds, while a CRL of more than 1 MiB was digested, or while another thread
+  /// did that. Then nothing is known of the signature, and nothing is remembered.
+  std::optional<bool> signatureBy(EVP_PKEY* key) const;
   /// What `isSignedBy()` would return, where it is remembered; none where it has to be computed.
   std::optional<bool> rememberedSignature(EVP_PKEY* key) const;
 

@@ -28,7 +28,8 @@ class StrangersKeys {
   // Whether its key is below those bounds, as far as they have something to do with its kind.
   static bool isModest(X509* holder);
 
-  // Whether the holder's key signed the CRL. Beyond the bounds it is used only if a trust anchor
+  // Whether the holder's key signed the CRL; false also where the time is over before that is known, and
+  // the run has fallen short. Beyond the bounds it is used only if a trust anchor
   // vouches for the holder, which costs signatures too and so is asked only then; otherwise the
   // answer is false, and the run has fallen short. The first refusal is logged.
   static bool signedBy(const CertificateRevocationList& crl, const RefCertificate& holder,

@@ -1,5 +1,6 @@
 #include "refresh/CRLIssuers.h"
 
+#include "foundation/base/Shortfall.h"
 #include "foundation/run/VerificationRun.h"
 #include "revocation/CRLSigners.h"
 #include "verify/BuiltChain.h"
@@ -133,7 +134,12 @@ CRLIssuer CRLIssuers::of(const RefCertificateRevocationList& crl,
   Search search(trustDirectory_, *crl.get());
   for (const RefCertificate& candidate : candidates_) search.add(candidate);
   for (const RefCertificate& hint : hints) search.add(hint);
-  return search.run();
+  const Shortfall::Watch watch;
+  CRLIssuer issuer = search.run();
+  if (!issuer.isVerified() && watch.noted()) {
+    issuer = {.refusal = "who issued the CRL was not found out before the end", .cut = true};
+  }
+  return issuer;
 }
 
 }  // namespace Velantrix::Crypto::PKX509

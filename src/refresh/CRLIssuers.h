@@ -31,7 +31,7 @@ class CRLIssuers : private NonCopyable {
   // Candidates are untrusted.
   CRLIssuers(std::string trustDirectory, const std::list<RefCertificate>& candidates);
 
-  // Hints are further candidates. Throws Exception when the trust directory cannot be read.
+  // Hints are further candidates. It is cut where the run of this thread falls short of something. Throws Exception when the trust directory cannot be read.
   CRLIssuer of(const RefCertificateRevocationList& crl,
                const std::vector<RefCertificate>& hints) const;
 

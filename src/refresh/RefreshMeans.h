@@ -20,6 +20,7 @@ namespace Velantrix::Crypto::PKX509 {
 struct CRLIssuer {
   std::vector<RefCertificate> path = {};  // of the issuer, its trust anchor last; empty for nobody
   std::string refusal = {};               // why, for people; of nobody
+  bool cut = false;                       // of nobody as far as one has come; there may be one
 
   bool isVerified() const noexcept { return !path.empty(); }
 };

@@ -147,7 +147,7 @@ class Attempt {
   CRLRefresh::Entry take(const FetchedCRL& answer) {
     Known next = known(answer.crl, answer.notes.fetched);
     if (!next.issuer.isVerified()) {
-      means_.withdraw(uri_);
+      if (!next.issuer.cut) means_.withdraw(uri_);
       return fail(next.issuer.refusal);
     }
     std::string objection = untimely(next, now_);

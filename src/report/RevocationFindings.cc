@@ -98,6 +98,8 @@ Rule ruleOfCRL(Reason reason) noexcept {
       return Rule::kCRLTooWeak;
     case Reason::kTooManyNested:
       return Rule::kNestedTooDeep;
+    case Reason::kNotVerified:
+      return Rule::kBudgetSpent;
     case Reason::kNoAnswer:
       return Rule::kCRLUnreachable;
     case Reason::kMalformed:
@@ -147,6 +149,8 @@ Rule ruleOfOCSP(Reason reason) noexcept {
       return Rule::kOCSPUnknown;
     case Reason::kTooManyNested:
       return Rule::kNestedTooDeep;
+    case Reason::kNotVerified:
+      return Rule::kBudgetSpent;
     case Reason::kMalformed:
     case Reason::kNoBase:
     case Reason::kSuperseded:

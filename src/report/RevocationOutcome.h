@@ -51,7 +51,8 @@ enum class Reason {
   kOtherNonce,
   kOtherCertificate,  // it is about others only
   kTooManyNested,
-  kStatusUnknown  // the responder does not know the certificate (RFC 6960, 2.2)
+  kStatusUnknown,  // the responder does not know the certificate (RFC 6960, 2.2)
+  kNotVerified     // its signature: the time was over, or somebody asked to stop
 };
 
 // What somebody has said and signed.

@@ -35,6 +35,7 @@ void CRLSigners::authenticate(std::list<CRLCandidate>& candidates) {
 // All namesakes are tried until the signature fits, those that stand on a path that is known first: what
 // the sources have is asked for only where none of these has signed.
 void CRLSigners::authenticate(CRLCandidate& candidate) {
+  const Shortfall::Watch watch;
   const DistinguishedName& issuer = candidate.crl->crlInfo().issuer();
   const std::vector<RefCertificate> known = onKnownPaths(issuer);
   Standing best;
@@ -48,7 +49,8 @@ void CRLSigners::authenticate(CRLCandidate& candidate) {
   if (tryAll(std::move(others), candidate, best) || !candidate.signer.empty()) return;
   candidate.unauthentic = best.refused.value_or(Reason::kSignerUnknown);
   candidate.aboutSigner = best.about;
-  if (best.refused == Reason::kWrongSignature && candidate.uri) {
+  // Where somebody was not tried any more, he may have signed it.
+  if (best.refused == Reason::kWrongSignature && candidate.uri && !watch.noted()) {
     sources_.isForged(*candidate.uri, candidate.crl);
   }
 }
@@ -118,7 +120,9 @@ std::optional<Reason> signatureRefused(const RefCertificate& signer,
   const ErrorScope errors;
   // 6.3.3 (g), and (h) for a delta CRL
   EVP_PKEY* const key = X509_get0_pubkey(signer);
-  if (!crl.isSignedBy(key)) return Reason::kWrongSignature;
+  const std::optional<bool> signedBy = crl.signatureBy(key);
+  if (!signedBy) return Reason::kNotVerified;
+  if (!*signedBy) return Reason::kWrongSignature;
   // 6.3.3 (f): if a key usage extension is present, cRLSign is set. OpenSSL has every bit set without one.
   if ((X509_get_key_usage(signer) & KU_CRL_SIGN) == 0) return Reason::kSignerNotAllowed;
   const X509_ALGOR* algorithm = nullptr;

@@ -1,9 +1,11 @@
 #include "foundation/base/Fail.h"
 #include "foundation/model/CRLForm.h"
+#include "foundation/model/CRLSignature.h"
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/model/PemOut.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
+#include "foundation/run/VerificationRun.h"
 
 #include <velantrix/CertificateRevocationList.h>
 
@@ -11,6 +13,8 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -102,8 +106,34 @@ struct CertificateRevocationList::Derived {
 
   // With the mutex held.
   std::optional<bool> remembered(EVP_PKEY* key);
+  void remember(EVP_PKEY* key, bool signedBy);
+
+  // A turn to compute. Of several threads that ask at once one computes, and the others may be told to stop
+  // while they wait for it.
+  class Turn {
+   public:
+    // With the mutex held, which it releases while it lives.
+    Turn(Derived& derived, std::unique_lock<std::mutex>& lock) : derived_(derived), lock_(lock) {
+      derived_.computing = true;
+      ++derived_.signatureChecks;
+      lock_.unlock();
+    }
+    ~Turn() {
+      lock_.lock();
+      derived_.computing = false;
+      derived_.computed.notify_all();
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+
+   private:
+    Derived& derived_;
+    std::unique_lock<std::mutex>& lock_;
+  };
 
   std::mutex mutex;
+  std::condition_variable computed;
+  bool computing = false;
   std::vector<Checked> checked;  // the key asked about last comes last
   std::size_t signatureChecks = 0;
   std::once_flag criticalOnce;
@@ -166,20 +196,36 @@ std::optional<bool> CertificateRevocationList::rememberedSignature(EVP_PKEY* key
   return derived_->remembered(key);
 }
 
+void CertificateRevocationList::Derived::remember(EVP_PKEY* key, bool signedBy) {
+  if (EVP_PKEY_up_ref(key) != 1) return;
+  Owned<EVP_PKEY> reference(key);
+  if (checked.size() == kMaxKeys) checked.erase(checked.begin());
+  checked.push_back({std::move(reference), signedBy});
+}
+
 bool CertificateRevocationList::isSignedBy(EVP_PKEY* key) const {
+  return signatureBy(key).value_or(false);
+}
+
+std::optional<bool> CertificateRevocationList::signatureBy(EVP_PKEY* key) const {
+  constexpr std::chrono::milliseconds kPatience{10};
   if (key == nullptr) return false;
   const ErrorScope errors;
-  // Held while the signature is computed: of several threads that ask one computes.
-  const std::lock_guard<std::mutex> lock(derived_->mutex);
-  if (const std::optional<bool> known = derived_->remembered(key)) return *known;
-  std::vector<Derived::Checked>& checked = derived_->checked;
-  ++derived_->signatureChecks;
-  const bool signedBy = X509_CRL_verify(native(), key) == 1;
-  if (EVP_PKEY_up_ref(key) == 1) {
-    Owned<EVP_PKEY> reference(key);
-    if (checked.size() == Derived::kMaxKeys) checked.erase(checked.begin());
-    checked.push_back({std::move(reference), signedBy});
+  std::unique_lock<std::mutex> lock(derived_->mutex);
+  for (;;) {
+    if (const std::optional<bool> known = derived_->remembered(key)) return known;
+    if (!derived_->computing) break;
+    derived_->computed.wait_for(lock, kPatience);
+    lock.unlock();
+    if (!VerificationRun::admitStep()) return std::nullopt;
+    lock.lock();
   }
+  std::optional<bool> signedBy;
+  {
+    const Derived::Turn turn(*derived_, lock);
+    signedBy = isCRLSignedBy(native(), key);
+  }
+  if (signedBy) derived_->remember(key, *signedBy);
   return signedBy;
 }
 

@@ -1,7 +1,10 @@
+#include "foundation/run/VerificationRun.h"
 #include "support/LogCapture.h"
 #include "unit/verify/World.h"
 
 #include <gtest/gtest.h>
+#include <stop_token>
+#include <thread>
 
 namespace Velantrix::Test {
 namespace {
@@ -319,6 +322,30 @@ TEST_F(CRLContainerExtendedChecksTest, OneSignatureForAllSteps) {
   check();
   check();
   EXPECT_EQ(crl->signatureChecks(), 1U);
+}
+
+// Once the signature is being computed, which is tried until that is before its end.
+TEST_F(CRLContainerExtendedChecksTest, StoppedInALongSignature_NoVerdictOnIt) {
+  const std::string content = "\x04\x83\x40"s + std::string(2, '\0');
+  const RawExtension filler{kUnknownOid, false, content + std::string(1 << 22, 'x')};
+  const std::string der =
+      Velantrix::Test::der(makeCRL({.issuer = &root, .rawExtensions = {filler}}).get());
+  bool stopped = false;
+  while (!stopped) {
+    const auto crl = handle(crlFromDer(der));
+    container.clear();
+    container.add(makeEntry(handle(leaf), crl, handle(root)));
+    std::stop_source source;
+    std::jthread other([&](const std::stop_token& end) {
+      while (crl->signatureChecks() == 0 && !end.stop_requested()) std::this_thread::yield();
+      source.request_stop();
+    });
+    const VerificationRun run(nullptr, {.stop = source.get_token()});
+    EXPECT_EQ(check(), 0) << "neither wrong nor, by another error, somebody else's";
+    stopped = !crl->rememberedSignature(root.key.get()).has_value();
+    EXPECT_TRUE(!stopped || run.fellShort());
+  }
+  EXPECT_EQ(world.source->objectQueries, 0) << "no other issuer is looked for";
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
+#include <stop_token>
 
 namespace Velantrix::Test {
 namespace {
@@ -119,6 +120,24 @@ TEST_F(CRLIssuersTest, CRLThatNoVerificationTakes_IsRefused) {
                 "the CRL has a critical extension that is not known");
   EXPECT_TRUE(issuerOf({.issuer = &root, .idp = IssuingDistributionPoint{.critical = false}})
                   .refusal.starts_with("the CRL is malformed: "));
+}
+
+TEST_F(CRLIssuersTest, StoppedBefore_NothingIsFoundOut) {
+  const auto crl = crlHandle({.issuer = &root});
+  const CRLIssuers issuers(trusted.string(), {});
+  std::stop_source source;
+  source.request_stop();
+  {
+    const VerificationRun run(nullptr, {.stop = source.get_token()});
+    const CRLIssuer issuer = issuers.of(crl, {});
+    expectRefusal(issuer, "who issued the CRL was not found out before the end");
+    EXPECT_TRUE(issuer.cut);
+  }
+  const VerificationRun run(nullptr);
+  EXPECT_TRUE(issuers.of(crl, {}).isVerified());
+  const CRLIssuer nobody = issuers.of(crlHandle({.issuer = &stranger}), {});
+  EXPECT_FALSE(nobody.isVerified());
+  EXPECT_FALSE(nobody.cut);
 }
 
 }  // namespace

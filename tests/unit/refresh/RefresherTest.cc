@@ -354,5 +354,14 @@ TEST_F(RefresherTest, TenDaysWithHostsThatAnswerOnceADay_AreNeverWithoutAFreshOn
   }
 }
 
+TEST_F(RefresherTest, IssuerThatWasNotFoundOutBeforeTheEnd_IsNobodysFault) {
+  means.nobody = {.refusal = "before the end", .cut = true};
+  means.issuers.clear();
+  const CRLRefresh::Entry entry = refreshWith(crl(-1, 90, 5));
+  EXPECT_EQ(entry.result, Result::kFailed);
+  EXPECT_EQ(entry.reason, "before the end");
+  EXPECT_EQ(means.withdrawn, 0);
+}
+
 }  // namespace
 }  // namespace Velantrix::Test

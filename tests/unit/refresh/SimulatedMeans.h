@@ -71,7 +71,7 @@ class SimulatedMeans : public RefreshMeans {
             .path = {handle(issuer), handle(anchor == anchors.end() ? issuer : anchor->second)}};
       }
     }
-    return {.refusal = "nobody knows who issued it"};
+    return nobody;
   }
   VerifiedCache::Stored store(const Uri& uri, const RefCertificateRevocationList& crl,
                               const CRLIssuer& /*issuer*/,
@@ -105,7 +105,8 @@ class SimulatedMeans : public RefreshMeans {
   std::map<std::string, VerifiedCache::Entry> cache;
   std::map<std::string, Spared> spared;
   std::vector<Issued> issuers;
-  CRLIssuer always;                 // whoever signed it, where it is verified
+  CRLIssuer always;  // whoever signed it, where it is verified
+  CRLIssuer nobody{.refusal = "nobody knows who issued it"};
   std::map<X509*, Issued> anchors;  // where it is another one
   std::function<FetchedCRL(const Uri&)> answer = [](const Uri&) { return isDead(); };
   VerifiedCache::Stored storedAs = VerifiedCache::Stored::kStored;

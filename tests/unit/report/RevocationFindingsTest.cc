@@ -91,7 +91,7 @@ class RevocationFindingsTest : public testing::Test {
   NestedFindings nested;
 };
 
-constexpr int kReasons = static_cast<int>(Reason::kStatusUnknown) + 1;
+constexpr int kReasons = static_cast<int>(Reason::kNotVerified) + 1;
 
 TEST_F(RevocationFindingsTest, ListsThatDoNotCount_HaveARuleAndACode) {
   const struct {
@@ -123,6 +123,7 @@ TEST_F(RevocationFindingsTest, ListsThatDoNotCount_HaveARuleAndACode) {
       {Reason::kOtherNonce, "crl-malformed", X509_V_ERR_UNABLE_TO_GET_CRL},
       {Reason::kOtherCertificate, "crl-scope", X509_V_ERR_DIFFERENT_CRL_SCOPE},
       {Reason::kTooManyNested, "nested-too-deep", X509_V_ERR_UNABLE_TO_GET_CRL},
+      {Reason::kNotVerified, "budget-spent", X509_V_ERR_UNABLE_TO_GET_CRL},
       {Reason::kStatusUnknown, "crl-malformed", X509_V_ERR_UNABLE_TO_GET_CRL}};
   const Statement list = listOf({.number = Serial(7)});
   outcome.status = Status::kGood;  // what did not count is told all the same
@@ -174,6 +175,7 @@ TEST_F(RevocationFindingsTest, AnswersThatDoNotCount_HaveARule) {
               {Reason::kOtherNonce, "ocsp-nonce"},
               {Reason::kOtherCertificate, "ocsp-other-certificate"},
               {Reason::kTooManyNested, "nested-too-deep"},
+              {Reason::kNotVerified, "budget-spent"},
               {Reason::kStatusUnknown, "ocsp-unknown"}};
   outcome.status = Status::kGood;
   outcome.code = X509_V_OK;

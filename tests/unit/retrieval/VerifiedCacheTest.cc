@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 #include <random>
 #include <signal.h>
+#include <stop_token>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -710,6 +711,26 @@ TEST_F(VerifiedCacheWriters, ClassicWriterBesideIt_IsMendedByTheNextStore) {
   add(all.front());
   EXPECT_EQ(store(all.back()), Stored::kStored);
   EXPECT_EQ(held(), 8);
+}
+
+// Whether what is there is newer and signed by the same key cannot be found out then.
+TEST_F(VerifiedCacheDirectory, StoppedInALongSignature_LeavesWhatIsThere) {
+  CRLOptions newer = options(7);
+  newer.rawExtensions = {{"1.2.3.4", false, "\x04\x82\x10\x00"s + std::string(0x1000, 'x')}};
+  for (int i = 0; i < 300; ++i) newer.rawExtensions.push_back(newer.rawExtensions.front());
+  const auto there = crlHandle(newer);
+  add(there);
+  const auto older = numbered(6);
+  ASSERT_TRUE(older->isSignedBy(root.key.get()));
+  std::stop_source source;
+  source.request_stop();
+  {
+    const VerificationRun run(nullptr, {.stop = source.get_token()});
+    EXPECT_THROW(store(older), Exception);
+    EXPECT_THROW(store(there), Exception) << "it is not refused";
+  }
+  EXPECT_TRUE(holds(there));
+  EXPECT_EQ(store(older), Stored::kOlder);
 }
 
 }  // namespace

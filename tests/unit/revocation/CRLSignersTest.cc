@@ -1,7 +1,10 @@
+#include "foundation/net/Cancellation.h"
 #include "revocation/CRLSigners.h"
+#include "support/OCSPBuilder.h"
 #include "unit/revocation/Surroundings.h"
 
 #include <gtest/gtest.h>
+#include <stop_token>
 #include <thread>
 
 namespace Velantrix::Test {
@@ -296,6 +299,46 @@ TEST_F(CRLSignersTest, ProcessorTimeUsedUp_NobodyIsTried) {
   }).join();
   EXPECT_FALSE(candidates.front().counts());
   EXPECT_EQ(paths.built, 0);
+}
+
+// Its key is not used any more: who knows what the signature is.
+TEST_F(CRLSignersTest, StoppedInALongSignature_IsNotVerifiedAndNotForged) {
+  know(ca);
+  CRLOptions options = bare();
+  options.badSignature = true;
+  options.rawExtensions = {{"1.2.3.4", false, derElement(0x04, std::string(2 << 20, 'x'))}};
+  std::stop_source source;
+  paths.known.push_back(handle(ca));
+  paths.onPath = [&] { source.request_stop(); };
+  candidates.push_back({.crl = crlHandle(options), .uri = Uri(kHere)});
+  {
+    const Cancellation here(source.get_token());
+    again(withoutCA);
+  }
+  EXPECT_EQ(candidates.front().unauthentic, Reason::kNotVerified);
+  EXPECT_TRUE(sources.forged.empty());
+  EXPECT_TRUE(run.fellShort());
+  candidates.front().unauthentic.reset();
+  again(withoutCA);
+  EXPECT_EQ(candidates.front().unauthentic, Reason::kWrongSignature);
+  EXPECT_EQ(sources.forged.size(), 1U);
+}
+
+TEST_F(CRLSignersTest, StoppedBeforeTheNamesakeWhoSigned_IsNotForged) {
+  know(namesake());
+  know(ca);
+  std::stop_source source;
+  paths.onPath = [&] { source.request_stop(); };
+  candidates.push_back({.crl = crlHandle(bare()), .uri = Uri(kHere)});
+  {
+    const Cancellation here(source.get_token());
+    again(withoutCA);
+  }
+  EXPECT_FALSE(candidates.front().counts());
+  EXPECT_TRUE(sources.forged.empty());
+  candidates.front().unauthentic.reset();
+  again(withoutCA);
+  EXPECT_TRUE(candidates.front().counts());
 }
 
 }  // namespace

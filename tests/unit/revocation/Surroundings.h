@@ -131,6 +131,7 @@ class MemoryPaths : public Crypto::PKX509::Revocation::SignerPaths {
  public:
   std::vector<RefCertificate> pathOf(const RefCertificate& signer) override {
     ++built;
+    if (onPath) onPath();
     if (std::exchange(parks, false)) {
       VerificationRun::current()->park(std::make_exception_ptr(std::runtime_error("parked")));
     }
@@ -162,6 +163,7 @@ class MemoryPaths : public Crypto::PKX509::Revocation::SignerPaths {
   std::list<RefCertificate> known;
   Time time = Time::now();
   int built = 0;
+  std::function<void()> onPath;       ///< before one is built
   bool parks = false;                 ///< as OpenSSL's callbacks do, once
   std::vector<RefCertificate> given;  ///< in place of the path that OpenSSL builds of its first
 
