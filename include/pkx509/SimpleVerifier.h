@@ -15,7 +15,9 @@
 #include <velantrix/CertificateVerifier.h>
 #include <velantrix/Export.h>
 
+#include <chrono>
 #include <list>
+#include <stop_token>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -32,6 +34,17 @@ namespace Velantrix::Crypto::PKX509 {
 /// @code
 ///   SimpleVerifier::useConformingVerifier();
 ///   CertificateVerifier* const verifier = SimpleVerifier::instance();
+/// @endcode
+///
+/// **How long it takes.** A verification may wait for hosts for a minute. A daemon that has no minute
+/// says how long any of its verifications may take, those included that libraries in it ask for; who
+/// can tell what a single one may take, or wants to give it up from another thread, says so in the call:
+///
+/// @code
+///   SimpleVerifier::useDeadline(std::chrono::seconds(10));   // at start-up
+///   ...
+///   const SimpleVerifier::Terms terms{.deadline = std::chrono::seconds(2), .stop = source.get_token()};
+///   if (SimpleVerifier().isValid(certificate, 0, false, terms) != X509_V_OK) ...
 /// @endcode
 ///
 /// **Whose it is.** `instance()` makes one object, which `CertificateVerifier::s_instance` owns and
@@ -76,6 +89,21 @@ class PKX509_EXPORT SimpleVerifier : public CertificateVerifier {
   /// may rely on the leniencies.
   static void useConformingVerifier(bool on = true) noexcept;
 
+  /// How long one verification may take, for every object of this class in all of the process;
+  /// otherwise like `useConformingVerifier()`. Files, waiting and computing count, and what is not
+  /// found out by then makes the certificate not valid: see `Verifier::deadline()`.
+  /// @param time of each `isValid()`; `std::chrono::milliseconds::max()`, which is how it begins, for
+  ///             no such bound
+  static void useDeadline(std::chrono::milliseconds time) noexcept;
+
+  /// What one call is bounded by, beside what holds for the process.
+  struct Terms {
+    /// Where that of the process is shorter, it is that one.
+    std::chrono::milliseconds deadline = std::chrono::milliseconds::max();
+    /// Asks to give it up, from any thread: see `Verifier::stopToken()`.
+    std::stop_token stop = {};
+  };
+
   /// Attaches a lookup method to every store made from now on, behind those added before. An empty
   /// handle is a programming error that stops the process at the next verification.
   void add(const RefLookupMethod& method);
@@ -95,9 +123,17 @@ class PKX509_EXPORT SimpleVerifier : public CertificateVerifier {
   int isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
               VerificationReport& report);
 
+  /// The same within @p terms. Of a certificate that was not settled by then the verdict is
+  /// `X509_V_ERR_UNABLE_TO_GET_CRL` (3) if nothing else was found against it, and its report has the
+  /// outcome `kTemporary`.
+  int isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
+              const Terms& terms);
+  int isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
+              const Terms& terms, VerificationReport& report);
+
  private:
   int verdictOn(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
-                VerificationReport* report);
+                const Terms& terms, VerificationReport* report);
 
   std::list<RefLookupMethod> lookupMethods;
 };

@@ -11,7 +11,9 @@
 
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <string>
 
@@ -21,10 +23,16 @@ namespace {
 
 constexpr int kRefused = -1;  // beside OpenSSL's codes, which are not negative
 
+using Terms = SimpleVerifier::Terms;
+using std::chrono::milliseconds;
+
 std::atomic<bool> conforming = false;
+std::atomic<milliseconds> deadlineOfAll = milliseconds::max();
 
 // The report is set also where an exception leaves.
-int verdictOf(Verifier&& verifier, VerificationReport* report) {
+int verdictOf(Verifier&& verifier, const Terms& terms, VerificationReport* report) {
+  verifier.deadline(std::min<milliseconds>(terms.deadline, deadlineOfAll));
+  verifier.stopToken(terms.stop);
   if (report == nullptr) return verifier.isValid();
   try {
     const int verdict = verifier.isValid();
@@ -36,10 +44,10 @@ int verdictOf(Verifier&& verifier, VerificationReport* report) {
   }
 }
 
-int verdictOn(const RefCertificate& certificate, const RefObjectStore& store,
+int verdictOn(const RefCertificate& certificate, const RefObjectStore& store, const Terms& terms,
               VerificationReport* report) {
-  if (conforming) return verdictOf(ConformingVerifier(store, certificate), report);
-  return verdictOf(Verifier(store, certificate, false), report);
+  if (conforming) return verdictOf(ConformingVerifier(store, certificate), terms, report);
+  return verdictOf(Verifier(store, certificate, false), terms, report);
 }
 
 // A certificate without key-usage bits does not restrict its use.
@@ -62,20 +70,32 @@ CertificateVerifier* SimpleVerifier::instance() {
 
 void SimpleVerifier::useConformingVerifier(bool on) noexcept { conforming = on; }
 
+void SimpleVerifier::useDeadline(milliseconds time) noexcept { deadlineOfAll = time; }
+
 void SimpleVerifier::add(const RefLookupMethod& method) { lookupMethods.push_back(method); }
 
 int SimpleVerifier::isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage) {
-  return verdictOn(certificate, keyUsage, requireKeyUsage, nullptr);
+  return verdictOn(certificate, keyUsage, requireKeyUsage, Terms(), nullptr);
+}
+
+int SimpleVerifier::isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
+                            const Terms& terms) {
+  return verdictOn(certificate, keyUsage, requireKeyUsage, terms, nullptr);
 }
 
 int SimpleVerifier::isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
                             VerificationReport& report) {
+  return isValid(certificate, keyUsage, requireKeyUsage, Terms(), report);
+}
+
+int SimpleVerifier::isValid(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
+                            const Terms& terms, VerificationReport& report) {
   report = VerificationReport();
-  return verdictOn(certificate, keyUsage, requireKeyUsage, &report);
+  return verdictOn(certificate, keyUsage, requireKeyUsage, terms, &report);
 }
 
 int SimpleVerifier::verdictOn(const RefCertificate& certificate, int keyUsage, bool requireKeyUsage,
-                              VerificationReport* report) {
+                              const Terms& terms, VerificationReport* report) {
   const NoCancellation untilReturn;
   try {
     if (keyUsage != 0 && !allows(certificate, keyUsage)) {
@@ -91,7 +111,7 @@ int SimpleVerifier::verdictOn(const RefCertificate& certificate, int keyUsage, b
       method->store(store);
       store->add(method);
     }
-    return PKX509::verdictOn(certificate, store, report);
+    return PKX509::verdictOn(certificate, store, terms, report);
   } catch (const Exception& failure) {
     log(kPriorityDebug, "Cryptod::CMS::SimpleVerifier: Caught " + failure.asString());
     return kRefused;

@@ -9,9 +9,11 @@
 #include <boost/system/system_error.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
+#include <stop_token>
 #include <type_traits>
 #include <vector>
 
@@ -157,6 +159,56 @@ TEST_F(SimpleVerifierTest, KeyUsage_IsAskedForWithTheConformingVerifierToo) {
   const ConformingHere switched;
   EXPECT_EQ(isValid(issued, KU_KEY_ENCIPHERMENT), 0) << log.text();
   EXPECT_EQ(isValid(issued, KU_DIGITAL_SIGNATURE), -1);
+}
+
+// For the process, for the call, and the shorter one where there are both.
+TEST_F(SimpleVerifierTest, Deadline_IsTheShorterOfTheProcessAndTheCall) {
+  using namespace std::chrono_literals;
+  constexpr auto kNone = std::chrono::milliseconds::max();
+  const struct {
+    std::chrono::milliseconds ofAll;
+    std::chrono::milliseconds ofCall;
+    int result;
+  } rows[] = {{kNone, kNone, 0}, {1min, kNone, 0}, {kNone, 1min, 0}, {0ms, kNone, 3},
+              {kNone, 0ms, 3},   {0ms, 1min, 3},   {1min, 0ms, 3}};
+  for (const bool conforming : {false, true}) {
+    SimpleVerifier::useConformingVerifier(conforming);
+    for (const auto& row : rows) {
+      const auto which = testing::Message() << conforming << " " << row.ofAll.count() << " "
+                                            << row.ofCall.count() << "\n";
+      SimpleVerifier::useDeadline(row.ofAll);
+      const SimpleVerifier::Terms terms{.deadline = row.ofCall};
+      VerificationReport report;
+      EXPECT_EQ(verifier.isValid(handle(leaf), 0, false, terms), row.result) << which << log.text();
+      EXPECT_EQ(verifier.isValid(handle(leaf), 0, false, terms, report), row.result) << which;
+      EXPECT_EQ(report.code(), row.result) << which;
+      EXPECT_EQ(report.outcome(), row.result == 0 ? Outcome::kValid : Outcome::kTemporary) << which;
+      const bool overForAll = row.ofAll == 0ms;
+      CertificateVerifier& asLibrariesDo = verifier;
+      EXPECT_EQ(asLibrariesDo.isValid(handle(leaf), 0, false), overForAll ? 3 : 0) << which;
+    }
+  }
+  SimpleVerifier::useDeadline(kNone);
+  SimpleVerifier::useConformingVerifier(false);
+}
+
+TEST_F(SimpleVerifierTest, StopOfACall_IsThatCallsOnly) {
+  for (const bool conforming : {false, true}) {
+    SimpleVerifier::useConformingVerifier(conforming);
+    std::stop_source stop;
+    const SimpleVerifier::Terms terms{.stop = stop.get_token()};
+    EXPECT_EQ(verifier.isValid(handle(leaf), 0, false, terms), 0) << log.text();
+    source->onQuery = [&](Query, const DistinguishedName&) { stop.request_stop(); };
+    EXPECT_EQ(verifier.isValid(handle(leaf), 0, false, terms), X509_V_ERR_UNABLE_TO_GET_CRL);
+    source->onQuery = nullptr;
+    VerificationReport report;
+    EXPECT_EQ(verifier.isValid(handle(leaf), 0, false, terms, report),
+              X509_V_ERR_UNABLE_TO_GET_CRL);
+    EXPECT_EQ(report.outcome(), Outcome::kTemporary) << report.line();
+    EXPECT_NE(report.line().find("cancelled"), std::string::npos) << report.line();
+    EXPECT_EQ(isValid(leaf), 0) << "others go on";
+  }
+  SimpleVerifier::useConformingVerifier(false);
 }
 
 TEST_F(SimpleVerifierTest, NothingOfOneVerificationSurvivesIntoTheNext) {
