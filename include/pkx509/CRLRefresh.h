@@ -58,7 +58,8 @@ struct PKX509_EXPORT RefreshSettings {
   /// So many hosts are asked at once, by as many threads, of which the caller's is one; at most kMostParallel.
   /// Requests to one host go one after the other, so that a host that is dead is waited for once.
   unsigned int parallel = 4;
-  /// For the whole round; 0 for no such bound. What is under way when it ends is given up.
+  /// For the whole round, computing included; 0 for no such bound. What is under way when it ends is given
+  /// up, and what the cache has stays.
   std::chrono::milliseconds deadline{0};
   /// Which addresses may be contacted; the process may refuse more.
   AddressPolicy addresses = AddressPolicy::publicAndPrivate();
@@ -72,7 +73,7 @@ class PKX509_EXPORT CRLRefresh {
     kUpdated,          ///< there is another one now
     kNotModified,      ///< the host has none newer than the good one of the cache
     kFailedOldIsGood,  ///< nothing new, and what the cache has is good for now
-    kFailed            ///< there is no good one
+    kFailed            ///< there is no good one, or it was not looked for before the end
   };
   static constexpr std::size_t kResults = static_cast<std::size_t>(Result::kFailed) + 1;
 

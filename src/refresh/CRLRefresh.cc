@@ -146,17 +146,20 @@ class Round {
   // What is left of the round for the next one; none where there is no bound.
   std::optional<Clock::duration> timeLeft() const {
     if (!deadline_) return std::nullopt;
-    return std::max(*deadline_ - Clock::now(), Clock::duration::zero());
+    return *deadline_ - Clock::now();
   }
 
   CRLRefresh::Entry refresh(const Uri& uri) const {
     if (!isWeb(uri)) return unusable(uri, "its scheme is neither http nor https");
     // The file would be that of the URI without them.
     if (hasDotSegments(uri.path())) return unusable(uri, "its path has dot segments");
-    if (stop_.stop_requested()) return unusable(uri, "it was not its turn before the end");
+    const std::optional<Clock::duration> left = timeLeft();
+    if (stop_.stop_requested() || (left && *left <= Clock::duration::zero())) {
+      return unusable(uri, "it was not its turn before the end");
+    }
     const NoCancellation untilReturn;
     const Cancellation here(stop_);
-    VerificationRun run(nullptr, {.networkTime = timeLeft(), .addresses = settings_.addresses});
+    VerificationRun run(nullptr, {.addresses = settings_.addresses, .wholeTime = left});
     WebMeans means(settings_, kCRLCacheDirectory);
     return Refresher(means, {.share = settings_.share, .all = settings_.all}).refresh(uri);
   }
