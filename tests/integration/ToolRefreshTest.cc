@@ -4,18 +4,24 @@
 #include "support/Loopback.h"
 #include "support/Pki.h"
 #include "support/PrivateView.h"
+#include "support/Process.h"
 #include "support/WebServer.h"
 
 #include <pkx509/FixedPaths.h>
 #include <pkx509/HashDirLookup.h>
+#include <velantrix/CertificateRevocationList.h>
 #include <velantrix/Time.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
+#include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Velantrix::Test {
@@ -240,6 +246,47 @@ TEST_F(ToolRefresh, LoopbackHosts_AreNotAskedWithoutTheOption) {
       tool(Arguments{"refresh", "--ca-dir", own("trusted"), "--quiet"} + listed({uri}));
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(server.requestsFor("/root.crl"), 0U);
+}
+
+// At any point between its start and its end.
+TEST_F(ToolRefresh, Killed_LeavesAWholeCRLAndNoneThatIsOlder) {
+  constexpr int kKills = 30;
+  // Of another length each time, so that nginx does not take it for the one of a second before.
+  const auto publishNumber = [&](int number) {
+    letDeliveriesGo();
+    CRLOptions options{.number = Serial(number)};
+    for (int i = 0; i < number; ++i) options.revoked.push_back({.serial = Serial(1000 + i)});
+    return publish(options);
+  };
+  const auto numberIn = [](const std::string& uri) {
+    const auto crl =
+        Crypto::PKX509::CertificateRevocationListFactory::read(File::Path(cacheFile(uri).string()));
+    EXPECT_FALSE(crl.empty());
+    return crl.empty() ? 0 : static_cast<int>(crl->entryCount());
+  };
+  const auto start = std::chrono::steady_clock::now();
+  const std::string uri = publish({.number = Serial(1), .revoked = {{.serial = Serial(1000)}}});
+  ASSERT_EQ(refresh(listed({uri})).status, 0);
+  const auto whole = std::chrono::duration_cast<std::chrono::microseconds>(
+      std::chrono::steady_clock::now() - start);
+  std::mt19937 random(1);
+  std::uniform_int_distribution<long> point(0, static_cast<long>(whole.count()));
+  int held = 1;
+  for (int number = 2; number < 2 + kKills; ++number) {
+    publishNumber(number);
+    BackgroundProcess killed({PKX509_TOOL, "refresh", "--ca-dir", own("trusted"), "--allow-address",
+                              "loopback", "--all", "--quiet"});
+    std::this_thread::sleep_for(std::chrono::microseconds(point(random)));
+    ::kill(killed.pid(), SIGKILL);
+    killed.stop();
+    const int now = numberIn(uri);
+    EXPECT_TRUE(now == held || now == number) << now << " after " << held;
+    held = now;
+  }
+  publishNumber(2 + kKills);
+  const CommandResult next = refresh({"--all"});
+  EXPECT_EQ(next.status, 0) << next.err;
+  EXPECT_EQ(numberIn(uri), 2 + kKills);
 }
 
 TEST_F(ToolRefresh, NothingToDo_IsDone) {
