@@ -228,6 +228,23 @@ void allowAddresses(const std::string& kind, AddressPolicy& policy) {
                   "\" is none of loopback, link-local, multicast, unspecified and all");
 }
 
+std::chrono::milliseconds parseDuration(const std::string& text) {
+  using std::chrono::milliseconds;
+  constexpr milliseconds kMost = std::chrono::hours(24);
+  const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+  const std::string_view unit = std::string_view(text).substr(digits);
+  const std::optional<std::int64_t> count = number(std::string_view(text).substr(0, digits));
+  milliseconds one{0};
+  if (unit == "ms") one = milliseconds(1);
+  if (unit == "s" || unit.empty()) one = std::chrono::seconds(1);
+  if (unit == "m") one = std::chrono::minutes(1);
+  if (!count || *count <= 0 || one.count() == 0 || *count > kMost / one) {
+    throw ToolError("--deadline: \"" + text +
+                    "\" is no time of at most a day, like 500ms, 10s or 2m");
+  }
+  return *count * one;
+}
+
 double parseShare(const std::string& text) {
   double share = 0;
   const char* const end = text.data() + text.size();

@@ -4,6 +4,7 @@
 #include <pkx509/AddressPolicy.h>
 #include <velantrix/Uri.h>
 
+#include <chrono>
 #include <ctime>
 #include <string>
 #include <string_view>
@@ -36,6 +37,11 @@ int parseKeyUsage(const std::string& names);
 /// @param policy allows it from then on
 /// @throws ToolError for an unknown name
 void allowAddresses(const std::string& kind, Crypto::PKX509::AddressPolicy& policy);
+
+/// How long something may take, as --deadline gives it: a whole number and a unit, "500ms", "10s" or "2m";
+/// seconds where there is none. Above 0, a day at most.
+/// @throws ToolError for anything else
+std::chrono::milliseconds parseDuration(const std::string& text);
 
 /// The part of a CRL's life that --share gives: above 0 and below 1.
 /// @throws ToolError for anything else

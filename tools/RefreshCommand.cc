@@ -189,6 +189,8 @@ has run out.
 Hosts at public and private addresses are asked; --allow-address adds a kind: loopback, link-local,
 multicast, unspecified, or all.
 
+What is not done within --deadline has failed, and what the cache has stays.
+
 Output:
   A line for each URI as soon as it is done, and a summary. What has failed is told on standard error, as
   are log lines, and on a terminal there is a counter as long as it takes.
@@ -200,7 +202,7 @@ Output:
 Exit status:
   0  There is a good CRL for each URI, and nothing has failed.
   1  Something has failed, and for each URI there is a good CRL for now.
-  2  For a URI there is no good CRL; or wrong usage, a file, the cache or a directory that cannot be read.
+  2  For a URI there is no good CRL, or the deadline was over before it was looked for; or wrong usage, a file, the cache or a directory that cannot be read.
 
 Examples:
   pkx509 refresh
@@ -225,6 +227,9 @@ void addRefreshCommand(CommandLine& commandLine) {
   command.option("--share", "SHARE",
                  "of a CRL's life, after which its host is asked; 0.5 by default",
                  [&settings](const std::string& text) { settings.share = parseShare(text); });
+  command.option("--deadline", "DURATION",
+                 "gives all of them no more time than that, 500ms, 10s or 2m",
+                 [&settings](const std::string& text) { settings.deadline = parseDuration(text); });
   command.option(
       "--proxy", "URI", "HTTP proxy that all requests go through, http://HOST:PORT",
       [&settings](const std::string& text) { settings.retrieval.proxy = parseProxy(text); });

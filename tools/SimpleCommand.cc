@@ -15,6 +15,7 @@
 
 #include <openssl/x509_vfy.h>
 
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <string>
@@ -34,6 +35,7 @@ struct Options {
   int keyUsage = 0;
   bool requireKeyUsage = false;
   bool conforming = false;
+  std::chrono::milliseconds deadline = std::chrono::milliseconds::max();
   ReportOptions output;
 };
 
@@ -45,7 +47,7 @@ Report verify(const Options& options, const RefCertificate& certificate) {
   report.pathKnown = false;
   try {
     report.code = SimpleVerifier().isValid(certificate, options.keyUsage, options.requireKeyUsage,
-                                           report.found);
+                                           {.deadline = options.deadline}, report.found);
     report.text = report.code == kNoVerdict
                       ? "the key usage does not fit, or the verification could not be carried out"
                       : X509_verify_cert_error_string(report.code);
@@ -79,6 +81,7 @@ trusted certificates come from /opsadmin/etc/cert/server/ca and CRLs from
 /opsadmin/etc/cert/server/crl, both of them directories of PEM files that are named by a hash.
 Intermediate certificates have to stand in the former; others in CERT play no part. --conforming is for
 daemons that ask for the conforming verifier, which "pkx509 verify" uses; others have the classic one.
+What is not settled within --deadline is not valid for now, as with "pkx509 verify".
 
 NAMES are key usages, in any case of letters and separated by commas:
 )";
@@ -135,6 +138,8 @@ void addSimpleCommand(CommandLine& commandLine) {
   command.needs("--require-key-usage", "--key-usage");
   command.flag("--conforming", "with the conforming verifier, as daemons that ask for it",
                options->conforming);
+  command.option("--deadline", "DURATION", "gives it no more time than that, 500ms, 10s or 2m",
+                 [options](const std::string& text) { options->deadline = parseDuration(text); });
   addReportOptions(command, options->output);
   command.footer(helpText());
   command.action([options] { return run(*options); });

@@ -67,6 +67,7 @@ std::unique_ptr<Verifier> makeVerifier(const VerificationSettings& settings,
 }
 
 void applyParameters(const VerificationSettings& settings, Verifier& verifier) {
+  verifier.deadline(settings.deadline);
   X509_VERIFY_PARAM* const param = X509_STORE_CTX_get0_param(verifier);  // borrowed
   if (settings.at) X509_VERIFY_PARAM_set_time(param, *settings.at);
   if (X509_VERIFY_PARAM_clear_flags(param, settings.clearedFlags) != 1) {

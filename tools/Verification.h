@@ -8,6 +8,7 @@
 #include <pkx509/RevocationSettings.h>
 #include <velantrix/Certificate.h>
 
+#include <chrono>
 #include <ctime>
 #include <list>
 #include <optional>
@@ -26,6 +27,7 @@ struct VerificationSettings {
   unsigned long setFlags = 0;      ///< beside those that the verifier has by default
   unsigned long clearedFlags = 0;  ///< not set even where OpenSSL has them set by default
   std::optional<std::time_t> at;
+  std::chrono::milliseconds deadline = std::chrono::milliseconds::max();  ///< of each verification
   bool classic = false;  ///< with a `Verifier`; otherwise with a `ConformingVerifier`
 
   /// @name With a `ConformingVerifier`

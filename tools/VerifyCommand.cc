@@ -148,6 +148,11 @@ level, and every address is contacted.
 TIME is in UTC: 2026-11-21T05:00:00Z, 2026-11-21 (the begin of that day), or @ and seconds since the
 epoch. OpenSSL verifies as of a whole second: of 05:00:00.5 and @1795237200.5 the fraction is cut off.
 
+DURATION is a whole number and ms, s or m: 500ms, 10s, 2m; seconds without a unit, a day at most. It counts
+for each certificate by itself, from when its verification begins: files, hosts and computing. Without
+--deadline there is no such bound, and hosts take a minute at most. A certificate that is not settled by
+then is not valid for now: the line says that the time is spent, and the outcome is temporary.
+
 NAME is that of a constant of OpenSSL, with or without X509_V_FLAG_, in any case, with "_" or "-":
 )";
 
@@ -197,7 +202,7 @@ Examples:
   pkx509 verify --ca-dir /etc/ssl/certs --crl-dir crls --untrusted chain.pem person.pem
   pkx509 verify --explain --untrusted chain.pem person.pem
   pkx509 verify --classic person.pem
-  pkx509 verify --quiet --tempfail person.pem
+  pkx509 verify --quiet --tempfail --deadline 10s person.pem
   pkx509 verify --json --at 2026-11-21T05:00:00Z a.pem b.der
   openssl s_client -showcerts -connect mx.example.com:465 </dev/null | pkx509 verify -
 )";
@@ -261,6 +266,9 @@ void addVerifyCommand(CommandLine& commandLine) {
                            });
   command.option("--at", "TIME", "verifies as of that time, see below",
                  [options](const std::string& text) { options->settings.at = parseTime(text); });
+  command.option(
+      "--deadline", "DURATION", "gives a certificate no more time than that, see below",
+      [options](const std::string& text) { options->settings.deadline = parseDuration(text); });
   command.numberOption("--security-level", "N",
                        "how strong keys and signatures have to be, 0 to 5, default 2",
                        options->securityLevel, 0, 5);

@@ -83,7 +83,7 @@ TEST_F(ToolCompletion, SubcommandsAndOptions_AreThoseOfHelp) {
   EXPECT_EQ(offered({"--v"}), (Words{"--version"}));
   EXPECT_EQ(offered({"x"}), (Words{}));
   const Words verify = optionsIn(tool({"verify", "--help"}).out);
-  EXPECT_EQ(verify.size(), 19U);
+  EXPECT_EQ(verify.size(), 20U);
   EXPECT_EQ(offered({"verify", "-"}), verify);
   EXPECT_EQ(offered({"verify", "a.pem", "--json", "--"}), verify);
   EXPECT_EQ(offered({"verify", "--c"}), (Words{"--ca-dir", "--classic", "--crl-dir", "--color"}));
@@ -109,6 +109,7 @@ TEST_F(ToolCompletion, Values_AreThoseOfTheirOption) {
   EXPECT_EQ(offered({"verify", "--security-level", ""}), (Words{"0", "1", "2", "3", "4", "5"}));
   EXPECT_EQ(offered({"verify", "--allow-address", "l"}), (Words{"loopback", "link-local"}));
   EXPECT_EQ(offered({"verify", "--at", ""}), (Words{}));
+  EXPECT_EQ(offered({"refresh", "--deadline", ""}), (Words{}));
   EXPECT_EQ(offered({"verify", "--policy", "2"}), (Words{"2.5.29.32.0"}));
   // As bash breaks words at "=", and as it does when "=" is taken out of COMP_WORDBREAKS.
   EXPECT_EQ(offered({"verify", "--color", "="}), (Words{"auto", "always", "never"}));
@@ -192,8 +193,9 @@ TEST_F(ToolCompletion, ManPage_HasAllOptionsAndKeys) {
     }
   }
   EXPECT_NE(page.find("\n.It Fl -version\n"), std::string::npos);
-  for (const std::string arguments : {"verify --ca-dir ", "verify ", "simple ", "show ", "add ",
-                                      "find ", "crl ", "ocsp ", "refresh ", "cache list", "cache flush "}) {
+  for (const std::string arguments :
+       {"verify --ca-dir ", "verify ", "simple ", "show ", "add ", "find ", "crl ", "ocsp ",
+        "refresh ", "cache list", "cache flush "}) {
     EXPECT_NE(page.find("\n$ pkx509 " + arguments), std::string::npos) << arguments;
   }
   const nlohmann::json shown =

@@ -640,6 +640,7 @@ TEST_F(Tool, Help_NamesEverything) {
                            "--flag",
                            "--no-flag",
                            "--at",
+                           "--deadline",
                            "--openssl-revocation",
                            "--classic",
                            "--security-level",
