@@ -32,7 +32,7 @@ void reporting(Work&& work) {
   }
 }
 
-std::string_view wordOf(CRLCacheView::Failing::Of of) noexcept {
+std::string_view failingWord(CRLCacheView::Failing::Of of) noexcept {
   switch (of) {
     case CRLCacheView::Failing::Of::kHost:
       return "host";
@@ -119,7 +119,7 @@ Value jsonOf(const CacheFile& file, const Time& now) {
 
 Value jsonOf(const CRLCacheView::Failing& failing) {
   return Value::Object{{"schemaVersion", kSchemaVersion}, {"type", "failing"},
-                       {"of", wordOf(failing.of)},        {"uri", failing.place},
+                       {"of", failingWord(failing.of)},   {"uri", failing.place},
                        {"sha256", failing.sha256},        {"failure", jsonOf(failing.failure)}};
 }
 

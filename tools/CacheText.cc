@@ -83,7 +83,7 @@ std::string failureText(const CRLCacheView::Failure& failure, const Time& now) {
   return pause > 0 ? text + "; not asked for " + spanText(pause) : text;
 }
 
-std::string kindText(CRLCacheView::Failing::Of of) {
+std::string failingText(CRLCacheView::Failing::Of of) {
   switch (of) {
     case CRLCacheView::Failing::Of::kHost:
       return "a host, nothing from it";
@@ -154,7 +154,7 @@ std::string CacheTable::add(const CRLCacheView::Failing& failing) {
   ++missing_;
   constexpr std::size_t kUpToLastFetch = kLeft + kNumber + kEntries + kSize + 8;
   // Padded before it is painted, as colours have no width.
-  const std::string state = left(kindText(failing.of), kUpToLastFetch);
+  const std::string state = left(failingText(failing.of), kUpToLastFetch);
   return heading() + painted(state, Tree::Paint::kUncertain, style_) + "failed " +
          agoText(failing.failure.at, now_) + '\n' +
          paragraphOf(failing.place, Tree::Paint::kStrong) +
