@@ -43,7 +43,7 @@ namespace Velantrix::Crypto::PKX509 {
 /// @code
 ///   SimpleVerifier::useDeadline(std::chrono::seconds(10));   // at start-up
 ///   ...
-///   const SimpleVerifier::Terms terms{.deadline = std::chrono::seconds(2), .stop = source.get_token()};
+///   const SimpleVerifier::Terms terms{.deadline = std::chrono::seconds(2), .stop = stop};
 ///   if (SimpleVerifier().isValid(certificate, 0, false, terms) != X509_V_OK) ...
 /// @endcode
 ///

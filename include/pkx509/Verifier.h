@@ -207,8 +207,9 @@ class PKX509_EXPORT Verifier : private NonCopyable {
   ///
   /// Waiting ends within 50 ms: to connect, for an answer, for a name server, for an LDAP server, for
   /// the lock of a directory. So does what is computed, but for the OpenSSL call that goes on (one
-  /// signature, one hash) and a lookup method or callback of the caller's. What is left to do is left out,
-  /// and the verification does not end valid: with `X509_V_ERR_UNABLE_TO_GET_CRL` (3) if nothing was
+  /// signature, 1 MiB of a CRL, reading one CRL; all of a CRL where OpenSSL's own revocation check digests
+  /// it) and a lookup method or callback of the caller's. What is left to do is left out, and the
+  /// verification does not end valid: with `X509_V_ERR_UNABLE_TO_GET_CRL` (3) if nothing was
   /// found against the certificate, also where an issuer was not found since it was not looked for any
   /// more. The report's outcome is temporary then, and the resource "cancelled" is spent. A
   /// verification that is asked to stop before its start looks at nothing. One that has nothing left to
