@@ -213,7 +213,7 @@ std::vector<Means> makeAllMeans() {
           {"ECDSA", p256, "SHA256"},
           {"ECDSA, SHA-384", p256, "SHA384"},
           {"ECDSA, SHA-1", p256, "SHA1"},
-          {"ECDSA, P-384", made(EVP_EC_gen("P-384")), "SHA384"},
+          {"ECDSA, P-384", made(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-384")), "SHA384"},
           {"DSA", dsa, "SHA256"},
           {"DSA, SHA-1", dsa, "SHA1"},
           {"Ed25519", makeKey(KeyKind::Ed25519), nullptr},
