@@ -21,26 +21,26 @@ void requireReadable(const struct stat& status, const std::string& name) {
   fail(kHere, name + ": Not a regular file.");
 }
 
-}  // namespace
-
-std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit) {
-  const std::string& name = path.asString();
+FileDescriptor openToRead(const std::string& name, struct stat& status) {
   // A look before the opening, because opening a device can already have an effect; and another
   // after it, because the first may have been at another file.
-  struct stat status = {};
   if (::stat(systemPath(name), &status) != 0) failSystem(kHere, name, errno);
   requireReadable(status, name);
-  const FileDescriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  FileDescriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   if (!file.valid() || ::fstat(file.get(), &status) != 0) {
     failSystem(kHere, name, errno);
   }
   requireReadable(status, name);
+  return file;
+}
 
+std::vector<unsigned char> readAll(const FileDescriptor& file, off_t hint, const std::string& name,
+                                   std::size_t limit) {
   // The size is a hint: a FIFO has none, and a file can grow. One byte more than it makes the end
   // visible without a second round, and one byte more than the limit shows that it is passed.
   constexpr std::size_t kChunk = std::size_t{64} * 1024;
   const std::size_t most = limit + 1;
-  const auto size = static_cast<std::size_t>(std::max<off_t>(status.st_size, 0));
+  const auto size = static_cast<std::size_t>(std::max<off_t>(hint, 0));
   std::vector<unsigned char> content;
   std::size_t used = 0;
   if (size > limit) fail(kHere, name + ": The file is too large.");
@@ -58,6 +58,27 @@ std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit) {
   }
   content.resize(used);
   return content;
+}
+
+}  // namespace
+
+std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit) {
+  struct stat status = {};
+  const FileDescriptor file = openToRead(path.asString(), status);
+  return readAll(file, status.st_size, path.asString(), limit);
+}
+
+FileRead readFileWithStamp(const File::Path& path, std::size_t limit) {
+  const std::chrono::nanoseconds begin = FileStamp::realTime();
+  struct stat status = {};
+  const FileDescriptor file = openToRead(path.asString(), status);
+  FileRead read{.content = {}, .stamp = FileStamp::of(status)};
+  read.content = readAll(file, status.st_size, path.asString(), limit);
+  read.lasts = read.stamp.regular &&
+               read.content.size() == static_cast<std::size_t>(read.stamp.size) &&
+               read.stamp.isSettled(begin) && FileStamp::of(file.get()) == read.stamp &&
+               isOnLocalFileSystem(file.get());
+  return read;
 }
 
 }  // namespace Velantrix

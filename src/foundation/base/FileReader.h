@@ -1,6 +1,8 @@
 // Reads a whole file into memory, up to a limit.
 #pragma once
 
+#include "foundation/base/FileStamp.h"
+
 #include <velantrix/File.h>
 
 #include <cstddef>
@@ -17,5 +19,16 @@ inline constexpr std::size_t kMaxInputSize = std::size_t{128} * 1024 * 1024;
 /// @throws Exception with the path and the reason when the file cannot be read, is neither of the
 ///         two or is larger than @p limit
 std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit = kMaxInputSize);
+
+/// A file as it was read.
+struct FileRead {
+  std::vector<unsigned char> content;
+  FileStamp stamp;  ///< when reading began
+  /// The file has this content for as long as it has this stamp: it is a regular one of a local file
+  /// system, did not change meanwhile, and its clock would tell of a change.
+  bool lasts = false;
+};
+/// As `readFile()`. A file that changes meanwhile is read as far as it goes, as ever.
+FileRead readFileWithStamp(const File::Path& path, std::size_t limit = kMaxInputSize);
 
 }  // namespace Velantrix

@@ -12,6 +12,7 @@ namespace Velantrix {
 namespace {
 
 std::atomic<std::int64_t> coarseTick{1};
+std::atomic<std::int64_t> clockAhead{0};
 
 std::int64_t nanoseconds(const timespec& time) noexcept {
   constexpr std::int64_t kSecond = 1'000'000'000;
@@ -37,6 +38,18 @@ constexpr std::array<std::uint32_t, 14> kLocalFileSystems{
     0x00009660,  // ISO 9660
     0x24051905   // UBIFS
 };
+
+template <class Ask>
+bool isLocal(const Ask& ask) noexcept {
+  struct statfs status = {};
+  int result = 0;
+  do {
+    result = ask(status);
+  } while (result != 0 && errno == EINTR);
+  return result == 0 &&
+         std::find(kLocalFileSystems.begin(), kLocalFileSystems.end(),
+                   static_cast<std::uint32_t>(status.f_type)) != kLocalFileSystems.end();
+}
 
 }  // namespace
 
@@ -65,7 +78,8 @@ std::chrono::nanoseconds FileStamp::realTime() noexcept {
   timespec now{};
   // Where a sandbox forbids the clock, no file is settled.
   if (::clock_gettime(CLOCK_REALTIME, &now) != 0) return std::chrono::nanoseconds::min();
-  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec) +
+         std::chrono::nanoseconds(clockAhead.load(std::memory_order_relaxed));
 }
 
 bool FileStamp::isSettled(std::chrono::nanoseconds readAt) const noexcept {
@@ -75,18 +89,21 @@ bool FileStamp::isSettled(std::chrono::nanoseconds readAt) const noexcept {
 }
 
 bool isOnLocalFileSystem(int descriptor) noexcept {
-  struct statfs status = {};
-  int result = 0;
-  do {
-    result = ::fstatfs(descriptor, &status);
-  } while (result != 0 && errno == EINTR);
-  return result == 0 &&
-         std::find(kLocalFileSystems.begin(), kLocalFileSystems.end(),
-                   static_cast<std::uint32_t>(status.f_type)) != kLocalFileSystems.end();
+  return isLocal([descriptor](struct statfs& status) { return ::fstatfs(descriptor, &status); });
 }
 
-CoarseStamps::CoarseStamps(std::chrono::nanoseconds tick) noexcept { coarseTick = tick.count(); }
+bool isOnLocalFileSystem(const char* path) noexcept {
+  return isLocal([path](struct statfs& status) { return ::statfs(path, &status); });
+}
 
-CoarseStamps::~CoarseStamps() { coarseTick = 1; }
+CoarseStamps::CoarseStamps(std::chrono::nanoseconds tick) noexcept
+    : former_(coarseTick.exchange(tick.count())) {}
+
+CoarseStamps::~CoarseStamps() { coarseTick = former_; }
+
+StampClockAhead::StampClockAhead(std::chrono::nanoseconds ahead) noexcept
+    : former_(clockAhead.exchange(ahead.count())) {}
+
+StampClockAhead::~StampClockAhead() { clockAhead = former_; }
 
 }  // namespace Velantrix

@@ -50,12 +50,29 @@ struct FileStamp {
 /// that is not known, or whose clock and inodes are another machine's or a program's, is none.
 bool isOnLocalFileSystem(int descriptor) noexcept;
 
+/// By a path, links followed, for who has not opened it yet.
+bool isOnLocalFileSystem(const char* path) noexcept;
+
 /// For tests: while it lives, the times in all stamps of the process are cut to multiples of a tick, as by
 /// a file system with a coarse clock.
 class CoarseStamps : private NonCopyable {
  public:
   explicit CoarseStamps(std::chrono::nanoseconds tick) noexcept;
   ~CoarseStamps();
+
+ private:
+  std::int64_t former_;
+};
+
+/// For tests: while it lives, `FileStamp::realTime()` is that much later, so that what was written just now
+/// is settled.
+class StampClockAhead : private NonCopyable {
+ public:
+  explicit StampClockAhead(std::chrono::nanoseconds ahead) noexcept;
+  ~StampClockAhead();
+
+ private:
+  std::int64_t former_;
 };
 
 }  // namespace Velantrix

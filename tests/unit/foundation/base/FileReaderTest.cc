@@ -1,15 +1,22 @@
+#include "foundation/base/FileDescriptor.h"
 #include "foundation/base/FileReader.h"
+#include "foundation/base/FileStamp.h"
 #include "support/Files.h"
 
 #include <velantrix/Exception.h>
 
+#include <array>
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <stdexcept>
 #include <string>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -19,7 +26,11 @@ namespace {
 
 using namespace std::string_literals;
 using Velantrix::Exception;
+using Velantrix::FileDescriptor;
+using Velantrix::FileRead;
+using Velantrix::FileStamp;
 using Velantrix::kMaxInputSize;
+using Velantrix::StampClockAhead;
 using Velantrix::File::Path;
 using Velantrix::Test::TempDir;
 using Velantrix::Test::writeFile;
@@ -137,6 +148,72 @@ TEST(FileReader, ReadFile_FileThatOpensAndCannotBeRead_ThrowsWithPathAndReason) 
   // A regular file, and nothing is mapped at the address that its beginning stands for.
   EXPECT_NE(failure("/proc/self/mem").find("/proc/self/mem: Input/output error"),
             std::string::npos);
+}
+
+TEST(FileReader, WithStamp_LastsWhenTheFileIsSettled) {
+  const TempDir dir;
+  writeFile(dir / "file", "content");
+  const Path path(dir / "file");
+  const FileRead fresh = Velantrix::readFileWithStamp(path);
+  EXPECT_EQ(std::string(fresh.content.begin(), fresh.content.end()), "content");
+  EXPECT_EQ(FileStamp::at((dir / "file").c_str()), fresh.stamp);
+  EXPECT_FALSE(fresh.lasts);
+  const StampClockAhead later(std::chrono::seconds(3));
+  EXPECT_TRUE(Velantrix::readFileWithStamp(path).lasts);
+}
+
+TEST(FileReader, WithStamp_NeverLastsForAFifoAndForFilesOfPrograms) {
+  const TempDir dir;
+  const std::string path = dir / "fifo";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  const Feeder feeder(path, "content");
+  const StampClockAhead later(std::chrono::seconds(3));
+  EXPECT_FALSE(Velantrix::readFileWithStamp(Path(path)).lasts);
+  EXPECT_FALSE(Velantrix::readFileWithStamp(Path("/proc/self/status")).lasts);
+}
+
+// Changes the file as soon as somebody has opened it.
+class Changer {
+ public:
+  explicit Changer(const std::string& path) : watch_(::inotify_init1(IN_CLOEXEC)), path_(path) {
+    if (::inotify_add_watch(watch_.get(), path.c_str(), IN_OPEN) < 0)
+      throw std::runtime_error("inotify");
+    thread_ = std::thread([this] {
+      std::array<char, 4096> events{};
+      if (::read(watch_.get(), events.data(), events.size()) <= 0) return;
+      changed = ::utimensat(AT_FDCWD, path_.c_str(), kTimes, 0) == 0;
+    });
+  }
+  ~Changer() { thread_.join(); }
+  Changer(const Changer&) = delete;
+  Changer& operator=(const Changer&) = delete;
+
+  std::atomic<bool> changed = false;
+
+ private:
+  static constexpr timespec kTimes[] = {{1, 0}, {1, 0}};
+
+  FileDescriptor watch_;
+  std::string path_;
+  std::thread thread_;
+};
+
+TEST(FileReader, WithStamp_ChangedWhileItIsRead_DoesNotLast) {
+  const TempDir dir;
+  const std::string path = dir / "file";
+  writeFile(path, std::string(std::size_t{8} * 1024 * 1024, 'x'));
+  const StampClockAhead later(std::chrono::seconds(3));
+  // It may be read before it is changed; sooner or later it is not.
+  for (int tries = 0; tries < 1000; ++tries) {
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), nullptr, 0), 0);
+    Changer changer(path);
+    const FileStamp before = *FileStamp::at(path.c_str());
+    const FileRead read = Velantrix::readFileWithStamp(Path(path));
+    if (!changer.changed || read.stamp != before) continue;
+    EXPECT_FALSE(read.lasts);
+    return;
+  }
+  FAIL() << "It was never changed in time.";
 }
 
 TEST(FileReader, ReadFile_NulInName_ThrowsInsteadOfReadingAnotherFile) {

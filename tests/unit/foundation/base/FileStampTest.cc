@@ -19,6 +19,7 @@ using Velantrix::CoarseStamps;
 using Velantrix::FileDescriptor;
 using Velantrix::FileStamp;
 using Velantrix::isOnLocalFileSystem;
+using Velantrix::StampClockAhead;
 using Velantrix::Test::TempDir;
 using Velantrix::Test::writeFile;
 
@@ -109,6 +110,17 @@ TEST(FileStamp, CoarseClock_CutsTimesWhileItLasts) {
   EXPECT_EQ(stampAt(5 * kSecond + 1, 6 * kSecond + 2).modified, 5 * kSecond + 1);
 }
 
+TEST(FileStamp, ClockAhead_SettlesWhatIsNewWhileItLasts) {
+  const TempDir dir;
+  writeFile(dir / "file", "content");
+  const FileStamp stamp = *FileStamp::at((dir / "file").c_str());
+  {
+    const StampClockAhead later(3s);
+    EXPECT_TRUE(stamp.isSettled(FileStamp::realTime()));
+  }
+  EXPECT_FALSE(stamp.isSettled(FileStamp::realTime()));
+}
+
 TEST(FileStamp, FileSystemsOfPrograms_AreNotLocal) {
   const FileDescriptor program(::open("/proc/self/status", O_RDONLY | O_CLOEXEC));
   ASSERT_TRUE(program.valid());
@@ -117,6 +129,9 @@ TEST(FileStamp, FileSystemsOfPrograms_AreNotLocal) {
   const FileDescriptor memory(::open("/dev/shm", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   ASSERT_TRUE(memory.valid());
   EXPECT_TRUE(isOnLocalFileSystem(memory.get()));
+  EXPECT_TRUE(isOnLocalFileSystem("/dev/shm"));
+  EXPECT_FALSE(isOnLocalFileSystem("/proc/self/status"));
+  EXPECT_FALSE(isOnLocalFileSystem("/nowhere"));
 }
 
 }  // namespace
