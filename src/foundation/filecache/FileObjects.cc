@@ -261,45 +261,52 @@ bool waitFor(const Reading& reading, Held& memory) {
 
 FileObjects::Value::~Value() = default;
 
-SharedValue FileObjects::readForOne(const Question& question) {
-  const std::vector<unsigned char> content = readFile(question.path);
-  return question.make(content.data(), content.size(), false);
+bool FileObjects::isFileToKeep(const std::optional<FileStamp>& seen) noexcept {
+  return seen && seen->regular && static_cast<std::uint64_t>(seen->size) <= limitInBytes;
+}
+
+FileObjects::Read FileObjects::readFileInto(const File::Path& path, bool forAll,
+                                            const MakeValue& make) {
+  if (!forAll) {
+    const std::vector<unsigned char> content = readFile(path);
+    return {.value = make(content.data(), content.size(), false)};
+  }
+  const FileRead file = readFileWithStamp(path);
+  Read read{.value = make(file.content.data(), file.content.size(), file.lasts)};
+  if (file.lasts) read.lasts = file.stamp;
+  return read;
 }
 
 SharedValue FileObjects::readForAll(const Question& question, OwnReading& reading) {
   const Credentials credentials = Credentials::now();
-  const FileRead file = readFileWithStamp(question.path);
-  const bool kept = file.lasts && Credentials::now() == credentials;
-  SharedValue value = question.make(file.content.data(), file.content.size(), kept);
-  if (!kept) return value;
+  Read read = question.read(true);
+  if (!read.lasts || Credentials::now() != credentials) return std::move(read.value);
   Held memory;
-  if (memory->credentials != credentials) return value;
-  reading.has(file.stamp, value);
+  if (memory->credentials != credentials) return std::move(read.value);
+  reading.has(*read.lasts, read.value);
   try {
-    memory->keep(question, file.stamp, value, memory.leftovers());
+    memory->keep(question, *read.lasts, read.value, memory.leftovers());
   } catch (const std::bad_alloc&) {
     // It is read again the next time.
   }
-  return value;
+  return std::move(read.value);
 }
 
-SharedValue FileObjects::get(const Question& question) {
+SharedValue FileObjects::ask(const Question& question) {
+  if (limitInBytes == 0) return question.read(false).value;
   const Key key{question.kind, question.path.asString()};
-  const std::size_t limit = limitInBytes;
-  if (limit == 0) return readForOne(question);
   heedCredentials();
-  if (!question.seen) {
+  {
     Held memory;
-    memory->forget(key, memory.leftovers());
-  } else {
-    Held memory;
-    if (SharedValue value = memory->recall(question, memory.leftovers())) return value;
+    if (!question.seen) {
+      memory->forget(key, memory.leftovers());
+    } else if (SharedValue value = memory->recall(question, memory.leftovers())) {
+      return value;
+    }
   }
-  const bool lasts = question.seen && question.seen->regular &&
-                     static_cast<std::uint64_t>(question.seen->size) <= limit &&
-                     question.seen->isSettled(FileStamp::realTime()) &&
-                     isOnLocalFileSystem(question.path.asString().c_str());
-  if (!lasts) return readForOne(question);
+  const bool mayLast = question.mayLast && question.seen->isSettled(FileStamp::realTime()) &&
+                       isOnLocalFileSystem(question.path.asString().c_str());
+  if (!mayLast) return question.read(false).value;
 
   std::optional<OwnReading> own;
   {
@@ -317,7 +324,7 @@ SharedValue FileObjects::get(const Question& question) {
       }
     }
   }
-  return own ? readForAll(question, *own) : readForOne(question);
+  return own ? readForAll(question, *own) : question.read(false).value;
 }
 
 void FileCache::limit(std::size_t bytes) noexcept {

@@ -44,6 +44,13 @@ class FileObjects {
     virtual std::size_t memory() const noexcept = 0;
   };
 
+  // What was read of a file.
+  struct Read {
+    std::shared_ptr<const Value> value;
+    std::optional<FileStamp> lasts =
+        {};  // under which stamp it will do; none: it is not to be kept
+  };
+
   // The T of what the file holds now. Null when waiting for another thread that makes it has been ended:
   // the verification has fallen short then.
   //
@@ -56,11 +63,14 @@ class FileObjects {
   template <class T, class Make, class Suits>
   static std::shared_ptr<const T> get(const File::Path& path, const std::optional<FileStamp>& seen,
                                       const Make& make, const Suits& suits) {
-    return std::static_pointer_cast<const T>(get(
-        {&kKind<T>, path, seen,
-         [&make](const unsigned char* content, std::size_t length,
-                 bool kept) -> std::shared_ptr<const Value> { return make(content, length, kept); },
-         [&suits](const Value& value) { return suits(static_cast<const T&>(value)); }}));
+    const MakeValue makeValue = [&make](const unsigned char* content, std::size_t length,
+                                        bool kept) -> std::shared_ptr<const Value> {
+      return make(content, length, kept);
+    };
+    return std::static_pointer_cast<const T>(
+        ask({&kKind<T>, path, seen, isFileToKeep(seen),
+             [&](bool forAll) { return readFileInto(path, forAll, makeValue); },
+             [&suits](const Value& value) { return suits(static_cast<const T&>(value)); }}));
   }
   template <class T, class Make>
   static std::shared_ptr<const T> get(const File::Path& path, const std::optional<FileStamp>& seen,
@@ -68,22 +78,46 @@ class FileObjects {
     return get<T>(path, seen, make, [](const T&) { return true; });
   }
 
+  // The same of what is no regular file, or is read in another way.
+  //
+  // @param read (bool forAll) -> Read; `forAll` is false where it is for this caller alone
+  template <class T, class ReadIt, class Suits>
+  static std::shared_ptr<const T> getRead(const File::Path& path,
+                                          const std::optional<FileStamp>& seen, const ReadIt& read,
+                                          const Suits& suits) {
+    return std::static_pointer_cast<const T>(
+        ask({&kKind<T>, path, seen, seen.has_value(),
+             [&read](bool forAll) -> Read { return read(forAll); },
+             [&suits](const Value& value) { return suits(static_cast<const T&>(value)); }}));
+  }
+  template <class T, class ReadIt>
+  static std::shared_ptr<const T> getRead(const File::Path& path,
+                                          const std::optional<FileStamp>& seen,
+                                          const ReadIt& read) {
+    return getRead<T>(path, seen, read, [](const T&) { return true; });
+  }
+
  private:
   // Its address stands for the type.
   template <class T>
   static inline char kKind = 0;
 
+  using MakeValue =
+      std::function<std::shared_ptr<const Value>(const unsigned char*, std::size_t, bool)>;
+
   struct Question {
     const void* kind;
     const File::Path& path;
     const std::optional<FileStamp>& seen;
-    std::function<std::shared_ptr<const Value>(const unsigned char*, std::size_t, bool)> make;
+    bool mayLast;  // unless it is too new, or of another machine
+    std::function<Read(bool forAll)> read;
     std::function<bool(const Value&)> suits;
   };
   friend struct FileMemory;
 
-  static std::shared_ptr<const Value> get(const Question& question);
-  static std::shared_ptr<const Value> readForOne(const Question& question);
+  static bool isFileToKeep(const std::optional<FileStamp>& seen) noexcept;
+  static Read readFileInto(const File::Path& path, bool forAll, const MakeValue& make);
+  static std::shared_ptr<const Value> ask(const Question& question);
   static std::shared_ptr<const Value> readForAll(const Question& question, OwnReading& reading);
 };
 

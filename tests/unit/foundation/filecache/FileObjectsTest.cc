@@ -249,6 +249,28 @@ TEST_F(FileObjectsTest, ClassesOfTheirOwn_AreKindsOfTheirOwn) {
   EXPECT_EQ(made, 2);
 }
 
+TEST_F(FileObjectsTest, DirectoryThatTheCallerReads_IsKeptUnderTheStampThatItSays) {
+  writeFile(path, "content");
+  const File::Path directory(dir.string());
+  const auto names = [&](bool lasts) {
+    const auto seen = FileStamp::at(dir.string().c_str());
+    return FileObjects::getRead<Text>(directory, seen, [&](bool forAll) {
+      ++made;
+      return FileObjects::Read{std::make_shared<const Text>("names"),
+                               forAll && lasts ? seen : std::nullopt};
+    });
+  };
+  names(false);
+  names(true);
+  EXPECT_EQ(made, 2);
+  EXPECT_EQ(names(true)->text, "names");
+  EXPECT_EQ(made, 2);
+  awaitTick(path);
+  writeFile(dir / "another", "content");
+  names(true);
+  EXPECT_EQ(made, 3);
+}
+
 TEST_F(FileObjectsTest, WhatDoesNotSuit_IsMadeAnewAndTakesThePlace) {
   writeFile(path, "content");
   const auto first = get(path);
