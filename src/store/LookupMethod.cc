@@ -1,6 +1,7 @@
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
 #include "store/AskMethod.h"
+#include "store/Lending.h"
 #include "store/StoreRecord.h"
 #include "store/TrustSources.h"
 
@@ -25,15 +26,6 @@ StoreRecord::Item* itemOf(const X509_LOOKUP* lookup) {
   return record == nullptr ? nullptr : record->find(lookup);
 }
 
-// The setters release what a record held before. OpenSSL's own lookups overwrite it, because a
-// record holds a borrowed object while a lookup answers (crypto/x509/by_dir.c); so the release is
-// made good.
-bool keepHeld(const X509_OBJECT* ret) {
-  if (X509* const x509 = X509_OBJECT_get0_X509(ret)) return X509_up_ref(x509) == 1;
-  if (X509_CRL* const crl = X509_OBJECT_get0_X509_CRL(ret)) return X509_CRL_up_ref(crl) == 1;
-  return true;
-}
-
 // Puts an answer into OpenSSL's record and returns its type, which OpenSSL reads as "found". Only
 // an object of the type asked for is handed out: OpenSSL trusts its own question and would take a
 // CRL for a certificate.
@@ -44,17 +36,11 @@ int handOut(StoreRecord::Item& item, X509_LOOKUP_TYPE type, const RefObject& obj
     return 0;
   }
   if (object->data == nullptr) return 0;
-  if (!keepHeld(ret)) return 0;
-  // The setters take a reference, and OpenSSL takes another one when the lookup has answered. One
-  // of the two is given back here; item.last bridges the gap between them.
+  // item.last holds it until OpenSSL has its own reference.
   if (object->type == Object::TypeCertificate) {
-    auto* const x509 = static_cast<X509*>(object->data);
-    if (X509_OBJECT_set1_X509(ret, x509) != 1) return 0;
-    X509_free(x509);
+    if (!lend(static_cast<X509*>(object->data), ret)) return 0;
   } else if (object->type == Object::TypeCRL) {
-    auto* const crl = static_cast<X509_CRL*>(object->data);
-    if (X509_OBJECT_set1_X509_CRL(ret, crl) != 1) return 0;
-    X509_CRL_free(crl);
+    if (!lend(static_cast<X509_CRL*>(object->data), ret)) return 0;
   } else {
     return 0;
   }

@@ -9,6 +9,7 @@
 #include "foundation/run/VerificationRun.h"
 #include "store/AskMethod.h"
 #include "store/LookupMemory.h"
+#include "store/SharedDirectoryLookup.h"
 #include "store/StoreRecord.h"
 
 #include <pkx509/HashDirLookup.h>
@@ -91,12 +92,10 @@ RefObjectStore ObjectStore::clone() const {
 
 int ObjectStore::add(const std::string& dir, int type) {
   const ErrorScope errors;
-  X509_LOOKUP* const lookup = X509_STORE_add_lookup(x509Store.get(), X509_LOOKUP_hash_dir());
-  if (lookup == nullptr) return 0;
   StoreRecord* const record = StoreRecord::of(x509Store.get());
   PKX509_ASSERT(record != nullptr);
   record->addDirectory(dir, type);
-  return X509_LOOKUP_ctrl(lookup, X509_L_ADD_DIR, dir.c_str(), type, nullptr);
+  return addDirectories(x509Store.get(), dir, type);
 }
 
 void ObjectStore::add(const RefLookupMethod& method) {

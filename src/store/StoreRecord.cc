@@ -1,10 +1,12 @@
 #include "store/StoreRecord.h"
 
 #include "foundation/openssl/References.h"
+#include "store/SharedDirectoryLookup.h"
 
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -51,13 +53,21 @@ void StoreRecord::add(const X509_LOOKUP* lookup, const boost::shared_ptr<LookupM
 }
 
 void StoreRecord::addDirectory(const std::string& directory, int fileType) {
+  attached_.push_back({directory, fileType});
+  directories_.reset();
+}
+
+X509_STORE* StoreRecord::directories() {
+  if (directories_ != nullptr || attached_.empty()) return directories_.get();
   const ErrorScope errors;
-  if (directories_ == nullptr) directories_.reset(X509_STORE_new());
-  if (directories_ == nullptr) throw std::bad_alloc();
-  X509_LOOKUP* const lookup = X509_STORE_add_lookup(directories_.get(), X509_LOOKUP_hash_dir());
-  if (lookup == nullptr) throw std::bad_alloc();
+  Owned<X509_STORE> made(X509_STORE_new());
+  if (made == nullptr) throw std::bad_alloc();
   // One that cannot be attached has nothing.
-  static_cast<void>(X509_LOOKUP_ctrl(lookup, X509_L_ADD_DIR, directory.c_str(), fileType, nullptr));
+  for (const Directory& directory : attached_) {
+    static_cast<void>(addDirectories(made.get(), directory.name, directory.fileType));
+  }
+  directories_ = std::move(made);
+  return directories_.get();
 }
 
 bool StoreRecord::BySubject::operator()(const Owned<X509>& left, const Owned<X509>& right) const {

@@ -17,6 +17,7 @@
 #include <list>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -40,9 +41,9 @@ class StoreRecord {
 
   // A hash directory that was attached to the store.
   void addDirectory(const std::string& directory, int fileType);
-  // Another store, over the directories alone, so that it has what they have and nothing else.
-  // Borrowed, null when there are none.
-  X509_STORE* directories() const noexcept { return directories_.get(); }
+  // Another store, over the directories alone, so that it has what they have and nothing else. Hardly
+  // a store is ever asked for it, so it is made then. Borrowed, null when there are none.
+  X509_STORE* directories();
 
   // Certificates that a source which is not trusted has handed to OpenSSL, until a trusted one does.
   void distrust(X509* certificate);
@@ -61,7 +62,13 @@ class StoreRecord {
 
   Certificates::const_iterator findDistrusted(X509* certificate) const;
 
+  struct Directory {
+    std::string name;
+    int fileType;
+  };
+
   std::list<Item> items_;  // a handful; nodes stay put while a nested query adds one
+  std::vector<Directory> attached_;
   Owned<X509_STORE> directories_;
   Certificates distrusted_;
 };

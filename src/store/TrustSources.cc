@@ -48,11 +48,12 @@ Owned<STACK_OF(X509)> heldBy(X509_STORE_CTX* context, const X509_NAME* subject) 
   return Owned<STACK_OF(X509)>(X509_STORE_CTX_get1_certs(context, subject));
 }
 
-Owned<STACK_OF(X509)> inDirectories(const StoreRecord& record, const X509_NAME* subject) {
-  if (record.directories() == nullptr) return {};
+Owned<STACK_OF(X509)> inDirectories(StoreRecord& record, const X509_NAME* subject) {
+  X509_STORE* const directories = record.directories();
+  if (directories == nullptr) return {};
   const Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
   if (context == nullptr ||
-      X509_STORE_CTX_init(context.get(), record.directories(), nullptr, nullptr) != 1) {
+      X509_STORE_CTX_init(context.get(), directories, nullptr, nullptr) != 1) {
     throw std::bad_alloc();
   }
   return heldBy(context.get(), subject);
@@ -109,7 +110,7 @@ Owned<STACK_OF(X509)> TrustSources::certificates(const X509_NAME* subject) const
 }
 
 Owned<STACK_OF(X509)> TrustSources::overlooked(const X509_NAME* subject) const {
-  const StoreRecord* const record = StoreRecord::of(X509_STORE_CTX_get0_store(context_));
+  StoreRecord* const record = StoreRecord::of(X509_STORE_CTX_get0_store(context_));
   Owned<STACK_OF(X509)> found = emptyStack();
   if (record == nullptr) return found;
   // A name that the store has is looked for in no directory, whoever it was that added it.

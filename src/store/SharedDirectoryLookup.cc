@@ -1,0 +1,203 @@
+#include "store/SharedDirectoryLookup.h"
+
+#include "foundation/base/NoCancellation.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+#include "store/HashedFile.h"
+#include "store/Lending.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <vector>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+// One of the directories, and how far the CRLs of each hash have been read: OpenSSL's reads on from
+// there, in the same store.
+struct Directory {
+  std::string name;
+  int fileType;
+  std::map<unsigned long, int> readCRLs = {};
+};
+
+// What hangs on a lookup. OpenSSL's lookups may be asked by several threads.
+struct Directories {
+  // Whether OpenSSL's has a directory that only it knows.
+  bool leftToOpenSSL = false;
+  std::vector<Directory> all = {};
+  std::mutex mutex = {};
+};
+
+Directories& directoriesOf(const X509_LOOKUP* lookup) {
+  return *static_cast<Directories*>(X509_LOOKUP_get_method_data(lookup));
+}
+
+int s_new_item(X509_LOOKUP* lookup) {
+  const std::nothrow_t noException;
+  auto* const made = new (noException) Directories;
+  return made != nullptr && X509_LOOKUP_set_method_data(lookup, made) == 1 ? 1 : 0;
+}
+
+void s_free(X509_LOOKUP* lookup) { delete &directoriesOf(lookup); }
+
+void add(std::vector<Directory>& all, std::string_view list, int fileType) {
+  while (!list.empty()) {
+    const std::size_t end = std::min(list.find(':'), list.size());
+    const std::string_view name = list.substr(0, end);
+    list.remove_prefix(std::min(end + 1, list.size()));
+    const bool known = std::any_of(all.begin(), all.end(),
+                                   [&](const Directory& other) { return other.name == name; });
+    if (!name.empty() && !known) all.push_back({std::string(name), fileType});
+  }
+}
+
+int s_ctrl(X509_LOOKUP* lookup, int command, const char* text, long number, char** /*answer*/) {
+  if (command != X509_L_ADD_DIR) return 0;
+  Directories& directories = directoriesOf(lookup);
+  const std::lock_guard lock(directories.mutex);
+  // Of other types there is one by which OpenSSL's looks for directories in the environment.
+  bool added = number == X509_FILETYPE_PEM || number == X509_FILETYPE_ASN1;
+  try {
+    if (added) add(directories.all, text, static_cast<int>(number));
+  } catch (const std::exception&) {
+    added = false;
+  }
+  if (!added) directories.leftToOpenSSL = true;
+  return added ? 1 : 0;
+}
+
+// One question: by_dir.c, get_cert_by_subject_ex().
+class DirectoryQuestion {
+ public:
+  DirectoryQuestion(X509_STORE* store, X509_LOOKUP_TYPE type, const X509_NAME* name,
+                    X509_OBJECT* ret)
+      : store_(store), type_(type), name_(name), ret_(ret) {}
+
+  // False where OpenSSL's lookup is to be asked.
+  bool answer(Directories& directories) {
+    int ok = 0;
+    hash_ = X509_NAME_hash_ex(name_, nullptr, nullptr, &ok);
+    if (ok == 0) return false;
+    const std::lock_guard lock(directories.mutex);
+    if (directories.leftToOpenSSL) return false;
+    for (Directory& directory : directories.all) {
+      if (!read(directory)) return false;
+      if (takeFromStore()) return true;
+    }
+    return false;
+  }
+
+ private:
+  // Adds what the files of the name hold to the store. False where that is not for this lookup to say.
+  bool read(Directory& directory) const {
+    int number = firstOf(directory);
+    while (true) {
+      if (number > kMostFiles) return false;
+      const HashedFile::Kind kind =
+          type_ == X509_LU_CRL ? HashedFile::Kind::kCRLs : HashedFile::Kind::kCertificates;
+      const HashedFile file = HashedFile::at(pathIn(directory, number), kind, directory.fileType);
+      if (file.state == HashedFile::State::kMissing) break;
+      if (file.state == HashedFile::State::kOdd || !file.addTo(store_)) return false;
+      if (file.state == HashedFile::State::kDamaged) break;
+      ++number;
+    }
+    if (type_ == X509_LU_CRL && number > 0) directory.readCRLs[hash_] = number;
+    return true;
+  }
+
+  int firstOf(const Directory& directory) const {
+    if (type_ != X509_LU_CRL) return 0;
+    const auto read = directory.readCRLs.find(hash_);
+    return read == directory.readCRLs.end() ? 0 : read->second;
+  }
+
+  std::string pathIn(const Directory& directory, int number) const {
+    std::array<char, 32> name{};
+    const int size = std::snprintf(name.data(), name.size(), "/%08lx.%s%d", hash_,
+                                   type_ == X509_LU_CRL ? "r" : "", number);
+    return std::string(directory.name).append(name.data(), static_cast<std::size_t>(size));
+  }
+
+  // The first one of that name that the store has, from wherever.
+  bool takeFromStore() const {
+    if (X509_STORE_lock(store_) != 1) return false;
+    STACK_OF(X509_OBJECT)* const objects = X509_STORE_get0_objects(store_);
+    if (sk_X509_OBJECT_is_sorted(objects) == 0) sk_X509_OBJECT_sort(objects);
+    const X509_OBJECT* const found = X509_OBJECT_retrieve_by_subject(objects, type_, name_);
+    X509_STORE_unlock(store_);
+    if (found == nullptr) return false;
+    return type_ == X509_LU_CRL ? lend(X509_OBJECT_get0_X509_CRL(found), ret_)
+                                : lend(X509_OBJECT_get0_X509(found), ret_);
+  }
+
+  // OpenSSL's has room for five digits.
+  static constexpr int kMostFiles = 9999;
+
+  X509_STORE* store_;  // all borrowed
+  X509_LOOKUP_TYPE type_;
+  const X509_NAME* name_;
+  X509_OBJECT* ret_;
+  unsigned long hash_ = 0;
+};
+
+int s_get_by_subject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* name,
+                     X509_OBJECT* ret) {
+  if (name == nullptr || (type != X509_LU_X509 && type != X509_LU_CRL)) return 0;
+  const NoCancellation untilReturn;
+  try {
+    {
+      const ErrorScope errors;
+      DirectoryQuestion question(X509_LOOKUP_get_store(lookup), type, name, ret);
+      if (!question.answer(directoriesOf(lookup))) return 0;
+    }
+    ERR_clear_error();  // as OpenSSL's does when it has an answer
+    return 1;
+  } catch (const std::exception&) {
+    return 0;  // OpenSSL's is asked next
+  }
+}
+
+Owned<X509_LOOKUP_METHOD> makeTable() {
+  Owned<X509_LOOKUP_METHOD> table(X509_LOOKUP_meth_new("Shared content of hash directories"));
+  const bool filled = table != nullptr &&
+                      X509_LOOKUP_meth_set_new_item(table.get(), s_new_item) == 1 &&
+                      X509_LOOKUP_meth_set_free(table.get(), s_free) == 1 &&
+                      X509_LOOKUP_meth_set_ctrl(table.get(), s_ctrl) == 1 &&
+                      X509_LOOKUP_meth_set_get_by_subject(table.get(), s_get_by_subject) == 1;
+  if (!filled) table.reset();
+  return table;
+}
+
+// One for all stores, which OpenSSL may ask until the process ends. Null when there is no memory for it.
+X509_LOOKUP_METHOD* table() {
+  static std::mutex mutex;
+  static X509_LOOKUP_METHOD* made = nullptr;
+  const std::lock_guard lock(mutex);
+  if (made == nullptr) made = makeTable().release();
+  return made;
+}
+
+}  // namespace
+
+int addDirectories(X509_STORE* store, const std::string& directories, int fileType) {
+  X509_LOOKUP_METHOD* const method = table();
+  X509_LOOKUP* const ours = method == nullptr ? nullptr : X509_STORE_add_lookup(store, method);
+  X509_LOOKUP* const lookup = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());
+  if (lookup == nullptr) return 0;
+  if (X509_LOOKUP_ctrl(lookup, X509_L_ADD_DIR, directories.c_str(), fileType, nullptr) != 1)
+    return 0;
+  if (ours != nullptr) {
+    static_cast<void>(
+        X509_LOOKUP_ctrl(ours, X509_L_ADD_DIR, directories.c_str(), fileType, nullptr));
+  }
+  return 1;
+}
+
+}  // namespace Velantrix::Crypto::PKX509

@@ -1,0 +1,79 @@
+// Which file is read, and by whom; what is read is held against OpenSSL in SharedDirectoryLookupTest.cc.
+#include "foundation/base/FileReader.h"
+#include "store/HashedFile.h"
+#include "support/Files.h"
+#include "support/Pki.h"
+
+#include <openssl/err.h>
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+
+namespace Velantrix::Test {
+namespace {
+
+using Crypto::PKX509::HashedFile;
+using Kind = HashedFile::Kind;
+using State = HashedFile::State;
+
+class HashedFileTest : public testing::Test {
+ protected:
+  HashedFile read(Kind kind = Kind::kCertificates, int fileType = X509_FILETYPE_PEM) const {
+    return HashedFile::at((directory / "file").string(), kind, fileType);
+  }
+  void write(const std::string& content) const { writeFile(directory / "file", content); }
+
+  TempDir directory;
+};
+
+TEST_F(HashedFileTest, NoFile_IsMissing) {
+  EXPECT_EQ(read().state, State::kMissing);
+  std::filesystem::create_symlink("nowhere", directory / "file");
+  EXPECT_EQ(read().state, State::kMissing);
+}
+
+// Opening a FIFO waits for who writes to it.
+TEST_F(HashedFileTest, WhatIsNoPlainFile_IsOddAndNotOpened) {
+  ASSERT_EQ(::mkfifo((directory / "file").c_str(), 0600), 0);
+  EXPECT_EQ(read().state, State::kOdd);
+  std::filesystem::remove(directory / "file");
+  std::filesystem::create_directory(directory / "file");
+  EXPECT_EQ(read().state, State::kOdd);
+}
+
+TEST_F(HashedFileTest, FileThatIsTooLarge_IsOdd) {
+  write("");
+  std::filesystem::resize_file(directory / "file", kMaxInputSize + 1);
+  EXPECT_EQ(read().state, State::kOdd);
+}
+
+TEST_F(HashedFileTest, Fault_LeavesWhatStandsBeforeIt) {
+  const Issued ca = issueCA("CN=A");
+  const std::string fault = "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n";
+  write(pem(ca.get()) + fault + pem(ca.get()));
+  const HashedFile file = read();
+  EXPECT_EQ(file.state, State::kDamaged);
+  EXPECT_EQ(file.content->certificates.size(), 1U);
+  EXPECT_EQ(ERR_peek_error(), 0UL);
+}
+
+TEST_F(HashedFileTest, Objects_AreTheKindsAndInTheirOrder) {
+  const Issued first = issueCA("CN=A");
+  const Issued second = issueCA("CN=B");
+  const auto crl = makeCRL({.issuer = &first});
+  write(pem(first.get()) + pem(crl.get()) + pem(second.get()));
+  const HashedFile certificates = read();
+  EXPECT_EQ(certificates.state, State::kWhole);
+  ASSERT_EQ(certificates.content->certificates.size(), 2U);
+  EXPECT_EQ(der(certificates.content->certificates.front().get()), der(first.get()));
+  const HashedFile crls = read(Kind::kCRLs);
+  EXPECT_EQ(crls.state, State::kWhole);
+  EXPECT_EQ(crls.content->crls.size(), 1U);
+  EXPECT_EQ(read(Kind::kCRLs, X509_FILETYPE_ASN1).state, State::kDamaged);
+  EXPECT_EQ(ERR_peek_error(), 0UL);
+}
+
+}  // namespace
+}  // namespace Velantrix::Test
