@@ -17,8 +17,13 @@
 #include <velantrix/Uri.h>
 
 #include <list>
+#include <optional>
 #include <string>
 #include <string_view>
+
+namespace Velantrix {
+struct FileStamp;
+}
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -111,6 +116,9 @@ class PKX509_EXPORT DirectoryParser : public File::Processor, private NonCopyabl
   int process(const File::Path& path) override;
 
  private:
+  friend struct HashDirScan;
+
+  void load(const File::Path& path, const std::optional<FileStamp>& seen);
   void loadCertificates(const File::Path& path);
   void loadCRL(const File::Path& path);
 

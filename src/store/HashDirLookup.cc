@@ -1,9 +1,11 @@
-#include "foundation/base/Fail.h"
+#include "foundation/base/DirectoryListing.h"
 #include "foundation/base/FileReader.h"
+#include "foundation/base/FileStamp.h"
 #include "foundation/run/VerificationRun.h"
 #include "store/AskMethod.h"
 #include "store/CRLExpiry.h"
 #include "store/HashFileHeader.h"
+#include "store/HashNames.h"
 #include "store/TolerantReading.h"
 
 #include <pkx509/HashDirLookup.h>
@@ -18,10 +20,9 @@
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
-#include <cstdint>
 #include <exception>
-#include <filesystem>
 #include <iterator>
+#include <optional>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -29,8 +30,6 @@
 namespace Velantrix::Crypto::PKX509 {
 
 namespace {
-
-constexpr std::string_view kNameCharacters = " .0123456789ABCDEFabcdefrS";
 
 // The key of a text: the first four bytes of its SHA-1, little endian.
 unsigned int keyOf(const std::string& text) {
@@ -51,17 +50,6 @@ std::string nameOf(unsigned int key, std::string_view suffix) {
   return std::string(text.data(), end).append(suffix);
 }
 
-// Reads the leading number of a file name. What is not a number, or does not fit, is 0.
-unsigned int keyIn(std::string_view text) {
-  const std::size_t start = text.find_first_not_of(' ');
-  if (start == std::string_view::npos) return 0;
-  unsigned int key = 0;
-  const auto [end, error] =
-      std::from_chars(text.data() + start, text.data() + text.size(), key, 16);
-  static_cast<void>(end);
-  return error == std::errc() ? key : 0;
-}
-
 // Has the content of the file read unless its header says that it was written for something else.
 template <class IsOurs, class Read>
 void readUnlessForeign(const File::Path& path, IsOurs isOurs, Read read) {
@@ -76,21 +64,6 @@ void readUnlessForeign(const File::Path& path, IsOurs isOurs, Read read) {
   }
 }
 
-// Nothing for what has no size: reading it says why, or how much there is.
-std::size_t sizeOf(const File::Path& path) {
-  std::error_code none;
-  const std::uintmax_t size = std::filesystem::file_size(path.asString(), none);
-  return none ? 0 : std::min<std::uintmax_t>(size, kMaxInputSize);
-}
-
-// False when there is no such directory.
-bool scan(const std::string& directory, DirectoryParser& parser) {
-  File::Selector files(File::Path(directory), parser,
-                       [&parser](std::string_view fileName) { return parser.wants(fileName); });
-  files.start();
-  return !files.isMissing();
-}
-
 // A directory that is not there has nothing. Where certificates are looked for it should be there.
 void tellMissing(SourceUse& use, SourceRecord::Source::Wanted wanted) {
   UseFacts facts{.failure = UseFacts::Failure::kUnreadable, .errorNumber = ENOENT};
@@ -99,24 +72,6 @@ void tellMissing(SourceUse& use, SourceRecord::Source::Wanted wanted) {
   } else {
     use.failed(std::move(facts));
   }
-}
-
-// Scans a directory of trusted certificates or of CRLs for what goes to the end of the list.
-template <class Handle>
-void scan(const std::string& directory, DirectoryParser& parser, const std::list<Handle>& out) {
-  if (directory.empty()) {
-    scan(directory, parser);
-    return;
-  }
-  SourceUse use(SourceRecord::Source::Kind::kDirectory, wantedOf(&out), directory);
-  const std::size_t before = out.size();
-  try {
-    if (!scan(directory, parser)) return tellMissing(use, wantedOf(&out));
-  } catch (const std::exception& failure) {
-    use.failed(unreadableFacts(directory, failure));
-    throw;
-  }
-  use.found(out.size() - before);
 }
 
 // Has a file read that appends to the list, and tells where that comes from or what is wrong with it.
@@ -135,7 +90,65 @@ void readAndTell(const File::Path& path, const std::list<Handle>& list, const Re
   }
 }
 
+// What is gone by now is as good as what had gone before the directory was listed.
+bool isGone(const File::Path& path) {
+  return !FileStamp::at(path.asString().c_str()) && errno == ENOENT;
+}
+
+// What a bound of the verification counts. Nothing where there is no file: reading it says why.
+std::size_t sizeOf(const std::optional<FileStamp>& seen) {
+  if (!seen || !seen->regular) return 0;
+  return std::min(static_cast<std::size_t>(seen->size), kMaxInputSize);
+}
+
 }  // namespace
+
+// Hands the files of a directory to a parser, in the order of their names' bytes.
+struct HashDirScan {
+  // False when there is no such directory.
+  static bool run(const std::string& directory, DirectoryParser& parser) {
+    const HashNames names = HashNames::in(directory, parser.hash);
+    for (const HashNames::Name& name : names.all) {
+      if (parser.wants(name.text)) load(File::Path(directory, name.text), name.regular, parser);
+    }
+    return !names.missing;
+  }
+
+  // The same, told of where it is a directory of trusted certificates or of CRLs. What is found goes to
+  // the end of the list.
+  template <class Handle>
+  static void run(const std::string& directory, DirectoryParser& parser,
+                  const std::list<Handle>& out) {
+    if (directory.empty()) {
+      run(directory, parser);
+      return;
+    }
+    SourceUse use(SourceRecord::Source::Kind::kDirectory, wantedOf(&out), directory);
+    const std::size_t before = out.size();
+    try {
+      if (!run(directory, parser)) return tellMissing(use, wantedOf(&out));
+    } catch (const std::exception& failure) {
+      use.failed(unreadableFacts(directory, failure));
+      throw;
+    }
+    use.found(out.size() - before);
+  }
+
+ private:
+  // One look at the file has to do: verifications look at a dozen of them.
+  static void load(const File::Path& path, bool regular, DirectoryParser& parser) {
+    const std::optional<FileStamp> seen = FileStamp::at(path.asString().c_str());
+    if (seen ? !seen->regular : leadsNowhere(errno)) return;
+    // What the directory says to be a file is the parser's to complain about.
+    if (!seen && !regular) failSystem(kOfDirectories, path.asString(), errno);
+    try {
+      parser.load(path, seen);
+    } catch (const Exception&) {
+      // `openssl rehash` takes all links away before it makes them anew.
+      if (!isGone(path)) throw;
+    }
+  }
+};
 
 HashDirLookupMethod::HashDirLookupMethod(const std::string& directory)
     : LookupMethod("HashDirLookupMethod"), directory_(directory) {}
@@ -146,14 +159,14 @@ void HashDirLookupMethod::getBySubject(const DistinguishedName& subject,
                                        std::list<RefCertificate>& out) {
   std::list<RefCertificateRevocationList> crls;
   DirectoryParser parser(subject.hash(), Object::TypeCertificate, out, crls);
-  scan(directory_, parser, out);
+  HashDirScan::run(directory_, parser, out);
 }
 
 void HashDirLookupMethod::getBySubject(const DistinguishedName& issuer,
                                        std::list<RefCertificateRevocationList>& out) {
   std::list<RefCertificate> certificates;
   DirectoryParser parser(issuer.hash(), Object::TypeCRL, certificates, out);
-  scan(directory_, parser, out);
+  HashDirScan::run(directory_, parser, out);
 }
 
 void HashDirLookupMethod::getBySubject(const Uri& uri,
@@ -161,7 +174,7 @@ void HashDirLookupMethod::getBySubject(const Uri& uri,
   std::list<RefCertificate> certificates;
   const std::string& canonical = uri.canonicalized();
   DirectoryParser parser(keyOf(canonical), Object::TypeCRL, certificates, out, canonical);
-  scan(directory_, parser);
+  HashDirScan::run(directory_, parser);
 }
 
 void HashDirLookupMethod::getByEmailAddress(const std::string& base, const std::string& address,
@@ -175,7 +188,7 @@ void HashDirLookupMethod::getByEmailAddress(const std::string& /*base*/,
   std::list<RefCertificateRevocationList> crls;
   DirectoryParser parser(keyOf(address.address()), Object::TypeCertificate, out, crls,
                          HashFileHeader::emailText(address));
-  scan(directory_, parser);
+  HashDirScan::run(directory_, parser);
 }
 
 void HashDirLookupMethod::add(const EmailAddress& address, const RefCertificate& certificate) {
@@ -222,21 +235,21 @@ DirectoryParser::DirectoryParser(unsigned int key, Object::Type objectType,
 DirectoryParser::~DirectoryParser() = default;
 
 bool DirectoryParser::wants(std::string_view fileName) const {
-  // The set takes 'S' but not 'R'. Directories in use depend on it.
-  if (fileName.find_first_not_of(kNameCharacters) != std::string_view::npos) return false;
-  const std::size_t dot = fileName.find('.');
-  if (dot == std::string_view::npos) return false;
-  if (keyIn(fileName.substr(0, dot)) != hash) return false;
-  if (type == Object::TypeCRL) return fileName.substr(dot + 1).starts_with('r');
+  if (HashNames::numberOf(fileName) != hash) return false;
+  if (type == Object::TypeCRL) return fileName.substr(fileName.find('.') + 1).starts_with('r');
   return type == Object::TypeCertificate;
 }
 
 int DirectoryParser::process(const File::Path& path) {
-  if (!wants(path.name())) return 0;
-  if (!VerificationRun::admitStep() || !VerificationRun::admitDecoding(sizeOf(path))) {
+  if (wants(path.name())) load(path, FileStamp::at(path.asString().c_str()));
+  return 0;
+}
+
+void DirectoryParser::load(const File::Path& path, const std::optional<FileStamp>& seen) {
+  if (!VerificationRun::admitStep() || !VerificationRun::admitDecoding(sizeOf(seen))) {
     TolerantReading::leftOut();
     SourceUse::leftOut();
-    return 0;
+    return;
   }
   readOneOf(path.asString(), [&] {
     if (type == Object::TypeCertificate) {
@@ -245,7 +258,6 @@ int DirectoryParser::process(const File::Path& path) {
       readAndTell(path, crls, [&] { loadCRL(path); });
     }
   });
-  return 0;
 }
 
 void DirectoryParser::loadCertificates(const File::Path& path) {

@@ -1,14 +1,10 @@
-#include "foundation/base/Fail.h"
-#include "foundation/base/FileDescriptor.h"
-#include "foundation/base/OwnedDirectory.h"
+#include "foundation/base/DirectoryListing.h"
 
 #include <velantrix/File.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 #include <utility>
 #include <vector>
@@ -22,26 +18,19 @@ struct Entry {
   bool regular;  // known from the directory itself, without a look at the file
 };
 
-constexpr Origin kHere{"File::Selector", "File"};
-
 // What is gone by now is as good as what had gone before the directory was listed.
 bool isGone(int directory, const std::string& name) {
   struct stat status = {};
   return ::fstatat(directory, name.c_str(), &status, 0) != 0 && errno == ENOENT;
 }
 
-bool mayLeadToFile(unsigned char type) {
-  return type == DT_REG || type == DT_LNK || type == DT_UNKNOWN;
-}
-
-// True when the name leads to a regular file now. One that is gone in the meantime, or a link that
-// leads nowhere or in a circle, does not.
+// True when the name leads to a regular file now.
 bool leadsToFile(int directory, const std::string& directoryName, const std::string& name) {
   struct stat status = {};
   if (::fstatat(directory, name.c_str(), &status, 0) == 0) return S_ISREG(status.st_mode);
   const int error = errno;
-  if (error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG) return false;
-  failSystem(kHere, Path(directoryName, name).asString(), error);
+  if (leadsNowhere(error)) return false;
+  failSystem(kOfDirectories, Path(directoryName, name).asString(), error);
 }
 
 }  // namespace
@@ -82,23 +71,14 @@ Selector::Selector(const Path& directory, Processor& processor, NameFilter accep
 
 void Selector::start() {
   const std::string& name = directory_.asString();
-  const OwnedDirectory directory(::opendir(systemPath(name)));
-  const int error = directory == nullptr ? errno : 0;
-  missing_ = error == ENOENT;
+  const OwnedDirectory directory = openDirectory(name);
+  missing_ = directory == nullptr;
   if (missing_) return;
-  if (error != 0) failSystem(kHere, name, error);
 
   std::vector<Entry> entries;
-  while (true) {
-    errno = 0;  // readdir() tells the end from a failure by this alone
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread reads from this stream.
-    const dirent* const entry = ::readdir(directory.get());
-    if (entry == nullptr) break;
-    if (!mayLeadToFile(entry->d_type)) continue;
-    if (accept_ && !accept_(entry->d_name)) continue;
-    entries.push_back({entry->d_name, entry->d_type == DT_REG});
-  }
-  if (errno != 0) failSystem(kHere, name, errno);
+  forEachName(directory.get(), name, [&](std::string_view file, bool regular) {
+    if (!accept_ || accept_(file)) entries.push_back({std::string(file), regular});
+  });
 
   // std::string compares bytes as unsigned, whatever the locale.
   std::sort(entries.begin(), entries.end(),

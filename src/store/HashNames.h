@@ -1,0 +1,35 @@
+// The names in a hash directory that begin with one number.
+//
+//   const HashNames names = HashNames::in("/var/lib/crls", 0x0a6481c9);
+//   if (names.missing) ...
+//   for (const HashNames::Name& name : names.all) ...   // in the order of their bytes
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Velantrix::Crypto::PKX509 {
+
+struct HashNames {
+  struct Name {
+    std::string text;
+    bool regular;  // known from the directory itself, without a look at the file
+
+    bool operator<(const Name& other) const noexcept { return text < other.text; }
+  };
+
+  // The number of a file that a hash directory may have: in front of the first '.', hexadecimal of 32 bits
+  // in any spelling, and 0 where it is none. Nothing for other names.
+  static std::optional<unsigned int> numberOf(std::string_view fileName) noexcept;
+
+  // Those of a number, as the directory is now.
+  // Throws Exception with the path and the reason when the directory cannot be read.
+  static HashNames in(const std::string& directory, unsigned int number);
+
+  std::vector<Name> all = {};
+  bool missing = false;  // there is no such directory
+};
+
+}  // namespace Velantrix::Crypto::PKX509
