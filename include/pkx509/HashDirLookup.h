@@ -49,6 +49,9 @@ namespace Velantrix::Crypto::PKX509 {
 /// **Errors.** A directory that does not exist is an empty one. A directory that cannot be read,
 /// and a file whose name matches but whose content is neither, throw `Exception`.
 ///
+/// **What is returned** may be shared: what has not changed is not read again by the same process
+/// (`FileCache`), and handles of two look-ups may be of one object.
+///
 /// **Threads.** It keeps no state between calls. Files are replaced whole, so readers in other
 /// threads and processes see the old content or the new one.
 class PKX509_EXPORT HashDirLookupMethod : public LookupMethod {
@@ -119,8 +122,9 @@ class PKX509_EXPORT DirectoryParser : public File::Processor, private NonCopyabl
   friend struct HashDirScan;
 
   void load(const File::Path& path, const std::optional<FileStamp>& seen);
-  void loadCertificates(const File::Path& path);
-  void loadCRL(const File::Path& path);
+  // False when there is no time left to wait for another thread that reads the file.
+  bool loadCertificates(const File::Path& path, const std::optional<FileStamp>& seen);
+  bool loadCRL(const File::Path& path, const std::optional<FileStamp>& seen);
 
   std::list<RefObject> objects;
   Time now;

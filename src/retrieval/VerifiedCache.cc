@@ -5,6 +5,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileDescriptor.h"
 #include "foundation/base/FileReader.h"
+#include "foundation/base/FileStamp.h"
 #include "foundation/base/Shortfall.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/Der.h"
@@ -12,6 +13,7 @@
 #include "foundation/run/VerificationRun.h"
 #include "report/SourceRecord.h"
 #include "store/CRLExpiry.h"
+#include "store/FileContent.h"
 #include "store/HashFileHeader.h"
 #include "store/TolerantReading.h"
 
@@ -21,7 +23,6 @@
 #include <openssl/x509.h>
 
 #include <cerrno>
-#include <sys/stat.h>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -34,35 +35,11 @@ static_assert(HashFileHeader::kMaximumValidator == LW::HTTP::Validators::kMaximu
 using Notes = VerifiedCache::Notes;
 using Stored = VerifiedCache::Stored;
 
-// A file at one moment; all zero for none. Another one, and another content, has another.
-struct Identity {
-  dev_t device = 0;
-  ino_t number = 0;
-  off_t size = 0;
-  std::int64_t modified = 0;  // nanoseconds
-  std::int64_t changed = 0;
-  bool regular = false;
-
-  bool operator==(const Identity&) const = default;
-};
-
-std::int64_t nanoseconds(const timespec& time) {
-  constexpr std::int64_t kSecond = 1'000'000'000;
-  return time.tv_sec * kSecond + time.tv_nsec;
-}
-
-Identity identityOf(const File::Path& path) {
-  struct stat status = {};
-  if (::stat(systemPath(path.asString()), &status) != 0) {
-    if (errno == ENOENT) return {};
-    failSystem(kHere, path.asString(), errno);
-  }
-  return {status.st_dev,
-          status.st_ino,
-          status.st_size,
-          nanoseconds(status.st_mtim),
-          nanoseconds(status.st_ctim),
-          S_ISREG(status.st_mode)};
+// Of a file that is not there: all zero.
+FileStamp stampOf(const File::Path& path) {
+  const std::optional<FileStamp> stamp = FileStamp::at(systemPath(path.asString()));
+  if (!stamp && errno != ENOENT) failSystem(kHere, path.asString(), errno);
+  return stamp.value_or(FileStamp());
 }
 
 std::string_view textOf(const std::vector<unsigned char>& content) {
@@ -98,10 +75,33 @@ bool areDue(const Notes& notes, const Notes& noted, std::size_t size) {
   return notes.fetched->seconds() - noted.fetched->seconds() >= pause;
 }
 
+IsWantedFile isFor(const Uri& uri) {
+  return [&uri](const HashFileHeader& header) { return !isForeign(header, uri); };
+}
+
+RefCertificateRevocationList onlyCRL(const FirstCRLInFile& held) {
+  if (held.problem) throw Exception(*held.problem);
+  if (held.crl.empty()) fail(kHere, "no CRL in it");
+  return held.crl;
+}
+
 RefCertificateRevocationList onlyCRL(std::string_view content) {
-  RefCertificateRevocationList crl = readFirstCRL(octets(content), content.size());
-  if (crl.empty()) fail(kHere, "no CRL in it");
-  return crl;
+  return onlyCRL(*contentIn<FirstCRLInFile>(content, {}, false));
+}
+
+std::optional<VerifiedCache::Entry> entryOf(const FirstCRLInFile& held, const Uri& uri) {
+  const HashFileHeader header = held.header();
+  if (isForeign(header, uri)) return std::nullopt;
+  VerifiedCache::Entry entry;
+  entry.notes = notesIn(header);
+  entry.crls.push_back(onlyCRL(held));
+  return entry;
+}
+
+std::nullopt_t leftOut() {
+  TolerantReading::leftOut();
+  SourceUse::leftOut();
+  return std::nullopt;
 }
 
 // What of a CRL says which of two is to stay.
@@ -222,7 +222,7 @@ Stored judge(const Standing& crl, const Standing& held, const Time& heldSince) {
 
 // A look at what is there, and what follows from it; where nothing is known, the CRL is stored.
 struct Look {
-  Identity seen = {};
+  FileStamp seen = {};
   Stored stored = Stored::kStored;
   bool writes = true;
 };
@@ -262,7 +262,7 @@ void lookInto(const File::Path& path, const Uri& uri, const RefCertificateRevoca
 Look lookAt(const File::Path& path, const Uri& uri, const RefCertificateRevocationList& crl,
             EVP_PKEY* key, const Notes& notes) {
   Look look;
-  look.seen = identityOf(path);
+  look.seen = stampOf(path);
   if (!look.seen.regular) return look;
   const Shortfall::Watch watch;
   try {
@@ -278,28 +278,22 @@ Look lookAt(const File::Path& path, const Uri& uri, const RefCertificateRevocati
 
 std::optional<VerifiedCache::Entry> VerifiedCache::entryIn(std::string_view content,
                                                            const Uri& uri) {
-  const HashFileHeader header = HashFileHeader::parse(content);
-  if (isForeign(header, uri)) return std::nullopt;
-  Entry entry;
-  entry.notes = notesIn(header);
-  entry.crls.push_back(onlyCRL(content));
-  return entry;
+  return entryOf(*contentIn<FirstCRLInFile>(content, isFor(uri), false), uri);
 }
 
 std::optional<VerifiedCache::Entry> VerifiedCache::read(const Uri& uri) const {
   const File::Path path = CRLCache(directory_).fileFor(uri);
-  const Identity file = identityOf(path);
-  if (!file.regular) return std::nullopt;
+  const FileStamp seen = stampOf(path);
+  if (!seen.regular) return std::nullopt;
   if (!VerificationRun::admitStep() ||
-      !VerificationRun::admitDecoding(static_cast<std::size_t>(file.size))) {
-    TolerantReading::leftOut();
-    SourceUse::leftOut();
-    return std::nullopt;
+      !VerificationRun::admitDecoding(static_cast<std::size_t>(seen.size))) {
+    return leftOut();
   }
   const Time stored = path.status(true).creationTime();
-  const std::vector<unsigned char> content = readFile(path);
+  const auto held = contentOf<FirstCRLInFile>(path, seen, isFor(uri));
+  if (held == nullptr) return leftOut();
   try {
-    std::optional<Entry> entry = entryIn(textOf(content), uri);
+    std::optional<Entry> entry = entryOf(*held, uri);
     if (entry) entry->stored = stored;
     return entry;
   } catch (Exception& failure) {
@@ -318,7 +312,7 @@ Stored VerifiedCache::store(const Uri& uri, const RefCertificateRevocationList& 
   if (!look.writes) return look.stored;
   CRLCache::Content content = CRLCache::contentFor(uri, crl);
   content.wanted = [&] {
-    if (identityOf(path) != look.seen) look = lookAt(path, uri, crl, key, notes);
+    if (stampOf(path) != look.seen) look = lookAt(path, uri, crl, key, notes);
     return look.writes;
   };
   content.write = [&] {
@@ -337,7 +331,7 @@ void VerifiedCache::confirm(const Uri& uri, const LW::HTTP::Validators& asked, c
   if (hasDotSegments(uri.path())) return;
   CRLCache cache(directory_);
   const File::Path path = cache.fileFor(uri);
-  const Identity seen = identityOf(path);
+  const FileStamp seen = stampOf(path);
   if (!seen.regular) return;
   const std::vector<unsigned char> file = readFile(path);
   const std::string_view text = textOf(file);
@@ -356,7 +350,7 @@ void VerifiedCache::confirm(const Uri& uri, const LW::HTTP::Validators& asked, c
   const std::uint64_t size = lines.size() + rest.size();
   cache.write(uri, {.atMost = size,
                     .atLeast = size,
-                    .wanted = [&] { return identityOf(path) == seen; },
+                    .wanted = [&] { return stampOf(path) == seen; },
                     .write =
                         [&] {
                           FileMediaOut out(path.asString());

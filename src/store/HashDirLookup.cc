@@ -4,12 +4,12 @@
 #include "foundation/run/VerificationRun.h"
 #include "store/AskMethod.h"
 #include "store/CRLExpiry.h"
+#include "store/FileContent.h"
 #include "store/HashFileHeader.h"
 #include "store/HashNames.h"
 #include "store/TolerantReading.h"
 
 #include <pkx509/HashDirLookup.h>
-#include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 #include <velantrix/MediaOut.h>
 
@@ -22,6 +22,7 @@
 #include <cstddef>
 #include <exception>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -50,20 +51,6 @@ std::string nameOf(unsigned int key, std::string_view suffix) {
   return std::string(text.data(), end).append(suffix);
 }
 
-// Has the content of the file read unless its header says that it was written for something else.
-template <class IsOurs, class Read>
-void readUnlessForeign(const File::Path& path, IsOurs isOurs, Read read) {
-  const std::vector<unsigned char> content = readFile(path);
-  const std::string_view text(reinterpret_cast<const char*>(content.data()), content.size());
-  if (!isOurs(HashFileHeader::parse(text))) return;
-  try {
-    read(Buffer(content.data(), static_cast<unsigned int>(content.size()), false));
-  } catch (Exception& failure) {
-    failure.stringParameter(path.asString() + ": " + failure.stringParameter());
-    throw;
-  }
-}
-
 // A directory that is not there has nothing. Where certificates are looked for it should be there.
 void tellMissing(SourceUse& use, SourceRecord::Source::Wanted wanted) {
   UseFacts facts{.failure = UseFacts::Failure::kUnreadable, .errorNumber = ENOENT};
@@ -74,12 +61,18 @@ void tellMissing(SourceUse& use, SourceRecord::Source::Wanted wanted) {
   }
 }
 
+// What there is no more time for, or memory, or another bound.
+void leaveOut() {
+  TolerantReading::leftOut();
+  SourceUse::leftOut();
+}
+
 // Has a file read that appends to the list, and tells where that comes from or what is wrong with it.
 template <class Handle, class Read>
 void readAndTell(const File::Path& path, const std::list<Handle>& list, const Read& read) {
   const std::size_t before = list.size();
   try {
-    read();
+    if (!read()) return leaveOut();
   } catch (const std::exception& failure) {
     SourceUse::unreadable(path.asString(), failure);
     throw;
@@ -88,6 +81,23 @@ void readAndTell(const File::Path& path, const std::list<Handle>& list, const Re
   if (const auto origin = SourceUse::originOf(path.asString())) {
     noteOrigins(std::next(list.begin(), static_cast<std::ptrdiff_t>(before)), list.end(), *origin);
   }
+}
+
+// The content that is wanted, in order; null when it is not wanted. False when there is no time to wait for it.
+template <class Content>
+bool readContent(const File::Path& path, const std::optional<FileStamp>& seen,
+                 const IsWantedFile& isWanted, const Origin& fileReader,
+                 std::shared_ptr<const Content>& out) {
+  std::shared_ptr<const Content> held = contentOf<Content>(path, seen, isWanted);
+  if (held == nullptr) return false;
+  if (isWanted) {
+    if (!isWanted(held->header())) return true;
+    held->requireGood(path);
+  } else {
+    held->requireGood(path, fileReader);
+  }
+  out = std::move(held);
+  return true;
 }
 
 // What is gone by now is as good as what had gone before the directory was listed.
@@ -247,48 +257,57 @@ int DirectoryParser::process(const File::Path& path) {
 
 void DirectoryParser::load(const File::Path& path, const std::optional<FileStamp>& seen) {
   if (!VerificationRun::admitStep() || !VerificationRun::admitDecoding(sizeOf(seen))) {
-    TolerantReading::leftOut();
-    SourceUse::leftOut();
-    return;
+    return leaveOut();
   }
   readOneOf(path.asString(), [&] {
     if (type == Object::TypeCertificate) {
-      readAndTell(path, certificates, [&] { loadCertificates(path); });
+      readAndTell(path, certificates, [&] { return loadCertificates(path, seen); });
     } else {
-      readAndTell(path, crls, [&] { loadCRL(path); });
+      readAndTell(path, crls, [&] { return loadCRL(path, seen); });
     }
   });
 }
 
-void DirectoryParser::loadCertificates(const File::Path& path) {
-  if (origin.empty()) {
-    CertificateFactory::read(path, certificates);
-    return;
+bool DirectoryParser::loadCertificates(const File::Path& path,
+                                       const std::optional<FileStamp>& seen) {
+  IsWantedFile isWanted;
+  if (!origin.empty()) {
+    isWanted = [this](const HashFileHeader& header) {
+      return header.email.value_or(origin) == origin;
+    };
   }
-  readUnlessForeign(
-      path,
-      [this](const HashFileHeader& header) { return header.email.value_or(origin) == origin; },
-      [this](const Buffer& content) { CertificateFactory::read(content, certificates); });
+  std::shared_ptr<const CertificatesInFile> held;
+  if (!readContent(path, seen, isWanted, {"X509::CertificateFactory", "CertificateFactory"},
+                   held)) {
+    return false;
+  }
+  if (held != nullptr) held->appendTo(certificates);
+  return true;
 }
 
-void DirectoryParser::loadCRL(const File::Path& path) {
-  RefCertificateRevocationList crl;
-  if (origin.empty()) {
-    crl = CertificateRevocationListFactory::read(path);
-  } else {
-    readUnlessForeign(
-        path,
-        [this](const HashFileHeader& header) { return header.uri.value_or(origin) == origin; },
-        [&crl](const Buffer& content) { crl = CertificateRevocationListFactory::read(content); });
+bool DirectoryParser::loadCRL(const File::Path& path, const std::optional<FileStamp>& seen) {
+  IsWantedFile isWanted;
+  if (!origin.empty()) {
+    isWanted = [this](const HashFileHeader& header) {
+      return header.uri.value_or(origin) == origin;
+    };
   }
-  if (crl.empty()) return;
+  std::shared_ptr<const WholeCRLInFile> held;
+  if (!readContent(path, seen, isWanted,
+                   {"X509::CertificateRevocationListFactory", "CertificateRevocationListFactory"},
+                   held)) {
+    return false;
+  }
+  if (held == nullptr || held->crl.empty()) return true;
+  const RefCertificateRevocationList& crl = held->crl;
   if (TolerantReading::current() != nullptr) {
     crls.push_back(crl);
-    return;
+    return true;
   }
   // The file is looked at only where the CRL does not say when it runs out.
   const Time since = crl->nextUpdate().empty() ? path.status(true).creationTime() : now;
   if (!(expiryOf(crl, since) < now)) crls.push_back(crl);
+  return true;
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -1,6 +1,7 @@
 #include "soak/Resources.h"
 
 #include "soak/Cache.h"
+#include "support/Memory.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -8,11 +9,6 @@
 #include <malloc.h>
 #include <sstream>
 #include <unistd.h>
-
-#ifdef PKX509_SANITIZED
-// As in <sanitizer/allocator_interface.h>, which GCC has not everywhere.
-extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
-#endif
 
 namespace Velantrix::Test::Soak {
 
@@ -26,15 +22,6 @@ constexpr std::size_t kAnonymousAllowance = std::size_t{8} * 1024 * 1024;
 std::size_t entriesOf(const char* directory) {
   const fs::directory_iterator all(directory);
   return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
-
-std::size_t heapInUse() {
-#ifdef PKX509_SANITIZED
-  return __sanitizer_get_current_allocated_bytes();
-#else
-  const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
-#endif
 }
 
 void measureMemory(Resources& now) {

@@ -6,8 +6,14 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <malloc.h>
 #include <stdexcept>
 #include <string>
+
+#ifdef PKX509_SANITIZED
+// As in <sanitizer/allocator_interface.h>, which GCC has not everywhere.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
+#endif
 
 namespace Velantrix::Test {
 
@@ -43,6 +49,16 @@ class MemoryPeak {
   std::size_t addresses_ = memoryStatus("VmPeak");
   std::size_t resident_ = 0;
 };
+
+/// What is allocated now, in bytes. With a sanitizer the program defines PKX509_SANITIZED.
+inline std::size_t heapInUse() {
+#ifdef PKX509_SANITIZED
+  return __sanitizer_get_current_allocated_bytes();
+#else
+  const struct mallinfo2 info = ::mallinfo2();
+  return info.uordblks + info.hblkhd;
+#endif
+}
 
 /// How many threads this process has.
 inline std::size_t threadCount() {

@@ -71,10 +71,10 @@ bool isCertificateLabel(std::string_view label) {
 }
 
 RefCertificate decodeCertificate(std::string_view label, const unsigned char* der,
-                                 std::size_t length) {
+                                 std::size_t length, Decoding decoding) {
   if (!ObjectKinds::possible(der, length).has(ObjectKind::kCertificate)) return RefCertificate();
   const ErrorScope errors;
-  if (label != PEM_STRING_X509_TRUSTED) {
+  if (decoding == Decoding::kAny && label != PEM_STRING_X509_TRUSTED) {
     if (X509* const known = VerificationRun::known(der, length)) {
       return CertificateFactory()(known, false);
     }

@@ -50,10 +50,13 @@ void readObjects(const File::Path& path, ObjectSink& sink, const Origin& origin,
 
 /// Whether PEM blocks with this label hold a certificate.
 bool isCertificateLabel(std::string_view label);
+/// Whether the certificate of a running verification that has the octets does as well, or it has to be an
+/// object of its own, to outlive the verification.
+enum class Decoding { kAny, kOwn };
 /// The certificate that all of the octets are; empty when they are none.
 /// @param label as `ObjectSink::take` has it
 RefCertificate decodeCertificate(std::string_view label, const unsigned char* der,
-                                 std::size_t length);
+                                 std::size_t length, Decoding decoding = Decoding::kAny);
 
 /// Whether PEM blocks with this label hold a CRL.
 bool isCRLLabel(std::string_view label);

@@ -1,5 +1,6 @@
 #include "crl/CRLCache.h"
 #include "foundation/base/DirectoryLock.h"
+#include "foundation/base/FileStamp.h"
 #include "foundation/run/VerificationRun.h"
 #include "integration/OwnNamespaces.h"
 #include "retrieval/VerifiedCache.h"
@@ -8,6 +9,7 @@
 #include "support/Handles.h"
 #include "unit/store/Unprivileged.h"
 
+#include <pkx509/FileCache.h>
 #include <pkx509/HashDirLookup.h>
 #include <pkx509/Statistics.h>
 #include <velantrix/Exception.h>
@@ -104,6 +106,22 @@ TEST_F(VerifiedCacheDirectory, File_IsTheClassicOneWithThreeLinesMore) {
   EXPECT_EQ(entry->notes.validators.lastModified, "Tue, 17 Nov 2026 08:00:00 GMT");
   EXPECT_EQ(entry->notes.fetched, fetched);
   EXPECT_EQ(entry->stored, File::Path(file.string()).status(true).creationTime());
+}
+
+TEST_F(VerifiedCacheDirectory, FileThatHasNotChanged_IsDecodedOnceAndItsNotesStayItsOwn) {
+  FileCache::clear();
+  const StampClockAhead later(std::chrono::seconds(3));
+  const RefCertificateRevocationList crl = numbered(1);
+  ASSERT_EQ(store(crl, {{.etag = "\"first\""}, Time::now()}), Stored::kStored);
+  const auto first = cache.read(uri);
+  const auto again = cache.read(uri);
+  EXPECT_EQ(again->crls.front().get(), first->crls.front().get());
+  EXPECT_EQ(again->notes.validators.etag, "\"first\"");
+  EXPECT_EQ(again->stored, first->stored);
+
+  ASSERT_EQ(store(crl, {{.etag = "\"second\""}, Time::now()}), Stored::kSame);
+  EXPECT_EQ(cache.read(uri)->notes.validators.etag, "\"second\"");
+  FileCache::clear();
 }
 
 TEST_F(VerifiedCacheDirectory, EveryReader_ReadsIt) {

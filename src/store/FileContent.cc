@@ -1,0 +1,131 @@
+#include "store/FileContent.h"
+
+#include "foundation/model/ObjectReader.h"
+#include "foundation/openssl/Der.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+#include "foundation/run/VerificationRun.h"
+
+#include <velantrix/CertificateFactory.h>
+
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
+#include <cstdint>
+#include <limits>
+#include <utility>
+
+namespace Velantrix::Crypto::PKX509 {
+
+namespace {
+
+// Measured: what OpenSSL and our classes allocate. Much of a certificate's is the same for all.
+constexpr std::size_t kPerCertificate = 5000;
+constexpr std::size_t kPerOctetOfCertificates = 2;
+constexpr std::size_t kPerCRL = 2048;
+constexpr std::size_t kPerOctetOfCRL = 7;
+
+std::string named(const File::Path& path, const Exception& problem) {
+  return path.asString() + ": " + problem.stringParameter();
+}
+
+// What OpenSSL could not make sense of it may have had no memory for.
+bool isWhole(const RefCertificate& certificate) {
+  const ErrorScope errors;
+  const std::uint32_t doubts = EXFLAG_INVALID | EXFLAG_NO_FINGERPRINT;
+  return (X509_get_extension_flags(certificate) & doubts) == 0 &&
+         X509_get0_pubkey(certificate) != nullptr;
+}
+
+class CertificateSink : public ObjectSink {
+ public:
+  CertificateSink(CertificatesInFile& out, bool kept) : out_(out), kept_(kept) {}
+
+  bool wants(std::string_view label) const override { return isCertificateLabel(label); }
+
+  bool take(std::string_view label, const unsigned char* der, std::size_t length) override {
+    CertificatesInFile::One one{.certificate = decodeCertificate(
+                                    label, der, length, kept_ ? Decoding::kOwn : Decoding::kAny),
+                                .der = {}};
+    if (one.certificate.empty()) return false;
+    if (kept_) {
+      const bool hasSettings = label == PEM_STRING_X509_TRUSTED;
+      if (!hasSettings) one.der.assign(reinterpret_cast<const char*>(der), length);
+      out_.derSize += length;
+      out_.lasts = out_.lasts && isWhole(one.certificate);
+    }
+    out_.certificates.push_back(std::move(one));
+    return true;
+  }
+
+ private:
+  CertificatesInFile& out_;
+  bool kept_;
+};
+
+class CRLSink : public ObjectSink {
+ public:
+  CRLSink(CRLInFile& out, bool onlyFirst) : out_(out), onlyFirst_(onlyFirst) {}
+
+  bool wants(std::string_view label) const override { return isCRLLabel(label); }
+
+  bool take(std::string_view /*label*/, const unsigned char* der, std::size_t length) override {
+    const RefCertificateRevocationList crl = decodeCRL(der, length);
+    if (crl.empty()) return false;
+    if (out_.crl.empty()) {
+      out_.crl = crl;
+      out_.derSize = length;
+    }
+    return true;
+  }
+
+  bool hasEnough() const override { return onlyFirst_; }
+
+ private:
+  CRLInFile& out_;
+  bool onlyFirst_;
+};
+
+}  // namespace
+
+void FileContent::requireGood(const File::Path& path) const {
+  if (!problem) return;
+  Exception failure = *problem;
+  failure.stringParameter(named(path, *problem));
+  throw failure;
+}
+
+void FileContent::requireGood(const File::Path& path, const Origin& fileReader) const {
+  if (problem) fail(fileReader, named(path, *problem));
+}
+
+void CertificatesInFile::readObjects(std::string_view content, bool kept) {
+  CertificateSink sink(*this, kept);
+  PKX509::readObjects(octets(content), content.size(), sink);
+}
+
+void CertificatesInFile::appendTo(std::list<RefCertificate>& out) const {
+  std::list<RefCertificate> taken;
+  for (const One& one : certificates) {
+    X509* const known =
+        one.der.empty() ? nullptr : VerificationRun::known(octets(one.der), one.der.size());
+    taken.push_back(known == nullptr ? one.certificate : CertificateFactory()(known, false));
+  }
+  out.splice(out.end(), taken);
+}
+
+std::size_t CertificatesInFile::memory() const noexcept {
+  if (!lasts) return std::numeric_limits<std::size_t>::max();
+  return sizeof *this + head.capacity() + certificates.size() * kPerCertificate +
+         derSize * kPerOctetOfCertificates;
+}
+
+void CRLInFile::readObjects(std::string_view content, bool onlyFirst) {
+  CRLSink sink(*this, onlyFirst);
+  PKX509::readObjects(octets(content), content.size(), sink);
+}
+
+std::size_t CRLInFile::memory() const noexcept {
+  return sizeof *this + head.capacity() + (crl.empty() ? 0 : kPerCRL) + derSize * kPerOctetOfCRL;
+}
+
+}  // namespace Velantrix::Crypto::PKX509
