@@ -87,6 +87,19 @@ TEST_F(KeptFiles, SignatureThatOneLookupHasChecked_TheNextRemembers) {
   EXPECT_EQ(crls().front()->signatureChecks(), 1U);
 }
 
+TEST_F(KeptFiles, BytesThatAVerificationDecodes_AreCountedForWhatIsKeptToo) {
+  writeFile(crlFile(), pem(crl.get()));
+  crls();
+  const std::size_t size = std::filesystem::file_size(crlFile());
+  const VerificationRun run(nullptr);
+  ASSERT_TRUE(VerificationRun::admitDecoding(VerificationRun::kMaximumDecodedBytes - 2 * size));
+  EXPECT_EQ(crls().size(), 1U);
+  EXPECT_EQ(crls().size(), 1U);
+  EXPECT_FALSE(run.fellShort());
+  EXPECT_TRUE(crls().empty());
+  EXPECT_TRUE(run.fellShort());
+}
+
 TEST_F(KeptFiles, CertificateOfTheVerification_IsTakenInThePlaceOfTheOneThatIsKept) {
   writeFile(certificateFile(), pem(root.get()));
   const RefCertificate kept = certificates().front();
