@@ -2,6 +2,7 @@
 
 #include <velantrix/Assert.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -65,11 +66,12 @@ ForkLock::ForkLock(InChild inChild) noexcept : inChild_(inChild) {
   static const int failure =
       ::pthread_atfork(ForkLocks::s_before_fork, ForkLocks::s_in_parent, ForkLocks::s_in_child);
   PKX509_ASSERT(failure == 0);
-  for (std::atomic<ForkLock*>& place : locks) {
-    ForkLock* none = nullptr;
-    if (place.compare_exchange_strong(none, this)) return;
-  }
-  PKX509_ASSERT(!"there are more of them than kMaximum");
+  const bool isKnown =
+      std::any_of(locks.begin(), locks.end(), [this](std::atomic<ForkLock*>& place) {
+        ForkLock* none = nullptr;
+        return place.compare_exchange_strong(none, this);
+      });
+  PKX509_ASSERT(isKnown);
 }
 
 }  // namespace Velantrix
