@@ -2,13 +2,17 @@
 
 #include "foundation/base/FileReader.h"
 #include "foundation/base/FileStamp.h"
+#include "foundation/openssl/LibraryContext.h"
 
 #include <velantrix/Exception.h>
 
 #include <openssl/pem.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -16,15 +20,10 @@ namespace {
 
 using State = HashedFile::State;
 
-// OpenSSL's lookup reads by the functions of stdio, which take lines with zero octets in them for
-// shorter than they are; its BIO over memory does not.
-Owned<BIO> streamOver(const std::vector<unsigned char>& octets) {
-  if (octets.empty()) return {};  // fmemopen() refuses it
-  std::FILE* const file = ::fmemopen(const_cast<unsigned char*>(octets.data()), octets.size(), "r");
-  if (file == nullptr) return {};
-  Owned<BIO> stream(BIO_new_fp(file, BIO_CLOSE));
-  if (stream == nullptr) static_cast<void>(std::fclose(file));
-  return stream;
+// OpenSSL's lookup reads PEM by the functions of stdio, for which a line ends at a zero octet. A BIO over
+// memory knows no such end, so those are for it to read.
+bool readsAlike(const unsigned char* octets, std::size_t length, int fileType) {
+  return fileType != X509_FILETYPE_PEM || std::memchr(octets, 0, length) == nullptr;
 }
 
 Owned<X509> readPEM(BIO* stream, const X509* /*kind*/) {
@@ -72,28 +71,59 @@ bool addAll(X509_STORE* store, const std::vector<Owned<Object>>& objects) {
                      [&](const Owned<Object>& object) { return add(store, object) == 1; });
 }
 
+int sizeOf(const X509* certificate) { return i2d_X509(certificate, nullptr); }
+int sizeOf(const X509_CRL* crl) { return i2d_X509_CRL(crl, nullptr); }
+
+// OpenSSL's objects are some seven times as large as their DER, the keys of certificates included.
+template <class Object>
+std::size_t memoryOf(const std::vector<Owned<Object>>& objects) {
+  std::size_t memory = objects.capacity() * sizeof(Owned<Object>);
+  for (const Owned<Object>& object : objects) {
+    memory += 7 * static_cast<std::size_t>(std::max(sizeOf(object.get()), 0));
+  }
+  return memory;
+}
+
 }  // namespace
 
-HashedContent HashedContent::parse(const std::vector<unsigned char>& octets, Kind kind,
-                                   int fileType) {
+HashedContent::HashedContent(const unsigned char* octets, std::size_t length, Kind ofKind, int type)
+    : kind(ofKind), fileType(type) {
   const ErrorScope errors;
-  HashedContent content;
-  const Owned<BIO> stream = streamOver(octets);
-  if (stream == nullptr) return content;
-  content.whole = kind == Kind::kCRLs ? readAll(stream.get(), fileType, content.crls)
-                                      : readAll(stream.get(), fileType, content.certificates);
-  return content;
+  if (length == 0 || !readsAlike(octets, length, fileType)) return;
+  const Owned<BIO> stream(BIO_new_mem_buf(octets, static_cast<int>(length)));
+  if (stream == nullptr) return;
+  whole = kind == Kind::kCRLs ? readAll(stream.get(), fileType, crls)
+                              : readAll(stream.get(), fileType, certificates);
+  memory_ += memoryOf(certificates) + memoryOf(crls);
+}
+
+bool HashedContent::has(const X509_NAME* name) const {
+  return std::any_of(certificates.begin(), certificates.end(),
+                     [&](const Owned<X509>& certificate) {
+                       return X509_NAME_cmp(X509_get_subject_name(certificate.get()), name) == 0;
+                     }) ||
+         std::any_of(crls.begin(), crls.end(), [&](const Owned<X509_CRL>& crl) {
+           return X509_NAME_cmp(X509_CRL_get_issuer(crl.get()), name) == 0;
+         });
 }
 
 HashedFile HashedFile::at(const std::string& path, Kind kind, int fileType) {
-  const std::optional<FileStamp> stamp = FileStamp::at(path.c_str());
-  if (!stamp) return {State::kMissing};
-  if (!stamp->regular || stamp->size > static_cast<std::int64_t>(kMaxInputSize))
+  const std::optional<FileStamp> seen = FileStamp::at(path.c_str());
+  if (!seen) return {State::kMissing};
+  if (!isGlobalLibraryContext() || !seen->regular ||
+      seen->size > static_cast<std::int64_t>(kMaxInputSize)) {
     return {State::kOdd};
+  }
   try {
-    auto content = std::make_shared<const HashedContent>(
-        HashedContent::parse(readFile(File::Path(path)), kind, fileType));
-    return {content->whole ? State::kWhole : State::kDamaged, content};
+    auto content = FileObjects::get<HashedContent>(
+        File::Path(path), seen,
+        [&](const unsigned char* octets, std::size_t length, bool /*kept*/) {
+          return std::make_shared<const HashedContent>(octets, length, kind, fileType);
+        },
+        [&](const HashedContent& kept) { return kept.kind == kind && kept.fileType == fileType; });
+    if (content == nullptr) return {State::kOdd};  // there was no time to wait for it
+    const State state = content->whole ? State::kWhole : State::kDamaged;
+    return {state, std::move(content)};
   } catch (const Exception&) {
     return {State::kDamaged};
   }

@@ -29,9 +29,9 @@ struct Directory {
 
 // What hangs on a lookup. OpenSSL's lookups may be asked by several threads.
 struct Directories {
-  // Whether OpenSSL's has a directory that only it knows.
-  bool leftToOpenSSL = false;
   std::vector<Directory> all = {};
+  std::size_t handedOver = 0;  // that many of them OpenSSL's lookup has
+  bool leftToOpenSSL = false;  // it has one that this does not know, and their order counts
   std::mutex mutex = {};
 };
 
@@ -58,58 +58,85 @@ void add(std::vector<Directory>& all, std::string_view list, int fileType) {
   }
 }
 
-int s_ctrl(X509_LOOKUP* lookup, int command, const char* text, long number, char** /*answer*/) {
+X509_LOOKUP* lookupOfOpenSSL(X509_STORE* store) {
+  return X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());  // the one that there is
+}
+
+// Tells OpenSSL's lookup of all directories. Else it has none, and looks for nothing in vain.
+void handOver(X509_STORE* store, Directories& directories) {
+  X509_LOOKUP* const lookup = lookupOfOpenSSL(store);
+  for (std::size_t& next = directories.handedOver; next < directories.all.size(); ++next) {
+    const Directory& directory = directories.all[next];
+    static_cast<void>(X509_LOOKUP_ctrl(lookup, X509_L_ADD_DIR, directory.name.c_str(),
+                                       directory.fileType, nullptr));
+  }
+}
+
+int s_ctrl(X509_LOOKUP* lookup, int command, const char* text, long number, char** answer) {
   if (command != X509_L_ADD_DIR) return 0;
+  X509_STORE* const store = X509_LOOKUP_get_store(lookup);
   Directories& directories = directoriesOf(lookup);
   const std::lock_guard lock(directories.mutex);
+  const bool isNamed = text != nullptr && *text != '\0';
   // Of other types there is one by which OpenSSL's looks for directories in the environment.
-  bool added = number == X509_FILETYPE_PEM || number == X509_FILETYPE_ASN1;
-  try {
-    if (added) add(directories.all, text, static_cast<int>(number));
-  } catch (const std::exception&) {
-    added = false;
+  const bool isOurs = number == X509_FILETYPE_PEM || number == X509_FILETYPE_ASN1;
+  if (isOurs && isNamed) {
+    try {
+      add(directories.all, text, static_cast<int>(number));
+    } catch (const std::exception&) {
+      return 0;
+    }
+    if (directories.leftToOpenSSL) handOver(store, directories);
+    return 1;
   }
-  if (!added) directories.leftToOpenSSL = true;
-  return added ? 1 : 0;
+  if (!isOurs) {
+    handOver(store, directories);
+    directories.leftToOpenSSL = true;
+  }
+  return X509_LOOKUP_ctrl(lookupOfOpenSSL(store), X509_L_ADD_DIR, text, number, answer);
 }
 
 // One question: by_dir.c, get_cert_by_subject_ex().
 class DirectoryQuestion {
  public:
-  DirectoryQuestion(X509_STORE* store, X509_LOOKUP_TYPE type, const X509_NAME* name,
+  DirectoryQuestion(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* name,
                     X509_OBJECT* ret)
-      : store_(store), type_(type), name_(name), ret_(ret) {}
+      : lookup_(lookup),
+        store_(X509_LOOKUP_get_store(lookup)),
+        type_(type),
+        name_(name),
+        ret_(ret) {}
 
-  // False where OpenSSL's lookup is to be asked.
-  bool answer(Directories& directories) {
+  bool ask(std::vector<Directory>& directories) {
     int ok = 0;
     hash_ = X509_NAME_hash_ex(name_, nullptr, nullptr, &ok);
-    if (ok == 0) return false;
-    const std::lock_guard lock(directories.mutex);
-    if (directories.leftToOpenSSL) return false;
-    for (Directory& directory : directories.all) {
-      if (!read(directory)) return false;
-      if (takeFromStore()) return true;
-    }
-    return false;
+    return ok != 0 &&
+           std::any_of(directories.begin(), directories.end(), [&](Directory& directory) {
+             load(directory);
+             return takeFromStore();
+           });
   }
 
  private:
-  // Adds what the files of the name hold to the store. False where that is not for this lookup to say.
-  bool read(Directory& directory) const {
+  // Adds what the files of the name hold to the store.
+  void load(Directory& directory) const {
     int number = firstOf(directory);
-    while (true) {
-      if (number > kMostFiles) return false;
-      const HashedFile::Kind kind =
-          type_ == X509_LU_CRL ? HashedFile::Kind::kCRLs : HashedFile::Kind::kCertificates;
-      const HashedFile file = HashedFile::at(pathIn(directory, number), kind, directory.fileType);
-      if (file.state == HashedFile::State::kMissing) break;
-      if (file.state == HashedFile::State::kOdd || !file.addTo(store_)) return false;
-      if (file.state == HashedFile::State::kDamaged) break;
-      ++number;
-    }
+    while (loadFile(pathIn(directory, number), directory.fileType)) ++number;
     if (type_ == X509_LU_CRL && number > 0) directory.readCRLs[hash_] = number;
-    return true;
+  }
+
+  // False when there is none, or something is wrong with it.
+  bool loadFile(const std::string& path, int fileType) const {
+    const bool areCRLs = type_ == X509_LU_CRL;
+    const HashedFile file = HashedFile::at(
+        path, areCRLs ? HashedFile::Kind::kCRLs : HashedFile::Kind::kCertificates, fileType);
+    if (file.state == HashedFile::State::kMissing) return false;
+    if (file.state == HashedFile::State::kWhole && file.content->has(name_) && file.addTo(store_)) {
+      return true;
+    }
+    // What OpenSSL makes of it in its queue of errors stays there if nothing is found.
+    return (areCRLs ? X509_load_crl_file(lookup_, path.c_str(), fileType)
+                    : X509_load_cert_file(lookup_, path.c_str(), fileType)) != 0;
   }
 
   int firstOf(const Directory& directory) const {
@@ -137,31 +164,30 @@ class DirectoryQuestion {
                                 : lend(X509_OBJECT_get0_X509(found), ret_);
   }
 
-  // OpenSSL's has room for five digits.
-  static constexpr int kMostFiles = 9999;
-
-  X509_STORE* store_;  // all borrowed
+  X509_LOOKUP* lookup_;  // all borrowed
+  X509_STORE* store_;
   X509_LOOKUP_TYPE type_;
   const X509_NAME* name_;
   X509_OBJECT* ret_;
   unsigned long hash_ = 0;
 };
 
+bool answer(Directories& directories, DirectoryQuestion&& question) noexcept {
+  try {
+    const std::lock_guard lock(directories.mutex);
+    return !directories.leftToOpenSSL && question.ask(directories.all);
+  } catch (const std::exception&) {
+    return false;  // for want of memory
+  }
+}
+
 int s_get_by_subject(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* name,
                      X509_OBJECT* ret) {
   if (name == nullptr || (type != X509_LU_X509 && type != X509_LU_CRL)) return 0;
   const NoCancellation untilReturn;
-  try {
-    {
-      const ErrorScope errors;
-      DirectoryQuestion question(X509_LOOKUP_get_store(lookup), type, name, ret);
-      if (!question.answer(directoriesOf(lookup))) return 0;
-    }
-    ERR_clear_error();  // as OpenSSL's does when it has an answer
-    return 1;
-  } catch (const std::exception&) {
-    return 0;  // OpenSSL's is asked next
-  }
+  if (!answer(directoriesOf(lookup), DirectoryQuestion(lookup, type, name, ret))) return 0;
+  ERR_clear_error();  // as OpenSSL's does when it has an answer
+  return 1;
 }
 
 Owned<X509_LOOKUP_METHOD> makeTable() {
@@ -189,15 +215,10 @@ X509_LOOKUP_METHOD* table() {
 int addDirectories(X509_STORE* store, const std::string& directories, int fileType) {
   X509_LOOKUP_METHOD* const method = table();
   X509_LOOKUP* const ours = method == nullptr ? nullptr : X509_STORE_add_lookup(store, method);
-  X509_LOOKUP* const lookup = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());
-  if (lookup == nullptr) return 0;
-  if (X509_LOOKUP_ctrl(lookup, X509_L_ADD_DIR, directories.c_str(), fileType, nullptr) != 1)
-    return 0;
-  if (ours != nullptr) {
-    static_cast<void>(
-        X509_LOOKUP_ctrl(ours, X509_L_ADD_DIR, directories.c_str(), fileType, nullptr));
-  }
-  return 1;
+  X509_LOOKUP* const behind = lookupOfOpenSSL(store);
+  if (behind == nullptr) return 0;
+  return X509_LOOKUP_ctrl(ours == nullptr ? behind : ours, X509_L_ADD_DIR, directories.c_str(),
+                          fileType, nullptr);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

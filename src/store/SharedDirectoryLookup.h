@@ -8,8 +8,8 @@
 // or cannot be read, directory by directory to the first that has the name; but what a file holds is
 // read once (crypto/x509/by_dir.c, by_file.c).
 //
-// What it has no answer for is asked of OpenSSL's, which stands behind it: names that are nowhere, so
-// that its errors are in OpenSSL's queue, and whatever is not a plain file.
+// What is not a plain file OpenSSL reads, and what is damaged too, so that the same is in its queue of
+// errors. Its lookup stands behind with the directories that only it can find.
 #pragma once
 
 #include <openssl/x509_vfy.h>

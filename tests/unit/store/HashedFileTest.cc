@@ -72,7 +72,31 @@ TEST_F(HashedFileTest, Objects_AreTheKindsAndInTheirOrder) {
   EXPECT_EQ(crls.state, State::kWhole);
   EXPECT_EQ(crls.content->crls.size(), 1U);
   EXPECT_EQ(read(Kind::kCRLs, X509_FILETYPE_ASN1).state, State::kDamaged);
+  write(der(first.get()) + der(second.get()));
+  const HashedFile only = read(Kind::kCertificates, X509_FILETYPE_ASN1);
+  EXPECT_EQ(only.state, State::kWhole);
+  EXPECT_EQ(only.content->certificates.size(), 1U);
   EXPECT_EQ(ERR_peek_error(), 0UL);
+}
+
+TEST_F(HashedFileTest, Names_AreThoseOfItsObjects) {
+  const Issued ca = issueCA("CN=A");
+  const Owned<X509_NAME> other = makeName("CN=B");
+  write(pem(ca.get()));
+  EXPECT_TRUE(read().content->has(X509_get_subject_name(ca.get())));
+  EXPECT_FALSE(read().content->has(other.get()));
+  write(pem(makeCRL({.issuer = &ca}).get()));
+  EXPECT_TRUE(read(Kind::kCRLs).content->has(X509_get_subject_name(ca.get())));
+  EXPECT_FALSE(read(Kind::kCRLs).content->has(other.get()));
+}
+
+TEST_F(HashedFileTest, Memory_IsThatOfItsObjects) {
+  const Issued ca = issueCA("CN=A");
+  write(pem(ca.get()));
+  const std::size_t one = read().content->memory();
+  EXPECT_GT(one, 5 * der(ca.get()).size());
+  write(pem(ca.get()) + pem(ca.get()));
+  EXPECT_GT(read().content->memory(), one + 5 * der(ca.get()).size());
 }
 
 }  // namespace
