@@ -52,7 +52,8 @@ class PKX509_EXPORT FileCache {
   static void clear() noexcept;
 
   struct Usage {
-    std::size_t files = 0;  ///< a file counts once for each kind of object that is looked for in it
+    /// A file counts once for each kind of object that is looked for in it; a directory for its names.
+    std::size_t files = 0;
     std::size_t bytes = 0;  ///< of memory, about
   };
   static Usage usage() noexcept;

@@ -1,9 +1,11 @@
 #include "store/HashNames.h"
 
 #include "foundation/base/DirectoryListing.h"
+#include "store/DirectoryIndex.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <system_error>
 
@@ -44,6 +46,13 @@ std::optional<unsigned int> HashNames::numberOf(std::string_view fileName) noexc
 
 HashNames HashNames::in(const std::string& directory, unsigned int number) {
   HashNames names;
+  const std::optional<FileStamp> seen = FileStamp::at(systemPath(directory));
+  names.missing = !seen && errno == ENOENT;
+  if (names.missing) return names;
+  if (const auto index = seen ? DirectoryIndex::of(directory, *seen) : nullptr) {
+    names.all = index->names(number);
+    return names;
+  }
   const OwnedDirectory open = openDirectory(directory);
   names.missing = open == nullptr;
   if (names.missing) return names;
