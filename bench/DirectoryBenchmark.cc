@@ -1,16 +1,21 @@
 // Finding the CRL of one issuer in hash directories of different sizes.
 //
-// OpenSSL opens the files that an issuer's hash may name; the library reads the directory's names,
-// because it takes names that no one can enumerate (upper case, blanks, any suffix).
+// OpenSSL opens the files that an issuer's hash may name. The library takes names that no one can enumerate
+// (upper case, blanks, any suffix), so it reads the directory's names when the directory has changed.
 #include "Fixture.h"
 
 #include <pkx509/HashDirLookup.h>
 
 #include <benchmark/benchmark.h>
+#include <chrono>
 #include <cstdio>
+#include <dirent.h>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
+#include <sys/stat.h>
+#include <thread>
 
 namespace Velantrix::Bench {
 namespace {
@@ -26,6 +31,21 @@ struct Directory {
       std::snprintf(name, sizeof name, "%08x.r0", static_cast<unsigned int>(i) * 2654435761U);
       std::ofstream(directory.path() / name);
     }
+  }
+
+  // What has changed within two seconds is read each time.
+  void settle() const {
+    struct stat status = {};
+    if (::stat(directory.path().c_str(), &status) != 0) return;
+    const auto settled = std::chrono::system_clock::from_time_t(status.st_ctim.tv_sec) +
+                         std::chrono::milliseconds(3100);
+    std::this_thread::sleep_until(settled);
+  }
+
+  void change() const {
+    const std::filesystem::path other = directory.path() / "other";
+    std::ofstream(other).close();
+    std::filesystem::remove(other);
   }
 
   Test::TempDir directory;
@@ -44,10 +64,37 @@ void library(benchmark::State& state, int files) {
   const Directory& directory = directoryOf(files);
   const DistinguishedName issuer(X509_CRL_get_issuer(directory.crl.get()));
   HashDirLookupMethod method(directory.directory.path().string());
+  directory.settle();
   for (auto _ : state) {
     std::list<RefCertificateRevocationList> found;
     method.getBySubject(issuer, found);
     if (found.size() != 1) state.SkipWithError("not found");
+  }
+}
+
+void changedLibrary(benchmark::State& state, int files) {
+  const Directory& directory = directoryOf(files);
+  const DistinguishedName issuer(X509_CRL_get_issuer(directory.crl.get()));
+  HashDirLookupMethod method(directory.directory.path().string());
+  for (auto _ : state) {
+    state.PauseTiming();
+    directory.change();
+    directory.settle();
+    state.ResumeTiming();
+    std::list<RefCertificateRevocationList> found;
+    method.getBySubject(issuer, found);
+    if (found.size() != 1) state.SkipWithError("not found");
+  }
+}
+
+void listing(benchmark::State& state, int files) {
+  const Directory& directory = directoryOf(files);
+  for (auto _ : state) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(directory.directory.path().c_str()),
+                                                   ::closedir);
+    int names = 0;
+    while (::readdir(open.get()) != nullptr) ++names;
+    if (names < files) state.SkipWithError("not listed");
   }
 }
 
@@ -74,6 +121,14 @@ BENCHMARK_CAPTURE(library, medium, 1000)->Name("directory of 1000 files/library"
 BENCHMARK_CAPTURE(openSSL, medium, 1000)->Name("directory of 1000 files/openssl");
 BENCHMARK_CAPTURE(library, large, 100000)->Name("directory of 100000 files/library");
 BENCHMARK_CAPTURE(openSSL, large, 100000)->Name("directory of 100000 files/openssl");
+
+// Each waits for the directory to settle.
+BENCHMARK_CAPTURE(changedLibrary, large, 100000)
+    ->Name("directory of 100000 files, changed/library")
+    ->Iterations(1);
+BENCHMARK_CAPTURE(listing, large, 100000)
+    ->Name("directory of 100000 files, changed/floor")
+    ->Iterations(1);
 
 }  // namespace
 }  // namespace Velantrix::Bench
