@@ -61,9 +61,9 @@ std::string takeErrors() {
 }
 
 // One of the two that are compared.
-class Asked {
+class DirectoriesAsked {
  public:
-  explicit Asked(bool ours) : ours_(ours) {
+  explicit DirectoriesAsked(bool ours) : ours_(ours) {
     X509_VERIFY_PARAM_set_depth(X509_STORE_get0_param(store.get()), 10);
   }
 
@@ -140,14 +140,14 @@ struct Both {
     EXPECT_TRUE(query(ours) == expected);
   }
   void add(const std::string& directories, int fileType) {
-    same([&](Asked& asked) {
+    same([&](DirectoriesAsked& asked) {
       const int result = asked.add(directories, fileType);
       return std::to_string(result) + takeErrors();
     });
   }
 
-  Asked openSSL{false};
-  Asked ours{true};
+  DirectoriesAsked openSSL{false};
+  DirectoriesAsked ours{true};
 };
 
 // Authorities two of which have one name, leaves below each, and CRLs of each.
@@ -291,17 +291,17 @@ void ask(Dice& dice, Both& both) {
   X509* const leaf = dice.oneOf(authorities().leaves).get();
   switch (dice.below(5)) {
     case 0:
-      return both.same([&](Asked& asked) { return asked.first(X509_LU_X509, name); });
+      return both.same([&](DirectoriesAsked& asked) { return asked.first(X509_LU_X509, name); });
     case 1:
-      return both.same([&](Asked& asked) { return asked.first(X509_LU_CRL, name); });
+      return both.same([&](DirectoriesAsked& asked) { return asked.first(X509_LU_CRL, name); });
     case 2:
-      return both.same([&](Asked& asked) { return asked.certificates(name); });
+      return both.same([&](DirectoriesAsked& asked) { return asked.certificates(name); });
     case 3:
-      return both.same([&](Asked& asked) { return asked.crls(name); });
+      return both.same([&](DirectoriesAsked& asked) { return asked.crls(name); });
     default:
       const unsigned long flags =
           dice.once(2) ? 0UL : X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
-      return both.same([&](Asked& asked) { return asked.verify(leaf, flags); });
+      return both.same([&](DirectoriesAsked& asked) { return asked.verify(leaf, flags); });
   }
 }
 
@@ -338,7 +338,7 @@ class SharedDirectory : public testing::Test {
  protected:
   TempDir directory;
   // What the store has found, which no other has where it is not shared.
-  static const X509* only(const Asked& asked) {
+  static const X509* only(const DirectoriesAsked& asked) {
     STACK_OF(X509_OBJECT)* const held = X509_STORE_get0_objects(asked.store.get());
     EXPECT_EQ(sk_X509_OBJECT_num(held), 1);
     return X509_OBJECT_get0_X509(sk_X509_OBJECT_value(held, 0));
@@ -363,7 +363,7 @@ TEST_F(SharedDirectory, TypeThatOnlyOpenSSLKnows_LeavesEverythingToIt) {
   both.add(behind.string(), X509_FILETYPE_PEM);
   for (const X509_NAME* const asked :
        {name, static_cast<const X509_NAME*>(X509_get_subject_name(other.get()))}) {
-    both.same([&](Asked& store) { return store.certificates(asked); });
+    both.same([&](DirectoriesAsked& store) { return store.certificates(asked); });
   }
   EXPECT_EQ(::unsetenv("SSL_CERT_DIR"), 0);
   EXPECT_EQ(sk_X509_OBJECT_num(X509_STORE_get0_objects(both.ours.store.get())), 2);
@@ -376,11 +376,11 @@ TEST_F(SharedDirectory, LibraryContextOfTheThread_IsLeftToOpenSSL) {
   const std::unique_ptr<OSSL_LIB_CTX, decltype(&OSSL_LIB_CTX_free)> own(OSSL_LIB_CTX_new(),
                                                                         OSSL_LIB_CTX_free);
   OSSL_LIB_CTX* const usual = OSSL_LIB_CTX_set0_default(own.get());
-  both.same([&](Asked& asked) { return asked.first(X509_LU_X509, name); });
+  both.same([&](DirectoriesAsked& asked) { return asked.first(X509_LU_X509, name); });
   OSSL_LIB_CTX_set0_default(usual);
   Both other;
   other.add(directory.string(), X509_FILETYPE_PEM);
-  other.same([&](Asked& asked) { return asked.first(X509_LU_X509, name); });
+  other.same([&](DirectoriesAsked& asked) { return asked.first(X509_LU_X509, name); });
   EXPECT_NE(only(both.ours), only(other.ours));
 }
 
@@ -392,7 +392,7 @@ TEST_F(SharedDirectory, DamagedFile_IsTheLastOfItsName) {
   addToDirectory(directory.path(), third.get());
   Both both;
   both.add(directory.string(), X509_FILETYPE_PEM);
-  both.same([&](Asked& asked) { return asked.certificates(name); });
+  both.same([&](DirectoriesAsked& asked) { return asked.certificates(name); });
   EXPECT_EQ(sk_X509_OBJECT_num(X509_STORE_get0_objects(both.ours.store.get())), 2);
 }
 
@@ -402,7 +402,7 @@ TEST_F(SharedDirectory, Stores_ShareWhatTheyFind) {
   Both second;
   for (Both* const both : {&first, &second}) {
     both->add(directory.string(), X509_FILETYPE_PEM);
-    both->same([&](Asked& asked) { return asked.first(X509_LU_X509, name); });
+    both->same([&](DirectoriesAsked& asked) { return asked.first(X509_LU_X509, name); });
   }
   EXPECT_EQ(only(first.ours), only(second.ours));
   EXPECT_NE(only(first.openSSL), only(second.openSSL));
@@ -411,13 +411,13 @@ TEST_F(SharedDirectory, Stores_ShareWhatTheyFind) {
 TEST_F(SharedDirectory, NoDirectoryNoNameAndOtherTypes_AreAnsweredAsByOpenSSL) {
   addToDirectory(directory.path(), ca.get());
   Both both;
-  both.same([&](Asked& asked) { return asked.first(X509_LU_X509, name); });
+  both.same([&](DirectoriesAsked& asked) { return asked.first(X509_LU_X509, name); });
   both.add("", X509_FILETYPE_PEM);
   both.add(":", X509_FILETYPE_PEM);
   both.add(directory.string(), 4711);
-  both.same([&](Asked& asked) { return asked.first(X509_LU_X509, name); });
-  both.same([&](Asked& asked) { return asked.first(X509_LU_X509, nullptr); });
-  both.same([&](Asked& asked) { return asked.first(X509_LU_NONE, name); });
+  both.same([&](DirectoriesAsked& asked) { return asked.first(X509_LU_X509, name); });
+  both.same([&](DirectoriesAsked& asked) { return asked.first(X509_LU_X509, nullptr); });
+  both.same([&](DirectoriesAsked& asked) { return asked.first(X509_LU_NONE, name); });
 }
 
 }  // namespace
