@@ -1,17 +1,20 @@
 #include "store/SharedDirectoryLookup.h"
 
 #include "foundation/base/NoCancellation.h"
+#include "foundation/openssl/NameHash.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "store/HashedFile.h"
 #include "store/Lending.h"
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -108,13 +111,13 @@ class DirectoryQuestion {
         ret_(ret) {}
 
   bool ask(std::vector<Directory>& directories) {
-    int ok = 0;
-    hash_ = X509_NAME_hash_ex(name_, nullptr, nullptr, &ok);
-    return ok != 0 &&
-           std::any_of(directories.begin(), directories.end(), [&](Directory& directory) {
-             load(directory);
-             return takeFromStore();
-           });
+    const std::optional<std::uint32_t> hash = nameHash(name_);
+    if (!hash) return false;
+    hash_ = *hash;
+    return std::any_of(directories.begin(), directories.end(), [&](Directory& directory) {
+      load(directory);
+      return takeFromStore();
+    });
   }
 
  private:

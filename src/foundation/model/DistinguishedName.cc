@@ -1,5 +1,6 @@
 #include "foundation/base/Fail.h"
 #include "foundation/model/DistinguishedNameText.h"
+#include "foundation/openssl/NameHash.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
 
@@ -7,6 +8,7 @@
 
 #include <openssl/x509.h>
 
+#include <optional>
 #include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -59,13 +61,9 @@ bool DistinguishedName::empty() const noexcept {
 std::string DistinguishedName::asString() const { return distinguishedNameText(native()); }
 
 std::uint32_t DistinguishedName::hash() const {
-  const ErrorScope errors;
-  int ok = 0;
-  const unsigned long hash = X509_NAME_hash_ex(native(), nullptr, nullptr, &ok);
-  if (ok != 1) {
-    fail(kHere, "no digest for the name hash");
-  }
-  return static_cast<std::uint32_t>(hash);
+  const std::optional<std::uint32_t> hash = nameHash(native());
+  if (!hash) fail(kHere, "no digest for the name hash");
+  return *hash;
 }
 
 bool DistinguishedName::operator==(const DistinguishedName& other) const noexcept {
