@@ -12,6 +12,7 @@
 
 #include <new>
 #include <set>
+#include <typeinfo>
 #include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -136,6 +137,7 @@ struct LookupMethod::Answering {
         tellRefusal(Source::Kind::kLookupMethod, wantedOf(type), item->method->methodName());
         return 0;
       }
+      if (hasNothingForOpenSSL(*item->method)) return 0;
       X509_STORE* const store = X509_LOOKUP_get_store(lookup);
       const Asking asking(store);
       const RefObject object = tellOf(*item->method, type, [&] {
@@ -150,7 +152,13 @@ struct LookupMethod::Answering {
     });
   }
 
-  // What the method answers, told of. Hash directories have nothing for OpenSSL, which reads them itself.
+  // Hash directories do not, since OpenSSL reads them itself; what is derived from one may. Names need not
+  // be copied for them.
+  static bool hasNothingForOpenSSL(const LookupMethod& method) {
+    return typeid(method) == typeid(HashDirLookupMethod);
+  }
+
+  // What the method answers, told of.
   template <class Query>
   static RefObject tellOf(LookupMethod& method, X509_LOOKUP_TYPE type, const Query& query) {
     SourceUse use(Source::Kind::kLookupMethod, wantedOf(type), method.methodName());

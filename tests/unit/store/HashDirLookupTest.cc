@@ -3,6 +3,7 @@
 #include "unit/store/Unprivileged.h"
 
 #include <pkx509/HashDirLookup.h>
+#include <pkx509/ObjectStore.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
 
@@ -631,6 +632,30 @@ TEST_F(HashDir, QueriesOfOpenSSL_AreNotAnswered) {
     static const Named named("");
     return named.text();
   }());
+}
+
+// By itself it has nothing for OpenSSL; what is derived from it may.
+TEST_F(HashDir, DerivedMethod_IsAskedByOpenSSL) {
+  struct Answering : HashDirLookupMethod {
+    using HashDirLookupMethod::getBySubject;
+    using HashDirLookupMethod::HashDirLookupMethod;
+    RefObject getBySubject(Object::Type /*type*/, const DistinguishedName& /*name*/) override {
+      return answer;
+    }
+    RefObject answer;
+  };
+  auto* const answering = new Answering(directory.string());
+  const RefLookupMethod owner(answering);
+  answering->answer = RefObject(certificate);
+  RefObjectStore store("", X509_FILETYPE_PEM);
+  store->add(owner);
+  const Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
+  ASSERT_EQ(X509_STORE_CTX_init(context.get(), store, nullptr, nullptr), 1);
+  const Owned<X509_OBJECT> found(X509_OBJECT_new());
+  ASSERT_EQ(X509_STORE_CTX_get_by_subject(context.get(), X509_LU_X509,
+                                          X509_get_subject_name(root.get()), found.get()),
+            1);
+  EXPECT_EQ(X509_OBJECT_get0_X509(found.get()), certificate->native());
 }
 
 }  // namespace
