@@ -116,8 +116,9 @@ std::size_t sizeOf(const std::optional<FileStamp>& seen) {
 // Hands the files of a directory to a parser, in the order of their names' bytes.
 struct HashDirScan {
   // False when there is no such directory.
-  static bool run(const std::string& directory, DirectoryParser& parser) {
-    const HashNames names = HashNames::in(directory, parser.hash);
+  static bool run(const std::string& directory, DirectoryParser& parser,
+                  const DirectoryLook& look) {
+    const HashNames names = HashNames::in(directory, parser.hash, look);
     for (const HashNames::Name& name : names.all) {
       if (parser.wants(name.text)) load(File::Path(directory, name.text), name.regular, parser);
     }
@@ -129,14 +130,15 @@ struct HashDirScan {
   template <class Handle>
   static void run(const std::string& directory, DirectoryParser& parser,
                   const std::list<Handle>& out) {
+    const DirectoryLook look = DirectoryLook::recent(directory);
     if (directory.empty()) {
-      run(directory, parser);
+      run(directory, parser, look);
       return;
     }
     SourceUse use(SourceRecord::Source::Kind::kDirectory, wantedOf(&out), directory);
     const std::size_t before = out.size();
     try {
-      if (!run(directory, parser)) return tellMissing(use, wantedOf(&out));
+      if (!run(directory, parser, look)) return tellMissing(use, wantedOf(&out));
     } catch (const std::exception& failure) {
       use.failed(unreadableFacts(directory, failure));
       throw;
@@ -184,7 +186,7 @@ void HashDirLookupMethod::getBySubject(const Uri& uri,
   std::list<RefCertificate> certificates;
   const std::string& canonical = uri.canonicalized();
   DirectoryParser parser(keyOf(canonical), Object::TypeCRL, certificates, out, canonical);
-  HashDirScan::run(directory_, parser);
+  HashDirScan::run(directory_, parser, DirectoryLook::now(directory_));
 }
 
 void HashDirLookupMethod::getByEmailAddress(const std::string& base, const std::string& address,
@@ -198,7 +200,7 @@ void HashDirLookupMethod::getByEmailAddress(const std::string& /*base*/,
   std::list<RefCertificateRevocationList> crls;
   DirectoryParser parser(keyOf(address.address()), Object::TypeCertificate, out, crls,
                          HashFileHeader::emailText(address));
-  HashDirScan::run(directory_, parser);
+  HashDirScan::run(directory_, parser, DirectoryLook::now(directory_));
 }
 
 void HashDirLookupMethod::add(const EmailAddress& address, const RefCertificate& certificate) {

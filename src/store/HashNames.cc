@@ -1,12 +1,14 @@
 #include "store/HashNames.h"
 
 #include "foundation/base/DirectoryListing.h"
+#include "foundation/run/VerificationRun.h"
 #include "store/DirectoryIndex.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <system_error>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -33,6 +35,34 @@ unsigned int leadingNumber(std::string_view text) noexcept {
   return error == std::errc() ? number : 0;
 }
 
+// Of one verification, on its thread.
+class RecentLooks {
+ public:
+  DirectoryLook at(const std::string& directory) {
+    const auto now = std::chrono::steady_clock::now();
+    const auto found = std::find_if(all_.begin(), all_.end(),
+                                    [&](const Look& look) { return look.directory == directory; });
+    if (found == all_.end()) {
+      all_.push_back({directory, DirectoryLook::now(directory), now});
+      return all_.back().look;
+    }
+    if (now - found->at > std::chrono::milliseconds(1)) {
+      found->look = DirectoryLook::now(directory);
+      found->at = now;
+    }
+    return found->look;
+  }
+
+ private:
+  struct Look {
+    std::string directory;
+    DirectoryLook look;
+    std::chrono::steady_clock::time_point at;
+  };
+
+  std::vector<Look> all_;  // a handful
+};
+
 }  // namespace
 
 std::optional<unsigned int> HashNames::numberOf(std::string_view fileName) noexcept {
@@ -44,12 +74,23 @@ std::optional<unsigned int> HashNames::numberOf(std::string_view fileName) noexc
   return leadingNumber(fileName.substr(0, dot));
 }
 
-HashNames HashNames::in(const std::string& directory, unsigned int number) {
+DirectoryLook DirectoryLook::now(const std::string& directory) {
+  DirectoryLook look{FileStamp::at(systemPath(directory))};
+  if (!look.seen) look.error = errno;
+  return look;
+}
+
+DirectoryLook DirectoryLook::recent(const std::string& directory) {
+  auto* const looks = VerificationRun::kept<RecentLooks>();
+  return looks == nullptr ? now(directory) : looks->at(directory);
+}
+
+HashNames HashNames::in(const std::string& directory, unsigned int number,
+                        const DirectoryLook& look) {
   HashNames names;
-  const std::optional<FileStamp> seen = FileStamp::at(systemPath(directory));
-  names.missing = !seen && errno == ENOENT;
+  names.missing = !look.seen && look.error == ENOENT;
   if (names.missing) return names;
-  if (const auto index = seen ? DirectoryIndex::of(directory, *seen) : nullptr) {
+  if (const auto index = look.seen ? DirectoryIndex::of(directory, *look.seen) : nullptr) {
     names.all = index->names(number);
     return names;
   }

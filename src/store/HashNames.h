@@ -1,9 +1,11 @@
 // The names in a hash directory that begin with one number.
 //
-//   const HashNames names = HashNames::in("/var/lib/crls", 0x0a6481c9);
+//   const HashNames names = HashNames::in(directory, 0x0a6481c9, DirectoryLook::now(directory));
 //   if (names.missing) ...
 //   for (const HashNames::Name& name : names.all) ...   // in the order of their bytes
 #pragma once
+
+#include "foundation/base/FileStamp.h"
 
 #include <optional>
 #include <string>
@@ -11,6 +13,18 @@
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
+
+// How a directory looks.
+struct DirectoryLook {
+  static DirectoryLook now(const std::string& directory);
+  // Within a verification one that is a millisecond old will do: as much may pass between a listing and
+  // the opening of a file that is named in it. A verification looks up a handful of names one after the
+  // other, in the same two directories.
+  static DirectoryLook recent(const std::string& directory);
+
+  std::optional<FileStamp> seen;
+  int error = 0;  // where nothing was seen
+};
 
 struct HashNames {
   struct Name {
@@ -24,9 +38,9 @@ struct HashNames {
   // in any spelling, and 0 where it is none. Nothing for other names.
   static std::optional<unsigned int> numberOf(std::string_view fileName) noexcept;
 
-  // Those of a number, as the directory is now.
+  // Those of a number, in a directory that looks so.
   // Throws Exception with the path and the reason when the directory cannot be read.
-  static HashNames in(const std::string& directory, unsigned int number);
+  static HashNames in(const std::string& directory, unsigned int number, const DirectoryLook& look);
 
   std::vector<Name> all = {};
   bool missing = false;  // there is no such directory

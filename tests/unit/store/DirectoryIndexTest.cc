@@ -20,8 +20,13 @@ namespace {
 
 using namespace std::chrono_literals;
 using Crypto::PKX509::DirectoryIndex;
+using Crypto::PKX509::DirectoryLook;
 using Crypto::PKX509::FileCache;
 using Crypto::PKX509::HashNames;
+
+HashNames namesIn(const std::string& directory, unsigned int number) {
+  return HashNames::in(directory, number, DirectoryLook::now(directory));
+}
 
 class DirectoryIndexTest : public testing::Test {
  protected:
@@ -32,7 +37,7 @@ class DirectoryIndexTest : public testing::Test {
   }
   std::vector<std::string> names(unsigned int number) const {
     std::vector<std::string> texts;
-    for (const HashNames::Name& name : HashNames::in(directory.string(), number).all) {
+    for (const HashNames::Name& name : namesIn(directory.string(), number).all) {
       texts.push_back(name.text);
     }
     return texts;
@@ -105,7 +110,7 @@ TEST_F(DirectoryIndexTest, Names_AreThoseOfAListing) {
   std::filesystem::create_directory(directory / "1.3");
   for (unsigned int number = 0xffffffff; number != 200; ++number) {
     FileCache::clear();
-    const std::vector<HashNames::Name> listed = HashNames::in(directory.string(), number).all;
+    const std::vector<HashNames::Name> listed = namesIn(directory.string(), number).all;
     const StampClockAhead settled(3s);
     const auto made = index();
     ASSERT_NE(made, nullptr);

@@ -1,8 +1,11 @@
+#include "foundation/run/VerificationRun.h"
 #include "store/HashNames.h"
 #include "support/Files.h"
 
 #include <velantrix/Exception.h>
 
+#include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <optional>
@@ -13,7 +16,13 @@
 namespace Velantrix::Test {
 namespace {
 
+using Crypto::PKX509::DirectoryLook;
 using Crypto::PKX509::HashNames;
+using Crypto::PKX509::VerificationRun;
+
+HashNames namesIn(const std::string& directory, unsigned int number) {
+  return HashNames::in(directory, number, DirectoryLook::now(directory));
+}
 
 TEST(HashNames, Number_Table) {
   const struct {
@@ -47,7 +56,7 @@ TEST(HashNames, Names_AreThoseOfTheNumberByTheirBytes) {
   }
   std::filesystem::create_symlink("nowhere", dir / " 1.0");
   std::filesystem::create_directory(dir / "1.1");
-  const HashNames names = HashNames::in(dir.string(), 1);
+  const HashNames names = namesIn(dir.string(), 1);
   EXPECT_FALSE(names.missing);
   std::vector<std::string> texts;
   for (const HashNames::Name& name : names.all) {
@@ -59,9 +68,30 @@ TEST(HashNames, Names_AreThoseOfTheNumberByTheirBytes) {
 
 TEST(HashNames, MissingDirectory_IsNoneAndAFileIsNoDirectory) {
   const TempDir dir;
-  EXPECT_TRUE(HashNames::in(dir.string() + "/none", 1).missing);
+  EXPECT_TRUE(namesIn(dir.string() + "/none", 1).missing);
   writeFile(dir / "file", "");
-  EXPECT_THROW(HashNames::in((dir / "file").string(), 1), Exception);
+  EXPECT_THROW(namesIn((dir / "file").string(), 1), Exception);
+}
+
+TEST(HashNames, LooksOfOneVerification_AreAMillisecondOld) {
+  const auto isThere = [](const std::string& directory) {
+    return DirectoryLook::recent(directory).seen.has_value();
+  };
+  const TempDir dir;
+  const std::string inner = dir / "inner";
+  EXPECT_FALSE(isThere(inner));
+  std::filesystem::create_directory(inner);
+  EXPECT_TRUE(isThere(inner));  // nobody verifies
+  const VerificationRun run(nullptr, {});
+  EXPECT_TRUE(isThere(inner));
+  std::filesystem::remove(inner);
+  EXPECT_FALSE(DirectoryLook::now(inner).seen);
+  EXPECT_TRUE(isThere(dir.string()));  // each has its own
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (isThere(inner) && std::chrono::steady_clock::now() < end) {
+  }
+  EXPECT_FALSE(isThere(inner));
+  EXPECT_EQ(DirectoryLook::recent(inner).error, ENOENT);
 }
 
 }  // namespace
