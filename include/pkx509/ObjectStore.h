@@ -77,7 +77,8 @@ class PKX509_EXPORT ObjectStore : public RefImpl, private NonCopyable {
   /// empty object list.
   RefObjectStore clone() const;
 
-  /// The OpenSSL store, borrowed.
+  /// The OpenSSL store, borrowed. What it has found in its directories all stores of the process share
+  /// (`FileCache`): nobody may change it.
   X509_STORE* native() const noexcept { return x509Store.get(); }
   /// As given to the constructor.
   const std::string& directory() const noexcept { return name; }

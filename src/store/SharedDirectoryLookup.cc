@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
@@ -205,12 +206,14 @@ Owned<X509_LOOKUP_METHOD> makeTable() {
 }
 
 // One for all stores, which OpenSSL may ask until the process ends. Null when there is no memory for it.
+// Without a lock, which a forked child might find held.
 X509_LOOKUP_METHOD* table() {
-  static std::mutex mutex;
-  static X509_LOOKUP_METHOD* made = nullptr;
-  const std::lock_guard lock(mutex);
-  if (made == nullptr) made = makeTable().release();
-  return made;
+  static std::atomic<X509_LOOKUP_METHOD*> shared = nullptr;
+  if (X509_LOOKUP_METHOD* const made = shared.load()) return made;
+  Owned<X509_LOOKUP_METHOD> table = makeTable();
+  X509_LOOKUP_METHOD* others = nullptr;
+  if (table == nullptr || !shared.compare_exchange_strong(others, table.get())) return others;
+  return table.release();
 }
 
 }  // namespace
