@@ -312,6 +312,19 @@ TEST_F(FileObjectsTest, Limit_WhatIsLargerAloneMakesNothingGo) {
   EXPECT_EQ(readsOf(path), 1);
 }
 
+TEST_F(FileObjectsTest, FileThatIsReplacedOverAndOver_TakesThePlaceOfItself) {
+  std::size_t bytes = 0;
+  for (int i = 0; i < 100; ++i) {
+    const fs::path next = dir / "next";
+    writeFile(next, "content" + std::to_string(100 + i));
+    fs::rename(next, path);
+    EXPECT_EQ(textOf(path), "content" + std::to_string(100 + i));
+    EXPECT_EQ(FileCache::usage().files, 1U);
+    if (i == 0) bytes = FileCache::usage().bytes;
+  }
+  EXPECT_EQ(FileCache::usage().bytes, bytes);
+}
+
 TEST_F(FileObjectsTest, Limit_OfZeroKeepsNothing) {
   writeFile(path, "content");
   get(path);
