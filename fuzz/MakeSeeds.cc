@@ -602,6 +602,7 @@ void makeAll() {
   seed("certificate", "two", Test::der(leaf().get()) + Test::der(root().get()));
   for (const auto& [name, crl] : crls()) {
     seed("crl", name, Test::der(crl.get()));
+    seed("crl_compact", name, Test::der(crl.get()));
     if (name != "listed") continue;
     seed("crl", "listed.pem", Test::pem(crl.get()));
     seed("crl", "cached.pem",

@@ -34,14 +34,15 @@ FileDescriptor openToRead(const std::string& name, struct stat& status) {
   return file;
 }
 
-std::vector<unsigned char> readAll(const FileDescriptor& file, off_t hint, const std::string& name,
-                                   std::size_t limit) {
+template <class Content>
+Content readAll(const FileDescriptor& file, off_t hint, const std::string& name,
+                std::size_t limit) {
   // The size is a hint: a FIFO has none, and a file can grow. One byte more than it makes the end
   // visible without a second round, and one byte more than the limit shows that it is passed.
   constexpr std::size_t kChunk = std::size_t{64} * 1024;
   const std::size_t most = limit + 1;
   const auto size = static_cast<std::size_t>(std::max<off_t>(hint, 0));
-  std::vector<unsigned char> content;
+  Content content;
   std::size_t used = 0;
   if (size > limit) fail(kHere, name + ": The file is too large.");
   content.resize(std::min(most, size == 0 ? kChunk : size + 1));
@@ -60,12 +61,21 @@ std::vector<unsigned char> readAll(const FileDescriptor& file, off_t hint, const
   return content;
 }
 
+template <class Content>
+Content readWhole(const File::Path& path, std::size_t limit) {
+  struct stat status = {};
+  const FileDescriptor file = openToRead(path.asString(), status);
+  return readAll<Content>(file, status.st_size, path.asString(), limit);
+}
+
 }  // namespace
 
 std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit) {
-  struct stat status = {};
-  const FileDescriptor file = openToRead(path.asString(), status);
-  return readAll(file, status.st_size, path.asString(), limit);
+  return readWhole<std::vector<unsigned char>>(path, limit);
+}
+
+Octets readOctets(const File::Path& path, std::size_t limit) {
+  return readWhole<Octets>(path, limit);
 }
 
 FileRead readFileWithStamp(const File::Path& path, std::size_t limit) {
@@ -73,7 +83,7 @@ FileRead readFileWithStamp(const File::Path& path, std::size_t limit) {
   struct stat status = {};
   const FileDescriptor file = openToRead(path.asString(), status);
   FileRead read{.content = {}, .stamp = FileStamp::of(status)};
-  read.content = readAll(file, status.st_size, path.asString(), limit);
+  read.content = readAll<Octets>(file, status.st_size, path.asString(), limit);
   read.lasts = read.stamp.regular &&
                read.content.size() == static_cast<std::size_t>(read.stamp.size) &&
                read.stamp.isSettled(begin) && FileStamp::of(file.get()) == read.stamp &&

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "foundation/base/FileStamp.h"
+#include "foundation/base/Octets.h"
 
 #include <velantrix/File.h>
 
@@ -19,10 +20,12 @@ inline constexpr std::size_t kMaxInputSize = std::size_t{128} * 1024 * 1024;
 /// @throws Exception with the path and the reason when the file cannot be read, is neither of the
 ///         two or is larger than @p limit
 std::vector<unsigned char> readFile(const File::Path& path, std::size_t limit = kMaxInputSize);
+/// The same for what is kept as it is.
+Octets readOctets(const File::Path& path, std::size_t limit = kMaxInputSize);
 
 /// A file as it was read.
 struct FileRead {
-  std::vector<unsigned char> content;
+  Octets content;
   FileStamp stamp;  ///< when reading began
   /// The file has this content for as long as it has this stamp: it is a regular one of a local file
   /// system, did not change meanwhile, and its clock would tell of a change.

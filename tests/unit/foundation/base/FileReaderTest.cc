@@ -86,6 +86,14 @@ TEST(FileReader, ReadFile_RegularFile_GivesAllBytes) {
   }
 }
 
+TEST(FileReader, ReadOctets_GivesAllBytesToo) {
+  const TempDir directory;
+  const std::string content(300000, 'x');
+  writeFile(directory / "file", content);
+  const Velantrix::Octets octets = Velantrix::readOctets(Path((directory / "file").string()));
+  EXPECT_EQ(std::string(octets.begin(), octets.end()), content);
+}
+
 TEST(FileReader, ReadFile_FileThatTellsNoSize_IsReadToItsEnd) {
   EXPECT_NE(read("/proc/self/status").find("Name:"), std::string::npos);
 }
