@@ -69,6 +69,14 @@ class CompactCRLOracle {
     return ASN1_STRING_cmp(a, b) == 0 && a->flags == b->flags;
   }
 
+  // OpenSSL takes any octet for TRUE, and writes it again.
+  static bool isCanonical(X509_EXTENSION* extension) {
+    const Owned<X509_EXTENSION> again(X509_EXTENSION_create_by_OBJ(
+        nullptr, X509_EXTENSION_get_object(extension), X509_EXTENSION_get_critical(extension),
+        X509_EXTENSION_get_data(extension)));
+    return isEqual<X509_EXTENSION>(i2d_X509_EXTENSION, again.get(), extension);
+  }
+
   static EntryForm formOf(const X509_REVOKED* entry) {
     EntryForm form;
     const STACK_OF(X509_EXTENSION)* const extensions = X509_REVOKED_get0_extensions(entry);
@@ -89,6 +97,7 @@ class CompactCRLOracle {
       if (nid == NID_certificate_issuer) form.has[Compact::kCertificateIssuer] = true;
       if (nid == NID_certificate_issuer && size > 4000) form.exotic = true;
       if (nid == NID_crl_reason && size != 3) form.exotic = true;
+      if (!isCanonical(extension)) form.exotic = true;
       if (X509_EXTENSION_get_critical(extension) > 0 && nid != NID_certificate_issuer) {
         form.has[Compact::kUnhandledCritical] = true;
       }
