@@ -1,5 +1,5 @@
 /// @file
-/// Certificate revocation lists (RFC 5280, 5), over OpenSSL's X509_CRL.
+/// Certificate revocation lists (RFC 5280, 5): their octets with an index, or OpenSSL's X509_CRL.
 ///
 /// @code
 ///   const auto crl = CertificateRevocationListFactory::read(File::Path("ca.crl"));
@@ -13,6 +13,11 @@
 /// (issuing distribution point, authority key identifier, CRL number, delta CRL indicator, the two
 /// times) is decoded when the object is made. When one of them is there but cannot be decoded, or
 /// stands there twice, there is no object: such a CRL must not pass for one without.
+///
+/// **Its form.** What is read from a file or a buffer and is plain DER is kept as the octets that were
+/// signed and an index over the entries, in little more than the size of the file. OpenSSL's X509_CRL,
+/// which takes six times that, is made when somebody first asks for it, by `native()` or by a conversion,
+/// and stays then. The library's own checks do not ask.
 ///
 /// **Threads.** A CRL may be read by several threads at once. Who wraps an X509_CRL must not change
 /// it afterwards.
@@ -31,9 +36,14 @@
 
 #include <openssl/x509.h>
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <optional>
+
+namespace Velantrix::Crypto {
+class CompactCRL;
+}
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -52,8 +62,7 @@ class PKX509_EXPORT CertificateRevocationListInfo {
   RefAuthorityKeyIdentifier authorityKeyIdentifier_;
 };
 
-/// One CRL. It owns a reference to its X509_CRL and copies nothing out of the entries: a list of a
-/// million of them costs what OpenSSL's object costs.
+/// One CRL. It owns its octets or a reference to its X509_CRL, and copies nothing out of the entries.
 class PKX509_EXPORT CertificateRevocationList : public RefImpl {
  public:
   /// Adopts the caller's reference to @p native, which must not be null; it is released with the
@@ -118,18 +127,34 @@ class PKX509_EXPORT CertificateRevocationList : public RefImpl {
   /// Writes the CRL as a "X509 CRL" block and flushes @p out.
   void writePEM(MediaOut& out) const;
 
-  /// Borrowed, never null. It is not const because OpenSSL's functions want it so and lock what
-  /// they cache in it.
-  X509_CRL* native() const noexcept { return crl_.get(); }
+  /// Borrowed, never null, and always the same one. It is not const because OpenSSL's functions want it
+  /// so and lock what they cache in it.
+  /// @throws std::bad_alloc when it is asked for first and cannot be made
+  X509_CRL* native() const;
 
  private:
-  struct PKX509_EXPORT Release {
-    void operator()(X509_CRL* native) const noexcept;
-  };
+  friend struct CRLParts;
   struct Derived;
 
+  // Owns a reference to OpenSSL's object once there is one.
+  class PKX509_EXPORT Native {
+   public:
+    explicit Native(X509_CRL* crl) noexcept : crl_(crl) {}
+    ~Native();
+    Native(const Native&) = delete;
+    Native& operator=(const Native&) = delete;
+
+    X509_CRL* get() const noexcept { return crl_.load(std::memory_order_acquire); }
+    void set(X509_CRL* crl) noexcept { crl_.store(crl, std::memory_order_release); }
+
+   private:
+    std::atomic<X509_CRL*> crl_;
+  };
+
+  CertificateRevocationList(X509_CRL* native, std::unique_ptr<const CompactCRL> compact);
+
   // Code that looks at a CRL's memory expects the pointer here, before all else.
-  std::unique_ptr<X509_CRL, Release> crl_;
+  mutable Native crl_;
   CertificateRevocationListInfo info_;
   ASN1::RefGeneralizedTime lastUpdate_;
   ASN1::RefGeneralizedTime nextUpdate_;
@@ -146,7 +171,8 @@ class PKX509_EXPORT RefCertificateRevocationList : public Ref<CertificateRevocat
   RefCertificateRevocationList() noexcept = default;
 
   /// Borrowed, for OpenSSL calls; null for an empty handle.
-  operator X509_crl_st*() const noexcept { return get() == nullptr ? nullptr : get()->native(); }
+  /// @throws std::bad_alloc as `CertificateRevocationList::native()`
+  operator X509_crl_st*() const { return get() == nullptr ? nullptr : get()->native(); }
 };
 
 /// Makes CRLs out of files, of bytes and of OpenSSL's objects. It has no state: one object serves

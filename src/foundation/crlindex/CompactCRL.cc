@@ -144,6 +144,7 @@ bool CompactCRL::Builder::readEntries(const DerElement& entries) {
   // The entries that one sees most often have that many octets.
   constexpr std::size_t kUsualEntry = 36;
   if (entries.size() == 0) return false;
+  crl_.entriesEnd_ = positionOf(entries.end);
   candidates_.reserve(entries.size() / kUsualEntry + 1);
   CRLEntry entry;
   for (const unsigned char* position = entries.content; position != entries.end;
@@ -279,6 +280,13 @@ CompactCRL::Found CompactCRL::find(const ASN1_INTEGER* serial, const X509_NAME* 
 Owned<X509_REVOKED> CompactCRL::entryAt(std::uint32_t position) const {
   const unsigned char* place = octets_.data() + position;
   return decodeNext(d2i_X509_REVOKED, place, octets_.data() + octets_.size());
+}
+
+std::uint32_t CompactCRL::after(std::uint32_t position) const noexcept {
+  const unsigned char* const begin = octets_.data();
+  const auto next =
+      static_cast<std::uint32_t>(strictElement(begin + position, begin + entriesEnd_).end - begin);
+  return next == entriesEnd_ ? 0 : next;
 }
 
 std::size_t CompactCRL::memory() const noexcept {

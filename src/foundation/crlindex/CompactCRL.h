@@ -69,6 +69,9 @@ class CompactCRL {
   /// @throws std::bad_alloc
   Owned<X509_REVOKED> entryAt(std::uint32_t position) const;
 
+  /// Where the entry behind the one at @p position begins; 0 where it is the last.
+  std::uint32_t after(std::uint32_t position) const noexcept;
+
   /// What all of it takes, in octets. What OpenSSL made of the head and of certificate issuers is guessed.
   std::size_t memory() const noexcept;
 
@@ -93,6 +96,7 @@ class CompactCRL {
   Owned<X509_ALGOR> algorithm_;
   bool hasVersion_ = false;
   std::size_t entryCount_ = 0;
+  std::uint32_t entriesEnd_ = 0;
   std::size_t decodedOctets_ = 0;      // of what OpenSSL has made objects of
   std::uint32_t first_[kTraits] = {};  // 0: none
   std::vector<Run> runs_;

@@ -1,11 +1,13 @@
 #include "foundation/model/CRLForm.h"
 
+#include "foundation/crlindex/CompactCRL.h"
 #include "foundation/model/StrictTime.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <string_view>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -109,16 +111,17 @@ const char* brokenRuleOf(const ISSUING_DIST_POINT& idp) {
   return nullptr;
 }
 
-const char* brokenRuleOfHead(X509_CRL* crl, bool v1) {
+// `signedAlgorithm` is borrowed, and null where it cannot be read.
+const char* brokenRuleOfHead(X509_CRL* crl, bool v1, bool hasVersion,
+                             const X509_ALGOR* signedAlgorithm) {
   const X509_ALGOR* outer = nullptr;
   X509_CRL_get0_signature(crl, nullptr, &outer);
-  const Head head = headOf(crl);
-  if (head.algorithm == nullptr || X509_ALGOR_cmp(outer, head.algorithm.get()) != 0) {
+  if (signedAlgorithm == nullptr || X509_ALGOR_cmp(outer, signedAlgorithm) != 0) {
     return "two algorithms for one signature (5.1.1.2)";
   }
   const STACK_OF(X509_EXTENSION)* const extensions = X509_CRL_get0_extensions(crl);
   if (v1 && extensions != nullptr) return "extensions in a v1 list (5.1)";
-  if (v1 ? head.hasVersion : X509_CRL_get_version(crl) != X509_CRL_VERSION_2) {
+  if (v1 ? hasVersion : X509_CRL_get_version(crl) != X509_CRL_VERSION_2) {
     return "a version other than v2 (5.1)";
   }
   if (X509_NAME_entry_count(X509_CRL_get_issuer(crl)) == 0) return "no issuer (5.1.2.3)";
@@ -132,13 +135,8 @@ const char* brokenRuleOfHead(X509_CRL* crl, bool v1) {
   return nullptr;
 }
 
-}  // namespace
-
-const char* brokenRuleOf(X509_CRL* crl) {
-  const ErrorScope errors;
-  const bool v1 = X509_CRL_get_version(crl) == X509_CRL_VERSION_1;
-  if (const char* const rule = brokenRuleOfHead(crl, v1)) return rule;
-
+// What the extensions say, whether the entries are to follow or not; `kind` is what they are held to.
+const char* brokenRuleOfExtensions(X509_CRL* crl, ListKind& kind) {
   const Owned<ISSUING_DIST_POINT> idp(static_cast<ISSUING_DIST_POINT*>(
       X509_CRL_get_ext_d2i(crl, NID_issuing_distribution_point, nullptr, nullptr)));
   if (idp != nullptr) {
@@ -149,16 +147,52 @@ const char* brokenRuleOf(X509_CRL* crl) {
   if (number != nullptr && ASN1_STRING_type(number.get()) == V_ASN1_NEG_INTEGER) {
     return "a CRL number below 0 (5.2.3)";
   }
+  kind.delta = X509_CRL_get_ext_by_NID(crl, NID_delta_crl, -1) >= 0;
+  kind.indirect = idp != nullptr && idp->indirectCRL > 0;
+  return nullptr;
+}
+
+bool isV1(const X509_CRL* crl) { return X509_CRL_get_version(crl) == X509_CRL_VERSION_1; }
+
+}  // namespace
+
+const char* brokenRuleOf(X509_CRL* crl) {
+  const ErrorScope errors;
+  const Head head = headOf(crl);
+  ListKind kind{.v1 = isV1(crl), .delta = false, .indirect = false};
+  if (const char* const rule =
+          brokenRuleOfHead(crl, kind.v1, head.hasVersion, head.algorithm.get())) {
+    return rule;
+  }
+  if (const char* const rule = brokenRuleOfExtensions(crl, kind)) return rule;
 
   const STACK_OF(X509_REVOKED)* const entries = X509_CRL_get_REVOKED(crl);
   if (entries == nullptr) return nullptr;
   if (sk_X509_REVOKED_num(entries) == 0) return "an empty list of entries (5.1.2.6)";
-  const ListKind kind{v1, X509_CRL_get_ext_by_NID(crl, NID_delta_crl, -1) >= 0,
-                      idp != nullptr && idp->indirectCRL > 0};
   for (int i = 0; i < sk_X509_REVOKED_num(entries); ++i) {
     if (const char* const rule = brokenRuleOf(sk_X509_REVOKED_value(entries, i), kind)) return rule;
   }
   return nullptr;
+}
+
+const char* brokenRuleOf(const CompactCRL& crl) {
+  const ErrorScope errors;
+  ListKind kind{.v1 = isV1(crl.head()), .delta = false, .indirect = false};
+  if (const char* const rule =
+          brokenRuleOfHead(crl.head(), kind.v1, crl.hasVersion(), crl.signedAlgorithm())) {
+    return rule;
+  }
+  if (const char* const rule = brokenRuleOfExtensions(crl.head(), kind)) return rule;
+
+  // Dates, reasons and issuers have been read, and no list of entries is empty.
+  std::uint32_t first = 0;
+  const auto wrong = [&](CompactCRL::Trait trait) {
+    if (crl.has(trait)) first = std::min(first - 1, crl.firstWith(trait) - 1) + 1;
+  };
+  if (kind.v1) wrong(CompactCRL::kExtensions);
+  if (!kind.delta) wrong(CompactCRL::kRemoval);
+  if (!kind.indirect) wrong(CompactCRL::kCertificateIssuer);
+  return first == 0 ? nullptr : brokenRuleOf(crl.entryAt(first).get(), kind);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

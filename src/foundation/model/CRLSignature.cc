@@ -1,5 +1,6 @@
 #include "foundation/model/CRLSignature.h"
 
+#include "foundation/crlindex/CompactCRL.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/SignatureInPieces.h"
 #include "foundation/run/VerificationRun.h"
@@ -37,6 +38,15 @@ std::optional<bool> isCRLSignedBy(X509_CRL* crl, EVP_PKEY* key) {
   if (!whole) return inOneCall();
   X509_CRL_get0_signature(crl, &whole->signature, &whole->algorithm);
   return isSignedInPieces(*whole, key, VerificationRun::admitStep);
+}
+
+std::optional<bool> isCRLSignedBy(const CompactCRL& crl, EVP_PKEY* key) {
+  const std::string_view octets = crl.toBeSigned();
+  SignedOctets whole{Crypto::octets(octets), octets.size(), nullptr, nullptr};
+  X509_CRL_get0_signature(crl.head(), &whole.signature, &whole.algorithm);
+  // A short one is one step, as above.
+  const bool isShort = crl.octets().size() <= kSignaturePiece;
+  return isSignedInPieces(whole, key, isShort ? [] { return true; } : VerificationRun::admitStep);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

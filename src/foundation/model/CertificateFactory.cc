@@ -43,10 +43,24 @@ class ItemSink : public ObjectSink {
   }
 
   bool take(std::string_view label, const unsigned char* der, std::size_t length) override {
+    return takeItem(label, der, length, [&] { return decodeCRL(der, length); });
+  }
+  bool takeOctets(std::string_view label, Octets& der) override {
+    return takeItem(label, der.data(), der.size(), [&] { return decodeCRL(der); });
+  }
+
+  void refuse(const std::string& reason) override { items_.emplace_back().problem = reason; }
+
+  std::list<CertificateFactory::Item>& items() { return items_; }
+
+ private:
+  template <class DecodeCRL>
+  bool takeItem(std::string_view label, const unsigned char* der, std::size_t length,
+                const DecodeCRL& decode) {
     try {
       CertificateFactory::Item item;
       if (!isCRLLabel(label)) item.certificate = decodeCertificate(label, der, length);
-      if (!isCertificateLabel(label) && item.certificate.empty()) item.crl = decodeCRL(der, length);
+      if (!isCertificateLabel(label) && item.certificate.empty()) item.crl = decode();
       if (item.certificate.empty() && item.crl.empty()) return false;
       items_.push_back(item);
     } catch (const Exception& e) {
@@ -55,11 +69,6 @@ class ItemSink : public ObjectSink {
     return true;
   }
 
-  void refuse(const std::string& reason) override { items_.emplace_back().problem = reason; }
-
-  std::list<CertificateFactory::Item>& items() { return items_; }
-
- private:
   std::list<CertificateFactory::Item> items_;
 };
 

@@ -1,8 +1,10 @@
 #include "foundation/base/Fail.h"
 #include "foundation/model/CRLForm.h"
+#include "foundation/model/CRLParts.h"
 #include "foundation/model/CRLSignature.h"
 #include "foundation/model/ExtensionDecoder.h"
 #include "foundation/model/PemOut.h"
+#include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/References.h"
 #include "foundation/run/VerificationRun.h"
@@ -71,14 +73,12 @@ bool sortEntries(X509_CRL* crl) {
   return true;
 }
 
-bool deriveUnhandledCritical(X509_CRL* crl) {
-  const ErrorScope errors;
-  if (hasCritical(X509_CRL_get0_extensions(crl), [](int nid) {
-        return nid == NID_issuing_distribution_point || nid == NID_authority_key_identifier ||
-               nid == NID_delta_crl;
-      })) {
-    return true;
-  }
+bool isHandled(int nid) {
+  return nid == NID_issuing_distribution_point || nid == NID_authority_key_identifier ||
+         nid == NID_delta_crl;
+}
+
+bool hasCriticalEntry(X509_CRL* crl) {
   if (!sortEntries(crl)) return true;
   const STACK_OF(X509_REVOKED)* entries = X509_CRL_get_REVOKED(crl);
   for (int i = 0; i < sk_X509_REVOKED_num(entries); ++i) {
@@ -88,6 +88,20 @@ bool deriveUnhandledCritical(X509_CRL* crl) {
     }
   }
   return false;
+}
+
+bool deriveUnhandledCritical(const CertificateRevocationList& crl) {
+  const ErrorScope errors;
+  if (hasCritical(X509_CRL_get0_extensions(headOf(crl)), isHandled)) return true;
+  const CompactCRL* const compact = CRLParts::compactOf(crl);
+  return compact != nullptr ? compact->has(CompactCRL::kUnhandledCritical)
+                            : hasCriticalEntry(CRLParts::nativeOf(crl));
+}
+
+const char* deriveBrokenRule(const CertificateRevocationList& crl) {
+  if (const CompactCRL* const compact = CRLParts::compactOf(crl)) return brokenRuleOf(*compact);
+  X509_CRL* const native = CRLParts::nativeOf(crl);
+  return sortEntries(native) ? brokenRuleOf(native) : "no memory to look at its entries";
 }
 
 }  // namespace
@@ -131,6 +145,8 @@ struct CertificateRevocationList::Derived {
     std::unique_lock<std::mutex>& lock_;
   };
 
+  std::unique_ptr<const CompactCRL> compact;  // null where it was made of OpenSSL's object
+  std::mutex making;                          // of OpenSSL's object
   std::mutex mutex;
   std::condition_variable computed;
   bool computing = false;
@@ -142,20 +158,27 @@ struct CertificateRevocationList::Derived {
   const char* brokenRule = "not looked at";
 };
 
-void CertificateRevocationList::Release::operator()(X509_CRL* native) const noexcept {
-  X509_CRL_free(native);
-}
+CertificateRevocationList::Native::~Native() { X509_CRL_free(get()); }
 
 CertificateRevocationList::CertificateRevocationList(X509_CRL* native)
-    : crl_(notNull(native)),
-      info_(issuerOf(native),
-            decodeAuthorityKeyIdentifier(X509_CRL_get0_extensions(native), kContext)),
-      lastUpdate_(X509_CRL_get0_lastUpdate(native), true),
-      nextUpdate_(X509_CRL_get0_nextUpdate(native), true),
-      crlNumber_(decodeNumber(native, NID_crl_number)),
-      baseCRLNumber_(decodeNumber(native, NID_delta_crl)),
-      issuingDistributionPoint_(decodeIssuingDistributionPoint(native)),
-      derived_(std::make_unique<Derived>()) {}
+    : CertificateRevocationList(notNull(native), nullptr) {}
+
+// What stands in the head is the same in either form.
+CertificateRevocationList::CertificateRevocationList(X509_CRL* native,
+                                                     std::unique_ptr<const CompactCRL> compact)
+    : crl_(native),
+      info_(issuerOf(compact == nullptr ? native : compact->head()),
+            decodeAuthorityKeyIdentifier(
+                X509_CRL_get0_extensions(compact == nullptr ? native : compact->head()), kContext)),
+      derived_(std::make_unique<Derived>()) {
+  const X509_CRL* const head = compact == nullptr ? native : compact->head();
+  lastUpdate_ = ASN1::RefGeneralizedTime(X509_CRL_get0_lastUpdate(head), true);
+  nextUpdate_ = ASN1::RefGeneralizedTime(X509_CRL_get0_nextUpdate(head), true);
+  crlNumber_ = decodeNumber(head, NID_crl_number);
+  baseCRLNumber_ = decodeNumber(head, NID_delta_crl);
+  issuingDistributionPoint_ = decodeIssuingDistributionPoint(head);
+  derived_->compact = std::move(compact);
+}
 
 CertificateRevocationList::~CertificateRevocationList() = default;
 
@@ -163,7 +186,7 @@ bool CertificateRevocationList::issuedBy(const RefCertificate& issuer, bool name
   X509* candidate = issuer;
   if (candidate == nullptr) return false;
   const ErrorScope errors;
-  if (X509_NAME_cmp(X509_get_subject_name(candidate), X509_CRL_get_issuer(native())) != 0) {
+  if (X509_NAME_cmp(X509_get_subject_name(candidate), X509_CRL_get_issuer(headOf(*this))) != 0) {
     return false;
   }
   // Asking for the flags makes OpenSSL decode the extensions that the next two tests look at.
@@ -223,7 +246,8 @@ std::optional<bool> CertificateRevocationList::signatureBy(EVP_PKEY* key) const 
   std::optional<bool> signedBy;
   {
     const Derived::Turn turn(*derived_, lock);
-    signedBy = isCRLSignedBy(native(), key);
+    signedBy = derived_->compact != nullptr ? isCRLSignedBy(*derived_->compact, key)
+                                            : isCRLSignedBy(crl_.get(), key);
   }
   if (signedBy) derived_->remember(key, *signedBy);
   return signedBy;
@@ -236,25 +260,49 @@ std::size_t CertificateRevocationList::signatureChecks() const {
 
 bool CertificateRevocationList::hasUnhandledCriticalExtension() const {
   std::call_once(derived_->criticalOnce,
-                 [this] { derived_->unhandledCritical = deriveUnhandledCritical(native()); });
+                 [this] { derived_->unhandledCritical = deriveUnhandledCritical(*this); });
   return derived_->unhandledCritical;
 }
 
 const char* CertificateRevocationList::brokenRule() const {
-  std::call_once(derived_->formOnce, [this] {
-    derived_->brokenRule =
-        sortEntries(native()) ? brokenRuleOf(native()) : "no memory to look at its entries";
-  });
+  std::call_once(derived_->formOnce, [this] { derived_->brokenRule = deriveBrokenRule(*this); });
   return derived_->brokenRule;
 }
 
 std::size_t CertificateRevocationList::entryCount() const noexcept {
-  const int count = sk_X509_REVOKED_num(X509_CRL_get_REVOKED(native()));
+  if (derived_->compact != nullptr) return derived_->compact->entryCount();
+  const int count = sk_X509_REVOKED_num(X509_CRL_get_REVOKED(crl_.get()));
   return count < 0 ? 0 : static_cast<std::size_t>(count);
 }
 
 void CertificateRevocationList::writePEM(MediaOut& out) const {
-  writeEncoded(out, kContext, [this](BIO* bio) { return PEM_write_bio_X509_CRL(bio, native()); });
+  writeEncoded(out, kContext, [this](BIO* bio) {
+    if (derived_->compact == nullptr) return PEM_write_bio_X509_CRL(bio, crl_.get());
+    const Octets& octets = derived_->compact->octets();
+    const bool done = PEM_write_bio(bio, PEM_STRING_X509_CRL, "", octets.data(),
+                                    static_cast<long>(octets.size())) > 0;
+    return done ? 1 : 0;
+  });
+}
+
+X509_CRL* CertificateRevocationList::native() const {
+  if (X509_CRL* const made = crl_.get()) return made;
+  const std::lock_guard<std::mutex> lock(derived_->making);
+  if (X509_CRL* const made = crl_.get()) return made;
+  const ErrorScope errors;
+  const Octets& octets = derived_->compact->octets();
+  Owned<X509_CRL> decoded = decodeWhole(d2i_X509_CRL, octets.data(), octets.size());
+  if (decoded == nullptr) fail(kHere, "OpenSSL does not read it");
+  crl_.set(decoded.release());
+  return crl_.get();
+}
+
+RefCertificateRevocationList CRLParts::make(std::unique_ptr<const CompactCRL> compact) {
+  return RefCertificateRevocationList(new CertificateRevocationList(nullptr, std::move(compact)));
+}
+
+const CompactCRL* CRLParts::compactOf(const CertificateRevocationList& crl) noexcept {
+  return crl.derived_->compact.get();
 }
 
 }  // namespace Velantrix::Crypto::PKX509

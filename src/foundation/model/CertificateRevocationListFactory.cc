@@ -1,4 +1,5 @@
 #include "foundation/base/Fail.h"
+#include "foundation/model/CRLParts.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/ObjectShape.h"
@@ -9,7 +10,10 @@
 
 #include <openssl/pem.h>
 
+#include <algorithm>
+#include <memory>
 #include <string>
+#include <utility>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -27,17 +31,21 @@ class CRLSink : public ObjectSink {
   bool wants(std::string_view label) const override { return isCRLLabel(label); }
 
   bool take(std::string_view /*label*/, const unsigned char* der, std::size_t length) override {
-    const RefCertificateRevocationList crl = decodeCRL(der, length);
-    if (crl.empty()) return false;
-    if (first_.empty()) first_ = crl;
-    return true;
+    return keep(decodeCRL(der, length));
   }
+  bool takeOctets(std::string_view /*label*/, Octets& der) override { return keep(decodeCRL(der)); }
 
   bool hasEnough() const override { return onlyFirst_; }
 
   const RefCertificateRevocationList& first() const { return first_; }
 
  private:
+  bool keep(const RefCertificateRevocationList& crl) {
+    if (crl.empty()) return false;
+    if (first_.empty()) first_ = crl;
+    return true;
+  }
+
   bool onlyFirst_;
   RefCertificateRevocationList first_;
 };
@@ -50,8 +58,21 @@ RefCertificateRevocationList decodeCRL(const unsigned char* der, std::size_t len
   if (!ObjectKinds::possible(der, length).has(ObjectKind::kCRL)) {
     return RefCertificateRevocationList();
   }
+  Octets octets;
+  octets.resize(length);
+  std::copy_n(der, length, octets.data());
+  return decodeCRL(octets);
+}
+
+RefCertificateRevocationList decodeCRL(Octets& der) {
+  if (!ObjectKinds::possible(der.data(), der.size()).has(ObjectKind::kCRL)) {
+    return RefCertificateRevocationList();
+  }
   const ErrorScope errors;
-  Owned<X509_CRL> decoded = decodeWhole(d2i_X509_CRL, der, length);
+  if (std::unique_ptr<const CompactCRL> compact = CompactCRL::read(der)) {
+    return CRLParts::make(std::move(compact));
+  }
+  Owned<X509_CRL> decoded = decodeWhole(d2i_X509_CRL, der.data(), der.size());
   if (decoded == nullptr) return RefCertificateRevocationList();
   return CertificateRevocationListFactory()(decoded.release(), true);
 }

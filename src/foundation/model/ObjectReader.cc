@@ -2,6 +2,7 @@
 
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
+#include "foundation/base/PemBlock.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/MemoryCheck.h"
 #include "foundation/openssl/ObjectShape.h"
@@ -12,7 +13,6 @@
 #include <new>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -28,14 +28,20 @@ std::size_t sequenceSize(const unsigned char* data, std::size_t length) {
   return static_cast<std::size_t>(header->next - data);
 }
 
+// Where all octets are one element, which `own` holds, they are handed over.
+bool takeElement(const unsigned char* der, std::size_t size, Octets* own, ObjectSink& sink) {
+  const bool isAll = own != nullptr && own->data() == der && own->size() == size;
+  return isAll ? sink.takeOctets({}, *own) : sink.take({}, der, size);
+}
+
 // False when the first element is nothing known, so that the input may still be text that happens
 // to start with the octet of a SEQUENCE, which is the digit 0.
-bool readDer(const unsigned char* data, std::size_t length, ObjectSink& sink) {
+bool readDer(const unsigned char* data, std::size_t length, Octets* own, ObjectSink& sink) {
   std::size_t position = 0;
   while (position < length) {
     const unsigned char* der = data + position;
     const std::size_t size = sequenceSize(der, length - position);
-    const bool taken = size != 0 && sink.take({}, der, size);
+    const bool taken = size != 0 && takeElement(der, size, own, sink);
     if (!taken && (size == 0 || !isKnownObject(der, size))) {
       if (position == 0) return false;
       sink.refuse("neither PEM nor DER from octet " + std::to_string(position));
@@ -65,15 +71,70 @@ struct Block {
   long length = 0;
 };
 
-// PEM_read_bio only undoes the armour. It never decrypts, so no passphrase is wanted.
+// Text that is read block by block, by whoever can.
+class PemText {
+ public:
+  PemText(const unsigned char* data, std::size_t length)
+      : rest_(reinterpret_cast<const char*>(data), length) {}
+
+  // The next block where it is a CRL in plain PEM: others are small, or for OpenSSL to judge.
+  std::optional<PemBlock> takeCRL() {
+    std::optional<PemBlock> block = plainPemBlock(rest_, PEM_STRING_X509_CRL);
+    if (block) {
+      rest_.remove_prefix(block->size);
+      input_.reset();
+    }
+    return block;
+  }
+
+  // As PEM_read_bio, which only undoes the armour. It never decrypts, so no passphrase is wanted.
+  bool take(Block& block) {
+    if (input_ == nullptr) {
+      input_.reset(BIO_new_mem_buf(rest_.data(), static_cast<int>(rest_.size())));
+      if (input_ == nullptr) throw std::bad_alloc();
+    }
+    const bool taken =
+        PEM_read_bio(input_.get(), &block.label, &block.header, &block.der, &block.length) == 1;
+    rest_.remove_prefix(rest_.size() - BIO_ctrl_pending(input_.get()));
+    return taken;
+  }
+
+ private:
+  std::string_view rest_;
+  Owned<BIO> input_;  // of the rest; made anew when somebody else has read of it
+};
+
+// False when the sink has enough.
+bool readBlock(const Block& block, ObjectSink& sink) {
+  const std::string label = block.label;
+  if (!sink.wants(label)) return true;
+  if (*block.header != '\0') {
+    sink.refuse("encrypted " + label);
+  } else if (!sink.take(label, block.der, static_cast<std::size_t>(block.length))) {
+    sink.refuse("malformed " + label);
+  } else {
+    return !sink.hasEnough();
+  }
+  return true;
+}
+
 void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
-  const Owned<BIO> input(BIO_new_mem_buf(data, static_cast<int>(length)));
-  if (input == nullptr) throw std::bad_alloc();
+  const std::string crl = PEM_STRING_X509_CRL;
+  const bool wantsCRLs = sink.wants(crl);
+  PemText text(data, length);
   for (std::size_t blocks = 0;; ++blocks) {
     const ErrorScope errors;
+    if (std::optional<PemBlock> plain = wantsCRLs ? text.takeCRL() : std::nullopt) {
+      if (!sink.takeOctets(crl, plain->content)) {
+        sink.refuse("malformed " + crl);
+      } else if (sink.hasEnough()) {
+        return;
+      }
+      continue;
+    }
     const MemoryCheck memory;
     Block block;
-    if (PEM_read_bio(input.get(), &block.label, &block.header, &block.der, &block.length) != 1) {
+    if (!text.take(block)) {
       const unsigned long error = ERR_peek_last_error();
       memory.orThrow();
       if (ERR_GET_LIB(error) != ERR_LIB_PEM || ERR_GET_REASON(error) != PEM_R_NO_START_LINE) {
@@ -83,37 +144,38 @@ void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
       }
       return;
     }
-    const std::string label = block.label;
-    if (!sink.wants(label)) continue;
-    if (*block.header != '\0') {
-      sink.refuse("encrypted " + label);
-    } else if (!sink.take(label, block.der, static_cast<std::size_t>(block.length))) {
-      sink.refuse("malformed " + label);
-    } else if (sink.hasEnough()) {
-      return;
-    }
+    if (!readBlock(block, sink)) return;
   }
+}
+
+// `own` holds the octets, where that is known; else it is null.
+void readObjects(const unsigned char* data, std::size_t length, Octets* own, ObjectSink& sink) {
+  if (length > kMaxInputSize) fail(kHere, "larger than 128 MiB");
+  const ErrorScope errors;
+  if (!readDer(data, length, own, sink)) readPem(data, length, sink);
 }
 
 }  // namespace
 
 ObjectSink::~ObjectSink() = default;
 
+bool ObjectSink::takeOctets(std::string_view label, Octets& der) {
+  return take(label, der.data(), der.size());
+}
+
 bool ObjectSink::hasEnough() const { return false; }
 
 void ObjectSink::refuse(const std::string& reason) { fail(kHere, reason); }
 
 void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink) {
-  if (length > kMaxInputSize) fail(kHere, "larger than 128 MiB");
-  const ErrorScope errors;
-  if (!readDer(data, length, sink)) readPem(data, length, sink);
+  readObjects(data, length, nullptr, sink);
 }
 
 void readObjects(const File::Path& path, ObjectSink& sink, const Origin& origin,
                  unsigned int line) {
-  const std::vector<unsigned char> content = readFile(path);
+  Octets content = readOctets(path);
   try {
-    readObjects(content.data(), content.size(), sink);
+    readObjects(content.data(), content.size(), &content, sink);
   } catch (const Exception& e) {
     fail(origin, path.asString() + ": " + e.stringParameter(), line);
   }

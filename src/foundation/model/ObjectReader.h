@@ -2,6 +2,7 @@
 #pragma once
 
 #include "foundation/base/Fail.h"
+#include "foundation/base/Octets.h"
 
 #include <velantrix/Certificate.h>
 #include <velantrix/CertificateRevocationList.h>
@@ -23,6 +24,9 @@ class ObjectSink {
   /// @param label the PEM block's label, empty for an element of DER input
   /// @return false when the octets are no object of the kind looked for, to the last one
   virtual bool take(std::string_view label, const unsigned char* der, std::size_t length) = 0;
+  /// The same for octets that may be kept: who returns true may have taken them away. By default they are
+  /// borrowed.
+  virtual bool takeOctets(std::string_view label, Octets& der);
   /// Whether what stands behind the last object that was taken need not be read; by default it is.
   virtual bool hasEnough() const;
   /// Hears what cannot be read, as often as there is such a place. Unless it throws, reading goes on
@@ -63,6 +67,8 @@ bool isCRLLabel(std::string_view label);
 /// The CRL that all of the octets are; empty when they are none.
 /// @throws Exception when they are a broken one
 RefCertificateRevocationList decodeCRL(const unsigned char* der, std::size_t length);
+/// The same. A CRL in its compact form takes the octets away, others leave them.
+RefCertificateRevocationList decodeCRL(Octets& der);
 /// The first CRL of an input as `readObjects()` reads it; empty when there is none. What follows is
 /// not even looked at: from a stranger it may be anything, and much of it.
 /// @throws Exception when what stands before the end of the CRL cannot be read

@@ -1,4 +1,6 @@
+#include "foundation/crlindex/CompactCRL.h"
 #include "foundation/model/CRLForm.h"
+#include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "support/Handles.h"
 #include "support/Pki.h"
@@ -34,6 +36,16 @@ Owned<ASN1_TIME> time(int type, const std::string& text) {
 // Newer versions of OpenSSL refuse some times while they decode.
 constexpr char kNotRead[] = "no list at all";
 
+// The rule in its compact form; nothing where it has none.
+std::optional<std::string> ruleOfCompact(const std::string& der) {
+  const unsigned char* const begin = Crypto::octets(der);
+  Octets octets(begin, begin + der.size());
+  const auto compact = Crypto::CompactCRL::read(octets);
+  if (compact == nullptr) return std::nullopt;
+  const char* const rule = brokenRuleOf(*compact);
+  return rule == nullptr ? "" : rule;
+}
+
 // A list without version and extensions, changed before it is signed, as a reader has it.
 std::string ruleOf(const Change& change, const Change& afterwards = nullptr) {
   static const Issued ca = issueCA("CN=CA");
@@ -45,9 +57,13 @@ std::string ruleOf(const Change& change, const Change& afterwards = nullptr) {
   require(X509_CRL_sign(made.get(), ca.key.get(), EVP_sha256()) > 0);
   if (afterwards) afterwards(made.get());
   try {
-    const Owned<X509_CRL> read = crlFromDer(der(made.get()));
+    const std::string encoded = der(made.get());
+    const Owned<X509_CRL> read = crlFromDer(encoded);
     const char* const rule = brokenRuleOf(read.get());
-    return rule == nullptr ? "" : rule;
+    const std::string found = rule == nullptr ? "" : rule;
+    const std::string other = ruleOfCompact(encoded).value_or(found);
+    EXPECT_EQ(other, found);
+    return found;
   } catch (const std::runtime_error&) {
     return kNotRead;
   }

@@ -1,3 +1,4 @@
+#include "foundation/model/CRLParts.h"
 #include "foundation/model/CRLSignature.h"
 #include "foundation/net/Cancellation.h"
 #include "foundation/openssl/Der.h"
@@ -62,6 +63,21 @@ TEST(CRLSignature, AlgorithmThatIsNotTheOneInside_IsWhatOpenSSLSays) {
   }
 }
 
+// A list of that signed part, with the algorithm beside a signature by SHA-256.
+std::string signedList(const std::string& part, const std::string& algorithm,
+                       const Pki::Issued& ca) {
+  const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
+  std::string signature(100, '\0');
+  std::size_t size = signature.size();
+  EXPECT_EQ(EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, ca.key.get()), 1);
+  EXPECT_EQ(EVP_DigestSign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &size,
+                           octets(part), part.size()),
+            1);
+  signature.resize(size);
+  return Pki::derElement(
+      0x30, part + algorithm + Pki::derElement(0x03, std::string(1, '\0') + signature));
+}
+
 // OpenSSL reads it, and keeps the octets for the signature.
 TEST(CRLSignature, SignedPartOfIndefiniteLength_IsWhatOpenSSLSays) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
@@ -70,27 +86,64 @@ TEST(CRLSignature, SignedPartOfIndefiniteLength_IsWhatOpenSSLSays) {
   const auto part = derHeader(list->content, list->next);
   const std::string inner =
       std::string("\x30\x80") + std::string(part->content, part->next) + std::string(2, '\0');
-  const Owned<EVP_MD_CTX> context(EVP_MD_CTX_new());
-  std::string signature(100, '\0');
-  std::size_t size = signature.size();
-  ASSERT_EQ(EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, ca.key.get()), 1);
-  ASSERT_EQ(EVP_DigestSign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &size,
-                           octets(inner), inner.size()),
-            1);
-  signature.resize(size);
   const auto algorithm = derHeader(part->next, list->next);
-  const auto crl = Pki::crlFromDer(
-      Pki::derElement(0x30, inner + std::string(part->next, algorithm->next) +
-                                Pki::derElement(0x03, std::string(1, '\0') + signature)));
+  const auto crl = Pki::crlFromDer(signedList(inner, std::string(part->next, algorithm->next), ca));
   EXPECT_EQ(X509_CRL_verify(crl.get(), ca.key.get()), 1);
   EXPECT_EQ(isCRLSignedBy(crl.get(), ca.key.get()), true);
   EXPECT_EQ(isCRLSignedBy(crl.get(), Pki::makeKey().get()), false);
 }
 
+RefCertificateRevocationList readCRL(const std::string& der) {
+  const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(
+      Buffer(der.data(), static_cast<unsigned int>(der.size()), false));
+  EXPECT_NE(CRLParts::compactOf(*crl.get()), nullptr);
+  return crl;
+}
+
+TEST(CRLSignature, CompactForm_IsWhatOpenSSLSays) {
+  for (const Pki::KeyKind kind :
+       {Pki::KeyKind::P256, Pki::KeyKind::Rsa2048, Pki::KeyKind::Ed25519}) {
+    const Pki::Issued ca = Pki::issue({.subject = "CN=CA", .ca = true, .keyKind = kind});
+    for (const std::size_t octets : {std::size_t{10}, kLong}) {
+      for (const bool bad : {false, true}) {
+        const RefCertificateRevocationList crl = readCRL(
+            Pki::der(Pki::makeCRL({.issuer = &ca,
+                                   .revoked = {{.serial = 1, .extensions = {filler(octets)}}},
+                                   .badSignature = bad})
+                         .get()));
+        EXPECT_EQ(crl->signatureBy(ca.key.get()), !bad);
+        EXPECT_EQ(crl->signatureBy(Pki::makeKey().get()), false);
+        EXPECT_EQ(CRLParts::nativeOf(*crl.get()), nullptr);
+      }
+    }
+  }
+}
+
+TEST(CRLSignature, CompactFormWithAnotherAlgorithmInside_IsWhatOpenSSLSays) {
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  const std::string der = Pki::der(Pki::makeCRL({.issuer = &ca}).get());
+  const auto list = derHeader(octets(der), octets(der) + der.size());
+  const auto part = derHeader(list->content, list->next);
+  const auto algorithm = derHeader(part->next, list->next);
+  std::string other(list->content, part->next);
+  const std::string outer(part->next, algorithm->next);
+  const std::size_t inside = other.find("\x2a\x86\x48\xce\x3d\x04\x03\x02");
+  for (const char last : {'\x02', '\x03'}) {
+    other[inside + 7] = last;
+    const std::string made = signedList(other, outer, ca);
+    EXPECT_EQ(readCRL(made)->isSignedBy(ca.key.get()),
+              X509_CRL_verify(Pki::crlFromDer(made).get(), ca.key.get()) == 1);
+  }
+}
+
 TEST(CRLSignature, StoppedInALongCRL_NothingIsKnownAndNothingRemembered) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
   const RefCertificateRevocationList crl = Pki::crlHandle(longOptions(ca));
+  const RefCertificateRevocationList compact = readCRL(Pki::der(
+      Pki::makeCRL({.issuer = &ca, .revoked = {{.serial = 1, .extensions = {filler()}}}}).get()));
   const RefCertificateRevocationList shortOne = Pki::crlHandle({.issuer = &ca});
+  const RefCertificateRevocationList shortCompact =
+      readCRL(Pki::der(Pki::makeCRL({.issuer = &ca}).get()));
   std::stop_source source;
   source.request_stop();
   {
@@ -100,6 +153,8 @@ TEST(CRLSignature, StoppedInALongCRL_NothingIsKnownAndNothingRemembered) {
     EXPECT_EQ(crl->rememberedSignature(ca.key.get()), std::nullopt);
     EXPECT_TRUE(run.fellShort());
     EXPECT_TRUE(shortOne->isSignedBy(ca.key.get())) << "one call of OpenSSL's";
+    EXPECT_EQ(compact->signatureBy(ca.key.get()), std::nullopt);
+    EXPECT_TRUE(shortCompact->isSignedBy(ca.key.get()));
   }
   {
     const VerificationRun run(nullptr, {.wholeTime = std::chrono::seconds(0)});
