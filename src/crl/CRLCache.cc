@@ -6,6 +6,7 @@
 #include "foundation/base/FileReader.h"
 #include "foundation/base/Hex.h"
 #include "foundation/base/TemporaryName.h"
+#include "foundation/model/CRLParts.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/net/Cancellation.h"
 #include "foundation/run/Counters.h"
@@ -156,17 +157,6 @@ void requireRemoved(const File::Path& path) {
   if (!removeFile(path, error)) failSystem(kHere, path.asString(), error.value());
 }
 
-std::vector<unsigned char> derOf(const RefCertificateRevocationList& crl) {
-  std::vector<unsigned char> der(static_cast<std::size_t>(std::max(i2d_X509_CRL(crl, nullptr), 0)));
-  unsigned char* end = der.data();
-  if (!der.empty()) static_cast<void>(i2d_X509_CRL(crl, &end));
-  return der;
-}
-
-std::uint64_t derSize(const RefCertificateRevocationList& crl) {
-  return static_cast<std::uint64_t>(std::max(i2d_X509_CRL(crl, nullptr), 0));
-}
-
 // What can still be written.
 struct Disk {
   explicit Disk(const std::string& directory) {
@@ -194,7 +184,7 @@ bool holds(const File::Path& path, const Uri& uri, const RefCertificateRevocatio
   const std::string& canonical = uri.canonicalized();
   if (HashFileHeader::parse(text).uri.value_or(canonical) != canonical) return false;
   const RefCertificateRevocationList held = readFirstCRL(content.data(), content.size());
-  return !held.empty() && derOf(held) == derOf(crl);
+  return !held.empty() && isSame(*held.get(), *crl.get());
 }
 
 }  // namespace
@@ -210,7 +200,7 @@ void CRLCache::add(const Uri& uri, const std::list<RefCertificateRevocationList>
 // In PEM there are four characters for three octets, and line ends.
 CRLCache::Content CRLCache::contentFor(const Uri& uri, const RefCertificateRevocationList& crl) {
   constexpr std::uint64_t kFrame = 4096;
-  const std::uint64_t size = derSize(crl);
+  const std::uint64_t size = derSizeOf(*crl.get());
   return {.atMost = size / 2 * 3 + uri.canonicalized().size() + kFrame, .atLeast = size / 3 * 4};
 }
 

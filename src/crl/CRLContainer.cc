@@ -7,6 +7,7 @@
 #include "crl/UnsignedCRL.h"
 #include "foundation/base/Log.h"
 #include "foundation/base/Shortfall.h"
+#include "foundation/model/CRLParts.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/model/RelativeName.h"
 #include "foundation/openssl/CRLScore.h"
@@ -53,22 +54,21 @@ const CertificateRevocationList& crlOf(const CRLContainer::Entry& entry) {
   return *handleOf(entry).operator->();
 }
 
-// Where a certificate was found; borrowed.
+// Where a certificate was found, which is borrowed.
 struct CRLOfEntry {
   const CRLContainer::Entry* entry = nullptr;
-  X509_REVOKED* revoked = nullptr;
+  ListedEntry revoked = {};
 };
 
 // 6.3.3 (i) and (j): looks the entry's certificate up in the entry's CRL. Issuer and serial number
 // decide (5.3.3).
 void applyEntry(const CRLContainer::Entry& entry, unsigned int& mask, int& reason,
                 CRLOfEntry& listed) {
-  mask |= entry.reasons;            // 6.3.3 (l)
-  X509_REVOKED* revoked = nullptr;  // borrowed from the CRL
-  // 1 is a hit and so is 2, which says that the entry's reason is removeFromCRL.
-  if (X509_CRL_get0_by_cert(crlOf(entry).native(), &revoked, entry.certificate) != 0) {
-    reason = reasonOf(revoked);
-    listed = {&entry, revoked};
+  mask |= entry.reasons;  // 6.3.3 (l)
+  // One whose reason is removeFromCRL is found, too.
+  if (ListedEntry revoked = entryFor(crlOf(entry), entry.certificate)) {
+    reason = reasonOf(revoked.get());
+    listed = {&entry, std::move(revoked)};
   }
 }
 
@@ -83,7 +83,7 @@ void noteStatus(const std::list<CRLContainer::Entry>& entries, unsigned int mask
     if (reason != 0) {
       outcome.status = Revocation::Status::kRevoked;
       if (reason > 0) outcome.revoked.reason = reason;
-      outcome.revoked.date = timeOf(X509_REVOKED_get0_revocationDate(listed.revoked));
+      outcome.revoked.date = timeOf(X509_REVOKED_get0_revocationDate(listed.revoked.get()));
       outcome.decidedBy = {OutcomeRecord::statementOn(handleOf(*listed.entry))};
       return;
     }

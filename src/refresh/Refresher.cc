@@ -1,5 +1,6 @@
 #include "refresh/Refresher.h"
 
+#include "foundation/model/CRLParts.h"
 #include "refresh/Schedule.h"
 
 #include <velantrix/Exception.h>
@@ -30,12 +31,8 @@ struct Known {
   }
 };
 
-std::string_view distributionPointOf(X509_CRL* crl) noexcept {
-  const int index = X509_CRL_get_ext_by_NID(crl, NID_issuing_distribution_point, -1);
-  if (index < 0) return {};
-  const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(X509_CRL_get_ext(crl, index));
-  return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)),
-          static_cast<std::size_t>(ASN1_STRING_length(value))};
+std::string_view distributionPointOf(const RefCertificateRevocationList& crl) noexcept {
+  return extensionOf(*crl.get(), NID_issuing_distribution_point);
 }
 
 bool isSameAnchor(X509* one, X509* other) noexcept {

@@ -2,6 +2,7 @@
 
 #include "foundation/base/Hex.h"
 #include "foundation/base/Text.h"
+#include "foundation/model/CRLParts.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/openssl/TimeSeconds.h"
 
@@ -138,8 +139,8 @@ FindingMaker& FindingMaker::add(const RefCertificateRevocationList& crl) {
   add(DetailName::kCRLIssuer, crl->crlInfo().issuer().asString());
   add(DetailName::kCRLNumber, crlNumberText(crl->crlNumber()));
   add(DetailName::kBaseCRLNumber, crlNumberText(crl->baseCRLNumber()));
-  add(DetailName::kThisUpdate, timeOf(X509_CRL_get0_lastUpdate(crl)));
-  add(DetailName::kNextUpdate, timeOf(X509_CRL_get0_nextUpdate(crl)));
+  add(DetailName::kThisUpdate, timeOf(X509_CRL_get0_lastUpdate(headOf(*crl.get()))));
+  add(DetailName::kNextUpdate, timeOf(X509_CRL_get0_nextUpdate(headOf(*crl.get()))));
   return add(DetailName::kEntries, static_cast<std::int64_t>(crl->entryCount()));
 }
 

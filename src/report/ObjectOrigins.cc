@@ -1,5 +1,6 @@
 #include "report/ObjectOrigins.h"
 
+#include "foundation/model/CRLParts.h"
 #include "foundation/run/VerificationRun.h"
 
 #include <algorithm>
@@ -9,16 +10,25 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-template <class Known, class Native>
-auto find(const std::vector<Known>& known, const Native* native) noexcept {
-  return std::find_if(known.begin(), known.end(),
-                      [native](const Known& one) { return one.object->native() == native; });
+bool isIt(const RefCertificate& known, const X509* native) noexcept {
+  return known->native() == native;
 }
 
-template <class Known, class Native>
+bool isIt(const RefCertificateRevocationList& known,
+          const RefCertificateRevocationList& crl) noexcept {
+  return isIdentical(*known.get(), *crl.get());
+}
+
+template <class Known, class Object>
+auto find(const std::vector<Known>& known, const Object& object) noexcept {
+  return std::find_if(known.begin(), known.end(),
+                      [&object](const Known& one) { return isIt(one.object, object); });
+}
+
+template <class Known, class Object>
 std::optional<ObjectOrigins::Origin> originIn(const std::vector<Known>& known,
-                                              const Native* native) {
-  const auto found = find(known, native);
+                                              const Object& object) {
+  const auto found = find(known, object);
   if (found == known.end()) return std::nullopt;
   const ObjectOrigins::Where& where = found->origin;
   return ObjectOrigins::Origin(where.kind, where.place.text(), where.file.text());
@@ -30,7 +40,7 @@ constexpr std::size_t kUsualObjects = 8;  // certificates, and CRLs, of one veri
 template <class Known, class Handle>
 void add(std::vector<Known>& known, const Handle& object, const ObjectOrigins::Where& origin) {
   if (object.empty() || known.size() >= ObjectOrigins::kMaximumObjects) return;
-  if (find(known, object->native()) != known.end()) return;
+  if (find(known, object) != known.end()) return;
   if (known.empty()) known.reserve(kUsualObjects);
   known.push_back({object, origin});
 }
@@ -67,7 +77,8 @@ std::optional<ObjectOrigins::Origin> ObjectOrigins::of(const X509* certificate) 
   return originIn(certificates_, certificate);
 }
 
-std::optional<ObjectOrigins::Origin> ObjectOrigins::of(const X509_CRL* crl) const {
+std::optional<ObjectOrigins::Origin> ObjectOrigins::of(
+    const RefCertificateRevocationList& crl) const {
   return originIn(crls_, crl);
 }
 

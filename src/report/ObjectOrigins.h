@@ -1,8 +1,8 @@
-// Where the certificates and CRLs of a verification were read from, by the identity of OpenSSL's object.
+// Where the certificates and CRLs of a verification were read from, by their identity.
 //
 //   ObjectOrigins::note(crl, {Origin::Kind::kMachineCRLs, directory, path});   // who reads it
 //   ...
-//   const std::optional<Origin> origin = origins.of(native);
+//   const std::optional<Origin> origin = origins.of(crl);
 #pragma once
 
 #include "report/SharedText.h"
@@ -38,7 +38,7 @@ class ObjectOrigins {
 
   // Nothing when nobody has noted it.
   std::optional<Origin> of(const X509* certificate) const;
-  std::optional<Origin> of(const X509_CRL* crl) const;
+  std::optional<Origin> of(const RefCertificateRevocationList& crl) const;
 
  private:
   // The handles are held, so that no other object takes the address.

@@ -1,5 +1,6 @@
 #include "report/RevocationFindings.h"
 
+#include "foundation/model/CRLParts.h"
 #include "foundation/model/DistributionPoints.h"
 #include "foundation/model/GeneralNames.h"
 #include "foundation/openssl/RevokedEntry.h"
@@ -283,12 +284,12 @@ void addStatement(FindingMaker& maker, const Statement& statement, const ObjectO
 
 std::optional<Time> thisUpdateOf(const Statement& statement) {
   return statement.crl.empty() ? statement.thisUpdate
-                               : timeOf(X509_CRL_get0_lastUpdate(statement.crl));
+                               : timeOf(X509_CRL_get0_lastUpdate(headOf(*statement.crl.get())));
 }
 
 std::optional<Time> nextUpdateOf(const Statement& statement) {
   return statement.crl.empty() ? statement.nextUpdate
-                               : timeOf(X509_CRL_get0_nextUpdate(statement.crl));
+                               : timeOf(X509_CRL_get0_nextUpdate(headOf(*statement.crl.get())));
 }
 
 std::optional<Reason> reasonOf(int code) noexcept {
@@ -320,9 +321,12 @@ std::optional<Reason> reasonOf(int code) noexcept {
 void listed(const Objection& objection, Revocation::Outcome& outcome) {
   outcome.status = Revocation::Status::kRevoked;
   RefCertificateRevocationList list = objection.crl;
-  X509_REVOKED* entry = nullptr;  // borrowed from the CRL
+  ListedEntry entry;
   const auto lists = [&](const RefCertificateRevocationList& crl) {
-    return !crl.empty() && X509_CRL_get0_by_cert(crl, &entry, objection.certificate) == 1;
+    ListedEntry found = crl.empty() ? ListedEntry() : entryFor(*crl.get(), objection.certificate);
+    if (!found) return false;
+    entry = std::move(found);
+    return !entry.removed();
   };
   if (!lists(list)) {
     // The one that OpenSSL has at hand need not be the one that lists it.
@@ -333,9 +337,11 @@ void listed(const Objection& objection, Revocation::Outcome& outcome) {
   outcome.decidedBy.clear();
   if (list.empty()) return;
   outcome.decidedBy.push_back(OutcomeRecord::statementOn(list));
-  if (entry == nullptr) return;
-  if (const int reason = Crypto::reasonOf(entry); reason >= 0) outcome.revoked.reason = reason;
-  outcome.revoked.date = timeOf(X509_REVOKED_get0_revocationDate(entry));
+  if (!entry) return;
+  if (const int reason = Crypto::reasonOf(entry.get()); reason >= 0) {
+    outcome.revoked.reason = reason;
+  }
+  outcome.revoked.date = timeOf(X509_REVOKED_get0_revocationDate(entry.get()));
 }
 
 // The critical extension of a CRL, or of one of its entries, that is not handled.
@@ -355,12 +361,13 @@ std::string unhandledExtension(const STACK_OF(X509_EXTENSION) * extensions) {
   return {};
 }
 
-std::string unhandledExtension(X509_CRL* crl) {
-  std::string text = unhandledExtension(X509_CRL_get0_extensions(crl));
-  STACK_OF(X509_REVOKED)* const entries = X509_CRL_get_REVOKED(crl);
-  for (int i = 0; text.empty() && i < sk_X509_REVOKED_num(entries); ++i) {
-    text = unhandledExtension(X509_REVOKED_get0_extensions(sk_X509_REVOKED_value(entries, i)));
-  }
+std::string unhandledExtension(const CertificateRevocationList& crl) {
+  std::string text = unhandledExtension(X509_CRL_get0_extensions(headOf(crl)));
+  if (!text.empty()) return text;
+  visitCriticalEntries(crl, [&text](const X509_REVOKED* entry) {
+    text = unhandledExtension(X509_REVOKED_get0_extensions(entry));
+    return text.empty();
+  });
   return text;
 }
 
@@ -435,7 +442,7 @@ class Findings {
         break;
       case Reason::kUnknownCriticalExtension:
         if (!statement.crl.empty()) {
-          made.add(DetailName::kExtension, unhandledExtension(statement.crl));
+          made.add(DetailName::kExtension, unhandledExtension(*statement.crl.get()));
         }
         break;
       case Reason::kOtherIssuer:
@@ -688,7 +695,7 @@ Rule ruleOf(Reason reason, Statement::Kind kind) noexcept {
 
 Origin originOf(const Statement& statement, const ObjectOrigins& origins) {
   const std::optional<Origin> known =
-      statement.crl.empty() ? std::nullopt : origins.of(statement.crl->native());
+      statement.crl.empty() ? std::nullopt : origins.of(statement.crl);
   // Nobody sends CRLs along, so that it says nothing.
   if (!statement.crl.empty() && statement.from.kind == Provenance::Kind::kMessage) {
     return known ? Origin(known->kind(), reportText(known->place()), reportText(known->file()))

@@ -7,6 +7,7 @@
 #include "foundation/base/FileReader.h"
 #include "foundation/base/FileStamp.h"
 #include "foundation/base/Shortfall.h"
+#include "foundation/model/CRLParts.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/run/Counters.h"
@@ -117,12 +118,8 @@ struct Standing {
 };
 
 // An extension that is there is never empty: it is decoded when the CRL is read.
-std::string scopeOf(X509_CRL* crl) {
-  const int index = X509_CRL_get_ext_by_NID(crl, NID_issuing_distribution_point, -1);
-  if (index < 0) return {};
-  const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(X509_CRL_get_ext(crl, index));
-  return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)),
-          static_cast<std::size_t>(ASN1_STRING_length(value))};
+std::string scopeOf(const RefCertificateRevocationList& crl) {
+  return std::string(extensionOf(*crl.get(), NID_issuing_distribution_point));
 }
 
 Standing::Standing(const RefCertificateRevocationList& crl)
@@ -185,10 +182,7 @@ class HeldCRL : public ObjectSink {
 
  private:
   bool isOther(const unsigned char* der, std::size_t length) const {
-    const X509_CRL* const other = other_;
-    const int size = i2d_X509_CRL(other, nullptr);
-    if (size < 0 || static_cast<std::size_t>(size) != length) return false;
-    return encodeWhole(i2d_X509_CRL, other) == between(der, der + length);
+    return isDerOf(between(der, der + length), *other_.get());
   }
 
   const RefCertificateRevocationList& other_;

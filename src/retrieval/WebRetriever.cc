@@ -3,6 +3,7 @@
 #include "crl/CacheUse.h"
 #include "foundation/base/DotSegments.h"
 #include "foundation/base/Shortfall.h"
+#include "foundation/model/CRLParts.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/run/FetchRecord.h"
 #include "report/ObjectOrigins.h"
@@ -114,7 +115,7 @@ void WebRetriever::ask(const Uri& uri, const LW::HTTP::Validators& validators,
 void WebRetriever::verified(const Uri& uri, const RefCertificateRevocationList& crl,
                             const std::vector<RefCertificate>& path) noexcept {
   const auto found = std::find_if(fetched_.begin(), fetched_.end(), [&](const Fetched& one) {
-    return one.crl->native() == crl->native() && one.uri.asString() == uri.asString();
+    return isIdentical(*one.crl.get(), *crl.get()) && one.uri.asString() == uri.asString();
   });
   // The file would be that of the URI without them.
   if (found == fetched_.end() || hasDotSegments(uri.path())) return;

@@ -1,5 +1,6 @@
 #include "revocation/CRLCollection.h"
 
+#include "foundation/model/CRLParts.h"
 #include "foundation/run/VerificationRun.h"
 
 #include <velantrix/Exception.h>
@@ -83,11 +84,9 @@ void CRLCollection::take(const Offers<RefCertificateRevocationList>& offers, con
                          bool throughPoint) {
   cut_ = cut_ || offers.cut;
   for (const Offered<RefCertificateRevocationList>& offered : offers.found) {
-    const auto known =
-        std::find_if(candidates_.begin(), candidates_.end(), [&](const CRLCandidate& other) {
-          return other.crl->native() == offered.object->native() ||
-                 X509_CRL_match(other.crl, offered.object) == 0;
-        });
+    const auto known = std::find_if(
+        candidates_.begin(), candidates_.end(),
+        [&](const CRLCandidate& other) { return isSame(*other.crl.get(), *offered.object.get()); });
     if (known != candidates_.end()) {
       known->throughPoint = known->throughPoint && throughPoint;
       continue;
@@ -124,7 +123,7 @@ void CRLCollection::judge(CRLCandidate& candidate) const {
   if (crl.hasUnhandledCriticalExtension()) return refuse(Reason::kUnknownCriticalExtension, "");
   if (!isIssuedBy(crl, time_)) return refuse(Reason::kNotYetValid, "");
   try {
-    candidate.freshest.emplace(X509_CRL_get0_extensions(candidate.crl), NID_freshest_crl,
+    candidate.freshest.emplace(X509_CRL_get0_extensions(headOf(crl)), NID_freshest_crl,
                                "X509::CertificateRevocationList");
   } catch (const Exception& broken) {
     refuse(Reason::kMalformed, broken.stringParameter());

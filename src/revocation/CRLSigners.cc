@@ -1,6 +1,7 @@
 #include "revocation/CRLSigners.h"
 
 #include "foundation/base/Shortfall.h"
+#include "foundation/model/CRLParts.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
 #include "revocation/SignatureStrength.h"
@@ -126,7 +127,7 @@ std::optional<Reason> signatureRefused(const RefCertificate& signer,
   // 6.3.3 (f): if a key usage extension is present, cRLSign is set. OpenSSL has every bit set without one.
   if ((X509_get_key_usage(signer) & KU_CRL_SIGN) == 0) return Reason::kSignerNotAllowed;
   const X509_ALGOR* algorithm = nullptr;
-  X509_CRL_get0_signature(crl.native(), nullptr, &algorithm);
+  X509_CRL_get0_signature(headOf(crl), nullptr, &algorithm);
   if (!reachesLevel(securityLevel, algorithm, key)) return Reason::kTooWeak;
   return std::nullopt;
 }

@@ -1,5 +1,6 @@
 #include "revocation/CRLStatus.h"
 
+#include "foundation/model/CRLParts.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
 
@@ -22,29 +23,19 @@ const CertificateRevocationList& listOf(const CRLCandidate& candidate) {
   return *static_cast<const RefCertificateRevocationList&>(candidate.crl).operator->();
 }
 
-// The octets of an extension; none where it is absent. One that is there is never empty: it is decoded when
-// the CRL is read.
-std::string_view extensionOf(const CRLCandidate& candidate, int nid) {
-  X509_CRL* const crl = candidate.crl;
-  const int index = X509_CRL_get_ext_by_NID(crl, nid, -1);
-  if (index < 0) return {};
-  const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(X509_CRL_get_ext(crl, index));
-  return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)),
-          static_cast<std::size_t>(ASN1_STRING_length(value))};
-}
-
-// 5.2.4 (a) and (b), 6.3.3 (c)(1) and (2)
+// 5.2.4 (a) and (b), 6.3.3 (c)(1) and (2). An extension that is there is never empty: it is decoded when the
+// CRL is read.
 bool haveOneScope(const CRLCandidate& a, const CRLCandidate& b) {
   return listOf(a).crlInfo().issuer() == listOf(b).crlInfo().issuer() &&
-         extensionOf(a, NID_issuing_distribution_point) ==
-             extensionOf(b, NID_issuing_distribution_point);
+         extensionOf(listOf(a), NID_issuing_distribution_point) ==
+             extensionOf(listOf(b), NID_issuing_distribution_point);
 }
 
 // 5.2.4 and 6.3.3 (c): whether the delta CRL updates the complete one.
 bool haveOneKey(const CRLCandidate& delta, const CRLCandidate& complete) {
   // 6.3.3 (c)(3)
-  return extensionOf(delta, NID_authority_key_identifier) ==
-             extensionOf(complete, NID_authority_key_identifier) &&
+  return extensionOf(listOf(delta), NID_authority_key_identifier) ==
+             extensionOf(listOf(complete), NID_authority_key_identifier) &&
          // 6.3.3 (h): by the key that was validated for the complete CRL
          EVP_PKEY_eq(delta.key(), complete.key()) == 1;
 }
@@ -212,23 +203,23 @@ void Decision::apply(const Combined& combined) {
 // has none, or none that can be read.
 bool Decision::find(const CRLCandidate& candidate, int& reason) {
   const ErrorScope errors;
-  X509_REVOKED* entry = nullptr;  // borrowed from the CRL
-  const int found = X509_CRL_get0_by_cert(candidate.crl, &entry, certificate_);
-  if (found == 0) return false;
-  if (found == 2) {  // OpenSSL's word for removeFromCRL
+  const ListedEntry entry = entryFor(listOf(candidate), certificate_);
+  if (!entry) return false;
+  if (entry.removed()) {
     reason = kRemoveFromCRL;
     return true;
   }
   reason = 0;
   Revoked revoked;
   const Owned<ASN1_ENUMERATED> given(static_cast<ASN1_ENUMERATED*>(
-      X509_REVOKED_get_ext_d2i(entry, NID_crl_reason, nullptr, nullptr)));
+      X509_REVOKED_get_ext_d2i(entry.get(), NID_crl_reason, nullptr, nullptr)));
   if (given != nullptr) {
     const long value = ASN1_ENUMERATED_get(given.get());
     if (value > 0 && value <= 10 && value != kRemoveFromCRL) reason = static_cast<int>(value);
     revoked.reason = reason;
   }
-  revoked.date = ASN1::RefGeneralizedTime(X509_REVOKED_get0_revocationDate(entry), true)->asTime();
+  revoked.date =
+      ASN1::RefGeneralizedTime(X509_REVOKED_get0_revocationDate(entry.get()), true)->asTime();
   if (result_.status != Status::kRevoked) result_.revoked = revoked;
   return true;
 }
@@ -266,8 +257,8 @@ CRLStatus statusFrom(const std::vector<const CRLCandidate*>& candidates,
 }
 
 bool revokes(const CertificateRevocationList& crl, const RefCertificate& certificate) {
-  X509_REVOKED* entry = nullptr;
-  return X509_CRL_get0_by_cert(crl.native(), &entry, certificate) == 1;
+  const ListedEntry entry = entryFor(crl, certificate);
+  return entry && !entry.removed();
 }
 
 }  // namespace Velantrix::Crypto::PKX509::Revocation

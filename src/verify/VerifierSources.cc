@@ -4,6 +4,7 @@
 #include "crl/RetrievedCRLs.h"
 #include "crl/Retriever.h"
 #include "foundation/base/Shortfall.h"
+#include "foundation/model/CRLParts.h"
 #include "foundation/net/NetworkBudget.h"
 #include "foundation/net/http/HTTPAccess.h"
 #include "foundation/net/ldap/LDAPURI.h"
@@ -43,14 +44,14 @@ using Source = SourceRecord::Source;
 template <class Handle>
 using Known = std::shared_ptr<const Offers<Handle>>;
 
-// An order in which those that are equal octet for octet are equal. Where OpenSSL has no fingerprint
-// of a CRL it is that of the objects.
+// An order in which those that are equal octet for octet are equal.
 struct ByOctets {
-  bool operator()(const X509* a, const X509* b) const { return X509_cmp(a, b) < 0; }
-  bool operator()(const X509_CRL* a, const X509_CRL* b) const {
-    constexpr int kNoFingerprint = -2;
-    const int order = X509_CRL_match(a, b);
-    return order == kNoFingerprint ? std::less<>()(a, b) : order < 0;
+  bool operator()(const RefCertificate& a, const RefCertificate& b) const {
+    return X509_cmp(a, b) < 0;
+  }
+  bool operator()(const RefCertificateRevocationList& a,
+                  const RefCertificateRevocationList& b) const {
+    return isOrderedBefore(*a.get(), *b.get());
   }
 };
 
@@ -112,7 +113,7 @@ class Gathering {
     ask(method, [&](std::list<Handle>& found) { method.getByURI(name_, found); });
   }
   void add(const Offered<Handle>& one) {
-    if (isCalled(one.object, name_) && seen_.insert(one.object->native()).second) {
+    if (isCalled(one.object, name_) && seen_.insert(one.object).second) {
       all_.found.push_back(one);
     }
   }
@@ -125,8 +126,6 @@ class Gathering {
   Offers<Handle> take() { return std::move(all_); }
 
  private:
-  using Native = decltype(std::declval<const Handle&>()->native());
-
   struct Asked {
     Source::Kind kind;
     std::string_view origin;
@@ -162,7 +161,7 @@ class Gathering {
 
   const Name& name_;
   Offers<Handle> all_;
-  std::set<Native, ByOctets> seen_;
+  std::set<Handle, ByOctets> seen_;
 };
 
 // Those of a message with the subject. The others are not even made handles of.

@@ -75,9 +75,7 @@ class VerifierSourcesNetwork : public URIFixture {
   }
   static const UseFacts& lastFacts() { return SourceRecord::current()->uses().back().facts; }
   static ObjectOrigins::Origin originOf(const RefCertificateRevocationList& crl) {
-    return VerificationRun::kept<ObjectOrigins>()
-        ->of(crl->native())
-        .value_or(ObjectOrigins::Origin());
+    return VerificationRun::kept<ObjectOrigins>()->of(crl).value_or(ObjectOrigins::Origin());
   }
 
   World world;

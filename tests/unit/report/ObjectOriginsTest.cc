@@ -23,9 +23,9 @@ TEST(ObjectOrigins, FirstNoteOnAnObject_Stays) {
   ObjectOrigins::note(crl, {Origin::Kind::kLDAP, "ldap://host/cn=CA"});
   ASSERT_TRUE(origins().of(certificate->native()));
   EXPECT_EQ(*origins().of(certificate->native()), file);
-  ASSERT_TRUE(origins().of(crl->native()));
-  EXPECT_EQ(origins().of(crl->native())->place(), "ldap://host/cn=CA");
-  EXPECT_EQ(origins().of(crlHandle({.issuer = &ca})->native()), std::nullopt);
+  ASSERT_TRUE(origins().of(crl));
+  EXPECT_EQ(origins().of(crl)->place(), "ldap://host/cn=CA");
+  EXPECT_EQ(origins().of(crlHandle({.issuer = &ca})), std::nullopt);
 }
 
 TEST(ObjectOrigins, OutsideOfARunAndOfNothing_NothingIsNoted) {
