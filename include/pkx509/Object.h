@@ -16,12 +16,41 @@
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include <cstdint>
+#include <type_traits>
+
 namespace Velantrix::Crypto::PKX509 {
+
+/// A pointer to OpenSSL's object, which reads as a `void*` does. That of a CRL need not be there yet: it is
+/// made when the pointer is first read (`CertificateRevocationList::native()`), which takes its time and
+/// memory where the list is long. Who wants to know whether there is one asks for the type of the `Object`.
+class PKX509_EXPORT ObjectData {
+ public:
+  /// Null.
+  ObjectData() noexcept = default;
+  ObjectData(void* pointer) noexcept  // NOLINT(google-explicit-constructor): as the pointer itself
+      : value_(reinterpret_cast<std::uintptr_t>(pointer)) {}
+
+  /// @throws std::bad_alloc when the object of a CRL is asked for first and cannot be made
+  operator void*() const;  // NOLINT(google-explicit-constructor)
+  template <class T, class = std::enable_if_t<std::is_object_v<T>>>
+  explicit operator T*() const {
+    return static_cast<T*>(static_cast<void*>(*this));
+  }
+
+ private:
+  friend class Object;
+  explicit ObjectData(const CertificateRevocationList& crl) noexcept;
+
+  // A pointer as it is, or one to a CertificateRevocationList with the lowest bit set. It has the size and,
+  // for certificates, the content of a pointer.
+  std::uintptr_t value_ = 0;
+};
 
 /// One object of a store.
 ///
 /// `type` and `data` mirror the record that OpenSSL's lookups fill. `data` is borrowed: the handle
-/// beside it owns the OpenSSL object. An `Object` is written when it is made and only read after.
+/// beside it owns the OpenSSL object, and outlives each use of `data`. An `Object` is written when it is made and only read after.
 class PKX509_EXPORT Object {
  public:
   /// OpenSSL's `X509_LOOKUP_TYPE` values, which are passed through in both directions unchanged.
@@ -43,7 +72,7 @@ class PKX509_EXPORT Object {
   virtual ~Object();
 
   Type type = TypeNone;
-  void* data = nullptr;  ///< `X509*` or `X509_CRL*`, borrowed from the handle; null otherwise
+  ObjectData data;  ///< `X509*` or `X509_CRL*`, borrowed from the handle; null otherwise
   RefCertificate certificate;
   RefCertificateRevocationList crl;
   RefCrossCertificatePair crossPair;

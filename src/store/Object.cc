@@ -11,7 +11,18 @@ Object* checked(Object* px) {
   return px;
 }
 
+constexpr std::uintptr_t kOfCRL = 1;
+static_assert(alignof(CertificateRevocationList) > kOfCRL && sizeof(ObjectData) == sizeof(void*));
+
 }  // namespace
+
+ObjectData::ObjectData(const CertificateRevocationList& crl) noexcept
+    : value_(reinterpret_cast<std::uintptr_t>(&crl) | kOfCRL) {}
+
+ObjectData::operator void*() const {
+  if ((value_ & kOfCRL) == 0) return reinterpret_cast<void*>(value_);
+  return reinterpret_cast<const CertificateRevocationList*>(value_ & ~kOfCRL)->native();
+}
 
 Object::Object() = default;
 
@@ -25,7 +36,7 @@ Object::Object(const RefCertificate& handle) : certificate(handle) {
 Object::Object(const RefCertificateRevocationList& handle) : crl(handle) {
   if (!handle.empty()) {
     type = TypeCRL;
-    data = handle->native();
+    data = ObjectData(*handle.get());
   }
 }
 

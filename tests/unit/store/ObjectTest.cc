@@ -1,3 +1,4 @@
+#include "foundation/model/CRLParts.h"
 #include "unit/store/Model.h"
 #include "unit/store/Watch.h"
 
@@ -49,6 +50,35 @@ TEST(Object, FromCRL_CarriesItsPointer) {
   EXPECT_EQ(object.crl.get(), crl.get());
   EXPECT_TRUE(object.certificate.empty());
   EXPECT_TRUE(object.crossPair.empty());
+}
+
+TEST(Object, FromCRLThatWasRead_MakesOpenSSLsObjectWhenDataIsRead) {
+  const Issued root = issueCA("CN=Root");
+  const std::string content = der(makeCRL({.issuer = &root}).get());
+  const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(
+      Buffer(content.data(), static_cast<unsigned int>(content.size()), false));
+  const Object object(crl);
+  const Object copy(object);
+  EXPECT_EQ(CRLParts::nativeOf(*crl.get()), nullptr);
+  auto* const native = static_cast<X509_CRL*>(object.data);
+  ASSERT_NE(native, nullptr);
+  EXPECT_EQ(native, crl->native());
+  EXPECT_EQ(copy.data, native);
+}
+
+TEST(ObjectData, IsReadAndWrittenAsAPointer) {
+  int target = 7;
+  ObjectData data;
+  EXPECT_FALSE(data);
+  EXPECT_EQ(static_cast<int*>(data), nullptr);
+  data = &target;
+  EXPECT_TRUE(data);
+  EXPECT_EQ(data, &target);
+  EXPECT_EQ(*static_cast<const int*>(data), 7);
+  void* const plain = data;
+  EXPECT_EQ(plain, &target);
+  data = nullptr;
+  EXPECT_EQ(data, nullptr);
 }
 
 TEST(RefObject, Dereferenced_IsTheObject) {
