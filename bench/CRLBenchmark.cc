@@ -1,10 +1,15 @@
-// Long CRLs: reading one, the first verification with it, and later ones.
+// Long CRLs: reading one, the first verification with it, and later ones; held against OpenSSL, and against
+// a SHA-256 of the octets, below which no signature can be verified.
 #include "Fixture.h"
 #include "PeakMemory.h"
 
 #include <velantrix/Buffer.h>
+#include <velantrix/File.h>
+
+#include <openssl/evp.h>
 
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <map>
 #include <memory>
 
@@ -17,10 +22,16 @@ using Crypto::Owned;
 struct LongCRL {
   explicit LongCRL(int entries)
       : chain(Test::KeyKind::P256, static_cast<std::size_t>(entries)),
-        der(Test::der(chain.intermediateCRL.get())) {}
+        der(Test::der(chain.intermediateCRL.get())),
+        pem(Test::pem(chain.intermediateCRL.get())) {
+    Test::writeFile(files / "der", der);
+    Test::writeFile(files / "pem", pem);
+  }
 
   Chain chain;
   std::string der;
+  std::string pem;
+  Test::TempDir files;
 };
 
 LongCRL& crlOf(int entries) {
@@ -38,6 +49,45 @@ RefCertificateRevocationList readByLibrary(const std::string& der) {
 Owned<X509_CRL> readByOpenSSL(const std::string& der) {
   const auto* position = reinterpret_cast<const unsigned char*>(der.data());
   return Owned<X509_CRL>(d2i_X509_CRL(nullptr, &position, static_cast<long>(der.size())));
+}
+
+RefCertificateRevocationList readFromFile(const std::string& file) {
+  return CertificateRevocationListFactory::read(File::Path(file));
+}
+
+std::size_t memoryInUse() {
+  const struct mallinfo2 now = mallinfo2();
+  return now.uordblks + now.hblkhd;
+}
+
+// With what is kept, and what is held at most, in sizes of the DER.
+void readFile(benchmark::State& state, LongCRL& crl, const char* file, const std::string& content) {
+  const std::string path = (crl.files / file).string();
+  for (auto _ : state) benchmark::DoNotOptimize(readFromFile(path));
+  const auto size = static_cast<double>(crl.der.size());
+  const std::size_t before = memoryInUse();
+  const RefCertificateRevocationList kept = readFromFile(path);
+  state.counters["kept/size"] = static_cast<double>(memoryInUse() - before) / size;
+  state.counters["peak/size"] = peakMemory("file", content) * 1024 * 1024 / size;
+}
+
+void readDerFile(benchmark::State& state, int entries) {
+  LongCRL& crl = crlOf(entries);
+  readFile(state, crl, "der", crl.der);
+}
+
+void readPemFile(benchmark::State& state, int entries) {
+  LongCRL& crl = crlOf(entries);
+  readFile(state, crl, "pem", crl.pem);
+}
+
+void hashDer(benchmark::State& state, int entries) {
+  const std::string& der = crlOf(entries).der;
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  for (auto _ : state) {
+    EVP_Digest(der.data(), der.size(), digest, nullptr, EVP_sha256(), nullptr);
+    benchmark::DoNotOptimize(digest);
+  }
 }
 
 void parseLibrary(benchmark::State& state, int entries) {
@@ -113,8 +163,13 @@ void registerFor(int entries) {
   constexpr int kFew = 2;
   add("CRL of " + size + ", read/library", parseLibrary)->Iterations(kFew);
   add("CRL of " + size + ", read/openssl", parseOpenSSL)->Iterations(kFew);
+  add("CRL of " + size + ", DER from a file/library", readDerFile)->Iterations(kFew);
+  add("CRL of " + size + ", DER from a file/sha256", hashDer)->Iterations(kFew);
+  add("CRL of " + size + ", PEM from a file/library", readPemFile)->Iterations(kFew);
+  add("CRL of " + size + ", PEM from a file/sha256", hashDer)->Iterations(kFew);
   add("CRL of " + size + ", first verification/library", first<LibraryRun>)->Iterations(kFew);
   add("CRL of " + size + ", first verification/openssl", first<OpenSSLRun>)->Iterations(kFew);
+  add("CRL of " + size + ", first verification/sha256", hashDer)->Iterations(kFew);
   add("CRL of " + size + ", later verification/library", later<LibraryRun>)->MinTime(0.1);
   add("CRL of " + size + ", later verification/openssl", later<OpenSSLRun>)->Iterations(3);
 }
@@ -127,6 +182,8 @@ const bool kRegistered = [] {
 }();
 
 }  // namespace
+
+void readFileForPeak(const std::string& file) { benchmark::DoNotOptimize(readFromFile(file)); }
 
 void readForPeak(const std::string& who, const std::string& der) {
   if (who == "library") {

@@ -27,19 +27,24 @@ double residentPeak() {
 
 }  // namespace
 
-double peakMemory(const std::string& who, const std::string& der) {
+double peakMemory(const std::string& who, const std::string& content) {
   const Test::TempDir directory;
-  const std::filesystem::path file = directory.path() / "crl.der";
-  Test::writeFile(file, der);
+  const std::filesystem::path file = directory.path() / "crl";
+  Test::writeFile(file, content);
   const auto result = Test::runCommand({std::filesystem::read_symlink("/proc/self/exe").string(),
                                         kPeakArgument, who, file.string()});
   return std::atof(result.out.c_str());
 }
 
 int measurePeak(const std::string& who, const std::string& file) {
-  const std::string der = Test::readFile(file);
+  const bool isFile = who == "file";
+  const std::string der = isFile ? std::string() : Test::readFile(file);
   const double before = residentPeak();
-  readForPeak(who, der);
+  if (isFile) {
+    readFileForPeak(file);
+  } else {
+    readForPeak(who, der);
+  }
   std::cout << residentPeak() - before << '\n';
   return 0;
 }

@@ -9,13 +9,14 @@ namespace Velantrix::Bench {
 inline constexpr char kPeakArgument[] = "--peak-memory";
 
 // MiB that a new process holds at most while `who` ("library" or "openssl") reads the CRL, beyond
-// what it held with the file in memory.
-double peakMemory(const std::string& who, const std::string& der);
+// what it held with the file in memory; or while the library reads the "file".
+double peakMemory(const std::string& who, const std::string& content);
 
 // The new process's part: reads the file and prints the number.
 int measurePeak(const std::string& who, const std::string& file);
 
-// What is measured.
+// What is measured. "file" reads the file itself.
 void readForPeak(const std::string& who, const std::string& der);
+void readFileForPeak(const std::string& file);
 
 }  // namespace Velantrix::Bench
