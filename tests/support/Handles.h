@@ -4,8 +4,11 @@
 
 #include "support/Pki.h"
 
+#include <velantrix/Buffer.h>
 #include <velantrix/CertificateFactory.h>
 #include <velantrix/CertificateRevocationList.h>
+
+#include <string>
 
 namespace Velantrix::Test {
 
@@ -18,8 +21,11 @@ inline Crypto::PKX509::RefCertificateRevocationList handle(Owned<X509_CRL> crl) 
   return Crypto::PKX509::CertificateRevocationListFactory()(crl.release(), true);
 }
 
+/// The one that a reader of its file has.
 inline Crypto::PKX509::RefCertificateRevocationList crlHandle(const CRLOptions& options) {
-  return handle(makeCRL(options));
+  const std::string content = der(makeCRL(options).get());
+  return Crypto::PKX509::CertificateRevocationListFactory::read(
+      Buffer(content.data(), static_cast<unsigned int>(content.size()), false));
 }
 
 }  // namespace Velantrix::Test
