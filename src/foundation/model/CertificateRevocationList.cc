@@ -1,4 +1,6 @@
 #include "foundation/base/Fail.h"
+#include "foundation/base/ForkLock.h"
+#include "foundation/base/ForkMutex.h"
 #include "foundation/model/CRLForm.h"
 #include "foundation/model/CRLParts.h"
 #include "foundation/model/CRLSignature.h"
@@ -17,8 +19,10 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <list>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -104,6 +108,30 @@ const char* deriveBrokenRule(const CertificateRevocationList& crl) {
   return sortEntries(native) ? brokenRuleOf(native) : "no memory to look at its entries";
 }
 
+// What CRLs remember of signatures is looked at and changed with this lock held. They outlive forks, and
+// who computes one does not: where that has begun in another process, it never ends.
+struct SignatureLock {
+  static void s_start_in_child(bool whole);
+
+  ForkLock lock{s_start_in_child};
+  // Somebody has ended computing. A child leaves that of its parent to the threads that wait there.
+  struct Ended {
+    std::condition_variable_any condition = {};
+    Ended* former = nullptr;
+  };
+  Ended* ended = new Ended;
+  unsigned int tornIn = 0;  // the last process that has found its parent changing something
+};
+
+SignatureLock signatures;
+
+void SignatureLock::s_start_in_child(bool whole) {
+  signatures.ended = new Ended{.former = signatures.ended};
+  if (!whole) signatures.tornIn = signatures.lock.generation();
+}
+
+using SignaturesHeld = std::unique_lock<ForkLock>;
+
 }  // namespace
 
 CertificateRevocationListInfo::CertificateRevocationListInfo(
@@ -118,43 +146,43 @@ struct CertificateRevocationList::Derived {
 
   static constexpr std::size_t kMaxKeys = 8;
 
-  // With the mutex held.
+  // With the lock held.
   std::optional<bool> remembered(EVP_PKEY* key);
   void remember(EVP_PKEY* key, bool signedBy);
+  bool isComputing() const noexcept { return computingIn == signatures.lock.generation() + 1; }
 
   // A turn to compute. Of several threads that ask at once one computes, and the others may be told to stop
   // while they wait for it.
   class Turn {
    public:
-    // With the mutex held, which it releases while it lives.
-    Turn(Derived& derived, std::unique_lock<std::mutex>& lock) : derived_(derived), lock_(lock) {
-      derived_.computing = true;
+    // With the lock held, which it releases while it lives.
+    Turn(Derived& derived, SignaturesHeld& lock) : derived_(derived), lock_(lock) {
+      derived_.computingIn = signatures.lock.generation() + 1;
       ++derived_.signatureChecks;
       lock_.unlock();
     }
     ~Turn() {
       lock_.lock();
-      derived_.computing = false;
-      derived_.computed.notify_all();
+      derived_.computingIn = 0;
+      signatures.ended->condition.notify_all();
     }
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
 
    private:
     Derived& derived_;
-    std::unique_lock<std::mutex>& lock_;
+    SignaturesHeld& lock_;
   };
 
   std::unique_ptr<const CompactCRL> compact;  // null where it was made of OpenSSL's object
-  std::mutex making;                          // of OpenSSL's object
-  std::mutex mutex;
-  std::condition_variable computed;
-  bool computing = false;
-  std::vector<Checked> checked;  // the key asked about last comes last
+  ForkMutex making;                           // of OpenSSL's object
+  unsigned int computingIn = 0;  // 0 for nowhere, otherwise the generation of the process and one
+  unsigned int checkedIn = signatures.lock.generation();  // of the process that has seen `checked`
+  std::vector<Checked> checked;                           // the key asked about last comes last
   std::size_t signatureChecks = 0;
-  std::once_flag criticalOnce;
+  ForkOnce criticalOnce;
   bool unhandledCritical = true;
-  std::once_flag formOnce;
+  ForkOnce formOnce;
   const char* brokenRule = "not looked at";
 };
 
@@ -200,6 +228,11 @@ bool CertificateRevocationList::issuedBy(const RefCertificate& issuer, bool name
 }
 
 std::optional<bool> CertificateRevocationList::Derived::remembered(EVP_PKEY* key) {
+  if (std::exchange(checkedIn, signatures.lock.generation()) < signatures.tornIn) {
+    static auto* const torn = new std::list<std::vector<Checked>>;  // as it is: not to be touched
+    torn->push_back(std::move(checked));
+    checked = std::vector<Checked>();
+  }
   auto known = std::find_if(checked.begin(), checked.end(),
                             [key](const Checked& entry) { return entry.key.get() == key; });
   if (known == checked.end()) {
@@ -215,7 +248,7 @@ std::optional<bool> CertificateRevocationList::Derived::remembered(EVP_PKEY* key
 std::optional<bool> CertificateRevocationList::rememberedSignature(EVP_PKEY* key) const {
   if (key == nullptr) return false;
   const ErrorScope errors;
-  const std::lock_guard<std::mutex> lock(derived_->mutex);
+  const SignaturesHeld lock(signatures.lock);
   return derived_->remembered(key);
 }
 
@@ -234,11 +267,11 @@ std::optional<bool> CertificateRevocationList::signatureBy(EVP_PKEY* key) const 
   constexpr std::chrono::milliseconds kPatience{10};
   if (key == nullptr) return false;
   const ErrorScope errors;
-  std::unique_lock<std::mutex> lock(derived_->mutex);
+  SignaturesHeld lock(signatures.lock);
   for (;;) {
     if (const std::optional<bool> known = derived_->remembered(key)) return known;
-    if (!derived_->computing) break;
-    derived_->computed.wait_for(lock, kPatience);
+    if (!derived_->isComputing()) break;
+    signatures.ended->condition.wait_for(lock, kPatience);
     lock.unlock();
     if (!VerificationRun::admitStep()) return std::nullopt;
     lock.lock();
@@ -254,18 +287,18 @@ std::optional<bool> CertificateRevocationList::signatureBy(EVP_PKEY* key) const 
 }
 
 std::size_t CertificateRevocationList::signatureChecks() const {
-  const std::lock_guard<std::mutex> lock(derived_->mutex);
+  const SignaturesHeld lock(signatures.lock);
   return derived_->signatureChecks;
 }
 
 bool CertificateRevocationList::hasUnhandledCriticalExtension() const {
-  std::call_once(derived_->criticalOnce,
-                 [this] { derived_->unhandledCritical = deriveUnhandledCritical(*this); });
+  derived_->criticalOnce.call(
+      [this] { derived_->unhandledCritical = deriveUnhandledCritical(*this); });
   return derived_->unhandledCritical;
 }
 
 const char* CertificateRevocationList::brokenRule() const {
-  std::call_once(derived_->formOnce, [this] { derived_->brokenRule = deriveBrokenRule(*this); });
+  derived_->formOnce.call([this] { derived_->brokenRule = deriveBrokenRule(*this); });
   return derived_->brokenRule;
 }
 
@@ -287,7 +320,7 @@ void CertificateRevocationList::writePEM(MediaOut& out) const {
 
 X509_CRL* CertificateRevocationList::native() const {
   if (X509_CRL* const made = crl_.get()) return made;
-  const std::lock_guard<std::mutex> lock(derived_->making);
+  const std::lock_guard<ForkMutex> lock(derived_->making);
   if (X509_CRL* const made = crl_.get()) return made;
   const ErrorScope errors;
   const Octets& octets = derived_->compact->octets();

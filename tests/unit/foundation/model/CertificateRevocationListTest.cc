@@ -1,4 +1,6 @@
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "support/Bulk.h"
+#include "support/ChildProcess.h"
 #include "support/Files.h"
 #include "support/Handles.h"
 #include "support/Pki.h"
@@ -11,6 +13,8 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
@@ -272,6 +276,39 @@ TEST(CertificateRevocationList, WritePEM_ToAFilePublishesIt) {
   FileMediaOut out(path);
   Pki::crlHandle({.issuer = &ca})->writePEM(out);
   EXPECT_FALSE(CertificateRevocationListFactory::read(File::Path(path)).empty());
+}
+
+// Whether it is true in a child, which may hang.
+template <class Work>
+bool holdsInForked(Work work) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(20);
+    ::_exit(work() ? 0 : 1);
+  }
+  return Pki::collect(child) == 0;
+}
+
+TEST(CertificateRevocationList, ForkedChild_RemembersWhatItsParentHasChecked) {
+  const Pki::Issued ca = Pki::issueCA("CN=CA");
+  const RefCertificateRevocationList crl = Pki::crlHandle({.issuer = &ca});
+  EXPECT_TRUE(crl->isSignedBy(ca.key.get()));
+  EXPECT_TRUE(
+      holdsInForked([&] { return crl->isSignedBy(ca.key.get()) && crl->signatureChecks() == 1; }));
+}
+
+TEST(CertificateRevocationList, ForkedWhileAThreadComputes_ChildComputesForItself) {
+  const Pki::Issued ca =
+      Pki::issue({.subject = "CN=CA", .ca = true, .keyKind = Pki::KeyKind::Ed25519});
+  // Long enough for a fork in the middle of it.
+  const std::string der = Pki::Bulk::crl(Pki::Bulk::extension(99, std::string(8'000'000, 'x')));
+  const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(
+      Buffer(der.data(), static_cast<unsigned int>(der.size()), false));
+  std::jthread computing([&] { crl->isSignedBy(ca.key.get()); });
+  while (crl->signatureChecks() == 0) std::this_thread::yield();
+  EXPECT_TRUE(holdsInForked([&] {
+    return !crl->isSignedBy(ca.key.get()) && crl->rememberedSignature(ca.key.get()) == false;
+  }));
 }
 
 }  // namespace
