@@ -43,7 +43,8 @@ FileStamp stampOf(const File::Path& path) {
   return stamp.value_or(FileStamp());
 }
 
-std::string_view textOf(const std::vector<unsigned char>& content) {
+template <class Content>
+std::string_view textOf(const Content& content) {
   return {reinterpret_cast<const char*>(content.data()), content.size()};
 }
 
@@ -86,7 +87,7 @@ RefCertificateRevocationList onlyCRL(const FirstCRLInFile& held) {
   return held.crl;
 }
 
-RefCertificateRevocationList onlyCRL(std::string_view content) {
+RefCertificateRevocationList onlyCRL(Octets content) {
   return onlyCRL(*contentIn<FirstCRLInFile>(content, {}, false));
 }
 
@@ -247,7 +248,7 @@ void lookInto(const File::Path& path, const Uri& uri, const RefCertificateRevoca
     const Stored judged = judge(Standing(crl), *held.standing(), since);
     if (judged == Stored::kStored) return;
     // That comes last, since most of the time what is there is older whoever signed it.
-    if (!hasSigned(key, onlyCRL(textOf(readFile(path))), uri)) return;
+    if (!hasSigned(key, onlyCRL(readOctets(path)), uri)) return;
     look.stored = judged;
     look.writes = false;
   }
@@ -272,7 +273,8 @@ Look lookAt(const File::Path& path, const Uri& uri, const RefCertificateRevocati
 
 std::optional<VerifiedCache::Entry> VerifiedCache::entryIn(std::string_view content,
                                                            const Uri& uri) {
-  return entryOf(*contentIn<FirstCRLInFile>(content, isFor(uri), false), uri);
+  Octets copy(octets(content), octets(content) + content.size());
+  return entryOf(*contentIn<FirstCRLInFile>(copy, isFor(uri), false), uri);
 }
 
 std::optional<VerifiedCache::Entry> VerifiedCache::read(const Uri& uri) const {
@@ -370,11 +372,11 @@ void VerifiedCache::visit(const std::function<void(const Listed&)>& seen) const 
   for (const CRLCache::CachedFile& file : CRLCache(directory_).files()) {
     Listed listed{.file = file.path.asString(), .size = file.size, .stored = file.created};
     try {
-      const std::vector<unsigned char> content = readFile(file.path);
+      Octets content = readOctets(file.path);
       const HashFileHeader header = HashFileHeader::parse(textOf(content));
       listed.uri = header.uri.value_or(std::string_view());
       listed.notes = notesIn(header);
-      listed.crl = onlyCRL(textOf(content));
+      listed.crl = onlyCRL(std::move(content));
     } catch (const Exception& failure) {
       listed.problem = failure.stringParameter();
     }

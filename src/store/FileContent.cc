@@ -1,5 +1,6 @@
 #include "store/FileContent.h"
 
+#include "foundation/model/CRLParts.h"
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
@@ -69,7 +70,17 @@ class CRLSink : public ObjectSink {
   bool wants(std::string_view label) const override { return isCRLLabel(label); }
 
   bool take(std::string_view /*label*/, const unsigned char* der, std::size_t length) override {
-    const RefCertificateRevocationList crl = decodeCRL(der, length);
+    return keep(decodeCRL(der, length), length);
+  }
+  bool takeOctets(std::string_view /*label*/, Octets& der) override {
+    const std::size_t length = der.size();
+    return keep(decodeCRL(der), length);
+  }
+
+  bool hasEnough() const override { return onlyFirst_; }
+
+ private:
+  bool keep(const RefCertificateRevocationList& crl, std::size_t length) {
     if (crl.empty()) return false;
     if (out_.crl.empty()) {
       out_.crl = crl;
@@ -78,9 +89,6 @@ class CRLSink : public ObjectSink {
     return true;
   }
 
-  bool hasEnough() const override { return onlyFirst_; }
-
- private:
   CRLInFile& out_;
   bool onlyFirst_;
 };
@@ -98,9 +106,9 @@ void FileContent::requireGood(const File::Path& path, const Origin& fileReader) 
   if (problem) fail(fileReader, named(path, *problem));
 }
 
-void CertificatesInFile::readObjects(std::string_view content, bool kept) {
+void CertificatesInFile::readObjects(Octets& content, bool kept) {
   CertificateSink sink(*this, kept);
-  PKX509::readObjects(octets(content), content.size(), sink);
+  PKX509::readObjects(content, sink);
 }
 
 void CertificatesInFile::appendTo(std::list<RefCertificate>& out) const {
@@ -119,13 +127,19 @@ std::size_t CertificatesInFile::memory() const noexcept {
          derSize * kPerOctetOfCertificates;
 }
 
-void CRLInFile::readObjects(std::string_view content, bool onlyFirst) {
+void CRLInFile::readObjects(Octets& content, bool onlyFirst) {
   CRLSink sink(*this, onlyFirst);
-  PKX509::readObjects(octets(content), content.size(), sink);
+  PKX509::readObjects(content, sink);
 }
 
 std::size_t CRLInFile::memory() const noexcept {
-  return sizeof *this + head.capacity() + (crl.empty() ? 0 : kPerCRL) + derSize * kPerOctetOfCRL;
+  std::size_t all = sizeof *this + head.capacity();
+  if (crl.empty()) return all;
+  const CompactCRL* const compact = CRLParts::compactOf(*crl.get());
+  all += kPerCRL + (compact == nullptr ? 0 : compact->memory());
+  // Somebody may have asked for OpenSSL's object meanwhile.
+  if (CRLParts::nativeOf(*crl.get()) != nullptr) all += derSize * kPerOctetOfCRL;
+  return all;
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -11,6 +11,7 @@
 #include "foundation/base/Fail.h"
 #include "foundation/base/FileReader.h"
 #include "foundation/base/FileStamp.h"
+#include "foundation/base/Octets.h"
 #include "foundation/filecache/FileObjects.h"
 #include "foundation/openssl/LibraryContext.h"
 #include "store/HashFileHeader.h"
@@ -51,7 +52,7 @@ struct CertificatesInFile : FileContent {
   };
 
   std::size_t memory() const noexcept override;
-  void readObjects(std::string_view content, bool kept);
+  void readObjects(Octets& content, bool kept);
   // One of the running verification is taken where it has the same octets.
   void appendTo(std::list<RefCertificate>& out) const;
 
@@ -67,30 +68,26 @@ struct CRLInFile : FileContent {
   std::size_t derSize = 0;
 
  protected:
-  void readObjects(std::string_view content, bool onlyFirst);
+  void readObjects(Octets& content, bool onlyFirst);
 };
 // Of which all has to be in order.
 struct WholeCRLInFile : CRLInFile {
-  void readObjects(std::string_view content, bool /*kept*/) {
-    CRLInFile::readObjects(content, false);
-  }
+  void readObjects(Octets& content, bool /*kept*/) { CRLInFile::readObjects(content, false); }
 };
 // Of which nobody looks at what stands behind the first CRL.
 struct FirstCRLInFile : CRLInFile {
-  void readObjects(std::string_view content, bool /*kept*/) {
-    CRLInFile::readObjects(content, true);
-  }
+  void readObjects(Octets& content, bool /*kept*/) { CRLInFile::readObjects(content, true); }
 };
 
 // Whether a file with that header is wanted; empty where each is.
 using IsWantedFile = std::function<bool(const HashFileHeader&)>;
 
-// What the content of a file is made into.
+// What the content of a file is made into, of which nothing may be left.
 template <class Content>
-std::shared_ptr<Content> contentIn(std::string_view content, const IsWantedFile& isWanted,
-                                   bool kept) {
+std::shared_ptr<Content> contentIn(Octets& content, const IsWantedFile& isWanted, bool kept) {
   const auto made = std::make_shared<Content>();
-  made->head = content.substr(0, HashFileHeader::parse(content).size);
+  const std::string_view text(reinterpret_cast<const char*>(content.data()), content.size());
+  made->head = text.substr(0, HashFileHeader::parse(text).size);
   if (isWanted && !isWanted(made->header())) return made;
   made->read = true;
   try {
@@ -109,14 +106,13 @@ template <class Content>
 std::shared_ptr<const Content> contentOf(const File::Path& path,
                                          const std::optional<FileStamp>& seen,
                                          const IsWantedFile& isWanted) {
-  const auto make = [&](const unsigned char* octets, std::size_t length, bool kept) {
-    const std::string_view text(reinterpret_cast<const char*>(octets), length);
-    return contentIn<Content>(text, isWanted, kept);
+  const auto make = [&](Octets& content, bool kept) {
+    return contentIn<Content>(content, isWanted, kept);
   };
   // Keys of certificates belong to the library context that is the thread's when they are decoded.
   if (!isGlobalLibraryContext()) {
-    const std::vector<unsigned char> octets = readFile(path);
-    return make(octets.data(), octets.size(), false);
+    Octets content = readOctets(path);
+    return make(content, false);
   }
   return FileObjects::get<Content>(path, seen, make, [&](const Content& known) {
     return known.read || (isWanted && !isWanted(known.header()));

@@ -268,11 +268,11 @@ bool FileObjects::isFileToKeep(const std::optional<FileStamp>& seen) noexcept {
 FileObjects::Read FileObjects::readFileInto(const File::Path& path, bool forAll,
                                             const MakeValue& make) {
   if (!forAll) {
-    const std::vector<unsigned char> content = readFile(path);
-    return {.value = make(content.data(), content.size(), false)};
+    Octets content = readOctets(path);
+    return {.value = make(content, false)};
   }
-  const FileRead file = readFileWithStamp(path);
-  Read read{.value = make(file.content.data(), file.content.size(), file.lasts)};
+  FileRead file = readFileWithStamp(path);
+  Read read{.value = make(file.content, file.lasts)};
   if (file.lasts) read.lasts = file.stamp;
   return read;
 }

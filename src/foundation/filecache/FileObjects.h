@@ -20,6 +20,7 @@
 #pragma once
 
 #include "foundation/base/FileStamp.h"
+#include "foundation/base/Octets.h"
 
 #include <velantrix/File.h>
 
@@ -27,6 +28,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <type_traits>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -55,7 +57,8 @@ class FileObjects {
   // the verification has fallen short then.
   //
   // @param seen  what `FileStamp::at()` has for the path in this look-up
-  // @param make  (const unsigned char* content, std::size_t length, bool kept) -> std::shared_ptr<const T>;
+  // @param make  (const unsigned char* content, std::size_t length, bool kept) -> std::shared_ptr<const T>,
+  //              or (Octets& content, bool kept), which may take them away;
   //              `kept` is false where it is for this caller alone. When it throws, nothing is kept: what is
   //              to be remembered of damaged files belongs into the T.
   // @param suits (const T&) -> bool: whether a T that was made for another will do
@@ -63,9 +66,13 @@ class FileObjects {
   template <class T, class Make, class Suits>
   static std::shared_ptr<const T> get(const File::Path& path, const std::optional<FileStamp>& seen,
                                       const Make& make, const Suits& suits) {
-    const MakeValue makeValue = [&make](const unsigned char* content, std::size_t length,
+    const MakeValue makeValue = [&make](Octets& content,
                                         bool kept) -> std::shared_ptr<const Value> {
-      return make(content, length, kept);
+      if constexpr (std::is_invocable_v<const Make&, Octets&, bool>) {
+        return make(content, kept);
+      } else {
+        return make(content.data(), content.size(), kept);
+      }
     };
     return std::static_pointer_cast<const T>(
         ask({&kKind<T>, path, seen, isFileToKeep(seen),
@@ -102,8 +109,7 @@ class FileObjects {
   template <class T>
   static inline char kKind = 0;
 
-  using MakeValue =
-      std::function<std::shared_ptr<const Value>(const unsigned char*, std::size_t, bool)>;
+  using MakeValue = std::function<std::shared_ptr<const Value>(Octets&, bool)>;
 
   struct Question {
     const void* kind;

@@ -171,11 +171,15 @@ void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink
   readObjects(data, length, nullptr, sink);
 }
 
+void readObjects(Octets& data, ObjectSink& sink) {
+  readObjects(data.data(), data.size(), &data, sink);
+}
+
 void readObjects(const File::Path& path, ObjectSink& sink, const Origin& origin,
                  unsigned int line) {
   Octets content = readOctets(path);
   try {
-    readObjects(content.data(), content.size(), &content, sink);
+    readObjects(content, sink);
   } catch (const Exception& e) {
     fail(origin, path.asString() + ": " + e.stringParameter(), line);
   }

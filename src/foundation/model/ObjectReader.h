@@ -46,6 +46,9 @@ class ObjectSink {
 ///         have taken some of the objects
 void readObjects(const unsigned char* data, std::size_t length, ObjectSink& sink);
 
+/// The same for octets that the sink may take away.
+void readObjects(Octets& data, ObjectSink& sink);
+
 /// The same for the content of a file.
 /// @throws Exception in the name of @p origin and with the caller's line when something in the file
 ///         cannot be read, and as `readFile()` when the file cannot be
