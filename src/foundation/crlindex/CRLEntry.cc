@@ -13,8 +13,8 @@ namespace {
 
 using namespace std::string_view_literals;
 
-constexpr std::string_view kCRLReason = "\x55\x1d\x15"sv;          // 2.5.29.21
-constexpr std::string_view kCertificateIssuer = "\x55\x1d\x1d"sv;  // 2.5.29.29
+constexpr std::string_view kReasonExtension = "\x55\x1d\x15"sv;  // 2.5.29.21
+constexpr std::string_view kIssuerExtension = "\x55\x1d\x1d"sv;  // 2.5.29.29
 
 // X.690, 8.3.2 and 8.19: the shortest form.
 bool isInteger(const DerElement& value) noexcept {
@@ -120,13 +120,13 @@ bool readExtension(const DerElement& extension, CRLEntry& entry) noexcept {
   if (critical && critical.text() != "\xff"sv) return false;
   const DerElement value = takeElement(kDerOctetString, position, extension.end);
   if (!value || position != extension.end) return false;
-  if (type.text() == kCertificateIssuer) {
+  if (type.text() == kIssuerExtension) {
     if (!entry.certificateIssuer.empty() || value.size() == 0) return false;
     entry.certificateIssuer = value.text();
     return true;
   }
   if (critical) entry.unhandledCritical = true;
-  return type.text() != kCRLReason || readReason(value.text(), entry);
+  return type.text() != kReasonExtension || readReason(value.text(), entry);
 }
 
 bool readExtensions(const DerElement& extensions, CRLEntry& entry) noexcept {
