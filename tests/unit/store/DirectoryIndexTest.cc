@@ -1,6 +1,7 @@
 #include "foundation/base/FileStamp.h"
 #include "store/DirectoryIndex.h"
 #include "support/Files.h"
+#include "unit/store/NamesIn.h"
 
 #include <pkx509/FileCache.h>
 
@@ -20,13 +21,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using Crypto::PKX509::DirectoryIndex;
-using Crypto::PKX509::DirectoryLook;
 using Crypto::PKX509::FileCache;
 using Crypto::PKX509::HashNames;
-
-HashNames namesIn(const std::string& directory, unsigned int number) {
-  return HashNames::in(directory, number, DirectoryLook::now(directory));
-}
 
 class DirectoryIndexTest : public testing::Test {
  protected:

@@ -1,6 +1,7 @@
 #include "foundation/run/VerificationRun.h"
 #include "store/HashNames.h"
 #include "support/Files.h"
+#include "unit/store/NamesIn.h"
 
 #include <velantrix/Exception.h>
 
@@ -19,10 +20,6 @@ namespace {
 using Crypto::PKX509::DirectoryLook;
 using Crypto::PKX509::HashNames;
 using Crypto::PKX509::VerificationRun;
-
-HashNames namesIn(const std::string& directory, unsigned int number) {
-  return HashNames::in(directory, number, DirectoryLook::now(directory));
-}
 
 TEST(HashNames, Number_Table) {
   const struct {

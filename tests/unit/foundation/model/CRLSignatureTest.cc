@@ -93,7 +93,7 @@ TEST(CRLSignature, SignedPartOfIndefiniteLength_IsWhatOpenSSLSays) {
   EXPECT_EQ(isCRLSignedBy(crl.get(), Pki::makeKey().get()), false);
 }
 
-RefCertificateRevocationList readCRL(const std::string& der) {
+RefCertificateRevocationList signedCRL(const std::string& der) {
   const RefCertificateRevocationList crl = CertificateRevocationListFactory::read(
       Buffer(der.data(), static_cast<unsigned int>(der.size()), false));
   EXPECT_NE(CRLParts::compactOf(*crl.get()), nullptr);
@@ -106,7 +106,7 @@ TEST(CRLSignature, CompactForm_IsWhatOpenSSLSays) {
     const Pki::Issued ca = Pki::issue({.subject = "CN=CA", .ca = true, .keyKind = kind});
     for (const std::size_t octets : {std::size_t{10}, kLong}) {
       for (const bool bad : {false, true}) {
-        const RefCertificateRevocationList crl = readCRL(
+        const RefCertificateRevocationList crl = signedCRL(
             Pki::der(Pki::makeCRL({.issuer = &ca,
                                    .revoked = {{.serial = 1, .extensions = {filler(octets)}}},
                                    .badSignature = bad})
@@ -131,7 +131,7 @@ TEST(CRLSignature, CompactFormWithAnotherAlgorithmInside_IsWhatOpenSSLSays) {
   for (const char last : {'\x02', '\x03'}) {
     other[inside + 7] = last;
     const std::string made = signedList(other, outer, ca);
-    EXPECT_EQ(readCRL(made)->isSignedBy(ca.key.get()),
+    EXPECT_EQ(signedCRL(made)->isSignedBy(ca.key.get()),
               X509_CRL_verify(Pki::crlFromDer(made).get(), ca.key.get()) == 1);
   }
 }
@@ -139,11 +139,11 @@ TEST(CRLSignature, CompactFormWithAnotherAlgorithmInside_IsWhatOpenSSLSays) {
 TEST(CRLSignature, StoppedInALongCRL_NothingIsKnownAndNothingRemembered) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
   const RefCertificateRevocationList crl = Pki::crlHandle(longOptions(ca));
-  const RefCertificateRevocationList compact = readCRL(Pki::der(
+  const RefCertificateRevocationList compact = signedCRL(Pki::der(
       Pki::makeCRL({.issuer = &ca, .revoked = {{.serial = 1, .extensions = {filler()}}}}).get()));
   const RefCertificateRevocationList shortOne = Pki::crlHandle({.issuer = &ca});
   const RefCertificateRevocationList shortCompact =
-      readCRL(Pki::der(Pki::makeCRL({.issuer = &ca}).get()));
+      signedCRL(Pki::der(Pki::makeCRL({.issuer = &ca}).get()));
   std::stop_source source;
   source.request_stop();
   {
