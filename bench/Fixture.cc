@@ -5,6 +5,8 @@
 #include <pkx509/ConformingVerifier.h>
 #include <pkx509/Verifier.h>
 
+#include <cstdio>
+
 namespace Velantrix::Bench {
 
 using namespace Crypto::PKX509;
@@ -30,7 +32,10 @@ Chain::Chain(Test::KeyKind kind, std::size_t crlEntries)
   Test::CRLOptions options{.issuer = &intermediate};
   options.revoked.reserve(crlEntries);
   for (std::size_t i = 0; i < crlEntries; ++i) {
-    options.revoked.push_back({.serial = static_cast<int>(i) + 1000});
+    // Entries of 38 octets, as in the long lists that there are: five of the serial number, and a reason.
+    char serial[16];
+    static_cast<void>(std::snprintf(serial, sizeof serial, "%010zX", 0x1000000000 + i * 7919));
+    options.revoked.push_back({.serial = serial, .reason = CRL_REASON_SUPERSEDED});
   }
   intermediateCRL = Test::makeCRL(options);
   leafDer = Test::der(leaf.get());
