@@ -493,7 +493,7 @@ TEST(LookupMethod, DirectQueries_HandOutBorrowedObjects) {
     const CRLWatch crlWatch;
     const Issued root = issueCA("CN=Root");
     const RefObject certificate(CertificateFactory()(x509.release(), true));
-    const RefObject crl(crlHandle({.issuer = &root}));
+    const RefObject crl(handle(makeCRL({.issuer = &root})));  // one object of OpenSSL's
     CRLWatch::freed() = 0;
 
     Source source;
