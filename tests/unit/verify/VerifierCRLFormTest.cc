@@ -14,7 +14,9 @@ enum class By { kVerifier, kConforming, kOpenSSL };
 class VerifierCRLForm : public testing::Test {
  protected:
   std::string verdict(By by, const Issued& leaf) {
-    const RefObjectStore store = world.store->clone();
+    RefObjectStore store = world.store->clone();
+    store->add(
+        RefObject(handle(inter)));  // as what came with a message, for the issuer of its CRLs
     Verifier classic(store, handle(leaf), stackOf({inter}), by == By::kOpenSSL);
     ConformingVerifier conforming(store, handle(leaf), stackOf({inter}));
     Verifier& verifier = by == By::kConforming ? conforming : classic;
