@@ -28,8 +28,8 @@ class BulkAllocator {
 
   T* allocate(std::size_t count) {
     if (!isLarge(count)) return std::allocator<T>().allocate(count);
-    void* const memory = std::aligned_alloc(kLargePage, count * sizeof(T));
-    if (memory == nullptr) throw std::bad_alloc();
+    void* memory = nullptr;
+    if (::posix_memalign(&memory, kLargePage, count * sizeof(T)) != 0) throw std::bad_alloc();
     static_cast<void>(::madvise(memory, count * sizeof(T), MADV_HUGEPAGE));  // a wish
     return static_cast<T*>(memory);
   }
