@@ -3,15 +3,19 @@
 #include "Fixture.h"
 #include "PeakMemory.h"
 
+#include <pkx509/FileCache.h>
 #include <velantrix/Buffer.h>
 #include <velantrix/File.h>
 
 #include <openssl/evp.h>
 
+#include <atomic>
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <map>
 #include <memory>
+#include <thread>
+#include <vector>
 
 namespace Velantrix::Bench {
 namespace {
@@ -152,6 +156,62 @@ void later(benchmark::State& state, int entries) {
   }
 }
 
+// What each mail costs where the CRL lies in a directory: a store of its own. The same with a few entries
+// is what it is held against.
+void inFreshStore(benchmark::State& state, int entries) {
+  const Chain& chain = crlOf(entries).chain;
+  settle(chain);
+  const LibraryChain objects(chain);
+  for (auto _ : state) {
+    if (!freshVerify(chain, objects, objects.leaf, libraryVerify)) {
+      state.SkipWithError("not valid");
+    }
+  }
+}
+
+// Threads that verify a few mails each, and nothing has been read before.
+void inFreshStores(benchmark::State& state, int entries, int threads, int mails) {
+  const Chain& chain = crlOf(entries).chain;
+  settle(chain);
+  std::atomic<bool> valid = true;
+  for (auto _ : state) {
+    FileCache::clear();
+    std::vector<std::jthread> all;
+    for (int i = 0; i < threads; ++i) {
+      all.emplace_back([&] {
+        const LibraryChain objects(chain);
+        for (int mail = 0; mail < mails; ++mail) {
+          if (!freshVerify(chain, objects, objects.leaf, libraryVerify)) valid = false;
+        }
+      });
+    }
+  }
+  state.counters["kept/size"] = static_cast<double>(FileCache::usage().bytes) /
+                                static_cast<double>(crlOf(entries).der.size());
+  if (!valid) state.SkipWithError("not valid");
+}
+
+void registerFresh(int entries) {
+  const std::string size = std::to_string(entries) + " entries";
+  const auto few = [](benchmark::State& state) { inFreshStore(state, 10); };
+  const auto many = [entries](benchmark::State& state) { inFreshStore(state, entries); };
+  benchmark::RegisterBenchmark(("CRL of " + size + ", fresh store/library").c_str(), many)
+      ->Repetitions(3);
+  benchmark::RegisterBenchmark(("CRL of " + size + ", fresh store/10 entries").c_str(), few)
+      ->Repetitions(3);
+  const auto one = [entries](benchmark::State& state) { inFreshStores(state, entries, 1, 1); };
+  const auto threads = [entries](benchmark::State& state) { inFreshStores(state, entries, 4, 8); };
+  benchmark::RegisterBenchmark(("CRL of " + size + ", 4 threads of 8 mails/library").c_str(),
+                               threads)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond)
+      ->Iterations(2);
+  benchmark::RegisterBenchmark(("CRL of " + size + ", 4 threads of 8 mails/one mail").c_str(), one)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond)
+      ->Iterations(2);
+}
+
 void registerFor(int entries) {
   const std::string size = std::to_string(entries) + " entries";
   const auto add = [entries](const std::string& name, void (*run)(benchmark::State&, int)) {
@@ -178,6 +238,7 @@ const bool kRegistered = [] {
   registerFor(1000);
   registerFor(100000);
   registerFor(1000000);
+  registerFresh(1000000);
   return true;
 }();
 

@@ -3,9 +3,13 @@
 #include "support/Handles.h"
 
 #include <pkx509/ConformingVerifier.h>
+#include <pkx509/HashDirLookup.h>
 #include <pkx509/Verifier.h>
 
+#include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <thread>
 
 namespace Velantrix::Bench {
 
@@ -49,7 +53,7 @@ LibraryChain::LibraryChain(const Chain& chain)
     : store(chain.directory.path().string(), X509_FILETYPE_PEM), leaf(Test::handle(chain.leaf)) {
   store->add(RefLookupMethod(new FoundCRLs));
   renewCRLs(chain);
-  const std::list<RefCertificate> intermediates{Test::handle(chain.intermediate)};
+  intermediates = {Test::handle(chain.intermediate)};
   store->add(intermediates);
   untrusted = RefStackOfCertificate(intermediates);
 }
@@ -58,6 +62,24 @@ void LibraryChain::renewCRLs(const Chain& chain) const {
   auto& found = static_cast<FoundCRLs&>(*store->methods().front());
   found.crls = {CertificateRevocationListFactory()(chain.rootCRL.get(), false),
                 CertificateRevocationListFactory()(chain.intermediateCRL.get(), false)};
+}
+
+void settle(const Chain& chain) {
+  namespace fs = std::filesystem;
+  for (const auto& file : fs::directory_iterator(chain.directory.path())) {
+    while (fs::file_time_type::clock::now() - file.last_write_time() < std::chrono::seconds(2)) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+  }
+}
+
+bool freshVerify(const Chain& chain, const LibraryChain& objects, const RefCertificate& leaf,
+                 Verify verify) {
+  const std::string directory = chain.directory.path().string();
+  RefObjectStore store(directory, X509_FILETYPE_PEM);
+  store->add(RefLookupMethod(new HashDirLookupMethod(directory)));
+  store->add(objects.intermediates);
+  return verify(store, leaf, objects.untrusted);
 }
 
 Owned<X509_STORE> openSSLStore(const Chain& chain) {

@@ -58,7 +58,19 @@ struct LibraryChain {
   Crypto::PKX509::RefObjectStore store;
   Crypto::PKX509::RefCertificate leaf;
   Crypto::PKX509::RefStackOfCertificate untrusted;
+  std::list<Crypto::PKX509::RefCertificate> intermediates;  // the same
 };
+
+// Waits until what is read of the chain's directory is kept, as where a daemon has it: its files have to be
+// there for two seconds.
+void settle(const Chain& chain);
+
+// One verification in a store of its own over the chain's directory.
+using Verify = bool (*)(const Crypto::PKX509::RefObjectStore& store,
+                        const Crypto::PKX509::RefCertificate& leaf,
+                        const Crypto::PKX509::RefStackOfCertificate& untrusted);
+bool freshVerify(const Chain& chain, const LibraryChain& objects,
+                 const Crypto::PKX509::RefCertificate& leaf, Verify verify);
 
 // An OpenSSL store with the same root and CRLs and the flags of the library's default
 // configuration.
@@ -68,9 +80,6 @@ Crypto::Owned<X509_STORE> openSSLStore(const Chain& chain);
 bool openSSLVerify(X509_STORE* store, X509* leaf, STACK_OF(X509) * untrusted);
 
 // One verification by the library, with the one verifier or the other.
-using Verify = bool (*)(const Crypto::PKX509::RefObjectStore& store,
-                        const Crypto::PKX509::RefCertificate& leaf,
-                        const Crypto::PKX509::RefStackOfCertificate& untrusted);
 bool libraryVerify(const Crypto::PKX509::RefObjectStore& store,
                    const Crypto::PKX509::RefCertificate& leaf,
                    const Crypto::PKX509::RefStackOfCertificate& untrusted);

@@ -6,15 +6,13 @@
 #include "support/Handles.h"
 
 #include <pkx509/FileCache.h>
-#include <pkx509/HashDirLookup.h>
 #include <velantrix/Buffer.h>
 #include <velantrix/CertificateFactory.h>
 
+#include <openssl/pem.h>
+
 #include <array>
 #include <benchmark/benchmark.h>
-#include <chrono>
-#include <filesystem>
-#include <thread>
 
 namespace Velantrix::Bench {
 namespace {
@@ -113,30 +111,39 @@ void foundOpenSSL(benchmark::State& state, Test::KeyKind kind) {
   }
 }
 
-// As a daemon has them: files that have been there for more than the two seconds in which nothing of them is
-// kept.
-const Chain& settledChainOf(Test::KeyKind kind) {
-  const Chain& chain = chainOf(kind);
-  namespace fs = std::filesystem;
-  for (const auto& file : fs::directory_iterator(chain.directory.path())) {
-    while (fs::file_time_type::clock::now() - file.last_write_time() < std::chrono::seconds(2)) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-  }
-  return chain;
-}
-
 // A store for each verification. What was read of the directory before is not read again.
 void freshVerifier(benchmark::State& state, Test::KeyKind kind, Verify verify) {
-  const Chain& chain = settledChainOf(kind);
+  const Chain& chain = chainOf(kind);
+  settle(chain);
   const LibraryChain objects(chain);
-  const std::list<RefCertificate> intermediates{Test::handle(chain.intermediate)};
-  const std::string directory = chain.directory.path().string();
   for (auto _ : state) {
-    RefObjectStore store(directory, X509_FILETYPE_PEM);
-    store->add(RefLookupMethod(new HashDirLookupMethod(directory)));
-    store->add(intermediates);
-    require(state, verify(store, objects.leaf, objects.untrusted));
+    require(state, freshVerify(chain, objects, objects.leaf, verify));
+  }
+}
+
+// The certificate is read too, as it came with a message.
+void freshVerifierOfPEM(benchmark::State& state, Test::KeyKind kind, Verify verify) {
+  const Chain& chain = chainOf(kind);
+  settle(chain);
+  const LibraryChain objects(chain);
+  const std::string pem = Test::pem(chain.leaf.get());
+  for (auto _ : state) {
+    std::list<RefCertificate> read;
+    CertificateFactory::read(Buffer(pem.data(), static_cast<unsigned int>(pem.size()), false),
+                             read);
+    require(state, freshVerify(chain, objects, read.front(), verify));
+  }
+}
+
+// OpenSSL with a store that has everything already.
+void keptOpenSSLOfPEM(benchmark::State& state, Test::KeyKind kind) {
+  const Chain& chain = chainOf(kind);
+  const Owned<X509_STORE> store = openSSLStore(chain);
+  const std::string pem = Test::pem(chain.leaf.get());
+  for (auto _ : state) {
+    const Owned<BIO> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    const Owned<X509> leaf(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+    require(state, openSSLVerify(store.get(), leaf.get(), chain.untrusted()));
   }
 }
 
@@ -234,6 +241,19 @@ BENCHMARK_CAPTURE(freshVerifier, p256_conforming_report, kP256, conformingReport
     ->Name("fresh store, P-256/conforming, report read");
 BENCHMARK_CAPTURE(freshOpenSSL, p256, kP256)->Name("fresh store, P-256/openssl");
 BENCHMARK_CAPTURE(floorOf, p256, kP256)->Name("fresh store, P-256/floor");
+BENCHMARK_CAPTURE(freshVerifierOfPEM, rsa, kRsa, libraryVerify)
+    ->Name("fresh store, leaf from PEM, RSA-2048/library");
+BENCHMARK_CAPTURE(freshVerifierOfPEM, rsa, kRsa, conformingVerify)
+    ->Name("fresh store, leaf from PEM, RSA-2048/conforming");
+BENCHMARK_CAPTURE(keptOpenSSLOfPEM, rsa, kRsa)
+    ->Name("fresh store, leaf from PEM, RSA-2048/openssl");
+BENCHMARK_CAPTURE(floorOf, rsa, kRsa)->Name("fresh store, leaf from PEM, RSA-2048/floor");
+BENCHMARK_CAPTURE(freshVerifierOfPEM, p256, kP256, libraryVerify)
+    ->Name("fresh store, leaf from PEM, P-256/library");
+BENCHMARK_CAPTURE(freshVerifierOfPEM, p256, kP256, conformingVerify)
+    ->Name("fresh store, leaf from PEM, P-256/conforming");
+BENCHMARK_CAPTURE(keptOpenSSLOfPEM, p256, kP256)->Name("fresh store, leaf from PEM, P-256/openssl");
+BENCHMARK_CAPTURE(floorOf, p256, kP256)->Name("fresh store, leaf from PEM, P-256/floor");
 BENCHMARK_CAPTURE(parsedVerifier, rsa, kRsa)->Name("leaf parsed, RSA-2048/library");
 BENCHMARK_CAPTURE(parsedOpenSSL, rsa, kRsa)->Name("leaf parsed, RSA-2048/openssl");
 BENCHMARK_CAPTURE(parsedVerifier, p256, kP256)->Name("leaf parsed, P-256/library");

@@ -43,8 +43,9 @@ class PKX509_EXPORT FileCache {
  public:
   static constexpr std::size_t kDefaultLimit = std::size_t{256} * 1024 * 1024;
 
-  /// How many bytes of memory what is kept may take, about: a parsed certificate takes some 7 KB, a CRL
-  /// seven times its DER. What was not used for longest makes way. With 0 nothing is kept.
+  /// How many bytes of memory what is kept may take, about: a parsed certificate takes some 7 KB, a CRL 1.2
+  /// times its DER, and seven times more once somebody has asked for OpenSSL's object of it. What was not
+  /// used for longest makes way. With 0 nothing is kept.
   static void limit(std::size_t bytes) noexcept;
   static std::size_t limit() noexcept;
 
