@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <string>
 
 namespace Velantrix {
 
@@ -13,6 +12,7 @@ namespace {
 constexpr std::size_t kMostOfLine = 200;
 constexpr std::size_t kMostBefore = std::size_t{16} * 1024;
 
+constexpr std::string_view kDashes = "-----";
 constexpr std::string_view kAlphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -52,24 +52,32 @@ bool isPlain(std::string_view line) noexcept {
                      [](char c) { return (c >= ' ' && c <= '~') || c == '\t'; });
 }
 
-// Passes what stands before the block, and its first line.
-bool takeBegin(std::string_view& text, std::string_view label) {
+// Moves behind what the text starts with, if it does.
+bool take(std::string_view& text, std::string_view start) noexcept {
+  if (!text.starts_with(start)) return false;
+  text.remove_prefix(start.size());
+  return true;
+}
+
+// Passes what stands before the block, and its first line. The label is one of these, or there is none.
+std::optional<std::string_view> takeBegin(std::string_view& text,
+                                          std::span<const std::string_view> labels) noexcept {
   const std::size_t before = text.size();
   while (before - text.size() <= kMostBefore) {
-    const std::optional<std::string_view> line = takeLine(text);
-    if (!line || !isPlain(*line)) return false;
-    if (line->starts_with("-----BEGIN ")) {
-      return *line == "-----BEGIN " + std::string(label) + "-----";
-    }
+    std::optional<std::string_view> line = takeLine(text);
+    if (!line || !isPlain(*line)) return std::nullopt;
+    if (!take(*line, "-----BEGIN ")) continue;
+    if (!line->ends_with(kDashes)) return std::nullopt;
+    line->remove_suffix(kDashes.size());
+    const auto found = std::find(labels.begin(), labels.end(), *line);
+    return found == labels.end() ? std::nullopt : std::optional(*found);
   }
-  return false;
+  return std::nullopt;
 }
 
 // The last line, which need not have an end.
-bool takeEnd(std::string_view& text, std::string_view label) {
-  const std::string end = "-----END " + std::string(label) + "-----";
-  if (!text.starts_with(end)) return false;
-  text.remove_prefix(end.size());
+bool takeEnd(std::string_view& text, std::string_view label) noexcept {
+  if (!take(text, "-----END ") || !take(text, label) || !take(text, kDashes)) return false;
   if (text.empty()) return true;
   if (text.starts_with('\r')) text.remove_prefix(1);
   if (!text.starts_with('\n')) return false;
@@ -145,13 +153,15 @@ bool decode(std::string_view lines, Octets& content) {
 
 }  // namespace
 
-std::optional<PemBlock> plainPemBlock(std::string_view text, std::string_view label) {
+std::optional<PemBlock> plainPemBlock(std::string_view text,
+                                      std::span<const std::string_view> labels) {
   std::string_view rest = text;
-  if (!takeBegin(rest, label)) return std::nullopt;
+  const std::optional<std::string_view> label = takeBegin(rest, labels);
+  if (!label) return std::nullopt;
   const std::string_view lines = rest.substr(0, rest.find('-'));
   rest.remove_prefix(lines.size());
-  PemBlock block;
-  if (!takeEnd(rest, label) || !decode(lines, block.content)) return std::nullopt;
+  PemBlock block{.label = *label, .content = {}, .size = 0};
+  if (!takeEnd(rest, *label) || !decode(lines, block.content)) return std::nullopt;
   block.size = text.size() - rest.size();
   return block;
 }

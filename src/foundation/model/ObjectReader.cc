@@ -12,7 +12,10 @@
 
 #include <new>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace Velantrix::Crypto::PKX509 {
 
@@ -77,9 +80,11 @@ class PemText {
   PemText(const unsigned char* data, std::size_t length)
       : rest_(reinterpret_cast<const char*>(data), length) {}
 
-  // The next block where it is a CRL in plain PEM: others are small, or for OpenSSL to judge.
-  std::optional<PemBlock> takeCRL() {
-    std::optional<PemBlock> block = plainPemBlock(rest_, PEM_STRING_X509_CRL);
+  bool isEmpty() const noexcept { return rest_.empty(); }
+
+  // The next block where it has one of the labels and is plain PEM; others are for OpenSSL to judge.
+  std::optional<PemBlock> takePlain(std::span<const std::string_view> labels) {
+    std::optional<PemBlock> block = plainPemBlock(rest_, labels);
     if (block) {
       rest_.remove_prefix(block->size);
       input_.reset();
@@ -104,7 +109,24 @@ class PemText {
   Owned<BIO> input_;  // of the rest; made anew when somebody else has read of it
 };
 
+// The labels of plain blocks that the sink wants. Keys are never among them: their octets would have to be
+// wiped.
+std::vector<std::string_view> plainLabels(const ObjectSink& sink) {
+  std::vector<std::string_view> labels;
+  for (const std::string_view label : {PEM_STRING_X509, PEM_STRING_X509_CRL}) {
+    if (sink.wants(label)) labels.push_back(label);
+  }
+  return labels;
+}
+
 // False when the sink has enough.
+bool readPlainBlock(PemBlock& block, ObjectSink& sink) {
+  if (sink.takeOctets(block.label, block.content)) return !sink.hasEnough();
+  sink.refuse("malformed " + std::string(block.label));
+  return true;
+}
+
+// The same.
 bool readBlock(const Block& block, ObjectSink& sink) {
   const std::string label = block.label;
   if (!sink.wants(label)) return true;
@@ -119,17 +141,12 @@ bool readBlock(const Block& block, ObjectSink& sink) {
 }
 
 void readPem(const unsigned char* data, std::size_t length, ObjectSink& sink) {
-  const std::string crl = PEM_STRING_X509_CRL;
-  const bool wantsCRLs = sink.wants(crl);
+  const std::vector<std::string_view> labels = plainLabels(sink);
   PemText text(data, length);
-  for (std::size_t blocks = 0;; ++blocks) {
+  for (std::size_t blocks = 0; blocks == 0 || !text.isEmpty(); ++blocks) {
     const ErrorScope errors;
-    if (std::optional<PemBlock> plain = wantsCRLs ? text.takeCRL() : std::nullopt) {
-      if (!sink.takeOctets(crl, plain->content)) {
-        sink.refuse("malformed " + crl);
-      } else if (sink.hasEnough()) {
-        return;
-      }
+    if (std::optional<PemBlock> plain = text.takePlain(labels)) {
+      if (!readPlainBlock(*plain, sink)) return;
       continue;
     }
     const MemoryCheck memory;

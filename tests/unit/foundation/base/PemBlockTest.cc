@@ -13,7 +13,8 @@ namespace {
 
 using namespace std::string_literals;
 
-constexpr char kLabel[] = "X509 CRL";
+constexpr std::string_view kLabel = "X509 CRL";
+constexpr std::string_view kLabels[] = {"X509 CRL", "CERTIFICATE REQUEST"};
 const std::string kBegin = "-----BEGIN X509 CRL-----\n";
 const std::string kEnd = "-----END X509 CRL-----\n";
 const std::string kLine = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ+/\n";
@@ -27,7 +28,7 @@ struct Read {
 };
 
 std::optional<Read> plain(const std::string& text) {
-  const std::optional<PemBlock> block = plainPemBlock(text, kLabel);
+  const std::optional<PemBlock> block = plainPemBlock(text, kLabels);
   if (!block) return std::nullopt;
   return Read{std::string(block->content.begin(), block->content.end()), block->size};
 }
@@ -43,7 +44,7 @@ std::optional<Read> byOpenSSL(const std::string& text) {
   const Crypto::OwnedMemory<char> labelOwner(label);
   const Crypto::OwnedMemory<char> headerOwner(header);
   const Crypto::OwnedMemory<unsigned char> contentOwner(content);
-  if (done != 1 || label != std::string(kLabel) || *header != '\0') return std::nullopt;
+  if (done != 1 || label != kLabel || *header != '\0') return std::nullopt;
   return Read{std::string(reinterpret_cast<const char*>(content), static_cast<std::size_t>(size)),
               text.size() - BIO_ctrl_pending(input.get())};
 }
@@ -66,6 +67,20 @@ TEST(PemBlock, PlainBlocks_AreReadAsOpenSSLReadsThem) {
   }
 }
 
+TEST(PemBlock, Block_HasTheLabelThatItStartsWith) {
+  const std::string request =
+      "-----BEGIN CERTIFICATE REQUEST-----\nQUJD\n-----END CERTIFICATE REQUEST-----\n";
+  const std::string crl = kBegin + "QQ==\n" + kEnd;
+  const std::optional<PemBlock> first = plainPemBlock(request + crl, kLabels);
+  ASSERT_TRUE(first.has_value());
+  EXPECT_EQ(first->label, "CERTIFICATE REQUEST");
+  EXPECT_EQ(first->size, request.size());
+  const std::optional<PemBlock> second = plainPemBlock(crl + request, kLabels);
+  ASSERT_TRUE(second.has_value());
+  EXPECT_EQ(second->label, "X509 CRL");
+  EXPECT_FALSE(plainPemBlock(crl, {}).has_value());
+}
+
 TEST(PemBlock, WhatSomeMayReadInAnotherWay_IsNotRead) {
   const std::string texts[] = {
       "",
@@ -76,6 +91,9 @@ TEST(PemBlock, WhatSomeMayReadInAnotherWay_IsNotRead) {
       kBegin + kLine + "-----END X509 CRL----",
       kBegin + kLine + "-----END X509 CRL----- \n",
       kBegin + kLine + "-----END CERTIFICATE-----\n",
+      kBegin + kLine + "-----END CERTIFICATE REQUEST-----\n",
+      "-----BEGIN X509 CRL\n" + kLine + kEnd,
+      "-----BEGIN X509 CRL CRL-----\n" + kLine + kEnd,
       kBegin + kLine + "\n" + kLine + kEnd,
       kBegin + "\n" + kLine + kEnd,
       kBegin + " " + kLine + kEnd,

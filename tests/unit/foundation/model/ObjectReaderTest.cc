@@ -147,6 +147,33 @@ TEST(ObjectReader, Unreadable_Throws) {
   }
 }
 
+// Plain blocks are decoded here, all others by OpenSSL; nobody sees which it was.
+TEST(ObjectReader, BlocksOfAnyForm_AreHandedOverInOrder) {
+  struct ObjectsOfTwoKinds : Sink {
+    bool wants(std::string_view label) const override {
+      return label == PEM_STRING_X509 || label == PEM_STRING_X509_CRL ||
+             label == PEM_STRING_X509_OLD;
+    }
+  };
+  const std::string certificate = block(PEM_STRING_X509, kOne);
+  const std::string crl = block(PEM_STRING_X509_CRL, kTwo);
+  std::string spaced = certificate;
+  spaced.insert(spaced.find("-----\n") + 5, " ");
+  const std::string input = certificate + "text\n" + spaced + crl + block("PRIVATE KEY", "x") +
+                            block(PEM_STRING_X509_OLD, kOne) + certificate + "text";
+  const std::string offered = "CERTIFICATE:" + kOne;
+  ObjectsOfTwoKinds sink;
+  read(input, sink);
+  EXPECT_EQ(sink.offered, (std::vector<std::string>{offered, offered, "X509 CRL:" + kTwo,
+                                                    "X509 CERTIFICATE:" + kOne, offered}));
+  ObjectsOfTwoKinds broken;
+  EXPECT_EQ(thrownBy(certificate + block(PEM_STRING_X509, "x"), broken), "malformed CERTIFICATE");
+  ObjectsOfTwoKinds first;
+  first.takesAll = false;
+  read(certificate + crl, first);
+  EXPECT_EQ(first.offered, std::vector<std::string>{offered});
+}
+
 // In DER input nothing says of what kind an element is.
 TEST(ObjectReader, DerThatTheSinkDoesNotTake_IsPassedOverWhenItIsSomethingKnown) {
   const std::string certificate = Pki::der(Pki::issue({}).get());
