@@ -40,18 +40,18 @@ namespace {
 static_assert(kGood == V_OCSP_CERTSTATUS_GOOD && kRevoked == V_OCSP_CERTSTATUS_REVOKED &&
               kNoAnswer == V_OCSP_CERTSTATUS_UNKNOWN);
 
-Revocation::Statement placedAt(const Uri& uri) {
+Revocation::Statement placedAt(const std::string& place) {
   Revocation::Statement answer;
   answer.kind = Revocation::Statement::Kind::kOCSP;
-  answer.from = {Revocation::Provenance::Kind::kNetwork, FetchRecord::placeOf(uri)};
+  answer.from = {Revocation::Provenance::Kind::kNetwork, place};
   return answer;
 }
 
-void setAside(const Uri& uri, Reason reason, std::string_view detail = {},
+void setAside(const std::string& place, Reason reason, std::string_view detail = {},
               Revocation::AboutSigner signer = {}) noexcept {
   OutcomeRecord::note([&](Revocation::Outcome& /*outcome*/) {
-    Revocation::Statement answer = placedAt(uri);
-    if (!signer.certificate.empty()) answer.issuer = signer.certificate->subject().asString();
+    Revocation::Statement answer = placedAt(place);
+    answer.responder = signer.certificate;
     OutcomeRecord::setAside(reason, answer, detail, std::move(signer));
   });
 }
@@ -61,13 +61,14 @@ std::optional<Time> timeOf(const ASN1::RefGeneralizedTime& time) {
 }
 
 // What an answer says that counts.
-void noteStatus(const Uri& uri, const RefCertificate& responder, const Response::Status& said) {
+void noteStatus(const std::string& place, const RefCertificate& responder,
+                const Response::Status& said) {
   if (said.status == V_OCSP_CERTSTATUS_UNKNOWN) {
-    return setAside(uri, Reason::kStatusUnknown, {}, {.certificate = responder});
+    return setAside(place, Reason::kStatusUnknown, {}, {.certificate = responder});
   }
   OutcomeRecord::note([&](Revocation::Outcome& outcome) {
-    Revocation::Statement answer = placedAt(uri);
-    if (!responder.empty()) answer.issuer = responder->subject().asString();
+    Revocation::Statement answer = placedAt(place);
+    answer.responder = responder;
     answer.thisUpdate = timeOf(said.thisUpdate);
     answer.nextUpdate = timeOf(said.nextUpdate);
     const bool revoked = said.status == V_OCSP_CERTSTATUS_REVOKED;
@@ -95,9 +96,9 @@ std::string header(const Uri& uri, std::size_t length) {
          std::to_string(length) + "\r\n\r\n";
 }
 
-SourceUse useOf(const Uri& uri) {
+SourceUse useOf(const std::string& place) {
   return SourceUse(SourceRecord::Source::Kind::kOCSPResponder,
-                   SourceRecord::Source::Wanted::kAnswer, FetchRecord::placeOf(uri));
+                   SourceRecord::Source::Wanted::kAnswer, place);
 }
 
 HTTP::RefStream streamFor(const Uri& uri, SourceUse& use) {
@@ -111,8 +112,8 @@ HTTP::RefStream streamFor(const Uri& uri, SourceUse& use) {
 
 // True when there is an answer, whatever it is.
 bool exchange(HTTP::RefConnection& connection, const std::string& header, const LW::RefBuffer& body,
-              const Uri& uri) {
-  SourceUse use = useOf(uri);
+              const std::string& place) {
+  SourceUse use = useOf(place);
   connection->send(header);
   connection->send(body);
   const bool complete = connection->receive() == HTTP::Connection::kComplete;
@@ -174,6 +175,7 @@ struct Client::State {
     }
   }
 
+  std::string place = {};  // of the responder, as reports have it
   Evidence evidence = {};
   Time asked = {};
   RefCertificate certificate = {};  // none of a connection
@@ -202,12 +204,13 @@ bool Client::connect(const Uri& responder) {
 bool Client::connectTo(const Uri& responder) {
   if (uri.isNull() || uri != responder) {
     uri = responder;
+    state->place = FetchRecord::placeOf(uri);
     if (!connection.empty()) {
       connection->disconnect();
       connection = HTTP::RefConnection();
     }
   }
-  SourceUse use = useOf(uri);
+  SourceUse use = useOf(state->place);
   if (connection.empty()) {
     if (!HTTP::isHandled(uri)) {
       use.refused(notSpoken(uri));
@@ -235,7 +238,7 @@ bool Client::connectTo(const Uri& responder) {
   } else {
     if (!connection.empty()) tellFailure(use, connection->failure());
     log(kPriorityInfo, "OCSP::Client: Could not connect to uri: " + uri.asString());
-    setAside(uri, Reason::kNoAnswer, "could not connect");
+    setAside(state->place, Reason::kNoAnswer, "could not connect");
   }
   return connected;
 }
@@ -279,7 +282,7 @@ int Client::ask(const RefCertificate& certificate, bool& issuerKnown) {
     } catch (const Exception& failure) {
       // The line has always gone out without its text.
       logMisplaced("OCSP::Client::isRevoked: Caught " + failure.asString());
-      setAside(uri, Reason::kMalformed, failure.asString());
+      setAside(state->place, Reason::kMalformed, failure.asString());
       return kNoAnswer;
     }
   }
@@ -295,15 +298,15 @@ int Client::query(const RefCertificate& certificate, const RefCertificate& issue
   const Request request(certificate, issuer);
   const LW::RefBuffer& pdu = request.pdu();
   if (pdu->length() == 0) return kNoAnswer;
-  if (!exchange(connection, header(uri, pdu->length()), pdu, uri)) {
+  if (!exchange(connection, header(uri, pdu->length()), pdu, state->place)) {
     log(kPriorityInfo, certificateText(certificate) + " : No data from OCSP server.");
-    setAside(uri, Reason::kNoAnswer, "no data");
+    setAside(state->place, Reason::kNoAnswer, "no data");
     return kNoAnswer;
   }
   const Response response(connection->content());
   if (response.status() != OCSP_RESPONSE_STATUS_SUCCESSFUL) {
     log(kPriorityInfo, certificateText(certificate) + " : Invalid response from OCSP server.");
-    setAside(uri, Reason::kNotSuccessful, OCSP_response_status_str(response.status()));
+    setAside(state->place, Reason::kNotSuccessful, OCSP_response_status_str(response.status()));
     return kNoAnswer;
   }
 
@@ -312,7 +315,7 @@ int Client::query(const RefCertificate& certificate, const RefCertificate& issue
   // 4.4.1: the nonce is that of the request. An answer without one passes: it is meant so.
   if (!basic.matches(request)) {
     log(kPriorityDebug, "OCSP::Client. OCSP Response does not match the request");
-    setAside(uri, Reason::kOtherNonce);
+    setAside(state->place, Reason::kOtherNonce);
     return kNoAnswer;
   }
   RefCertificate responder;
@@ -321,7 +324,7 @@ int Client::query(const RefCertificate& certificate, const RefCertificate& issue
   // counts as good: it is meant so. So it is that thisUpdate and nextUpdate, 3.2, 5 and 6, are not
   // compared with the clock.
   const Response::Status status = response.find(basic, request.id());
-  noteStatus(uri, responder, status);
+  noteStatus(state->place, responder, status);
   if (status.status == V_OCSP_CERTSTATUS_REVOKED) {
     logMisplaced(certificateText(certificate) +
                  " is revoked: " + OCSP_crl_reason_str(status.reason));
@@ -338,7 +341,7 @@ int Client::isSignatureValid(const Response& /*response*/, const BasicResponse& 
 int Client::judge(const BasicResponse& basic, RefCertificate& responder) {
   OCSP_BASICRESP* const native = basic;
   if (native == nullptr) {
-    setAside(uri, Reason::kMalformed, "there is no basic response in it");
+    setAside(state->place, Reason::kMalformed, "there is no basic response in it");
     return kNoAnswer;
   }
 
@@ -355,7 +358,7 @@ int Client::judge(const BasicResponse& basic, RefCertificate& responder) {
     fail({"Client::isSignatureValid", "OCSP"}, "OCSP response identifier not supported: -1");
   }
   if (responder.empty()) {
-    setAside(uri, Reason::kSignerUnknown);
+    setAside(state->place, Reason::kSignerUnknown);
     return kResponderUnknown;
   }
 
@@ -369,7 +372,7 @@ int Client::judge(const BasicResponse& basic, RefCertificate& responder) {
     log(kPriorityInfo, "OCSP::Client: Could not validate Responder's certificate.");
     const std::shared_ptr<const LeftBehind> left = OutcomeRecord::take();
     if (left != nullptr) state->take(left->evidence.sources);
-    setAside(uri, reasonAgainstSigner(left.get()), {},
+    setAside(state->place, reasonAgainstSigner(left.get()), {},
              {.certificate = responder, .verification = left});
     return kResponderNotValid;
   }
@@ -381,7 +384,7 @@ int Client::judge(const BasicResponse& basic, RefCertificate& responder) {
                        OCSP_resp_get0_signature(native), OCSP_resp_get0_respdata(native),
                        key->keyData()) < 1) {
     log(kPriorityInfo, "OCSP::Client: Response Signature check failed.");
-    setAside(uri, Reason::kWrongSignature, {}, {.certificate = responder});
+    setAside(state->place, Reason::kWrongSignature, {}, {.certificate = responder});
     return kSignatureWrong;
   }
   return kGood;

@@ -251,13 +251,17 @@ void addScope(FindingMaker& maker, const CertificateRevocationList& crl,
   }
 }
 
+std::string issuerOf(const Statement& statement) {
+  return statement.responder.empty() ? statement.issuer : statement.responder->subject().asString();
+}
+
 void addStatement(FindingMaker& maker, const Statement& statement, const ObjectOrigins& origins) {
   const Origin origin = originOf(statement, origins);
   if (!statement.crl.empty()) {
     maker.add(statement.crl);
   } else {
     const bool isOCSP = statement.kind == Statement::Kind::kOCSP;
-    maker.add(isOCSP ? DetailName::kResponder : DetailName::kCRLIssuer, statement.issuer);
+    maker.add(isOCSP ? DetailName::kResponder : DetailName::kCRLIssuer, issuerOf(statement));
     maker.add(DetailName::kCRLNumber, statement.number);
     maker.add(DetailName::kThisUpdate, statement.thisUpdate);
     maker.add(DetailName::kNextUpdate, statement.nextUpdate);
@@ -727,7 +731,8 @@ Result resultOf(const Revocation::Outcome& outcome, const ObjectOrigins& origins
     said.origin = originOf(one, origins);
     said.thisUpdate = thisUpdateOf(one);
     said.nextUpdate = nextUpdateOf(one);
-    said.issuer = reportText(one.issuer);
+    said.issuer =
+        one.responder.empty() ? reportText(one.issuer) : texts.of(one.responder->subject());
     said.number = reportText(one.number);
     if (!one.crl.empty()) {
       said.issuer = texts.of(one.crl->crlInfo().issuer());

@@ -61,6 +61,8 @@ struct Statement {
 
   Kind kind = Kind::kCRL;
   std::string issuer = {};  // or the responder, by its name or the hash of its key
+  // Of who signed an OCSP answer, where that is known; then it says what stands before, which is left out.
+  RefCertificate responder = {};
   std::string number = {};  // of a CRL
   std::optional<Time> thisUpdate = {};
   std::optional<Time> nextUpdate = {};

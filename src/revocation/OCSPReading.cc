@@ -106,7 +106,7 @@ bool takeSigner(const OCSPSigner& signer, OCSPReading& reading) {
     }
     return refuse(reading, *signer.refused, "");
   }
-  reading.statement.issuer = signer.certificate->subject().asString();
+  reading.statement.responder = signer.certificate;
   if (!signer.isDelegate) return true;
   reading.delegate = signer.certificate;
   reading.delegateNeedsNoCheck = hasNoCheck(signer.certificate);
@@ -147,7 +147,7 @@ bool OCSPQuestion::accept(const std::string& body, const RevocationSettings& set
   if (message.refused) return refuse(reading, *message.refused, message.detail);
   OCSP_BASICRESP* const basic = message.basic.get();
   const bool accepted = accept(basic, settings, moment, reading);
-  if (!accepted && reading.statement.issuer.empty()) {
+  if (!accepted && reading.statement.responder.empty()) {
     reading.statement.issuer = namedResponder(basic);
   }
   return accepted;

@@ -3,7 +3,15 @@
 #include "foundation/base/Hex.h"
 #include "foundation/base/Utf8.h"
 
+#include <algorithm>
+
 namespace Velantrix {
+
+namespace {
+
+constexpr bool isPrintableAscii(char c) noexcept { return c >= ' ' && c <= '~'; }
+
+}  // namespace
 
 std::string_view cutText(std::string_view text, std::size_t limit) noexcept {
   if (text.size() <= limit) return text;
@@ -19,8 +27,14 @@ std::string_view cutText(std::string_view text, std::size_t limit) noexcept {
 }
 
 std::string escapeControls(std::string_view text, std::size_t limit) {
+  // Most texts are nothing but printable ASCII.
+  const std::size_t plain = static_cast<std::size_t>(
+      std::find_if_not(text.begin(), text.end(), isPrintableAscii) - text.begin());
+  if (plain >= std::min(text.size(), limit)) return std::string(text.substr(0, limit));
   std::string out;
   out.reserve(text.size() < limit ? text.size() : limit);
+  out = text.substr(0, plain);
+  text.remove_prefix(plain);
   while (!text.empty()) {
     const Utf8Character character = firstUtf8Character(text);
     const bool unfit = character.value && isUnfitToShow(*character.value);

@@ -34,7 +34,7 @@ TEST(OCSPReading, Evidence_IsSignersNameTimesAndOrigin) {
   EXPECT_EQ(wordFor(reading), "good");
   EXPECT_EQ(reading.detail, "");
   EXPECT_EQ(reading.statement.kind, Statement::Kind::kOCSP);
-  EXPECT_EQ(reading.statement.issuer, "CN=CA");
+  EXPECT_EQ(reading.statement.responder, handle(world.ca));
   EXPECT_EQ(reading.statement.thisUpdate, Time::then(1709208000, true));
   EXPECT_EQ(reading.statement.nextUpdate, Time::then(253370764800, true));
   EXPECT_EQ(reading.statement.from.kind, Provenance::Kind::kNetwork);
@@ -53,7 +53,7 @@ TEST(OCSPReading, EvidenceOfWhatIsRefused_IsWhatIsKnown) {
   EXPECT_EQ(wordFor(expired), "expired");
   EXPECT_NE(expired.detail, "");
   EXPECT_EQ(expired.statement.kind, Statement::Kind::kOCSP);
-  EXPECT_EQ(expired.statement.issuer, "CN=CA");
+  EXPECT_EQ(expired.statement.responder, handle(world.ca));
   EXPECT_EQ(expired.statement.nextUpdate, Time::then(1709208000, true));
 
   const OCSPReading later = world.read({.status = OCSP_RESPONSE_STATUS_TRYLATER});
@@ -87,7 +87,7 @@ TEST(OCSPReading, ResponderOfWhatIsRefused_IsAsItNamesItself) {
       world.read({.signer = &world.ca, .producedAt = When(std::chrono::hours(48))});
   EXPECT_EQ(wordFor(early), "not yet valid");
   EXPECT_GT(*early.statement.producedAt, world.moment.now);
-  EXPECT_EQ(early.statement.issuer, "CN=CA");
+  EXPECT_EQ(early.statement.responder, handle(world.ca));
 }
 
 // RFC 6960, 4.4.1; RFC 8954, 2.1

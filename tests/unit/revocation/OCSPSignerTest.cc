@@ -34,7 +34,7 @@ TEST(OCSPSigner, CAItself_MayAnswer) {
           world.read({.signer = &world.ca, .byKey = byKey, .certificates = sent});
       EXPECT_EQ(wordFor(reading), "good");
       EXPECT_TRUE(reading.delegate.empty());
-      EXPECT_EQ(reading.statement.issuer, "CN=CA");
+      EXPECT_EQ(reading.statement.responder->subject().asString(), "CN=CA");
     }
   }
 }
@@ -46,7 +46,7 @@ TEST(OCSPSigner, Delegate_MayAnswerAndIsHandedOn) {
     const OCSPReading reading = world.read({.signer = &signer, .byKey = byKey});
     EXPECT_EQ(wordFor(reading), "good");
     EXPECT_EQ(reading.delegate, handle(signer));
-    EXPECT_EQ(reading.statement.issuer, "CN=Responder");
+    EXPECT_EQ(reading.statement.responder->subject().asString(), "CN=Responder");
     EXPECT_FALSE(reading.delegateNeedsNoCheck);
   }
 }
@@ -229,7 +229,7 @@ TEST(OCSPSigner, ConfiguredResponder_MayAnswerAboutAnyCertificate) {
           world.read({.signer = &responder, .byKey = byKey, .certificates = sent});
       EXPECT_EQ(wordFor(reading), "good");
       EXPECT_TRUE(reading.delegate.empty());
-      EXPECT_EQ(reading.statement.issuer, "CN=Ours");
+      EXPECT_EQ(reading.statement.responder->subject().asString(), "CN=Ours");
     }
   }
   EXPECT_EQ(world.verdict({.signer = &responder, .badSignature = true}), "wrong signature");

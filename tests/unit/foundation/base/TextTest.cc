@@ -41,6 +41,7 @@ TEST(Text, CutText_Limit_NeverSplitsACharacter) {
 TEST(Text, EscapeControls_AnyControl_IsWrittenAsHex) {
   EXPECT_EQ(escapeControls("a\nb\r\x01\x1f\x7f z\0y"s, 100), "a\\0Ab\\0D\\01\\1F\\7F z\\00y");
   EXPECT_EQ(escapeControls("\u00fc \\ ~", 100), "\u00fc \\ ~");
+  EXPECT_EQ(escapeControls("ab~\x7f", 100), "ab~\\7F");
 }
 
 TEST(Text, EscapeControls_WhatHidesOrReorders_IsWrittenAsHexOctetByOctet) {
@@ -63,6 +64,10 @@ TEST(Text, EscapeControls_Limit_SplitsNeitherEscapeNorCharacter) {
       {"character does not fit", "ab\u00e4", 3, "ab"},
       {"escape at the limit", "\u00e4\n", 2, "\u00e4"},
       {"exact", "abc", 3, "abc"},
+      {"nothing", "", 0, ""},
+      {"plain", "abcd", 3, "abc"},
+      {"plain before an escape", "abcd\n", 3, "abc"},
+      {"plain up to an escape", "abcd\n", 4, "abcd"},
       {"escapes of one character fit", "a\u200b", 10, "a\\E2\\80\\8B"},
       {"escapes of one character do not fit", "a\u200b", 9, "a"},
   };
