@@ -1,6 +1,8 @@
 // Threads that look up what other threads of the process have read, while the files change in every way that
 // files can change. With PKX509_FILE_CHANGES_SECONDS in the environment it lasts as long as that says.
 #include "foundation/base/FileStamp.h"
+#include "foundation/openssl/OpenSSLOwners.h"
+#include "store/SharedDirectoryLookup.h"
 #include "support/Files.h"
 #include "support/Handles.h"
 #include "support/Pki.h"
@@ -8,7 +10,10 @@
 
 #include <pkx509/FileCache.h>
 #include <pkx509/HashDirLookup.h>
+#include <velantrix/CertificateFactory.h>
 #include <velantrix/Exception.h>
+
+#include <openssl/x509_vfy.h>
 
 #include <array>
 #include <atomic>
@@ -154,7 +159,16 @@ class ChangingCRL : public ChangingFile {
 class ChangingCertificate : public ChangingFile {
  public:
   explicit ChangingCertificate(const TempDir& directory)
-      : ChangingFile(directory / hashName(leafOf("40000000").get())), method_(directory.string()) {}
+      : ChangingFile(directory / hashName(leafOf("40000000").get())) {}
+
+ protected:
+  static const DistinguishedName& name() {
+    static const DistinguishedName made = handle(leafOf("40000000"))->subject();
+    return made;
+  }
+  static int numberOfCertificate(const RefCertificate& found) {
+    return found->issuedBy(handle(authority()), false) ? numberOf(found->serialNumber()) : kNothing;
+  }
 
  private:
   static Issued leafOf(const std::string& serial) {
@@ -164,15 +178,44 @@ class ChangingCertificate : public ChangingFile {
                   .key = authority().key});
   }
   std::string stateOf(int number) const override { return pem(leafOf(serialOf(number)).get()); }
+};
+
+// Found by a lookup method that lasts.
+class KnownCertificate : public ChangingCertificate {
+ public:
+  explicit KnownCertificate(const TempDir& directory)
+      : ChangingCertificate(directory), method_(directory.string()) {}
+
+ private:
   int look() const override {
-    static const DistinguishedName name = handle(leafOf("40000000"))->subject();
     std::list<RefCertificate> found;
-    method_.getBySubject(name, found);
-    if (found.size() != 1 || !found.front()->issuedBy(handle(authority()), false)) return kNothing;
-    return numberOf(found.front()->serialNumber());
+    method_.getBySubject(name(), found);
+    return found.size() == 1 ? numberOfCertificate(found.front()) : kNothing;
   }
 
   mutable HashDirLookupMethod method_;
+};
+
+// Found in a trust directory by a store that is made for it, as for each message.
+class TrustedCertificate : public ChangingCertificate {
+ public:
+  explicit TrustedCertificate(const TempDir& directory)
+      : ChangingCertificate(directory), directory_(directory.string()) {}
+
+ private:
+  int look() const override {
+    const Crypto::ErrorScope errors;
+    const Crypto::Owned<X509_STORE> store(X509_STORE_new());
+    if (addDirectories(store.get(), directory_, X509_FILETYPE_PEM) != 1) return kNothing;
+    const Crypto::Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
+    if (X509_STORE_CTX_init(context.get(), store.get(), nullptr, nullptr) != 1) return kNothing;
+    const Crypto::Owned<X509_OBJECT> found(
+        X509_STORE_CTX_get_obj_by_subject(context.get(), X509_LU_X509, name().native()));
+    if (found == nullptr) return kNothing;
+    return numberOfCertificate(CertificateFactory()(X509_OBJECT_get0_X509(found.get()), false));
+  }
+
+  std::string directory_;
 };
 
 std::chrono::milliseconds duration() {
@@ -183,39 +226,38 @@ std::chrono::milliseconds duration() {
 
 TEST(FileChanges, TenThreadsLookUpMeanwhile_EachFindsWhatIsOrWasThere) {
   const TempDir directory;
+  const TempDir trustDirectory;
   ChangingCRL crl(directory);
-  ChangingCertificate certificate(directory);
+  KnownCertificate known(directory);
+  TrustedCertificate trusted(trustDirectory);
+  ChangingFile* const files[] = {&crl, &known, &trusted};
   std::mt19937 random(4711);
   FileCache::clear();
   // The two seconds of coarse clocks at fifty times the speed: a tick of 20 ms, and what is 40 ms old is
   // settled.
   const CoarseStamps coarse(20ms);
   const StampClockAhead ahead(1960ms);
-  for (ChangingFile* const file :
-       {static_cast<ChangingFile*>(&crl), static_cast<ChangingFile*>(&certificate)}) {
-    file->change(random);
-  }
+  for (ChangingFile* const file : files) file->change(random);
   const auto end = std::chrono::steady_clock::now() + duration();
   std::atomic<std::size_t> kept = 0;
   onThreads(11, [&](int thread) {
     while (std::chrono::steady_clock::now() < end) {
       if (thread > 0) {
-        crl.check();
-        certificate.check();
+        for (ChangingFile* const file : files) file->check();
         kept = std::max<std::size_t>(kept, FileCache::usage().files);
         std::this_thread::sleep_for(1ms);
         continue;
       }
       // Several times within a tick, or after it has been left alone.
       for (auto times = random() % 4 + 1; times > 0; --times) {
-        crl.change(random);
-        certificate.change(random);
+        for (ChangingFile* const file : files) file->change(random);
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(random() % 100));
     }
   });
-  EXPECT_EQ(crl.unexplained, 0) << "of " << crl.looks;
-  EXPECT_EQ(certificate.unexplained, 0) << "of " << certificate.looks;
+  for (const ChangingFile* const file : files) {
+    EXPECT_EQ(file->unexplained, 0) << "of " << file->looks << " at " << file->done << " states";
+  }
   EXPECT_GT(kept, 0U);
   FileCache::clear();
 }
