@@ -5,13 +5,12 @@
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "foundation/run/VerificationRun.h"
+#include "store/LastingCertificate.h"
 
 #include <velantrix/CertificateFactory.h>
 
 #include <openssl/pem.h>
-#include <openssl/x509v3.h>
 
-#include <cstdint>
 #include <limits>
 #include <utility>
 
@@ -29,14 +28,6 @@ std::string named(const File::Path& path, const Exception& problem) {
   return path.asString() + ": " + problem.stringParameter();
 }
 
-// What OpenSSL could not make sense of it may have had no memory for.
-bool isWhole(const RefCertificate& certificate) {
-  const ErrorScope errors;
-  const std::uint32_t doubts = EXFLAG_INVALID | EXFLAG_NO_FINGERPRINT;
-  return (X509_get_extension_flags(certificate) & doubts) == 0 &&
-         X509_get0_pubkey(certificate) != nullptr;
-}
-
 class CertificateSink : public ObjectSink {
  public:
   CertificateSink(CertificatesInFile& out, bool kept) : out_(out), kept_(kept) {}
@@ -52,7 +43,8 @@ class CertificateSink : public ObjectSink {
       const bool hasSettings = label == PEM_STRING_X509_TRUSTED;
       if (!hasSettings) one.der.assign(reinterpret_cast<const char*>(der), length);
       out_.derSize += length;
-      out_.lasts = out_.lasts && isWhole(one.certificate);
+      const ErrorScope errors;
+      out_.lasts = isLasting(one.certificate) && out_.lasts;
     }
     out_.certificates.push_back(std::move(one));
     return true;

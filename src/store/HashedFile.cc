@@ -3,6 +3,7 @@
 #include "foundation/base/FileReader.h"
 #include "foundation/base/FileStamp.h"
 #include "foundation/openssl/LibraryContext.h"
+#include "store/LastingCertificate.h"
 
 #include <velantrix/Exception.h>
 
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <optional>
 #include <utility>
 
@@ -94,7 +96,10 @@ HashedContent::HashedContent(const unsigned char* octets, std::size_t length, Ki
   if (stream == nullptr) return;
   whole = kind == Kind::kCRLs ? readAll(stream.get(), fileType, crls)
                               : readAll(stream.get(), fileType, certificates);
-  memory_ += memoryOf(certificates) + memoryOf(crls);
+  bool last = true;
+  for (const Owned<X509>& certificate : certificates) last = isLasting(certificate.get()) && last;
+  memory_ = last ? sizeof *this + memoryOf(certificates) + memoryOf(crls)
+                 : std::numeric_limits<std::size_t>::max();
 }
 
 bool HashedContent::has(const X509_NAME* name) const {

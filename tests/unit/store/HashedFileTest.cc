@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <limits>
 #include <string>
 #include <sys/stat.h>
 
@@ -97,6 +98,16 @@ TEST_F(HashedFileTest, Memory_IsThatOfItsObjects) {
   EXPECT_GT(one, 5 * der(ca.get()).size());
   write(pem(ca.get()) + pem(ca.get()));
   EXPECT_GT(read().content->memory(), one + 5 * der(ca.get()).size());
+}
+
+// OpenSSL notes in the object that it could not read all of it, be it for want of memory.
+TEST_F(HashedFileTest, CertificateThatIsNotUnderstood_IsHandedOutAndNotKept) {
+  const Issued broken = issue({.rawExtensions = {{.oid = "2.5.29.30", .der = "x"}}});
+  write(pem(broken.get()) + pem(issueCA("CN=A").get()));
+  const HashedFile file = read();
+  EXPECT_EQ(file.state, State::kWhole);
+  EXPECT_EQ(file.content->certificates.size(), 2U);
+  EXPECT_EQ(file.content->memory(), std::numeric_limits<std::size_t>::max());
 }
 
 }  // namespace
