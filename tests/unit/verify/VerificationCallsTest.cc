@@ -2,14 +2,11 @@
 // new: the files are looked at, not read.
 #include "foundation/base/FileStamp.h"
 #include "support/Cost.h"
-#include "support/Files.h"
-#include "support/Handles.h"
-#include "support/Pki.h"
 #include "support/SystemCalls.h"
+#include "unit/verify/Mail.h"
 
 #include <pkx509/ConformingVerifier.h>
 #include <pkx509/FileCache.h>
-#include <pkx509/HashDirLookup.h>
 #include <pkx509/Verifier.h>
 
 #include <algorithm>
@@ -17,13 +14,9 @@
 #include <cstddef>
 #include <functional>
 #include <gtest/gtest.h>
-#include <list>
-#include <memory>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <sys/syscall.h>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -32,48 +25,6 @@ namespace {
 
 using namespace Crypto::PKX509;
 using namespace std::chrono_literals;
-
-// A directory of a trust anchor and CRLs, and what a message brings.
-class Mail {
- public:
-  Mail()
-      : root_(issue({.subject = "CN=Root,O=Calls", .ca = true})),
-        intermediate_(issue({.subject = "CN=Intermediate,O=Calls", .issuer = &root_, .ca = true})),
-        leaf_(handle(issue({.subject = "CN=Leaf,O=Calls", .issuer = &intermediate_}))),
-        intermediates_{handle(intermediate_)},
-        untrusted_(intermediates_) {
-    addToDirectory(directory_.path(), root_.get());
-    addToDirectory(directory_.path(), makeCRL({.issuer = &root_}).get());
-    addToDirectory(directory_.path(), makeCRL({.issuer = &intermediate_}).get());
-  }
-
-  template <class V>
-  void verify() const {
-    const std::string directory = directory_.string();
-    RefObjectStore store(directory, X509_FILETYPE_PEM);
-    store->add(RefLookupMethod(new HashDirLookupMethod(directory)));
-    store->add(intermediates_);
-    const auto verifier = make<V>(store);
-    if (verifier->isValid() != X509_V_OK) throw std::runtime_error("not valid");
-  }
-
- private:
-  template <class V>
-  std::unique_ptr<Verifier> make(const RefObjectStore& store) const {
-    if constexpr (std::is_same_v<V, Verifier>) {
-      return std::make_unique<Verifier>(store, leaf_, untrusted_, false);
-    } else {
-      return std::make_unique<V>(store, leaf_, untrusted_);
-    }
-  }
-
-  const TempDir directory_;
-  const Issued root_;
-  const Issued intermediate_;
-  const RefCertificate leaf_;
-  const std::list<RefCertificate> intermediates_;
-  const RefStackOfCertificate untrusted_;
-};
 
 std::string listOf(const std::vector<long>& calls) {
   std::ostringstream text;
