@@ -155,7 +155,17 @@ int Model::run(Context& context) {
   context.flags = context.store.flags;
   const bool valid = buildChain(context) && checkExtensions(context) && checkRevocation(context) &&
                      checkSignaturesAndTimes(context);
-  return valid ? X509_V_OK : context.error;
+  if (!valid) return context.error;
+  return context.run.saidTooMany ? leaveUnsettled(context) : X509_V_OK;
+}
+
+/// Behind the last look-up may have been the revocation.
+int Model::leaveUnsettled(Context& context) {
+  rule("ran out");
+  say(7, failureLine(context.target, X509_V_ERR_UNABLE_TO_GET_CRL) +
+             ": something that all of the verification shares ran out before its revocation was "
+             "settled");
+  return X509_V_ERR_UNABLE_TO_GET_CRL;
 }
 
 /// A failure that OpenSSL meets: one line that names the target, whichever certificate failed.

@@ -127,6 +127,7 @@ class Model {
 
   // OpenSSL's part.
   int run(Context& context);
+  int leaveUnsettled(Context& context);
   bool fail(Context& context, int code, int depth);
   bool buildChain(Context& context);
   int trustedIssuer(const Context& context, int certificate) const;
