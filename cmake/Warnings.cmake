@@ -16,6 +16,11 @@ if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # It takes what is included for headers, whose unnamed namespaces other sources would see.
   target_compile_options(pkx509_options INTERFACE -Wno-subobject-linkage)
 endif()
+if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # In kB: up to here it does not look for what it could free, which takes a sixth of its time where all sources of
+  # a program are one.
+  target_compile_options(pkx509_options INTERFACE --param=ggc-min-heapsize=400000)
+endif()
 if(PKX509_WARNINGS_AS_ERRORS)
   target_compile_options(pkx509_options INTERFACE -Werror)
 endif()
