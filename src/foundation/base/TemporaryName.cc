@@ -1,19 +1,17 @@
 #include "foundation/base/TemporaryName.h"
 
 #include "foundation/base/FileDescriptor.h"
+#include "foundation/base/RandomOctets.h"
 
 #include <cerrno>
 #include <cstdint>
-#include <sys/random.h>
 
 namespace Velantrix {
 
 std::string newTemporarySuffix() {
   std::uint64_t number = 0;
-  while (::getrandom(&number, sizeof number, 0) != sizeof number) {
-    if (errno != EINTR) {
-      fail({"FileMediaOut", "TemporaryName"}, systemErrorText("getrandom", errno));
-    }
+  if (!fillWithRandom(&number, sizeof number)) {
+    fail({"FileMediaOut", "TemporaryName"}, systemErrorText("getrandom", errno));
   }
   std::string suffix(kTemporaryMark);
   for (std::size_t i = 0; i < kTemporaryDigits; ++i) {

@@ -1,6 +1,6 @@
 #include "foundation/crlindex/SerialIndex.h"
 
-#include <openssl/rand.h>
+#include "foundation/base/RandomOctets.h"
 
 #include <random>
 
@@ -9,7 +9,8 @@ namespace Velantrix::Crypto {
 const SerialHash::Keys& SerialHash::keys() {
   static const Keys made = [] {
     Keys keys{};
-    if (RAND_bytes(reinterpret_cast<unsigned char*>(keys.data()), sizeof keys) != 1) {
+    static_assert(sizeof keys <= 256);
+    if (!fillWithRandom(keys.data(), sizeof keys)) {
       std::random_device source;
       for (std::uint64_t& key : keys) key = std::uint64_t{source()} << 32 | source();
     }
