@@ -23,7 +23,7 @@ using Crypto::PKX509::RefCertificate;
 
 namespace {
 
-struct Options {
+struct AddOptions {
   std::string file;
   std::string email;
   std::string directory;
@@ -39,7 +39,7 @@ bool names(const Facts& certificate, const std::string& email) {
          });
 }
 
-int run(const Options& options) {
+int runAdd(const AddOptions& options) {
   requireEmailAddress(options.email);
   const RefCertificate certificate = readCertificates(options.file).front();
   const Facts facts = factsOf(options.file, certificate);
@@ -66,7 +66,7 @@ int run(const Options& options) {
   return kAllValid;
 }
 
-constexpr char kHelp[] = R"(
+constexpr char kAddHelp[] = R"(
 The first certificate of CERT is written to a PEM file in DIR that is named by a hash of ADDRESS. A
 file of that name is replaced, whole or not at all: a directory has one certificate for an address.
 ADDRESS is taken as it is, letter case included. DIR has to be there.
@@ -90,14 +90,14 @@ Examples:
 }  // namespace
 
 void addAddCommand(CommandLine& commandLine) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<AddOptions>();
   Subcommand command = commandLine.add("add", "Stores a certificate under a mail address.");
   command.argument("CERT", "certificate to store, PEM or DER; - for standard input", options->file);
   command.requiredOption("--email", "ADDRESS", "the mail address that it is for", options->email);
   command.requiredOption("--dir", "DIR", "hash directory to store it in", options->directory);
   command.flag("--json", "prints JSON", options->json);
-  command.footer(kHelp);
-  command.action([options] { return run(*options); });
+  command.footer(kAddHelp);
+  command.action([options] { return runAdd(*options); });
 }
 
 }  // namespace Velantrix::Tool

@@ -33,11 +33,9 @@ using namespace Crypto::PKX509;
 
 namespace {
 
-constexpr int kNotFound = kNotValid;  // as grep has it
-
-struct Options {
+struct CRLOptions {
   std::vector<std::string> uris;
-  RefreshOptions refresh;
+  CRLRefreshOptions refresh;
   ReportOptions output;
 };
 
@@ -78,7 +76,7 @@ void finish(Facts& facts, const VerificationReport& report) {
   facts = members;
 }
 
-int reportNone(const std::string& text, const VerificationReport& report, const Options& options,
+int reportNone(const std::string& text, const VerificationReport& report, const CRLOptions& options,
                FactsOutput& output) {
   writeErrorLine("pkx509: " + text + ": there is no CRL: " + report.line());
   Facts none =
@@ -88,7 +86,7 @@ int reportNone(const std::string& text, const VerificationReport& report, const 
   return statusFor(report.outcome(), kNotFound, options.output);
 }
 
-int report(const std::string& text, const Options& options, LogCollector& log,
+int report(const std::string& text, const CRLOptions& options, LogCollector& log,
            FactsOutput& output) {
   const CRLRetrieval::Answer found = lookUp(text, Uri(text));
   const std::vector<Report::LogLine> lines = log.take();
@@ -121,7 +119,7 @@ void finishRefreshed(Facts& facts, const RefreshedCRL& refreshed) {
 }
 
 int reportRefreshed(const std::string& text, const RefreshSettings& settings,
-                    const Options& options, LogCollector& log, FactsOutput& output) {
+                    const CRLOptions& options, LogCollector& log, FactsOutput& output) {
   const RefreshedCRL refreshed = refreshedCRL(settings, Uri(text));
   const std::vector<Report::LogLine> lines = log.take();
   if (!options.output.quiet) writeLog(text, lines);
@@ -146,8 +144,8 @@ int reportRefreshed(const std::string& text, const RefreshSettings& settings,
   return status;
 }
 
-int refreshAll(const Options& options, LogCollector& log, FactsOutput& output) {
-  const RefreshSettings settings = refreshSettings(options.refresh);
+int refreshAll(const CRLOptions& options, LogCollector& log, FactsOutput& output) {
+  const RefreshSettings settings = crlRefreshSettings(options.refresh);
   int status = kAllValid;
   for (const std::string& text : options.uris) {
     status = worse(status, reportRefreshed(text, settings, options, log, output));
@@ -155,7 +153,7 @@ int refreshAll(const Options& options, LogCollector& log, FactsOutput& output) {
   return status;
 }
 
-int lookUpAll(const Options& options, LogCollector& log, FactsOutput& output) {
+int lookUpAll(const CRLOptions& options, LogCollector& log, FactsOutput& output) {
   int status = kAllValid;
   for (const std::string& text : options.uris) {
     status = worse(status, report(text, options, log, output));
@@ -163,7 +161,7 @@ int lookUpAll(const Options& options, LogCollector& log, FactsOutput& output) {
   return status;
 }
 
-int run(const Options& options) {
+int runCRL(const CRLOptions& options) {
   for (const std::string& text : options.uris) {
     if (Uri(text).isNull()) throw ToolError("\"" + text + "\" is no URI");
   }
@@ -175,7 +173,7 @@ int run(const Options& options) {
   return status;
 }
 
-constexpr char kHelp[] = R"(
+constexpr char kCRLHelp[] = R"(
 A CRL that is in the cache, /var/spool/crypto/crl_cache, and has not run out is taken from there.
 Otherwise it is fetched as a verification does it, whatever failed before: by HTTP/1.1, with the query,
 through up to 5 redirects, at most 15 s and 64 MiB; an https server is shown the client certificate in
@@ -224,13 +222,13 @@ Examples:
 }  // namespace
 
 void addCRLCommand(CommandLine& commandLine) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<CRLOptions>();
   Subcommand command = commandLine.add("crl", "Fetches CRLs by URI, as a verification does.");
   command.argument("URI", "where the CRL is, http or https", options->uris);
-  addRefreshOptions(command, options->refresh);
+  addCRLRefreshOptions(command, options->refresh);
   addAnswerOptions(command, options->output);
-  command.footer(kHelp);
-  command.action([options] { return run(*options); });
+  command.footer(kCRLHelp);
+  command.action([options] { return runCRL(*options); });
 }
 
 }  // namespace Velantrix::Tool

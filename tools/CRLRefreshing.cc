@@ -71,7 +71,7 @@ std::string comparison(const Facts& before, const Facts& after) {
 
 }  // namespace
 
-void addRefreshOptions(Subcommand& command, RefreshOptions& options) {
+void addCRLRefreshOptions(Subcommand& command, CRLRefreshOptions& options) {
   command.flag("--refresh", "asks the host whatever the cache has, and stores what is verified",
                options.wanted);
   command.option("--proxy", "URI", "HTTP proxy, http://host:port", options.proxy);
@@ -90,7 +90,7 @@ void addRefreshOptions(Subcommand& command, RefreshOptions& options) {
   }
 }
 
-RefreshSettings refreshSettings(const RefreshOptions& options) {
+RefreshSettings crlRefreshSettings(const CRLRefreshOptions& options) {
   RefreshSettings settings;
   settings.trustDirectory = options.directory.value_or(kCADirectory);
   requireHashDirectory("--ca-dir", settings.trustDirectory);

@@ -15,7 +15,7 @@
 
 namespace Velantrix::Tool {
 
-struct RefreshOptions {
+struct CRLRefreshOptions {
   bool wanted = false;
   std::optional<std::string> proxy;
   std::optional<std::string> directory;
@@ -24,11 +24,11 @@ struct RefreshOptions {
 };
 
 /// Declares --refresh and what goes with it.
-void addRefreshOptions(Subcommand& command, RefreshOptions& options);
+void addCRLRefreshOptions(Subcommand& command, CRLRefreshOptions& options);
 
 /// What the options say, of the URI that is to be refreshed none.
 /// @throws ToolError for a directory, a file or a proxy that cannot serve
-Crypto::PKX509::RefreshSettings refreshSettings(const RefreshOptions& options);
+Crypto::PKX509::RefreshSettings crlRefreshSettings(const CRLRefreshOptions& options);
 
 /// What came of one URI.
 struct RefreshedCRL {

@@ -28,11 +28,9 @@ using namespace Crypto::PKX509;
 
 namespace {
 
-constexpr int kNothingThere = kNotValid;  // as grep has it
-
 // ------------------------------------------------------------------------------------------- list
 
-struct ListOptions {
+struct CacheListOptions {
   bool json = false;
   std::string colour = "auto";
 };
@@ -47,7 +45,7 @@ int listAsJson() {
   return kAllValid;
 }
 
-int list(const ListOptions& options) {
+int runCacheList(const CacheListOptions& options) {
   const TextStyle style = outputStyle(options.colour);
   if (options.json) return listAsJson();
   const Time now = Time::now();
@@ -59,7 +57,7 @@ int list(const ListOptions& options) {
   return kAllValid;
 }
 
-constexpr char kListHelp[] = R"(
+constexpr char kCacheListHelp[] = R"(
 Output:
   For each file of the cache, /var/spool/crypto/crl_cache, in the order of their names: how long the CRL
   is good for, its number, how many certificates it lists, how large the file is, and when its host last
@@ -87,7 +85,7 @@ Examples:
 
 // ------------------------------------------------------------------------------------------ flush
 
-struct FlushOptions {
+struct CacheFlushOptions {
   std::vector<std::string> uris;
   bool all = false;
 };
@@ -104,13 +102,13 @@ int flushOne(CRLCacheView& cache, const std::string& text) {
   const CRLCacheView::Flushed flushed = cache.flush(Uri(text));
   if (flushed.files == 0 && flushed.failures == 0) {
     writeErrorLine("pkx509: " + text + ": there is nothing in the cache");
-    return kNothingThere;
+    return kNotFound;
   }
   writeOutput(printable(text + ": " + flushedText(flushed)) + '\n');
   return kAllValid;
 }
 
-int flush(const FlushOptions& options) {
+int runCacheFlush(const CacheFlushOptions& options) {
   if (options.all != options.uris.empty()) throw ToolError("give either a URI or --all");
   for (const std::string& text : options.uris) {
     if (Uri(text).isNull()) throw ToolError("\"" + text + "\" is no URI");
@@ -128,7 +126,7 @@ int flush(const FlushOptions& options) {
   return status;
 }
 
-constexpr char kFlushHelp[] = R"(
+constexpr char kCacheFlushHelp[] = R"(
 What is flushed is fetched by whoever wants it next: its host's failures are forgotten as well. What
 others keep in the directory of the cache stays.
 
@@ -147,7 +145,7 @@ Examples:
 
 // ---------------------------------------------------------------------------------------- metrics
 
-int metrics(const std::string& output) {
+int runCacheMetrics(const std::string& output) {
   CacheMetrics collected(Time::now());
   visitCache(
       [&](const CRLCacheView::Entry& entry) { collected.add(CacheFile(entry, Time::now())); },
@@ -167,7 +165,7 @@ int metrics(const std::string& output) {
   return kAllValid;
 }
 
-constexpr char kMetricsHelp[] = R"(
+constexpr char kCacheMetricsHelp[] = R"(
 Output:
   The text format of Prometheus, for the textfile collector of its node exporter. For each CRL in the
   cache pkx509_crl_next_update_seconds (until it runs out, negative afterwards), pkx509_crl_age_seconds
@@ -190,7 +188,7 @@ Examples:
 
 // ------------------------------------------------------------------------------------------ check
 
-constexpr char kCheckHelp[] = R"(
+constexpr char kCacheCheckHelp[] = R"(
 Every file has to hold a CRL that can be read, that has not run out, and that is signed by a certificate
 which may sign CRLs and has a valid path to the trust directory. Issuers are looked for there, in FILE, and
 among those that were remembered when the CRL was stored. Whether an issuer is itself revoked is not
@@ -210,23 +208,23 @@ Examples:
 )";
 
 void addList(Subcommand& cache) {
-  const auto options = std::make_shared<ListOptions>();
+  const auto options = std::make_shared<CacheListOptions>();
   Subcommand command = cache.add("list", "Lists what the cache holds.");
   command.flag("--json", "prints JSON", options->json);
   command.option("--color", "WHEN",
                  "colours what is good and what is not: auto (on a terminal), always or never",
                  options->colour);
-  command.footer(kListHelp);
-  command.action([options] { return list(*options); });
+  command.footer(kCacheListHelp);
+  command.action([options] { return runCacheList(*options); });
 }
 
 void addFlush(Subcommand& cache) {
-  const auto options = std::make_shared<FlushOptions>();
+  const auto options = std::make_shared<CacheFlushOptions>();
   Subcommand command = cache.add("flush", "Takes CRLs out of the cache.");
   command.optionalArgument("URI", "whose CRL goes", options->uris);
   command.flag("--all", "all that the cache holds", options->all);
-  command.footer(kFlushHelp);
-  command.action([options] { return flush(*options); });
+  command.footer(kCacheFlushHelp);
+  command.action([options] { return runCacheFlush(*options); });
 }
 
 void addCheck(Subcommand& cache) {
@@ -238,7 +236,7 @@ void addCheck(Subcommand& cache) {
   command.repeatableOption("--certificates", "FILE",
                            "certificates that may have issued CRLs, repeatable",
                            options->certificates);
-  command.footer(kCheckHelp);
+  command.footer(kCacheCheckHelp);
   command.action([options] { return checkCache(*options); });
 }
 
@@ -247,8 +245,8 @@ void addMetrics(Subcommand& cache) {
   Subcommand command = cache.add("metrics", "Measures for Prometheus.");
   command.option("--output", "FILE",
                  "where to write to, replacing what is there; default: standard output", *output);
-  command.footer(kMetricsHelp);
-  command.action([output] { return metrics(*output); });
+  command.footer(kCacheMetricsHelp);
+  command.action([output] { return runCacheMetrics(*output); });
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ using namespace Crypto::PKX509;
 namespace {
 
 // What can be read of a CRL whose parts may be broken.
-void describe(CacheFile& file, const RefCertificateRevocationList& crl, const Time& now) {
+void readInto(CacheFile& file, const RefCertificateRevocationList& crl, const Time& now) {
   file.issuer = crl->crlInfo().issuer().asString();
   if (!crl->lastUpdate().empty()) file.thisUpdate = crl->lastUpdate()->asTime();
   if (!crl->nextUpdate().empty()) file.nextUpdate = crl->nextUpdate()->asTime();
@@ -47,7 +47,7 @@ std::string_view failingWord(CRLCacheView::Failing::Of of) noexcept {
 Value orNull(const std::string& text) { return text.empty() ? Value() : Value(text); }
 Value orNull(const std::optional<Time>& time) { return time ? Value(timeText(*time)) : Value(); }
 
-Value jsonOf(const std::optional<CRLCacheView::Failure>& failure) {
+Value failureJson(const std::optional<CRLCacheView::Failure>& failure) {
   if (!failure) return {};
   return Value::Object{{"at", timeText(failure->at)},       {"until", timeText(failure->until)},
                        {"inARow", failure->inARow},         {"reason", failure->reason},
@@ -70,7 +70,7 @@ CacheFile::CacheFile(const CRLCacheView::Entry& entry, const Time& now)
   const RefCertificateRevocationList crl = entry.crl();
   if (crl.empty()) return;
   try {
-    describe(*this, crl, now);
+    readInto(*this, crl, now);
   } catch (const Exception& error) {
     problem = reasonOf(error);
   }
@@ -114,13 +114,14 @@ Value jsonOf(const CacheFile& file, const Time& now) {
       {"stored", timeText(file.stored)},
       {"fetched", orNull(file.fetched)},
       {"problem", orNull(file.problem)},
-      {"failure", jsonOf(file.failure)}};
+      {"failure", failureJson(file.failure)}};
 }
 
 Value jsonOf(const CRLCacheView::Failing& failing) {
-  return Value::Object{{"schemaVersion", kSchemaVersion}, {"type", "failing"},
-                       {"of", failingWord(failing.of)},   {"uri", failing.place},
-                       {"sha256", failing.sha256},        {"failure", jsonOf(failing.failure)}};
+  return Value::Object{
+      {"schemaVersion", kSchemaVersion}, {"type", "failing"},
+      {"of", failingWord(failing.of)},   {"uri", failing.place},
+      {"sha256", failing.sha256},        {"failure", failureJson(failing.failure)}};
 }
 
 }  // namespace Velantrix::Tool

@@ -95,14 +95,14 @@ std::string failingText(CRLCacheView::Failing::Of of) {
   return "not there";
 }
 
-std::string nameOf(const CacheFile& file) {
+std::string fileNameOf(const CacheFile& file) {
   return std::filesystem::path(file.file).filename().string();
 }
 
 std::string datesText(const CacheFile& file) {
   const std::string from = file.thisUpdate ? timeText(*file.thisUpdate) : "?";
   const std::string to = file.nextUpdate ? timeText(*file.nextUpdate) : "no stated end";
-  return from + " to " + to + ", in " + nameOf(file);
+  return from + " to " + to + ", in " + fileNameOf(file);
 }
 
 void append(std::string& text, std::size_t count, const char* words) {
@@ -189,7 +189,7 @@ std::string CacheTable::details(const CacheFile& file) const {
   std::string out = paragraphOf(file.uri, Tree::Paint::kStrong) + paragraphOf(file.issuer);
   if (file.hasCRL()) out += paragraphOf(datesText(file));
   if (!file.problem.empty()) {
-    out += paragraphOf(nameOf(file) + ": " + file.problem, Tree::Paint::kBad);
+    out += paragraphOf(fileNameOf(file) + ": " + file.problem, Tree::Paint::kBad);
   }
   if (file.failure) out += paragraphOf(failureText(*file.failure, now_), Tree::Paint::kUncertain);
   return out;

@@ -26,9 +26,7 @@ using Crypto::PKX509::RefCertificate;
 
 namespace {
 
-constexpr int kNotFound = kNotValid;  // as grep has it
-
-struct Options {
+struct FindOptions {
   std::optional<std::string> email;
   std::optional<std::string> subject;
   std::optional<std::string> directory;
@@ -38,7 +36,7 @@ struct Options {
 };
 
 // Finds what is wrong with the question before anything is opened.
-void prepare(const Options& options) {
+void prepare(const FindOptions& options) {
   if (options.email.has_value() == options.subject.has_value()) {
     throw ToolError("give either --email or --subject");
   }
@@ -57,12 +55,12 @@ void prepare(const Options& options) {
   }
 }
 
-CertificateSource sourceOf(const Options& options) {
+CertificateSource sourceOf(const FindOptions& options) {
   if (options.directory) return directorySource(*options.directory);
   return ldapSource(*options.ldap, options.base.value_or(""));
 }
 
-std::list<RefCertificate> ask(const CertificateSource& source, const Options& options) {
+std::list<RefCertificate> ask(const CertificateSource& source, const FindOptions& options) {
   LogCollector log;
   std::list<RefCertificate> found;
   std::string failure;
@@ -81,7 +79,7 @@ std::list<RefCertificate> ask(const CertificateSource& source, const Options& op
   return found;
 }
 
-int run(const Options& options) {
+int runFind(const FindOptions& options) {
   prepare(options);
   const CertificateSource source = sourceOf(options);
   const std::list<RefCertificate> found = ask(source, options);
@@ -99,7 +97,7 @@ int run(const Options& options) {
   return status;
 }
 
-constexpr char kHelp[] = R"(
+constexpr char kFindHelp[] = R"(
 Either --email or --subject says what is looked for, and either --dir or --ldap where. A DIR holds PEM
 files that are named by a hash: of the subject as "openssl rehash" names them, of the mail address as
 "pkx509 add" does. An LDAP directory has certificates in the entry with their subject's name, and by mail
@@ -129,7 +127,7 @@ Examples:
 }  // namespace
 
 void addFindCommand(CommandLine& commandLine) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<FindOptions>();
   Subcommand command =
       commandLine.add("find", "Looks for certificates by mail address or by subject.");
   command.option("--email", "ADDRESS", "the mail address that they are for", options->email);
@@ -139,8 +137,8 @@ void addFindCommand(CommandLine& commandLine) {
                  options->ldap);
   command.option("--base", "DN", "where in it to look for a mail address", options->base);
   command.flag("--json", "prints JSON", options->json);
-  command.footer(kHelp);
-  command.action([options] { return run(*options); });
+  command.footer(kFindHelp);
+  command.action([options] { return runFind(*options); });
 }
 
 }  // namespace Velantrix::Tool

@@ -33,7 +33,7 @@ using namespace Crypto::PKX509;
 
 namespace {
 
-struct Options {
+struct OCSPOptions {
   std::string file;
   std::string chainFile;
   std::optional<std::string> caDirectory;
@@ -49,7 +49,7 @@ struct Asked {
   std::vector<Report::LogLine> log;
 };
 
-const char* textOf(const Asked& asked) {
+const char* meaningOf(const Asked& asked) {
   switch (asked.code) {
     case OCSP::kGood:
       return "the responder knows of no revocation";
@@ -66,12 +66,12 @@ const char* textOf(const Asked& asked) {
   }
 }
 
-const char* wordOf(int code) {
+const char* answerWord(int code) {
   if (code == OCSP::kGood) return "good";
   return code == OCSP::kRevoked ? "revoked" : "none";
 }
 
-std::vector<Uri> respondersOf(const Options& options, const std::list<RefCertificate>& chain) {
+std::vector<Uri> respondersOf(const OCSPOptions& options, const std::list<RefCertificate>& chain) {
   if (options.uri) {
     Uri uri(*options.uri);
     if (uri.isNull()) throw ToolError("--uri: \"" + *options.uri + "\" is no URI");
@@ -94,7 +94,7 @@ std::vector<Uri> respondersOf(const Options& options, const std::list<RefCertifi
   return uris;
 }
 
-Asked ask(const Options& options, const std::list<RefCertificate>& chain) {
+Asked ask(const OCSPOptions& options, const std::list<RefCertificate>& chain) {
   const std::vector<Uri> responders = respondersOf(options, chain);
   const RefObjectStore store(options.caDirectory.value_or(kCADirectory), X509_FILETYPE_PEM);
   Verifier verifier(store, chain.front(), false);
@@ -123,37 +123,37 @@ Asked ask(const Options& options, const std::list<RefCertificate>& chain) {
   return asked;
 }
 
-std::string jsonOf(const Options& options, const Asked& asked) {
+std::string answerJson(const OCSPOptions& options, const Asked& asked) {
   Value::Object members = {{"schemaVersion", kSchemaVersion},
                            {"file", options.file},
                            {"uri", asked.uri ? Value(*asked.uri) : Value()},
-                           {"answer", wordOf(asked.code)}};
+                           {"answer", answerWord(asked.code)}};
   addAnswer(members, asked.report);
   members.emplace_back("code", asked.code);
-  members.emplace_back("text", textOf(asked));
+  members.emplace_back("text", meaningOf(asked));
   members.emplace_back("log", logValue(asked.log));
   return jsonText(Value::Array{members});
 }
 
-std::string textOf(const Options& options, const Asked& asked) {
-  const std::string word = wordOf(asked.code);
+std::string answerText(const OCSPOptions& options, const Asked& asked) {
+  const std::string word = answerWord(asked.code);
   std::string text = printable(options.file) + ": " + (word == "none" ? "no answer" : word) +
-                     ", code " + std::to_string(asked.code) + " (" + textOf(asked) + ")" +
+                     ", code " + std::to_string(asked.code) + " (" + meaningOf(asked) + ")" +
                      (asked.uri ? ", from " + printable(*asked.uri) : std::string()) + "\n";
   return asked.report.valid() ? text : text + "  " + asked.report.line() + '\n';
 }
 
-void write(const Options& options, const Asked& asked) {
+void writeAnswer(const OCSPOptions& options, const Asked& asked) {
   if (options.output.quiet) return;
   if (options.output.json) {
-    writeOutput(jsonOf(options, asked));
+    writeOutput(answerJson(options, asked));
     return;
   }
   writeLog(options.file, asked.log);
-  writeOutput(textOf(options, asked));
+  writeOutput(answerText(options, asked));
 }
 
-int run(const Options& options) {
+int runOCSP(const OCSPOptions& options) {
   requireOneStandardInput({options.file, options.chainFile});
   if (options.caDirectory) requireHashDirectory("--ca-dir", *options.caDirectory);
   std::list<RefCertificate> chain = readCertificates(options.file);
@@ -161,13 +161,13 @@ int run(const Options& options) {
   chain.splice(chain.end(), rest);
 
   const Asked asked = ask(options, chain);
-  write(options, asked);
+  writeAnswer(options, asked);
   if (asked.code == OCSP::kGood) return kAllValid;
   return statusFor(asked.report.outcome(), asked.code == OCSP::kRevoked ? kNotValid : kError,
                    options.output);
 }
 
-constexpr char kHelp[] = R"(
+constexpr char kOCSPHelp[] = R"(
 Asks about the first certificate of CERT. FILE holds its issuer, and whatever other certificates are on
 its path; the others in CERT count as well. Without --uri the responders that the certificate names are
 tried until one can be connected to, provided that the issuer's signature is on the certificate: what a
@@ -202,7 +202,7 @@ Examples:
 }  // namespace
 
 void addOCSPCommand(CommandLine& commandLine) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<OCSPOptions>();
   Subcommand command = commandLine.add("ocsp", "Asks an OCSP responder about a certificate.");
   command.argument("CERT", "certificate to ask about; - for standard input", options->file);
   command.requiredOption("--chain", "FILE", "its issuer and the rest of its path",
@@ -214,8 +214,8 @@ void addOCSPCommand(CommandLine& commandLine) {
   command.numberOption("--timeout", "SECONDS", "seconds for the query, default 30",
                        options->timeout, 1, 3600);
   addAnswerOptions(command, options->output);
-  command.footer(kHelp);
-  command.action([options] { return run(*options); });
+  command.footer(kOCSPHelp);
+  command.action([options] { return runOCSP(*options); });
 }
 
 }  // namespace Velantrix::Tool

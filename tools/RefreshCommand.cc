@@ -28,9 +28,9 @@ using namespace Crypto::PKX509;
 
 namespace {
 
-using Result = CRLRefresh::Result;
+using RefreshResult = CRLRefresh::Result;
 
-struct Options {
+struct RefreshOptions {
   RefreshSettings settings;
   std::optional<std::string> uriList;
   std::optional<std::string> directory;
@@ -51,10 +51,10 @@ constexpr std::array<Word, CRLRefresh::kResults> kWords{
      {"failed-old-good", "failed, the old one is good"},
      {"failed", "failed"}}};
 
-const Word& wordOf(Result result) { return kWords.at(static_cast<std::size_t>(result)); }
+const Word& resultWord(RefreshResult result) { return kWords.at(static_cast<std::size_t>(result)); }
 
-bool isFailure(Result result) {
-  return result == Result::kFailed || result == Result::kFailedOldIsGood;
+bool isFailure(RefreshResult result) {
+  return result == RefreshResult::kFailed || result == RefreshResult::kFailedOldIsGood;
 }
 
 // A URI on each line; blank ones and those that begin with "#" are passed over.
@@ -74,7 +74,7 @@ std::vector<Uri> readURIList(const std::string& file) {
   return uris;
 }
 
-void prepare(Options& options) {
+void prepare(RefreshOptions& options) {
   if (options.uriList == "-" && options.certificates == "-") {
     requireOneStandardInput({"-", "-"});
   }
@@ -89,7 +89,7 @@ void prepare(Options& options) {
 }
 
 std::string textOf(const CRLRefresh::Entry& entry) {
-  std::string text = entry.uri.asString() + ": " + wordOf(entry.result).text;
+  std::string text = entry.uri.asString() + ": " + resultWord(entry.result).text;
   if (entry.nextUpdate) text += " until " + timeText(*entry.nextUpdate);
   if (!entry.reason.empty()) text += ": " + entry.reason;
   return printable(text);
@@ -100,7 +100,7 @@ Value valueOf(const CRLRefresh::Entry& entry) {
       {"schemaVersion", kSchemaVersion},
       {"type", "refresh"},
       {"uri", entry.uri.asString()},
-      {"result", wordOf(entry.result).json},
+      {"result", resultWord(entry.result).json},
       {"reason", entry.reason.empty() ? Value() : Value(entry.reason)},
       {"nextUpdate", entry.nextUpdate ? Value(timeText(*entry.nextUpdate)) : Value()},
       {"due", timeText(entry.due)}};
@@ -111,7 +111,7 @@ std::string summaryOf(const CRLRefresh& refresh) {
   std::string text = std::to_string(total) + (total == 1 ? " URI" : " URIs");
   const char* separator = ": ";
   for (std::size_t i = 0; i < CRLRefresh::kResults; ++i) {
-    const std::size_t count = refresh.count(static_cast<Result>(i));
+    const std::size_t count = refresh.count(static_cast<RefreshResult>(i));
     if (count == 0) continue;
     text += separator + std::to_string(count) + ' ' + kWords.at(i).text;
     separator = "; ";
@@ -122,7 +122,7 @@ std::string summaryOf(const CRLRefresh& refresh) {
 // One line for each URI as soon as it is done, and a counter below them for who waits.
 class Lines {
  public:
-  explicit Lines(const Options& options) : options_(options) {}
+  explicit Lines(const RefreshOptions& options) : options_(options) {}
 
   void hear(const CRLRefresh::Progress& progress) {
     if (progress.last == nullptr) counter_.emplace(progress.total, "URI");
@@ -140,17 +140,17 @@ class Lines {
     }
   }
 
-  const Options& options_;
+  const RefreshOptions& options_;
   std::optional<Progress> counter_;
   std::optional<Progress::Step> step_;
 };
 
 int statusOf(const CRLRefresh& refresh) {
-  if (refresh.count(Result::kFailed) > 0 || !refresh.problem().empty()) return kError;
-  return refresh.count(Result::kFailedOldIsGood) > 0 ? kNotValid : kAllValid;
+  if (refresh.count(RefreshResult::kFailed) > 0 || !refresh.problem().empty()) return kError;
+  return refresh.count(RefreshResult::kFailedOldIsGood) > 0 ? kNotValid : kAllValid;
 }
 
-void writeResult(const CRLRefresh& done, const Options& options) {
+void writeResult(const CRLRefresh& done, const RefreshOptions& options) {
   if (!done.problem().empty()) writeErrorLine("pkx509: " + done.problem());
   if (options.json) {
     Value::Array all;
@@ -161,7 +161,7 @@ void writeResult(const CRLRefresh& done, const Options& options) {
   }
 }
 
-int run(Options& options) {
+int runRefresh(RefreshOptions& options) {
   LogCollector log;
   prepare(options);
   Lines lines(options);
@@ -172,7 +172,7 @@ int run(Options& options) {
   return statusOf(done);
 }
 
-constexpr char kHelp[] = R"(
+constexpr char kRefreshHelp[] = R"(
 Fetches the CRLs that verifications will need next: those that are in the cache, /var/spool/crypto/crl_cache,
 the delta CRLs that these name, those of each URI in the list (one on a line; "-" is standard input), and
 those that the certificates in the trust directory and in FILE name as their CRL distribution points. A host
@@ -213,7 +213,7 @@ Examples:
 }  // namespace
 
 void addRefreshCommand(CommandLine& commandLine) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<RefreshOptions>();
   RefreshSettings& settings = options->settings;
   Subcommand command =
       commandLine.add("refresh", "Fetches CRLs before they run out, into the cache.");
@@ -239,8 +239,8 @@ void addRefreshCommand(CommandLine& commandLine) {
   command.flag("--json", "prints JSON", options->json);
   command.flag("--quiet", "prints nothing but errors", options->quiet);
   command.excludes("--quiet", "--json");
-  command.footer(kHelp);
-  command.action([options] { return run(*options); });
+  command.footer(kRefreshHelp);
+  command.action([options] { return runRefresh(*options); });
 }
 
 }  // namespace Velantrix::Tool

@@ -18,7 +18,7 @@ namespace Velantrix::Tool {
 
 namespace {
 
-struct Options {
+struct ShowOptions {
   std::vector<std::string> files;
   bool json = false;
 };
@@ -47,7 +47,7 @@ Shown look(const std::string& file, Progress& progress) {
   return shown;
 }
 
-int run(const Options& options) {
+int runShow(const ShowOptions& options) {
   requireOneStandardInput(options.files);
   int status = kAllValid;
   FactsOutput output(options.json);
@@ -64,7 +64,7 @@ int run(const Options& options) {
   return status;
 }
 
-constexpr char kHelp[] = R"(
+constexpr char kShowHelp[] = R"(
 Nothing is verified: what is shown is what an object says of itself. Objects are shown in the order
 of the file; keys and whatever else a file holds are passed over.
 
@@ -97,13 +97,13 @@ Examples:
 }  // namespace
 
 void addShowCommand(CommandLine& commandLine) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<ShowOptions>();
   Subcommand command = commandLine.add("show", "Shows what stands in certificates and CRLs.");
   command.argument("FILE", "certificates and CRLs, PEM or DER; - for standard input",
                    options->files);
   command.flag("--json", "prints JSON", options->json);
-  command.footer(kHelp);
-  command.action([options] { return run(*options); });
+  command.footer(kShowHelp);
+  command.action([options] { return runShow(*options); });
 }
 
 }  // namespace Velantrix::Tool

@@ -30,7 +30,7 @@ namespace {
 
 constexpr int kNoVerdict = -1;
 
-struct Options {
+struct SimpleOptions {
   std::string file;
   int keyUsage = 0;
   bool requireKeyUsage = false;
@@ -39,7 +39,7 @@ struct Options {
   ReportOptions output;
 };
 
-Report verify(const Options& options, const RefCertificate& certificate) {
+Report verifySimply(const SimpleOptions& options, const RefCertificate& certificate) {
   LogCollector log;
   Report report;
   report.file = options.file;
@@ -60,13 +60,13 @@ Report verify(const Options& options, const RefCertificate& certificate) {
   return report;
 }
 
-int run(const Options& options) {
+int runSimple(const SimpleOptions& options) {
   static_cast<void>(wantsColour(options.output.colour));  // a wrong word is found before any work
   SimpleVerifier::useConformingVerifier(options.conforming);
   const RefCertificate certificate = readCertificates(options.file).front();
   warnAboutTrustDirectory(Crypto::PKX509::kCADirectory);
   warnAboutCRLDirectories({});
-  const Report report = verify(options, certificate);
+  const Report report = verifySimply(options, certificate);
   if (options.output.json) {
     writeJson({report}, options.output);
   } else {
@@ -116,7 +116,7 @@ Examples:
   pkx509 simple --conforming --explain person.pem
 )";
 
-std::string helpText() {
+std::string simpleHelp() {
   std::string help(kBeforeNames);
   for (const NamedBit& usage : kKeyUsages) help.append("  ").append(usage.name).append("\n");
   return help.append(kAfterNames);
@@ -125,7 +125,7 @@ std::string helpText() {
 }  // namespace
 
 void addSimpleCommand(CommandLine& commandLine) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<SimpleOptions>();
   Subcommand command =
       commandLine.add("simple", "Asks the verifier of the machine's daemons about a certificate.");
   command.argument("CERT", "certificate to verify, PEM or DER; - for standard input",
@@ -141,8 +141,8 @@ void addSimpleCommand(CommandLine& commandLine) {
   command.option("--deadline", "DURATION", "gives it no more time than that, 500ms, 10s or 2m",
                  [options](const std::string& text) { options->deadline = parseDuration(text); });
   addReportOptions(command, options->output);
-  command.footer(helpText());
-  command.action([options] { return run(*options); });
+  command.footer(simpleHelp());
+  command.action([options] { return runSimple(*options); });
 }
 
 }  // namespace Velantrix::Tool

@@ -9,6 +9,7 @@ namespace Velantrix::Tool {
 enum Status : int {
   kAllValid = 0,
   kNotValid = 1,
+  kNotFound = kNotValid,  ///< what was asked for is not there, as grep has it
   kError = 2,      ///< the command line, an input or the output was no good: there is no verdict
   kTempFail = 75,  ///< not valid, and may be valid later; sysexits.h calls it EX_TEMPFAIL
 };

@@ -29,7 +29,7 @@ namespace Velantrix::Tool {
 
 namespace {
 
-struct Options {
+struct VerifyOptions {
   std::vector<std::string> files;
   std::vector<std::string> untrustedFiles;
   std::vector<std::string> policies;
@@ -41,7 +41,7 @@ struct Options {
 };
 
 // Finds what is wrong with the command line before anything is verified.
-void prepare(Options& options) {
+void prepare(VerifyOptions& options) {
   std::vector<std::string> files = options.files;
   files.insert(files.end(), options.untrustedFiles.begin(), options.untrustedFiles.end());
   requireOneStandardInput(files);
@@ -67,7 +67,7 @@ void prepare(Options& options) {
   }
 }
 
-Report reportOn(const Options& options, const std::string& file, LogCollector& log,
+Report reportOn(const VerifyOptions& options, const std::string& file, LogCollector& log,
                 Progress& progress) {
   Report report;
   try {
@@ -85,8 +85,8 @@ Report reportOn(const Options& options, const std::string& file, LogCollector& l
 }
 
 // Nothing, and a line on standard error, where there is no verdict.
-std::optional<Report> attempt(const Options& options, const std::string& file, LogCollector& log,
-                              Progress& progress) {
+std::optional<Report> attempt(const VerifyOptions& options, const std::string& file,
+                              LogCollector& log, Progress& progress) {
   try {
     return reportOn(options, file, log, progress);
   } catch (const ToolError& error) {
@@ -101,7 +101,7 @@ int statusOf(const std::optional<Report>& report, const ReportOptions& options) 
   return report->valid() ? kAllValid : statusFor(report->found.outcome(), kNotValid, options);
 }
 
-int run(Options& options) {
+int runVerify(VerifyOptions& options) {
   LogCollector log;
   static_cast<void>(wantsColour(options.output.colour));  // a wrong word is found before any work
   prepare(options);
@@ -221,14 +221,14 @@ std::string flagLines(std::size_t width) {
   return lines + line + '\n';
 }
 
-std::string helpText() {
+std::string verifyHelp() {
   return std::string(kBeforeFlags).append(flagLines(98)).append(kAfterFlags.substr(1));
 }
 
 }  // namespace
 
 void addVerifyCommand(CommandLine& commandLine) {
-  const auto options = std::make_shared<Options>();
+  const auto options = std::make_shared<VerifyOptions>();
   VerificationSettings& settings = options->settings;
   settings.caDirectory = Crypto::PKX509::kCADirectory;
 
@@ -284,8 +284,8 @@ void addVerifyCommand(CommandLine& commandLine) {
                settings.openSSLRevocation);
   command.needs("--openssl-revocation", "--classic");
   addReportOptions(command, options->output);
-  command.footer(helpText());
-  command.action([options] { return run(*options); });
+  command.footer(verifyHelp());
+  command.action([options] { return runVerify(*options); });
 }
 
 }  // namespace Velantrix::Tool
