@@ -1,20 +1,3 @@
-# Sources that name something as another of their program does, each in its unnamed namespace. Where a
-# preset has a program's sources compiled as one (CMAKE_UNITY_BUILD), these are still compiled alone.
-set(PKX509_COMPILED_ALONE
-  CRLContainerTest.cc
-  CertificateRevocationListTest.cc
-  CertificateTest.cc
-  ConnectWatch.cc
-  GeneralNameTest.cc
-  MediaOutTest.cc
-  OCSPMessagesTest.cc
-  OCSPVerifierTest.cc
-  ObjectReaderTest.cc
-  ObjectStoreTest.cc
-  RevocationTest.cc
-  StackOfCertificateTest.cc
-  VerifierThreadsTest.cc)
-
 # _pkx509_test_program(<name> <source>...)
 # What every test executable has in common. GoogleTest is compiled once, as the precompiled header of
 # pkx509_gtest_pch.
@@ -22,12 +5,6 @@ function(_pkx509_test_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE pkx509_test_support GTest::gtest pkx509_test_options)
   target_precompile_headers(${name} REUSE_FROM pkx509_gtest_pch)
-  foreach(source IN LISTS ARGN)
-    cmake_path(GET source FILENAME file)
-    if(file IN_LIST PKX509_COMPILED_ALONE)
-      set_source_files_properties("${source}" PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
-    endif()
-  endforeach()
 endfunction()
 
 # _pkx509_gtest(<name> <source>...)

@@ -55,7 +55,7 @@ TEST_F(OCSPResponders, Certificate_ChangesItsStateBetweenVerifications) {
   EXPECT_EQ(log.text(), unreachableLine(responder.url()));
 }
 
-struct Row {
+struct SignerRow {
   const char* name;
   const Issued* signer;
   int answer;  ///< of the client
@@ -77,7 +77,7 @@ TEST_F(OCSPResponders, Signer_DecidesWhetherTheAnswerCounts) {
   const Issued strangerCA = issueCA("O=Test,CN=Stranger");
   const Issued strangers = responder({.issuer = &strangerCA});
   const Issued nameless = responder({.subjectKeyId = KeyId::Absent});
-  const Row rows[] = {
+  const SignerRow rows[] = {
       {"issuer by name", nullptr, 0},
       {"issuer by key", nullptr, 0, true},
       {"issuer, not sent", nullptr, 0, false, false},
@@ -95,7 +95,7 @@ TEST_F(OCSPResponders, Signer_DecidesWhetherTheAnswerCounts) {
       {"by key, not sent", &authorised, 118, true, false},
       {"by key without the extension", &nameless, 118, true},
   };
-  for (const Row& row : rows) {
+  for (const SignerRow& row : rows) {
     SCOPED_TRACE(row.name);
     world.source->crls.clear();
     OCSPResponder server({.ca = &root,

@@ -18,8 +18,6 @@
 namespace Velantrix::Test {
 namespace {
 
-constexpr int kThreads = 4;
-
 RefObjectStore emptyStore() { return RefObjectStore("/nonexistent", X509_FILETYPE_PEM); }
 
 class Counted : public RefImpl {

@@ -1,6 +1,6 @@
 // Runs one action on several threads that begin at the same moment.
 //
-//   onThreads(4, [&](int thread) { handles[thread] = Ref<Counted>(); });
+//   onThreads(kThreads, [&](int thread) { handles[thread] = Ref<Counted>(); });
 #pragma once
 
 #include <latch>
@@ -8,6 +8,9 @@
 #include <vector>
 
 namespace Velantrix::Test {
+
+/// As many as tests run where the number does not matter.
+inline constexpr int kThreads = 4;
 
 template <typename Action>
 void onThreads(int count, Action action) {

@@ -25,8 +25,6 @@
 namespace Velantrix::Test {
 namespace {
 
-constexpr int kThreads = 4;
-
 class VerifierThreads : public testing::Test {
  protected:
   VerifierThreads() { clearPrivateView(); }

@@ -67,7 +67,7 @@ TEST_F(OCSPClient, NoBasicResponse_IsNoAnswer) {
   EXPECT_EQ(log.text(), "");
 }
 
-struct Row {
+struct AnswerRow {
   const char* name;
   OCSPAnswer description;
   int verdict;
@@ -88,7 +88,7 @@ TEST_F(OCSPClient, WhoMayAnswer) {
   const Issued nameless = responder({.subjectKeyId = KeyId::Absent});
   const Issued wrongId = responder({.subjectKeyId = KeyId::Wrong});
 
-  const Row rows[] = {
+  const AnswerRow rows[] = {
       // In the chain: trusted without being verified.
       {"issuer by name", {.signer = &root}, 0},
       {"issuer by key", {.signer = &root, .byKey = true}, 0},
@@ -135,7 +135,7 @@ TEST_F(OCSPClient, WhoMayAnswer) {
        kWrongSignature,
        kSignatureLine},
   };
-  for (const Row& row : rows) {
+  for (const AnswerRow& row : rows) {
     SCOPED_TRACE(row.name);
     log.clear();
     const std::string der = answer(row.description);

@@ -10,12 +10,12 @@ namespace Velantrix::Test {
 
 namespace {
 
-VerifyWatch* g_watch = nullptr;  // for one thread
+VerifyWatch* g_verifyWatch = nullptr;  // for one thread
 
 }  // namespace
 
-VerifyWatch::VerifyWatch() { g_watch = this; }
-VerifyWatch::~VerifyWatch() { g_watch = nullptr; }
+VerifyWatch::VerifyWatch() { g_verifyWatch = this; }
+VerifyWatch::~VerifyWatch() { g_verifyWatch = nullptr; }
 
 void VerifyWatch::see(X509_STORE_CTX* context) {
   const Crypto::PKX509::Verifier* const verifier = Crypto::PKX509::Verifier::of(context);
@@ -37,6 +37,6 @@ void VerifyWatch::see(X509_STORE_CTX* context) {
 extern "C" __attribute__((visibility("default"))) int X509_verify_cert(X509_STORE_CTX* context) {
   static const auto real =
       reinterpret_cast<int (*)(X509_STORE_CTX*)>(dlsym(RTLD_NEXT, "X509_verify_cert"));
-  if (Velantrix::Test::g_watch != nullptr) Velantrix::Test::g_watch->see(context);
+  if (Velantrix::Test::g_verifyWatch != nullptr) Velantrix::Test::g_verifyWatch->see(context);
   return real(context);
 }

@@ -1,6 +1,7 @@
 #include "foundation/run/VerificationRun.h"
 #include "revocation/RevocationCheck.h"
 #include "support/OCSPBuilder.h"
+#include "support/Verdicts.h"
 #include "unit/revocation/Surroundings.h"
 
 #include <openssl/err.h>
@@ -15,7 +16,6 @@ using namespace std::string_literals;
 using std::chrono::hours;
 using Scope = Velantrix::Test::IssuingDistributionPoint;
 
-constexpr int kRevoked = X509_V_ERR_CERT_REVOKED;
 class RevocationCheckTest : public testing::Test {
  protected:
   const VerificationRun run{nullptr};

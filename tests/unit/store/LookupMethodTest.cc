@@ -1,6 +1,7 @@
 // The bridge between OpenSSL's lookups and lookup methods.
 #include "foundation/run/VerificationRun.h"
 #include "support/LogCapture.h"
+#include "unit/store/EmptyStore.h"
 #include "unit/store/FakeMethod.h"
 #include "unit/store/Model.h"
 #include "unit/store/Watch.h"
@@ -22,8 +23,6 @@ namespace {
 static_assert(std::has_virtual_destructor_v<LookupMethod>);
 static_assert(std::has_virtual_destructor_v<RefLookupMethod>);
 static_assert(!std::is_copy_constructible_v<LookupMethod>);
-
-RefObjectStore emptyStore() { return RefObjectStore("/nonexistent", X509_FILETYPE_PEM); }
 
 /// The lookup of a method in a store: OpenSSL gives the one that is there.
 X509_LOOKUP* lookupIn(const RefObjectStore& store, const RefLookupMethod& method) {

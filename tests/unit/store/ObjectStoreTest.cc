@@ -2,6 +2,7 @@
 #include "support/Bulk.h"
 #include "support/Cost.h"
 #include "support/LogCapture.h"
+#include "unit/store/EmptyStore.h"
 #include "unit/store/FakeMethod.h"
 #include "unit/store/Model.h"
 #include "unit/store/Unprivileged.h"
@@ -29,8 +30,6 @@ constexpr unsigned int kNameAndKey = 36;
 
 using Certificates = std::list<RefCertificate>;
 using CRLs = std::list<RefCertificateRevocationList>;
-
-RefObjectStore emptyStore() { return RefObjectStore("/nonexistent", X509_FILETYPE_PEM); }
 
 /// The certificate that OpenSSL finds in the store, null when there is none.
 Owned<X509> foundByOpenSSL(X509_STORE* store, const X509* wanted) {

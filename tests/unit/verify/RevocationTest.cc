@@ -1,4 +1,5 @@
 #include "support/LogCapture.h"
+#include "support/Verdicts.h"
 #include "unit/verify/World.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +13,6 @@ namespace {
 using namespace std::string_literals;
 using std::chrono::hours;
 
-constexpr int kRevoked = X509_V_ERR_CERT_REVOKED;
 constexpr char kAccess[] = "authorityInfoAccess";
 
 class RevocationTest : public testing::Test {

@@ -1,6 +1,7 @@
 #include "foundation/run/VerificationRun.h"
 #include "support/LogCapture.h"
 #include "support/PublicKeys.h"
+#include "support/Verdicts.h"
 #include "unit/report/CountedOutcome.h"
 #include "unit/verify/World.h"
 
@@ -12,7 +13,6 @@ namespace {
 using std::chrono::hours;
 
 constexpr int kPath = X509_V_ERR_CRL_PATH_VALIDATION_ERROR;
-constexpr int kRevoked = X509_V_ERR_CERT_REVOKED;
 
 // The CRLs of others: a certificate names their issuer in a distribution point, and the CRL says
 // that it is an indirect one.

@@ -1,4 +1,5 @@
 #include "foundation/base/Fail.h"
+#include "unit/foundation/base/Thrown.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -7,18 +8,6 @@ namespace Velantrix::Test {
 namespace {
 
 constexpr Origin kHere{"Context", "Source"};
-
-// What it throws, as text.
-template <class Action>
-std::string thrownBy(Action action) {
-  try {
-    action();
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.code(), Exception::kFailure);
-    return e.asString();
-  }
-  return "nothing";
-}
 
 TEST(Fail, Origin_IsNamedWithTheCallersLine) {
   const std::string line = std::to_string(__LINE__ + 1);

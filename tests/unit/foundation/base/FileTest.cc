@@ -1,5 +1,6 @@
 #include "foundation/base/FileReader.h"
 #include "support/Files.h"
+#include "unit/foundation/base/Thrown.h"
 
 #include <velantrix/Exception.h>
 #include <velantrix/File.h>
@@ -29,6 +30,7 @@ using Velantrix::File::Path;
 using Velantrix::File::Processor;
 using Velantrix::File::Selector;
 using Velantrix::Test::TempDir;
+using Velantrix::Test::thrownBy;
 using Velantrix::Test::writeFile;
 
 using Names = std::vector<std::string>;
@@ -54,18 +56,6 @@ Names walk(const std::string& directory, Selector::NameFilter accept = nullptr) 
 void setModified(const std::filesystem::path& path, std::time_t seconds, int flags = 0) {
   const struct timespec times[2] = {{seconds, 0}, {seconds, 0}};
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, flags), 0) << std::strerror(errno);
-}
-
-// What `use` throws, as one line; empty when nothing is thrown.
-template <class Use>
-std::string thrownBy(Use use) {
-  try {
-    use();
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.code(), 4);
-    return e.asString();
-  }
-  return std::string();
 }
 
 // Takes the right to list a directory away: from root by not being root for a while.

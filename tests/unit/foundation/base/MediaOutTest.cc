@@ -1,4 +1,5 @@
 #include "support/Files.h"
+#include "unit/foundation/base/Thrown.h"
 #include "unit/store/Unprivileged.h"
 
 #include <velantrix/Exception.h>
@@ -32,6 +33,7 @@ using Velantrix::MediaOut;
 using Velantrix::StringMediaOut;
 using Velantrix::Test::readFile;
 using Velantrix::Test::TempDir;
+using Velantrix::Test::thrownBy;
 using Velantrix::Test::Unprivileged;
 using Velantrix::Test::writeFile;
 
@@ -47,17 +49,6 @@ Names namesIn(const TempDir& dir) {
 }
 
 void write(MediaOut& out, std::string_view text) { out.write(text.data(), text.size()); }
-
-template <class Use>
-std::string thrownBy(Use use) {
-  try {
-    use();
-  } catch (const Exception& e) {
-    EXPECT_EQ(e.code(), 4);
-    return e.asString();
-  }
-  return std::string();
-}
 
 // A disk without room: no file of this process may grow beyond the limit.
 class FileSizeLimit {

@@ -18,15 +18,11 @@ namespace Pki = Velantrix::Test;
 
 using namespace std::string_literals;
 
-RefCertificate make(const Pki::CertificateOptions& options) {
-  return Pki::handle(Pki::issue(options));
-}
-
 TEST(AuthorityInformationAccess, OCSPLocations_OfEveryTypeInOrder) {
-  const RefCertificate certificate =
-      make({.extensions = {{"authorityInfoAccess",
-                            "OCSP;URI:http://one.example/,caIssuers;URI:http://ca.example/,"
-                            "OCSP;DNS:two.example,OCSP;URI:http://three.example/"}}});
+  const RefCertificate certificate = Pki::handle(
+      Pki::issue({.extensions = {{"authorityInfoAccess",
+                                  "OCSP;URI:http://one.example/,caIssuers;URI:http://ca.example/,"
+                                  "OCSP;DNS:two.example,OCSP;URI:http://three.example/"}}}));
   const RefAuthorityInformationAccess access(
       certificate->find(ASN1::RefObjectIdentifier("1.3.6.1.5.5.7.1.1")));
   ASSERT_FALSE(access.empty());
@@ -42,7 +38,8 @@ TEST(AuthorityInformationAccess, NoneBrokenOrOther_EmptyHandleOrException) {
   const std::string noOCSP =
       "\x30\x12\x30\x10\x06\x08\x2b\x06\x01\x05\x05\x07\x30\x02\x86\x04\x68\x3a\x2f\x2f"s;
   const auto read = [](const char* oid, const std::string& der) {
-    const RefCertificate certificate = make({.rawExtensions = {{oid, false, der}}});
+    const RefCertificate certificate =
+        Pki::handle(Pki::issue({.rawExtensions = {{oid, false, der}}}));
     return RefAuthorityInformationAccess(certificate->find(ASN1::RefObjectIdentifier(oid)));
   };
   EXPECT_TRUE(read("1.3.6.1.5.5.7.1.1", noOCSP)->ocspGeneralNames().empty());
@@ -52,7 +49,8 @@ TEST(AuthorityInformationAccess, NoneBrokenOrOther_EmptyHandleOrException) {
 }
 
 RefAuthorityInformationAccess readValue(const std::string& der) {
-  const RefCertificate certificate = make({.rawExtensions = {{"1.3.6.1.5.5.7.1.1", false, der}}});
+  const RefCertificate certificate =
+      Pki::handle(Pki::issue({.rawExtensions = {{"1.3.6.1.5.5.7.1.1", false, der}}}));
   return RefAuthorityInformationAccess(
       certificate->find(ASN1::RefObjectIdentifier("1.3.6.1.5.5.7.1.1")));
 }

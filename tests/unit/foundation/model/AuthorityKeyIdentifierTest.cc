@@ -12,7 +12,7 @@ namespace {
 namespace Pki = Velantrix::Test;
 
 // The extension of a certificate, with the key identifier that is given or none.
-Owned<AUTHORITY_KEYID> make(const std::string& keyId) {
+Owned<AUTHORITY_KEYID> nativeIdentifier(const std::string& keyId) {
   Owned<AUTHORITY_KEYID> native(AUTHORITY_KEYID_new());
   if (!keyId.empty()) {
     native->keyid = ASN1_OCTET_STRING_new();
@@ -22,13 +22,14 @@ Owned<AUTHORITY_KEYID> make(const std::string& keyId) {
 }
 
 TEST(AuthorityKeyIdentifier, KeyId_IsThatOfTheExtension) {
-  const RefAuthorityKeyIdentifier authority(new AuthorityKeyIdentifier(make("\x01\xab").release()));
+  const RefAuthorityKeyIdentifier authority(
+      new AuthorityKeyIdentifier(nativeIdentifier("\x01\xab").release()));
   EXPECT_EQ(authority->keyId()->asString(), "01:AB");
   EXPECT_FALSE(authority->keyId().empty());
 }
 
 TEST(AuthorityKeyIdentifier, IssuerAndSerialOnly_HasNoKeyId) {
-  const AuthorityKeyIdentifier authority(make("").release());
+  const AuthorityKeyIdentifier authority(nativeIdentifier("").release());
   EXPECT_TRUE(authority.keyId().empty());
 }
 

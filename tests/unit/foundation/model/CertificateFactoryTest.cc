@@ -2,6 +2,7 @@
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "support/Command.h"
 #include "support/Files.h"
+#include "support/PemBlock.h"
 #include "support/Pki.h"
 
 #include <velantrix/CertificateFactory.h>
@@ -26,18 +27,6 @@ using namespace std::string_literals;
 
 Buffer buffer(const std::string& data) {
   return Buffer(data.data(), static_cast<unsigned int>(data.size()), true);
-}
-
-std::string block(const std::string& label, const std::string& der,
-                  const std::string& header = "") {
-  const Owned<BIO> out(BIO_new(BIO_s_mem()));
-  EXPECT_GT(PEM_write_bio(out.get(), label.c_str(), header.c_str(),
-                          reinterpret_cast<const unsigned char*>(der.data()),
-                          static_cast<long>(der.size())),
-            0);
-  char* data = nullptr;
-  const long length = BIO_get_mem_data(out.get(), &data);
-  return std::string(data, static_cast<std::size_t>(length));
 }
 
 // One of everything, made once.
@@ -95,8 +84,9 @@ TEST(CertificateFactory, ReadableInputs_GiveTheirCertificatesOrCRL) {
       {"nothing", "", "", ""},
       {"one PEM", in.pemA, "CN=A ", ""},
       {"several PEM", in.pemB + in.pemA + in.pemB, "CN=B CN=A CN=B ", ""},
-      {"X509 CERTIFICATE", block("X509 CERTIFICATE", in.derA), "CN=A ", ""},
-      {"TRUSTED CERTIFICATE without settings", block("TRUSTED CERTIFICATE", in.derA), "CN=A ", ""},
+      {"X509 CERTIFICATE", Pki::pemBlock("X509 CERTIFICATE", in.derA), "CN=A ", ""},
+      {"TRUSTED CERTIFICATE without settings", Pki::pemBlock("TRUSTED CERTIFICATE", in.derA),
+       "CN=A ", ""},
       {"text around", "subject=A\n\n" + in.pemA + "0 zeros\n" + in.pemB + "end", "CN=A CN=B ", ""},
       {"text that starts like DER", "0\x03some\n"s + in.pemA, "CN=A ", ""},
       {"text that is DER of something", "\x30\x02\x05\0"s + "\n" + in.pemA, "CN=A ", ""},
@@ -109,7 +99,7 @@ TEST(CertificateFactory, ReadableInputs_GiveTheirCertificatesOrCRL) {
        "CN=A ", ""},
       {"key and certificate", in.key + in.pemA, "CN=A ", ""},
       {"key only", in.key, "", ""},
-      {"unknown block only", block("SOMETHING", "x"), "", ""},
+      {"unknown block only", Pki::pemBlock("SOMETHING", "x"), "", ""},
       {"CRL in PEM", in.crlPem, "", "CN=A"},
       {"CRL in DER", in.crlDer, "", "CN=A"},
       {"CRLs end to end", Pki::der(in.crlB.get()) + in.crlDer, "", "CN=B"},
@@ -161,7 +151,7 @@ TEST(CertificateFactory, ReadAll_EverythingInTheOrderOfTheInput) {
   const Inputs& in = inputs();
   const std::string crlB = Pki::der(in.crlB.get());
   const std::pair<std::string, std::string> rows[] = {
-      {in.crlPem + in.key + in.pemB + block("X509 CRL", crlB) + in.pemA,
+      {in.crlPem + in.key + in.pemB + Pki::pemBlock("X509 CRL", crlB) + in.pemA,
        "CRL of CN=A CN=B CRL of CN=B CN=A "},
       {in.derA + crlB + in.crlDer + in.derB, "CN=A CRL of CN=B CRL of CN=A CN=B "},
   };
@@ -190,13 +180,14 @@ TEST(CertificateFactory, ReadAll_WhatCannotBeReadIsAProblemAtItsPlace) {
   const std::pair<std::string, std::string> rows[] = {
       {"hello\n", "[neither PEM nor DER] "},
       {flipped, "[neither PEM nor DER] "},
-      {in.pemA + block("CERTIFICATE", flipped) + in.crlPem,
+      {in.pemA + Pki::pemBlock("CERTIFICATE", flipped) + in.crlPem,
        "CN=A [malformed CERTIFICATE] CRL of CN=A "},
-      {in.pemA + block("X509 CRL", in.derA) + in.pemB, "CN=A [malformed X509 CRL] CN=B "},
-      {block("CERTIFICATE", in.crlDer), "[malformed CERTIFICATE] "},
-      {block("CERTIFICATE", in.derA, kEncrypted) + in.pemB, "[encrypted CERTIFICATE] CN=B "},
-      {block("X509 CRL", in.crlDer, kEncrypted) + in.pemB, "[encrypted X509 CRL] CN=B "},
-      {block("X509 CRL", broken) + in.pemB, reason + "CN=B "},
+      {in.pemA + Pki::pemBlock("X509 CRL", in.derA) + in.pemB, "CN=A [malformed X509 CRL] CN=B "},
+      {Pki::pemBlock("CERTIFICATE", in.crlDer), "[malformed CERTIFICATE] "},
+      {Pki::pemBlock("CERTIFICATE", in.derA, kEncrypted) + in.pemB,
+       "[encrypted CERTIFICATE] CN=B "},
+      {Pki::pemBlock("X509 CRL", in.crlDer, kEncrypted) + in.pemB, "[encrypted X509 CRL] CN=B "},
+      {Pki::pemBlock("X509 CRL", broken) + in.pemB, reason + "CN=B "},
       {broken + in.derB, reason + "CN=B "},
       {in.pemA + in.pemB.substr(0, in.pemB.size() - 20), "CN=A [malformed PEM block] "},
       {in.derA + "\n", "CN=A " + at(in.derA)},
@@ -237,7 +228,7 @@ TEST(CertificateFactory, OtherObjectsInDer_NoCertificatesAndNoCRL) {
 
 TEST(CertificateFactory, UnreadableInputs_ThrowNamingTheFileAndLeaveTheList) {
   const Inputs& in = inputs();
-  const std::string encrypted = block("CERTIFICATE", in.derA, kEncrypted);
+  const std::string encrypted = Pki::pemBlock("CERTIFICATE", in.derA, kEncrypted);
   std::string flipped = in.derA;
   flipped[4] ^= 0x40;  // the tag of the TBSCertificate
   const std::pair<const char*, std::string> rows[] = {
@@ -250,11 +241,11 @@ TEST(CertificateFactory, UnreadableInputs_ThrowNamingTheFileAndLeaveTheList) {
       {"rubbish after DER", in.derA + in.derB.substr(0, 100)},
       {"broken certificate", flipped},
       {"indefinite length", "\x30\x80" + in.derA.substr(4) + "\0\0"s},
-      {"broken block", block("CERTIFICATE", flipped)},
-      {"octet after certificate in a block", block("CERTIFICATE", in.derA + "\0"s)},
+      {"broken block", Pki::pemBlock("CERTIFICATE", flipped)},
+      {"octet after certificate in a block", Pki::pemBlock("CERTIFICATE", in.derA + "\0"s)},
       {"empty block", "-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n"},
-      {"good and broken block", in.pemA + block("CERTIFICATE", flipped)},
-      {"trust settings in a plain block", block("CERTIFICATE", in.derA + "\x30\0"s)},
+      {"good and broken block", in.pemA + Pki::pemBlock("CERTIFICATE", flipped)},
+      {"trust settings in a plain block", Pki::pemBlock("CERTIFICATE", in.derA + "\x30\0"s)},
       {"block without end", in.pemA.substr(0, in.pemA.size() - 20)},
       {"end of another block", "-----BEGIN CERTIFICATE-----\nAAAA\n-----END X509 CRL-----\n"},
       {"not base64", "-----BEGIN CERTIFICATE-----\n!!!!\n-----END CERTIFICATE-----\n"},
@@ -356,7 +347,7 @@ TEST(CertificateFactory, EncryptedInputOnATerminal_NeverPrompts) {
   EXPECT_EQ(subjects(certificates), "CN=A ");
   EXPECT_TRUE(CertificateRevocationListFactory::read(buffer(encrypted.out)).empty());
   EXPECT_THROW(CertificateRevocationListFactory::read(
-                   buffer(block("X509 CRL", inputs().crlDer, kEncrypted))),
+                   buffer(Pki::pemBlock("X509 CRL", inputs().crlDer, kEncrypted))),
                Exception);
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }

@@ -2,6 +2,7 @@
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 #include "support/Files.h"
+#include "support/PemBlock.h"
 #include "support/Pki.h"
 
 #include <velantrix/CertificateFactory.h>
@@ -123,14 +124,8 @@ TEST(CertificateRevocationListFactory, OctetAfterTheCRLInABlock_RefusesTheInput)
   const Pki::Issued ca = Pki::issueCA("CN=CA");
   const std::string good = Pki::der(Pki::makeCRL({.issuer = &ca}).get());
   for (const std::string& after : {""s, "\0"s, good}) {
-    const std::string der = good + after;
-    const Owned<BIO> out(BIO_new(BIO_s_mem()));
-    ASSERT_GT(PEM_write_bio(out.get(), PEM_STRING_X509_CRL, "", octets(der),
-                            static_cast<long>(der.size())),
-              0);
-    char* data = nullptr;
-    const auto length = static_cast<unsigned int>(BIO_get_mem_data(out.get(), &data));
-    const Buffer block(data, length, false);
+    const std::string pem = Pki::pemBlock(PEM_STRING_X509_CRL, good + after);
+    const Buffer block(pem.data(), static_cast<unsigned int>(pem.size()), false);
     if (after.empty()) {
       EXPECT_FALSE(CertificateRevocationListFactory::read(block).empty());
     } else {

@@ -21,7 +21,7 @@ namespace Pki = Velantrix::Test;
 
 using namespace std::string_literals;
 
-RefCertificate make(const Pki::CertificateOptions& options) {
+RefCertificate issuedHandle(const Pki::CertificateOptions& options) {
   return Pki::handle(Pki::issue(options));
 }
 
@@ -43,51 +43,53 @@ TEST(Certificate, NamesAndSerial_AreThoseOfTheOpenSSLCommand) {
 TEST(Certificate, KeyIdentifiers_OfIssuerAndSubjectMatch) {
   const Pki::Issued ca = Pki::issueCA("CN=CA");
   const RefCertificate issuer = Pki::handle(ca);
-  const RefCertificate leaf = make({.issuer = &ca});
+  const RefCertificate leaf = issuedHandle({.issuer = &ca});
   ASSERT_FALSE(issuer->subjectKeyIdentifier().empty());
   EXPECT_TRUE(issuer->authorityKeyIdentifier().empty());
   ASSERT_FALSE(leaf->authorityKeyIdentifier().empty());
   EXPECT_EQ(leaf->authorityKeyIdentifier()->keyId(), issuer->subjectKeyIdentifier());
   EXPECT_NE(leaf->subjectKeyIdentifier(), issuer->subjectKeyIdentifier());
 
-  const RefCertificate wrong = make({.issuer = &ca, .authorityKeyId = Pki::KeyId::Wrong});
+  const RefCertificate wrong = issuedHandle({.issuer = &ca, .authorityKeyId = Pki::KeyId::Wrong});
   EXPECT_NE(wrong->authorityKeyIdentifier()->keyId(), issuer->subjectKeyIdentifier());
-  const RefCertificate serial = make({.issuer = &ca, .authorityKeyId = Pki::KeyId::SerialOnly});
+  const RefCertificate serial =
+      issuedHandle({.issuer = &ca, .authorityKeyId = Pki::KeyId::SerialOnly});
   EXPECT_TRUE(serial->authorityKeyIdentifier()->keyId().empty());
-  const RefCertificate none = make(
+  const RefCertificate none = issuedHandle(
       {.issuer = &ca, .subjectKeyId = Pki::KeyId::Absent, .authorityKeyId = Pki::KeyId::Absent});
   EXPECT_TRUE(none->subjectKeyIdentifier().empty());
   EXPECT_TRUE(none->authorityKeyIdentifier().empty());
 }
 
 TEST(Certificate, KeyUsage_BitsOfOpenSSLAndUnrestrictedWithoutTheExtension) {
-  EXPECT_EQ(make({.keyUsage = KU_CRL_SIGN})->keyUsage(), 0x02U);
-  EXPECT_EQ(make({.keyUsage = KU_KEY_CERT_SIGN | KU_CRL_SIGN})->keyUsage(), 0x06U);
-  EXPECT_EQ(make({.keyUsage = KU_DIGITAL_SIGNATURE})->keyUsage(), 0x80U);
-  EXPECT_EQ(make({.keyUsage = KU_DECIPHER_ONLY | KU_KEY_AGREEMENT})->keyUsage(), 0x8008U);
-  EXPECT_EQ(make({.keyUsage = Pki::kAbsent})->keyUsage(), ~0U);
+  EXPECT_EQ(issuedHandle({.keyUsage = KU_CRL_SIGN})->keyUsage(), 0x02U);
+  EXPECT_EQ(issuedHandle({.keyUsage = KU_KEY_CERT_SIGN | KU_CRL_SIGN})->keyUsage(), 0x06U);
+  EXPECT_EQ(issuedHandle({.keyUsage = KU_DIGITAL_SIGNATURE})->keyUsage(), 0x80U);
+  EXPECT_EQ(issuedHandle({.keyUsage = KU_DECIPHER_ONLY | KU_KEY_AGREEMENT})->keyUsage(), 0x8008U);
+  EXPECT_EQ(issuedHandle({.keyUsage = Pki::kAbsent})->keyUsage(), ~0U);
   // An extension that grants nothing is a restriction.
-  EXPECT_EQ(make({.keyUsage = Pki::kAbsent, .rawExtensions = {{"2.5.29.15", true, "\x03\x01\0"s}}})
+  EXPECT_EQ(issuedHandle(
+                {.keyUsage = Pki::kAbsent, .rawExtensions = {{"2.5.29.15", true, "\x03\x01\0"s}}})
                 ->keyUsage(),
             0U);
 }
 
 TEST(Certificate, IsCACert_TheBitOfBasicConstraints) {
-  EXPECT_TRUE(make({.ca = true})->isCACert());
-  EXPECT_TRUE(make({.ca = true, .keyUsage = Pki::kAbsent})->isCACert());
-  EXPECT_FALSE(make({.ca = false})->isCACert());
-  EXPECT_FALSE(make({.basicConstraints = false})->isCACert());
-  EXPECT_FALSE(make({.basicConstraints = false, .keyUsage = KU_KEY_CERT_SIGN})->isCACert());
+  EXPECT_TRUE(issuedHandle({.ca = true})->isCACert());
+  EXPECT_TRUE(issuedHandle({.ca = true, .keyUsage = Pki::kAbsent})->isCACert());
+  EXPECT_FALSE(issuedHandle({.ca = false})->isCACert());
+  EXPECT_FALSE(issuedHandle({.basicConstraints = false})->isCACert());
+  EXPECT_FALSE(issuedHandle({.basicConstraints = false, .keyUsage = KU_KEY_CERT_SIGN})->isCACert());
 }
 
 TEST(Certificate, IsSelfSigned_ByNamesAndKeyIdentifiers) {
   const Pki::Issued root = Pki::issueCA("CN=CA");
   EXPECT_TRUE(Pki::handle(root)->isSelfSigned());
-  EXPECT_FALSE(make({.subject = "CN=Leaf", .issuer = &root})->isSelfSigned());
+  EXPECT_FALSE(issuedHandle({.subject = "CN=Leaf", .issuer = &root})->isSelfSigned());
   // Self-issued: the same name on both sides, another key. This is how a CA changes its key.
-  EXPECT_FALSE(make({.subject = "CN=CA", .issuer = &root, .ca = true})->isSelfSigned());
+  EXPECT_FALSE(issuedHandle({.subject = "CN=CA", .issuer = &root, .ca = true})->isSelfSigned());
   // The signature is not looked at.
-  EXPECT_TRUE(make({.subject = "CN=CA", .badSignature = true})->isSelfSigned());
+  EXPECT_TRUE(issuedHandle({.subject = "CN=CA", .badSignature = true})->isSelfSigned());
 }
 
 TEST(Certificate, IssuedBy_NamesOnlyOrWithTheSignature) {
@@ -98,10 +100,11 @@ TEST(Certificate, IssuedBy_NamesOnlyOrWithTheSignature) {
       Pki::issue({.subject = "CN=CA", .ca = true, .keyUsage = KU_CRL_SIGN, .key = ca.key});
   const Pki::Issued unrestricted =
       Pki::issue({.subject = "CN=CA", .keyUsage = Pki::kAbsent, .key = ca.key});
-  const RefCertificate leaf = make({.subject = "CN=Leaf", .issuer = &ca});
+  const RefCertificate leaf = issuedHandle({.subject = "CN=Leaf", .issuer = &ca});
   const RefCertificate vague =
-      make({.subject = "CN=Leaf", .issuer = &ca, .authorityKeyId = Pki::KeyId::Absent});
-  const RefCertificate forged = make({.subject = "CN=Leaf", .issuer = &ca, .badSignature = true});
+      issuedHandle({.subject = "CN=Leaf", .issuer = &ca, .authorityKeyId = Pki::KeyId::Absent});
+  const RefCertificate forged =
+      issuedHandle({.subject = "CN=Leaf", .issuer = &ca, .badSignature = true});
 
   struct Row {
     const char* name;
@@ -130,8 +133,8 @@ TEST(Certificate, IssuedBy_NamesOnlyOrWithTheSignature) {
 
 TEST(Certificate, Find_TheExtensionOrNothing) {
   const RefCertificate certificate =
-      make({.extensions = {{"subjectAltName", "critical,email:a@b.example"}},
-            .rawExtensions = {{"1.2.3.4", false, "\x05\0"s}}});
+      issuedHandle({.extensions = {{"subjectAltName", "critical,email:a@b.example"}},
+                    .rawExtensions = {{"1.2.3.4", false, "\x05\0"s}}});
   const RefExtension alternative = certificate->find(ASN1::RefObjectIdentifier("2.5.29.17"));
   ASSERT_FALSE(alternative.empty());
   EXPECT_EQ(alternative->oid(), "2.5.29.17");
@@ -148,7 +151,8 @@ TEST(Certificate, Find_TheExtensionOrNothing) {
 TEST(Certificate, FoundExtension_OutlivesTheCertificate) {
   RefExtension found;
   {
-    const RefCertificate certificate = make({.rawExtensions = {{"1.2.3.4", false, "\x05\0"s}}});
+    const RefCertificate certificate =
+        issuedHandle({.rawExtensions = {{"1.2.3.4", false, "\x05\0"s}}});
     found = certificate->find(ASN1::RefObjectIdentifier("1.2.3.4"));
   }
   EXPECT_EQ(found->oid(), "1.2.3.4");
@@ -175,11 +179,11 @@ TEST(Certificate, ExtensionBrokenOrTwice_ItsGetterThrowsAndTheOthersWork) {
   for (const Kind& kind : kinds) {
     SCOPED_TRACE(kind.oid);
     const auto with = [](const std::vector<Pki::RawExtension>& extensions) {
-      return make({.basicConstraints = false,
-                   .keyUsage = Pki::kAbsent,
-                   .subjectKeyId = Pki::KeyId::Absent,
-                   .authorityKeyId = Pki::KeyId::Absent,
-                   .rawExtensions = extensions});
+      return issuedHandle({.basicConstraints = false,
+                           .keyUsage = Pki::kAbsent,
+                           .subjectKeyId = Pki::KeyId::Absent,
+                           .authorityKeyId = Pki::KeyId::Absent,
+                           .rawExtensions = extensions});
     };
     const Pki::RawExtension good{kind.oid, false, kind.good};
     EXPECT_NO_THROW(kind.get(with({})));
@@ -214,7 +218,8 @@ TEST(Certificate, MalformedExtensions_NeverAnIssuerNorKnownToBeSelfSigned) {
                                          .ca = true,
                                          .keyUsage = Pki::kAbsent,
                                          .rawExtensions = {{"2.5.29.15", true, "\xff"s}}});
-  const RefCertificate leaf = make({.issuer = &broken, .authorityKeyId = Pki::KeyId::Absent});
+  const RefCertificate leaf =
+      issuedHandle({.issuer = &broken, .authorityKeyId = Pki::KeyId::Absent});
   EXPECT_FALSE(leaf->issuedBy(Pki::handle(broken), true));
   EXPECT_FALSE(leaf->issuedBy(Pki::handle(broken), false));
   EXPECT_THROW(static_cast<void>(Pki::handle(broken)->isSelfSigned()), Exception);
@@ -266,7 +271,7 @@ TEST(RefCertificate, Compared_ByContentAndEmptiness) {
   const Pki::Issued issued = Pki::issueCA("CN=CA");
   const RefCertificate one = Pki::handle(issued);
   const RefCertificate same = CertificateFactory()(X509_dup(issued.get()), true);
-  const RefCertificate other = make({.subject = "CN=CA"});
+  const RefCertificate other = issuedHandle({.subject = "CN=CA"});
   EXPECT_NE(one->native(), same->native());
   EXPECT_TRUE(one == same);
   EXPECT_FALSE(one != same);

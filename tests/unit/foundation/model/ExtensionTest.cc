@@ -8,7 +8,7 @@
 namespace Velantrix::Crypto::PKX509 {
 namespace {
 
-Owned<X509_EXTENSION> make(const char* oid, bool critical) {
+Owned<X509_EXTENSION> nativeExtension(const char* oid, bool critical) {
   const Owned<ASN1_OBJECT> type(OBJ_txt2obj(oid, 1));
   const Owned<ASN1_BIT_STRING> value(ASN1_OCTET_STRING_new());
   EXPECT_EQ(ASN1_STRING_set(value.get(), "\x05", 2), 1);
@@ -24,14 +24,14 @@ TEST(Extension, TypeAndCriticality_AreThoseOfTheSource) {
   // The type stands in numbers, whether OpenSSL has a name for it or not.
   const Row rows[] = {{"2.5.29.17", true}, {"2.5.29.17", false}, {"1.2.3.4", true}};
   for (const Row& row : rows) {
-    const Extension extension(make(row.oid, row.critical).get());
+    const Extension extension(nativeExtension(row.oid, row.critical).get());
     EXPECT_EQ(extension.oid(), row.oid);
     EXPECT_EQ(extension.critical(), row.critical) << row.oid;
   }
 }
 
 TEST(Extension, Source_MayChangeAndGo) {
-  const Owned<X509_EXTENSION> source = make("1.2.3.4", false);
+  const Owned<X509_EXTENSION> source = nativeExtension("1.2.3.4", false);
   const RefExtension copy(source.get());
   EXPECT_NE(copy->native(), source.get());
   ASSERT_EQ(X509_EXTENSION_set_critical(source.get(), 1), 1);

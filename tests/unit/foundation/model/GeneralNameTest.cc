@@ -11,7 +11,7 @@ namespace {
 
 namespace Pki = Velantrix::Test;
 
-RefGeneralName make(const std::string& text) {
+RefGeneralName generalNameOf(const std::string& text) {
   return RefGeneralName(Pki::makeGeneralName(text).get());
 }
 
@@ -33,7 +33,7 @@ TEST(GeneralName, EachType_GivesItsValueAndNothingForTheOthers) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.text);
-    const RefGeneralName name = make(row.text);
+    const RefGeneralName name = generalNameOf(row.text);
     EXPECT_EQ(name->type(), row.type);
     EXPECT_EQ(name->dn().asString(), row.dn);
     EXPECT_EQ(name->uri().asString(), row.uri);
@@ -49,11 +49,13 @@ TEST(GeneralName, URIWithZeroOctet_IsNoURI) {
 }
 
 TEST(GeneralName, Compared_DirectoryNamesCanonicallyTheRestByOctets) {
-  EXPECT_TRUE(*make("dirName:C=DE,CN=Name").get() == *make("dirName:C=de,CN=NAME").get());
-  EXPECT_TRUE(*make("dirName:C=DE,CN=Name").get() != *make("dirName:CN=Name,C=DE").get());
-  EXPECT_TRUE(*make("URI:http://a/").get() == *make("URI:http://a/").get());
-  EXPECT_TRUE(*make("URI:http://a/").get() != *make("URI:http://A/").get());
-  EXPECT_TRUE(*make("URI:http://a/").get() != *make("DNS:http://a/").get());
+  EXPECT_TRUE(*generalNameOf("dirName:C=DE,CN=Name").get() ==
+              *generalNameOf("dirName:C=de,CN=NAME").get());
+  EXPECT_TRUE(*generalNameOf("dirName:C=DE,CN=Name").get() !=
+              *generalNameOf("dirName:CN=Name,C=DE").get());
+  EXPECT_TRUE(*generalNameOf("URI:http://a/").get() == *generalNameOf("URI:http://a/").get());
+  EXPECT_TRUE(*generalNameOf("URI:http://a/").get() != *generalNameOf("URI:http://A/").get());
+  EXPECT_TRUE(*generalNameOf("URI:http://a/").get() != *generalNameOf("DNS:http://a/").get());
 }
 
 TEST(GeneralName, Source_MayGo) {

@@ -2,6 +2,7 @@
 #include "foundation/model/ObjectReader.h"
 #include "foundation/openssl/Der.h"
 #include "foundation/openssl/OpenSSLOwners.h"
+#include "support/PemBlock.h"
 #include "support/Pki.h"
 
 #include <velantrix/Exception.h>
@@ -55,17 +56,6 @@ std::string thrownBy(const std::string& input, ObjectSink& sink) {
   return "nothing";
 }
 
-std::string block(const std::string& label, const std::string& der,
-                  const std::string& header = {}) {
-  const Owned<BIO> out(BIO_new(BIO_s_mem()));
-  EXPECT_GT(PEM_write_bio(out.get(), label.c_str(), header.c_str(), octets(der),
-                          static_cast<long>(der.size())),
-            0);
-  char* data = nullptr;
-  const long length = BIO_get_mem_data(out.get(), &data);
-  return std::string(data, static_cast<std::size_t>(length));
-}
-
 const std::string kOne = "\x30\x03\x02\x01\x01"s;
 const std::string kTwo = "\x30\x03\x02\x01\x02"s;
 
@@ -80,15 +70,17 @@ TEST(ObjectReader, Readable_EachObjectOfTheKindIsHandedOverInOrder) {
       {"nothing", "", {}},
       {"DER", kOne, {":" + kOne}},
       {"DER end to end", kOne + kTwo + kOne, {":" + kOne, ":" + kTwo, ":" + kOne}},
-      {"a block", block("WANTED", kOne), {"WANTED:" + kOne}},
+      {"a block", Pki::pemBlock("WANTED", kOne), {"WANTED:" + kOne}},
       {"blocks with text around",
-       "text\n" + block("WANTED", kTwo) + "text\n" + block("WANTED", kOne) + "text",
+       "text\n" + Pki::pemBlock("WANTED", kTwo) + "text\n" + Pki::pemBlock("WANTED", kOne) + "text",
        {"WANTED:" + kTwo, "WANTED:" + kOne}},
       {"other blocks are passed over",
-       block("OTHER", "\xff") + block("WANTED", kOne) + block("OTHER", "x"),
+       Pki::pemBlock("OTHER", "\xff") + Pki::pemBlock("WANTED", kOne) + Pki::pemBlock("OTHER", "x"),
        {"WANTED:" + kOne}},
-      {"other blocks only", block("OTHER", "x"), {}},
-      {"an encrypted block of another kind", block("OTHER", "x", "Proc-Type: 4,ENCRYPTED\n"), {}},
+      {"other blocks only", Pki::pemBlock("OTHER", "x"), {}},
+      {"an encrypted block of another kind",
+       Pki::pemBlock("OTHER", "x", "Proc-Type: 4,ENCRYPTED\n"),
+       {}},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -100,18 +92,18 @@ TEST(ObjectReader, Readable_EachObjectOfTheKindIsHandedOverInOrder) {
 }
 
 TEST(ObjectReader, SinkThatHasEnough_IsOfferedNoMore) {
-  for (const std::string& rest : {""s, kOne, "x"s, "\x30\xff"s, block("WANTED", kOne)}) {
+  for (const std::string& rest : {""s, kOne, "x"s, "\x30\xff"s, Pki::pemBlock("WANTED", kOne)}) {
     Sink sink;
     sink.takesAll = false;
     read(kTwo + rest, sink);
     EXPECT_EQ(sink.offered, std::vector<std::string>{":" + kTwo});
   }
   for (const std::string& rest :
-       {""s, "text"s, block("WANTED", kOne), block("WANTED", kOne, "Proc-Type: 4,ENCRYPTED\n"),
-        "-----BEGIN WANTED-----\n!"s}) {
+       {""s, "text"s, Pki::pemBlock("WANTED", kOne),
+        Pki::pemBlock("WANTED", kOne, "Proc-Type: 4,ENCRYPTED\n"), "-----BEGIN WANTED-----\n!"s}) {
     Sink sink;
     sink.takesAll = false;
-    read(block("OTHER", kOne) + block("WANTED", kTwo) + rest, sink);
+    read(Pki::pemBlock("OTHER", kOne) + Pki::pemBlock("WANTED", kTwo) + rest, sink);
     EXPECT_EQ(sink.offered, std::vector<std::string>{"WANTED:" + kTwo});
   }
   Sink sink("\x30\x03\x02\x01\x02");  // what is passed over is not enough
@@ -121,7 +113,7 @@ TEST(ObjectReader, SinkThatHasEnough_IsOfferedNoMore) {
 
 TEST(ObjectReader, Unreadable_Throws) {
   ERR_clear_error();
-  const std::string good = block("WANTED", kOne);
+  const std::string good = Pki::pemBlock("WANTED", kOne);
   struct Row {
     const char* name;
     std::string input;
@@ -134,9 +126,10 @@ TEST(ObjectReader, Unreadable_Throws) {
       {"indefinite length", "\x30\x80\x02\x01\x01\0\0"s, "neither PEM nor DER"},
       {"octet after DER", kOne + "\n", "neither PEM nor DER from octet 5"},
       {"cut short later", kOne + kTwo + "\x30\x09", "neither PEM nor DER from octet 10"},
-      {"block that the sink does not take", good + block("WANTED", "x"), "malformed WANTED"},
+      {"block that the sink does not take", good + Pki::pemBlock("WANTED", "x"),
+       "malformed WANTED"},
       {"block without an end", good.substr(0, good.size() - 10), "malformed PEM block"},
-      {"encrypted block of the kind", block("WANTED", kOne, "Proc-Type: 4,ENCRYPTED\n"),
+      {"encrypted block of the kind", Pki::pemBlock("WANTED", kOne, "Proc-Type: 4,ENCRYPTED\n"),
        "encrypted WANTED"},
   };
   for (const Row& row : rows) {
@@ -155,19 +148,21 @@ TEST(ObjectReader, BlocksOfAnyForm_AreHandedOverInOrder) {
              label == PEM_STRING_X509_OLD;
     }
   };
-  const std::string certificate = block(PEM_STRING_X509, kOne);
-  const std::string crl = block(PEM_STRING_X509_CRL, kTwo);
+  const std::string certificate = Pki::pemBlock(PEM_STRING_X509, kOne);
+  const std::string crl = Pki::pemBlock(PEM_STRING_X509_CRL, kTwo);
   std::string spaced = certificate;
   spaced.insert(spaced.find("-----\n") + 5, " ");
-  const std::string input = certificate + "text\n" + spaced + crl + block("PRIVATE KEY", "x") +
-                            block(PEM_STRING_X509_OLD, kOne) + certificate + "text";
+  const std::string input = certificate + "text\n" + spaced + crl +
+                            Pki::pemBlock("PRIVATE KEY", "x") +
+                            Pki::pemBlock(PEM_STRING_X509_OLD, kOne) + certificate + "text";
   const std::string offered = "CERTIFICATE:" + kOne;
   ObjectsOfTwoKinds sink;
   read(input, sink);
   EXPECT_EQ(sink.offered, (std::vector<std::string>{offered, offered, "X509 CRL:" + kTwo,
                                                     "X509 CERTIFICATE:" + kOne, offered}));
   ObjectsOfTwoKinds broken;
-  EXPECT_EQ(thrownBy(certificate + block(PEM_STRING_X509, "x"), broken), "malformed CERTIFICATE");
+  EXPECT_EQ(thrownBy(certificate + Pki::pemBlock(PEM_STRING_X509, "x"), broken),
+            "malformed CERTIFICATE");
   ObjectsOfTwoKinds first;
   first.takesAll = false;
   read(certificate + crl, first);
@@ -190,7 +185,7 @@ TEST(ObjectReader, ExceptionOfTheSink_ReachesTheCaller) {
   struct Failing : Sink {
     bool take(std::string_view, const unsigned char*, std::size_t) override { throw 7; }
   };
-  for (const std::string& input : {kOne, block("WANTED", kOne)}) {
+  for (const std::string& input : {kOne, Pki::pemBlock("WANTED", kOne)}) {
     Failing sink;
     EXPECT_THROW(read(input, sink), int);
   }
