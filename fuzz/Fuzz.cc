@@ -43,7 +43,25 @@ class CheckedLog : public Logger {
   }
 };
 
+// Initialised before any constructor runs.
+const Target* s_targets = nullptr;
+
 }  // namespace
+
+Target::Target(const char* name, Body body) noexcept : name_(name), body_(body), next_(s_targets) {
+  s_targets = this;
+}
+
+const Target* Target::find(std::string_view name) noexcept {
+  const Target* target = s_targets;
+  while (target != nullptr && target->name_ != name) target = target->next_;
+  return target;
+}
+
+const Target& Target::only() {
+  PKX509_ASSERT(s_targets != nullptr && s_targets->next_ == nullptr);
+  return *s_targets;
+}
 
 void begin() {
   static CheckedLog* const log = [] {

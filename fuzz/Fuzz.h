@@ -1,16 +1,20 @@
 // What the fuzz targets share.
 //
-//   extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-//     Fuzz::begin();
+//   namespace Velantrix::Fuzz::CRLTarget {
+//
+//   PKX509_FUZZ_TARGET(crl) {              // of an input, data and size
+//     begin();
 //     RefCertificateRevocationList crl;
-//     if (!Fuzz::accepted([&] { crl = CertificateRevocationListFactory::read(...); })) return 0;
+//     if (!accepted([&] { crl = CertificateRevocationListFactory::read(...); })) return 0;
 //     PKX509_ASSERT(...);                  // what has to hold for what was accepted
 //     return 0;
 //   }
 //
+//   }  // namespace Velantrix::Fuzz::CRLTarget
+//
 // A target is a finding when it crashes, hangs, leaks, lets another exception than the library's
-// own out, or when one of its assertions fails. Each target is linked to libFuzzer, or to
-// Replay.cc, which runs it over files.
+// own out, or when one of its assertions fails. Each target is linked to libFuzzer, or all of them to
+// Replay.cc, which runs one over files; a namespace each keeps them apart, compiled as one or not.
 #pragma once
 
 #include <velantrix/Assert.h>
@@ -24,10 +28,37 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+/// Heads the body of a target, and makes it known under its name. What the body returns is libFuzzer's: 0.
+#define PKX509_FUZZ_TARGET(name)                                              \
+  static int fuzz_##name(const std::uint8_t* data, std::size_t size);         \
+  static const ::Velantrix::Fuzz::Target s_target_##name(#name, fuzz_##name); \
+  static int fuzz_##name(const std::uint8_t* data, std::size_t size)
 
 namespace Velantrix::Fuzz {
+
+/// A target of this program, of which there may be several. Lives as long as the program.
+class Target {
+ public:
+  using Body = int (*)(const std::uint8_t* data, std::size_t size);
+
+  Target(const char* name, Body body) noexcept;
+  Target(const Target&) = delete;
+  Target& operator=(const Target&) = delete;
+
+  /// Null when there is none.
+  static const Target* find(std::string_view name) noexcept;
+  /// Of a program that has no other.
+  static const Target& only();
+
+  int run(const std::uint8_t* data, std::size_t size) const { return body_(data, size); }
+
+ private:
+  const char* const name_;
+  const Body body_;
+  const Target* const next_;
+};
 
 /// Comes first in every target. The log goes nowhere from then on, and each of its lines is looked
 /// at: no stranger gets a character that is unfit to show into it.

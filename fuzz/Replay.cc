@@ -1,5 +1,6 @@
-// Runs a fuzz target over the files that are named, and those in the directories that are named, in
-// place of libFuzzer. No file at all is a failure. Options of libFuzzer's are passed over.
+// Runs the fuzz target that is named first over the files that are named then, and those in the
+// directories, in place of libFuzzer. A target that is none, or no file at all, is a failure. Options of
+// libFuzzer's are passed over.
 #include "Fuzz.h"
 
 #include <algorithm>
@@ -15,7 +16,7 @@ namespace fs = std::filesystem;
 
 std::vector<fs::path> filesOf(int count, char** arguments) {
   std::vector<fs::path> files;
-  for (int i = 1; i < count; ++i) {
+  for (int i = 2; i < count; ++i) {
     const fs::path path = arguments[i];
     if (path.native().starts_with('-')) continue;
     if (!fs::is_directory(path)) {
@@ -33,8 +34,14 @@ std::vector<fs::path> filesOf(int count, char** arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::size_t run = 0;
-  for (const fs::path& file : filesOf(argc, argv)) {
+  using Velantrix::Fuzz::Target;
+  const Target* const target = argc < 2 ? nullptr : Target::find(argv[1]);
+  const std::vector<fs::path> files = filesOf(argc, argv);
+  if (target == nullptr || files.empty()) {
+    std::fprintf(stderr, "usage: %s TARGET FILE-OR-DIRECTORY..., for fuzz/TARGET.cc\n", argv[0]);
+    return 1;
+  }
+  for (const fs::path& file : files) {
     std::ifstream in(file, std::ios::binary);
     const std::vector<char> content((std::istreambuf_iterator<char>(in)),
                                     std::istreambuf_iterator<char>());
@@ -45,9 +52,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "%s\n", file.c_str());  // the last one named is the one that failed
     // Of exactly the input's size, so that a read beyond it is seen.
     const std::vector<std::uint8_t> input(content.begin(), content.end());
-    LLVMFuzzerTestOneInput(input.data(), input.size());
-    ++run;
+    target->run(input.data(), input.size());
   }
-  if (run == 0) std::fprintf(stderr, "usage: %s FILE-OR-DIRECTORY...\n", argv[0]);
-  return run == 0 ? 1 : 0;
+  return 0;
 }

@@ -8,7 +8,7 @@
 
 #include <sstream>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::CertificateTarget {
 namespace {
 
 using namespace Crypto::PKX509;
@@ -102,10 +102,8 @@ void verify(const RefCertificate& certificate, const std::list<RefCertificate>& 
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(certificate) {
   begin();
   bool readable = false;
   const std::list<RefCertificate> certificates = readAll(buffer(data, size), readable);
@@ -122,3 +120,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::CertificateTarget

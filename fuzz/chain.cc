@@ -51,7 +51,7 @@ extern "C" std::size_t __sanitizer_get_allocated_size(const volatile void* block
 // NOLINTEND(bugprone-reserved-identifier)
 #endif
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::ChainTarget {
 namespace {
 
 using namespace Test;
@@ -571,12 +571,12 @@ void check(const Situation& situation) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(chain) {
   begin();
   const Situation situation = Reader(data, size).read();
   check(situation);
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::ChainTarget

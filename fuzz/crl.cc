@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::CRLTarget {
 namespace {
 
 using namespace Crypto::PKX509;
@@ -85,10 +85,8 @@ void judge(const RefCertificateRevocationList& crl) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(crl) {
   begin();
   RefCertificateRevocationList crl;
   if (!accepted([&] { crl = CertificateRevocationListFactory::read(buffer(data, size)); })) {
@@ -100,3 +98,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   judge(crl);
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::CRLTarget

@@ -3,10 +3,13 @@
 #include "Fuzz.h"
 #include "unit/foundation/crlindex/CompactCRLOracle.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix;
-  Fuzz::begin();
-  PKX509_ASSERT(Test::CompactCRLOracle::difference(Fuzz::text(data, size)).empty());
+namespace Velantrix::Fuzz::CRLCompactTarget {
+
+PKX509_FUZZ_TARGET(crl_compact) {
+  begin();
+  PKX509_ASSERT(Test::CompactCRLOracle::difference(text(data, size)).empty());
   PKX509_ASSERT(ERR_peek_error() == 0);
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::CRLCompactTarget

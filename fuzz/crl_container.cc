@@ -14,7 +14,7 @@
 #include <initializer_list>
 #include <iostream>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::CRLContainerTarget {
 namespace {
 
 using namespace Test::Random;
@@ -196,12 +196,12 @@ bool agree(const Description& pki) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(crl_container) {
   begin();
   const auto pki = Reader(data, size).read();
   PKX509_ASSERT(agree(pki));
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::CRLContainerTarget

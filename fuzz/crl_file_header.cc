@@ -6,7 +6,7 @@
 
 #include <functional>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::CRLFileHeaderTarget {
 namespace {
 
 using Crypto::PKX509::HashFileHeader;
@@ -40,10 +40,8 @@ void readFile(const std::string& content, const HashFileHeader& header) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(crl_file_header) {
   begin();
   const std::string content = text(data, size);
   HashFileHeader header;
@@ -77,3 +75,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   PKX509_ASSERT(again.size == written.size() - content.size());
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::CRLFileHeaderTarget

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <sstream>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::DirectoryNameTarget {
 namespace {
 
 using namespace Crypto::PKX509;
@@ -45,10 +45,8 @@ void check(const std::string& name, unsigned int key) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(directory_name) {
   begin();
   std::uint32_t key = 0;
   if (size < sizeof key) return 0;
@@ -59,3 +57,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check(name, 0);
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::DirectoryNameTarget

@@ -7,7 +7,7 @@
 #include <velantrix/CrossCertificatePair.h>
 #include <velantrix/IssuingDistributionPoint.h>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::ExtensionsTarget {
 namespace {
 
 using namespace Crypto::PKX509;
@@ -134,10 +134,8 @@ void readPair(const std::uint8_t* data, std::size_t size) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(extensions) {
   begin();
   readNames(data, size);
   readPoints(data, size);
@@ -146,3 +144,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   readPair(data, size);
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::ExtensionsTarget

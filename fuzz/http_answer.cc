@@ -23,7 +23,7 @@
 #include <utility>
 #include <vector>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::HTTPAnswerTarget {
 namespace {
 
 namespace HTTP = LW::HTTP;
@@ -150,11 +150,8 @@ void checkWebClient(const std::string& answer, std::size_t limit, bool direct) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix;
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(http_answer) {
   begin();
   if (size == 0) return 0;
   const std::size_t limit = data[0] == 0 ? 1 : std::size_t{data[0]} * data[0];
@@ -190,3 +187,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::HTTPAnswerTarget

@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::LDAPAnswerTarget {
 namespace {
 
 using Test::Attributes;
@@ -260,11 +260,8 @@ std::size_t timesOf(const Choices& choices, std::string_view input) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix;
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(ldap_answer) {
   begin();
   const std::string octets = text(data, std::min(size, kMostOctets));
   std::string_view input = octets;
@@ -280,3 +277,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::LDAPAnswerTarget

@@ -15,7 +15,7 @@
 #include <type_traits>
 #include <vector>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::LDAPValuesTarget {
 namespace {
 
 using namespace Crypto::PKX509;
@@ -231,11 +231,8 @@ void lookUpObject(LDAPLookupMethod& method, const Values& values, int type, bool
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix;
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(ldap_values) {
   begin();
   const std::string octets = text(data, size);
   std::string_view input = octets;
@@ -271,3 +268,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::LDAPValuesTarget

@@ -2,7 +2,7 @@
 #include "Fuzz.h"
 #include "foundation/openssl/OpenSSLOwners.h"
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::NameTarget {
 namespace {
 
 using Crypto::Owned;
@@ -25,12 +25,12 @@ void readDer(const std::uint8_t* data, std::size_t size) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(name) {
   begin();
   readText(text(data, size));
   readDer(data, size);
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::NameTarget

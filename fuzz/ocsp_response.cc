@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::OCSPResponseTarget {
 namespace {
 
 using namespace Crypto::PKX509;
@@ -60,10 +60,8 @@ void judge(const OCSP::Response& response, const OCSP::BasicResponse& basic) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(ocsp_response) {
   begin();
   Velantrix::LW::Buffer bytes;
   bytes.append(data, size);
@@ -80,3 +78,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   judge(*response, *basic);
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::OCSPResponseTarget

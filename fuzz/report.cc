@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::ReportTarget {
 namespace {
 
 using namespace Crypto::PKX509;
@@ -121,10 +121,8 @@ void check(const Report& report) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(report) {
   begin();
   // The choices come first, what the stranger wrote behind them.
   const std::size_t half = size / 2;
@@ -151,3 +149,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check(Report(Report::Content{.code = 1, .findings = {drawFinding(draws, written, 2)}}));
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::ReportTarget

@@ -12,7 +12,7 @@
 #include <openssl/asn1t.h>
 #include <openssl/ocsp.h>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::RevocationTarget {
 namespace {
 
 using namespace Crypto::PKX509;
@@ -164,10 +164,8 @@ void decide(const std::string& body, const RefCertificateRevocationList& crl,
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(revocation) {
   begin();
   const std::string body = text(data, size);
   judgeAnswer(body);
@@ -178,3 +176,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   decide(body, crl, world().pointed);
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::RevocationTarget

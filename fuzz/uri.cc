@@ -8,7 +8,7 @@
 #include <charconv>
 #include <string_view>
 
-namespace Velantrix::Fuzz {
+namespace Velantrix::Fuzz::URITarget {
 namespace {
 
 using Crypto::PKX509::DirectoryParser;
@@ -33,11 +33,8 @@ void checkFileName(const Uri& uri) {
 }
 
 }  // namespace
-}  // namespace Velantrix::Fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace Velantrix;
-  using namespace Velantrix::Fuzz;
+PKX509_FUZZ_TARGET(uri) {
   begin();
   const std::string given = text(data, size);
   Uri uri;
@@ -68,3 +65,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   checkFileName(uri);
   return 0;
 }
+
+}  // namespace Velantrix::Fuzz::URITarget
