@@ -86,7 +86,8 @@ const char* text(Revocation::Statement::Kind kind) {
 
 std::string shown(const Revocation::Statement& statement) {
   std::string number = "none";
-  std::string issuer = statement.issuer;
+  std::string issuer =
+      statement.responder.empty() ? statement.issuer : statement.responder->subject().asString();
   if (!statement.crl.empty()) {
     issuer = statement.crl->crlInfo().issuer().asString();
     if (!statement.crl->crlNumber().isNull()) number = statement.crl->crlNumber().asString();

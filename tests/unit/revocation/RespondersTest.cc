@@ -99,7 +99,7 @@ TEST_F(RespondersTest, Unknown_TheListsDecide) {
   EXPECT_EQ(unknown.code, X509_V_ERR_UNABLE_TO_GET_CRL);
   const Statement statement = firstFor(unknown, Reason::kStatusUnknown).statement;
   EXPECT_EQ(statement.kind, Statement::Kind::kOCSP);
-  EXPECT_EQ(statement.issuer, "CN=CA,O=Test");
+  EXPECT_EQ(statement.responder->subject().asString(), "CN=CA,O=Test");
   EXPECT_TRUE(statement.thisUpdate);
   around.publish({.issuer = &ca, .revoked = {{.serial = three}}});
   around.sources.asked.clear();
