@@ -10,8 +10,7 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-constexpr const char* kContext = "X509::AuthorityInformationAccess";
-constexpr Origin kHere{kContext, "AuthorityInformationAccess"};
+constexpr Origin kHere{"X509::AuthorityInformationAccess", "AuthorityInformationAccess"};
 
 void appendOCSP(std::string& out, const ACCESS_DESCRIPTION* description) {
   if (OBJ_obj2nid(description->method) != NID_ad_OCSP) return;
@@ -35,14 +34,14 @@ std::string ocspLocations(const X509_EXTENSION* extension) {
     for (const unsigned char* position = all->content; position != end;) {
       const Owned<ACCESS_DESCRIPTION> description =
           decodeNext(d2i_ACCESS_DESCRIPTION, position, end);
-      if (description == nullptr) throwBrokenExtension(extension, kContext);
+      if (description == nullptr) throwBrokenExtension(extension, kHere.context);
       appendOCSP(found, description.get());
     }
     return found;
   }
   // Of indefinite length, or broken: OpenSSL knows.
   const Owned<AUTHORITY_INFO_ACCESS> descriptions =
-      decodeExtension(extension, d2i_AUTHORITY_INFO_ACCESS, kContext);
+      decodeExtension(extension, d2i_AUTHORITY_INFO_ACCESS, kHere.context);
   for (int i = 0; i < sk_ACCESS_DESCRIPTION_num(descriptions.get()); ++i) {
     appendOCSP(found, sk_ACCESS_DESCRIPTION_value(descriptions.get(), i));
   }

@@ -71,7 +71,7 @@ struct ListKind {
   bool indirect;
 };
 
-const char* brokenRuleOf(X509_EXTENSION* extension, const ListKind& kind) {
+const char* brokenRuleOfExtension(X509_EXTENSION* extension, const ListKind& kind) {
   if (!kind.delta && isRemoval(extension)) {
     return "removeFromCRL in a list that is no delta CRL (5.3.1)";
   }
@@ -82,13 +82,15 @@ const char* brokenRuleOf(X509_EXTENSION* extension, const ListKind& kind) {
   return nullptr;
 }
 
-const char* brokenRuleOf(const X509_REVOKED* entry, const ListKind& kind) {
+const char* brokenRuleOfEntry(const X509_REVOKED* entry, const ListKind& kind) {
   if (!isStrictTime(X509_REVOKED_get0_revocationDate(entry))) return "a revocation date (5.1.2.6)";
   const STACK_OF(X509_EXTENSION)* const extensions = X509_REVOKED_get0_extensions(entry);
   if (extensions == nullptr) return nullptr;
   if (kind.v1) return "extensions of an entry in a v1 list (5.1)";
   for (int i = 0; i < X509v3_get_ext_count(extensions); ++i) {
-    if (const char* const rule = brokenRuleOf(X509v3_get_ext(extensions, i), kind)) return rule;
+    if (const char* const rule = brokenRuleOfExtension(X509v3_get_ext(extensions, i), kind)) {
+      return rule;
+    }
   }
   // OpenSSL looks at the entries up to the first one that is not so. Of those behind it, it knows neither
   // whom they are about nor which of them take a certificate off.
@@ -101,7 +103,7 @@ const char* brokenRuleOf(const X509_REVOKED* entry, const ListKind& kind) {
   return nullptr;
 }
 
-const char* brokenRuleOf(const ISSUING_DIST_POINT& idp) {
+const char* brokenRuleOfScope(const ISSUING_DIST_POINT& idp) {
   const int only = (idp.onlyuser > 0) + (idp.onlyCA > 0) + (idp.onlyattr > 0);
   if (only > 1) return "an issuing distribution point for more than one kind (5.2.5)";
   if (only == 0 && idp.indirectCRL <= 0 && idp.distpoint == nullptr &&
@@ -140,7 +142,7 @@ const char* brokenRuleOfExtensions(X509_CRL* crl, ListKind& kind) {
   const Owned<ISSUING_DIST_POINT> idp(static_cast<ISSUING_DIST_POINT*>(
       X509_CRL_get_ext_d2i(crl, NID_issuing_distribution_point, nullptr, nullptr)));
   if (idp != nullptr) {
-    if (const char* const rule = brokenRuleOf(*idp)) return rule;
+    if (const char* const rule = brokenRuleOfScope(*idp)) return rule;
   }
   const Owned<ASN1_INTEGER> number(
       static_cast<ASN1_INTEGER*>(X509_CRL_get_ext_d2i(crl, NID_crl_number, nullptr, nullptr)));
@@ -170,7 +172,9 @@ const char* brokenRuleOf(X509_CRL* crl) {
   if (entries == nullptr) return nullptr;
   if (sk_X509_REVOKED_num(entries) == 0) return "an empty list of entries (5.1.2.6)";
   for (int i = 0; i < sk_X509_REVOKED_num(entries); ++i) {
-    if (const char* const rule = brokenRuleOf(sk_X509_REVOKED_value(entries, i), kind)) return rule;
+    if (const char* const rule = brokenRuleOfEntry(sk_X509_REVOKED_value(entries, i), kind)) {
+      return rule;
+    }
   }
   return nullptr;
 }
@@ -192,7 +196,7 @@ const char* brokenRuleOf(const CompactCRL& crl) {
   if (kind.v1) wrong(CompactCRL::kExtensions);
   if (!kind.delta) wrong(CompactCRL::kRemoval);
   if (!kind.indirect) wrong(CompactCRL::kCertificateIssuer);
-  return first == 0 ? nullptr : brokenRuleOf(crl.entryAt(first).get(), kind);
+  return first == 0 ? nullptr : brokenRuleOfEntry(crl.entryAt(first).get(), kind);
 }
 
 }  // namespace Velantrix::Crypto::PKX509

@@ -18,8 +18,7 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-constexpr const char* kContext = "X509::Certificate";
-constexpr Origin kHere{kContext, "Certificate"};
+constexpr Origin kHere{"X509::Certificate", "Certificate"};
 
 }  // namespace
 
@@ -45,24 +44,24 @@ Certificate::Certificate(X509* native) : x509_(notNull(native)) {
 ASN1::RefOctetString Certificate::subjectKeyIdentifier() const {
   return ASN1::RefOctetString(decodeOnlyExtension(X509_get0_extensions(native()),
                                                   NID_subject_key_identifier, d2i_ASN1_OCTET_STRING,
-                                                  kContext)
+                                                  kHere.context)
                                   .get());
 }
 
 RefAuthorityKeyIdentifier Certificate::authorityKeyIdentifier() const {
-  return decodeAuthorityKeyIdentifier(X509_get0_extensions(native()), kContext);
+  return decodeAuthorityKeyIdentifier(X509_get0_extensions(native()), kHere.context);
 }
 
 unsigned int Certificate::keyUsage() const {
   const Owned<ASN1_BIT_STRING> decoded = decodeOnlyExtension(
-      X509_get0_extensions(native()), NID_key_usage, d2i_ASN1_BIT_STRING, kContext);
+      X509_get0_extensions(native()), NID_key_usage, d2i_ASN1_BIT_STRING, kHere.context);
   if (decoded == nullptr) return std::numeric_limits<unsigned int>::max();
   return namedBits(decoded.get());
 }
 
 DistributionPoints::DistributionPoints(const Certificate& certificate)
     : DistributionPoints(X509_get0_extensions(certificate.native()), NID_crl_distribution_points,
-                         kContext) {}
+                         kHere.context) {}
 
 DistributionPoints::DistributionPoints(const STACK_OF(X509_EXTENSION) * extensions, int nid,
                                        const char* context)
@@ -83,7 +82,7 @@ std::list<RefCRLDistributionPoint> Certificate::crlDistributionPoints() const {
 }
 
 RefExtension Certificate::find(const ASN1::RefObjectIdentifier& oid) const {
-  return RefExtension(onlyExtension(X509_get0_extensions(native()), oid->native(), kContext));
+  return RefExtension(onlyExtension(X509_get0_extensions(native()), oid->native(), kHere.context));
 }
 
 bool Certificate::isSelfSigned() const {
@@ -97,7 +96,7 @@ bool Certificate::isSelfSigned() const {
 
 bool Certificate::isCACert() const {
   const Owned<BASIC_CONSTRAINTS> decoded = decodeOnlyExtension(
-      X509_get0_extensions(native()), NID_basic_constraints, d2i_BASIC_CONSTRAINTS, kContext);
+      X509_get0_extensions(native()), NID_basic_constraints, d2i_BASIC_CONSTRAINTS, kHere.context);
   return decoded != nullptr && decoded->ca > 0;
 }
 
@@ -121,7 +120,7 @@ RefKey Certificate::key() const {
 }
 
 void Certificate::writePEM(MediaOut& out) const {
-  writeEncoded(out, kContext, [this](BIO* bio) { return PEM_write_bio_X509(bio, native()); });
+  writeEncoded(out, kHere.context, [this](BIO* bio) { return PEM_write_bio_X509(bio, native()); });
 }
 
 bool RefCertificate::operator==(const RefCertificate& other) const noexcept {

@@ -29,8 +29,7 @@ namespace Velantrix::Crypto::PKX509 {
 
 namespace {
 
-constexpr const char* kContext = "X509::CertificateRevocationList";
-constexpr Origin kHere{kContext, "CertificateRevocationList"};
+constexpr Origin kHere{"X509::CertificateRevocationList", "CertificateRevocationList"};
 
 // The name points into the X509_CRL and keeps it, rather than copy from it.
 DistinguishedName issuerOf(X509_CRL* crl) {
@@ -40,13 +39,14 @@ DistinguishedName issuerOf(X509_CRL* crl) {
 
 ASN1::Integer decodeNumber(const X509_CRL* crl, int nid) {
   return ASN1::Integer(
-      decodeOnlyExtension(X509_CRL_get0_extensions(crl), nid, d2i_ASN1_INTEGER, kContext).get());
+      decodeOnlyExtension(X509_CRL_get0_extensions(crl), nid, d2i_ASN1_INTEGER, kHere.context)
+          .get());
 }
 
 RefIssuingDistributionPoint decodeIssuingDistributionPoint(const X509_CRL* crl) {
   const std::shared_ptr<const ISSUING_DIST_POINT> decoded =
       decodeOnlyExtension(X509_CRL_get0_extensions(crl), NID_issuing_distribution_point,
-                          d2i_ISSUING_DIST_POINT, kContext);
+                          d2i_ISSUING_DIST_POINT, kHere.context);
   if (decoded == nullptr) return RefIssuingDistributionPoint();
   return RefIssuingDistributionPoint(new IssuingDistributionPoint(decoded));
 }
@@ -197,7 +197,8 @@ CertificateRevocationList::CertificateRevocationList(X509_CRL* native,
     : crl_(native),
       info_(issuerOf(compact == nullptr ? native : compact->head()),
             decodeAuthorityKeyIdentifier(
-                X509_CRL_get0_extensions(compact == nullptr ? native : compact->head()), kContext)),
+                X509_CRL_get0_extensions(compact == nullptr ? native : compact->head()),
+                kHere.context)),
       derived_(std::make_unique<Derived>()) {
   const X509_CRL* const head = compact == nullptr ? native : compact->head();
   lastUpdate_ = ASN1::RefGeneralizedTime(X509_CRL_get0_lastUpdate(head), true);
@@ -309,7 +310,7 @@ std::size_t CertificateRevocationList::entryCount() const noexcept {
 }
 
 void CertificateRevocationList::writePEM(MediaOut& out) const {
-  writeEncoded(out, kContext, [this](BIO* bio) {
+  writeEncoded(out, kHere.context, [this](BIO* bio) {
     if (derived_->compact == nullptr) return PEM_write_bio_X509_CRL(bio, crl_.get());
     const Octets& octets = derived_->compact->octets();
     const bool done = PEM_write_bio(bio, PEM_STRING_X509_CRL, "", octets.data(),
