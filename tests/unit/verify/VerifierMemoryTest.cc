@@ -45,9 +45,9 @@ void expectFlat() {
   EXPECT_LE(taken(), before + 400);
 }
 
-TEST(VerificationMemory, Verifier_LeavesNothing) { expectFlat<Verifier>(); }
+TEST(VerifierMemory, Verifier_LeavesNothing) { expectFlat<Verifier>(); }
 
-TEST(VerificationMemory, ConformingVerifier_LeavesNothing) { expectFlat<ConformingVerifier>(); }
+TEST(VerifierMemory, ConformingVerifier_LeavesNothing) { expectFlat<ConformingVerifier>(); }
 
 }  // namespace
 }  // namespace Velantrix::Test

@@ -68,11 +68,11 @@ void expectFew(std::size_t most) {
   EXPECT_GT(countOf(cold, SYS_getdents64), 0U) << listOf(cold);
 }
 
-TEST(VerificationCalls, Verifier_MakesTwelveOfTheKernel_WhereNothingHasChanged) {
+TEST(VerifierCalls, Verifier_MakesTwelveOfTheKernel_WhereNothingHasChanged) {
   expectFew<Verifier>(12);
 }
 
-TEST(VerificationCalls, ConformingVerifier_MakesTenOfTheKernel_WhereNothingHasChanged) {
+TEST(VerifierCalls, ConformingVerifier_MakesTenOfTheKernel_WhereNothingHasChanged) {
   expectFew<ConformingVerifier>(10);
 }
 
