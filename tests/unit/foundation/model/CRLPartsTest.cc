@@ -93,7 +93,10 @@ TEST(CRLParts, BrokenExtension_IsToldOfEitherForm) {
   Pki::CRLOptions broken;
   broken.issuer = &ca;
   broken.rawExtensions = {{"2.5.29.28", true, "\x05\0"s}};
-  const Owned<X509_CRL> list = Pki::makeCRL(broken);
+  const Owned<X509_CRL> list = [&] {
+    const ErrorScope errors;  // OpenSSL does not like it
+    return Pki::makeCRL(broken);
+  }();
   const auto reasonOf = [](const auto& make) {
     try {
       make();

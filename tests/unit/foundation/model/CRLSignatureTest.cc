@@ -27,6 +27,11 @@ Pki::CRLOptions longOptions(const Pki::Issued& ca) {
   return {.issuer = &ca, .rawExtensions = {filler()}};
 }
 
+bool openSSLVerifies(X509_CRL* crl, EVP_PKEY* key) {
+  const ErrorScope errors;
+  return X509_CRL_verify(crl, key) == 1;
+}
+
 TEST(CRLSignature, LongOrShort_IsWhatOpenSSLSays) {
   for (const Pki::KeyKind kind :
        {Pki::KeyKind::P256, Pki::KeyKind::Rsa2048, Pki::KeyKind::Ed25519}) {
@@ -36,7 +41,7 @@ TEST(CRLSignature, LongOrShort_IsWhatOpenSSLSays) {
         const auto crl =
             Pki::makeCRL({.issuer = &ca, .rawExtensions = {filler(octets)}, .badSignature = bad});
         EXPECT_EQ(isCRLSignedBy(crl.get(), ca.key.get()), !bad);
-        EXPECT_EQ(X509_CRL_verify(crl.get(), ca.key.get()) == 1, !bad);
+        EXPECT_EQ(openSSLVerifies(crl.get(), ca.key.get()), !bad);
         for (const Pki::KeyKind other : {Pki::KeyKind::P256, Pki::KeyKind::Ed25519}) {
           EXPECT_EQ(isCRLSignedBy(crl.get(), Pki::makeKey(other).get()), false);
         }
@@ -58,7 +63,7 @@ TEST(CRLSignature, AlgorithmThatIsNotTheOneInside_IsWhatOpenSSLSays) {
   };
   for (const bool inside : {true, false}) {
     const auto crl = withOther(inside);
-    EXPECT_EQ(X509_CRL_verify(crl.get(), ca.key.get()), 0);
+    EXPECT_FALSE(openSSLVerifies(crl.get(), ca.key.get()));
     EXPECT_EQ(isCRLSignedBy(crl.get(), ca.key.get()), false);
   }
 }
