@@ -206,7 +206,8 @@ SourceUse::~SourceUse() {
   if (isWithin) outer_->counted_ = true;
   if (isTold()) return;
   try {
-    use_.taken = clockOf(use_.kind) - start_;
+    // What was not asked took no time, though the clock may have ticked.
+    if (use_.result != Source::Result::kRefused) use_.taken = clockOf(use_.kind) - start_;
     if (isWithin) {
       outer_->told_ = true;
       if (use_.result == Source::Result::kFailed) outer_->failureTold_ = true;

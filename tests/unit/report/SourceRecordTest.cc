@@ -8,6 +8,7 @@
 #include <velantrix/Exception.h>
 
 #include <cerrno>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <new>
 #include <stdexcept>
@@ -46,6 +47,26 @@ class SourceRecordOfARun : public testing::Test {
   const Issued other = issueCA("CN=Other");
   VerificationRun run{static_cast<const X509*>(nullptr)};
 };
+
+TEST_F(SourceRecordOfARun, WhatIsNotAsked_TakesNoTime) {
+  using Clock = std::chrono::steady_clock;
+  const auto waitForTick = [] {
+    for (const auto start = Clock::now(); Clock::now() - start < std::chrono::milliseconds(1);) {
+    }
+  };
+  {
+    SourceUse use(SourceKind::kCRLServer, Wanted::kCRLs, "refused");
+    waitForTick();
+    use.refused({.failure = Failure::kScheme});
+  }
+  EXPECT_EQ(uses().back().taken.count(), 0);
+  {
+    SourceUse use(SourceKind::kCRLServer, Wanted::kCRLs, "asked");
+    waitForTick();
+    use.failed({.reason = "no answer"});
+  }
+  EXPECT_GE(uses().back().taken, std::chrono::milliseconds(1));
+}
 
 TEST(SourceRecord, OutsideOfARun_NothingIsRecorded) {
   EXPECT_EQ(SourceRecord::current(), nullptr);
