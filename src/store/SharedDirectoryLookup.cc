@@ -6,6 +6,8 @@
 #include "store/HashedFile.h"
 #include "store/Lending.h"
 
+#include <openssl/crypto.h>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -116,17 +118,25 @@ class DirectoryQuestion {
     if (!hash) return false;
     hash_ = *hash;
     return std::any_of(directories.begin(), directories.end(), [&](Directory& directory) {
-      load(directory);
-      return takeFromStore();
+      const bool isRead = load(directory) > 0;
+      return (isRead || looksAfterNoFile()) && takeFromStore();
     });
   }
 
  private:
-  // Adds what the files of the name hold to the store.
-  void load(Directory& directory) const {
+  // OpenSSL 3.0 looks for what stands before the fault of a first file that is damaged. 3.5 does not, and
+  // finds nothing there.
+  static bool looksAfterNoFile() noexcept {
+    constexpr unsigned long kFirstAfter30 = 0x30100000;
+    return OpenSSL_version_num() < kFirstAfter30;
+  }
+
+  // Adds what the files of the name hold to the store. How many there are.
+  int load(Directory& directory) const {
     int number = firstOf(directory);
     while (loadFile(pathIn(directory, number), directory.fileType)) ++number;
     if (type_ == X509_LU_CRL && number > 0) directory.readCRLs[hash_] = number;
+    return number;
   }
 
   // False when there is none, or something is wrong with it.
