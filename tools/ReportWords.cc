@@ -228,13 +228,13 @@ std::string durationText(std::int64_t seconds) {
     const char* one;
     const char* more;
   };
-  static constexpr Unit kUnits[] = {{86400, "day", "days"},
-                                    {3600, "hour", "hours"},
-                                    {60, "minute", "minutes"},
-                                    {1, "second", "seconds"}};
+  static constexpr Unit kUnitsInWords[] = {{86400, "day", "days"},
+                                           {3600, "hour", "hours"},
+                                           {60, "minute", "minutes"},
+                                           {1, "second", "seconds"}};
   const std::uint64_t magnitude =
       seconds < 0 ? -static_cast<std::uint64_t>(seconds) : static_cast<std::uint64_t>(seconds);
-  for (const Unit& unit : kUnits) {
+  for (const Unit& unit : kUnitsInWords) {
     if (const std::uint64_t count = magnitude / unit.seconds; count > 0) {
       return counted(count, unit.one, unit.more);
     }

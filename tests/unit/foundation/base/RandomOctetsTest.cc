@@ -27,7 +27,5 @@ TEST(RandomOctets, NothingBehindThem_IsTouched) {
   }
 }
 
-TEST(RandomOctets, MemoryThatIsNone_IsAFailure) { EXPECT_FALSE(fillWithRandom(nullptr, 8)); }
-
 }  // namespace
 }  // namespace Velantrix
