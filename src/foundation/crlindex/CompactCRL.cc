@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -259,9 +260,10 @@ CompactCRL::Found CompactCRL::find(const ASN1_INTEGER* serial, const X509_NAME* 
   constexpr int kMostHeader = 2;
   std::array<unsigned char, kMostSerialOctets + kMostHeader> encoded{};
   const int size = i2d_ASN1_INTEGER(serial, nullptr);
+  if (size < 0) throw std::bad_alloc();
   if (size <= kMostHeader || static_cast<std::size_t>(size) > encoded.size()) return {};
   unsigned char* end = encoded.data();
-  if (i2d_ASN1_INTEGER(serial, &end) != size) return {};
+  if (i2d_ASN1_INTEGER(serial, &end) != size) throw std::bad_alloc();
   const std::string_view content = between(encoded.data() + kMostHeader, encoded.data() + size);
 
   std::uint32_t first = 0;
@@ -273,13 +275,18 @@ CompactCRL::Found CompactCRL::find(const ASN1_INTEGER* serial, const X509_NAME* 
   if (first == 0) return {};
   CRLEntry entry;
   const unsigned char* const begin = octets_.data();
-  if (!readCRLEntry(begin + first, begin + octets_.size(), entry)) return {};
-  return {entryAt(first), entry.reason == kRemoveFromCRL};
+  const bool removed =
+      readCRLEntry(begin + first, begin + octets_.size(), entry) && entry.reason == kRemoveFromCRL;
+  return {entryAt(first), removed};
 }
 
 Owned<X509_REVOKED> CompactCRL::entryAt(std::uint32_t position) const {
   const unsigned char* place = octets_.data() + position;
-  return decodeNext(d2i_X509_REVOKED, place, octets_.data() + octets_.size());
+  Owned<X509_REVOKED> entry = decodeNext(d2i_X509_REVOKED, place, octets_.data() + octets_.size());
+  // OpenSSL reads every entry that is kept here. What it lacks is memory, though it does not always say so
+  // (3.5 with an allocator of the program's); and an entry that is there must not count as none.
+  if (entry == nullptr) throw std::bad_alloc();
+  return entry;
 }
 
 std::uint32_t CompactCRL::after(std::uint32_t position) const noexcept {
