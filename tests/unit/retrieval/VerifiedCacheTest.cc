@@ -635,10 +635,11 @@ TEST_F(VerifiedCacheWriters, WriterThatIsKilled_LeavesAWholeFileAndNothingOlder)
   constexpr int kRounds = 200;
   make(64);
   std::mt19937 random(20260131);
-  std::uniform_int_distribution<int> microseconds(0, 1500);
+  int most = 1500;  // microseconds; more where a writer has not begun to write by then
   int leftovers = 0;
   int last = 0;
   for (int round = 0; round < kRounds; ++round) {
+    if (leftovers == 0) most += 100;
     const pid_t writer = fork();
     ASSERT_GE(writer, 0);
     if (writer == 0) {
@@ -651,7 +652,8 @@ TEST_F(VerifiedCacheWriters, WriterThatIsKilled_LeavesAWholeFileAndNothingOlder)
       }
     }
     // Not to wait for anything: it may be at any step when it dies.
-    std::this_thread::sleep_for(std::chrono::microseconds(microseconds(random)));
+    std::this_thread::sleep_for(
+        std::chrono::microseconds(std::uniform_int_distribution(0, most)(random)));
     kill(writer, SIGKILL);
     ASSERT_EQ(collect(writer), 128 + SIGKILL);
     const int now = held();
