@@ -65,7 +65,7 @@ class CompactCRL {
   bool has(Trait trait) const noexcept { return first_[trait] != 0; }
   /// Where it stands; entries are compared by it.
   std::uint32_t firstWith(Trait trait) const noexcept { return first_[trait]; }
-  /// The entry that begins there.
+  /// The entry that begins there, never null: it has been read before.
   /// @throws std::bad_alloc
   Owned<X509_REVOKED> entryAt(std::uint32_t position) const;
 
